@@ -1,0 +1,18 @@
+# Targets that carry options to whoever links them. Nothing here is global.
+
+add_library(korvex_warnings INTERFACE)
+target_compile_options(korvex_warnings INTERFACE
+  -Wall -Wextra -Wconversion -Wshadow $<$<BOOL:${KORVEX_WERROR}>:-Werror>)
+
+add_library(korvex_sanitizers INTERFACE)
+if(KORVEX_SANITIZE)
+  target_compile_options(korvex_sanitizers INTERFACE
+    -fsanitize=${KORVEX_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  target_link_options(korvex_sanitizers INTERFACE -fsanitize=${KORVEX_SANITIZE})
+endif()
+
+# What every target of this project is built with. Linked privately, so that it reaches no consumer.
+add_library(korvex_options INTERFACE)
+target_link_libraries(korvex_options INTERFACE
+  $<BUILD_INTERFACE:korvex_warnings> $<BUILD_INTERFACE:korvex_sanitizers>)
+target_compile_features(korvex_options INTERFACE cxx_std_17)
