@@ -1,0 +1,39 @@
+#ifndef QMX_ERROR_H
+#define QMX_ERROR_H
+
+#include <cstdint>
+#include <exception>
+#include <string>
+
+#include "qmx/Export.h"
+
+/// The platform's status code. 0 is success; every component keeps its own table of the others.
+using ov_status_t = std::uint32_t;
+
+/// The platform's exception: a status for programs, a text for people, and where it arose.
+///
+/// Its type information lives in the platform's shared library, so one catch clause serves every
+/// component of a process.
+class QMX_EXPORT Ov_ErrnoException : public std::exception {
+ public:
+  Ov_ErrnoException(ov_status_t status, const std::string& message, const std::string& location);
+  Ov_ErrnoException(const Ov_ErrnoException&);
+  Ov_ErrnoException& operator=(const Ov_ErrnoException&);
+  ~Ov_ErrnoException() noexcept override;
+
+  ov_status_t getStatus() const noexcept { return status_; }
+  const std::string& getMessage() const noexcept { return message_; }
+
+  /// Where the error arose; empty when the thrower does not say.
+  const std::string& getLocation() const noexcept { return location_; }
+
+  /// The message. Valid as long as the exception.
+  const char* what() const noexcept override;
+
+ private:
+  ov_status_t status_;
+  std::string message_;
+  std::string location_;
+};
+
+#endif

@@ -1,0 +1,16 @@
+#ifndef QMX_LOG_H
+#define QMX_LOG_H
+
+#include "qmx/trace.h"
+
+extern "C" {
+
+/// Each writes one line at its level. `code` is the caller's message number; -1 says that it has
+/// none. The format and its arguments are printf's.
+QMX_EXPORT void InfoA(int code, const char* format, ...) QMX_PRINTF_FORMAT(2, 3);
+QMX_EXPORT void AuthA(int code, const char* format, ...) QMX_PRINTF_FORMAT(2, 3);
+QMX_EXPORT void WarningA(int code, const char* format, ...) QMX_PRINTF_FORMAT(2, 3);
+QMX_EXPORT void ErrorA(int code, const char* format, ...) QMX_PRINTF_FORMAT(2, 3);
+}
+
+#endif

@@ -1,0 +1,49 @@
+#ifndef QMX_TRACE_H
+#define QMX_TRACE_H
+
+#include <cstdint>
+
+#include "qmx/Export.h"
+
+#if defined(__GNUC__)
+#define QMX_PRINTF_FORMAT(formatIndex, firstArgument) \
+  __attribute__((format(printf, formatIndex, firstArgument)))
+#else
+#define QMX_PRINTF_FORMAT(formatIndex, firstArgument)
+#endif
+
+extern "C" {
+
+/// Where the process's trace-enabled flag lives: 0 is off, anything else is on. The address never
+/// changes, the flag may at any time and from any thread; read it again before each line.
+QMX_EXPORT std::uint32_t* __qmxlog_trace_location();
+
+/// Writes one trace line. Does not look at the flag: callers do, before they build anything.
+QMX_EXPORT void __TraceA(const char* format, ...) QMX_PRINTF_FORMAT(1, 2);
+}
+
+/// Traces entering and leaving a scope. While tracing is off it costs one flag read and builds
+/// nothing. A scope that was entered untraced is left untraced.
+class AutoTrace {
+ public:
+  /// Keeps the pointer, so the name must outlive the scope; a string literal does.
+  explicit AutoTrace(const char* name) : name_(nullptr) {
+    if (*__qmxlog_trace_location() != 0) enter(name);
+  }
+  ~AutoTrace() {
+    if (name_ != nullptr) leave();
+  }
+  AutoTrace(const AutoTrace&) = delete;
+  AutoTrace& operator=(const AutoTrace&) = delete;
+
+ private:
+  void enter(const char* name) {
+    name_ = name;
+    __TraceA("%s: enter", name);
+  }
+  void leave() { __TraceA("%s: leave", name_); }
+
+  const char* name_;
+};
+
+#endif
