@@ -1,0 +1,169 @@
+#include "korvex/ShmBatch.h"
+
+#include <cstring>
+#include <ostream>
+#include <sstream>
+
+#include <qmx/trace.h>
+
+#include "support/Adler32.h"
+#include "support/BigEndian.h"
+#include "support/Status.h"
+#include "support/Text.h"
+
+namespace korvex {
+namespace {
+
+constexpr std::uint32_t kMetaDataMagic = 0xff00ee11;
+constexpr unsigned long kMetaDataSize = 8;
+
+/// Bytes that an entry takes. 64-bit: `len` may be anything up to 2^32 - 1 and must not wrap.
+std::uint64_t sizeOf(const ShmBatch::Entry& entry) {
+  return std::uint64_t{entry.header.len} + qmx_shm_message_t::getSerializedSize();
+}
+
+/// Reads the entry at `position` and moves the position past it.
+ShmBatch::Entry takeEntry(const unsigned char*& position, qmx_shm_message_t& header) {
+  const unsigned char* const data = header.deserializeFromBuffer(position);
+  position = data + header.len;
+  return ShmBatch::Entry(header, header.len != 0 ? data : nullptr);
+}
+
+void printEntry(std::ostream& stream, const ShmBatch::Entry& entry) {
+  stream << "type=" << entry.header.type << ", len=" << entry.header.len;
+  if (entry.header.len != 0) stream << ", crc=" << adler32(entry.data, entry.header.len);
+}
+
+/// Plain digits need a stream of the library's own; the caller's flags and locale stay out of it.
+std::ostringstream plainStream() {
+  std::ostringstream stream;
+  stream.imbue(std::locale::classic());
+  return stream;
+}
+
+std::ostream& writeTo(std::ostream& stream, const std::string& text) {
+  return stream.write(text.data(), static_cast<std::streamsize>(text.size()));
+}
+
+}  // namespace
+
+ShmBatch::MetaData::MetaData() : magic(kMetaDataMagic), numEntries(0) {}
+
+unsigned long ShmBatch::MetaData::getSerializedSize() { return kMetaDataSize; }
+
+unsigned char* ShmBatch::MetaData::serializeToBuffer(unsigned char* buffer) const {
+  return putBig32(putBig32(buffer, magic), numEntries);
+}
+
+const unsigned char* ShmBatch::MetaData::deserializeFromBuffer(const unsigned char* buffer) {
+  buffer = getBig32(getBig32(buffer, magic), numEntries);
+  if (magic != kMetaDataMagic) {
+    throwError(kStatusCorrupt, "Could not deserialize ShmBatch::MetaData from",
+               " buffer because the magic value ", magic, " is corrupt (expected=", kMetaDataMagic,
+               ")");
+  }
+  return buffer;
+}
+
+ShmBatch::Entry::Entry(const qmx_shm_message_t& entryHeader, const unsigned char* entryData)
+    : header(entryHeader), data(entryData) {}
+
+ShmBatch::Entry::Entry(const unsigned char* entryData) : data(entryData) {
+  header.segmentEmpty = 0;
+  header.magic = 0;
+}
+
+ShmBatch::ShmBatch(unsigned long size)
+    : bufferSize(size), raw(nullptr), usedSize(kMetaDataSize), writePos(nullptr) {
+  // Traced before the check, so that the log shows the size that was refused.
+  if (*__qmxlog_trace_location() != 0) {
+    __TraceA("%s: bufferSize=%u", "ShmBatch", static_cast<unsigned int>(size));
+  }
+  validBufferSizeAssert(size);
+  raw = new unsigned char[size]();
+  metaData.serializeToBuffer(raw);
+  writePos = raw + kMetaDataSize;
+}
+
+ShmBatch::~ShmBatch() { delete[] raw; }
+
+void ShmBatch::validBufferSizeAssert(unsigned long size) {
+  // The metadata block alone is enough. A batch that can hold no entry is allowed.
+  if (size < kMetaDataSize) {
+    throwError(kStatusInvalidArgument, "Buffer size ", size,
+               " is invalid because it is smaller than the minimum required buffer size of ",
+               kMetaDataSize);
+  }
+}
+
+bool ShmBatch::canStore(const Entry& entry) const { return sizeOf(entry) <= bufferSize - usedSize; }
+
+void ShmBatch::pushBack(const Entry& entry) {
+  if (!canStore(entry)) {
+    throwError(kStatusNoRoom,
+               "Could not add new batch entry because there is no room for it in the buffer");
+  }
+  // The header goes in before the data pointer is checked. A refused entry thus leaves 48 stray
+  // bytes behind the used part; the next entry overwrites them.
+  unsigned char* const data = entry.header.serializeToBuffer(writePos);
+  const std::uint32_t length = entry.header.len;
+  if (length != 0) {
+    if (entry.data == nullptr) {
+      throwError(kStatusInvalidArgument, "Invalid header; the specified length of data is ", length,
+                 " but the data pointer is NULL");
+    }
+    std::memcpy(data, entry.data, length);
+  }
+  writePos = data + length;
+  usedSize += sizeOf(entry);
+  ++metaData.numEntries;
+  metaData.serializeToBuffer(raw);
+}
+
+ShmBatch::Entry ShmBatch::getEntry(unsigned long index) const {
+  if (index >= metaData.numEntries) {
+    throwError(kStatusInvalidArgument, "Cannot get entry because specified index ", index,
+               " is outside the range of available entries ", metaData.numEntries);
+  }
+  const unsigned char* position = raw + kMetaDataSize;
+  qmx_shm_message_t header;
+  for (unsigned long i = 0; i < index; ++i) takeEntry(position, header);
+  return takeEntry(position, header);
+}
+
+void ShmBatch::getEntriesFromBuffer(std::queue<Entry>& entries, const unsigned char* buffer,
+                                    unsigned long size) {
+  validBufferSizeAssert(size);
+  MetaData found;
+  const unsigned char* position = found.deserializeFromBuffer(buffer);
+  // Only now: a buffer that is no batch at all leaves the caller's queue alone.
+  entries = std::queue<Entry>();
+  qmx_shm_message_t header;
+  for (std::uint32_t i = 0; i < found.numEntries; ++i) entries.push(takeEntry(position, header));
+}
+
+void ShmBatch::clear() {
+  usedSize = kMetaDataSize;
+  metaData.numEntries = 0;
+  writePos = raw + kMetaDataSize;
+  metaData.serializeToBuffer(raw);
+}
+
+std::ostream& operator<<(std::ostream& stream, const ShmBatch::Entry& entry) {
+  std::ostringstream text = plainStream();
+  printEntry(text, entry);
+  return writeTo(stream, text.str());
+}
+
+std::ostream& operator<<(std::ostream& stream, const ShmBatch& batch) {
+  std::ostringstream text = plainStream();
+  text << "ShmBatch: entries=" << batch.getNumEntries() << ", bufferSize=" << batch.bufferSize
+       << ", used=" << batch.usedSize;
+  for (unsigned long i = 0; i < batch.getNumEntries(); ++i) {
+    text << ", [" << i << "]: ";
+    printEntry(text, batch.getEntry(i));
+  }
+  return writeTo(stream, text.str());
+}
+
+}  // namespace korvex
