@@ -1,0 +1,195 @@
+#include "shm/QueueView.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <utility>
+
+namespace korvex {
+namespace {
+
+// The object starts with a word that says how far its creator came; the queue's header follows.
+constexpr std::uint32_t kUninitialized = 0;
+constexpr std::uint32_t kInitializing = 1;
+constexpr std::uint32_t kInitialized = 2;
+
+constexpr std::size_t kInitWordOffset = 0;
+constexpr std::size_t kIndexPointerOffset = 16;
+constexpr std::size_t kMaxMessagesOffset = 24;
+constexpr std::size_t kMaxMessageSizeOffset = 32;
+constexpr std::size_t kMessagesOffset = 40;
+constexpr std::size_t kLockWordOffset = 48;
+constexpr std::size_t kLockOwnerOffset = 56;
+constexpr std::size_t kFirstMessageOffset = 184;
+constexpr std::size_t kHeaderEnd = 208;
+
+constexpr std::uint64_t kIndexPointer = 192;  // from the pointer itself to the header's end
+constexpr std::uint64_t kIndexEntrySize = 8;
+constexpr std::uint64_t kSlotHeaderSize = 16;
+constexpr std::uint64_t kSlotAlignment = 8;
+constexpr std::uint64_t kSmallestQueue = 240;  // one message of one byte
+constexpr std::size_t kLargestObject = std::numeric_limits<off_t>::max();
+
+/// The header's fields as one look found them.
+class Header {
+ public:
+  explicit Header(const unsigned char* untrusted) : bytes_(untrusted) {}
+
+  std::uint32_t word(std::size_t offset) const { return read<std::uint32_t>(offset); }
+  std::uint64_t size(std::size_t offset) const { return read<std::uint64_t>(offset); }
+
+ private:
+  template <typename Integer>
+  Integer read(std::size_t offset) const {
+    Integer value;
+    std::memcpy(&value, bytes_ + offset, sizeof value);
+    return value;
+  }
+
+  const unsigned char* bytes_;
+};
+
+bool isSound(const Header& header, std::uint64_t fileSize) {
+  const std::uint64_t messages = header.size(kMaxMessagesOffset);
+  return header.size(kIndexPointerOffset) == kIndexPointer &&
+         QueueView::fileSize(messages, header.size(kMaxMessageSizeOffset)) == fileSize &&
+         header.size(kMessagesOffset) <= messages && header.size(kFirstMessageOffset) < messages;
+}
+
+QueueView::State judge(const Header& header, std::uint64_t fileSize) {
+  switch (header.word(kInitWordOffset)) {
+    case kUninitialized:
+    case kInitializing:
+      return QueueView::State::Unfinished;
+    case kInitialized:
+      return isSound(header, fileSize) ? QueueView::State::Sound : QueueView::State::Damaged;
+    default:
+      return QueueView::State::Damaged;
+  }
+}
+
+/// Closes on every way out.
+class File {
+ public:
+  explicit File(const std::string& name) noexcept
+      // Writable, as the queue library opens it: what it may not open must not look reachable.
+      // Non-blocking, so that a pipe under the name does not hold the caller up.
+      : descriptor_(::shm_open(name.c_str(), O_RDWR | O_NONBLOCK, 0)) {}
+  ~File() {
+    if (isOpen()) ::close(descriptor_);
+  }
+  File(const File&) = delete;
+  File& operator=(const File&) = delete;
+
+  bool isOpen() const { return descriptor_ >= 0; }
+  int descriptor() const { return descriptor_; }
+
+ private:
+  int descriptor_;
+};
+
+}  // namespace
+
+QueueView::QueueView(const std::string& name) noexcept {
+  const File file(name);
+  if (file.isOpen()) {
+    look(file.descriptor());
+  } else {
+    systemError_ = errno;
+  }
+}
+
+QueueView::~QueueView() { release(); }
+
+QueueView::QueueView(QueueView&& other) noexcept { *this = std::move(other); }
+
+QueueView& QueueView::operator=(QueueView&& other) noexcept {
+  std::swap(state_, other.state_);
+  std::swap(systemError_, other.systemError_);
+  std::swap(maxMessages_, other.maxMessages_);
+  std::swap(maxMessageSize_, other.maxMessageSize_);
+  std::swap(device_, other.device_);
+  std::swap(inode_, other.inode_);
+  std::swap(window_, other.window_);
+  return *this;
+}
+
+void QueueView::release() noexcept {
+  if (window_ != nullptr) ::munmap(const_cast<unsigned char*>(window_), kHeaderEnd);
+}
+
+/// Reads, and maps only what is sound: a mapping of a file that is cut under it raises a signal,
+/// a read does not.
+void QueueView::look(int file) noexcept {
+  state_ = State::Damaged;
+  struct stat found = {};
+  if (::fstat(file, &found) != 0) {
+    systemError_ = errno;
+    return;
+  }
+  if (!S_ISREG(found.st_mode)) return;
+  const auto fileSize = static_cast<std::uint64_t>(found.st_size);
+  if (fileSize == 0) {
+    state_ = State::Unfinished;
+    return;
+  }
+  unsigned char bytes[kHeaderEnd] = {};
+  if (fileSize < kSmallestQueue || ::pread(file, bytes, kHeaderEnd, 0) != ssize_t{kHeaderEnd})
+    return;
+  const Header header(bytes);
+  state_ = judge(header, fileSize);
+  if (state_ != State::Sound) return;
+
+  void* const window = ::mmap(nullptr, kHeaderEnd, PROT_READ, MAP_SHARED, file, 0);
+  if (window == MAP_FAILED) {
+    state_ = State::Unreachable;
+    systemError_ = errno;
+    return;
+  }
+  window_ = static_cast<const unsigned char*>(window);
+  maxMessages_ = header.size(kMaxMessagesOffset);
+  maxMessageSize_ = header.size(kMaxMessageSizeOffset);
+  device_ = found.st_dev;
+  inode_ = found.st_ino;
+}
+
+bool QueueView::isStillNamed(const std::string& name) const noexcept {
+  const File file(name);
+  struct stat found = {};
+  return file.isOpen() && ::fstat(file.descriptor(), &found) == 0 && found.st_dev == device_ &&
+         found.st_ino == inode_;
+}
+
+std::size_t QueueView::fileSize(std::size_t messages, std::size_t messageSize) noexcept {
+  if (messages == 0 || messageSize == 0 || messageSize > kLargestObject) return 0;
+  const std::size_t padded = (messageSize + kSlotAlignment - 1) / kSlotAlignment * kSlotAlignment;
+  const std::size_t perMessage = kIndexEntrySize + kSlotHeaderSize + padded;
+  // Divides first: limits may come from a foreign object, and their product could wrap.
+  if (messages > (kLargestObject - kHeaderEnd) / perMessage) return 0;
+  return kHeaderEnd + messages * perMessage;
+}
+
+std::size_t QueueView::messages() const noexcept {
+  return __atomic_load_n(reinterpret_cast<const std::uint64_t*>(window_ + kMessagesOffset),
+                         __ATOMIC_ACQUIRE);
+}
+
+bool QueueView::looksLocked() const noexcept {
+  return __atomic_load_n(reinterpret_cast<const std::uint32_t*>(window_ + kLockWordOffset),
+                         __ATOMIC_ACQUIRE) != 0;
+}
+
+bool QueueView::isLockOwnerGone() const noexcept {
+  const auto owner =
+      __atomic_load_n(reinterpret_cast<const pid_t*>(window_ + kLockOwnerOffset), __ATOMIC_ACQUIRE);
+  return looksLocked() && owner > 0 && ::kill(owner, 0) != 0 && errno == ESRCH;
+}
+
+}  // namespace korvex

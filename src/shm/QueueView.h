@@ -1,0 +1,77 @@
+#ifndef KORVEX_SHM_QUEUE_VIEW_H
+#define KORVEX_SHM_QUEUE_VIEW_H
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <string>
+
+namespace korvex {
+
+/// What can be seen of a queue's shared memory without touching its lock.
+///
+/// The queue library opens whatever lies under a name: it waits for ever for a half-made object and
+/// maps a cut one, to crash later. So the object is looked at first. The layout is the one that the
+/// library has had, unchanged, from release 1.63 to 1.81 on x86-64.
+///
+/// A live view can also tell how full the queue looks. That is a hint and may be old when it is
+/// read: good for deciding when to try, never a reason to believe that something happened.
+class QueueView {
+ public:
+  enum class State {
+    Unreachable,  ///< cannot be opened: absent, forbidden, a bad name; systemError() says why
+    Unfinished,   ///< looks like a queue that its creator is still making
+    Damaged,      ///< nothing that the queue library could use
+    Sound
+  };
+
+  /// Looks at nothing: unreachable.
+  QueueView() noexcept = default;
+
+  /// Looks at the object now, and keeps a read-only window on it when it is sound. Never throws,
+  /// never waits.
+  explicit QueueView(const std::string& name) noexcept;
+  ~QueueView();
+  QueueView(QueueView&& other) noexcept;
+  QueueView& operator=(QueueView&& other) noexcept;
+
+  State state() const noexcept { return state_; }
+
+  /// The errno of a failed open or look, else 0.
+  int systemError() const noexcept { return systemError_; }
+
+  /// Limits as they were at the first look. 0 unless sound.
+  std::size_t maxMessages() const noexcept { return maxMessages_; }
+  std::size_t maxMessageSize() const noexcept { return maxMessageSize_; }
+
+  /// Whether `name` still leads to the object that was looked at. False once its owner removed or
+  /// replaced it: what is sent to it then is read by nobody.
+  bool isStillNamed(const std::string& name) const noexcept;
+
+  /// The size of a queue's object with these limits, in bytes; 0 when that is none or too much.
+  static std::size_t fileSize(std::size_t messages, std::size_t messageSize) noexcept;
+
+  // Hints, each one plain read of shared memory. Only while the state is sound.
+  std::size_t messages() const noexcept;
+  bool looksFull() const noexcept { return messages() >= maxMessages_; }
+  bool looksLocked() const noexcept;
+
+  /// Whether the lock is held by a thread that no longer lives in this process's PID namespace.
+  bool isLockOwnerGone() const noexcept;
+
+ private:
+  void look(int file) noexcept;
+  void release() noexcept;
+
+  State state_ = State::Unreachable;
+  int systemError_ = 0;
+  std::size_t maxMessages_ = 0;
+  std::size_t maxMessageSize_ = 0;
+  dev_t device_ = 0;
+  ino_t inode_ = 0;
+  const unsigned char* window_ = nullptr;  ///< the queue's header, mapped read-only; owned
+};
+
+}  // namespace korvex
+
+#endif
