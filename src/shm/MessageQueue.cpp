@@ -1,0 +1,184 @@
+#include "shm/MessageQueue.h"
+
+// A lock that a dead process kept must not hold this one up for ever. The macro is a matter of the
+// whole library: every unit that includes the queue library must agree on it, and this is the one.
+#define BOOST_INTERPROCESS_ENABLE_TIMEOUT_WHEN_LOCKING
+#define BOOST_INTERPROCESS_TIMEOUT_WHEN_LOCKING_DURATION_MS korvex::kLockSlice.count()
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <exception>
+#include <utility>
+
+namespace korvex {
+
+/// How long one attempt may wait for the lock. The wait for room is made of such attempts, so this
+/// is also how far it can overrun its deadline. A healthy peer holds the lock for microseconds.
+constexpr std::chrono::milliseconds kLockSlice{20};
+
+}  // namespace korvex
+
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+#include <boost/interprocess/ipc/message_queue.hpp>
+#include <boost/version.hpp>
+
+#include "shm/Pause.h"
+
+static_assert(BOOST_VERSION >= 106300, "the queue's layout is known from Boost 1.63 on");
+
+namespace korvex {
+namespace {
+
+namespace ipc = boost::interprocess;
+
+constexpr std::chrono::milliseconds kLongestSleep{4};
+
+/// From this release on, a lock that was found broken is left alone. Before, it stays taken by the
+/// caller, and the thread's list of robust locks keeps pointing into the mapping.
+constexpr bool kBrokenLockPinsMapping = BOOST_VERSION < 107800;
+
+[[noreturn]] void throwSystemError(int number) {
+  throw ipc::interprocess_exception(ipc::error_info(number));
+}
+
+[[noreturn]] void throwDamaged() {
+  throw ipc::interprocess_exception(ipc::error_info(ipc::corrupted_error),
+                                    "the shared-memory object is not a sound message queue");
+}
+
+/// Gives the object its memory now. Shared memory is sparse otherwise, and the first process that
+/// touches a page which the system does not have is killed, with the lock in its hands.
+void reserve(const std::string& name, off_t size) {
+  const int file = ::shm_open(name.c_str(), O_RDWR, 0);
+  if (file < 0) throwSystemError(errno);
+  const int error = ::posix_fallocate(file, 0, size);
+  ::close(file);
+  if (error != 0) throwSystemError(error);
+}
+
+/// Whether there is room for `size` bytes, found by taking them for a moment under a name of its
+/// own. Creating a queue touches its pages, so it is too late to ask afterwards.
+void tryRoom(const std::string& name, off_t size) {
+  const std::string trial = name + ".room";
+  const int file = ::shm_open(trial.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+  if (file < 0) throwSystemError(errno);
+  const int error = ::posix_fallocate(file, 0, size);
+  ::close(file);
+  ::shm_unlink(trial.c_str());
+  if (error != 0) throwSystemError(error);
+}
+
+off_t fileSizeOf(const MessageQueue::Limits& limits) {
+  return static_cast<off_t>(QueueView::fileSize(limits.messages, limits.messageSize));
+}
+
+}  // namespace
+
+struct MessageQueue::Transport {
+  template <typename... Arguments>
+  explicit Transport(Arguments&&... arguments) : queue(std::forward<Arguments>(arguments)...) {}
+
+  ipc::message_queue queue;
+  std::exception_ptr broken;  ///< what was thrown when the lock turned out to be broken
+};
+
+MessageQueue::MessageQueue(const std::string& name, Clock::time_point deadline) {
+  open(name, deadline);
+}
+
+MessageQueue::MessageQueue(const std::string& name, Limits limits, mode_t mode) {
+  const off_t size = fileSizeOf(limits);
+  if (size == 0) throw ipc::interprocess_exception(ipc::error_info(ipc::size_error));
+  tryRoom(name, size);
+  const ipc::permissions permissions(static_cast<int>(mode));
+  try {
+    transport_ = std::make_unique<Transport>(ipc::create_only, name.c_str(), limits.messages,
+                                             limits.messageSize, permissions);
+    reserve(name, size);
+    view_ = QueueView(name);
+    if (view_.state() != QueueView::State::Sound) throwDamaged();
+  } catch (const ipc::interprocess_exception& error) {
+    // The library leaves what it could not finish; somebody else's object stays alone.
+    if (error.get_error_code() != ipc::already_exists_error) remove(name);
+    throw;
+  }
+}
+
+MessageQueue::~MessageQueue() {
+  // Unmapping would leave the thread with a dangling lock; the next robust lock it takes crashes.
+  if (kBrokenLockPinsMapping && transport_ != nullptr && transport_->broken) {
+    static_cast<void>(transport_.release());
+  }
+}
+
+void MessageQueue::open(const std::string& name, Clock::time_point deadline) {
+  Pause pause(kLongestSleep);
+  for (;;) {
+    view_ = QueueView(name);
+    if (view_.state() == QueueView::State::Unreachable) throwSystemError(view_.systemError());
+    if (view_.state() == QueueView::State::Damaged) throwDamaged();
+    if (view_.state() == QueueView::State::Sound) {
+      transport_ = std::make_unique<Transport>(ipc::open_only, name.c_str());
+      // The library opens by name; only what the view holds has been looked at.
+      if (view_.isStillNamed(name)) return;
+      transport_.reset();
+    }
+    if (Clock::now() >= deadline) throwDamaged();
+    pause.wait(deadline);
+  }
+}
+
+/// Runs one operation that takes the lock, and sorts its errors: a lock that is merely taken is an
+/// outcome, everything else passes.
+template <typename Operation>
+MessageQueue::Outcome MessageQueue::attempt(Operation operation) {
+  if (transport_->broken) std::rethrow_exception(transport_->broken);
+  try {
+    return operation(transport_->queue) ? Outcome::Done : Outcome::NotReady;
+  } catch (const ipc::lock_exception&) {
+    transport_->broken = std::current_exception();
+    throw;
+  } catch (const ipc::interprocess_exception& error) {
+    if (error.get_error_code() != ipc::timeout_when_locking_error) throw;
+    return Outcome::LockTaken;
+  }
+}
+
+MessageQueue::Outcome MessageQueue::trySend(const void* data, std::size_t size, unsigned priority) {
+  return attempt([&](ipc::message_queue& queue) { return queue.try_send(data, size, priority); });
+}
+
+MessageQueue::Outcome MessageQueue::tryReceive(void* buffer, std::size_t capacity,
+                                               std::size_t& size) {
+  return attempt([&](ipc::message_queue& queue) {
+    ipc::message_queue::size_type received = 0;
+    unsigned priority = 0;
+    const bool taken = queue.try_receive(buffer, capacity, received, priority);
+    if (taken) size = received;
+    return taken;
+  });
+}
+
+bool MessageQueue::sendBefore(const void* data, std::size_t size, unsigned priority,
+                              Clock::time_point deadline) {
+  Pause pause(kLongestSleep);
+  while (trySend(data, size, priority) != Outcome::Done) {
+    if (Clock::now() >= deadline) return false;
+    // The look without the lock spares the daemon a fight for it. It may be old, so the loop ends
+    // with an attempt whatever it says.
+    do {
+      pause.wait(deadline);
+    } while ((view_.looksFull() || view_.looksLocked()) && Clock::now() < deadline);
+  }
+  return true;
+}
+
+bool MessageQueue::remove(const std::string& name) noexcept {
+  return ipc::message_queue::remove(name.c_str());
+}
+
+}  // namespace korvex
