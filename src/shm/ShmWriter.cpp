@@ -1,0 +1,285 @@
+#include "korvex/ShmWriter.h"
+
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+
+#include <qmx/log.h>
+#include <qmx/trace.h>
+
+#include "shm/MessageQueue.h"
+#include "support/Status.h"
+#include "support/Text.h"
+
+namespace korvex {
+namespace {
+
+constexpr std::uint32_t kTypeOpen = 0;
+constexpr std::uint32_t kTypeSegmentData = 1;
+constexpr std::uint32_t kTypeSegmentEnd = 2;
+constexpr std::uint32_t kTypeClose = 3;
+constexpr std::uint32_t kTypeStop = 4;
+
+constexpr unsigned int kMinTimeout = 1;
+constexpr unsigned int kMaxTimeout = 86400;
+constexpr unsigned int kSendPriority = 1;
+constexpr int kNoMessageCode = -1;
+
+// The process that takes the batches, as the timeout's text names it.
+const std::string KorvexdProcessName = "korvexd";
+
+bool isTracing() { return *__qmxlog_trace_location() != 0; }
+
+std::uint32_t low32(std::uint64_t value) { return static_cast<std::uint32_t>(value); }
+
+/// The moment `timeout` seconds after the current whole second of UTC. The cut to the second makes
+/// a wait up to one second shorter than asked for, and the signed count makes a timeout above
+/// 2147483647 a deadline in the past; both are how deadlines here have always been counted.
+///
+/// Told on the steady clock, so that a clock that is set meanwhile does not move it.
+MessageQueue::Clock::time_point deadlineAfter(unsigned int timeout) {
+  namespace time = boost::posix_time;
+  const time::ptime deadline =
+      time::second_clock::universal_time() + time::seconds(static_cast<std::int32_t>(timeout));
+  const time::time_duration left = deadline - time::microsec_clock::universal_time();
+  return MessageQueue::Clock::now() + std::chrono::microseconds(left.total_microseconds());
+}
+
+}  // namespace
+
+void validateTimeout(unsigned int timeout) {
+  if (timeout < kMinTimeout) {
+    throwError(kStatusInvalidArgument, "Invalid timeout, specified value ", timeout,
+               " was less than minimum allowed value of ", kMinTimeout);
+  }
+  if (timeout > kMaxTimeout) {
+    throwError(kStatusInvalidArgument, "Invalid timeout, specified value ", timeout,
+               " was more than maximum allowed value of ", kMaxTimeout);
+  }
+}
+
+std::string getMessageQueueResponseName(const std::string& msgQueueName) {
+  return msgQueueName + "Response";
+}
+
+ShmWriter::ShmWriter(const std::string& streamName, const std::string& queueName,
+                     unsigned int sendTimeout, unsigned int stopSendTimeout, bool benchmark)
+    : ChannelWriter(streamName),
+      msgQueueName(queueName),
+      timeout(sendTimeout),
+      stopTimeout(stopSendTimeout),
+      perfBenchmarkEnabled(benchmark),
+      lastHeaderType(kTypeStop),
+      firstSegment(true),
+      lastSegState(KORVEX_SEG_STATE_LIMITED),
+      segState(KORVEX_SEG_STATE_LIMITED),
+      segAlgParam1(0),
+      segAlgParam2(0),
+      segAlgParam3(0) {
+  const AutoTrace trace("ShmWriter");
+  validateTimeout(timeout);
+  const auto deadline = MessageQueue::Clock::now() + std::chrono::seconds(timeout);
+  if (isTracing()) __TraceA("%s: opening send message queue", "ShmWriter");
+  sendQueue = std::make_unique<MessageQueue>(msgQueueName, deadline);
+  if (isTracing()) __TraceA("%s: opening message response queue", "ShmWriter");
+  responseQueue =
+      std::make_unique<MessageQueue>(getMessageQueueResponseName(msgQueueName), deadline);
+  if (isTracing()) __TraceA("%s: creating shm batch buffer", "ShmWriter");
+  batch = std::make_unique<ShmBatch>(sendQueue->maxMessageSize());
+}
+
+ShmWriter::~ShmWriter() {
+  const AutoTrace trace("~ShmWriter");
+  if (!isOpen) return;
+  try {
+    ShmWriter::close();
+  } catch (...) {
+    // Nobody is left to tell: destruction must go on.
+  }
+}
+
+void ShmWriter::open() {
+  const AutoTrace trace("open");
+  if (isOpen) return;
+  segmentHeader.type = kTypeOpen;
+  segmentHeader.len = 0;
+  segmentHeader.sequence = 0;
+  segmentHeader.segmentCount = 0;
+  segmentHeader.segmentEmpty = 1;
+  segmentHeader.segState = 0;
+  // Parameters 1 and 3 keep what the stream before left in them; readers rely on the second only.
+  segmentHeader.algParam2 = 0;
+  if (isTracing()) {
+    __TraceA("ShmWriter:open: korvex msgQueueName is %s ", msgQueueName.c_str());
+  }
+  write_data(&segmentHeader, nullptr, timeout, true);
+  // After the write, unlike every other record: the open record carries 0, the next one 2, and no
+  // record ever carries 1.
+  ++segmentHeader.sequence;
+  isOpen = true;
+}
+
+void ShmWriter::close() {
+  const AutoTrace trace("close");
+  if (!isOpen) return;
+  writeFinalRecord(kTypeClose, timeout);
+  isOpen = false;
+}
+
+void ShmWriter::stop(bool useStopTimeout) {
+  const AutoTrace trace("stop");
+  // Open or not, and without closing: a stop may be all that a failing producer still gets out.
+  writeFinalRecord(kTypeStop, useStopTimeout ? stopTimeout : timeout);
+}
+
+void ShmWriter::writeFinalRecord(std::uint32_t type, unsigned int recordTimeout) {
+  ++segmentHeader.sequence;
+  segmentHeader.type = type;
+  segmentHeader.len = 0;
+  fillAlgorithm();
+  write_data(&segmentHeader, nullptr, recordTimeout, true);
+  finishSegment();
+}
+
+void ShmWriter::fillAlgorithm() {
+  segmentHeader.segState = static_cast<std::uint32_t>(segState);
+  segmentHeader.algParam1 = low32(segAlgParam1);
+  segmentHeader.algParam2 = low32(segAlgParam2);
+  segmentHeader.algParam3 = low32(segAlgParam3);
+}
+
+/// Counts the segment that a record has just ended, if it had data.
+void ShmWriter::finishSegment() {
+  if (segmentHeader.segmentEmpty != 0) return;
+  ++segmentHeader.segmentCount;
+  segmentHeader.segmentEmpty = 1;
+}
+
+void ShmWriter::setSegmentAlg(korvex_seg_state_t state, unsigned long param1, unsigned long param2,
+                              unsigned long param3) {
+  segState = state;
+  segAlgParam1 = param1;
+  segAlgParam2 = param2;
+  segAlgParam3 = param3;
+}
+
+void ShmWriter::writeSegment(const unsigned char* data, unsigned long length) {
+  const AutoTrace trace("writeSegment");
+  if (!isOpen) {
+    throwError(kStatusWrongState, "Could not write segment data because ShmWriter is not open");
+  }
+  if (segState != KORVEX_SEG_STATE_LIMITED && segState != KORVEX_SEG_STATE_UNLIMITED) {
+    throwError(kStatusWrongState,
+               "Could not write segment data because wrong algorithm has been set");
+  }
+  // Nothing ever clears firstSegment, so streams may mix algorithms and the refusal is out of
+  // reach. Daemons have come to accept mixed streams; both the flag and the test stay as they are.
+  if (firstSegment) {
+    lastSegState = segState;
+  } else if (segState != lastSegState) {
+    throwError(kStatusDoesNotFit, "Could not write segment data for sequence ",
+               segmentHeader.sequence + 1, " because segment states are not homogeneous (",
+               "last state=", static_cast<std::int32_t>(lastSegState),
+               ", current state=", static_cast<std::int32_t>(segState), ")");
+  }
+  fillAlgorithm();
+  ++segmentHeader.sequence;
+  segmentHeader.type = kTypeSegmentData;
+  segmentHeader.len = low32(length);
+  if (segmentHeader.len != 0) segmentHeader.segmentEmpty = 0;
+  write_data(&segmentHeader, data, timeout, false);
+}
+
+void ShmWriter::endSegment() {
+  const AutoTrace trace("endSegment");
+  if (!isOpen) {
+    throwError(kStatusWrongState, "Could not end segment data because ShmWriter is not open");
+  }
+  // Whoever wrote the last record: a segment end written directly counts as well.
+  if (lastHeaderType == kTypeSegmentEnd) {
+    if (isTracing()) __TraceA("%s: ignoring redundant %u header", "endSegment", kTypeSegmentEnd);
+    return;
+  }
+  fillAlgorithm();
+  ++segmentHeader.sequence;
+  segmentHeader.type = kTypeSegmentEnd;
+  segmentHeader.len = 0;
+  write_data(&segmentHeader, nullptr, timeout, false);
+  finishSegment();
+}
+
+void ShmWriter::write_data(const qmx_shm_message_t* header, const unsigned char* data,
+                           unsigned int sendTimeout, bool flush) {
+  const AutoTrace trace("write_data");
+  if (isTracing()) {
+    __TraceA("%s: write header.type =%d, len=%d, timeout=%us", "write_data", header->type,
+             header->len, sendTimeout);
+  }
+  // Before the benchmark switch: a measured producer must fail where a real one would.
+  refuseOversized(*header);
+  if (perfBenchmarkEnabled) {
+    WarningA(kNoMessageCode,
+             "%s: KORVEX_PERF_BENCHMARK_ENABLED is set to 1. This backup will fail. Dumping data..",
+             "write_data");
+    return;
+  }
+  const ShmBatch::Entry entry(*header, data);
+  if (!batch->canStore(entry)) makeRoom(entry, sendTimeout);
+  batch->pushBack(entry);
+  lastHeaderType = header->type;
+  if (flush) flush_shm_buffer(sendTimeout);
+}
+
+void ShmWriter::refuseOversized(const qmx_shm_message_t& header) const {
+  if (header.len <= MAX_SEGMENT_SIZE || header.segState == KORVEX_SEG_STATE_UNLIMITED) return;
+  throwError(kStatusTooLarge, "Segment too large error.  Received segment of size ", header.len,
+             " bytes, but the maximum allowed segment size is ", MAX_SEGMENT_SIZE, " bytes");
+}
+
+/// Sends the batch, also an empty one, so that a record too large for any batch is preceded by
+/// everything before it.
+void ShmWriter::makeRoom(const ShmBatch::Entry& entry, unsigned int sendTimeout) {
+  flush_shm_buffer(sendTimeout);
+  if (batch->canStore(entry)) return;
+  throwError(kStatusDoesNotFit, "Could not fit header (type=", entry.header.type,
+             ") with data length ", entry.header.len,
+             " into the batch, even after batch has been flushed");
+}
+
+void ShmWriter::flush_shm_buffer(unsigned int sendTimeout) {
+  if (isTracing()) {
+    __TraceA("%s: Sending shm batch of %u", "flush_shm_buffer", batch->getNumEntries());
+  }
+  sendBatch(sendTimeout);
+  batch->clear();
+  raiseReply();
+}
+
+void ShmWriter::sendBatch(unsigned int sendTimeout) {
+  const auto deadline = deadlineAfter(sendTimeout);
+  if (sendQueue->sendBefore(batch->getRaw(), batch->getRawSize(), kSendPriority, deadline)) return;
+  throwError(kStatusTimedOut, "Timed out after waiting ", sendTimeout, "s to send data to ",
+             KorvexdProcessName, name.empty() ? "" : " on stream ", name);
+}
+
+/// Takes at most one reply. It may belong to an earlier batch: the daemon answers at its own pace.
+void ShmWriter::raiseReply() {
+  // A reply may be shorter than the record; what is missing must read as zero, not as the text of
+  // an earlier reply. And when none is there the last one stays.
+  qmx_shm_response_t received;
+  std::size_t size = 0;
+  // A lock that is taken is no reply: the batch is on its way, and the next flush finds the reply.
+  if (responseQueue->tryReceive(&received, sizeof received, size) != MessageQueue::Outcome::Done) {
+    return;
+  }
+  response = received;
+  if (response.status == 0) return;
+  // A daemon may use all 128 bytes of the text, without a NUL.
+  throw Ov_ErrnoException(
+      response.status,
+      std::string(response.message, strnlen(response.message, sizeof response.message)), "");
+}
+
+}  // namespace korvex
