@@ -1,33 +1,22 @@
 #include "shm/MessageQueue.h"
 
-// A lock that a dead process kept must not hold this one up for ever. The macro is a matter of the
-// whole library: every unit that includes the queue library must agree on it, and this is the one.
-#define BOOST_INTERPROCESS_ENABLE_TIMEOUT_WHEN_LOCKING
-#define BOOST_INTERPROCESS_TIMEOUT_WHEN_LOCKING_DURATION_MS korvex::kLockSlice.count()
-
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <exception>
-#include <utility>
-
-namespace korvex {
-
-/// How long one attempt may wait for the lock. The wait for room is made of such attempts, so this
-/// is also how far it can overrun its deadline. A healthy peer holds the lock for microseconds.
-constexpr std::chrono::milliseconds kLockSlice{20};
-
-}  // namespace korvex
-
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <boost/interprocess/ipc/message_queue.hpp>
 #include <boost/version.hpp>
+#include <cerrno>
+#include <exception>
+#include <utility>
 
 #include "shm/Pause.h"
 
+#ifndef BOOST_INTERPROCESS_ENABLE_TIMEOUT_WHEN_LOCKING
+#error "without the timeout a lock that a dead process kept holds every caller up for ever"
+#endif
 static_assert(BOOST_VERSION >= 106300, "the queue's layout is known from Boost 1.63 on");
 
 namespace korvex {
