@@ -1,0 +1,219 @@
+#include "shm/QueueView.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+
+#include "support/DaemonQueues.h"
+#include "support/SharedObject.h"
+
+using korvex::QueueView;
+using korvex_test::Bytes;
+using korvex_test::bytesOfFile;
+using korvex_test::bytesOfObject;
+using korvex_test::QueueLock;
+using korvex_test::RawQueue;
+using korvex_test::SharedObject;
+using korvex_test::uniqueQueueName;
+using State = QueueView::State;
+
+namespace korvex {
+std::ostream& operator<<(std::ostream& stream, QueueView::State state) {
+  static const char* const names[] = {"Unreachable", "Unfinished", "Damaged", "Sound"};
+  return stream << names[static_cast<int>(state)];
+}
+}  // namespace korvex
+
+namespace {
+
+constexpr off_t kIndexPointerAt = 16;
+constexpr off_t kMaxMessagesAt = 24;
+constexpr off_t kMaxMessageSizeAt = 32;
+constexpr off_t kMessagesAt = 40;
+constexpr off_t kFirstMessageAt = 184;
+
+/// The bytes of a fresh queue of 4 messages of 300 bytes.
+Bytes queueImage() {
+  const RawQueue queue(uniqueQueueName(), 4, 300);
+  return bytesOfObject(queue.name());
+}
+
+Bytes word(std::uint32_t value) {
+  Bytes bytes(sizeof value);
+  std::memcpy(bytes.data(), &value, sizeof value);
+  return bytes;
+}
+
+Bytes size(std::uint64_t value) {
+  Bytes bytes(sizeof value);
+  std::memcpy(bytes.data(), &value, sizeof value);
+  return bytes;
+}
+
+/// What a view makes of a sound queue's bytes after one field was overwritten.
+State afterChange(off_t offset, const Bytes& bytes) {
+  SharedObject object(uniqueQueueName(), queueImage());
+  object.write(offset, bytes);
+  return QueueView(object.name()).state();
+}
+
+}  // namespace
+
+TEST(QueueFileSize, FollowsTheMeasuredSizes) {
+  EXPECT_EQ(QueueView::fileSize(4, 132), 848u);
+  EXPECT_EQ(QueueView::fileSize(4, 300), 1520u);
+  EXPECT_EQ(QueueView::fileSize(1, 1), 240u);
+  EXPECT_EQ(QueueView::fileSize(3, 13), 328u);
+  EXPECT_EQ(QueueView::fileSize(10, 4096), 41408u);
+  EXPECT_EQ(QueueView::fileSize(64, 65536), 4196048u);
+}
+
+TEST(QueueFileSize, IsZeroForLimitsThatNoObjectCanHave) {
+  EXPECT_EQ(QueueView::fileSize(0, 100), 0u);
+  EXPECT_EQ(QueueView::fileSize(100, 0), 0u);
+  EXPECT_EQ(QueueView::fileSize(1, ~std::size_t{0}), 0u);
+  EXPECT_EQ(QueueView::fileSize(~std::size_t{0}, 1), 0u);
+  EXPECT_EQ(QueueView::fileSize(std::size_t{1} << 60, 8), 0u) << "the product wraps";
+}
+
+TEST(QueueView, TellsTheLimitsOfASoundQueue) {
+  const RawQueue queue(uniqueQueueName(), 5, 301);
+  const QueueView view(queue.name());
+  EXPECT_EQ(view.state(), State::Sound);
+  EXPECT_EQ(view.maxMessages(), 5u);
+  EXPECT_EQ(view.maxMessageSize(), 301u);
+  EXPECT_EQ(view.systemError(), 0);
+}
+
+TEST(QueueView, FollowsTheFillOfTheQueue) {
+  RawQueue queue(uniqueQueueName(), 2, 10);
+  const QueueView view(queue.name());
+  EXPECT_EQ(view.messages(), 0u);
+  queue.post("a", 1);
+  queue.post("b", 1);
+  EXPECT_EQ(view.messages(), 2u);
+  EXPECT_TRUE(view.looksFull());
+  queue.take();
+  EXPECT_FALSE(view.looksFull());
+}
+
+TEST(QueueView, SeesTheLockAndThatItsOwnerIsGone) {
+  const RawQueue queue(uniqueQueueName(), 2, 10);
+  const QueueView view(queue.name());
+  const QueueLock lock(queue.name());
+  EXPECT_FALSE(view.looksLocked());
+  lock.takeAndDie();
+  EXPECT_TRUE(view.looksLocked());
+  EXPECT_TRUE(view.isLockOwnerGone());
+}
+
+TEST(QueueView, KnowsALivingOwner) {
+  const RawQueue queue(uniqueQueueName(), 2, 10);
+  const QueueView view(queue.name());
+  const QueueLock lock(queue.name());
+  EXPECT_FALSE(view.isLockOwnerGone());
+  ::pthread_mutex_lock(lock.mutex());
+  EXPECT_TRUE(view.looksLocked());
+  EXPECT_FALSE(view.isLockOwnerGone());
+  ::pthread_mutex_unlock(lock.mutex());
+}
+
+TEST(QueueView, NoticesThatTheNameLeadsElsewhere) {
+  const std::string name = uniqueQueueName();
+  auto queue = std::make_unique<RawQueue>(name, 2, 10);
+  const QueueView view(name);
+  EXPECT_TRUE(view.isStillNamed(name));
+  queue.reset();
+  EXPECT_FALSE(view.isStillNamed(name));
+  queue = std::make_unique<RawQueue>(name, 2, 10);
+  EXPECT_FALSE(view.isStillNamed(name)) << "another object under the same name";
+}
+
+TEST(QueueView, MovesItsWindowAlong) {
+  RawQueue queue(uniqueQueueName(), 2, 10);
+  QueueView first(queue.name());
+  QueueView second = std::move(first);
+  queue.post("a", 1);
+  EXPECT_EQ(second.messages(), 1u);
+}
+
+TEST(QueueView, AcceptsQueuesOfRelease163) {
+  const std::string folder = KORVEX_TEST_DATA;
+  const SharedObject replies(uniqueQueueName(), bytesOfFile(folder + "/resp_n4_s132_two.img"));
+  const SharedObject batches(uniqueQueueName(), bytesOfFile(folder + "/req_n4_s300_empty.img"));
+  const QueueView replyView(replies.name());
+  EXPECT_EQ(replyView.state(), State::Sound);
+  EXPECT_EQ(replyView.messages(), 2u);
+  EXPECT_EQ(QueueView(batches.name()).state(), State::Sound);
+}
+
+TEST(QueueViewUntrusted, AbsentObjectIsUnreachable) {
+  const QueueView view(uniqueQueueName());
+  EXPECT_EQ(view.state(), State::Unreachable);
+  EXPECT_EQ(view.systemError(), ENOENT);
+}
+
+TEST(QueueViewUntrusted, UnusableNamesAreUnreachable) {
+  EXPECT_EQ(QueueView("a/b").systemError(), EINVAL);
+  EXPECT_EQ(QueueView(std::string(300, 'n')).systemError(), EINVAL);
+}
+
+TEST(QueueViewUntrusted, EveryCutOfAQueueIsRefused) {
+  const Bytes whole = queueImage();
+  SharedObject object(uniqueQueueName(), whole);
+  for (std::size_t left = whole.size(); left-- > 1;) {
+    object.resize(static_cast<off_t>(left));
+    ASSERT_EQ(QueueView(object.name()).state(), State::Damaged) << "cut after " << left;
+  }
+  object.resize(0);
+  EXPECT_EQ(QueueView(object.name()).state(), State::Unfinished);
+}
+
+TEST(QueueViewUntrusted, GrownQueueIsRefused) {
+  const Bytes whole = queueImage();
+  SharedObject object(uniqueQueueName(), whole);
+  object.resize(static_cast<off_t>(whole.size()) + 1);
+  EXPECT_EQ(QueueView(object.name()).state(), State::Damaged);
+}
+
+TEST(QueueViewUntrusted, InitWordDecidesWhoIsStillBeingMade) {
+  EXPECT_EQ(afterChange(0, word(0)), State::Unfinished);
+  EXPECT_EQ(afterChange(0, word(1)), State::Unfinished);
+  EXPECT_EQ(afterChange(0, word(2)), State::Sound);
+  EXPECT_EQ(afterChange(0, word(3)), State::Damaged);
+  EXPECT_EQ(afterChange(0, word(77)), State::Damaged);
+}
+
+TEST(QueueViewUntrusted, ImpossibleFieldsAreRefused) {
+  EXPECT_EQ(afterChange(kIndexPointerAt, size(191)), State::Damaged);
+  EXPECT_EQ(afterChange(kMaxMessagesAt, size(0)), State::Damaged);
+  EXPECT_EQ(afterChange(kMaxMessagesAt, size(5)), State::Damaged);
+  EXPECT_EQ(afterChange(kMaxMessageSizeAt, size(0)), State::Damaged);
+  EXPECT_EQ(afterChange(kMaxMessageSizeAt, size(~std::uint64_t{0})), State::Damaged);
+  EXPECT_EQ(afterChange(kMessagesAt, size(4)), State::Sound);
+  EXPECT_EQ(afterChange(kMessagesAt, size(5)), State::Damaged);
+  EXPECT_EQ(afterChange(kFirstMessageAt, size(3)), State::Sound);
+  EXPECT_EQ(afterChange(kFirstMessageAt, size(4)), State::Damaged);
+}
+
+TEST(QueueViewUntrusted, PipeUnderTheNameIsRefusedWithoutWaiting) {
+  const std::string name = uniqueQueueName();
+  const std::string path = "/dev/shm/" + name;
+  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+  EXPECT_EQ(QueueView(name).state(), State::Damaged);
+  ::unlink(path.c_str());
+}
+
+TEST(QueueViewUntrusted, FolderAndLinkUnderTheNameAreUnreachable) {
+  const std::string name = uniqueQueueName();
+  const std::string path = "/dev/shm/" + name;
+  ASSERT_EQ(::mkdir(path.c_str(), 0700), 0);
+  EXPECT_EQ(QueueView(name).systemError(), EINVAL);
+  ::rmdir(path.c_str());
+
+  const RawQueue target(uniqueQueueName(), 2, 10);
+  ASSERT_EQ(::symlink(("/dev/shm/" + target.name()).c_str(), path.c_str()), 0);
+  EXPECT_EQ(QueueView(name).systemError(), ELOOP);
+  ::unlink(path.c_str());
+}
