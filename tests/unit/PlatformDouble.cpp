@@ -19,9 +19,10 @@ unsigned offAt = 0;
 void record(const char* function, int code, const char* format, std::va_list arguments) {
   std::va_list again;
   va_copy(again, arguments);
-  std::string text(static_cast<std::size_t>(std::vsnprintf(nullptr, 0, format, again)), '\0');
+  const int length = std::vsnprintf(nullptr, 0, format, again);
   va_end(again);
-  std::vsnprintf(&text[0], text.size() + 1, format, arguments);
+  std::string text(length < 0 ? 0 : static_cast<std::size_t>(length), '\0');
+  if (length > 0) std::vsnprintf(&text[0], text.size() + 1, format, arguments);
   const std::lock_guard<std::mutex> lock(mutex);
   recorded.push_back({function, code, format, text});
 }

@@ -12,7 +12,7 @@ struct Call {
   std::string function;  ///< "InfoA", "AuthA", "WarningA", "ErrorA" or "__TraceA"
   int code;              ///< 0 for __TraceA
   std::string format;    ///< exactly as it was passed
-  std::string text;      ///< the format filled with its arguments
+  std::string text;      ///< the format filled with its arguments; empty when it is no sound format
 };
 
 /// Forgets all calls and switches tracing off.
