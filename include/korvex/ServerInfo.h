@@ -1,0 +1,118 @@
+#ifndef KORVEX_SERVER_INFO_H
+#define KORVEX_SERVER_INFO_H
+
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+
+#include "korvex/Export.h"
+
+namespace korvex {
+
+/// Everything that a client needs to reach and use a server, as one plain value.
+///
+/// The seven connection strings are fixed at construction. Every other setting may be absent: it
+/// then holds the value that its presence test names. Setters check nothing, and storing that value
+/// makes a setting absent again. The record only carries its settings; units and the meaning of
+/// bits and modes are between those who fill and those who read it.
+///
+/// Copies are independent of each other. Reading from several threads is safe, writing meanwhile is
+/// not.
+class KORVEX_EXPORT ServerInfo {
+ public:
+  ServerInfo(const std::string& serverName, const std::string& user, const std::string& passwd,
+             const std::string& agentCfg, const std::string& currentRoutingTable,
+             const std::string& recommendRoutingTable, const std::string& keyDir);
+
+  // Getters give the stored value, present or not; references are valid as long as the record and
+  // until the field is set.
+  const std::string& getServerName() const { return serverName_; }
+  const std::string& getUser() const { return user_; }
+  const std::string& getPasswd() const { return passwd_; }
+  const std::string& getAgentCfg() const { return agentCfg_; }
+  const std::string& getCurrentRoutingTable() const { return currentRoutingTable_; }
+  const std::string& getRecommendRoutingTable() const { return recommendRoutingTable_; }
+  const std::string& getKeyDir() const { return keyDir_; }
+
+  unsigned int getFlags() const { return flags_; }
+  int getReconnectTimeout() const { return reconnectTimeout_; }
+  int getBandwidthLimit() const { return bandwidthLimit_; }
+  const std::string& getLocalIp() const { return localIp_; }
+  const std::string& getInterfaceIp() const { return interfaceIp_; }
+  const std::string& getInterfaceName() const { return interfaceName_; }
+  unsigned char getFPType() const { return fpType_; }
+  unsigned int getClusterMode() const { return clusterMode_; }
+  const std::string& getClusterName() const { return clusterName_; }
+
+  bool hasFlags() const { return flags_ != 0; }
+
+  /// 0 and every negative value but -1 count as present.
+  bool hasReconnectTimeout() const { return reconnectTimeout_ != -1; }
+
+  /// Negative values count as present.
+  bool hasBandwidthLimit() const { return bandwidthLimit_ != 0; }
+
+  bool hasLocalIp() const { return !localIp_.empty(); }
+  bool hasInterfaceIp() const { return !interfaceIp_.empty(); }
+  bool hasInterfaceName() const { return !interfaceName_.empty(); }
+
+  /// True from the start, with type 1; only 255 is absent.
+  bool hasFPType() const { return fpType_ != 0xFF; }
+
+  /// 0 is a mode like any other; only 0xFFFFFFFF is absent.
+  bool hasClusterMode() const { return clusterMode_ != 0xFFFFFFFF; }
+
+  bool hasClusterName() const { return !clusterName_.empty(); }
+
+  void setFlags(unsigned int flags) { flags_ = flags; }
+  void setReconnectTimeout(int timeout) { reconnectTimeout_ = timeout; }
+  void setBandwidthLimit(int limit) { bandwidthLimit_ = limit; }
+  void setLocalIp(const std::string& address) { localIp_ = address; }
+  void setInterfaceIp(const std::string& address) { interfaceIp_ = address; }
+  void setInterfaceName(const std::string& name) { interfaceName_ = name; }
+
+  /// The fingerprint type now in use; the type of the previous run stays.
+  void setFPType(unsigned char type) { fpType_ = type; }
+
+  /// The fingerprint type of the previous run. Can be asked for through reuseMD5ForSHA256() only.
+  void setLastFPType(unsigned char type) { lastFPType_ = type; }
+
+  void setClusterMode(unsigned int mode) { clusterMode_ = mode; }
+  void setClusterName(const std::string& name) { clusterName_ = name; }
+
+  /// True when the record asks for SHA-256 fingerprints (type 3) and the previous run used any
+  /// other type.
+  bool reuseMD5ForSHA256() const;
+
+ private:
+  // The order of the members is part of the binary interface.
+  std::string serverName_;
+  std::string user_;
+  std::string passwd_;
+  std::string agentCfg_;
+  std::string currentRoutingTable_;
+  std::string recommendRoutingTable_;
+  std::string keyDir_;
+  std::uint32_t flags_;
+  std::int32_t reconnectTimeout_;
+  std::int32_t bandwidthLimit_;
+  std::string localIp_;
+  std::string interfaceIp_;
+  std::string interfaceName_;
+  std::uint8_t fpType_;
+  std::uint8_t lastFPType_;
+  std::uint32_t clusterMode_;
+  std::string clusterName_;
+};
+
+/// One diagnostic line without a line end, made for logs: never the password. Settings that are
+/// absent are left out.
+///
+/// Flags are always lower-case hexadecimal behind one "0x"; the other numbers follow the stream's
+/// own settings, which stay as they are. A field width is spent without padding anything. Strings
+/// are not quoted, so a value that holds ", " makes the line ambiguous.
+KORVEX_EXPORT std::ostream& operator<<(std::ostream& stream, const ServerInfo& info);
+
+}  // namespace korvex
+
+#endif
