@@ -1,0 +1,45 @@
+#ifndef KORVEX_UNIQUE_ID_GENERATOR_H
+#define KORVEX_UNIQUE_ID_GENERATOR_H
+
+#include <pthread.h>
+
+#include <cstdint>
+#include <string>
+
+#include "korvex/Export.h"
+
+namespace korvex {
+
+/// Hands out identifiers that are unique within one process: a prefix, "_" and a running number.
+///
+/// All components of a process draw from the one generator that getInstance() gives, also when they
+/// live in different shared libraries, and all prefixes share its one sequence. Identifiers say
+/// nothing about the process or the time: two processes draw the same ones.
+///
+/// Every operation may be called from any thread at any time until the process ends. Nothing guards
+/// callers that are still at work while the process's static objects are being destroyed.
+class KORVEX_EXPORT UniqueIdGenerator {
+ public:
+  /// The process's generator, made on the first call. Never null; do not delete it.
+  static UniqueIdGenerator* getInstance();
+
+  /// The prefix as it is, "_" and the next number in plain decimal digits, starting with 0. After
+  /// 4294967295 comes 0 again, without a warning.
+  std::string generateId(const std::string& prefix);
+
+  /// A sequence apart from the process's, from 0 on; what it gives is unique among its own only.
+  UniqueIdGenerator();
+
+  ~UniqueIdGenerator();
+  UniqueIdGenerator(const UniqueIdGenerator&) = delete;
+  UniqueIdGenerator& operator=(const UniqueIdGenerator&) = delete;
+
+ private:
+  // The order of the members is part of the binary interface.
+  pthread_mutex_t mutex_;
+  std::uint32_t counter_;
+};
+
+}  // namespace korvex
+
+#endif

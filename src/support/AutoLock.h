@@ -1,0 +1,21 @@
+#ifndef KORVEX_SUPPORT_AUTO_LOCK_H
+#define KORVEX_SUPPORT_AUTO_LOCK_H
+
+#include <pthread.h>
+
+/// Holds a POSIX mutex for a scope. The mutex must outlive it.
+///
+/// The results of locking and unlocking are not looked at: on a sound mutex of the default kind
+/// neither can fail, and a destructor could not tell anybody.
+class AutoLock {
+ public:
+  explicit AutoLock(pthread_mutex_t* mutex) : mutex_(mutex) { pthread_mutex_lock(mutex_); }
+  ~AutoLock() { pthread_mutex_unlock(mutex_); }
+  AutoLock(const AutoLock&) = delete;
+  AutoLock& operator=(const AutoLock&) = delete;
+
+ private:
+  pthread_mutex_t* mutex_;
+};
+
+#endif
