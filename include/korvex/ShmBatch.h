@@ -111,7 +111,8 @@ class KORVEX_EXPORT ShmBatch {
 /// data it is 1. Plain decimal digits.
 KORVEX_EXPORT std::ostream& operator<<(std::ostream& stream, const ShmBatch::Entry& entry);
 
-/// One line: sizes, then every entry. Takes time in proportion to the square of the entries.
+/// One line: sizes, then every entry. Takes time in proportion to the square of the entries. Throws
+/// as getEntry does for a place holder in the batch, before anything is written.
 KORVEX_EXPORT std::ostream& operator<<(std::ostream& stream, const ShmBatch& batch);
 
 }  // namespace korvex
