@@ -1,0 +1,109 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <new>
+
+#include "korvex/ShmBatch.h"
+#include "unit/AllocationCounter.h"
+#include "unit/BatchBuilders.h"
+#include "unit/PlatformDouble.h"
+
+using korvex::qmx_shm_message_t;
+using korvex::ShmBatch;
+
+namespace {
+
+/// 2^62 + 5: more than any machine has.
+constexpr unsigned long kImpossibleSize = (1ul << 62) + 5;
+
+/// A batch with room for a few records, and counting only what happens after it was made.
+class AllocationTest : public testing::Test {
+ protected:
+  AllocationTest() { platform_double::reset(); }
+  ~AllocationTest() override { platform_double::reset(); }
+
+  ShmBatch batch{300};
+  const ShmBatch::Entry entry = record(1, "abc");
+  const AllocationCounter counter;
+};
+
+}  // namespace
+
+TEST_F(AllocationTest, CounterSeesTheProgramsOwnBlocks) {
+  const auto block = std::make_unique<Bytes>(100);
+  EXPECT_EQ(counter.taken(), 2u);
+  EXPECT_EQ(counter.kept(), 2);
+}
+
+TEST_F(AllocationTest, CounterSeesTheLibrarysBlocks) {
+  {
+    const ShmBatch other(100);
+    EXPECT_EQ(counter.taken(), 1u);  // the buffer, and nothing else
+    EXPECT_EQ(counter.kept(), 1);
+  }
+  EXPECT_EQ(counter.kept(), 0);
+}
+
+TEST_F(AllocationTest, CounterSeesAlignedBlocks) {
+  struct alignas(64) Aligned {
+    char bytes[64];
+  };
+  const auto block = std::make_unique<Aligned>();
+  EXPECT_EQ(counter.kept(), 1);
+}
+
+TEST_F(AllocationTest, PushBackAllocatesNothing) {
+  batch.pushBack(entry);
+  batch.pushBack(entry);
+  EXPECT_EQ(counter.taken(), 0u);
+}
+
+TEST_F(AllocationTest, CanStoreAllocatesNothing) {
+  EXPECT_TRUE(batch.canStore(entry));
+  EXPECT_FALSE(batch.canStore(recordWithoutData(300)));
+  EXPECT_EQ(counter.taken(), 0u);
+}
+
+TEST_F(AllocationTest, ClearAllocatesNothing) {
+  batch.clear();
+  EXPECT_EQ(counter.taken(), 0u);
+}
+
+TEST_F(AllocationTest, GetEntryAllocatesNothing) {
+  batch.pushBack(entry);
+  batch.getEntry(0);
+  EXPECT_EQ(counter.taken(), 0u);
+}
+
+TEST_F(AllocationTest, HeadersAreWrittenAndReadWithoutAllocating) {
+  unsigned char bytes[48];
+  qmx_shm_message_t header;
+  header.serializeToBuffer(bytes);
+  header.deserializeFromBuffer(bytes);
+  EXPECT_EQ(counter.taken(), 0u);
+}
+
+TEST_F(AllocationTest, RefusedSizeAllocatesNoBuffer) {
+  try {
+    ShmBatch refused(7);
+    ADD_FAILURE() << "accepted";
+  } catch (const Ov_ErrnoException&) {
+  }
+  EXPECT_EQ(counter.kept(), 0);
+}
+
+TEST_F(AllocationTest, BatchThatGetsNoMemoryLeaksNothing) {
+  EXPECT_THROW(ShmBatch{kImpossibleSize}, std::bad_alloc);
+  EXPECT_EQ(counter.kept(), 0);
+}
+
+TEST_F(AllocationTest, TraceOfABatchShowsTheLow32BitsOfItsSize) {
+  platform_double::setTracing(true);
+  EXPECT_THROW(ShmBatch{kImpossibleSize}, std::bad_alloc);
+  EXPECT_EQ(platform_double::traceLines(), std::vector<std::string>{"ShmBatch: bufferSize=5"});
+}
+
+// Fresh memory is not zero in this program.
+TEST_F(AllocationTest, BatchFillsItsBufferWithZeros) {
+  EXPECT_EQ(hexOf(batch.getRaw(), 300), hex("ff00ee11") + std::string(592, '0'));
+}
