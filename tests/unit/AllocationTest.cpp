@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <memory>
+#include <cstdint>
 #include <new>
+#include <string>
+#include <vector>
 
 #include "korvex/ShmBatch.h"
 #include "unit/AllocationCounter.h"
@@ -29,10 +31,15 @@ class AllocationTest : public testing::Test {
 
 }  // namespace
 
+// The operators are called by name: compilers may leave out the pair behind a new and a delete.
 TEST_F(AllocationTest, CounterSeesTheProgramsOwnBlocks) {
-  const auto block = std::make_unique<Bytes>(100);
-  EXPECT_EQ(counter.taken(), 2u);
+  void* const block = ::operator new(100);
+  void* const blocks = ::operator new[](100);
   EXPECT_EQ(counter.kept(), 2);
+  ::operator delete(block);
+  ::operator delete[](blocks);
+  EXPECT_EQ(counter.taken(), 2u);
+  EXPECT_EQ(counter.kept(), 0);
 }
 
 TEST_F(AllocationTest, CounterSeesTheLibrarysBlocks) {
@@ -45,11 +52,12 @@ TEST_F(AllocationTest, CounterSeesTheLibrarysBlocks) {
 }
 
 TEST_F(AllocationTest, CounterSeesAlignedBlocks) {
-  struct alignas(64) Aligned {
-    char bytes[64];
-  };
-  const auto block = std::make_unique<Aligned>();
+  constexpr std::align_val_t kPage{4096};
+  void* const block = ::operator new(1, kPage);
+  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(block) % 4096, 0u);
   EXPECT_EQ(counter.kept(), 1);
+  ::operator delete(block, kPage);
+  EXPECT_EQ(counter.kept(), 0);
 }
 
 TEST_F(AllocationTest, PushBackAllocatesNothing) {
