@@ -86,25 +86,25 @@ class KORVEX_EXPORT ShmBatch {
   /// Forgets all entries. Their bytes stay behind the metadata block until they are overwritten.
   void clear();
 
-  bool empty() const { return metaData.numEntries == 0; }
+  bool empty() const { return metaData_.numEntries == 0; }
 
   /// The batch's bytes, getRawSize() of them in use.
-  const unsigned char* getRaw() const { return raw; }
+  const unsigned char* getRaw() const { return raw_; }
 
   /// Bytes in use, the metadata block included. Not the capacity.
-  unsigned long getRawSize() const { return usedSize; }
+  unsigned long getRawSize() const { return usedSize_; }
 
-  unsigned int getNumEntries() const { return metaData.numEntries; }
+  unsigned int getNumEntries() const { return metaData_.numEntries; }
 
  private:
   friend KORVEX_EXPORT std::ostream& operator<<(std::ostream& stream, const ShmBatch& batch);
 
   // The order of the members is part of the binary interface.
-  unsigned long bufferSize;
-  unsigned char* raw;
-  unsigned long usedSize;
-  MetaData metaData;
-  unsigned char* writePos;
+  unsigned long bufferSize_;
+  unsigned char* raw_;
+  unsigned long usedSize_;
+  MetaData metaData_;
+  unsigned char* writePos_;
 };
 
 /// The record's type and length, and the Adler-32 (RFC 1950) of its data when there is any; of null

@@ -80,38 +80,38 @@ class KORVEX_EXPORT ShmWriter : public ChannelWriter {
   void flush_shm_buffer(unsigned int timeout);
 
   /// The reply last received, also one with status 0; all zero before the first.
-  const qmx_shm_response_t& getResponse() const { return response; }
+  const qmx_shm_response_t& getResponse() const { return response_; }
 
   /// MAX_SEGMENT_SIZE.
   static unsigned long getMaxSegmentSize() { return MAX_SEGMENT_SIZE; }
 
  private:
   KORVEX_NO_EXPORT void fillAlgorithm();
-  KORVEX_NO_EXPORT void writeFinalRecord(std::uint32_t type, unsigned int recordTimeout);
+  KORVEX_NO_EXPORT void writeFinalRecord(std::uint32_t type, unsigned int timeout);
   KORVEX_NO_EXPORT void finishSegment();
   KORVEX_NO_EXPORT void refuseOversized(const qmx_shm_message_t& header) const;
-  KORVEX_NO_EXPORT void makeRoom(const ShmBatch::Entry& entry, unsigned int recordTimeout);
-  KORVEX_NO_EXPORT void sendBatch(unsigned int sendTimeout);
+  KORVEX_NO_EXPORT void makeRoom(const ShmBatch::Entry& entry, unsigned int timeout);
+  KORVEX_NO_EXPORT void sendBatch(unsigned int timeout);
   KORVEX_NO_EXPORT void raiseReply();
 
   // The order of the members is part of the binary interface; it also makes the batch go first,
   // then the response queue, then the send queue.
-  std::string msgQueueName;
-  std::uint32_t timeout;
-  std::uint32_t stopTimeout;
-  bool perfBenchmarkEnabled;
-  qmx_shm_message_t segmentHeader;
-  qmx_shm_response_t response;
-  std::unique_ptr<MessageQueue> sendQueue;
-  std::unique_ptr<MessageQueue> responseQueue;
-  std::unique_ptr<ShmBatch> batch;
-  std::uint32_t lastHeaderType;
-  bool firstSegment;
-  korvex_seg_state_t lastSegState;
-  korvex_seg_state_t segState;
-  std::uint64_t segAlgParam1;
-  std::uint64_t segAlgParam2;
-  std::uint64_t segAlgParam3;
+  std::string msgQueueName_;
+  std::uint32_t timeout_;
+  std::uint32_t stopTimeout_;
+  bool perfBenchmarkEnabled_;
+  qmx_shm_message_t segmentHeader_;
+  qmx_shm_response_t response_;
+  std::unique_ptr<MessageQueue> sendQueue_;
+  std::unique_ptr<MessageQueue> responseQueue_;
+  std::unique_ptr<ShmBatch> batch_;
+  std::uint32_t lastHeaderType_;
+  bool firstSegment_;
+  korvex_seg_state_t lastSegState_;
+  korvex_seg_state_t segState_;
+  std::uint64_t segAlgParam1_;
+  std::uint64_t segAlgParam2_;
+  std::uint64_t segAlgParam3_;
 };
 
 /// Throws Ov_ErrnoException with status 9 unless 1 <= timeout <= 86400 (seconds, one day).

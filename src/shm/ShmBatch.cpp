@@ -73,30 +73,32 @@ ShmBatch::Entry::Entry(const unsigned char* entryData) : data(entryData) {
   header.magic = 0;
 }
 
-ShmBatch::ShmBatch(unsigned long size)
-    : bufferSize(size), raw(nullptr), usedSize(kMetaDataSize), writePos(nullptr) {
+ShmBatch::ShmBatch(unsigned long bufferSize)
+    : bufferSize_(bufferSize), raw_(nullptr), usedSize_(kMetaDataSize), writePos_(nullptr) {
   // Traced before the check, so that the log shows the size that was refused.
   if (*__qmxlog_trace_location() != 0) {
-    __TraceA("%s: bufferSize=%u", "ShmBatch", static_cast<unsigned int>(size));
+    __TraceA("%s: bufferSize=%u", "ShmBatch", static_cast<unsigned int>(bufferSize));
   }
-  validBufferSizeAssert(size);
-  raw = new unsigned char[size]();
-  metaData.serializeToBuffer(raw);
-  writePos = raw + kMetaDataSize;
+  validBufferSizeAssert(bufferSize);
+  raw_ = new unsigned char[bufferSize]();
+  metaData_.serializeToBuffer(raw_);
+  writePos_ = raw_ + kMetaDataSize;
 }
 
-ShmBatch::~ShmBatch() { delete[] raw; }
+ShmBatch::~ShmBatch() { delete[] raw_; }
 
-void ShmBatch::validBufferSizeAssert(unsigned long size) {
+void ShmBatch::validBufferSizeAssert(unsigned long bufferSize) {
   // The metadata block alone is enough. A batch that can hold no entry is allowed.
-  if (size < kMetaDataSize) {
-    throwError(kStatusInvalidArgument, "Buffer size ", size,
+  if (bufferSize < kMetaDataSize) {
+    throwError(kStatusInvalidArgument, "Buffer size ", bufferSize,
                " is invalid because it is smaller than the minimum required buffer size of ",
                kMetaDataSize);
   }
 }
 
-bool ShmBatch::canStore(const Entry& entry) const { return sizeOf(entry) <= bufferSize - usedSize; }
+bool ShmBatch::canStore(const Entry& entry) const {
+  return sizeOf(entry) <= bufferSize_ - usedSize_;
+}
 
 void ShmBatch::pushBack(const Entry& entry) {
   if (!canStore(entry)) {
@@ -105,7 +107,7 @@ void ShmBatch::pushBack(const Entry& entry) {
   }
   // The header goes in before the data pointer is checked. A refused entry thus leaves 48 stray
   // bytes behind the used part; the next entry overwrites them.
-  unsigned char* const data = entry.header.serializeToBuffer(writePos);
+  unsigned char* const data = entry.header.serializeToBuffer(writePos_);
   const std::uint32_t length = entry.header.len;
   if (length != 0) {
     if (entry.data == nullptr) {
@@ -114,18 +116,18 @@ void ShmBatch::pushBack(const Entry& entry) {
     }
     std::memcpy(data, entry.data, length);
   }
-  writePos = data + length;
-  usedSize += sizeOf(entry);
-  ++metaData.numEntries;
-  metaData.serializeToBuffer(raw);
+  writePos_ = data + length;
+  usedSize_ += sizeOf(entry);
+  ++metaData_.numEntries;
+  metaData_.serializeToBuffer(raw_);
 }
 
 ShmBatch::Entry ShmBatch::getEntry(unsigned long index) const {
-  if (index >= metaData.numEntries) {
+  if (index >= metaData_.numEntries) {
     throwError(kStatusInvalidArgument, "Cannot get entry because specified index ", index,
-               " is outside the range of available entries ", metaData.numEntries);
+               " is outside the range of available entries ", metaData_.numEntries);
   }
-  const unsigned char* position = raw + kMetaDataSize;
+  const unsigned char* position = raw_ + kMetaDataSize;
   qmx_shm_message_t header;
   for (unsigned long i = 0; i < index; ++i) takeEntry(position, header);
   return takeEntry(position, header);
@@ -143,10 +145,10 @@ void ShmBatch::getEntriesFromBuffer(std::queue<Entry>& entries, const unsigned c
 }
 
 void ShmBatch::clear() {
-  usedSize = kMetaDataSize;
-  metaData.numEntries = 0;
-  writePos = raw + kMetaDataSize;
-  metaData.serializeToBuffer(raw);
+  usedSize_ = kMetaDataSize;
+  metaData_.numEntries = 0;
+  writePos_ = raw_ + kMetaDataSize;
+  metaData_.serializeToBuffer(raw_);
 }
 
 std::ostream& operator<<(std::ostream& stream, const ShmBatch::Entry& entry) {
@@ -157,8 +159,8 @@ std::ostream& operator<<(std::ostream& stream, const ShmBatch::Entry& entry) {
 
 std::ostream& operator<<(std::ostream& stream, const ShmBatch& batch) {
   std::ostringstream text = plainStream();
-  text << "ShmBatch: entries=" << batch.getNumEntries() << ", bufferSize=" << batch.bufferSize
-       << ", used=" << batch.usedSize;
+  text << "ShmBatch: entries=" << batch.getNumEntries() << ", bufferSize=" << batch.bufferSize_
+       << ", used=" << batch.usedSize_;
   for (unsigned long i = 0; i < batch.getNumEntries(); ++i) {
     text << ", [" << i << "]: ";
     printEntry(text, batch.getEntry(i));

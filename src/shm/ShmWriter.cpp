@@ -64,30 +64,30 @@ std::string getMessageQueueResponseName(const std::string& msgQueueName) {
   return msgQueueName + "Response";
 }
 
-ShmWriter::ShmWriter(const std::string& streamName, const std::string& queueName,
-                     unsigned int sendTimeout, unsigned int stopSendTimeout, bool benchmark)
+ShmWriter::ShmWriter(const std::string& streamName, const std::string& msgQueueName,
+                     unsigned int timeout, unsigned int stopTimeout, bool perfBenchmarkEnabled)
     : ChannelWriter(streamName),
-      msgQueueName(queueName),
-      timeout(sendTimeout),
-      stopTimeout(stopSendTimeout),
-      perfBenchmarkEnabled(benchmark),
-      lastHeaderType(kTypeStop),
-      firstSegment(true),
-      lastSegState(KORVEX_SEG_STATE_LIMITED),
-      segState(KORVEX_SEG_STATE_LIMITED),
-      segAlgParam1(0),
-      segAlgParam2(0),
-      segAlgParam3(0) {
+      msgQueueName_(msgQueueName),
+      timeout_(timeout),
+      stopTimeout_(stopTimeout),
+      perfBenchmarkEnabled_(perfBenchmarkEnabled),
+      lastHeaderType_(kTypeStop),
+      firstSegment_(true),
+      lastSegState_(KORVEX_SEG_STATE_LIMITED),
+      segState_(KORVEX_SEG_STATE_LIMITED),
+      segAlgParam1_(0),
+      segAlgParam2_(0),
+      segAlgParam3_(0) {
   const AutoTrace trace("ShmWriter");
   validateTimeout(timeout);
   const auto deadline = MessageQueue::Clock::now() + std::chrono::seconds(timeout);
   if (isTracing()) __TraceA("%s: opening send message queue", "ShmWriter");
-  sendQueue = std::make_unique<MessageQueue>(msgQueueName, deadline);
+  sendQueue_ = std::make_unique<MessageQueue>(msgQueueName_, deadline);
   if (isTracing()) __TraceA("%s: opening message response queue", "ShmWriter");
-  responseQueue =
-      std::make_unique<MessageQueue>(getMessageQueueResponseName(msgQueueName), deadline);
+  responseQueue_ =
+      std::make_unique<MessageQueue>(getMessageQueueResponseName(msgQueueName_), deadline);
   if (isTracing()) __TraceA("%s: creating shm batch buffer", "ShmWriter");
-  batch = std::make_unique<ShmBatch>(sendQueue->maxMessageSize());
+  batch_ = std::make_unique<ShmBatch>(sendQueue_->maxMessageSize());
 }
 
 ShmWriter::~ShmWriter() {
@@ -103,66 +103,66 @@ ShmWriter::~ShmWriter() {
 void ShmWriter::open() {
   const AutoTrace trace("open");
   if (isOpen) return;
-  segmentHeader.type = kTypeOpen;
-  segmentHeader.len = 0;
-  segmentHeader.sequence = 0;
-  segmentHeader.segmentCount = 0;
-  segmentHeader.segmentEmpty = 1;
-  segmentHeader.segState = 0;
+  segmentHeader_.type = kTypeOpen;
+  segmentHeader_.len = 0;
+  segmentHeader_.sequence = 0;
+  segmentHeader_.segmentCount = 0;
+  segmentHeader_.segmentEmpty = 1;
+  segmentHeader_.segState = 0;
   // Parameters 1 and 3 keep what the stream before left in them; readers rely on the second only.
-  segmentHeader.algParam2 = 0;
+  segmentHeader_.algParam2 = 0;
   if (isTracing()) {
-    __TraceA("ShmWriter:open: korvex msgQueueName is %s ", msgQueueName.c_str());
+    __TraceA("ShmWriter:open: korvex msgQueueName is %s ", msgQueueName_.c_str());
   }
-  write_data(&segmentHeader, nullptr, timeout, true);
+  write_data(&segmentHeader_, nullptr, timeout_, true);
   // After the write, unlike every other record: the open record carries 0, the next one 2, and no
   // record ever carries 1.
-  ++segmentHeader.sequence;
+  ++segmentHeader_.sequence;
   isOpen = true;
 }
 
 void ShmWriter::close() {
   const AutoTrace trace("close");
   if (!isOpen) return;
-  writeFinalRecord(kTypeClose, timeout);
+  writeFinalRecord(kTypeClose, timeout_);
   isOpen = false;
 }
 
 void ShmWriter::stop(bool useStopTimeout) {
   const AutoTrace trace("stop");
   // Open or not, and without closing: a stop may be all that a failing producer still gets out.
-  writeFinalRecord(kTypeStop, useStopTimeout ? stopTimeout : timeout);
+  writeFinalRecord(kTypeStop, useStopTimeout ? stopTimeout_ : timeout_);
 }
 
-void ShmWriter::writeFinalRecord(std::uint32_t type, unsigned int recordTimeout) {
-  ++segmentHeader.sequence;
-  segmentHeader.type = type;
-  segmentHeader.len = 0;
+void ShmWriter::writeFinalRecord(std::uint32_t type, unsigned int timeout) {
+  ++segmentHeader_.sequence;
+  segmentHeader_.type = type;
+  segmentHeader_.len = 0;
   fillAlgorithm();
-  write_data(&segmentHeader, nullptr, recordTimeout, true);
+  write_data(&segmentHeader_, nullptr, timeout, true);
   finishSegment();
 }
 
 void ShmWriter::fillAlgorithm() {
-  segmentHeader.segState = static_cast<std::uint32_t>(segState);
-  segmentHeader.algParam1 = low32(segAlgParam1);
-  segmentHeader.algParam2 = low32(segAlgParam2);
-  segmentHeader.algParam3 = low32(segAlgParam3);
+  segmentHeader_.segState = static_cast<std::uint32_t>(segState_);
+  segmentHeader_.algParam1 = low32(segAlgParam1_);
+  segmentHeader_.algParam2 = low32(segAlgParam2_);
+  segmentHeader_.algParam3 = low32(segAlgParam3_);
 }
 
 /// Counts the segment that a record has just ended, if it had data.
 void ShmWriter::finishSegment() {
-  if (segmentHeader.segmentEmpty != 0) return;
-  ++segmentHeader.segmentCount;
-  segmentHeader.segmentEmpty = 1;
+  if (segmentHeader_.segmentEmpty != 0) return;
+  ++segmentHeader_.segmentCount;
+  segmentHeader_.segmentEmpty = 1;
 }
 
 void ShmWriter::setSegmentAlg(korvex_seg_state_t state, unsigned long param1, unsigned long param2,
                               unsigned long param3) {
-  segState = state;
-  segAlgParam1 = param1;
-  segAlgParam2 = param2;
-  segAlgParam3 = param3;
+  segState_ = state;
+  segAlgParam1_ = param1;
+  segAlgParam2_ = param2;
+  segAlgParam3_ = param3;
 }
 
 void ShmWriter::writeSegment(const unsigned char* data, unsigned long length) {
@@ -170,26 +170,26 @@ void ShmWriter::writeSegment(const unsigned char* data, unsigned long length) {
   if (!isOpen) {
     throwError(kStatusWrongState, "Could not write segment data because ShmWriter is not open");
   }
-  if (segState != KORVEX_SEG_STATE_LIMITED && segState != KORVEX_SEG_STATE_UNLIMITED) {
+  if (segState_ != KORVEX_SEG_STATE_LIMITED && segState_ != KORVEX_SEG_STATE_UNLIMITED) {
     throwError(kStatusWrongState,
                "Could not write segment data because wrong algorithm has been set");
   }
   // Nothing ever clears firstSegment, so streams may mix algorithms and the refusal is out of
   // reach. Daemons have come to accept mixed streams; both the flag and the test stay as they are.
-  if (firstSegment) {
-    lastSegState = segState;
-  } else if (segState != lastSegState) {
+  if (firstSegment_) {
+    lastSegState_ = segState_;
+  } else if (segState_ != lastSegState_) {
     throwError(kStatusDoesNotFit, "Could not write segment data for sequence ",
-               segmentHeader.sequence + 1, " because segment states are not homogeneous (",
-               "last state=", static_cast<std::int32_t>(lastSegState),
-               ", current state=", static_cast<std::int32_t>(segState), ")");
+               segmentHeader_.sequence + 1, " because segment states are not homogeneous (",
+               "last state=", static_cast<std::int32_t>(lastSegState_),
+               ", current state=", static_cast<std::int32_t>(segState_), ")");
   }
   fillAlgorithm();
-  ++segmentHeader.sequence;
-  segmentHeader.type = kTypeSegmentData;
-  segmentHeader.len = low32(length);
-  if (segmentHeader.len != 0) segmentHeader.segmentEmpty = 0;
-  write_data(&segmentHeader, data, timeout, false);
+  ++segmentHeader_.sequence;
+  segmentHeader_.type = kTypeSegmentData;
+  segmentHeader_.len = low32(length);
+  if (segmentHeader_.len != 0) segmentHeader_.segmentEmpty = 0;
+  write_data(&segmentHeader_, data, timeout_, false);
 }
 
 void ShmWriter::endSegment() {
@@ -198,38 +198,38 @@ void ShmWriter::endSegment() {
     throwError(kStatusWrongState, "Could not end segment data because ShmWriter is not open");
   }
   // Whoever wrote the last record: a segment end written directly counts as well.
-  if (lastHeaderType == kTypeSegmentEnd) {
+  if (lastHeaderType_ == kTypeSegmentEnd) {
     if (isTracing()) __TraceA("%s: ignoring redundant %u header", "endSegment", kTypeSegmentEnd);
     return;
   }
   fillAlgorithm();
-  ++segmentHeader.sequence;
-  segmentHeader.type = kTypeSegmentEnd;
-  segmentHeader.len = 0;
-  write_data(&segmentHeader, nullptr, timeout, false);
+  ++segmentHeader_.sequence;
+  segmentHeader_.type = kTypeSegmentEnd;
+  segmentHeader_.len = 0;
+  write_data(&segmentHeader_, nullptr, timeout_, false);
   finishSegment();
 }
 
 void ShmWriter::write_data(const qmx_shm_message_t* header, const unsigned char* data,
-                           unsigned int sendTimeout, bool flush) {
+                           unsigned int timeout, bool flush) {
   const AutoTrace trace("write_data");
   if (isTracing()) {
     __TraceA("%s: write header.type =%d, len=%d, timeout=%us", "write_data", header->type,
-             header->len, sendTimeout);
+             header->len, timeout);
   }
   // Before the benchmark switch: a measured producer must fail where a real one would.
   refuseOversized(*header);
-  if (perfBenchmarkEnabled) {
+  if (perfBenchmarkEnabled_) {
     WarningA(kNoMessageCode,
              "%s: KORVEX_PERF_BENCHMARK_ENABLED is set to 1. This backup will fail. Dumping data..",
              "write_data");
     return;
   }
   const ShmBatch::Entry entry(*header, data);
-  if (!batch->canStore(entry)) makeRoom(entry, sendTimeout);
-  batch->pushBack(entry);
-  lastHeaderType = header->type;
-  if (flush) flush_shm_buffer(sendTimeout);
+  if (!batch_->canStore(entry)) makeRoom(entry, timeout);
+  batch_->pushBack(entry);
+  lastHeaderType_ = header->type;
+  if (flush) flush_shm_buffer(timeout);
 }
 
 void ShmWriter::refuseOversized(const qmx_shm_message_t& header) const {
@@ -240,27 +240,28 @@ void ShmWriter::refuseOversized(const qmx_shm_message_t& header) const {
 
 /// Sends the batch, also an empty one, so that a record too large for any batch is preceded by
 /// everything before it.
-void ShmWriter::makeRoom(const ShmBatch::Entry& entry, unsigned int sendTimeout) {
-  flush_shm_buffer(sendTimeout);
-  if (batch->canStore(entry)) return;
+void ShmWriter::makeRoom(const ShmBatch::Entry& entry, unsigned int timeout) {
+  flush_shm_buffer(timeout);
+  if (batch_->canStore(entry)) return;
   throwError(kStatusDoesNotFit, "Could not fit header (type=", entry.header.type,
              ") with data length ", entry.header.len,
              " into the batch, even after batch has been flushed");
 }
 
-void ShmWriter::flush_shm_buffer(unsigned int sendTimeout) {
+void ShmWriter::flush_shm_buffer(unsigned int timeout) {
   if (isTracing()) {
-    __TraceA("%s: Sending shm batch of %u", "flush_shm_buffer", batch->getNumEntries());
+    __TraceA("%s: Sending shm batch of %u", "flush_shm_buffer", batch_->getNumEntries());
   }
-  sendBatch(sendTimeout);
-  batch->clear();
+  sendBatch(timeout);
+  batch_->clear();
   raiseReply();
 }
 
-void ShmWriter::sendBatch(unsigned int sendTimeout) {
-  const auto deadline = deadlineAfter(sendTimeout);
-  if (sendQueue->sendBefore(batch->getRaw(), batch->getRawSize(), kSendPriority, deadline)) return;
-  throwError(kStatusTimedOut, "Timed out after waiting ", sendTimeout, "s to send data to ",
+void ShmWriter::sendBatch(unsigned int timeout) {
+  const auto deadline = deadlineAfter(timeout);
+  if (sendQueue_->sendBefore(batch_->getRaw(), batch_->getRawSize(), kSendPriority, deadline))
+    return;
+  throwError(kStatusTimedOut, "Timed out after waiting ", timeout, "s to send data to ",
              KorvexdProcessName, name.empty() ? "" : " on stream ", name);
 }
 
@@ -271,15 +272,15 @@ void ShmWriter::raiseReply() {
   qmx_shm_response_t received;
   std::size_t size = 0;
   // A lock that is taken is no reply: the batch is on its way, and the next flush finds the reply.
-  if (responseQueue->tryReceive(&received, sizeof received, size) != MessageQueue::Outcome::Done) {
+  if (responseQueue_->tryReceive(&received, sizeof received, size) != MessageQueue::Outcome::Done) {
     return;
   }
-  response = received;
-  if (response.status == 0) return;
+  response_ = received;
+  if (response_.status == 0) return;
   // A daemon may use all 128 bytes of the text, without a NUL.
   throw Ov_ErrnoException(
-      response.status,
-      std::string(response.message, strnlen(response.message, sizeof response.message)), "");
+      response_.status,
+      std::string(response_.message, strnlen(response_.message, sizeof response_.message)), "");
 }
 
 }  // namespace korvex
