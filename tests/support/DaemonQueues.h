@@ -11,11 +11,10 @@
 #include <stdexcept>
 #include <string>
 #include <utility>
-#include <vector>
+
+#include "support/Bytes.h"
 
 namespace korvex_test {
-
-using Bytes = std::vector<unsigned char>;
 
 /// A name that no other test, process or run uses.
 inline std::string uniqueQueueName(const std::string& hint = "test") {

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "unit/Bytes.h"
+#include "support/Bytes.h"
 
 namespace {
 

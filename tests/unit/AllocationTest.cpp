@@ -6,6 +6,8 @@
 #include <vector>
 
 #include "korvex/ShmBatch.h"
+#include "korvex/ShmWriter.h"
+#include "support/DaemonQueues.h"
 #include "unit/AllocationCounter.h"
 #include "unit/BatchBuilders.h"
 #include "unit/PlatformDouble.h"
@@ -114,4 +116,23 @@ TEST_F(AllocationTest, TraceOfABatchShowsTheLow32BitsOfItsSize) {
 // Fresh memory is not zero in this program.
 TEST_F(AllocationTest, BatchFillsItsBufferWithZeros) {
   EXPECT_EQ(hexOf(batch.getRaw(), 300), hex("ff00ee11") + std::string(592, '0'));
+}
+
+// From construction to the last reply a stream takes nothing from the heap but its batch.
+TEST(WriterAllocations, StreamTakesNothingOnceTheWriterIsConstructed) {
+  platform_double::reset();
+  korvex_test::DaemonQueues queues(1024, 64);
+  korvex::ShmWriter writer("stream", queues.name(), 60, 60, false);
+  queues.reply(0, "stored");
+  const Bytes data(100, 'x');
+
+  const AllocationCounter counter;
+  writer.open();
+  for (int record = 0; record < 200; ++record) {
+    writer.writeSegment(data.data(), data.size());
+    writer.endSegment();
+  }
+  writer.close();
+  EXPECT_EQ(counter.taken(), 0u);
+  EXPECT_GT(queues.send().waiting(), 20u) << "many flushes must have been part of it";
 }

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "korvex/ShmBatch.h"
-#include "unit/Bytes.h"
+#include "support/Bytes.h"
 
 /// Short words for the batch tests.
 

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "unit/Bytes.h"
+#include "support/Bytes.h"
 
 TEST(BigEndian, Puts32BitsMostSignificantByteFirst) {
   Bytes bytes(6, 0xee);

@@ -11,7 +11,6 @@
 #include "support/SharedObject.h"
 
 using korvex::MessageQueue;
-using korvex_test::Bytes;
 using korvex_test::bytesOfFile;
 using korvex_test::bytesOfObject;
 using korvex_test::QueueLock;

@@ -9,7 +9,6 @@
 #include "support/SharedObject.h"
 
 using korvex::QueueView;
-using korvex_test::Bytes;
 using korvex_test::bytesOfFile;
 using korvex_test::bytesOfObject;
 using korvex_test::QueueLock;

@@ -6,9 +6,9 @@
 #include <string>
 
 #include "korvex/ShmBatch.h"
+#include "support/ThrownError.h"
 #include "unit/BatchBuilders.h"
 #include "unit/StreamState.h"
-#include "unit/ThrownError.h"
 
 // The reader's half of a batch, and its printed forms.
 

@@ -8,9 +8,9 @@
 #include <type_traits>
 #include <vector>
 
+#include "support/ThrownError.h"
 #include "unit/BatchBuilders.h"
 #include "unit/PlatformDouble.h"
-#include "unit/ThrownError.h"
 
 // What the writer does with a batch. Reading and printing have a file of their own.
 

@@ -10,9 +10,9 @@
 #include <tuple>
 #include <type_traits>
 
-#include "unit/Bytes.h"
+#include "support/Bytes.h"
+#include "support/ThrownError.h"
 #include "unit/StreamState.h"
-#include "unit/ThrownError.h"
 
 using korvex::qmx_shm_message_t;
 using korvex::qmx_shm_response_t;

@@ -1,147 +1,31 @@
 #include "korvex/ShmWriter.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <qmx/trace.h>
 
-#include <algorithm>
 #include <boost/interprocess/exceptions.hpp>
-#include <cstring>
-#include <functional>
-#include <memory>
-#include <sstream>
 
-#include "support/DaemonQueues.h"
-#include "support/Hex.h"
-#include "unit/PlatformDouble.h"
+#include "unit/WriterFixture.h"
 
 using korvex::qmx_shm_message_t;
-using korvex::ShmBatch;
 using korvex::ShmWriter;
-using korvex_test::Bytes;
 using korvex_test::DaemonQueues;
-using korvex_test::hexOf;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using namespace writer_test;
 
 namespace {
-
-constexpr unsigned kTimeout = 60;
-constexpr unsigned kStopTimeout = 30;
-
-// As a timeout it is -1: a deadline in the past, so that a full queue is reported at once.
-constexpr unsigned kPastDeadline = 4294967295U;
-
-qmx_shm_message_t headerOf(std::uint32_t type, std::uint32_t len) {
-  qmx_shm_message_t header;
-  header.type = type;
-  header.len = len;
-  return header;
-}
-
-/// The printed form of each header in a batch: short, and every field shows.
-std::vector<std::string> headersOf(const Bytes& batch) {
-  std::queue<ShmBatch::Entry> entries;
-  ShmBatch::getEntriesFromBuffer(entries, batch.data(), batch.size());
-  std::vector<std::string> headers;
-  for (; !entries.empty(); entries.pop()) {
-    std::ostringstream text;
-    text << entries.front().header;
-    headers.push_back(text.str());
-  }
-  return headers;
-}
-
-void expectError(ov_status_t status, const std::string& message,
-                 const std::function<void()>& call) {
-  try {
-    call();
-    FAIL() << "nothing was thrown, expected status " << status;
-  } catch (const Ov_ErrnoException& error) {
-    EXPECT_EQ(error.getStatus(), status);
-    EXPECT_EQ(error.getMessage(), message);
-    EXPECT_EQ(error.getLocation(), "");
-  }
-}
-
-class Writer : public testing::Test {
- protected:
-  Writer() { platform_double::reset(); }
-  ~Writer() override { platform_double::reset(); }
-
-  ShmWriter& writer() { return *writer_; }
-  void connect(DaemonQueues& queues, const std::string& name = "stream", bool benchmark = false) {
-    writer_ = std::make_unique<ShmWriter>(name, queues.name(), kTimeout, kStopTimeout, benchmark);
-  }
-
-  /// An open writer whose open record has been taken away.
-  void openOn(DaemonQueues& queues) {
-    connect(queues);
-    writer().open();
-    queues.takeBatch();
-  }
-
-  /// What waits in the batch, as one message's headers.
-  std::vector<std::string> flushedHeaders(DaemonQueues& queues) {
-    writer().flush_shm_buffer(kTimeout);
-    return headersOf(queues.takeBatch());
-  }
-
-  void destroyWriter() { writer_.reset(); }
-
-  const Bytes data_ = Bytes(200000, 'x');
-
- private:
-  std::unique_ptr<ShmWriter> writer_;
-};
 
 using WriterConstruction = Writer;
 using WriterLifecycle = Writer;
 using WriterFlush = Writer;
 using WriterReply = Writer;
-using WriterSegments = Writer;
 using WriterTrace = Writer;
 using WriterBenchmark = Writer;
-using WriterLimits = Writer;
 
 }  // namespace
 
-TEST(ValidateTimeout, AcceptsTheBounds) {
-  EXPECT_NO_THROW(korvex::validateTimeout(1));
-  EXPECT_NO_THROW(korvex::validateTimeout(86400));
-}
-
-TEST(ValidateTimeout, RefusesZero) {
-  expectError(9, "Invalid timeout, specified value 0 was less than minimum allowed value of 1",
-              [] { korvex::validateTimeout(0); });
-}
-
-TEST(ValidateTimeout, RefusesMoreThanADay) {
-  expectError(9,
-              "Invalid timeout, specified value 86401 was more than maximum allowed value of 86400",
-              [] { korvex::validateTimeout(86401); });
-}
-
-TEST(ValidateTimeout, PrintsTheLargestValueUnsigned) {
-  expectError(
-      9, "Invalid timeout, specified value 4294967295 was more than maximum allowed value of 86400",
-      [] { korvex::validateTimeout(4294967295U); });
-}
-
 TEST(ResponseName, AppendsResponse) {
   EXPECT_EQ(korvex::getMessageQueueResponseName("orders"), "ordersResponse");
-}
-
-TEST_F(WriterConstruction, ChecksTheTimeoutBeforeItTouchesAQueue) {
-  expectError(9, "Invalid timeout, specified value 0 was less than minimum allowed value of 1",
-              [] { ShmWriter("s", "korvex-test-no-such-queue", 0, 0, false); });
-}
-
-TEST_F(WriterConstruction, AcceptsAnyStopTimeout) {
-  DaemonQueues queues;
-  EXPECT_NO_THROW(ShmWriter("s", queues.name(), 1, 0, false));
-  EXPECT_NO_THROW(ShmWriter("s", queues.name(), 86400, 4294967295U, false));
 }
 
 TEST_F(WriterConstruction, MakesTheBatchAsLargeAsTheQueuesLargestMessage) {
@@ -165,14 +49,13 @@ TEST_F(WriterLifecycle, OpenSendsTheOpenRecordByteForByte) {
   writer().open();
   const auto message = queues.send().take();
   EXPECT_EQ(message.priority, 1u);
-  EXPECT_EQ(hexOf(message.bytes),
-            "ff00ee11 00000001 "           // metadata: magic, one entry
-            "00000000 00000000 "           // type, len
-            "00000000 00000000 "           // sequence
-            "00000000 00000000 "           // segmentCount
-            "00000001 00000000 "           // segmentEmpty, segState
-            "00000000 00000000 00000000 "  // algParam1 to algParam3
-            "aabbccdd");                   // magic
+  EXPECT_EQ(hexOf(message.bytes), hex("ff00ee11 00000001 "           // metadata: magic, one entry
+                                      "00000000 00000000 "           // type, len
+                                      "00000000 00000000 "           // sequence
+                                      "00000000 00000000 "           // segmentCount
+                                      "00000001 00000000 "           // segmentEmpty, segState
+                                      "00000000 00000000 00000000 "  // algParam1 to algParam3
+                                      "aabbccdd"));                  // magic
 }
 
 TEST_F(WriterLifecycle, OpenTwiceSendsOneRecord) {
@@ -300,7 +183,7 @@ TEST_F(WriterFlush, SendsAnEmptyBatchToo) {
   DaemonQueues queues;
   connect(queues);
   writer().flush_shm_buffer(kTimeout);
-  EXPECT_EQ(hexOf(queues.takeBatch()), "ff00ee11 00000000");
+  EXPECT_EQ(hexOf(queues.takeBatch()), hex("ff00ee11 00000000"));
 }
 
 TEST_F(WriterFlush, TimedOutSendKeepsTheBatchForALaterOne) {
@@ -394,191 +277,6 @@ TEST_F(WriterReply, LargerQueueThanTheRecordIsTheQueueLibrarysError) {
   } catch (const boost::interprocess::interprocess_exception& error) {
     EXPECT_EQ(error.get_error_code(), boost::interprocess::size_error);
   }
-}
-
-// The documented life of a stream, every byte of it as it lies in the queue.
-TEST_F(WriterSegments, WorkedSequenceByteForByte) {
-  DaemonQueues queues;
-  openOn(queues);
-  const Bytes data(100, 0x5a);
-  writer().writeSegment(data.data(), 100);
-  writer().writeSegment(data.data(), 50);
-  writer().endSegment();
-  writer().endSegment();
-  writer().writeSegment(data.data(), 0);
-  writer().endSegment();
-  writer().flush_shm_buffer(kTimeout);
-
-  const auto record = [](const char* type, const char* len, const char* sequence, const char* count,
-                         const char* empty, const Bytes& payload) {
-    const std::string header = std::string(type) + " " + len + " 00000000 " + sequence +
-                               " 00000000 " + count + " " + empty +
-                               " 00000000 00000000 00000000 00000000 aabbccdd";
-    return payload.empty() ? header : header + " " + hexOf(payload);
-  };
-  // 50 bytes are no multiple of four, so the groups are compared without their gaps.
-  std::string expected =
-      "ff00ee11 00000005" +
-      record("00000001", "00000064", "00000002", "00000000", "00000000", Bytes(100, 0x5a)) +
-      record("00000001", "00000032", "00000003", "00000000", "00000000", Bytes(50, 0x5a)) +
-      record("00000002", "00000000", "00000004", "00000000", "00000000", {}) +
-      record("00000001", "00000000", "00000005", "00000001", "00000001", {}) +
-      record("00000002", "00000000", "00000006", "00000001", "00000001", {});
-  std::string found = hexOf(queues.takeBatch());
-  expected.erase(std::remove(expected.begin(), expected.end(), ' '), expected.end());
-  found.erase(std::remove(found.begin(), found.end(), ' '), found.end());
-  EXPECT_EQ(found, expected);
-}
-
-TEST_F(WriterSegments, AreRefusedWhenNotOpen) {
-  DaemonQueues queues;
-  connect(queues);
-  expectError(44, "Could not write segment data because ShmWriter is not open",
-              [&] { writer().writeSegment(data_.data(), 1); });
-  expectError(44, "Could not end segment data because ShmWriter is not open",
-              [&] { writer().endSegment(); });
-  writer().stop(false);
-  EXPECT_THAT(headersOf(queues.takeBatch()), ElementsAre("(1,4,0,0,0,1,0,0,0,2864434397)"));
-}
-
-TEST_F(WriterSegments, UnknownAlgorithmStopsDataButNotTheEnd) {
-  DaemonQueues queues;
-  openOn(queues);
-  writer().setSegmentAlg(static_cast<korvex_seg_state_t>(2), 0, 0, 0);
-  expectError(44, "Could not write segment data because wrong algorithm has been set",
-              [&] { writer().writeSegment(data_.data(), 1); });
-  writer().endSegment();
-  EXPECT_THAT(flushedHeaders(queues), ElementsAre("(2,2,0,2,0,1,0,0,0,2864434397)"));
-}
-
-TEST_F(WriterSegments, AlgorithmMayChangeWithinASegment) {
-  DaemonQueues queues;
-  openOn(queues);
-  writer().writeSegment(data_.data(), 1);
-  writer().setSegmentAlg(KORVEX_SEG_STATE_UNLIMITED, 0, 0, 0);
-  writer().writeSegment(data_.data(), 1);
-  writer().setSegmentAlg(KORVEX_SEG_STATE_LIMITED, 0, 0, 0);
-  EXPECT_NO_THROW(writer().writeSegment(data_.data(), 1));
-  EXPECT_EQ(flushedHeaders(queues).size(), 3u);
-}
-
-TEST_F(WriterSegments, ParametersAreCutTo32Bits) {
-  DaemonQueues queues;
-  openOn(queues);
-  writer().setSegmentAlg(KORVEX_SEG_STATE_LIMITED, 4294967297, 1, 2);
-  writer().writeSegment(data_.data(), 1);
-  EXPECT_THAT(flushedHeaders(queues), ElementsAre("(2,1,1,0,0,0,1,1,2,2864434397)"));
-}
-
-TEST_F(WriterSegments, EndDirectlyAfterOpenIsWritten) {
-  DaemonQueues queues;
-  openOn(queues);
-  writer().endSegment();
-  writer().writeSegment(data_.data(), 1);
-  EXPECT_THAT(flushedHeaders(queues),
-              ElementsAre("(2,2,0,0,0,1,0,0,0,2864434397)", "(3,1,1,0,0,0,0,0,0,2864434397)"));
-}
-
-TEST_F(WriterSegments, EndIsRedundantAfterAnyEndRecordOnly) {
-  DaemonQueues queues;
-  openOn(queues);
-  const qmx_shm_message_t directEnd = headerOf(2, 0);
-  writer().write_data(&directEnd, nullptr, kTimeout, false);
-  writer().endSegment();
-  const qmx_shm_message_t directOther = headerOf(77, 0);
-  writer().write_data(&directOther, nullptr, kTimeout, false);
-  writer().endSegment();
-  EXPECT_THAT(flushedHeaders(queues),
-              ElementsAre("(0,2,0,0,0,1,0,0,0,2864434397)", "(0,77,0,0,0,1,0,0,0,2864434397)",
-                          "(2,2,0,0,0,1,0,0,0,2864434397)"));
-}
-
-TEST_F(WriterSegments, LengthIsCutTo32BitsAndThenCountsAsNoData) {
-  DaemonQueues queues;
-  openOn(queues);
-  writer().writeSegment(data_.data(), 4294967296);
-  EXPECT_THAT(flushedHeaders(queues), ElementsAre("(2,1,0,0,0,1,0,0,0,2864434397)"));
-}
-
-TEST_F(WriterSegments, MaximumSizeNeedsNoWriter) {
-  EXPECT_EQ(ShmWriter::getMaxSegmentSize(), 131072u);
-}
-
-TEST_F(WriterLimits, LargestLimitedRecordPassesAndTheNextDoesNot) {
-  DaemonQueues queues(200000);
-  openOn(queues);
-  EXPECT_NO_THROW(writer().writeSegment(data_.data(), 131072));
-  expectError(85,
-              "Segment too large error.  Received segment of size 131073 bytes, but the maximum "
-              "allowed segment size is 131072 bytes",
-              [&] { writer().writeSegment(data_.data(), 131073); });
-  EXPECT_THAT(flushedHeaders(queues), ElementsAre("(2,1,131072,0,0,0,0,0,0,2864434397)"));
-  writer().endSegment();
-  EXPECT_THAT(flushedHeaders(queues), ElementsAre("(4,2,0,0,0,0,0,0,0,2864434397)"))
-      << "the refused record has used up its number and counts as data";
-}
-
-TEST_F(WriterLimits, UnlimitedRecordIsBoundedByTheBatchOnly) {
-  DaemonQueues queues(200000);
-  openOn(queues);
-  writer().setSegmentAlg(KORVEX_SEG_STATE_UNLIMITED, 0, 0, 0);
-  EXPECT_NO_THROW(writer().writeSegment(data_.data(), 131073));
-}
-
-TEST_F(WriterLimits, SegmentStateOtherThanOneIsLimited) {
-  DaemonQueues queues(200000);
-  connect(queues);
-  qmx_shm_message_t header = headerOf(9, 131073);
-  header.segState = 2;
-  EXPECT_THROW(writer().write_data(&header, data_.data(), kTimeout, false), Ov_ErrnoException);
-}
-
-TEST_F(WriterLimits, RecordThatFillsTheBatchExactlyIsStoredWithoutAFlush) {
-  DaemonQueues queues(8 + 48 + 100);
-  connect(queues);
-  const qmx_shm_message_t header = headerOf(9, 100);
-  writer().write_data(&header, data_.data(), kTimeout, false);
-  EXPECT_EQ(queues.send().waiting(), 0u);
-  EXPECT_EQ(flushedHeaders(queues).size(), 1u);
-}
-
-TEST_F(WriterLimits, RecordThatDoesNotFitFlushesTheEarlierOnes) {
-  DaemonQueues queues(8 + 48 + 100);
-  connect(queues);
-  const qmx_shm_message_t first = headerOf(8, 60);
-  const qmx_shm_message_t second = headerOf(9, 0);
-  writer().write_data(&first, data_.data(), kTimeout, false);
-  writer().write_data(&second, nullptr, kTimeout, false);
-  EXPECT_THAT(headersOf(queues.takeBatch()), ElementsAre("(0,8,60,0,0,1,0,0,0,2864434397)"));
-  EXPECT_THAT(flushedHeaders(queues), ElementsAre("(0,9,0,0,0,1,0,0,0,2864434397)"));
-}
-
-TEST_F(WriterLimits, RecordTooLargeForAnyBatchFirstSendsAnEmptyOne) {
-  DaemonQueues queues(8 + 48 + 100);
-  connect(queues);
-  const qmx_shm_message_t header = headerOf(9, 101);
-  expectError(89,
-              "Could not fit header (type=9) with data length 101 into the batch, even after batch "
-              "has been flushed",
-              [&] { writer().write_data(&header, data_.data(), kTimeout, false); });
-  EXPECT_EQ(hexOf(queues.takeBatch()), "ff00ee11 00000000");
-}
-
-TEST_F(WriterLimits, LengthNear32BitsIsRefusedNotWrapped) {
-  DaemonQueues queues(8 + 48 + 100);
-  connect(queues);
-  qmx_shm_message_t header = headerOf(9, 4294967295U);
-  header.segState = KORVEX_SEG_STATE_UNLIMITED;
-  EXPECT_THROW(writer().write_data(&header, data_.data(), kTimeout, false), Ov_ErrnoException);
-  EXPECT_EQ(hexOf(queues.takeBatch()), "ff00ee11 00000000");
-}
-
-TEST_F(WriterLimits, AnnouncedDataThatIsNullIsRefused) {
-  DaemonQueues queues;
-  openOn(queues);
-  expectError(9, "Invalid header; the specified length of data is 5 but the data pointer is NULL",
-              [&] { writer().writeSegment(nullptr, 5); });
-  EXPECT_THAT(flushedHeaders(queues), IsEmpty());
 }
 
 TEST_F(WriterBenchmark, DropsEveryRecordWithAWarning) {

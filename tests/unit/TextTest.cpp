@@ -4,8 +4,8 @@
 
 #include <cstdint>
 
+#include "support/ThrownError.h"
 #include "unit/StreamState.h"
-#include "unit/ThrownError.h"
 
 TEST(Text, JoinsItsPieces) {
   EXPECT_EQ(korvex::textOf("a ", std::string("b"), ' ', 7u, -1), "a b 7-1");

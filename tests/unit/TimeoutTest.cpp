@@ -1,32 +1,11 @@
 #include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <boost/interprocess/ipc/message_queue.hpp>
-#include <string>
 
 #include "korvex/ShmWriter.h"
+#include "support/DaemonQueues.h"
+#include "support/ThrownError.h"
 #include "unit/PlatformDouble.h"
-#include "unit/ThrownError.h"
 
 using korvex::validateTimeout;
-
-namespace {
-
-/// A queue of the daemon's, for as long as it lives.
-class DaemonQueue {
- public:
-  explicit DaemonQueue(const std::string& name)
-      : name_(name), queue_(boost::interprocess::create_only, name.c_str(), 1, 132) {}
-  ~DaemonQueue() { boost::interprocess::message_queue::remove(name_.c_str()); }
-  DaemonQueue(const DaemonQueue&) = delete;
-  DaemonQueue& operator=(const DaemonQueue&) = delete;
-
- private:
-  std::string name_;
-  boost::interprocess::message_queue queue_;
-};
-
-}  // namespace
 
 TEST(ValidateTimeout, AcceptsOneSecondToOneDay) {
   EXPECT_NO_THROW(validateTimeout(1));
@@ -73,9 +52,7 @@ TEST(ValidateTimeout, IsAskedBeforeAnyQueueIsTouched) {
 }
 
 TEST(ValidateTimeout, IsNotAskedAboutTheStopTimeout) {
-  const std::string name = "korvex-timeout-test-" + std::to_string(getpid());
-  const DaemonQueue sendQueue(name);
-  const DaemonQueue responseQueue(name + "Response");
-  EXPECT_NO_THROW(korvex::ShmWriter("stream", name, 1, 0, false));
-  EXPECT_NO_THROW(korvex::ShmWriter("stream", name, 86400, 4294967295, false));
+  korvex_test::DaemonQueues queues;
+  EXPECT_NO_THROW(korvex::ShmWriter("stream", queues.name(), 1, 0, false));
+  EXPECT_NO_THROW(korvex::ShmWriter("stream", queues.name(), 86400, 4294967295, false));
 }

@@ -6,16 +6,16 @@
 #include <string>
 
 #include "korvex/ShmWriter.h"
+#include "support/Bytes.h"
 #include "support/DaemonQueues.h"
-#include "support/Hex.h"
 
 namespace {
 
 /// The bytes of the page's worked example: from each line "offset  hex hex ...    remark".
-korvex_test::Bytes bytesOfPage(const std::string& path) {
+Bytes bytesOfPage(const std::string& path) {
   std::ifstream page(path);
   const std::regex line("^ +([0-9]+)  ((?:[0-9a-f]{2} )*[0-9a-f]{2})(?:   .*)?$");
-  korvex_test::Bytes bytes;
+  Bytes bytes;
   for (std::string text; std::getline(page, text);) {
     std::smatch match;
     if (!std::regex_match(text, match, line)) continue;
@@ -38,7 +38,7 @@ TEST(WireFormat, PageShowsTheBytesThatTheWriterSends) {
   writer.writeSegment(reinterpret_cast<const unsigned char*>("abc"), 3);
   writer.endSegment();
   writer.flush_shm_buffer(60);
-  const korvex_test::Bytes sent = queues.takeBatch();
+  const Bytes sent = queues.takeBatch();
   EXPECT_EQ(sent.size(), 107u);
-  EXPECT_EQ(korvex_test::hexOf(sent), korvex_test::hexOf(bytesOfPage(KORVEX_FORMAT_PAGE)));
+  EXPECT_EQ(hexOf(sent), hexOf(bytesOfPage(KORVEX_FORMAT_PAGE)));
 }

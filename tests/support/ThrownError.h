@@ -1,5 +1,5 @@
-#ifndef TESTS_UNIT_THROWN_ERROR_H
-#define TESTS_UNIT_THROWN_ERROR_H
+#ifndef TESTS_SUPPORT_THROWN_ERROR_H
+#define TESTS_SUPPORT_THROWN_ERROR_H
 
 #include <ostream>
 #include <string>

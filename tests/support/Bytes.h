@@ -1,5 +1,5 @@
-#ifndef TESTS_UNIT_BYTES_H
-#define TESTS_UNIT_BYTES_H
+#ifndef TESTS_SUPPORT_BYTES_H
+#define TESTS_SUPPORT_BYTES_H
 
 #include <cstddef>
 #include <string>
