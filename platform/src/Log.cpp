@@ -2,6 +2,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <string>
 
 #include "Sink.h"
 #include "qmx/trace.h"
@@ -10,47 +11,47 @@ namespace {
 
 std::uint32_t traceFlag = 0;
 
-void writeFormatted(qmx::Level level, int code, const char* format, std::va_list arguments) {
-  char text[4096];
-  std::vsnprintf(text, sizeof text, format, arguments);
-  qmx::write({level, code, text});
+/// The format with its arguments; the bare format when they do not go together, as with a wide
+/// character that the locale cannot express. A raw line says more than none.
+std::string formatted(const char* format, std::va_list arguments) {
+  if (format == nullptr) return "(null format)";
+  std::va_list again;
+  va_copy(again, arguments);
+  const int length = std::vsnprintf(nullptr, 0, format, again);
+  va_end(again);
+  if (length < 0) return format;
+  std::string text(static_cast<std::size_t>(length), '\0');
+  std::vsnprintf(&text[0], text.size() + 1, format, arguments);
+  return text;
+}
+
+void writeFormatted(qmx::Level level, int code, const char* format,
+                    std::va_list arguments) noexcept {
+  try {
+    qmx::write({level, code, formatted(format, arguments).c_str()});
+  } catch (...) {
+    qmx::reportLostLine();
+  }
 }
 
 }  // namespace
 
+// Only the function that was called can get at its own variable arguments.
+#define QMX_WRITE(level, code)                                \
+  std::va_list arguments;                                     \
+  va_start(arguments, format);                                \
+  writeFormatted(qmx::Level::level, code, format, arguments); \
+  va_end(arguments)
+
+void __TraceA(const char* format, ...) { QMX_WRITE(Trace, 0); }
+void InfoA(int code, const char* format, ...) { QMX_WRITE(Info, code); }
+void AuthA(int code, const char* format, ...) { QMX_WRITE(Auth, code); }
+void WarningA(int code, const char* format, ...) { QMX_WRITE(Warning, code); }
+void ErrorA(int code, const char* format, ...) { QMX_WRITE(Error, code); }
+
 std::uint32_t* __qmxlog_trace_location() { return &traceFlag; }
 
-void __TraceA(const char* format, ...) {
-  std::va_list arguments;
-  va_start(arguments, format);
-  writeFormatted(qmx::Level::Trace, 0, format, arguments);
-  va_end(arguments);
-}
-
-void InfoA(int code, const char* format, ...) {
-  std::va_list arguments;
-  va_start(arguments, format);
-  writeFormatted(qmx::Level::Info, code, format, arguments);
-  va_end(arguments);
-}
-
-void AuthA(int code, const char* format, ...) {
-  std::va_list arguments;
-  va_start(arguments, format);
-  writeFormatted(qmx::Level::Auth, code, format, arguments);
-  va_end(arguments);
-}
-
-void WarningA(int code, const char* format, ...) {
-  std::va_list arguments;
-  va_start(arguments, format);
-  writeFormatted(qmx::Level::Warning, code, format, arguments);
-  va_end(arguments);
-}
-
-void ErrorA(int code, const char* format, ...) {
-  std::va_list arguments;
-  va_start(arguments, format);
-  writeFormatted(qmx::Level::Error, code, format, arguments);
-  va_end(arguments);
+void qmx::setTracing(bool enabled) {
+  // Relaxed: the flag guards nothing, and a line more or less at the moment of the change is fine.
+  __atomic_store_n(&traceFlag, enabled ? 1u : 0u, __ATOMIC_RELAXED);
 }

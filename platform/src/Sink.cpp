@@ -1,9 +1,106 @@
 #include "Sink.h"
 
+#include <pthread.h>
+
+#include <cerrno>
 #include <cstdio>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+#include "Destination.h"
+#include "Layout.h"
 
 namespace qmx {
+namespace {
 
-void write(const Line& line) { std::fprintf(stderr, "%s\n", line.text); }
+/// Set while this thread is inside a destination. A receiver that logs all the same, or forks,
+/// would otherwise wait for itself.
+thread_local bool insideDestination = false;
+
+/// The one sink of the process. Its lock is held while a line is written, so that a destination
+/// that was replaced is not in use any more when the replacing call returns.
+struct Current {
+  Current();
+
+  std::mutex mutex;
+  std::unique_ptr<Destination> destination = standardError();
+};
+
+/// Never destroyed: threads and static objects may log until the very end of the process.
+Current& current() {
+  static Current* const only = new Current;
+  return *only;
+}
+
+// Made while the library is loaded. If a first line made it, a fork at that moment would leave the
+// child with a guard that nobody ever releases.
+[[maybe_unused]] const Current& madeAtLoad = current();
+
+// A child that was forked while another thread wrote a line would find the lock taken for ever.
+void lockForFork() {
+  if (!insideDestination) current().mutex.lock();
+}
+
+void unlockAfterFork() {
+  if (!insideDestination) current().mutex.unlock();
+}
+
+Current::Current() { ::pthread_atfork(lockForFork, unlockAfterFork, unlockAfterFork); }
+
+/// The time during which one thread has the sink to itself.
+class Turn {
+ public:
+  Turn() : lock_(current().mutex) { insideDestination = true; }
+  ~Turn() { insideDestination = false; }
+
+ private:
+  const std::lock_guard<std::mutex> lock_;
+};
+
+void replace(std::unique_ptr<Destination> next) {
+  const Turn turn;
+  current().destination = std::move(next);
+}
+
+/// False when the destination could not take the line.
+bool offer(const Line& line) noexcept {
+  const Turn turn;
+  try {
+    current().destination->write(line);
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
+
+void writeToStandardError(const Line& line) noexcept {
+  try {
+    const std::string text = layOut(line) + '\n';
+    std::fwrite(text.data(), 1, text.size(), stderr);
+  } catch (...) {
+    reportLostLine();
+  }
+}
+
+}  // namespace
+
+void write(const Line& line) noexcept {
+  const int callersErrno = errno;
+  if (insideDestination || !offer(line)) writeToStandardError(line);
+  errno = callersErrno;
+}
+
+void reportLostLine() noexcept { std::fputs("qmx: a line was lost: out of memory\n", stderr); }
+
+void logToStandardError() { replace(standardError()); }
+
+void logToFile(const std::string& path) { replace(file(path)); }
+
+void logToSystemLog(const std::string& identity) { replace(systemLog(identity)); }
+
+void logToCallback(std::function<void(const Line&)> receiver) {
+  replace(callback(std::move(receiver)));
+}
 
 }  // namespace qmx

@@ -8,13 +8,17 @@
 
 /// Where the default platform's lines go. Another platform library need not have this header.
 ///
-/// A line carries time, level, process id and code, then the text. Every function may be called
-/// from any thread at any time: a line goes wholly to the sink that was set when it was written.
+/// A line carries time, level, process id and code, then the text, whose control characters are
+/// escaped: one log call is one line. Every function may be called from any thread at any time: a
+/// line goes wholly to the sink that was set when it was written, and when a function returns, the
+/// sink before it is no longer in use. A line that the sink cannot take (a full disk, a receiver
+/// that throws) goes to standard error; log calls never throw.
 namespace qmx {
 
 enum class Level { Trace, Info, Auth, Warning, Error };
 
-/// One line before it is laid out. The text is valid during the call only.
+/// One line before it is laid out: the text is as it was logged, with nothing escaped. Valid during
+/// the call only.
 struct Line {
   Level level;
   int code;  ///< the caller's message number; 0 for trace lines
@@ -24,14 +28,16 @@ struct Line {
 /// The default: lines go to standard error.
 QMX_EXPORT void logToStandardError();
 
-/// Appends to the file, creating it when absent. Throws Ov_ErrnoException with the system's error
-/// number as status when the file cannot be opened; the sink set before stays then.
+/// Appends to the file, creating it (not its folder) when absent. Throws Ov_ErrnoException with the
+/// system's error number as status when the file cannot be opened; the sink set before stays then.
 QMX_EXPORT void logToFile(const std::string& path);
 
-/// Lines go to the system log under `identity`.
+/// Lines go to the system log under `identity`; time and process id are that log's own. Takes over
+/// the process's one connection to it.
 QMX_EXPORT void logToSystemLog(const std::string& identity);
 
-/// Hands every line to `receiver`, one at a time. The receiver must not log itself.
+/// Hands every line to `receiver`, one at a time. The receiver must not call this header's
+/// functions. It had better not log either: such lines go to standard error.
 QMX_EXPORT void logToCallback(std::function<void(const Line&)> receiver);
 
 /// Switches trace lines on or off; sets the flag of __qmxlog_trace_location.

@@ -1,0 +1,18 @@
+#ifndef QMX_LAYOUT_H
+#define QMX_LAYOUT_H
+
+#include <string>
+
+#include "qmx/sink.h"
+
+namespace qmx {
+
+/// The line as it stands in a file: time, level, process id, code and text, without a line end.
+std::string layOut(const Line& line);
+
+/// The same without time and process id, for a log that adds both by itself.
+std::string layOutBriefly(const Line& line);
+
+}  // namespace qmx
+
+#endif
