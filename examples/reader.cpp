@@ -1,0 +1,13 @@
+// reader: takes the batch on standard input apart, prints its records. Trusts the bytes.
+#include <korvex/ShmBatch.h>
+
+#include <iostream>
+#include <iterator>
+
+int main() {
+  const std::string bytes(std::istreambuf_iterator<char>(std::cin), {});
+  std::queue<korvex::ShmBatch::Entry> entries;
+  korvex::ShmBatch::getEntriesFromBuffer(
+      entries, reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
+  for (; !entries.empty(); entries.pop()) std::cout << entries.front() << '\n';
+}
