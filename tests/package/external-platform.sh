@@ -1,0 +1,32 @@
+# external-platform.sh SOURCE COMPILER LAUNCHER: the library builds on a platform that is installed
+# elsewhere, does not install a second one, and its package finds the first.
+source "$(dirname "$0")/common.sh"
+
+platform=$work/platform
+mkdir -p "$platform"
+(cd "$PREFIX" && find . -path '*qmx*' ! -type d | tar -cf - -T -) | tar -xf - -C "$platform"
+
+# configure FOLDER ARGUMENT...
+configure() {
+  local build=$1
+  shift
+  cmake -S "$source_tree" -B "$build" -G Ninja -DCMAKE_CXX_COMPILER="$compiler" \
+    -DCMAKE_CXX_COMPILER_LAUNCHER="$launcher" -DKORVEX_PLATFORM=external \
+    -DKORVEX_BUILD_TESTS=OFF -DKORVEX_BUILD_TOOLS=OFF "$@"
+}
+
+source_tree=$1 compiler=$2 launcher=$3
+if configure "$work/without" > "$work/log" 2>&1; then
+  fail "it configures without a platform"
+fi
+grep -q qmxConfig.cmake "$work/log" || fail "the missing platform is not named: $(cat "$work/log")"
+
+configure "$work/build" -DCMAKE_PREFIX_PATH="$platform"
+cmake --build "$work/build"
+cmake --install "$work/build" --prefix "$work/installed" > /dev/null
+[ -z "$(find "$work/installed" -name '*qmx*')" ] || fail "a platform was installed as well"
+
+cmake -S "$here/consumer" -B "$work/consumer" -G Ninja -DCMAKE_CXX_COMPILER="$compiler" \
+  -DCMAKE_PREFIX_PATH="$work/installed;$platform"
+cmake --build "$work/consumer"
+expect "the consumer's output" "$("$work/consumer/consumer")" "$consumer_output"

@@ -1,0 +1,17 @@
+# install.sh BUILD: installs the build, then moves the tree: whatever still points to the place
+# where it was installed fails from here on.
+source "$(dirname "$0")/common.sh"
+
+rm -rf "$PREFIX"
+cmake --install "$1" --prefix "$work/installed" > "$work/log" || fail "$(cat "$work/log")"
+mkdir -p "$(dirname "$PREFIX")"
+mv "$work/installed" "$PREFIX"
+
+for name in korvex qmx; do
+  for file in cmake/$name/${name}Config.cmake pkgconfig/$name.pc lib$name.so; do
+    [ -f "$LIBDIR/$file" ] || fail "$LIBDIR/$file is missing"
+  done
+done
+if grep -rl -e "$work" -e "$(realpath "$1")" "$LIBDIR/cmake" "$LIBDIR/pkgconfig"; then
+  fail "the files above name the folder of the build or of the first installation"
+fi
