@@ -4,12 +4,11 @@
 #include <ostream>
 #include <sstream>
 
-#include <qmx/trace.h>
-
 #include "support/Adler32.h"
 #include "support/BigEndian.h"
 #include "support/Status.h"
 #include "support/Text.h"
+#include "support/Trace.h"
 
 namespace korvex {
 namespace {
@@ -76,7 +75,7 @@ ShmBatch::Entry::Entry(const unsigned char* entryData) : data(entryData) {
 ShmBatch::ShmBatch(unsigned long bufferSize)
     : bufferSize_(bufferSize), raw_(nullptr), usedSize_(kMetaDataSize), writePos_(nullptr) {
   // Traced before the check, so that the log shows the size that was refused.
-  if (*__qmxlog_trace_location() != 0) {
+  if (isTracing()) {
     __TraceA("%s: bufferSize=%u", "ShmBatch", static_cast<unsigned int>(bufferSize));
   }
   validBufferSizeAssert(bufferSize);

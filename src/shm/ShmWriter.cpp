@@ -7,11 +7,11 @@
 #include <cstring>
 
 #include <qmx/log.h>
-#include <qmx/trace.h>
 
 #include "shm/MessageQueue.h"
 #include "support/Status.h"
 #include "support/Text.h"
+#include "support/Trace.h"
 
 namespace korvex {
 namespace {
@@ -29,8 +29,6 @@ constexpr int kNoMessageCode = -1;
 
 // The process that takes the batches, as the timeout's text names it.
 const std::string KorvexdProcessName = "korvexd";
-
-bool isTracing() { return *__qmxlog_trace_location() != 0; }
 
 std::uint32_t low32(std::uint64_t value) { return static_cast<std::uint32_t>(value); }
 

@@ -4,16 +4,14 @@
 #include <cstdio>
 
 #include <qmx/log.h>
-#include <qmx/trace.h>
 
 #include "support/Text.h"
+#include "support/Trace.h"
 
 namespace korvex::server {
 namespace {
 
 constexpr std::size_t kMessageCapacity = 4096;  // one for the NUL
-
-bool isTracing() { return *__qmxlog_trace_location() != 0; }
 
 // The line is the platform's format, with nothing behind it, and is read a second time there. A
 // "%s" in front would change what is written: components double their percent signs for both

@@ -75,3 +75,11 @@ INSTANTIATE_TEST_SUITE_P(
                             KORVEX_EXAMPLES "/IdentifiersExample.cpp", KORVEX_IDENTIFIERS_EXAMPLE},
                     Example{KORVEX_DOCS "/logger.md", KORVEX_EXAMPLES "/LoggerExample.cpp",
                             KORVEX_LOGGER_EXAMPLE}));
+
+TEST(Readme, QuotesTheExamplesAsTheyAreCompiled) {
+  const std::string readme = contentOf(KORVEX_DOCS "/../README.md");
+  for (const char* const name : {"producer.cpp", "reader.cpp"}) {
+    const std::string source = contentOf(std::string(KORVEX_DOCS "/../examples/") + name);
+    EXPECT_NE(readme.find("```cpp\n" + source + "```"), std::string::npos) << name;
+  }
+}

@@ -28,7 +28,7 @@ class AutoTrace {
  public:
   /// Keeps the pointer, so the name must outlive the scope; a string literal does.
   explicit AutoTrace(const char* name) : name_(nullptr) {
-    if (*__qmxlog_trace_location() != 0) enter(name);
+    if (__atomic_load_n(__qmxlog_trace_location(), __ATOMIC_RELAXED) != 0) enter(name);
   }
   ~AutoTrace() {
     if (name_ != nullptr) leave();
