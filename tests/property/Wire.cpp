@@ -31,8 +31,8 @@ class Cursor {
 }  // namespace
 
 std::vector<Parameter> headerParameters() {
-  return {{"type", 0}, {"len", 0}, {"sequence", 0}, {"count", 0}, {"empty", 1},
-          {"state", 0}, {"p1", 0}, {"p2", 0},       {"p3", 0},    {"magic", kSoundRecord}};
+  return {{"type", 0},  {"len", 0}, {"sequence", 0}, {"count", 0}, {"empty", 1},
+          {"state", 0}, {"p1", 0},  {"p2", 0},       {"p3", 0},    {"magic", kSoundRecord}};
 }
 
 Record recordOf(const Operation& operation) {

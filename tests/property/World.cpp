@@ -57,8 +57,7 @@ std::string hexAround(const Bytes& bytes, std::size_t offset) {
 }
 
 std::string blockDifference(const Bytes& expected, const Bytes& found) {
-  const auto places =
-      std::mismatch(expected.begin(), expected.end(), found.begin(), found.end());
+  const auto places = std::mismatch(expected.begin(), expected.end(), found.begin(), found.end());
   const auto offset = static_cast<std::size_t>(places.first - expected.begin());
   std::ostringstream stream;
   stream << "  expected " << expected.size() << " bytes, from " << offset << ": "

@@ -7,12 +7,10 @@ namespace {
 
 constexpr std::uint32_t kLargestLimited = 131072;
 
-constexpr int kNotFound = 7;      // the queue library's numbers
+constexpr int kNotFound = 7;  // the queue library's numbers
 constexpr int kSizeRefused = 18;
 
-[[noreturn]] void failInQueue(int code) {
-  throw Failure{"queue error " + std::to_string(code)};
-}
+[[noreturn]] void failInQueue(int code) { throw Failure{"queue error " + std::to_string(code)}; }
 
 void checkTimeout(std::uint32_t timeout) {
   const std::string start = "Invalid timeout, specified value " + std::to_string(timeout);
@@ -22,7 +20,8 @@ void checkTimeout(std::uint32_t timeout) {
 
 std::uint32_t littleStatus(const Bytes& response) {
   std::uint32_t status = 0;
-  for (unsigned i = 4; i > 0; --i) status = status * 256 + static_cast<unsigned char>(response[i - 1]);
+  for (unsigned i = 4; i > 0; --i)
+    status = status * 256 + static_cast<unsigned char>(response[i - 1]);
   return status;
 }
 
