@@ -13,7 +13,7 @@
 namespace {
 
 // Seconds in a development build; RC_PARAMS overrides it.
-constexpr char kUsualCases[] = "max_success=4000";
+constexpr char kUsualCases[] = "max_success=3000";
 
 /// 0 when the library does what the model does, 1 when not, 2 when the file is no script.
 int replayFile(const char* path) {

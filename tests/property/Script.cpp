@@ -189,7 +189,7 @@ std::ostream& operator<<(std::ostream& stream, const Operation& operation) {
   for (std::size_t i = 0; i < operation.arguments.size(); ++i) {
     const Parameter& parameter = operation.verb->parameters[i];
     if (operation.arguments[i] == parameter.usual) continue;
-    stream << ' ' << parameter.name << '=' << operation.arguments[i];
+    stream << ' ' << parameter.name << '=' << std::to_string(operation.arguments[i]);
   }
   if (!operation.text.empty()) stream << " text=" << quoted(operation.text);
   return stream;

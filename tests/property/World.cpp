@@ -59,11 +59,9 @@ std::string hexAround(const Bytes& bytes, std::size_t offset) {
 std::string blockDifference(const Bytes& expected, const Bytes& found) {
   const auto places = std::mismatch(expected.begin(), expected.end(), found.begin(), found.end());
   const auto offset = static_cast<std::size_t>(places.first - expected.begin());
-  std::ostringstream stream;
-  stream << "  expected " << expected.size() << " bytes, from " << offset << ": "
-         << hexAround(expected, offset) << "\n  found    " << found.size() << " bytes, from "
-         << offset << ": " << hexAround(found, offset) << '\n';
-  return stream.str();
+  const std::string from = " bytes, from " + std::to_string(offset) + ": ";
+  return "  expected " + std::to_string(expected.size()) + from + hexAround(expected, offset) +
+         "\n  found    " + std::to_string(found.size()) + from + hexAround(found, offset) + '\n';
 }
 
 }  // namespace
@@ -99,7 +97,7 @@ std::string firstDifference(const Script& script, World& library, Model& model) 
     const std::string differs = difference(expected, library.perform(operation));
     if (differs.empty()) continue;
     std::ostringstream stream;
-    stream << "operation " << i + 1 << ": " << operation << '\n' << differs;
+    stream << "operation " << std::to_string(i + 1) << ": " << operation << '\n' << differs;
     return stream.str();
   }
   return "";

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "property/GlobalLocale.h"
 #include "property/Wire.h"
 
 namespace property {
@@ -37,6 +38,7 @@ const Language& writerLanguage() {
        {"take", {}, false},
        {"drain", {}, false},
        {"fill", {{"priority", 0}}, false},
+       localeVerb(),
        {"reply", {{"status", 0}, {"size", 132}, {"priority", 0}}, true}}};
   return language;
 }

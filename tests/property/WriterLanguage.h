@@ -9,7 +9,8 @@ namespace property {
 ///
 /// `queues` makes both queues anew (`missing` 1: no send queue, 2: no response queue) and
 /// `construct` a writer on them, whose name is the text; both destroy the writer before. `take`,
-/// `drain`, `fill` and `reply` are the daemon's side. What needs a writer does nothing without one.
+/// `drain`, `fill` and `reply` are the daemon's side; `locale` is the process's own. What needs a
+/// writer does nothing without one.
 const Language& writerLanguage();
 
 /// The limits that a `queues` operation asks for; no queue holds 0 messages or 0 bytes.

@@ -98,6 +98,7 @@ void WriterLibrary::act(const Operation& operation) {
     replyQueue_->send(reply, operation.low("priority"));
     return;
   }
+  if (verb == "locale") return locale_.set(operation["grouping"] != 0);
   if (verb == "take") return take();
   if (verb == "drain") {
     while (sendQueue_ && sendQueue_->messages() > 0) take();

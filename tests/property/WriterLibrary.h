@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "property/GlobalLocale.h"
 #include "property/WriterLanguage.h"
 
 namespace korvex {
@@ -33,6 +34,7 @@ class WriterLibrary : public World {
   void take();
   void addState();
 
+  GlobalLocale locale_;
   std::string name_;
   std::unique_ptr<Queue> sendQueue_;
   std::unique_ptr<Queue> replyQueue_;

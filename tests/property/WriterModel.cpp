@@ -57,6 +57,7 @@ void WriterModel::act(const Operation& operation) {
   if (verb == "queues") return makeQueues(operation);
   if (verb == "construct") return construct(operation);
   if (verb == "reply") return reply(operation);
+  if (verb == "locale") return;  // no locale reaches a digit
   if (verb == "take") return take();
   if (verb == "drain") {
     while (sendQueue_ && sendQueue_->messages() > 0) take();

@@ -47,8 +47,8 @@ void Builder::begin() {
 
 void Builder::step() {
   enum { Open, Close, Stop, Algorithm, Segment, End, Write, Flush, Take, Drain, Fill, Reply };
-  enum { Construct = Reply + 1, Destroy, Queues };
-  switch (dice_.weighted({6, 5, 5, 8, 18, 10, 16, 5, 12, 5, 2, 9, 4, 2, 1})) {
+  enum { Construct = Reply + 1, Destroy, Queues, Locale };
+  switch (dice_.weighted({6, 5, 5, 8, 18, 10, 16, 5, 12, 5, 2, 9, 4, 2, 1, 1})) {
     case Open:
       return add("open");
     case Close:
@@ -79,6 +79,8 @@ void Builder::step() {
       return add("destroy");
     case Queues:
       return addQueues();
+    case Locale:
+      return add(operation("locale").set("grouping", dice_.below(2)));
   }
 }
 
