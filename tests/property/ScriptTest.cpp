@@ -1,11 +1,14 @@
 #include "property/Script.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
 
+#include <cstdlib>
 #include <sstream>
 #include <stdexcept>
 
 #include "property/BatchScripts.h"
+#include "property/Isolated.h"
 #include "property/Property.h"
 #include "property/WriterScripts.h"
 
@@ -79,6 +82,32 @@ TEST(Script, ShrinksTowardsUsualValues) {
   EXPECT_EQ(simpler,
             (std::vector<std::string>{"language toy\n", "language toy\ngo\n",
                                       "language toy\ngo far=7\n", "language toy\ngo far=8\n"}));
+}
+
+TEST(Script, ShrinksAsLongAsItFails) {
+  const Script script = parsed("language toy\ngo\nsay loud=9 text=\"abcd\"\ngo far=2\n");
+  const auto fails = [](const Script& tried) {
+    return textOf(tried).find("say") != std::string::npos && !tried.operations.empty() &&
+           textOf(tried.operations.back()).compare(0, 6, "go far") == 0 &&
+           tried.operations.back()["far"] < 4;
+  };
+  EXPECT_EQ(textOf(smallest(script, fails)), "language toy\nsay\ngo far=3\n");
+}
+
+TEST(Isolated, TellsHowTheChildEnded) {
+  EXPECT_EQ(runInChild([] { return true; }), Ending::Good);
+  EXPECT_EQ(runInChild([] { return false; }), Ending::Bad);
+  EXPECT_EQ(runInChild([]() -> bool { std::_Exit(1); }), Ending::Crashed);
+  EXPECT_EQ(runInChild([] { return ::raise(SIGKILL) == 0; }), Ending::Crashed);
+}
+
+TEST(Isolated, KnowsWhichScriptTheChildRan) {
+  const Script script = parsed("language toy\ngo far=8\n");
+  runInChild([&script]() -> bool {
+    noteScript(script);
+    std::_Exit(1);
+  });
+  EXPECT_EQ(notedScript(), "language toy\ngo far=8\n");
 }
 
 template <typename MakeScript>

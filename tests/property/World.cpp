@@ -1,49 +1,12 @@
 #include "property/World.h"
 
-#include <signal.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <sstream>
 
+#include "property/Isolated.h"
+
 namespace property {
 namespace {
-
-std::string* runningScript = nullptr;
-
-/// Prints the script that was running, and lets the signal do what it would have done.
-void tellOfCrash(int signal) {
-  if (runningScript != nullptr) {
-    const ssize_t ignored = ::write(STDERR_FILENO, runningScript->data(), runningScript->size());
-    static_cast<void>(ignored);
-  }
-  ::signal(signal, SIG_DFL);
-  ::raise(signal);
-}
-
-/// While it lives, a crash prints the script. A sanitizer's own handler stays in place.
-class CrashTeller {
- public:
-  explicit CrashTeller(const Script& script) {
-    std::ostringstream stream;
-    stream << "The process crashed in this script:\n" << script;
-    text_ = stream.str();
-    runningScript = &text_;
-    for (const int signal : {SIGSEGV, SIGBUS, SIGABRT, SIGFPE}) install(signal);
-  }
-  ~CrashTeller() { runningScript = nullptr; }
-  CrashTeller(const CrashTeller&) = delete;
-  CrashTeller& operator=(const CrashTeller&) = delete;
-
- private:
-  static void install(int signal) {
-    struct sigaction present = {};
-    ::sigaction(signal, nullptr, &present);
-    if (present.sa_handler == SIG_DFL) ::signal(signal, tellOfCrash);
-  }
-
-  std::string text_;
-};
 
 std::string hexAround(const Bytes& bytes, std::size_t offset) {
   constexpr std::size_t kShown = 16;
@@ -89,7 +52,7 @@ std::string difference(const Seen& expected, const Seen& found) {
 }
 
 std::string firstDifference(const Script& script, World& library, Model& model) {
-  const CrashTeller teller(script);
+  noteScript(script);
   for (std::size_t i = 0; i < script.operations.size(); ++i) {
     const Operation& operation = script.operations[i];
     if (!model.permits(operation)) continue;

@@ -38,7 +38,7 @@ class Model : public World {
 };
 
 /// Runs the script against both and returns the first difference with the line at fault; empty when
-/// there is none. When the process crashes meanwhile, the script is printed.
+/// there is none.
 std::string firstDifference(const Script& script, World& library, Model& model);
 
 }  // namespace property

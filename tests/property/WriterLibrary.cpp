@@ -15,10 +15,9 @@ namespace {
 
 namespace ipc = boost::interprocess;
 
-std::string freshName() {
-  static unsigned number = 0;
-  return "korvex-property-" + std::to_string(::getpid()) + '-' + std::to_string(number++);
-}
+// One for this process and its children, so that it can clean up after a child that crashed.
+const std::string kQueueName = "korvex-property-" + std::to_string(::getpid());
+const std::string kReplyQueueName = kQueueName + "Response";
 
 }  // namespace
 
@@ -53,7 +52,12 @@ class WriterLibrary::Queue {
   ipc::message_queue queue_;
 };
 
-WriterLibrary::WriterLibrary() : name_(freshName()) {}
+void WriterLibrary::removeLeftQueues() {
+  ipc::message_queue::remove(kQueueName.c_str());
+  ipc::message_queue::remove(kReplyQueueName.c_str());
+}
+
+WriterLibrary::WriterLibrary() { removeLeftQueues(); }
 
 WriterLibrary::~WriterLibrary() = default;
 
@@ -137,18 +141,18 @@ void WriterLibrary::makeQueues(const Operation& operation) {
   sendQueue_.reset();
   replyQueue_.reset();
   if (operation["missing"] != 1) {
-    sendQueue_ = std::make_unique<Queue>(name_, sendLimitsOf(operation));
+    sendQueue_ = std::make_unique<Queue>(kQueueName, sendLimitsOf(operation));
   }
   if (operation["missing"] != 2) {
-    replyQueue_ = std::make_unique<Queue>(name_ + "Response", replyLimitsOf(operation));
+    replyQueue_ = std::make_unique<Queue>(kReplyQueueName, replyLimitsOf(operation));
   }
 }
 
 void WriterLibrary::construct(const Operation& operation) {
   writer_.reset();
-  writer_ = std::make_unique<korvex::ShmWriter>(operation.text, name_, operation.low("timeout"),
-                                                operation.low("stopTimeout"),
-                                                operation["benchmark"] != 0);
+  writer_ = std::make_unique<korvex::ShmWriter>(
+      operation.text, kQueueName, operation.low("timeout"), operation.low("stopTimeout"),
+      operation["benchmark"] != 0);
 }
 
 void WriterLibrary::write(const Operation& operation) {

@@ -13,13 +13,16 @@ class ShmWriter;
 
 namespace property {
 
-/// The library's writer on real queues, which this object makes and removes.
+/// The library's writer on real queues, which this object makes and removes. One at a time.
 class WriterLibrary : public World {
  public:
   WriterLibrary();
   ~WriterLibrary() override;
   WriterLibrary(const WriterLibrary&) = delete;
   WriterLibrary& operator=(const WriterLibrary&) = delete;
+
+  /// Removes what a process that crashed has left.
+  static void removeLeftQueues();
 
   Seen perform(const Operation& operation) override;
 
@@ -35,7 +38,6 @@ class WriterLibrary : public World {
   void addState();
 
   GlobalLocale locale_;
-  std::string name_;
   std::unique_ptr<Queue> sendQueue_;
   std::unique_ptr<Queue> replyQueue_;
   std::unique_ptr<korvex::ShmWriter> writer_;
