@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <future>
+#include <thread>
 
 #include "support/DaemonQueues.h"
 #include "support/SharedObject.h"
@@ -116,6 +118,26 @@ TEST(QueueView, KnowsALivingOwner) {
   EXPECT_TRUE(view.looksLocked());
   EXPECT_FALSE(view.isLockOwnerGone());
   ::pthread_mutex_unlock(lock.mutex());
+}
+
+// The lock names a thread, not a process: one that is not its process's first must count as well.
+TEST(QueueView, KnowsALivingOwnerThatIsNotTheFirstThread) {
+  const RawQueue queue(uniqueQueueName(), 2, 10);
+  const QueueView view(queue.name());
+  const QueueLock lock(queue.name());
+  std::promise<void> taken;
+  std::promise<void> looked;
+  std::thread owner([&] {
+    ::pthread_mutex_lock(lock.mutex());
+    taken.set_value();
+    looked.get_future().wait();
+    ::pthread_mutex_unlock(lock.mutex());
+  });
+  taken.get_future().wait();
+  EXPECT_TRUE(view.looksLocked());
+  EXPECT_FALSE(view.isLockOwnerGone());
+  looked.set_value();
+  owner.join();
 }
 
 TEST(QueueView, NoticesThatTheNameLeadsElsewhere) {
