@@ -181,15 +181,21 @@ std::size_t QueueView::messages() const noexcept {
                          __ATOMIC_ACQUIRE);
 }
 
+pid_t QueueView::lockOwner() const noexcept {
+  return __atomic_load_n(reinterpret_cast<const pid_t*>(window_ + kLockOwnerOffset),
+                         __ATOMIC_ACQUIRE);
+}
+
 bool QueueView::looksLocked() const noexcept {
   return __atomic_load_n(reinterpret_cast<const std::uint32_t*>(window_ + kLockWordOffset),
                          __ATOMIC_ACQUIRE) != 0;
 }
 
 bool QueueView::isLockOwnerGone() const noexcept {
-  const auto owner =
-      __atomic_load_n(reinterpret_cast<const pid_t*>(window_ + kLockOwnerOffset), __ATOMIC_ACQUIRE);
-  return looksLocked() && owner > 0 && ::kill(owner, 0) != 0 && errno == ESRCH;
+  const pid_t owner = lockOwner();
+  if (owner <= 0 || ::kill(owner, 0) == 0 || errno != ESRCH) return false;
+  // A healthy owner may have given the lock back and ended between the two looks.
+  return looksLocked() && lockOwner() == owner;
 }
 
 }  // namespace korvex

@@ -62,6 +62,7 @@ class QueueView {
  private:
   void look(int file) noexcept;
   void release() noexcept;
+  pid_t lockOwner() const noexcept;
 
   State state_ = State::Unreachable;
   int systemError_ = 0;
