@@ -1,0 +1,91 @@
+#include "korvexd/Daemon.h"
+
+#include <signal.h>
+#include <spdlog/spdlog.h>
+#include <time.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "korvexd/DiscardSink.h"
+
+namespace korvexd {
+namespace {
+
+constexpr timespec kStatsInterval{1, 0};
+
+sigset_t endSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGINT);
+  return signals;
+}
+
+/// Before any thread starts, so that all of them inherit it and the signals reach awaitSignal().
+void prepareSignals() {
+  const sigset_t signals = endSignals();
+  ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  ::signal(SIGPIPE, SIG_IGN);
+}
+
+}  // namespace
+
+Daemon::Daemon(const Options& options) {
+  prepareSignals();
+  if (options.output) store_.emplace(*options.output);
+  createServers(options);
+  if (!options.statsFile) return;
+  std::vector<std::pair<std::string, const Stats*>> stats;
+  for (const auto& server : servers_) stats.emplace_back(server->queue(), &server->stats());
+  statsFile_.emplace(*options.statsFile, std::move(stats));
+  statsFile_->update();
+}
+
+SinkFactory Daemon::sinkFactory() {
+  if (!store_) {
+    return [](const std::string&, std::time_t) { return std::make_unique<DiscardSink>(); };
+  }
+  return
+      [this](const std::string& queue, std::time_t opened) { return store_->open(queue, opened); };
+}
+
+void Daemon::createServers(const Options& options) {
+  for (const std::string& queue : options.queues) {
+    servers_.push_back(std::make_unique<QueueServer>(QueueServer::Settings{
+        queue, options.limits, options.mode, options.existing, sinkFactory(), options.capture}));
+    spdlog::info("serving {}, {} messages of {} bytes", queue, options.limits.messages,
+                 options.limits.messageSize);
+  }
+}
+
+void Daemon::run() {
+  std::vector<std::thread> threads;
+  for (const auto& server : servers_) {
+    threads.emplace_back([this, &server] { server->run(stop_); });
+  }
+  awaitSignal();
+  stop_ = true;
+  for (std::thread& thread : threads) thread.join();
+  updateStats();
+  servers_.clear();
+}
+
+/// A second signal stays blocked and changes nothing.
+void Daemon::awaitSignal() {
+  const sigset_t signals = endSignals();
+  while (::sigtimedwait(&signals, nullptr, &kStatsInterval) < 0) updateStats();
+}
+
+void Daemon::updateStats() noexcept {
+  if (!statsFile_) return;
+  try {
+    statsFile_->update();
+    statsFailed_ = false;
+  } catch (const std::exception& error) {
+    // Said once until it works again.
+    if (!std::exchange(statsFailed_, true)) spdlog::warn("{}", error.what());
+  }
+}
+
+}  // namespace korvexd

@@ -1,0 +1,42 @@
+#ifndef KORVEXD_DAEMON_H
+#define KORVEXD_DAEMON_H
+
+#include <atomic>
+#include <memory>
+#include <optional>
+#include <thread>
+#include <vector>
+
+#include "korvexd/DirectoryStore.h"
+#include "korvexd/Options.h"
+#include "korvexd/QueueServer.h"
+#include "korvexd/StatsFile.h"
+
+namespace korvexd {
+
+/// The whole daemon: one thread for each queue, and the calling one for signals and statistics.
+class Daemon {
+ public:
+  /// Creates the queues. Blocks SIGTERM and SIGINT for the process and ignores SIGPIPE. Throws
+  /// std::exception when something cannot be made; no queue is left then.
+  explicit Daemon(const Options& options);
+
+  /// Serves until SIGTERM or SIGINT comes. Open streams end as incomplete, the queues are removed.
+  void run();
+
+ private:
+  SinkFactory sinkFactory();
+  void createServers(const Options& options);
+  void awaitSignal();
+  void updateStats() noexcept;
+
+  std::optional<DirectoryStore> store_;
+  std::vector<std::unique_ptr<QueueServer>> servers_;
+  std::optional<StatsFile> statsFile_;
+  bool statsFailed_ = false;
+  std::atomic<bool> stop_{false};
+};
+
+}  // namespace korvexd
+
+#endif

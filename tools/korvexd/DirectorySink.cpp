@@ -1,0 +1,84 @@
+#include "korvexd/DirectorySink.h"
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "korvexd/Manifest.h"
+#include "korvexd/SystemError.h"
+
+namespace korvexd {
+namespace {
+
+constexpr std::size_t kGatherSize = 256 * 1024;
+constexpr mode_t kFileMode = 0600;
+
+const char kDataName[] = "data";
+const char kManifestName[] = "manifest.json";
+const char kWritingData[] = "writing data";
+const char kWritingManifest[] = "writing manifest";
+
+}  // namespace
+
+DirectorySink::DirectorySink(const File& parent, std::string name, const std::string& path)
+    : parent_(parent),
+      name_(std::move(name)),
+      path_(path + "/" + name_),
+      folder_(File::openAt(parent.descriptor(), name_ + kPartialSuffix, O_RDONLY | O_DIRECTORY, 0,
+                           "opening stream folder")),
+      data_(File::openAt(folder_.descriptor(), kDataName, O_WRONLY | O_CREAT | O_EXCL, kFileMode,
+                         "creating data file")) {
+  gathered_.reserve(kGatherSize);
+}
+
+void DirectorySink::write(const unsigned char* data, std::size_t size) {
+  sha256_.update(data, size);
+  if (size > kGatherSize - gathered_.size()) writeGathered();
+  if (size >= kGatherSize) return data_.writeAll(data, size, kWritingData);
+  gathered_.insert(gathered_.end(), data, data + size);
+}
+
+void DirectorySink::writeGathered() {
+  // Emptied first: after a failure nobody may write the same bytes once more.
+  std::vector<unsigned char> bytes;
+  bytes.swap(gathered_);
+  data_.writeAll(bytes.data(), bytes.size(), kWritingData);
+  bytes.clear();
+  bytes.swap(gathered_);
+}
+
+void DirectorySink::complete(const StreamSummary& summary) {
+  writeGathered();
+  if (::fdatasync(data_.descriptor()) != 0) throw SystemError("syncing data", errno);
+  replaceFile(folder_.descriptor(), kManifestName, manifestOf(summary, sha256_.hex(), ""),
+              kFileMode, kWritingManifest);
+  folder_.sync("syncing stream folder");
+  publish();
+}
+
+void DirectorySink::publish() {
+  const std::string partial = name_ + kPartialSuffix;
+  const int parent = parent_.descriptor();
+  if (::renameat2(parent, partial.c_str(), parent, name_.c_str(), RENAME_NOREPLACE) != 0) {
+    throw SystemError("renaming stream folder", errno);
+  }
+  if (::fsync(parent) == 0) {
+    isFinal_ = true;
+    return;
+  }
+  // Not known to be on the disk: the producer is told so, and the name must not say otherwise.
+  const int error = errno;
+  ::renameat2(parent, name_.c_str(), parent, partial.c_str(), RENAME_NOREPLACE);
+  throw SystemError("syncing output folder", error);
+}
+
+void DirectorySink::abandon(const StreamSummary& summary, const std::string& reason) {
+  const std::string manifest = manifestOf(summary, sha256_.hex(), reason);
+  replaceFile(folder_.descriptor(), kManifestName, manifest, kFileMode, kWritingManifest);
+  writeGathered();
+}
+
+}  // namespace korvexd

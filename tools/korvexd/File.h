@@ -1,0 +1,46 @@
+#ifndef KORVEXD_FILE_H
+#define KORVEXD_FILE_H
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <string>
+
+namespace korvexd {
+
+/// An open file or folder. Closed when it goes; an error of closing is not seen, so sync() first
+/// what must be kept. Failures are SystemError, whose text begins with `doing`.
+class File {
+ public:
+  File() noexcept = default;
+  explicit File(int descriptor) noexcept : descriptor_(descriptor) {}
+  ~File();
+  File(File&& other) noexcept;
+  File& operator=(File&& other) noexcept;
+
+  /// Opens `name` in an open folder (or AT_FDCWD). Never follows a symbolic link in the last part.
+  static File openAt(int folder, const std::string& name, int flags, mode_t mode,
+                     const std::string& doing);
+
+  /// Opens a folder, to work in it whatever happens to its name; a link to one is followed.
+  static File openFolder(const std::string& path, const std::string& doing);
+
+  int descriptor() const noexcept { return descriptor_; }
+
+  /// Writes everything, in as many steps as the system takes.
+  void writeAll(const void* data, std::size_t size, const std::string& doing);
+
+  /// Waits until contents and size are on the disk.
+  void sync(const std::string& doing);
+
+ private:
+  int descriptor_ = -1;
+};
+
+/// Replaces or creates `name` in `folder` with this text, synced; never half of it is seen.
+void replaceFile(int folder, const std::string& name, const std::string& text, mode_t mode,
+                 const std::string& doing);
+
+}  // namespace korvexd
+
+#endif

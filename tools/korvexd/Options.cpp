@@ -1,0 +1,145 @@
+#include "korvexd/Options.h"
+
+#include <korvex/ShmWriter.h>
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <ostream>
+
+#include "korvexd/ExitCode.h"
+#include "korvexd/Names.h"
+
+namespace korvexd {
+namespace {
+
+constexpr std::size_t kMostMessages = 65536;
+constexpr std::size_t kSmallestMessage = 56;  // a batch with one empty record
+constexpr std::size_t kLargestMessage = std::size_t{1} << 30;
+constexpr mode_t kModeNeeded = 0600;
+constexpr int kOctal = 8;
+
+/// What the command line says, as texts and numbers.
+struct Arguments {
+  std::vector<std::string> queues;
+  bool replace = false;
+  std::string mode;
+  std::size_t messages = kDefaultMessages;
+  std::size_t messageSize = kDefaultMessageSize;
+  std::string output;
+  bool discard = false;
+  std::string capture;
+  std::string statsFile;
+};
+
+std::string checkQueueName(const std::string& name) {
+  const std::string defect = queueNameDefect(name);
+  return defect.empty() ? "" : "'" + name + "' cannot be a queue's name: " + defect;
+}
+
+std::string checkMode(const std::string& text) {
+  const bool isOctal =
+      !text.empty() && text.size() <= 4 && text.find_first_not_of("01234567") == std::string::npos;
+  if (!isOctal || std::stoul(text, nullptr, kOctal) > 0777) {
+    return "found '" + text + "', expected an octal number up to 777";
+  }
+  if ((std::stoul(text, nullptr, kOctal) & kModeNeeded) != kModeNeeded) {
+    return "found '" + text + "', expected read and write permission for the owner (600)";
+  }
+  return "";
+}
+
+void addQueueOptions(CLI::App& app, Arguments& found) {
+  app.add_option("--queue", found.queues, "Serve this queue; may be given several times")
+      ->required()
+      ->allow_extra_args(false)
+      ->check(checkQueueName)
+      ->type_name("NAME");
+  app.add_flag("--replace", found.replace, "Replace queues that a dead daemon left behind");
+  app.add_option("--mode", found.mode, "Permissions of the queues, octal [600]")
+      ->check(checkMode)
+      ->type_name("OCTAL");
+  app.add_option("--max-messages", found.messages, "Messages that a queue holds")
+      ->check(CLI::Range(std::size_t{1}, kMostMessages))
+      ->capture_default_str();
+  app.add_option("--max-message-size", found.messageSize,
+                 "Bytes of the largest message; K and M may follow")
+      ->transform(CLI::AsSizeValue(false))
+      ->check(CLI::Range(kSmallestMessage, kLargestMessage))
+      ->capture_default_str();
+}
+
+void addDataOptions(CLI::App& app, Arguments& found) {
+  auto* const sink = app.add_option_group("data", "Where the data goes; one of");
+  sink->add_option("--output", found.output, "Store each stream as a folder in DIR")
+      ->type_name("DIR");
+  sink->add_flag("--discard", found.discard, "Forget the data");
+  sink->require_option(1);
+  app.add_option("--capture", found.capture, "Keep every message as it came in DIR")
+      ->type_name("DIR");
+  app.add_option("--stats", found.statsFile, "Keep counters as JSON in FILE")->type_name("FILE");
+}
+
+std::optional<std::string> givenText(const std::string& text) {
+  return text.empty() ? std::nullopt : std::make_optional(text);
+}
+
+Options optionsOf(const Arguments& found) {
+  Options options;
+  for (const std::string& name : found.queues) options.queues.push_back(plainQueueName(name));
+  if (found.replace) options.existing = QueuePair::Existing::Replace;
+  if (!found.mode.empty()) {
+    options.mode = static_cast<mode_t>(std::stoul(found.mode, nullptr, kOctal));
+  }
+  options.limits = {found.messages, found.messageSize};
+  options.output = givenText(found.output);
+  options.capture = givenText(found.capture);
+  options.statsFile = givenText(found.statsFile);
+  return options;
+}
+
+/// No two queues may mean the same object, and a response queue is one as well.
+void refuseClashes(const std::vector<std::string>& queues) {
+  std::vector<std::string> names;
+  for (const std::string& queue : queues) {
+    names.push_back(queue);
+    names.push_back(korvex::getMessageQueueResponseName(queue));
+  }
+  std::sort(names.begin(), names.end());
+  const auto twin = std::adjacent_find(names.begin(), names.end());
+  if (twin == names.end()) return;
+  throw CLI::ValidationError("--queue", "two of the queues would use the name '" + *twin + "'");
+}
+
+void refuseLongFileNames(const Options& options) {
+  if (!options.output && !options.capture) return;
+  for (const std::string& queue : options.queues) {
+    const std::size_t length = fileNameOf(queue).size();
+    if (length <= kLongestFileName) continue;
+    throw CLI::ValidationError("--queue", "'" + queue + "' makes a file name of " +
+                                              std::to_string(length) + " characters, expected " +
+                                              "at most " + std::to_string(kLongestFileName));
+  }
+}
+
+}  // namespace
+
+ParsedOptions parseOptions(int argc, const char* const* argv, std::ostream& out,
+                           std::ostream& err) {
+  CLI::App app("Receives streams from producers on this machine.", "korvexd");
+  Arguments found;
+  addQueueOptions(app, found);
+  addDataOptions(app, found);
+  app.set_version_flag("--version", "korvexd " KORVEX_VERSION);
+  try {
+    app.parse(argc, argv);
+    const Options options = optionsOf(found);
+    refuseClashes(options.queues);
+    refuseLongFileNames(options);
+    return {options, kExitDone};
+  } catch (const CLI::ParseError& error) {
+    const bool isWrong = app.exit(error, out, err) != 0;
+    return {std::nullopt, isWrong ? kExitWrongUsage : kExitDone};
+  }
+}
+
+}  // namespace korvexd

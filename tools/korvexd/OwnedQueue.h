@@ -1,0 +1,60 @@
+#ifndef KORVEXD_OWNED_QUEUE_H
+#define KORVEXD_OWNED_QUEUE_H
+
+#include <sys/types.h>
+
+#include <memory>
+#include <string>
+
+#include "korvexd/File.h"
+#include "shm/MessageQueue.h"
+
+namespace korvexd {
+
+/// A queue that this daemon created, claimed and gives up again.
+///
+/// It is made under a temporary name and gets its own when it is whole: nobody meets a half-made
+/// queue. The claim is a lock on the shared-memory object. The system frees it when the daemon
+/// dies, so a queue without claim is a dead daemon's.
+class OwnedQueue {
+ public:
+  /// Creates and claims the queue, still under a temporary name. Throws what MessageQueue throws,
+  /// or SystemError.
+  OwnedQueue(std::string name, korvex::MessageQueue::Limits limits, mode_t mode);
+
+  /// Removes the name, unless it leads to somebody else's object by now.
+  ~OwnedQueue();
+  OwnedQueue(const OwnedQueue&) = delete;
+  OwnedQueue& operator=(const OwnedQueue&) = delete;
+
+  /// Gives the queue its name. Throws std::runtime_error when the name is taken.
+  void publish();
+
+  korvex::MessageQueue& queue() noexcept { return *queue_; }
+
+  const korvex::QueueView& view() const noexcept { return queue_->view(); }
+
+ private:
+  std::string name_;
+  std::string presentName_;
+  std::unique_ptr<korvex::MessageQueue> queue_;
+  File claim_;
+};
+
+/// Takes over what lies under a queue's name, so that it can be removed. Nothing is fine too.
+class StaleQueue {
+ public:
+  /// Throws std::runtime_error when a living daemon serves the queue.
+  explicit StaleQueue(std::string name);
+
+  /// Removes the name.
+  void remove();
+
+ private:
+  std::string name_;
+  File claim_;  ///< keeps other daemons away until the name is gone
+};
+
+}  // namespace korvexd
+
+#endif

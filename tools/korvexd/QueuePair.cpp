@@ -1,0 +1,49 @@
+#include "korvexd/QueuePair.h"
+
+#include <korvex/ShmWriter.h>
+#include <sys/stat.h>
+
+#include <stdexcept>
+
+#include "korvexd/Reply.h"
+
+namespace korvexd {
+namespace {
+
+using korvex::MessageQueue;
+
+/// More than a stream has: a producer picks one up with each batch that it sends.
+constexpr MessageQueue::Limits kReplyLimits{16, sizeof(Reply)};
+
+void refuseExisting(const std::string& name) {
+  if (korvex::QueueView(name).systemError() == ENOENT) return;
+  throw std::runtime_error("queue " + name +
+                           " exists already; --replace removes the queues of a dead daemon");
+}
+
+void removeExisting(const std::string& batches, const std::string& replies) {
+  // Both are claimed before one is removed: a living daemon keeps its pair whole.
+  StaleQueue staleBatches(batches);
+  StaleQueue staleReplies(replies);
+  staleBatches.remove();
+  staleReplies.remove();
+}
+
+}  // namespace
+
+QueuePair::QueuePair(const std::string& name, MessageQueue::Limits limits, mode_t mode,
+                     Existing existing)
+    : replies_(korvex::getMessageQueueResponseName(name), kReplyLimits, mode),
+      batches_(name, limits, mode) {
+  const std::string replies = korvex::getMessageQueueResponseName(name);
+  if (existing == Existing::Replace) {
+    removeExisting(name, replies);
+  } else {
+    refuseExisting(name);
+    refuseExisting(replies);
+  }
+  replies_.publish();
+  batches_.publish();
+}
+
+}  // namespace korvexd

@@ -1,0 +1,37 @@
+#ifndef KORVEXD_QUEUE_PAIR_H
+#define KORVEXD_QUEUE_PAIR_H
+
+#include <sys/types.h>
+
+#include <string>
+
+#include "korvexd/OwnedQueue.h"
+#include "shm/MessageQueue.h"
+
+namespace korvexd {
+
+/// The two queues that a producer works with: NAME for its batches, NAMEResponse for the replies.
+///
+/// Both names appear when both queues are usable, the one that producers open first as the last;
+/// they disappear with the pair.
+class QueuePair {
+ public:
+  /// What to do with queues that exist under these names.
+  enum class Existing { Refuse, Replace };
+
+  /// Throws std::exception: a name is taken or served by another daemon, there is no room. Nothing
+  /// is left behind then.
+  QueuePair(const std::string& name, korvex::MessageQueue::Limits limits, mode_t mode,
+            Existing existing);
+
+  OwnedQueue& batches() noexcept { return batches_; }
+  OwnedQueue& replies() noexcept { return replies_; }
+
+ private:
+  OwnedQueue replies_;
+  OwnedQueue batches_;
+};
+
+}  // namespace korvexd
+
+#endif

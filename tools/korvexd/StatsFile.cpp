@@ -1,0 +1,57 @@
+#include "korvexd/StatsFile.h"
+
+#include <fcntl.h>
+
+#include <nlohmann/json.hpp>
+
+#include "korvexd/File.h"
+
+namespace korvexd {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr mode_t kFileMode = 0644;
+constexpr int kIndent = 2;
+
+Json jsonOf(const Stats& stats) {
+  Json json = Json::object();
+  for (std::size_t i = 0; i < kCounts; ++i) {
+    const auto count = static_cast<Count>(i);
+    json[nameOf(count)] = stats.get(count);
+  }
+  return json;
+}
+
+void addTo(Stats& total, const Stats& stats) {
+  for (std::size_t i = 0; i < kCounts; ++i) {
+    const auto count = static_cast<Count>(i);
+    total.add(count, stats.get(count));
+  }
+}
+
+}  // namespace
+
+StatsFile::StatsFile(std::string path, std::vector<std::pair<std::string, const Stats*>> queues)
+    : path_(std::move(path)), queues_(std::move(queues)) {}
+
+void StatsFile::update() {
+  std::string now = text();
+  if (now == written_) return;
+  replaceFile(AT_FDCWD, path_, now, kFileMode, "writing statistics to " + path_);
+  written_ = std::move(now);
+}
+
+std::string StatsFile::text() const {
+  Stats total;
+  Json queues = Json::object();
+  for (const auto& [name, stats] : queues_) {
+    addTo(total, *stats);
+    queues[name] = jsonOf(*stats);
+  }
+  const Json json = {{"total", jsonOf(total)}, {"queues", queues}};
+  // A queue's name may be any bytes; the file stays valid JSON.
+  return json.dump(kIndent, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+}  // namespace korvexd

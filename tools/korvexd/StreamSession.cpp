@@ -1,0 +1,203 @@
+#include "korvexd/StreamSession.h"
+
+#include <spdlog/spdlog.h>
+
+#include <exception>
+#include <utility>
+
+#include "korvexd/RecordType.h"
+#include "support/Status.h"
+
+namespace korvexd {
+namespace {
+
+using Header = korvex::qmx_shm_message_t;
+using Entry = korvex::ShmBatch::Entry;
+
+std::string recordText(const Header& header) {
+  return "record type " + std::to_string(header.type) + " sequence " +
+         std::to_string(header.sequence);
+}
+
+/// What is wrong with a record whatever came before it; empty when nothing is. Data on a record
+/// that cannot carry any is refused, because it would be lost silently.
+std::string defectOf(const Header& header) {
+  if (header.type > kTypeStop) return recordText(header) + ": unknown type, expected 0 to 4";
+  if (header.type != kTypeSegmentData && header.len != 0) {
+    return recordText(header) + ": found " + std::to_string(header.len) +
+           " data bytes, expected none";
+  }
+  return "";
+}
+
+}  // namespace
+
+StreamSession::StreamSession(std::string queue, SinkFactory openSink, Stats& stats)
+    : queue_(std::move(queue)), openSink_(std::move(openSink)), stats_(stats) {}
+
+StreamSession::~StreamSession() { end("abandoned"); }
+
+StreamSession::Answer StreamSession::take(const Entry& record) {
+  stats_.add(Count::Records);
+  if (record.header.type == kTypeOpen) return takeOpen(record.header);
+  if (state_ == State::Open) return takeInStream(record);
+  return takeOutside(record.header);
+}
+
+StreamSession::Answer StreamSession::takeOpen(const Header& header) {
+  // The producer of the open stream is gone. No reply: it would reach the new producer.
+  end("a new stream was opened before its close");
+  const std::string defect = defectOf(header);
+  if (!defect.empty()) return refuse(defect);
+  startStream(header);
+  try {
+    sink_ = openSink_(queue_, opened_);
+  } catch (const std::exception& error) {
+    return fail(kStatusSinkFailed, error.what());
+  }
+  return {};
+}
+
+void StreamSession::startStream(const Header& header) {
+  stats_.add(Count::StreamsOpened);
+  state_ = State::Open;
+  digest_.reset();
+  lastSequence_ = header.sequence;
+  segmentHasData_ = false;
+  opened_ = std::time(nullptr);
+  bytes_ = 0;
+  segments_ = 0;
+  records_ = 1;
+}
+
+/// Records when no stream is open, or in what is left of a failed one.
+StreamSession::Answer StreamSession::takeOutside(const Header& header) {
+  const bool ends = header.type == kTypeClose || header.type == kTypeStop;
+  if (ends && state_ == State::Failed) {
+    state_ = State::Idle;
+    return {};
+  }
+  // A stop may come without a stream, and a writer that stopped still closes when it goes.
+  if (header.type == kTypeStop) return {};
+  if (header.type == kTypeClose && state_ == State::Stopped) {
+    state_ = State::Idle;
+    return {};
+  }
+  if (state_ != State::Failed) {
+    return refuse(recordText(header) + ": no stream is open, expected type 0");
+  }
+  stats_.add(Count::DroppedRecords);
+  return {};
+}
+
+StreamSession::Answer StreamSession::takeInStream(const Entry& record) {
+  const Header& header = record.header;
+  const std::string defect = defectOf(header);
+  if (!defect.empty()) return refuse(defect);
+  // Gaps are right: a record that a writer refused has used up its number.
+  if (header.sequence <= lastSequence_) {
+    return refuse(recordText(header) + ": expected a sequence above " +
+                  std::to_string(lastSequence_));
+  }
+  lastSequence_ = header.sequence;
+  ++records_;
+  if (header.type == kTypeSegmentData) return takeData(record);
+  finishSegment();
+  if (header.type == kTypeClose) return takeClose();
+  if (header.type == kTypeStop) return takeStop();
+  return {};
+}
+
+StreamSession::Answer StreamSession::takeData(const Entry& record) {
+  const std::size_t size = record.header.len;
+  if (size == 0) return {};
+  segmentHasData_ = true;
+  try {
+    sink_->write(record.data, size);
+  } catch (const std::exception& error) {
+    return fail(kStatusSinkFailed, error.what());
+  }
+  digest_.update(record.data, size);
+  bytes_ += size;
+  stats_.add(Count::Bytes, size);
+  return {};
+}
+
+void StreamSession::finishSegment() {
+  if (!segmentHasData_) return;
+  ++segments_;
+  segmentHasData_ = false;
+}
+
+StreamSession::Answer StreamSession::takeClose() {
+  const StreamSummary whole = summary();
+  try {
+    sink_->complete(whole);
+  } catch (const std::exception& error) {
+    const Answer answer = fail(kStatusSinkFailed, error.what());
+    state_ = State::Idle;
+    return answer;
+  }
+  stats_.add(Count::StreamsComplete);
+  spdlog::info("{}: stream complete, {} bytes in {} segments, xxh128 {}, {}", queue_, whole.bytes,
+               whole.segments, whole.xxh128, sink_->place());
+  sink_.reset();
+  state_ = State::Idle;
+  return receiptOf(whole.bytes, whole.xxh128);
+}
+
+StreamSession::Answer StreamSession::takeStop() {
+  leaveIncomplete("stopped by the producer");
+  state_ = State::Stopped;
+  return {};
+}
+
+StreamSession::Answer StreamSession::takeDamage(const std::string& defect) {
+  if (state_ == State::Failed) return {};
+  const std::string text = "damaged batch: " + defect;
+  if (state_ == State::Open) return fail(korvex::kStatusCorrupt, text);
+  return failureOf(korvex::kStatusCorrupt, text);
+}
+
+/// Drops a record that breaks the protocol, and with it the stream.
+StreamSession::Answer StreamSession::refuse(const std::string& text) {
+  stats_.add(Count::DroppedRecords);
+  return fail(korvex::kStatusCorrupt, text);
+}
+
+StreamSession::Answer StreamSession::fail(ov_status_t status, const std::string& text) {
+  if (state_ == State::Open) {
+    leaveIncomplete(text);
+  } else {
+    spdlog::warn("{}: {}", queue_, text);
+  }
+  state_ = State::Failed;
+  return failureOf(status, text);
+}
+
+void StreamSession::end(const std::string& reason) {
+  if (state_ == State::Open) leaveIncomplete(reason);
+  state_ = State::Idle;
+}
+
+void StreamSession::leaveIncomplete(const std::string& reason) {
+  stats_.add(Count::StreamsIncomplete);
+  const std::string place = sink_ == nullptr ? "nothing stored" : sink_->place();
+  spdlog::info("{}: stream incomplete ({}), {} bytes, {}", queue_, reason, bytes_, place);
+  if (sink_ != nullptr) abandonSink(reason);
+  sink_.reset();
+}
+
+void StreamSession::abandonSink(const std::string& reason) {
+  try {
+    sink_->abandon(summary(), reason);
+  } catch (const std::exception& error) {
+    spdlog::warn("{}: marking the stream incomplete: {}", queue_, error.what());
+  }
+}
+
+StreamSummary StreamSession::summary() const {
+  return {queue_, opened_, std::time(nullptr), bytes_, segments_, records_, digest_.hex()};
+}
+
+}  // namespace korvexd
