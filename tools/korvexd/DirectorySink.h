@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "korvexd/Digest.h"
 #include "korvexd/File.h"
+#include "korvexd/Sha256.h"
 #include "korvexd/Sink.h"
 
 namespace korvexd {

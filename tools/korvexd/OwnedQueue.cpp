@@ -2,14 +2,13 @@
 
 #include <fcntl.h>
 #include <stdio.h>
-#include <sys/file.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <random>
 #include <utility>
 
+#include "korvexd/QueueClaim.h"
 #include "korvexd/SystemError.h"
 
 namespace korvexd {
@@ -27,21 +26,13 @@ std::string temporaryName() {
          std::to_string(random());
 }
 
-File openObject(const std::string& name) {
-  // Non-blocking, so that a pipe under the name does not hold the daemon up.
-  return File(::shm_open(name.c_str(), O_RDWR | O_NONBLOCK, 0));
-}
-
-/// Whether nobody else has it. Ends with the descriptor, also when its process is killed.
-bool claim(const File& object) { return ::flock(object.descriptor(), LOCK_EX | LOCK_NB) == 0; }
-
 }  // namespace
 
 OwnedQueue::OwnedQueue(std::string name, MessageQueue::Limits limits, mode_t mode)
     : name_(std::move(name)), presentName_(temporaryName()) {
   queue_ = std::make_unique<MessageQueue>(presentName_, limits, mode);
-  claim_ = openObject(presentName_);
-  if (claim_.descriptor() < 0 || !claim(claim_)) {
+  claim_ = openQueueObject(presentName_);
+  if (claim_.descriptor() < 0 || !claimQueueObject(claim_)) {
     const int error = errno;
     MessageQueue::remove(presentName_);
     throw SystemError("claiming queue " + name_, error);
@@ -59,18 +50,6 @@ void OwnedQueue::publish() {
     throw SystemError("publishing queue " + name_, errno);
   }
   presentName_ = name_;
-}
-
-StaleQueue::StaleQueue(std::string name) : name_(std::move(name)), claim_(openObject(name_)) {
-  if (claim_.descriptor() < 0) {
-    if (errno == ENOENT) return;
-    throw SystemError("opening the existing queue " + name_, errno);
-  }
-  if (!claim(claim_)) throw std::runtime_error("queue " + name_ + " is served by another daemon");
-}
-
-void StaleQueue::remove() {
-  if (claim_.descriptor() >= 0) MessageQueue::remove(name_);
 }
 
 }  // namespace korvexd

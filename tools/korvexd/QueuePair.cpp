@@ -1,11 +1,12 @@
 #include "korvexd/QueuePair.h"
 
 #include <korvex/ShmWriter.h>
-#include <sys/stat.h>
 
+#include <cerrno>
 #include <stdexcept>
 
 #include "korvexd/Reply.h"
+#include "korvexd/StaleQueue.h"
 
 namespace korvexd {
 namespace {

@@ -8,10 +8,10 @@
 #include <optional>
 #include <string>
 
-#include "korvexd/Digest.h"
 #include "korvexd/Reply.h"
 #include "korvexd/Sink.h"
 #include "korvexd/Stats.h"
+#include "korvexd/Xxh128.h"
 
 namespace korvexd {
 

@@ -1,7 +1,6 @@
-#ifndef KORVEXD_DIGEST_H
-#define KORVEXD_DIGEST_H
+#ifndef KORVEXD_XXH128_H
+#define KORVEXD_XXH128_H
 
-#include <openssl/evp.h>
 #include <xxhash.h>
 
 #include <cstddef>
@@ -29,25 +28,6 @@ class Xxh128 {
   };
 
   std::unique_ptr<XXH3_state_t, Free> state_;
-};
-
-/// SHA-256 over bytes that come in pieces.
-class Sha256 {
- public:
-  Sha256();
-
-  void update(const void* data, std::size_t size);
-
-  /// Of everything so far: 64 lower-case hex digits.
-  std::string hex() const;
-
- private:
-  struct Free {
-    void operator()(EVP_MD_CTX* context) const noexcept { EVP_MD_CTX_free(context); }
-  };
-  using Context = std::unique_ptr<EVP_MD_CTX, Free>;
-
-  Context context_;
 };
 
 }  // namespace korvexd
