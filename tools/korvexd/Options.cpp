@@ -48,6 +48,10 @@ std::string checkMode(const std::string& text) {
   return "";
 }
 
+std::string checkPath(const std::string& path) {
+  return path.empty() ? "expected a path, found nothing" : "";
+}
+
 void addQueueOptions(CLI::App& app, Arguments& found) {
   app.add_option("--queue", found.queues, "Serve this queue; may be given several times")
       ->required()
@@ -71,12 +75,16 @@ void addQueueOptions(CLI::App& app, Arguments& found) {
 void addDataOptions(CLI::App& app, Arguments& found) {
   auto* const sink = app.add_option_group("data", "Where the data goes; one of");
   sink->add_option("--output", found.output, "Store each stream as a folder in DIR")
+      ->check(checkPath)
       ->type_name("DIR");
   sink->add_flag("--discard", found.discard, "Forget the data");
   sink->require_option(1);
   app.add_option("--capture", found.capture, "Keep every message as it came in DIR")
+      ->check(checkPath)
       ->type_name("DIR");
-  app.add_option("--stats", found.statsFile, "Keep counters as JSON in FILE")->type_name("FILE");
+  app.add_option("--stats", found.statsFile, "Keep counters as JSON in FILE")
+      ->check(checkPath)
+      ->type_name("FILE");
 }
 
 std::optional<std::string> givenText(const std::string& text) {
