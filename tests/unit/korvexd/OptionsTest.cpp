@@ -1,0 +1,144 @@
+#include "korvexd/Options.h"
+
+#include <gmock/gmock.h>
+
+#include <sstream>
+
+using korvexd::Options;
+using korvexd::QueuePair;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+namespace {
+
+class OptionsTest : public testing::Test {
+ protected:
+  /// Parses a command line of words separated by one blank.
+  int parse(const std::string& line) {
+    std::istringstream words(line);
+    std::vector<std::string> arguments = {"korvexd"};
+    for (std::string word; words >> word;) arguments.push_back(word);
+    return parseWords(arguments);
+  }
+
+  int parseWords(const std::vector<std::string>& arguments) {
+    std::vector<const char*> argv;
+    for (const std::string& argument : arguments) argv.push_back(argument.c_str());
+    const auto parsed =
+        korvexd::parseOptions(static_cast<int>(argv.size()), argv.data(), out_, err_);
+    options_ = parsed.options;
+    return parsed.exitCode;
+  }
+
+  void expectWrong(const std::string& line, const std::string& text) {
+    err_.str("");
+    EXPECT_EQ(parse(line), 2) << line;
+    EXPECT_FALSE(options_.has_value()) << line;
+    EXPECT_THAT(err_.str(), HasSubstr(text)) << line;
+  }
+
+  std::ostringstream out_;
+  std::ostringstream err_;
+  std::optional<Options> options_;
+};
+
+}  // namespace
+
+TEST_F(OptionsTest, DefaultsAreAPairThatOnlyTheOwnerMayUse) {
+  ASSERT_EQ(parse("--queue a --discard"), 0);
+  EXPECT_THAT(options_->queues, ElementsAre("a"));
+  EXPECT_EQ(options_->existing, QueuePair::Existing::Refuse);
+  EXPECT_EQ(options_->mode, 0600u);
+  EXPECT_EQ(options_->limits.messages, 8u);
+  EXPECT_EQ(options_->limits.messageSize, 270336u);
+  EXPECT_FALSE(options_->output || options_->capture || options_->statsFile);
+}
+
+TEST_F(OptionsTest, TakesEverything) {
+  ASSERT_EQ(parse("--queue a --queue /b --replace --mode 0660 --max-messages 3 "
+                  "--max-message-size 64K --output out --capture cap --stats file"),
+            0);
+  EXPECT_THAT(options_->queues, ElementsAre("a", "b"));
+  EXPECT_EQ(options_->existing, QueuePair::Existing::Replace);
+  EXPECT_EQ(options_->mode, 0660u);
+  EXPECT_EQ(options_->limits.messages, 3u);
+  EXPECT_EQ(options_->limits.messageSize, 65536u);
+  EXPECT_EQ(*options_->output, "out");
+  EXPECT_EQ(*options_->capture, "cap");
+  EXPECT_EQ(*options_->statsFile, "file");
+}
+
+TEST_F(OptionsTest, SizesMayCarryAUnit) {
+  ASSERT_EQ(parse("--queue a --discard --max-message-size 2M"), 0);
+  EXPECT_EQ(options_->limits.messageSize, 2097152u);
+  ASSERT_EQ(parse("--queue a --discard --max-message-size 100"), 0);
+  EXPECT_EQ(options_->limits.messageSize, 100u);
+}
+
+TEST_F(OptionsTest, NeedsAQueue) { expectWrong("--discard", "--queue is required"); }
+
+TEST_F(OptionsTest, NeedsExactlyOnePlaceForTheData) {
+  expectWrong("--queue a", "--output,--discard");
+  expectWrong("--queue a --discard --output x", "--output,--discard");
+}
+
+TEST_F(OptionsTest, RefusesWhatIsNoMode) {
+  for (const char* mode : {"8", "0o600", "rw", "-600", "1777", "06000", "600x"}) {
+    expectWrong(std::string("--queue a --discard --mode ") + mode, "--mode");
+  }
+}
+
+TEST_F(OptionsTest, RefusesAModeThatLocksTheOwnerOut) {
+  expectWrong("--queue a --discard --mode 066", "expected read and write permission for the owner");
+  expectWrong("--queue a --discard --mode 400", "found '400'");
+}
+
+TEST_F(OptionsTest, RefusesLimitsOutsideTheirRange) {
+  expectWrong("--queue a --discard --max-messages 0", "--max-messages");
+  expectWrong("--queue a --discard --max-messages -1", "--max-messages");
+  expectWrong("--queue a --discard --max-messages 65537", "--max-messages");
+  expectWrong("--queue a --discard --max-message-size 55", "--max-message-size");
+  expectWrong("--queue a --discard --max-message-size 2G", "--max-message-size");
+  expectWrong("--queue a --discard --max-message-size big", "--max-message-size");
+}
+
+TEST_F(OptionsTest, RefusesNamesThatNoQueueCanHave) {
+  expectWrong("--discard --queue a/b", "'a/b' cannot be a queue's name: it holds a slash");
+  expectWrong("--discard --queue ..", "it is the name of a folder");
+  expectWrong("--discard --queue " + std::string(248, 'a'), "256 characters");
+}
+
+TEST_F(OptionsTest, RefusesQueuesThatWouldShareAName) {
+  expectWrong("--discard --queue a --queue a", "two of the queues would use the name 'a'");
+  expectWrong("--discard --queue a --queue /a", "'a'");
+  expectWrong("--discard --queue a --queue aResponse", "'aResponse'");
+}
+
+TEST_F(OptionsTest, RefusesNamesTooLongForFilesOnlyWhereFilesAreMade) {
+  const std::string name(201, 'a');
+  ASSERT_EQ(parse("--discard --queue " + name), 0);
+  expectWrong("--output x --queue " + name, "a file name of 201 characters");
+  expectWrong("--discard --capture x --queue " + name, "a file name of 201 characters");
+}
+
+TEST_F(OptionsTest, RefusesEmptyPaths) {
+  for (const char* option : {"--output", "--capture", "--stats"}) {
+    EXPECT_EQ(parseWords({"korvexd", "--queue", "a", "--discard", option, ""}), 2) << option;
+  }
+  EXPECT_EQ(parseWords({"korvexd", "--queue", "a", "--output", ""}), 2);
+}
+
+TEST_F(OptionsTest, RefusesUnknownWords) {
+  expectWrong("--queue a --discard --shout", "--shout");
+  expectWrong("--queue a --discard extra", "extra");
+}
+
+TEST_F(OptionsTest, HelpAndVersionGoToTheOutputAndSucceed) {
+  EXPECT_EQ(parse("--help"), 0);
+  EXPECT_FALSE(options_.has_value());
+  EXPECT_THAT(out_.str(), HasSubstr("--max-message-size"));
+  out_.str("");
+  EXPECT_EQ(parse("--version"), 0);
+  EXPECT_EQ(out_.str(), "korvexd 0.1.0\n");
+  EXPECT_EQ(err_.str(), "");
+}
