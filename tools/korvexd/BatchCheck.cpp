@@ -16,6 +16,7 @@ constexpr std::size_t kLengthOffset = 4;
 constexpr std::size_t kHeaderMagicOffset = 44;
 constexpr std::uint32_t kMetaDataMagic = 0xff00ee11;
 constexpr std::uint32_t kHeaderMagic = 0xaabbccdd;
+constexpr int kHexDigits = 8;  // of a magic
 
 std::uint32_t big32At(const unsigned char* bytes) noexcept {
   std::uint32_t value = 0;
@@ -98,11 +99,12 @@ std::string BatchCheck::text() const {
   text.imbue(std::locale::classic());
   text << nameOf(defect_) << " at offset " << offset_;
   if (ok()) return text.str();
-  if (isMagic(defect_)) text << std::hex << std::setfill('0') << std::showbase << std::internal;
-  const int width = isMagic(defect_) ? 10 : 0;
-  const char* const unit = isMagic(defect_) ? "" : " bytes";
-  text << ": found " << std::setw(width) << found_ << unit << ", expected " << std::setw(width)
-       << expected_ << unit;
+  if (isMagic(defect_)) {
+    text << std::hex << std::setfill('0') << ": found 0x" << std::setw(kHexDigits) << found_
+         << ", expected 0x" << std::setw(kHexDigits) << expected_;
+  } else {
+    text << ": found " << found_ << " bytes, expected " << expected_ << " bytes";
+  }
   return text.str();
 }
 

@@ -35,10 +35,18 @@ Daemon::Daemon(const Options& options) {
   prepareSignals();
   if (options.output) store_.emplace(*options.output);
   createServers(options);
-  if (!options.statsFile) return;
+  if (options.statsFile) createStatsFile(*options.statsFile);
+  // Only now: who reads this line may rely on everything else.
+  for (const auto& server : servers_) {
+    spdlog::info("serving {}, {} messages of {} bytes", server->queue(), options.limits.messages,
+                 options.limits.messageSize);
+  }
+}
+
+void Daemon::createStatsFile(const std::string& path) {
   std::vector<std::pair<std::string, const Stats*>> stats;
   for (const auto& server : servers_) stats.emplace_back(server->queue(), &server->stats());
-  statsFile_.emplace(*options.statsFile, std::move(stats));
+  statsFile_.emplace(path, std::move(stats));
   statsFile_->update();
 }
 
@@ -54,8 +62,6 @@ void Daemon::createServers(const Options& options) {
   for (const std::string& queue : options.queues) {
     servers_.push_back(std::make_unique<QueueServer>(QueueServer::Settings{
         queue, options.limits, options.mode, options.existing, sinkFactory(), options.capture}));
-    spdlog::info("serving {}, {} messages of {} bytes", queue, options.limits.messages,
-                 options.limits.messageSize);
   }
 }
 

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <memory>
 #include <optional>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -27,6 +28,7 @@ class Daemon {
  private:
   SinkFactory sinkFactory();
   void createServers(const Options& options);
+  void createStatsFile(const std::string& path);
   void awaitSignal();
   void updateStats() noexcept;
 

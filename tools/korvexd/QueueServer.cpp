@@ -115,9 +115,9 @@ void QueueServer::capture(std::size_t size) noexcept {
 }
 
 void QueueServer::replacePair(const std::string& reason) noexcept {
-  spdlog::warn("{}: the queues are replaced: {}", queue(), reason);
+  spdlog::warn("{}: the queues are lost: {}", queue(), reason);
   stats_.add(Count::QueueReplacements);
-  session_.end("its queues were replaced: " + reason);
+  session_.end("its queues were lost: " + reason);
   replies_.reset();
   pair_.reset();
   stats_.set(Count::RepliesPending, 0);
@@ -129,6 +129,7 @@ void QueueServer::reopen() noexcept {
   try {
     open(QueuePair::Existing::Refuse);
     reopenFailed_ = false;
+    spdlog::info("{}: served anew", queue());
   } catch (const std::exception& error) {
     if (!std::exchange(reopenFailed_, true)) {
       spdlog::error("{}: the queues cannot be made anew yet: {}", queue(), error.what());

@@ -182,9 +182,9 @@ void StreamSession::end(const std::string& reason) {
 
 void StreamSession::leaveIncomplete(const std::string& reason) {
   stats_.add(Count::StreamsIncomplete);
+  if (sink_ != nullptr) abandonSink(reason);
   const std::string place = sink_ == nullptr ? "nothing stored" : sink_->place();
   spdlog::info("{}: stream incomplete ({}), {} bytes, {}", queue_, reason, bytes_, place);
-  if (sink_ != nullptr) abandonSink(reason);
   sink_.reset();
 }
 
