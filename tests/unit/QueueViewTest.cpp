@@ -1,7 +1,9 @@
 #include "shm/QueueView.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <cerrno>
 #include <future>
@@ -138,6 +140,22 @@ TEST(QueueView, KnowsALivingOwnerThatIsNotTheFirstThread) {
   EXPECT_FALSE(view.isLockOwnerGone());
   looked.set_value();
   owner.join();
+}
+
+TEST(QueueView, CountsAKilledProcessAsGoneBeforeItsParentAsksForIt) {
+  const RawQueue queue(uniqueQueueName(), 2, 10);
+  const QueueView view(queue.name());
+  const QueueLock lock(queue.name());
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::pthread_mutex_lock(lock.mutex());
+    ::raise(SIGKILL);
+  }
+  siginfo_t ended = {};
+  ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOWAIT), 0);
+  EXPECT_TRUE(view.isLockOwnerGone()) << "still a zombie";
+  ::waitpid(child, nullptr, 0);
+  EXPECT_TRUE(view.isLockOwnerGone()) << "gone";
 }
 
 TEST(QueueView, NoticesThatTheNameLeadsElsewhere) {
