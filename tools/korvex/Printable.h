@@ -1,0 +1,23 @@
+#ifndef KORVEX_TOOL_PRINTABLE_H
+#define KORVEX_TOOL_PRINTABLE_H
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace korvex::tool {
+
+/// The text with every control byte as \xNN. File names and a daemon's texts may hold anything, and
+/// a terminal obeys some of it.
+std::string printable(std::string_view untrusted);
+
+/// "999 B", "1.0 kB", "2.1 GB": powers of 1000, one decimal.
+std::string byteText(double bytes);
+
+/// "0:07", "12:34", "3:00:00".
+std::string timeText(std::chrono::seconds time);
+
+}  // namespace korvex::tool
+
+#endif
