@@ -1,0 +1,289 @@
+#include "InputReader.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <thread>
+
+#include "Failure.h"
+
+namespace {
+
+using korvex::tool::Failure;
+using korvex::tool::InputReader;
+using korvex::tool::Interrupted;
+using korvex::tool::StopSignal;
+using testing::HasSubstr;
+
+/// A folder of its own for every test, and everything in it read through one reader.
+class InputReaderFiles : public testing::Test {
+ protected:
+  InputReaderFiles() {
+    std::string name = (std::filesystem::temp_directory_path() / "korvex-input-XXXXXX").string();
+    folder_ = ::mkdtemp(name.data());
+  }
+  ~InputReaderFiles() override { std::filesystem::remove_all(folder_); }
+
+  std::string path(const std::string& name) const { return folder_ / name; }
+
+  std::string file(const std::string& name, const std::string& content) const {
+    std::ofstream(path(name), std::ios::binary) << content;
+    return path(name);
+  }
+
+  std::string pipe(const std::string& name) const {
+    EXPECT_EQ(::mkfifo(path(name).c_str(), 0600), 0);
+    return path(name);
+  }
+
+  static std::string fill(InputReader& reader, std::size_t size) {
+    std::string buffer(size, '\0');
+    buffer.resize(reader.fill(reinterpret_cast<unsigned char*>(buffer.data()), size));
+    return buffer;
+  }
+
+  std::string refusal(const std::vector<std::string>& names, int error) {
+    try {
+      InputReader reader(names, stop);
+      ADD_FAILURE() << "not refused";
+    } catch (const Failure& failure) {
+      EXPECT_EQ(failure.status(), static_cast<unsigned>(error));
+      return failure.what();
+    }
+    return "";
+  }
+
+  StopSignal stop;
+  std::filesystem::path folder_;
+};
+
+/// Standard input for the length of a test.
+class StandardInput {
+ public:
+  explicit StandardInput(int replacement) : saved_(::dup(STDIN_FILENO)) {
+    ::dup2(replacement, STDIN_FILENO);
+  }
+  ~StandardInput() {
+    ::dup2(saved_, STDIN_FILENO);
+    ::close(saved_);
+  }
+
+ private:
+  int saved_;
+};
+
+struct Pipe {
+  Pipe() { EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0); }
+  ~Pipe() {
+    ::close(ends[0]);
+    closeWriter();
+  }
+  void write(const std::string& text) const {
+    EXPECT_EQ(::write(ends[1], text.data(), text.size()), static_cast<ssize_t>(text.size()));
+  }
+  void closeWriter() {
+    if (ends[1] >= 0) ::close(ends[1]);
+    ends[1] = -1;
+  }
+  int ends[2];
+};
+
+}  // namespace
+
+TEST_F(InputReaderFiles, ReadsFilesOneAfterTheOther) {
+  InputReader reader({file("a", "first"), file("b", "second")}, stop);
+  ASSERT_TRUE(reader.openNext());
+  EXPECT_EQ(fill(reader, 100), "first");
+  ASSERT_TRUE(reader.openNext());
+  EXPECT_EQ(fill(reader, 100), "second");
+  EXPECT_FALSE(reader.openNext());
+}
+
+TEST_F(InputReaderFiles, FillsTheBufferAndGoesOnWhereItStopped) {
+  InputReader reader({file("a", "abcdefg")}, stop);
+  ASSERT_TRUE(reader.openNext());
+  EXPECT_EQ(fill(reader, 3), "abc");
+  EXPECT_EQ(fill(reader, 3), "def");
+  EXPECT_EQ(fill(reader, 3), "g");
+}
+
+TEST_F(InputReaderFiles, ABufferThatEndsWithTheFileIsFollowedByNothing) {
+  InputReader reader({file("a", "abc")}, stop);
+  ASSERT_TRUE(reader.openNext());
+  EXPECT_EQ(fill(reader, 3), "abc");
+  EXPECT_EQ(fill(reader, 3), "");
+}
+
+TEST_F(InputReaderFiles, AnEmptyFileGivesNothing) {
+  InputReader reader({file("empty", "")}, stop);
+  EXPECT_EQ(reader.totalBytes(), 0u);
+  ASSERT_TRUE(reader.openNext());
+  EXPECT_EQ(fill(reader, 3), "");
+}
+
+TEST_F(InputReaderFiles, AddsUpTheSizesOfRegularFiles) {
+  const InputReader reader({file("a", "first"), file("b", "second")}, stop);
+  EXPECT_EQ(reader.totalBytes(), 11u);
+}
+
+TEST_F(InputReaderFiles, DoesNotKnowTheSizeOfAPipe) {
+  const InputReader reader({file("a", "first"), pipe("p")}, stop);
+  EXPECT_FALSE(reader.totalBytes());
+}
+
+TEST_F(InputReaderFiles, ReadsAFileThatGrewToItsEnd) {
+  const std::string name = file("a", "abc");
+  InputReader reader({name}, stop);
+  std::ofstream(name, std::ios::app) << "def";
+  ASSERT_TRUE(reader.openNext());
+  EXPECT_EQ(fill(reader, 100), "abcdef");
+}
+
+TEST_F(InputReaderFiles, TakesNamesThatLookLikeAnything) {
+  const std::string odd = file("-x\n\x1b \xff'\"*", "odd");
+  InputReader reader({odd}, stop);
+  ASSERT_TRUE(reader.openNext());
+  EXPECT_EQ(fill(reader, 10), "odd");
+}
+
+TEST_F(InputReaderFiles, NoNamesMeanStandardInput) {
+  Pipe pipe;
+  pipe.write("piped");
+  pipe.closeWriter();
+  const StandardInput input(pipe.ends[0]);
+  InputReader reader({}, stop);
+  ASSERT_TRUE(reader.openNext());
+  EXPECT_EQ(fill(reader, 100), "piped");
+  EXPECT_FALSE(reader.openNext());
+}
+
+TEST_F(InputReaderFiles, ADashIsStandardInputBetweenFiles) {
+  Pipe pipe;
+  pipe.write("piped");
+  pipe.closeWriter();
+  const StandardInput input(pipe.ends[0]);
+  InputReader reader({file("a", "before"), "-"}, stop);
+  ASSERT_TRUE(reader.openNext());
+  EXPECT_EQ(fill(reader, 100), "before");
+  ASSERT_TRUE(reader.openNext());
+  EXPECT_EQ(fill(reader, 100), "piped");
+}
+
+TEST_F(InputReaderFiles, CountsOnlyWhatIsLeftOfStandardInput) {
+  const int half = ::open(file("a", "abcdef").c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(::lseek(half, 4, SEEK_SET), 4);
+  const StandardInput input(half);
+  ::close(half);
+  InputReader reader({}, stop);
+  EXPECT_EQ(reader.totalBytes(), 2u);
+  ASSERT_TRUE(reader.openNext());
+  EXPECT_EQ(fill(reader, 100), "ef");
+}
+
+TEST_F(InputReaderFiles, FillsUpWhatAPipeDeliversInBits) {
+  Pipe pipe;
+  const StandardInput input(pipe.ends[0]);
+  InputReader reader({}, stop);
+  ASSERT_TRUE(reader.openNext());
+  auto filled = std::async(std::launch::async, [&] { return fill(reader, 6); });
+  for (const char* bit : {"a", "bc", "def", "g"}) pipe.write(bit);
+  EXPECT_EQ(filled.get(), "abcdef");
+  pipe.closeWriter();
+  EXPECT_EQ(fill(reader, 6), "g");
+}
+
+TEST_F(InputReaderFiles, ReadsAPipeThatDoesNotBlock) {
+  Pipe pipe;
+  ASSERT_EQ(::fcntl(pipe.ends[0], F_SETFL, O_NONBLOCK), 0);
+  const StandardInput input(pipe.ends[0]);
+  InputReader reader({}, stop);
+  ASSERT_TRUE(reader.openNext());
+  auto filled = std::async(std::launch::async, [&] { return fill(reader, 3); });
+  pipe.write("abc");
+  EXPECT_EQ(filled.get(), "abc");
+}
+
+TEST_F(InputReaderFiles, CallsTheIdleActionWhileAPipeIsSilent) {
+  Pipe pipe;
+  const StandardInput input(pipe.ends[0]);
+  InputReader reader({}, stop);
+  int calls = 0;
+  reader.whenIdle([&] {
+    if (++calls == 2) pipe.closeWriter();
+  });
+  ASSERT_TRUE(reader.openNext());
+  EXPECT_EQ(fill(reader, 3), "");
+  EXPECT_EQ(calls, 2);
+}
+
+TEST_F(InputReaderFiles, NamesAMissingFile) {
+  EXPECT_EQ(refusal({file("a", "x"), path("missing")}, ENOENT),
+            "cannot read '" + path("missing") + "': No such file or directory");
+}
+
+TEST_F(InputReaderFiles, RefusesADirectoryBeforeAnythingIsRead) {
+  EXPECT_EQ(refusal({folder_.string()}, EISDIR),
+            "cannot read '" + folder_.string() + "': Is a directory");
+}
+
+TEST_F(InputReaderFiles, RefusesADirectoryAsStandardInput) {
+  const int directory = ::open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  const StandardInput input(directory);
+  ::close(directory);
+  EXPECT_EQ(refusal({}, EISDIR), "cannot read standard input: Is a directory");
+}
+
+TEST_F(InputReaderFiles, RefusesAForbiddenFile) {
+  if (::geteuid() == 0) GTEST_SKIP() << "nothing is forbidden to this user";
+  const std::string name = file("secret", "x");
+  ASSERT_EQ(::chmod(name.c_str(), 0), 0);
+  EXPECT_THAT(refusal({name}, EACCES), HasSubstr("Permission denied"));
+}
+
+TEST_F(InputReaderFiles, MakesAHostileNameHarmlessInTheError) {
+  EXPECT_THAT(refusal({path("a\x1b[2J\n")}, ENOENT), HasSubstr("a\\x1b[2J\\x0a'"));
+}
+
+TEST_F(InputReaderFiles, NamesAFileThatVanishedMeanwhile) {
+  const std::string name = file("a", "x");
+  InputReader reader({name}, stop);
+  std::filesystem::remove(name);
+  EXPECT_THROW(reader.openNext(), Failure);
+}
+
+TEST_F(InputReaderFiles, NamesAFileWhoseReadingFails) {
+  // Readable to look at; reading the first page of the address space is an input/output error.
+  InputReader reader({"/proc/self/mem"}, stop);
+  ASSERT_TRUE(reader.openNext());
+  try {
+    fill(reader, 10);
+    FAIL() << "not refused";
+  } catch (const Failure& failure) {
+    EXPECT_EQ(failure.status(), static_cast<unsigned>(EIO));
+    EXPECT_STREQ(failure.what(), "cannot read '/proc/self/mem': Input/output error");
+  }
+}
+
+TEST_F(InputReaderFiles, ASignalEndsTheWaitForAPipe) {
+  Pipe pipe;
+  const StandardInput input(pipe.ends[0]);
+  InputReader reader({}, stop);
+  ASSERT_TRUE(reader.openNext());
+  auto filled = std::async(std::launch::async, [&] { return fill(reader, 3); });
+  stop.note(SIGTERM);
+  EXPECT_THROW(filled.get(), Interrupted);
+}
+
+TEST_F(InputReaderFiles, ASignalEndsTheReadingOfAFile) {
+  InputReader reader({file("a", "abc")}, stop);
+  ASSERT_TRUE(reader.openNext());
+  stop.note(SIGINT);
+  EXPECT_THROW(fill(reader, 3), Interrupted);
+}

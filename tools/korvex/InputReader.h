@@ -1,0 +1,60 @@
+#ifndef KORVEX_TOOL_INPUT_READER_H
+#define KORVEX_TOOL_INPUT_READER_H
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "StopSignal.h"
+
+namespace korvex::tool {
+
+/// The named files, read to their ends one after the other. "-" is standard input.
+///
+/// A file that cannot be read throws a Failure that names it, with the system's error number and
+/// text. A signal throws Interrupted, also while a pipe is waited for.
+class InputReader {
+ public:
+  /// Proves as far as possible that every file can be read: what is missing, forbidden or a
+  /// directory throws. Pipes are not opened for that, since their writers would notice.
+  /// No names mean standard input. Both the list and the signal are used as long as the reader.
+  InputReader(const std::vector<std::string>& names, const StopSignal& stop);
+  ~InputReader();
+  InputReader(const InputReader&) = delete;
+  InputReader& operator=(const InputReader&) = delete;
+
+  /// The bytes to come as the files are now; unknown when one of them is no regular file.
+  std::optional<std::uint64_t> totalBytes() const { return totalBytes_; }
+
+  /// Called twice a second while a pipe has nothing to read.
+  void whenIdle(std::function<void()> action) { idle_ = std::move(action); }
+
+  /// Goes on to the next file. False after the last.
+  bool openNext();
+
+  /// Reads until the buffer is full or the present file ends, and returns the number of bytes.
+  /// Fewer than `size` mean that the file has ended.
+  std::size_t fill(unsigned char* buffer, std::size_t size);
+
+ private:
+  void addSize(const std::string& name);
+  void openFile(const std::string& name);
+  void closeFile() noexcept;
+  std::size_t readSome(unsigned char* buffer, std::size_t size);
+  void waitForInput();
+
+  std::vector<std::string> names_;
+  const StopSignal& stop_;
+  std::function<void()> idle_;
+  std::optional<std::uint64_t> totalBytes_ = 0;
+  std::size_t next_ = 0;
+  int file_ = -1;
+  bool waits_ = false;  ///< whether reading may have to wait for somebody
+};
+
+}  // namespace korvex::tool
+
+#endif
