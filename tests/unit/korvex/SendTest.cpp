@@ -1,0 +1,388 @@
+#include "Send.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <sstream>
+
+#include "FakeDaemon.h"
+
+namespace {
+
+using korvex::test::FakeDaemon;
+using korvex::test::replyTo;
+using korvex::test::staySilent;
+using korvex::tool::Ending;
+using korvex::tool::Progress;
+using korvex::tool::runSend;
+using korvex::tool::SendOptions;
+using korvex::tool::StopSignal;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+
+constexpr std::uint32_t kOpen = 0;
+constexpr std::uint32_t kData = 1;
+constexpr std::uint32_t kClose = 3;
+constexpr std::uint32_t kStop = 4;
+
+const std::string kEmptyReceipt = "stored bytes=0 xxh128=99aa06d3014798d86001c324468d497f";
+const std::string kAbcReceipt = "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950";
+const std::string kAbcdReceipt = "stored bytes=4 xxh128=06b05ab6733a618578af5f94892f3950";
+
+/// Sends files to a daemon in this process and keeps what a person would see.
+class SendStream : public testing::Test {
+ protected:
+  SendStream() {
+    std::string name = (std::filesystem::temp_directory_path() / "korvex-send-XXXXXX").string();
+    folder = ::mkdtemp(name.data());
+    options.queue = daemon.queue();
+  }
+  ~SendStream() override { std::filesystem::remove_all(folder); }
+
+  void addFile(const std::string& name, const std::string& content) {
+    std::ofstream(folder / name, std::ios::binary) << content;
+    options.files.push_back(folder / name);
+  }
+
+  int send() {
+    const Ending ending = runSend(options, stop, Progress(), out, errors);
+    signal = ending.signal;
+    return ending.exitCode;
+  }
+
+  FakeDaemon daemon;
+  std::filesystem::path folder;
+  SendOptions options;
+  StopSignal stop;
+  std::ostringstream out;
+  std::ostringstream errors;
+  int signal = 0;
+};
+
+}  // namespace
+
+TEST_F(SendStream, IsVerifiedByTheRightReceipt) {
+  addFile("a", "abc");
+  daemon.serve(replyTo(kClose, 0, kAbcReceipt));
+  EXPECT_EQ(send(), 0);
+  EXPECT_THAT(errors.str(), MatchesRegex("sent 3 bytes in 1 segments, [0-9.]+ s, [0-9.]+ k?M?B/s: "
+                                         "stored and verified\n"));
+  EXPECT_EQ(daemon.types(), "0123");
+  EXPECT_EQ(daemon.segments(), "abc|");
+}
+
+TEST_F(SendStream, AnEmptyFileHasNoSegment) {
+  addFile("empty", "");
+  daemon.serve(replyTo(kClose, 0, kEmptyReceipt));
+  EXPECT_EQ(send(), 0);
+  EXPECT_EQ(daemon.types(), "03");
+}
+
+TEST_F(SendStream, ASegmentNeverSpansTwoFiles) {
+  addFile("a", "abcde");
+  addFile("empty", "");
+  addFile("b", "fg");
+  options.segmentSize = 4;
+  options.noReceipt = true;
+  daemon.serve(staySilent);
+  EXPECT_EQ(send(), 0);
+  daemon.awaitRecord(kClose);
+  EXPECT_EQ(daemon.segments(), "abcd|e|fg|");
+}
+
+TEST_F(SendStream, AFileThatEndsWithASegmentAddsNoEmptyOne) {
+  addFile("a", "abcdefgh");
+  options.segmentSize = 4;
+  options.noReceipt = true;
+  daemon.serve(staySilent);
+  EXPECT_EQ(send(), 0);
+  daemon.awaitRecord(kClose);
+  EXPECT_EQ(daemon.types(), "012123");
+}
+
+TEST_F(SendStream, ASegmentLargerThanABatchGoesInSeveralRecords) {
+  addFile("a", std::string(10000, 'x'));
+  options.noReceipt = true;
+  daemon.serve(staySilent);
+  EXPECT_EQ(send(), 0);
+  daemon.awaitRecord(kClose);
+  EXPECT_EQ(daemon.types(), "011123");  // 4040 + 4040 + 1920 in batches of 4096
+  EXPECT_EQ(daemon.segments(), std::string(10000, 'x') + "|");
+}
+
+TEST_F(SendStream, WithoutAReceiptIsNotVerified) {
+  options.noReceipt = true;
+  addFile("a", "abc");
+  daemon.serve(staySilent);
+  EXPECT_EQ(send(), 0);
+  EXPECT_THAT(errors.str(), HasSubstr(": sent (not verified)\n"));
+}
+
+TEST_F(SendStream, ToAQueueOfTinyMessagesIsRefused) {
+  FakeDaemon tiny({4, 56});
+  options.queue = tiny.queue();
+  addFile("a", "abc");
+  EXPECT_EQ(send(), 1);
+  EXPECT_THAT(errors.str(), HasSubstr("found 56 bytes, expected more than 56"));
+}
+
+TEST_F(SendStream, FailsOnAReceiptWithAnotherDigest) {
+  addFile("a", "abd");
+  daemon.serve(replyTo(kClose, 0, kAbcReceipt));
+  EXPECT_EQ(send(), 1);
+  EXPECT_THAT(errors.str(), HasSubstr("sent bytes=3 xxh128="));
+  EXPECT_THAT(errors.str(), HasSubstr("stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950"));
+}
+
+TEST_F(SendStream, FailsOnAReceiptWithAnotherCount) {
+  addFile("a", "abc");
+  daemon.serve(replyTo(kClose, 0, kAbcdReceipt));
+  EXPECT_EQ(send(), 1);
+  EXPECT_THAT(errors.str(), HasSubstr("sent bytes=3 "));
+  EXPECT_THAT(errors.str(), HasSubstr("stored bytes=4 "));
+}
+
+TEST_F(SendStream, FailsOnAReplyThatIsNoReceipt) {
+  addFile("a", "abc");
+  daemon.serve(replyTo(kClose, 0, "fine\x1b[2J"));
+  EXPECT_EQ(send(), 1);
+  EXPECT_THAT(errors.str(), HasSubstr("is no receipt: found \"fine\\x1b[2J\", expected"));
+}
+
+TEST_F(SendStream, HasAnExitCodeOfItsOwnWhenNoReceiptComes) {
+  addFile("a", "abc");
+  options.receiptTimeout = 1;
+  daemon.serve(staySilent);
+  EXPECT_EQ(send(), 3);
+  EXPECT_EQ(errors.str(), "korvex: sent, but no receipt came from the daemon within 1 s\n");
+}
+
+TEST_F(SendStream, IsNotVerifiedByAnEarlierReceipt) {
+  daemon.reply(0, kAbcReceipt);
+  daemon.reply(0, kAbcReceipt);
+  addFile("a", "abc");
+  options.receiptTimeout = 1;
+  daemon.serve(staySilent);
+  EXPECT_EQ(send(), 3);
+}
+
+TEST_F(SendStream, IsNotHurtByAnEarlierError) {
+  daemon.reply(5, "sink full");
+  addFile("a", "abc");
+  daemon.serve(replyTo(kClose, 0, kAbcReceipt));
+  EXPECT_EQ(send(), 0);
+}
+
+TEST_F(SendStream, RefusesAReceiptBeforeTheData) {
+  addFile("a", "abc");
+  daemon.serve(replyTo(kOpen, 0, kAbcReceipt));
+  EXPECT_EQ(send(), 1);
+  EXPECT_THAT(errors.str(), HasSubstr("a reply for another stream arrived"));
+  daemon.awaitRecord(kStop);
+  EXPECT_EQ(daemon.types(), "04");
+}
+
+TEST_F(SendStream, RefusesAReceiptBeforeTheClose) {
+  addFile("a", std::string(100000, 'x'));
+  daemon.serve([done = false](FakeDaemon& self, const FakeDaemon::Record& record) mutable {
+    if (record.type != kData || done) return;
+    done = true;
+    self.reply(0, kAbcReceipt);
+  });
+  EXPECT_EQ(send(), 1);
+  EXPECT_THAT(errors.str(), HasSubstr("a reply for another stream arrived, \"" + kAbcReceipt));
+}
+
+TEST_F(SendStream, TakesNoNoticeOfRepliesWhenNoReceiptIsExpected) {
+  addFile("a", "abc");
+  daemon.serve(replyTo(kOpen, 0, "welcome"));
+  options.noReceipt = true;
+  EXPECT_EQ(send(), 0);
+}
+
+TEST_F(SendStream, TellsAnErrorOfTheDaemonAndStops) {
+  addFile("a", "abc");
+  daemon.serve(replyTo(kOpen, 5, "cannot create the stream's file"));
+  EXPECT_EQ(send(), 1);
+  EXPECT_EQ(errors.str(), "korvex: the stream to queue '" + daemon.queue() +
+                              "' failed: status 5: cannot create the stream's file\n");
+  daemon.awaitRecord(kStop);
+  EXPECT_EQ(daemon.types(), "04");
+}
+
+TEST_F(SendStream, TellsAnErrorThatComesInsteadOfTheReceipt) {
+  addFile("a", "abc");
+  daemon.serve(replyTo(kClose, 28, "No space left on device"));
+  EXPECT_EQ(send(), 1);
+  EXPECT_THAT(errors.str(), HasSubstr("status 28: No space left on device"));
+}
+
+TEST_F(SendStream, TellsThatNobodyTakesTheOpenRecord) {
+  addFile("a", "abc");
+  options.timeout = 1;
+  EXPECT_EQ(send(), 1);
+  EXPECT_THAT(errors.str(), HasSubstr("status 15: "));
+}
+
+TEST_F(SendStream, TellsThatAFullQueueIsNotServed) {
+  addFile("a", std::string(100000, 'x'));
+  options.timeout = 1;
+  std::promise<void> ended;
+  daemon.serve([&, stuck = false](FakeDaemon&, const FakeDaemon::Record& record) mutable {
+    if (record.type != kData || stuck) return;
+    stuck = true;
+    ended.get_future().wait();
+  });
+  EXPECT_EQ(send(), 1);
+  ended.set_value();
+  EXPECT_THAT(errors.str(), HasSubstr("status 15: "));
+}
+
+TEST_F(SendStream, NamesAMissingQueue) {
+  addFile("a", "abc");
+  options.queue = "korvex-test-no-such-queue";
+  EXPECT_EQ(send(), 1);
+  EXPECT_EQ(errors.str(),
+            "korvex: queue 'korvex-test-no-such-queue': No such file or directory; "
+            "korvexd must be running and serve this queue\n");
+}
+
+TEST_F(SendStream, NoticesThatTheQueueWasReplaced) {
+  addFile("a", std::string(100000, 'x'));
+  daemon.serve([done = false](FakeDaemon& self, const FakeDaemon::Record& record) mutable {
+    if (record.type != kData || done) return;
+    done = true;
+    self.replaceQueues();
+  });
+  EXPECT_EQ(send(), 1);
+  EXPECT_THAT(errors.str(), HasSubstr("the queue was removed or replaced"));
+}
+
+TEST_F(SendStream, NoticesThatTheQueueWasReplacedBeforeTheReceipt) {
+  addFile("a", "abc");
+  daemon.serve([](FakeDaemon& self, const FakeDaemon::Record& record) {
+    if (record.type == kClose) self.replaceQueues();
+  });
+  EXPECT_EQ(send(), 1);
+  EXPECT_THAT(errors.str(), HasSubstr("the queue was removed or replaced"));
+}
+
+TEST_F(SendStream, TakesTheReceiptOfADaemonThatEndsAfterIt) {
+  addFile("a", "abc");
+  daemon.serve([](FakeDaemon& self, const FakeDaemon::Record& record) {
+    if (record.type != kClose) return;
+    self.reply(0, kAbcReceipt);
+    self.replaceQueues();
+  });
+  EXPECT_EQ(send(), 0);
+}
+
+TEST_F(SendStream, OpensNothingWhenAFileIsMissing) {
+  addFile("a", "abc");
+  options.files.push_back(folder / "missing");
+  daemon.serve(staySilent);
+  EXPECT_EQ(send(), 1);
+  EXPECT_THAT(errors.str(), HasSubstr("missing': No such file or directory"));
+  EXPECT_EQ(daemon.types(), "");
+}
+
+TEST_F(SendStream, StopsAndNeverClosesWhenReadingFails) {
+  addFile("a", "abc");
+  options.files.push_back("/proc/self/mem");  // opens, but its first page cannot be read
+  daemon.serve(staySilent);
+  EXPECT_EQ(send(), 1);
+  EXPECT_EQ(errors.str(), "korvex: cannot read '/proc/self/mem': Input/output error\n");
+  daemon.awaitRecord(kStop);
+  EXPECT_EQ(daemon.types(), "0124");
+}
+
+TEST_F(SendStream, StopsOnASignalAndSaysWhich) {
+  addFile("a", "abc");
+  daemon.serve([this](FakeDaemon&, const FakeDaemon::Record& record) {
+    if (record.type == kOpen) stop.note(SIGTERM);
+  });
+  EXPECT_EQ(send(), 128 + SIGTERM);
+  EXPECT_EQ(signal, SIGTERM);
+  daemon.awaitRecord(kStop);
+  EXPECT_EQ(daemon.types(), "04");
+}
+
+TEST_F(SendStream, ASignalEndsTheWaitForTheReceipt) {
+  addFile("a", "abc");
+  daemon.serve([this](FakeDaemon&, const FakeDaemon::Record& record) {
+    if (record.type == kClose) stop.note(SIGINT);
+  });
+  EXPECT_EQ(send(), 128 + SIGINT);
+  EXPECT_EQ(daemon.types(), "0123");
+}
+
+TEST_F(SendStream, ASignalEndsTheWaitForRoom) {
+  addFile("a", std::string(100000, 'x'));
+  std::promise<void> ended;
+  daemon.serve([&, stuck = false](FakeDaemon&, const FakeDaemon::Record& record) mutable {
+    if (record.type != kData || stuck) return;
+    stuck = true;
+    stop.note(SIGINT);
+    ended.get_future().wait();
+  });
+  EXPECT_EQ(send(), 128 + SIGINT);
+  ended.set_value();
+}
+
+TEST_F(SendStream, QuietTellsNothingOnSuccess) {
+  addFile("a", "abc");
+  options.quiet = true;
+  daemon.serve(replyTo(kClose, 0, kAbcReceipt));
+  EXPECT_EQ(send(), 0);
+  EXPECT_EQ(errors.str(), "");
+  EXPECT_EQ(out.str(), "");
+}
+
+TEST_F(SendStream, JsonIsOneObjectAndNothingElse) {
+  addFile("a", "abc");
+  options.json = true;
+  daemon.serve(replyTo(kClose, 0, kAbcReceipt));
+  EXPECT_EQ(send(), 0);
+  EXPECT_EQ(errors.str(), "");
+  EXPECT_THAT(
+      out.str(),
+      MatchesRegex(R"(\{"bytes":3,"segments":1,"seconds":[0-9.e-]+,"bytesPerSecond":[0-9.e]+,)"
+                   R"("xxh128":"06b05ab6733a618578af5f94892f3950","verified":true,)"
+                   R"("status":0,"message":"stored and verified","exitCode":0\})"
+                   "\n"));
+}
+
+TEST_F(SendStream, JsonTellsAFailureToo) {
+  addFile("a", "abc");
+  options.json = true;
+  daemon.serve(replyTo(kOpen, 5, "sink full"));
+  EXPECT_EQ(send(), 1);
+  EXPECT_THAT(out.str(),
+              HasSubstr(R"("verified":false,"status":5,"message":"the stream to queue)"));
+  EXPECT_THAT(out.str(), HasSubstr(R"(status 5: sink full","exitCode":1})"));
+  EXPECT_THAT(errors.str(), HasSubstr("status 5: sink full"));
+}
+
+TEST_F(SendStream, JsonTellsAMissingReceipt) {
+  options.json = true;
+  options.receiptTimeout = 1;
+  addFile("a", "abc");
+  daemon.serve(staySilent);
+  EXPECT_EQ(send(), 3);
+  EXPECT_THAT(out.str(), HasSubstr(R"("verified":false)"));
+  EXPECT_THAT(out.str(), HasSubstr(R"("exitCode":3})"));
+}
+
+TEST_F(SendStream, SaysWhenTheResultCannotBeWritten) {
+  options.json = true;
+  addFile("a", "abc");
+  out.setstate(std::ios::failbit);
+  daemon.serve(replyTo(kClose, 0, kAbcReceipt));
+  EXPECT_EQ(send(), 0);
+  EXPECT_EQ(errors.str(), "korvex: cannot write the result to standard output\n");
+}

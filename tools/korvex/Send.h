@@ -1,0 +1,48 @@
+#ifndef KORVEX_TOOL_SEND_H
+#define KORVEX_TOOL_SEND_H
+
+#include <chrono>
+#include <cstdint>
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+#include "Progress.h"
+#include "StopSignal.h"
+
+namespace CLI {
+class App;
+}
+
+namespace korvex::tool {
+
+/// What the command line of `korvex send` says.
+struct SendOptions {
+  std::string queue;
+  std::string name;
+  unsigned timeout = 60;  ///< seconds
+  std::uint64_t segmentSize = 1 << 20;
+  unsigned receiptTimeout = 60;  ///< seconds
+  bool noReceipt = false;
+  bool quiet = false;
+  bool json = false;
+  std::vector<std::string> files;
+};
+
+/// How a command ended. With a signal, the process is to end by that signal.
+struct Ending {
+  int exitCode;
+  int signal;
+};
+
+/// Declares the subcommand; `options` is filled when the command line is parsed.
+CLI::App* declareSend(CLI::App& tool, SendOptions& options);
+
+/// Streams the files and waits for the daemon's receipt. The result goes to `out` as JSON when
+/// asked for, everything meant for people to `errors`.
+Ending runSend(const SendOptions& options, const StopSignal& stop, Progress progress,
+               std::ostream& out, std::ostream& errors);
+
+}  // namespace korvex::tool
+
+#endif
