@@ -1,0 +1,157 @@
+#include "CommandLine.h"
+
+#include <gmock/gmock.h>
+#include <CLI/CLI.hpp>
+
+#include <sstream>
+
+namespace {
+
+using korvex::tool::declareSend;
+using korvex::tool::Progress;
+using korvex::tool::runTool;
+using korvex::tool::SendOptions;
+using korvex::tool::StopSignal;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+/// Runs the tool. Names no queue that exists, so what is accepted ends with exit code 1.
+class CommandLine : public testing::Test {
+ protected:
+  int run(std::vector<const char*> arguments) {
+    arguments.insert(arguments.begin(), "korvex");
+    return runTool(static_cast<int>(arguments.size()), arguments.data(), stop, Progress(), out,
+                   errors)
+        .exitCode;
+  }
+
+  int runSend(std::vector<const char*> arguments) {
+    arguments.insert(arguments.begin(), {"send", "--queue", "korvex-test-no-such-queue"});
+    return run(arguments);
+  }
+
+  StopSignal stop;
+  std::ostringstream out;
+  std::ostringstream errors;
+};
+
+SendOptions parse(const std::string& line) {
+  CLI::App tool;
+  SendOptions options;
+  declareSend(tool, options);
+  tool.parse("send " + line);
+  return options;
+}
+
+}  // namespace
+
+TEST(SendOptionsParsing, HasDefaults) {
+  const SendOptions options = parse("--queue q");
+  EXPECT_EQ(options.queue, "q");
+  EXPECT_EQ(options.name, "");
+  EXPECT_EQ(options.timeout, 60u);
+  EXPECT_EQ(options.segmentSize, 1048576u);
+  EXPECT_EQ(options.receiptTimeout, 60u);
+  EXPECT_FALSE(options.noReceipt || options.quiet || options.json);
+  EXPECT_THAT(options.files, IsEmpty());
+}
+
+TEST(SendOptionsParsing, ReadsEveryOption) {
+  const SendOptions options = parse(
+      "--queue q --name n --timeout 86400 --segment-size 1 --receipt-timeout 1 --quiet --json");
+  EXPECT_EQ(options.name, "n");
+  EXPECT_EQ(options.timeout, 86400u);
+  EXPECT_EQ(options.segmentSize, 1u);
+  EXPECT_EQ(options.receiptTimeout, 1u);
+  EXPECT_TRUE(options.quiet && options.json);
+  EXPECT_TRUE(parse("--queue q --no-receipt").noReceipt);
+}
+
+TEST(SendOptionsParsing, SuffixesArePowersOf1024) {
+  EXPECT_EQ(parse("--queue q --segment-size 128K").segmentSize, 131072u);
+  EXPECT_EQ(parse("--queue q --segment-size 2m").segmentSize, 2097152u);
+  EXPECT_EQ(parse("--queue q --segment-size 1GiB").segmentSize, 1073741824u);
+  EXPECT_EQ(parse("--queue q --segment-size 1T").segmentSize, 1099511627776u);
+}
+
+TEST(SendOptionsParsing, KeepsTheOrderOfFilesAndTheDash) {
+  EXPECT_THAT(parse("--queue q b - a").files, ElementsAre("b", "-", "a"));
+}
+
+TEST(SendOptionsParsing, EverythingAfterTwoDashesIsAFile) {
+  EXPECT_THAT(parse("--queue q -- --json -x").files, ElementsAre("--json", "-x"));
+}
+
+TEST_F(CommandLine, AsksForASubcommand) {
+  EXPECT_EQ(run({}), 2);
+  EXPECT_THAT(errors.str(), HasSubstr("A subcommand is required"));
+}
+
+TEST_F(CommandLine, RefusesAnUnknownSubcommand) {
+  EXPECT_EQ(run({"fetch"}), 2);
+  EXPECT_THAT(errors.str(), HasSubstr("fetch"));
+}
+
+TEST_F(CommandLine, AsksForTheQueue) {
+  EXPECT_EQ(run({"send"}), 2);
+  EXPECT_THAT(errors.str(), HasSubstr("--queue is required"));
+}
+
+TEST_F(CommandLine, RefusesAnUnknownOption) {
+  EXPECT_EQ(runSend({"--fast"}), 2);
+  EXPECT_THAT(errors.str(), HasSubstr("--fast"));
+}
+
+TEST_F(CommandLine, RefusesTimeoutsOutOfRange) {
+  for (const char* timeout : {"0", "86401", "-1", "abc", "4294967297", ""}) {
+    errors.str("");
+    EXPECT_EQ(runSend({"--timeout", timeout}), 2) << timeout;
+    EXPECT_THAT(errors.str(),
+                HasSubstr("--timeout: Value " + std::string(timeout) + " not in range 1 to 86400"));
+  }
+}
+
+TEST_F(CommandLine, RefusesReceiptTimeoutsOutOfRange) {
+  EXPECT_EQ(runSend({"--receipt-timeout", "0"}), 2);
+  EXPECT_THAT(errors.str(), HasSubstr("--receipt-timeout: Value 0 not in range 1 to 86400"));
+}
+
+TEST_F(CommandLine, RefusesSegmentSizesOutOfRange) {
+  for (const char* size : {"0", "0K", "1025G", "2T"}) {
+    errors.str("");
+    EXPECT_EQ(runSend({"--segment-size", size}), 2) << size;
+    EXPECT_THAT(errors.str(), HasSubstr("not in range 1 to 1099511627776")) << size;
+  }
+}
+
+TEST_F(CommandLine, RefusesWhatIsNoSize) {
+  for (const char* size : {"-1", "1X", "", "99999999999999999999", "16777216E"}) {
+    errors.str("");
+    EXPECT_EQ(runSend({"--segment-size", size}), 2) << size;
+    EXPECT_THAT(errors.str(), HasSubstr("--segment-size")) << size;
+  }
+}
+
+TEST_F(CommandLine, RefusesAReceiptTimeoutWithoutAReceipt) {
+  EXPECT_EQ(runSend({"--no-receipt", "--receipt-timeout", "5"}), 2);
+}
+
+TEST_F(CommandLine, HelpGoesToStandardOutput) {
+  EXPECT_EQ(run({"send", "--help"}), 0);
+  for (const char* part : {"--queue NAME", "--timeout SECONDS", "--segment-size BYTES",
+                           "--receipt-timeout SECONDS", "--no-receipt", "--json", "FILE"}) {
+    EXPECT_THAT(out.str(), HasSubstr(part));
+  }
+  EXPECT_EQ(errors.str(), "");
+}
+
+TEST_F(CommandLine, TellsItsVersion) {
+  EXPECT_EQ(run({"--version"}), 0);
+  EXPECT_EQ(out.str(), "0.1.0\n");
+}
+
+TEST_F(CommandLine, RunsTheSubcommand) {
+  EXPECT_EQ(runSend({"--quiet", "/dev/null"}), 1);
+  EXPECT_THAT(errors.str(), HasSubstr("korvex: queue 'korvex-test-no-such-queue': "));
+}
