@@ -137,15 +137,20 @@ void DaemonStream::watch() {
   const auto now = Clock::now();
   if (now < nextWatch_) return;
   nextWatch_ = now + kWatchPeriod;
+  look();
+}
+
+void DaemonStream::look() {
   checkStillServed();
   takeReplies();
   refuseForeignReply();
 }
 
 void DaemonStream::close() {
-  checkStillServed();
-  takeReplies();
-  refuseForeignReply();
+  // Ctrl-C reaches a whole pipeline: the command in front has died of it, and its output, which
+  // just ended, must not become a complete stream.
+  stop_.throwIfReceived();
+  look();
   awaitRoom();
   attempt([this] { writer_->close(); });
   isClosed_ = true;

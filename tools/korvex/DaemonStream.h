@@ -71,6 +71,7 @@ class DaemonStream {
   void withdrawOldReplies();
   void awaitRoom();
   void awaitOpenTaken();
+  void look();
   void pauseForReply(std::chrono::microseconds longest) const;
   void takeReplies();
   void poll();

@@ -1,0 +1,71 @@
+#include "DaemonStream.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include "Failure.h"
+#include "FakeDaemon.h"
+
+namespace {
+
+using korvex::test::FakeDaemon;
+using korvex::test::staySilent;
+using korvex::tool::DaemonStream;
+using korvex::tool::Interrupted;
+using korvex::tool::StopSignal;
+
+const unsigned char kByte[] = {'x'};
+
+struct DaemonStreamTo : testing::Test {
+  DaemonStream::Settings settings(const FakeDaemon& daemon) const {
+    return {daemon.queue(), "", std::chrono::seconds(60), true};
+  }
+
+  StopSignal stop;
+};
+
+}  // namespace
+
+TEST_F(DaemonStreamTo, APieceFillsTheLargestMessage) {
+  const FakeDaemon daemon({4, 4096});
+  EXPECT_EQ(DaemonStream(settings(daemon), stop).largestPiece(), 4040u);  // less 8 and 48
+}
+
+TEST_F(DaemonStreamTo, APieceIsNeverLargerThanARecordMayBe) {
+  const FakeDaemon daemon({4, 1 << 20});
+  EXPECT_EQ(DaemonStream(settings(daemon), stop).largestPiece(), 131072u);
+}
+
+TEST_F(DaemonStreamTo, OpensOnlyWhenTheDaemonHasTakenTheOpenRecord) {
+  FakeDaemon daemon;
+  daemon.serve(staySilent);
+  DaemonStream stream(settings(daemon), stop);
+  stream.open();
+  EXPECT_EQ(daemon.types(), "0");
+}
+
+TEST_F(DaemonStreamTo, IsNotClosedAfterASignal) {
+  FakeDaemon daemon;
+  daemon.serve(staySilent);
+  {
+    DaemonStream stream(settings(daemon), stop);
+    stream.open();
+    stream.write(kByte, sizeof kByte);
+    stop.note(SIGINT);
+    EXPECT_THROW(stream.close(), Interrupted);
+  }
+  daemon.finish();
+  EXPECT_EQ(daemon.types(), "0");
+}
+
+TEST_F(DaemonStreamTo, IsStoppedOnceAtMost) {
+  FakeDaemon daemon;
+  daemon.serve(staySilent);
+  DaemonStream stream(settings(daemon), stop);
+  stream.stop(DaemonStream::StopWait::Short);  // not open yet
+  stream.open();
+  stream.stop(DaemonStream::StopWait::Short);
+  stream.stop(DaemonStream::StopWait::Ordinary);
+  daemon.finish();
+  EXPECT_EQ(daemon.types(), "04");
+}
