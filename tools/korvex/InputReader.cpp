@@ -40,7 +40,11 @@ struct stat statusOf(const std::string& name) {
 }
 
 void proveReadable(const std::string& name, mode_t mode) {
-  if (name == kStandardInput) return;
+  if (name == kStandardInput) {
+    // Somebody else opened it, perhaps for writing only.
+    if ((::fcntl(STDIN_FILENO, F_GETFL) & O_ACCMODE) == O_WRONLY) throwUnreadable(name, EBADF);
+    return;
+  }
   if (!S_ISREG(mode)) {
     if (::access(name.c_str(), R_OK) != 0) throwUnreadable(name, errno);
     return;

@@ -240,6 +240,12 @@ TEST_F(InputReaderFiles, RefusesADirectoryAsStandardInput) {
   EXPECT_EQ(refusal({}, EISDIR), "cannot read standard input: Is a directory");
 }
 
+TEST_F(InputReaderFiles, RefusesAStandardInputThatIsForWritingOnly) {
+  Pipe pipe;
+  const StandardInput input(pipe.ends[1]);
+  EXPECT_EQ(refusal({}, EBADF), "cannot read standard input: Bad file descriptor");
+}
+
 TEST_F(InputReaderFiles, RefusesAForbiddenFile) {
   if (::geteuid() == 0) GTEST_SKIP() << "nothing is forbidden to this user";
   const std::string name = file("secret", "x");
