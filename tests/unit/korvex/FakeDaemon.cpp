@@ -36,14 +36,18 @@ FakeDaemon::FakeDaemon(MessageQueue::Limits limits)
       replies_(create(getMessageQueueResponseName(name_), kReplyLimits)) {}
 
 FakeDaemon::~FakeDaemon() {
-  isEnding_ = true;
-  if (thread_.joinable()) thread_.join();
+  finish();
   MessageQueue::remove(name_);
   MessageQueue::remove(getMessageQueueResponseName(name_));
 }
 
 void FakeDaemon::serve(Reaction reaction) {
   thread_ = std::thread([this, reaction = std::move(reaction)] { takeBatches(reaction); });
+}
+
+void FakeDaemon::finish() {
+  isEnding_ = true;
+  if (thread_.joinable()) thread_.join();
 }
 
 void FakeDaemon::reply(std::uint32_t status, const std::string& text) {
@@ -86,11 +90,14 @@ void FakeDaemon::awaitRecord(std::uint32_t type) const {
 void FakeDaemon::takeBatches(const Reaction& reaction) {
   std::vector<unsigned char> buffer(requests_->maxMessageSize());
   Pause pause(kLongestSleep);
-  while (!isEnding_) {
+  for (;;) {
+    const bool isLastLook = isEnding_;
     std::size_t size = 0;
     if (requests_->tryReceive(buffer.data(), buffer.size(), size) == MessageQueue::Outcome::Done) {
       takeBatch(buffer.data(), size, reaction);
       pause.reset();
+    } else if (isLastLook) {
+      return;
     } else {
       pause.wait(Pause::Clock::time_point::max());
     }

@@ -39,6 +39,9 @@ class FakeDaemon {
 
   void serve(Reaction reaction);
 
+  /// Takes what is still in the queue, and no more from then on.
+  void finish();
+
   /// Puts a reply into the response queue, before serve() or from the reaction.
   void reply(std::uint32_t status, const std::string& text);
 

@@ -28,7 +28,6 @@ using testing::MatchesRegex;
 constexpr std::uint32_t kOpen = 0;
 constexpr std::uint32_t kData = 1;
 constexpr std::uint32_t kClose = 3;
-constexpr std::uint32_t kStop = 4;
 
 const std::string kEmptyReceipt = "stored bytes=0 xxh128=99aa06d3014798d86001c324468d497f";
 const std::string kAbcReceipt = "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950";
@@ -72,6 +71,7 @@ TEST_F(SendStream, IsVerifiedByTheRightReceipt) {
   EXPECT_EQ(send(), 0);
   EXPECT_THAT(errors.str(), MatchesRegex("sent 3 bytes in 1 segments, [0-9.]+ s, [0-9.]+ k?M?B/s: "
                                          "stored and verified\n"));
+  daemon.finish();
   EXPECT_EQ(daemon.types(), "0123");
   EXPECT_EQ(daemon.segments(), "abc|");
 }
@@ -80,6 +80,7 @@ TEST_F(SendStream, AnEmptyFileHasNoSegment) {
   addFile("empty", "");
   daemon.serve(replyTo(kClose, 0, kEmptyReceipt));
   EXPECT_EQ(send(), 0);
+  daemon.finish();
   EXPECT_EQ(daemon.types(), "03");
 }
 
@@ -91,7 +92,7 @@ TEST_F(SendStream, ASegmentNeverSpansTwoFiles) {
   options.noReceipt = true;
   daemon.serve(staySilent);
   EXPECT_EQ(send(), 0);
-  daemon.awaitRecord(kClose);
+  daemon.finish();
   EXPECT_EQ(daemon.segments(), "abcd|e|fg|");
 }
 
@@ -101,7 +102,7 @@ TEST_F(SendStream, AFileThatEndsWithASegmentAddsNoEmptyOne) {
   options.noReceipt = true;
   daemon.serve(staySilent);
   EXPECT_EQ(send(), 0);
-  daemon.awaitRecord(kClose);
+  daemon.finish();
   EXPECT_EQ(daemon.types(), "012123");
 }
 
@@ -110,7 +111,7 @@ TEST_F(SendStream, ASegmentLargerThanABatchGoesInSeveralRecords) {
   options.noReceipt = true;
   daemon.serve(staySilent);
   EXPECT_EQ(send(), 0);
-  daemon.awaitRecord(kClose);
+  daemon.finish();
   EXPECT_EQ(daemon.types(), "011123");  // 4040 + 4040 + 1920 in batches of 4096
   EXPECT_EQ(daemon.segments(), std::string(10000, 'x') + "|");
 }
@@ -183,7 +184,7 @@ TEST_F(SendStream, RefusesAReceiptBeforeTheData) {
   daemon.serve(replyTo(kOpen, 0, kAbcReceipt));
   EXPECT_EQ(send(), 1);
   EXPECT_THAT(errors.str(), HasSubstr("a reply for another stream arrived"));
-  daemon.awaitRecord(kStop);
+  daemon.finish();
   EXPECT_EQ(daemon.types(), "04");
 }
 
@@ -211,7 +212,7 @@ TEST_F(SendStream, TellsAnErrorOfTheDaemonAndStops) {
   EXPECT_EQ(send(), 1);
   EXPECT_EQ(errors.str(), "korvex: the stream to queue '" + daemon.queue() +
                               "' failed: status 5: cannot create the stream's file\n");
-  daemon.awaitRecord(kStop);
+  daemon.finish();
   EXPECT_EQ(daemon.types(), "04");
 }
 
@@ -253,6 +254,7 @@ TEST_F(SendStream, NamesAMissingQueue) {
 }
 
 TEST_F(SendStream, NoticesThatTheQueueWasReplaced) {
+  options.noReceipt = true;
   addFile("a", std::string(100000, 'x'));
   daemon.serve([done = false](FakeDaemon& self, const FakeDaemon::Record& record) mutable {
     if (record.type != kData || done) return;
@@ -288,6 +290,7 @@ TEST_F(SendStream, OpensNothingWhenAFileIsMissing) {
   daemon.serve(staySilent);
   EXPECT_EQ(send(), 1);
   EXPECT_THAT(errors.str(), HasSubstr("missing': No such file or directory"));
+  daemon.finish();
   EXPECT_EQ(daemon.types(), "");
 }
 
@@ -297,7 +300,7 @@ TEST_F(SendStream, StopsAndNeverClosesWhenReadingFails) {
   daemon.serve(staySilent);
   EXPECT_EQ(send(), 1);
   EXPECT_EQ(errors.str(), "korvex: cannot read '/proc/self/mem': Input/output error\n");
-  daemon.awaitRecord(kStop);
+  daemon.finish();
   EXPECT_EQ(daemon.types(), "0124");
 }
 
@@ -308,7 +311,7 @@ TEST_F(SendStream, StopsOnASignalAndSaysWhich) {
   });
   EXPECT_EQ(send(), 128 + SIGTERM);
   EXPECT_EQ(signal, SIGTERM);
-  daemon.awaitRecord(kStop);
+  daemon.finish();
   EXPECT_EQ(daemon.types(), "04");
 }
 
@@ -318,6 +321,7 @@ TEST_F(SendStream, ASignalEndsTheWaitForTheReceipt) {
     if (record.type == kClose) stop.note(SIGINT);
   });
   EXPECT_EQ(send(), 128 + SIGINT);
+  daemon.finish();
   EXPECT_EQ(daemon.types(), "0123");
 }
 
