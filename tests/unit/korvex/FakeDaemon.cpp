@@ -27,6 +27,16 @@ std::unique_ptr<MessageQueue> create(const std::string& name, MessageQueue::Limi
   return std::make_unique<MessageQueue>(name, limits, mode_t{0600});
 }
 
+template <typename Condition>
+void await(Condition condition) {
+  const auto deadline = Pause::Clock::now() + kPatience;
+  Pause pause(kLongestSleep);
+  while (!condition()) {
+    ASSERT_LT(Pause::Clock::now(), deadline) << "waited in vain";
+    pause.wait(deadline);
+  }
+}
+
 }  // namespace
 
 FakeDaemon::FakeDaemon(MessageQueue::Limits limits)
@@ -78,13 +88,12 @@ std::string FakeDaemon::segments() const {
   return text;
 }
 
+void FakeDaemon::awaitFull() const {
+  await([this] { return requests_->view().looksFull(); });
+}
+
 void FakeDaemon::awaitRecord(std::uint32_t type) const {
-  const auto deadline = Pause::Clock::now() + kPatience;
-  Pause pause(kLongestSleep);
-  while (types().find(std::to_string(type)) == std::string::npos) {
-    ASSERT_LT(Pause::Clock::now(), deadline) << "no record of type " << type;
-    pause.wait(deadline);
-  }
+  await([&] { return types().find(std::to_string(type)) != std::string::npos; });
 }
 
 void FakeDaemon::takeBatches(const Reaction& reaction) {

@@ -54,6 +54,9 @@ class FakeDaemon {
   /// The data of the records so far, a "|" for each segment end.
   std::string segments() const;
 
+  /// Waits until the queue has no room left; for the reaction.
+  void awaitFull() const;
+
   /// Waits until a record of the type has come.
   void awaitRecord(std::uint32_t type) const;
 

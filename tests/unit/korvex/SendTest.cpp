@@ -116,6 +116,17 @@ TEST_F(SendStream, ASegmentLargerThanABatchGoesInSeveralRecords) {
   EXPECT_EQ(daemon.segments(), std::string(10000, 'x') + "|");
 }
 
+TEST_F(SendStream, ASegmentEndsInTheMiddleOfABatch) {
+  addFile("a", std::string(10000, 'x'));
+  options.segmentSize = 5000;
+  options.noReceipt = true;
+  daemon.serve(staySilent);
+  EXPECT_EQ(send(), 0);
+  daemon.finish();
+  const std::string segment(5000, 'x');
+  EXPECT_EQ(daemon.segments(), segment + "|" + segment + "|");
+}
+
 TEST_F(SendStream, WithoutAReceiptIsNotVerified) {
   options.noReceipt = true;
   addFile("a", "abc");
@@ -327,10 +338,12 @@ TEST_F(SendStream, ASignalEndsTheWaitForTheReceipt) {
 
 TEST_F(SendStream, ASignalEndsTheWaitForRoom) {
   addFile("a", std::string(100000, 'x'));
+  options.timeout = 2;
   std::promise<void> ended;
-  daemon.serve([&, stuck = false](FakeDaemon&, const FakeDaemon::Record& record) mutable {
+  daemon.serve([&, stuck = false](FakeDaemon& self, const FakeDaemon::Record& record) mutable {
     if (record.type != kData || stuck) return;
     stuck = true;
+    self.awaitFull();
     stop.note(SIGINT);
     ended.get_future().wait();
   });
