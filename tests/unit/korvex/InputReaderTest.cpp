@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -87,6 +88,13 @@ struct Pipe {
   }
   void write(const std::string& text) const {
     EXPECT_EQ(::write(ends[1], text.data(), text.size()), static_cast<ssize_t>(text.size()));
+  }
+  void awaitEmpty() const {
+    int waiting = 1;
+    while (waiting > 0) {
+      ASSERT_EQ(::ioctl(ends[0], FIONREAD, &waiting), 0);
+      std::this_thread::yield();
+    }
   }
   void closeWriter() {
     if (ends[1] >= 0) ::close(ends[1]);
@@ -193,7 +201,11 @@ TEST_F(InputReaderFiles, FillsUpWhatAPipeDeliversInBits) {
   InputReader reader({}, stop);
   ASSERT_TRUE(reader.openNext());
   auto filled = std::async(std::launch::async, [&] { return fill(reader, 6); });
-  for (const char* bit : {"a", "bc", "def", "g"}) pipe.write(bit);
+  for (const char* bit : {"a", "bc", "def"}) {
+    pipe.write(bit);
+    pipe.awaitEmpty();
+  }
+  pipe.write("g");
   EXPECT_EQ(filled.get(), "abcdef");
   pipe.closeWriter();
   EXPECT_EQ(fill(reader, 6), "g");
