@@ -31,6 +31,7 @@ await_queue() {
 
 say() { printf '\n== %s\n' "$*"; }
 
+mkdir "$folder/stored"
 say "start the daemon: korvexd --queue $kQueue --output DIR"
 "$kDaemon" --queue "$kQueue" --output "$folder/stored" &
 daemon=$!
