@@ -1,4 +1,4 @@
-# external-platform.sh SOURCE COMPILER LAUNCHER: the library builds on a platform that is installed
+# external-platform.sh SOURCE COMPILER [LAUNCHER]: the library builds on a platform that is installed
 # elsewhere, does not install a second one, and its package finds the first.
 source "$(dirname "$0")/common.sh"
 
@@ -15,7 +15,7 @@ configure() {
     -DKORVEX_BUILD_TESTS=OFF -DKORVEX_BUILD_TOOLS=OFF "$@"
 }
 
-source_tree=$1 compiler=$2 launcher=$3
+source_tree=$1 compiler=$2 launcher=${3:-}
 if configure "$work/without" > "$work/log" 2>&1; then
   fail "it configures without a platform"
 fi

@@ -19,7 +19,7 @@ class BatchBytes {
 
   /// Appends a record and counts it.
   BatchBytes& record(std::uint32_t type, std::uint64_t sequence, const std::string& data = "") {
-    ++bytes_[7];
+    ++bytes_.at(7);
     big32(type);
     big32(static_cast<std::uint32_t>(data.size()));
     big64(sequence);
@@ -34,7 +34,7 @@ class BatchBytes {
   /// Overwrites 4 bytes.
   BatchBytes& set32(std::size_t offset, std::uint32_t value) {
     for (int i = 0; i < 4; ++i) {
-      bytes_[offset + static_cast<std::size_t>(i)] =
+      bytes_.at(offset + static_cast<std::size_t>(i)) =
           static_cast<unsigned char>(value >> (24 - 8 * i));
     }
     return *this;
