@@ -188,9 +188,18 @@ class IceoryxReceiver : public Receiver {
   static iox::popo::SubscriberOptions options(const Settings& settings) {
     iox::popo::SubscriberOptions result;
     result.queueFullPolicy = iox::popo::QueueFullPolicy::BLOCK_PRODUCER;
-    // Single records keep the default number of chunks under way.
-    if (settings.framing != Framing::Record) result.queueCapacity = settings.depth;
+    result.queueCapacity = capacity(settings);
     return result;
+  }
+
+  /// Single records keep the default number of chunks under way, as long as the broker has so many
+  /// of that size.
+  static std::uint64_t capacity(const Settings& settings) {
+    constexpr std::size_t kPlentifulSize = 16 * 1024;
+    constexpr std::uint64_t kDefaultCapacity = 256;
+    const bool isPlentiful =
+        settings.framing == Framing::Record && largestMessage(settings) <= kPlentifulSize;
+    return isPlentiful ? kDefaultCapacity : settings.depth;
   }
 
   void release() {

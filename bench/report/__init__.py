@@ -1,0 +1,1 @@
+"""What every topic of the benchmark uses to run programs and to show figures."""
