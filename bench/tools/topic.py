@@ -51,21 +51,22 @@ class _Bench:
     def __init__(self, context, folder, missing):
         self._tool = context.build / "tools/korvex/korvex"
         self._daemon = context.build / "tools/korvexd/korvexd"
-        self._folder = folder
         self._missing = missing
         self._queue = f"korvex-bench-{os.getpid()}"
         self._file = os.path.join(folder, "file")
         self._copy = os.path.join(folder, "copy")
+        self._store = os.path.join(folder, "store")
         _write_file(self._file, context.file_bytes)
 
     def rows(self):
         yield DISCARD, lambda: self._send(["--discard"])
-        yield OUTPUT, lambda: self._send(["--output", os.path.join(self._folder, "store")])
+        yield OUTPUT, lambda: self._send(["--output", self._store])
         for name, commands in PIPELINES.items():
             if not any(command[0] in self._missing for command in commands):
                 yield name, lambda commands=commands: self._pipeline(commands)
 
     def _send(self, daemon_options):
+        os.mkdir(self._store)
         with daemon(self._daemon, [self._queue], daemon_options) as receiver:
             cpu_before = cpu_seconds(receiver.pid)
             command = [str(self._tool), "send", "--quiet", "--queue", self._queue, self._file]
@@ -74,7 +75,7 @@ class _Bench:
                      "sender_kib": sender["peak_kib"],
                      "receiver_cpu": cpu_seconds(receiver.pid) - cpu_before,
                      "receiver_kib": memory_kib(receiver.pid)["peak_kib"]}
-        shutil.rmtree(os.path.join(self._folder, "store"), ignore_errors=True)
+        shutil.rmtree(self._store)
         return found
 
     def _pipeline(self, commands):
