@@ -5,6 +5,7 @@
 
 #include <qmx/string.h>
 
+#include "shm/HeaderBytes.h"
 #include "support/BigEndian.h"
 #include "support/Status.h"
 #include "support/Text.h"
@@ -13,7 +14,6 @@ namespace korvex {
 namespace {
 
 constexpr std::uint32_t kMessageMagic = 0xaabbccdd;
-constexpr unsigned long kMessageSize = 48;
 
 }  // namespace
 
@@ -29,19 +29,10 @@ qmx_shm_message_t::qmx_shm_message_t()
       algParam3(0),
       magic(kMessageMagic) {}
 
-unsigned long qmx_shm_message_t::getSerializedSize() { return kMessageSize; }
+unsigned long qmx_shm_message_t::getSerializedSize() { return kHeaderSize; }
 
 unsigned char* qmx_shm_message_t::serializeToBuffer(unsigned char* buffer) const {
-  buffer = putBig32(buffer, type);
-  buffer = putBig32(buffer, len);
-  buffer = putBig64(buffer, sequence);
-  buffer = putBig64(buffer, segmentCount);
-  buffer = putBig32(buffer, segmentEmpty);
-  buffer = putBig32(buffer, segState);
-  buffer = putBig32(buffer, algParam1);
-  buffer = putBig32(buffer, algParam2);
-  buffer = putBig32(buffer, algParam3);
-  return putBig32(buffer, magic);
+  return putHeader(buffer, *this);
 }
 
 const unsigned char* qmx_shm_message_t::deserializeFromBuffer(const unsigned char* buffer) {

@@ -2,36 +2,40 @@
 #define KORVEX_SUPPORT_BIG_ENDIAN_H
 
 #include <cstdint>
+#include <cstring>
 
-// Integers as they travel: most significant byte first, at any alignment. Compilers turn each
-// function into one swap and one move.
+// Integers as they travel: most significant byte first, at any alignment.
 namespace korvex {
 
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "the swaps below assume it");
+
 inline unsigned char* putBig32(unsigned char* bytes, std::uint32_t value) noexcept {
-  bytes[0] = static_cast<unsigned char>(value >> 24);
-  bytes[1] = static_cast<unsigned char>(value >> 16);
-  bytes[2] = static_cast<unsigned char>(value >> 8);
-  bytes[3] = static_cast<unsigned char>(value);
-  return bytes + 4;
+  const std::uint32_t swapped = __builtin_bswap32(value);
+  std::memcpy(bytes, &swapped, sizeof swapped);
+  return bytes + sizeof swapped;
 }
 
 inline unsigned char* putBig64(unsigned char* bytes, std::uint64_t value) noexcept {
-  putBig32(bytes, static_cast<std::uint32_t>(value >> 32));
-  return putBig32(bytes + 4, static_cast<std::uint32_t>(value));
+  const std::uint64_t swapped = __builtin_bswap64(value);
+  std::memcpy(bytes, &swapped, sizeof swapped);
+  return bytes + sizeof swapped;
+}
+
+/// Two neighbours as one integer, so that they travel with one store.
+inline std::uint64_t joined(std::uint32_t first, std::uint32_t second) noexcept {
+  return std::uint64_t{first} << 32 | second;
 }
 
 inline const unsigned char* getBig32(const unsigned char* bytes, std::uint32_t& value) noexcept {
-  value = std::uint32_t{bytes[0]} << 24 | std::uint32_t{bytes[1]} << 16 |
-          std::uint32_t{bytes[2]} << 8 | std::uint32_t{bytes[3]};
-  return bytes + 4;
+  std::memcpy(&value, bytes, sizeof value);
+  value = __builtin_bswap32(value);
+  return bytes + sizeof value;
 }
 
 inline const unsigned char* getBig64(const unsigned char* bytes, std::uint64_t& value) noexcept {
-  std::uint32_t high = 0;
-  std::uint32_t low = 0;
-  bytes = getBig32(getBig32(bytes, high), low);
-  value = std::uint64_t{high} << 32 | low;
-  return bytes;
+  std::memcpy(&value, bytes, sizeof value);
+  value = __builtin_bswap64(value);
+  return bytes + sizeof value;
 }
 
 }  // namespace korvex
