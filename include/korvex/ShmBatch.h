@@ -98,6 +98,11 @@ class KORVEX_EXPORT ShmBatch {
 
  private:
   friend KORVEX_EXPORT std::ostream& operator<<(std::ostream& stream, const ShmBatch& batch);
+  friend class ShmWriter;
+
+  KORVEX_NO_EXPORT bool hasRoom(std::uint32_t length) const noexcept;
+  KORVEX_NO_EXPORT void append(const qmx_shm_message_t& header, const unsigned char* data);
+  [[noreturn]] KORVEX_NO_EXPORT static void refuseNullData(std::uint32_t length);
 
   // The order of the members is part of the binary interface.
   unsigned long bufferSize_;

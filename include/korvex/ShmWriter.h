@@ -90,7 +90,7 @@ class KORVEX_EXPORT ShmWriter : public ChannelWriter {
   KORVEX_NO_EXPORT void writeFinalRecord(std::uint32_t type, unsigned int timeout);
   KORVEX_NO_EXPORT void finishSegment();
   KORVEX_NO_EXPORT void refuseOversized(const qmx_shm_message_t& header) const;
-  KORVEX_NO_EXPORT void makeRoom(const ShmBatch::Entry& entry, unsigned int timeout);
+  KORVEX_NO_EXPORT void makeRoom(const qmx_shm_message_t& header, unsigned int timeout);
   KORVEX_NO_EXPORT void sendBatch(unsigned int timeout);
   KORVEX_NO_EXPORT void raiseReply();
 

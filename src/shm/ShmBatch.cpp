@@ -1,9 +1,9 @@
 #include "korvex/ShmBatch.h"
 
-#include <cstring>
 #include <ostream>
 #include <sstream>
 
+#include "shm/BatchAppend.h"
 #include "support/Adler32.h"
 #include "support/BigEndian.h"
 #include "support/Status.h"
@@ -15,11 +15,6 @@ namespace {
 
 constexpr std::uint32_t kMetaDataMagic = 0xff00ee11;
 constexpr unsigned long kMetaDataSize = 8;
-
-/// Bytes that an entry takes. 64-bit: `len` may be anything up to 2^32 - 1 and must not wrap.
-std::uint64_t sizeOf(const ShmBatch::Entry& entry) {
-  return std::uint64_t{entry.header.len} + qmx_shm_message_t::getSerializedSize();
-}
 
 /// Reads the entry at `position` and moves the position past it.
 ShmBatch::Entry takeEntry(const unsigned char*& position, qmx_shm_message_t& header) {
@@ -51,7 +46,7 @@ ShmBatch::MetaData::MetaData() : magic(kMetaDataMagic), numEntries(0) {}
 unsigned long ShmBatch::MetaData::getSerializedSize() { return kMetaDataSize; }
 
 unsigned char* ShmBatch::MetaData::serializeToBuffer(unsigned char* buffer) const {
-  return putBig32(putBig32(buffer, magic), numEntries);
+  return putMetaData(buffer, *this);
 }
 
 const unsigned char* ShmBatch::MetaData::deserializeFromBuffer(const unsigned char* buffer) {
@@ -95,30 +90,19 @@ void ShmBatch::validBufferSizeAssert(unsigned long bufferSize) {
   }
 }
 
-bool ShmBatch::canStore(const Entry& entry) const {
-  return sizeOf(entry) <= bufferSize_ - usedSize_;
-}
+bool ShmBatch::canStore(const Entry& entry) const { return hasRoom(entry.header.len); }
 
 void ShmBatch::pushBack(const Entry& entry) {
   if (!canStore(entry)) {
     throwError(kStatusNoRoom,
                "Could not add new batch entry because there is no room for it in the buffer");
   }
-  // The header goes in before the data pointer is checked. A refused entry thus leaves 48 stray
-  // bytes behind the used part; the next entry overwrites them.
-  unsigned char* const data = entry.header.serializeToBuffer(writePos_);
-  const std::uint32_t length = entry.header.len;
-  if (length != 0) {
-    if (entry.data == nullptr) {
-      throwError(kStatusInvalidArgument, "Invalid header; the specified length of data is ", length,
-                 " but the data pointer is NULL");
-    }
-    std::memcpy(data, entry.data, length);
-  }
-  writePos_ = data + length;
-  usedSize_ += sizeOf(entry);
-  ++metaData_.numEntries;
-  metaData_.serializeToBuffer(raw_);
+  append(entry.header, entry.data);
+}
+
+void ShmBatch::refuseNullData(std::uint32_t length) {
+  throwError(kStatusInvalidArgument, "Invalid header; the specified length of data is ", length,
+             " but the data pointer is NULL");
 }
 
 ShmBatch::Entry ShmBatch::getEntry(unsigned long index) const {

@@ -8,6 +8,7 @@
 
 #include <qmx/log.h>
 
+#include "shm/BatchAppend.h"
 #include "shm/MessageQueue.h"
 #include "support/Status.h"
 #include "support/Text.h"
@@ -223,9 +224,9 @@ void ShmWriter::write_data(const qmx_shm_message_t* header, const unsigned char*
              "write_data");
     return;
   }
-  const ShmBatch::Entry entry(*header, data);
-  if (!batch_->canStore(entry)) makeRoom(entry, timeout);
-  batch_->pushBack(entry);
+  // No Entry is built: copying the header once more costs as much as packing it.
+  if (!batch_->hasRoom(header->len)) makeRoom(*header, timeout);
+  batch_->append(*header, data);
   lastHeaderType_ = header->type;
   if (flush) flush_shm_buffer(timeout);
 }
@@ -238,12 +239,11 @@ void ShmWriter::refuseOversized(const qmx_shm_message_t& header) const {
 
 /// Sends the batch, also an empty one, so that a record too large for any batch is preceded by
 /// everything before it.
-void ShmWriter::makeRoom(const ShmBatch::Entry& entry, unsigned int timeout) {
+void ShmWriter::makeRoom(const qmx_shm_message_t& header, unsigned int timeout) {
   flush_shm_buffer(timeout);
-  if (batch_->canStore(entry)) return;
-  throwError(kStatusDoesNotFit, "Could not fit header (type=", entry.header.type,
-             ") with data length ", entry.header.len,
-             " into the batch, even after batch has been flushed");
+  if (batch_->hasRoom(header.len)) return;
+  throwError(kStatusDoesNotFit, "Could not fit header (type=", header.type, ") with data length ",
+             header.len, " into the batch, even after batch has been flushed");
 }
 
 void ShmWriter::flush_shm_buffer(unsigned int timeout) {
