@@ -89,6 +89,8 @@ class KORVEX_EXPORT ShmWriter : public ChannelWriter {
   KORVEX_NO_EXPORT void fillAlgorithm();
   KORVEX_NO_EXPORT void writeFinalRecord(std::uint32_t type, unsigned int timeout);
   KORVEX_NO_EXPORT void finishSegment();
+  KORVEX_NO_EXPORT void writeRecord(const qmx_shm_message_t& header, const unsigned char* data,
+                                    unsigned int timeout, bool flush);
   KORVEX_NO_EXPORT void refuseOversized(const qmx_shm_message_t& header) const;
   KORVEX_NO_EXPORT void makeRoom(const qmx_shm_message_t& header, unsigned int timeout);
   KORVEX_NO_EXPORT void sendBatch(unsigned int timeout);

@@ -164,6 +164,31 @@ void ShmWriter::setSegmentAlg(korvex_seg_state_t state, unsigned long param1, un
   segAlgParam3_ = param3;
 }
 
+/// Inline, because a segment is written in about the time that a call takes.
+__attribute__((always_inline)) inline void ShmWriter::writeRecord(const qmx_shm_message_t& header,
+                                                                  const unsigned char* data,
+                                                                  unsigned int timeout,
+                                                                  bool flush) {
+  const AutoTrace trace("write_data");
+  if (isTracing()) {
+    __TraceA("%s: write header.type =%d, len=%d, timeout=%us", "write_data", header.type,
+             header.len, timeout);
+  }
+  // Before the benchmark switch: a measured producer must fail where a real one would.
+  refuseOversized(header);
+  if (perfBenchmarkEnabled_) {
+    WarningA(kNoMessageCode,
+             "%s: KORVEX_PERF_BENCHMARK_ENABLED is set to 1. This backup will fail. Dumping data..",
+             "write_data");
+    return;
+  }
+  // No Entry is built: copying the header once more costs as much as packing it.
+  if (!batch_->hasRoom(header.len)) makeRoom(header, timeout);
+  batch_->append(header, data);
+  lastHeaderType_ = header.type;
+  if (flush) flush_shm_buffer(timeout);
+}
+
 void ShmWriter::writeSegment(const unsigned char* data, unsigned long length) {
   const AutoTrace trace("writeSegment");
   if (!isOpen) {
@@ -188,7 +213,7 @@ void ShmWriter::writeSegment(const unsigned char* data, unsigned long length) {
   segmentHeader_.type = kTypeSegmentData;
   segmentHeader_.len = low32(length);
   if (segmentHeader_.len != 0) segmentHeader_.segmentEmpty = 0;
-  write_data(&segmentHeader_, data, timeout_, false);
+  writeRecord(segmentHeader_, data, timeout_, false);
 }
 
 void ShmWriter::endSegment() {
@@ -211,24 +236,7 @@ void ShmWriter::endSegment() {
 
 void ShmWriter::write_data(const qmx_shm_message_t* header, const unsigned char* data,
                            unsigned int timeout, bool flush) {
-  const AutoTrace trace("write_data");
-  if (isTracing()) {
-    __TraceA("%s: write header.type =%d, len=%d, timeout=%us", "write_data", header->type,
-             header->len, timeout);
-  }
-  // Before the benchmark switch: a measured producer must fail where a real one would.
-  refuseOversized(*header);
-  if (perfBenchmarkEnabled_) {
-    WarningA(kNoMessageCode,
-             "%s: KORVEX_PERF_BENCHMARK_ENABLED is set to 1. This backup will fail. Dumping data..",
-             "write_data");
-    return;
-  }
-  // No Entry is built: copying the header once more costs as much as packing it.
-  if (!batch_->hasRoom(header->len)) makeRoom(*header, timeout);
-  batch_->append(*header, data);
-  lastHeaderType_ = header->type;
-  if (flush) flush_shm_buffer(timeout);
+  writeRecord(*header, data, timeout, flush);
 }
 
 void ShmWriter::refuseOversized(const qmx_shm_message_t& header) const {
