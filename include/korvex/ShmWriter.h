@@ -91,7 +91,10 @@ class KORVEX_EXPORT ShmWriter : public ChannelWriter {
   KORVEX_NO_EXPORT void finishSegment();
   KORVEX_NO_EXPORT void writeRecord(const qmx_shm_message_t& header, const unsigned char* data,
                                     unsigned int timeout, bool flush);
-  KORVEX_NO_EXPORT void refuseOversized(const qmx_shm_message_t& header) const;
+  [[noreturn]] KORVEX_NO_EXPORT void refuseOversized(const qmx_shm_message_t& header) const;
+  [[noreturn]] KORVEX_NO_EXPORT void refuseClosed() const;
+  [[noreturn]] KORVEX_NO_EXPORT void refuseAlgorithm() const;
+  [[noreturn]] KORVEX_NO_EXPORT void refuseMixedAlgorithms() const;
   KORVEX_NO_EXPORT void makeRoom(const qmx_shm_message_t& header, unsigned int timeout);
   KORVEX_NO_EXPORT void sendBatch(unsigned int timeout);
   KORVEX_NO_EXPORT void raiseReply();

@@ -175,7 +175,9 @@ __attribute__((always_inline)) inline void ShmWriter::writeRecord(const qmx_shm_
              header.len, timeout);
   }
   // Before the benchmark switch: a measured producer must fail where a real one would.
-  refuseOversized(header);
+  if (header.len > MAX_SEGMENT_SIZE && header.segState != KORVEX_SEG_STATE_UNLIMITED) {
+    refuseOversized(header);
+  }
   if (perfBenchmarkEnabled_) {
     WarningA(kNoMessageCode,
              "%s: KORVEX_PERF_BENCHMARK_ENABLED is set to 1. This backup will fail. Dumping data..",
@@ -191,22 +193,16 @@ __attribute__((always_inline)) inline void ShmWriter::writeRecord(const qmx_shm_
 
 void ShmWriter::writeSegment(const unsigned char* data, unsigned long length) {
   const AutoTrace trace("writeSegment");
-  if (!isOpen) {
-    throwError(kStatusWrongState, "Could not write segment data because ShmWriter is not open");
-  }
+  if (!isOpen) refuseClosed();
   if (segState_ != KORVEX_SEG_STATE_LIMITED && segState_ != KORVEX_SEG_STATE_UNLIMITED) {
-    throwError(kStatusWrongState,
-               "Could not write segment data because wrong algorithm has been set");
+    refuseAlgorithm();
   }
   // Nothing ever clears firstSegment, so streams may mix algorithms and the refusal is out of
   // reach. Daemons have come to accept mixed streams; both the flag and the test stay as they are.
   if (firstSegment_) {
     lastSegState_ = segState_;
   } else if (segState_ != lastSegState_) {
-    throwError(kStatusDoesNotFit, "Could not write segment data for sequence ",
-               segmentHeader_.sequence + 1, " because segment states are not homogeneous (",
-               "last state=", static_cast<std::int32_t>(lastSegState_),
-               ", current state=", static_cast<std::int32_t>(segState_), ")");
+    refuseMixedAlgorithms();
   }
   fillAlgorithm();
   ++segmentHeader_.sequence;
@@ -214,6 +210,22 @@ void ShmWriter::writeSegment(const unsigned char* data, unsigned long length) {
   segmentHeader_.len = low32(length);
   if (segmentHeader_.len != 0) segmentHeader_.segmentEmpty = 0;
   writeRecord(segmentHeader_, data, timeout_, false);
+}
+
+void ShmWriter::refuseClosed() const {
+  throwError(kStatusWrongState, "Could not write segment data because ShmWriter is not open");
+}
+
+void ShmWriter::refuseAlgorithm() const {
+  throwError(kStatusWrongState,
+             "Could not write segment data because wrong algorithm has been set");
+}
+
+void ShmWriter::refuseMixedAlgorithms() const {
+  throwError(kStatusDoesNotFit, "Could not write segment data for sequence ",
+             segmentHeader_.sequence + 1, " because segment states are not homogeneous (",
+             "last state=", static_cast<std::int32_t>(lastSegState_),
+             ", current state=", static_cast<std::int32_t>(segState_), ")");
 }
 
 void ShmWriter::endSegment() {
@@ -240,7 +252,6 @@ void ShmWriter::write_data(const qmx_shm_message_t* header, const unsigned char*
 }
 
 void ShmWriter::refuseOversized(const qmx_shm_message_t& header) const {
-  if (header.len <= MAX_SEGMENT_SIZE || header.segState == KORVEX_SEG_STATE_UNLIMITED) return;
   throwError(kStatusTooLarge, "Segment too large error.  Received segment of size ", header.len,
              " bytes, but the maximum allowed segment size is ", MAX_SEGMENT_SIZE, " bytes");
 }
