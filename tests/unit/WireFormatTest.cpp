@@ -1,8 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <iterator>
-#include <regex>
+#include <sstream>
 #include <string>
 
 #include "korvex/ShmWriter.h"
@@ -11,19 +10,23 @@
 
 namespace {
 
-/// The bytes of the page's worked example: from each line "offset  hex hex ...    remark".
+bool isHexByte(const std::string& word) {
+  return word.size() == 2 && word.find_first_not_of("0123456789abcdef") == std::string::npos;
+}
+
+/// The bytes of the page's worked example: its lines are an offset, bytes, and a remark behind
+/// three blanks.
 Bytes bytesOfPage(const std::string& path) {
   std::ifstream page(path);
-  const std::regex line("^ +([0-9]+)  ((?:[0-9a-f]{2} )*[0-9a-f]{2})(?:   .*)?$");
   Bytes bytes;
-  for (std::string text; std::getline(page, text);) {
-    std::smatch match;
-    if (!std::regex_match(text, match, line)) continue;
-    EXPECT_EQ(std::stoul(match[1]), bytes.size()) << text;
-    const std::string hex = match[2];
-    for (std::size_t i = 0; i < hex.size(); i += 3) {
-      bytes.push_back(static_cast<unsigned char>(std::stoul(hex.substr(i, 2), nullptr, 16)));
-    }
+  for (std::string line; std::getline(page, line);) {
+    std::istringstream words(line.substr(0, line.find("   ", line.find_first_not_of(' '))));
+    std::size_t offset = 0;
+    std::string byte;
+    if (!(words >> offset >> byte) || !isHexByte(byte)) continue;
+    EXPECT_EQ(offset, bytes.size()) << line;
+    do bytes.push_back(static_cast<unsigned char>(std::stoul(byte, nullptr, 16)));
+    while (words >> byte);
   }
   return bytes;
 }
