@@ -37,9 +37,9 @@ say "start the daemon: korvexd --queue $kQueue --output DIR"
 daemon=$!
 await_queue
 
-# Files that every machine has, and one of 1 GiB that no two machines share.
+# Files of this tree, and one of 1 GiB that no two runs share.
 head -c 1G /dev/urandom >"$folder/random"
-readonly kFiles=("$kKorvex" "$kBuild/src/libkorvex.so" /etc/services "$folder/random")
+readonly kFiles=("$kKorvex" "$kBuild/src/libkorvex.so" README.md "$folder/random")
 
 say "send ${#kFiles[@]} files as one stream: korvex send --queue $kQueue FILE..."
 "$kKorvex" send --queue "$kQueue" "${kFiles[@]}"
