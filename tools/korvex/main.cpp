@@ -1,4 +1,3 @@
-#include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -7,17 +6,9 @@
 
 #include "CommandLine.h"
 #include "Failure.h"
+#include "support/StandardDescriptors.h"
 
 namespace {
-
-/// A closed standard descriptor would be given to the next file that is opened, and data or a
-/// message would end up there. What takes its place can neither be read nor, for input, written.
-void occupyStandardDescriptors() {
-  for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
-    if (::fcntl(descriptor, F_GETFD) != -1) continue;
-    static_cast<void>(::open("/dev/null", descriptor == STDIN_FILENO ? O_WRONLY : O_RDWR));
-  }
-}
 
 /// So that the caller sees how the process ended.
 void endBySignal(int signal) {
@@ -40,7 +31,7 @@ int runMain(int argumentCount, char** arguments) {
 }  // namespace
 
 int main(int argumentCount, char** arguments) {
-  occupyStandardDescriptors();
+  korvex::occupyStandardDescriptors();
   // A reader that left early must not kill the stream; writing then fails where it is looked at.
   ::signal(SIGPIPE, SIG_IGN);
   try {

@@ -7,9 +7,11 @@
 #include "korvexd/Daemon.h"
 #include "korvexd/ExitCode.h"
 #include "korvexd/Options.h"
+#include "support/StandardDescriptors.h"
 
 int main(int argc, char** argv) {
   using namespace korvexd;
+  korvex::occupyStandardDescriptors();
   const ParsedOptions parsed = parseOptions(argc, argv, std::cout, std::cerr);
   if (!parsed.options) return parsed.exitCode;
   spdlog::set_default_logger(spdlog::stderr_logger_mt("korvexd"));
