@@ -6,6 +6,7 @@
 #include "integration/DaemonFixture.h"
 #include "integration/support/BatchBytes.h"
 #include "shm/MessageQueue.h"
+#include "support/ThrownError.h"
 
 using test_support::BatchBytes;
 using test_support::Bytes;
@@ -229,4 +230,20 @@ TEST_F(DaemonStream, IsCounted) {
   EXPECT_EQ(total["bytes"], 3);
   EXPECT_EQ(total["replies_sent"], 2);
   EXPECT_EQ(stats()["queues"][queue_]["bytes"], 3);
+}
+
+// What the first producer still has to send, its close too, must not be taken for the second's.
+TEST_F(DaemonStream, IsNeverMadeOfAnotherProducersTail) {
+  const auto daemon = start();
+  const auto first = writer();
+  first->open();
+  for (int i = 0; i < 10; ++i) write(*first, "first");
+  first->flush_shm_buffer(kTimeout);
+  const auto second = writer();
+  second->open();
+  write(*first, "tail");
+  thrownBy([&] { first->close(); });  // it may meet the reply already
+  EXPECT_THAT(awaitReply(*first).message, HasSubstr("expected sequence 2; two producers"));
+  EXPECT_TRUE(streams(false).empty());
+  end(*daemon);
 }

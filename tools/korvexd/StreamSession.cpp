@@ -14,6 +14,9 @@ namespace {
 using Header = korvex::qmx_shm_message_t;
 using Entry = korvex::ShmBatch::Entry;
 
+/// No record carries the number behind the open record's.
+constexpr std::uint64_t kStepAfterOpen = 2;
+
 std::string recordText(const Header& header) {
   return "record type " + std::to_string(header.type) + " sequence " +
          std::to_string(header.sequence);
@@ -46,6 +49,7 @@ StreamSession::Answer StreamSession::take(const Entry& record) {
 
 StreamSession::Answer StreamSession::takeOpen(const Header& header) {
   // The producer of the open stream is gone. No reply: it would reach the new producer.
+  cutOffAnother_ = state_ == State::Open;
   end("a new stream was opened before its close");
   const std::string defect = defectOf(header);
   if (!defect.empty()) return refuse(defect);
@@ -74,7 +78,8 @@ void StreamSession::startStream(const Header& header) {
 StreamSession::Answer StreamSession::takeOutside(const Header& header) {
   const bool ends = header.type == kTypeClose || header.type == kTypeStop;
   if (ends && state_ == State::Failed) {
-    state_ = State::Idle;
+    // A writer that stopped still closes when it goes.
+    state_ = header.type == kTypeStop ? State::Stopped : State::Idle;
     return {};
   }
   // A stop may come without a stream, and a writer that stopped still closes when it goes.
@@ -94,11 +99,8 @@ StreamSession::Answer StreamSession::takeInStream(const Entry& record) {
   const Header& header = record.header;
   const std::string defect = defectOf(header);
   if (!defect.empty()) return refuse(defect);
-  // Gaps are right: a record that a writer refused has used up its number.
-  if (header.sequence <= lastSequence_) {
-    return refuse(recordText(header) + ": expected a sequence above " +
-                  std::to_string(lastSequence_));
-  }
+  const std::string outOfOrder = sequenceDefectOf(header);
+  if (!outOfOrder.empty()) return refuse(outOfOrder);
   lastSequence_ = header.sequence;
   ++records_;
   if (header.type == kTypeSegmentData) return takeData(record);
@@ -106,6 +108,19 @@ StreamSession::Answer StreamSession::takeInStream(const Entry& record) {
   if (header.type == kTypeClose) return takeClose();
   if (header.type == kTypeStop) return takeStop();
   return {};
+}
+
+/// Gaps are right: a record that a writer refused has used up its number. But a stream that cut
+/// another one off may not have any: the other producer may live, and what it still sends, its
+/// close too, would be taken for this stream's.
+std::string StreamSession::sequenceDefectOf(const Header& header) const {
+  const std::uint64_t next = lastSequence_ + (records_ == 1 ? kStepAfterOpen : 1);
+  if (cutOffAnother_ && header.sequence != next) {
+    return recordText(header) + ": expected sequence " + std::to_string(next) +
+           "; two producers on one queue?";
+  }
+  if (header.sequence > lastSequence_) return "";
+  return recordText(header) + ": expected a sequence above " + std::to_string(lastSequence_);
 }
 
 StreamSession::Answer StreamSession::takeData(const Entry& record) {

@@ -56,6 +56,7 @@ class StreamSession {
   Answer takeOpen(const korvex::qmx_shm_message_t& header);
   Answer takeOutside(const korvex::qmx_shm_message_t& header);
   Answer takeInStream(const korvex::ShmBatch::Entry& record);
+  std::string sequenceDefectOf(const korvex::qmx_shm_message_t& header) const;
   Answer takeData(const korvex::ShmBatch::Entry& record);
   Answer takeClose();
   Answer takeStop();
@@ -74,6 +75,7 @@ class StreamSession {
   std::unique_ptr<Sink> sink_;
   Xxh128 digest_;
   std::uint64_t lastSequence_ = 0;
+  bool cutOffAnother_ = false;  ///< the stream before may still be sending
   bool segmentHasData_ = false;
   std::time_t opened_ = 0;
   std::uint64_t bytes_ = 0;
