@@ -6,13 +6,12 @@
 #include <utility>
 #include <vector>
 
-#include <qmx/trace.h>
-
 #include "Failure.h"
 #include "Printable.h"
 #include "Receipt.h"
 #include "shm/Pause.h"
 #include "support/Status.h"
+#include "support/Trace.h"
 
 namespace korvex::tool {
 namespace {
@@ -47,10 +46,6 @@ void keepForEver(std::unique_ptr<ShmWriter> writer) {
 DaemonStream::DaemonStream(Settings settings, const StopSignal& stop)
     : settings_(std::move(settings)), stop_(stop) {
   openQueues();
-  if (replyView_.messages() > 0) {
-    withdrawOldReplies();
-    openQueues();
-  }
   const std::size_t messageSize = sendView_.maxMessageSize();
   if (messageSize <= kBatchOverhead) {
     throwStreamFailed(kStatusDoesNotFit,
@@ -80,24 +75,40 @@ void DaemonStream::openQueues() {
   throwGone();
 }
 
+/// The daemon may still be storing what an earlier sender gave up waiting for. Its reply comes
+/// then, and must not be met by this stream: once an empty batch was taken, everything before it is
+/// done.
+void DaemonStream::letEarlierStreamEnd() {
+  awaitRoom();
+  flushIgnoringReply();
+  awaitAllTaken("the daemon to finish an earlier stream");
+}
+
 /// Each empty batch brings one reply back. What the replies say is of no concern to this stream.
 void DaemonStream::withdrawOldReplies() {
   // Bounded: somebody may be filling the queue meanwhile.
   for (std::size_t left = replyView_.maxMessages(); left > 0 && replyView_.messages() > 0; --left) {
     awaitRoom();
-    try {
-      writer_->flush_shm_buffer(kPollTimeout);
-    } catch (const Ov_ErrnoException& oldReply) {
-      if (*__qmxlog_trace_location() != 0) {
-        __TraceA("%s: reply of an earlier stream: %s", "withdrawOldReplies", oldReply.what());
-      }
-    } catch (const std::exception& error) {
-      throwQueueError(error);
+    flushIgnoringReply();
+  }
+}
+
+void DaemonStream::flushIgnoringReply() {
+  try {
+    writer_->flush_shm_buffer(kPollTimeout);
+  } catch (const Ov_ErrnoException& oldReply) {
+    if (isTracing()) {
+      __TraceA("%s: reply of an earlier stream: %s", "withdrawOldReplies", oldReply.what());
     }
+  } catch (const std::exception& error) {
+    throwQueueError(error);
   }
 }
 
 void DaemonStream::open() {
+  letEarlierStreamEnd();
+  withdrawOldReplies();
+  openQueues();  // a fresh writer remembers no reply
   awaitRoom();
   isStoppable_ = true;
   attempt([this] { writer_->open(); });
@@ -110,13 +121,15 @@ void DaemonStream::open() {
 
 /// The batches are taken in order. When nothing waits any more, the empty batch behind the open
 /// record was taken, so the open record was dealt with.
-void DaemonStream::awaitOpenTaken() {
+void DaemonStream::awaitOpenTaken() { awaitAllTaken("the daemon to take the open record"); }
+
+void DaemonStream::awaitAllTaken(const char* what) {
   const auto deadline = Clock::now() + settings_.timeout;
   Pause pause(kLongestSleep);
   while (sendView_.messages() > 0) {
     stop_.throwIfReceived();
     checkStillServed();
-    if (Clock::now() >= deadline) throwTimedOut("the daemon to take the open record");
+    if (Clock::now() >= deadline) throwTimedOut(what);
     pause.wait(deadline);
   }
 }

@@ -68,9 +68,12 @@ class DaemonStream {
   using Clock = std::chrono::steady_clock;
 
   void openQueues();
+  void letEarlierStreamEnd();
   void withdrawOldReplies();
+  void flushIgnoringReply();
   void awaitRoom();
   void awaitOpenTaken();
+  void awaitAllTaken(const char* what);
   void look();
   void pauseForReply(std::chrono::microseconds longest) const;
   void takeReplies();
