@@ -14,7 +14,7 @@
 namespace {
 
 // Seconds in a development build; RC_PARAMS overrides it.
-constexpr char kUsualCases[] = "max_success=3000";
+constexpr char kUsualCases[] = "max_success=" KORVEX_PROPERTY_CASES;
 
 /// Whether the library does what the model does.
 bool agree(const char* path, const property::Script& script) {
