@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 
 #include "integration/DaemonFixture.h"
+#include "shm/MessageQueue.h"
 
 using test_support::queueExists;
 using testing::HasSubstr;
@@ -109,4 +111,37 @@ TEST_F(DaemonLife, KeepsHostileQueueNamesInsideItsFolders) {
   for (const char* name : {"a/b", "../a", "..", ".", "", "/", "/tmp/a"}) {
     EXPECT_EQ(run({"--queue", name, "--discard"}), 2) << name;
   }
+}
+
+TEST_F(DaemonLife, EndsOnSighupToo) {
+  const auto daemon = start();
+  daemon->signal(SIGHUP);
+  EXPECT_EQ(daemon->wait(), 0);
+  EXPECT_FALSE(test_support::queueExists(queue_));
+}
+
+// Its messages would otherwise be written into the first file that it opens: a queue.
+TEST_F(DaemonLife, ServesWithoutStandardDescriptors) {
+  const Process daemon({"/bin/sh", "-c", "exec \"$0\" \"$@\" <&- >&- 2>&-", KORVEXD_PROGRAM,
+                        "--queue", queue_, "--output", output_});
+  ASSERT_TRUE(test_support::eventually([&] { return test_support::queueExists(queue_); }));
+  EXPECT_EQ(stream("abc"), "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950");
+  EXPECT_EQ(stream("abc"), "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950");
+}
+
+TEST_F(DaemonLife, OffersItsQueueAnewWhenTheNameIsTakenAway) {
+  const auto daemon = start();
+  ASSERT_TRUE(korvex::MessageQueue::remove(queue_));
+  ASSERT_TRUE(awaitLog(*daemon, queue_ + ": served anew"));
+  EXPECT_EQ(stream("abc"), "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950");
+  end(*daemon);
+}
+
+TEST_F(DaemonLife, LeavesADeviceAloneThatIsToHoldTheStatistics) {
+  Process daemon({KORVEXD_PROGRAM, "--queue", queue_, "--discard", "--stats", "/dev/full"});
+  EXPECT_EQ(daemon.wait(), 1);
+  EXPECT_THAT(daemon.errors(), HasSubstr("/dev/full: found something else, expected a file"));
+  struct stat found = {};
+  ASSERT_EQ(::stat("/dev/full", &found), 0);
+  EXPECT_TRUE(S_ISCHR(found.st_mode));
 }

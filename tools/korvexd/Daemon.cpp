@@ -19,6 +19,7 @@ sigset_t endSignals() {
   sigemptyset(&signals);
   sigaddset(&signals, SIGTERM);
   sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGHUP);  // its terminal is gone; queues must not be left behind
   return signals;
 }
 

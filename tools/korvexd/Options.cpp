@@ -13,7 +13,7 @@ namespace korvexd {
 namespace {
 
 constexpr std::size_t kMostMessages = 65536;
-constexpr std::size_t kSmallestMessage = 56;  // a batch with one empty record
+constexpr std::size_t kSmallestMessage = 57;  // a batch with one record of one byte
 constexpr std::size_t kLargestMessage = std::size_t{1} << 30;
 constexpr mode_t kModeNeeded = 0600;
 constexpr int kOctal = 8;

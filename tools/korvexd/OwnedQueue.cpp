@@ -40,8 +40,10 @@ OwnedQueue::OwnedQueue(std::string name, MessageQueue::Limits limits, mode_t mod
 }
 
 OwnedQueue::~OwnedQueue() {
-  if (view().isStillNamed(presentName_)) MessageQueue::remove(presentName_);
+  if (isStillNamed()) MessageQueue::remove(presentName_);
 }
+
+bool OwnedQueue::isStillNamed() const noexcept { return isQueueObjectNamed(claim_, presentName_); }
 
 void OwnedQueue::publish() {
   const std::string from = kSharedMemoryFolder + presentName_;

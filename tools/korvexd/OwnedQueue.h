@@ -30,6 +30,9 @@ class OwnedQueue {
   /// Gives the queue its name. Throws std::runtime_error when the name is taken.
   void publish();
 
+  /// False once somebody took the name away: no producer finds the queue any more.
+  bool isStillNamed() const noexcept;
+
   korvex::MessageQueue& queue() noexcept { return *queue_; }
 
   const korvex::QueueView& view() const noexcept { return queue_->view(); }

@@ -3,8 +3,16 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
+
+#include <cerrno>
 
 namespace korvexd {
+namespace {
+
+const std::string kSharedMemoryFolder = "/dev/shm/";
+
+}  // namespace
 
 File openQueueObject(const std::string& name) {
   // Non-blocking, so that a pipe under the name does not hold the daemon up.
@@ -13,6 +21,19 @@ File openQueueObject(const std::string& name) {
 
 bool claimQueueObject(const File& object) {
   return ::flock(object.descriptor(), LOCK_EX | LOCK_NB) == 0;
+}
+
+bool queueObjectExists(const std::string& name) noexcept {
+  struct stat found = {};
+  return ::lstat((kSharedMemoryFolder + name).c_str(), &found) == 0 || errno != ENOENT;
+}
+
+bool isQueueObjectNamed(const File& object, const std::string& name) noexcept {
+  struct stat own = {};
+  struct stat named = {};
+  return ::fstat(object.descriptor(), &own) == 0 &&
+         ::lstat((kSharedMemoryFolder + name).c_str(), &named) == 0 && own.st_dev == named.st_dev &&
+         own.st_ino == named.st_ino;
 }
 
 }  // namespace korvexd

@@ -16,6 +16,13 @@ File openQueueObject(const std::string& name);
 /// Claims it until it is closed. False when another daemon has it.
 bool claimQueueObject(const File& object);
 
+/// Whether anything lies under a queue's name. Needs no descriptor, of which there may be none
+/// left.
+bool queueObjectExists(const std::string& name) noexcept;
+
+/// Whether the name leads to this very object. Needs no descriptor either.
+bool isQueueObjectNamed(const File& object, const std::string& name) noexcept;
+
 }  // namespace korvexd
 
 #endif

@@ -2,9 +2,9 @@
 
 #include <korvex/ShmWriter.h>
 
-#include <cerrno>
 #include <stdexcept>
 
+#include "korvexd/QueueClaim.h"
 #include "korvexd/Reply.h"
 #include "korvexd/StaleQueue.h"
 
@@ -17,7 +17,7 @@ using korvex::MessageQueue;
 constexpr MessageQueue::Limits kReplyLimits{16, sizeof(Reply)};
 
 void refuseExisting(const std::string& name) {
-  if (korvex::QueueView(name).systemError() == ENOENT) return;
+  if (!queueObjectExists(name)) return;
   throw std::runtime_error("queue " + name +
                            " exists already; --replace removes the queues of a dead daemon");
 }

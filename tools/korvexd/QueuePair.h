@@ -24,6 +24,9 @@ class QueuePair {
   QueuePair(const std::string& name, korvex::MessageQueue::Limits limits, mode_t mode,
             Existing existing);
 
+  /// Whether producers still find both queues.
+  bool isStillNamed() const noexcept { return replies_.isStillNamed() && batches_.isStillNamed(); }
+
   OwnedQueue& batches() noexcept { return batches_; }
   OwnedQueue& replies() noexcept { return replies_; }
 

@@ -3,6 +3,7 @@
 #include <spdlog/spdlog.h>
 
 #include <exception>
+#include <stdexcept>
 #include <utility>
 
 #include "korvexd/BatchCheck.h"
@@ -15,6 +16,8 @@ using korvex::MessageQueue;
 
 /// Long enough that many idle queues cost next to nothing, short enough that nobody notices.
 constexpr std::chrono::milliseconds kLongestPause{25};
+
+constexpr std::chrono::seconds kNameWatchPeriod{1};
 
 }  // namespace
 
@@ -55,6 +58,7 @@ void QueueServer::step() {
   if (isIdle()) {
     // Noticed now, it costs nobody a stream: found only at the next open record, it would.
     replies_->checkLock();
+    watchNames();
     return pause();
   }
   OwnedQueue& batches = pair_->batches();
@@ -69,6 +73,14 @@ void QueueServer::step() {
 bool QueueServer::isIdle() const noexcept {
   const korvex::QueueView& batches = pair_->batches().view();
   return batches.messages() == 0 && !batches.looksLocked();
+}
+
+/// A queue without its name would be served for ever, and no producer would find it.
+void QueueServer::watchNames() {
+  const auto now = LockWatch::Clock::now();
+  if (now < nextLook_) return;
+  nextLook_ = now + kNameWatchPeriod;
+  if (!pair_->isStillNamed()) throw std::runtime_error("somebody removed or replaced their names");
 }
 
 void QueueServer::pause() noexcept { pause_.wait(LockWatch::Clock::now() + kLongestPause); }

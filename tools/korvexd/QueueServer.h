@@ -49,6 +49,7 @@ class QueueServer {
   void open(QueuePair::Existing existing);
   void step();
   bool isIdle() const noexcept;
+  void watchNames();
   void takeMessage(std::size_t size);
   void takeRecords(std::size_t size);
   void answer(const StreamSession::Answer& answer);
@@ -66,6 +67,7 @@ class QueueServer {
   std::unique_ptr<ReplySender> replies_;
   LockWatch lockWatch_;
   korvex::Pause pause_;
+  LockWatch::Clock::time_point nextLook_{};
   std::vector<unsigned char> message_;
   std::queue<korvex::ShmBatch::Entry> records_;
   std::uint64_t batchNumber_ = 0;

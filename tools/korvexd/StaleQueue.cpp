@@ -17,6 +17,9 @@ StaleQueue::StaleQueue(std::string name) : name_(std::move(name)), claim_(openQu
   }
   if (!claimQueueObject(claim_))
     throw std::runtime_error("queue " + name_ + " is served by another daemon");
+  // Between the opening and the claim another daemon may have put its own queue there.
+  if (!isQueueObjectNamed(claim_, name_))
+    throw std::runtime_error("queue " + name_ + " was just replaced by another daemon");
 }
 
 void StaleQueue::remove() {

@@ -1,8 +1,10 @@
 #include "korvexd/StatsFile.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <nlohmann/json.hpp>
+#include <stdexcept>
 
 #include "korvexd/File.h"
 
@@ -30,6 +32,14 @@ void addTo(Stats& total, const Stats& stats) {
   }
 }
 
+/// Anything else, /dev/stdout for example, would be swapped for a file.
+void refuseOtherThanFile(const std::string& path) {
+  struct stat found = {};
+  if (::lstat(path.c_str(), &found) != 0 || S_ISREG(found.st_mode)) return;
+  throw std::runtime_error("writing statistics to " + path +
+                           ": found something else, expected a file");
+}
+
 }  // namespace
 
 StatsFile::StatsFile(std::string path, std::vector<std::pair<std::string, const Stats*>> queues)
@@ -38,6 +48,7 @@ StatsFile::StatsFile(std::string path, std::vector<std::pair<std::string, const 
 void StatsFile::update() {
   std::string now = text();
   if (now == written_) return;
+  refuseOtherThanFile(path_);
   replaceFile(AT_FDCWD, path_, now, kFileMode, "writing statistics to " + path_);
   written_ = std::move(now);
 }
