@@ -87,10 +87,11 @@ class KORVEX_EXPORT ShmWriter : public ChannelWriter {
 
  private:
   KORVEX_NO_EXPORT void fillAlgorithm();
+  KORVEX_NO_EXPORT void prepareSegment(unsigned long length);
+  KORVEX_NO_EXPORT bool isOrdinary(const unsigned char* data, unsigned long length) const;
+  KORVEX_NO_EXPORT void writeSegmentInFull(const unsigned char* data, unsigned long length);
   KORVEX_NO_EXPORT void writeFinalRecord(std::uint32_t type, unsigned int timeout);
   KORVEX_NO_EXPORT void finishSegment();
-  KORVEX_NO_EXPORT void writeRecord(const qmx_shm_message_t& header, const unsigned char* data,
-                                    unsigned int timeout, bool flush);
   [[noreturn]] KORVEX_NO_EXPORT void refuseOversized(const qmx_shm_message_t& header) const;
   [[noreturn]] KORVEX_NO_EXPORT void refuseClosed() const;
   [[noreturn]] KORVEX_NO_EXPORT void refuseAlgorithm() const;

@@ -23,18 +23,21 @@ inline bool ShmBatch::hasRoom(std::uint32_t length) const noexcept {
 
 /// For a record that has room.
 inline void ShmBatch::append(const qmx_shm_message_t& header, const unsigned char* data) {
-  // The header goes in before the data pointer is checked. A refused entry thus leaves 48 stray
-  // bytes behind the used part; the next entry overwrites them.
-  unsigned char* const place = putHeader(writePos_, header);
   const std::uint32_t length = header.len;
-  if (length != 0) {
-    if (data == nullptr) refuseNullData(length);
-    copyShort(place, data, length);
+  unsigned char* place = writePos_;
+  if (length != 0 && data == nullptr) {
+    // The header goes in before the data pointer is checked. A refused entry thus leaves 48 stray
+    // bytes behind the used part; the next entry overwrites them.
+    putHeader(place, header);
+    refuseNullData(length);
   }
-  writePos_ = place + length;
+  writePos_ = place + kHeaderSize + length;
   usedSize_ += kHeaderSize + length;
   ++metaData_.numEntries;
   putMetaData(raw_, metaData_);
+  place = putHeader(place, header);
+  // Last, so that nothing has to be kept over the call.
+  if (length != 0) copyShort(place, data, length);
 }
 
 }  // namespace korvex

@@ -33,6 +33,11 @@ const std::string KorvexdProcessName = "korvexd";
 
 std::uint32_t low32(std::uint64_t value) { return static_cast<std::uint32_t>(value); }
 
+template <typename Value>
+void storeIfOther(Value& place, Value value) noexcept {
+  if (__builtin_expect(place != value, 0)) place = value;
+}
+
 /// The moment `timeout` seconds after the current whole second of UTC. The cut to the second makes
 /// a wait up to one second shorter than asked for, and the signed count makes a timeout above
 /// 2147483647 a deadline in the past; both are how deadlines here have always been counted.
@@ -142,11 +147,11 @@ void ShmWriter::writeFinalRecord(std::uint32_t type, unsigned int timeout) {
   finishSegment();
 }
 
-void ShmWriter::fillAlgorithm() {
-  segmentHeader_.segState = static_cast<std::uint32_t>(segState_);
-  segmentHeader_.algParam1 = low32(segAlgParam1_);
-  segmentHeader_.algParam2 = low32(segAlgParam2_);
-  segmentHeader_.algParam3 = low32(segAlgParam3_);
+inline void ShmWriter::fillAlgorithm() {
+  storeIfOther(segmentHeader_.segState, static_cast<std::uint32_t>(segState_));
+  storeIfOther(segmentHeader_.algParam1, low32(segAlgParam1_));
+  storeIfOther(segmentHeader_.algParam2, low32(segAlgParam2_));
+  storeIfOther(segmentHeader_.algParam3, low32(segAlgParam3_));
 }
 
 /// Counts the segment that a record has just ended, if it had data.
@@ -164,34 +169,34 @@ void ShmWriter::setSegmentAlg(korvex_seg_state_t state, unsigned long param1, un
   segAlgParam3_ = param3;
 }
 
-/// Inline, because a segment is written in about the time that a call takes.
-__attribute__((always_inline)) inline void ShmWriter::writeRecord(const qmx_shm_message_t& header,
-                                                                  const unsigned char* data,
-                                                                  unsigned int timeout,
-                                                                  bool flush) {
-  const AutoTrace trace("write_data");
-  if (isTracing()) {
-    __TraceA("%s: write header.type =%d, len=%d, timeout=%us", "write_data", header.type,
-             header.len, timeout);
-  }
-  // Before the benchmark switch: a measured producer must fail where a real one would.
-  if (header.len > MAX_SEGMENT_SIZE && header.segState != KORVEX_SEG_STATE_UNLIMITED) {
-    refuseOversized(header);
-  }
-  if (perfBenchmarkEnabled_) {
-    WarningA(kNoMessageCode,
-             "%s: KORVEX_PERF_BENCHMARK_ENABLED is set to 1. This backup will fail. Dumping data..",
-             "write_data");
-    return;
-  }
-  // No Entry is built: copying the header once more costs as much as packing it.
-  if (!batch_->hasRoom(header.len)) makeRoom(header, timeout);
-  batch_->append(header, data);
-  lastHeaderType_ = header.type;
-  if (flush) flush_shm_buffer(timeout);
+inline void ShmWriter::prepareSegment(unsigned long length) {
+  fillAlgorithm();
+  ++segmentHeader_.sequence;
+  storeIfOther(segmentHeader_.type, kTypeSegmentData);
+  storeIfOther(segmentHeader_.len, low32(length));
+  if (segmentHeader_.len != 0) storeIfOther(segmentHeader_.segmentEmpty, 0U);
 }
 
+/// Whether a segment needs nothing but to be packed.
+inline bool ShmWriter::isOrdinary(const unsigned char* data, unsigned long length) const {
+  const std::uint32_t len = low32(length);
+  const bool isLimited = segState_ == KORVEX_SEG_STATE_LIMITED;
+  return isOpen && (isLimited || segState_ == KORVEX_SEG_STATE_UNLIMITED) && firstSegment_ &&
+         !perfBenchmarkEnabled_ && (len <= MAX_SEGMENT_SIZE || !isLimited) &&
+         (data != nullptr || len == 0) && batch_->hasRoom(len);
+}
+
+/// The short way for what producers do nearly always: stores into the batch are what a short record
+/// costs, so that there are few others, and no call that registers would have to be saved for.
 void ShmWriter::writeSegment(const unsigned char* data, unsigned long length) {
+  if (!isKnownUntraced() || !isOrdinary(data, length)) return writeSegmentInFull(data, length);
+  prepareSegment(length);
+  storeIfOther(lastSegState_, segState_);
+  storeIfOther(lastHeaderType_, kTypeSegmentData);
+  batch_->append(segmentHeader_, data);
+}
+
+void ShmWriter::writeSegmentInFull(const unsigned char* data, unsigned long length) {
   const AutoTrace trace("writeSegment");
   if (!isOpen) refuseClosed();
   if (segState_ != KORVEX_SEG_STATE_LIMITED && segState_ != KORVEX_SEG_STATE_UNLIMITED) {
@@ -204,12 +209,8 @@ void ShmWriter::writeSegment(const unsigned char* data, unsigned long length) {
   } else if (segState_ != lastSegState_) {
     refuseMixedAlgorithms();
   }
-  fillAlgorithm();
-  ++segmentHeader_.sequence;
-  segmentHeader_.type = kTypeSegmentData;
-  segmentHeader_.len = low32(length);
-  if (segmentHeader_.len != 0) segmentHeader_.segmentEmpty = 0;
-  writeRecord(segmentHeader_, data, timeout_, false);
+  prepareSegment(length);
+  ShmWriter::write_data(&segmentHeader_, data, timeout_, false);
 }
 
 void ShmWriter::refuseClosed() const {
@@ -248,7 +249,26 @@ void ShmWriter::endSegment() {
 
 void ShmWriter::write_data(const qmx_shm_message_t* header, const unsigned char* data,
                            unsigned int timeout, bool flush) {
-  writeRecord(*header, data, timeout, flush);
+  const AutoTrace trace("write_data");
+  if (isTracing()) {
+    __TraceA("%s: write header.type =%d, len=%d, timeout=%us", "write_data", header->type,
+             header->len, timeout);
+  }
+  // Before the benchmark switch: a measured producer must fail where a real one would.
+  if (header->len > MAX_SEGMENT_SIZE && header->segState != KORVEX_SEG_STATE_UNLIMITED) {
+    refuseOversized(*header);
+  }
+  if (perfBenchmarkEnabled_) {
+    WarningA(kNoMessageCode,
+             "%s: KORVEX_PERF_BENCHMARK_ENABLED is set to 1. This backup will fail. Dumping data..",
+             "write_data");
+    return;
+  }
+  // No Entry is built: copying the header once more costs as much as packing it.
+  if (!batch_->hasRoom(header->len)) makeRoom(*header, timeout);
+  batch_->append(*header, data);
+  lastHeaderType_ = header->type;
+  if (flush) flush_shm_buffer(timeout);
 }
 
 void ShmWriter::refuseOversized(const qmx_shm_message_t& header) const {

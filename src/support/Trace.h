@@ -1,14 +1,29 @@
 #ifndef KORVEX_SUPPORT_TRACE_H
 #define KORVEX_SUPPORT_TRACE_H
 
+#include <atomic>
+#include <cstdint>
+
 #include <qmx/trace.h>
 
 namespace korvex {
 
+/// Where the flag lies, which never changes; null until somebody asked.
+inline std::atomic<const std::uint32_t*> knownTraceFlag{nullptr};
+
 /// Whether trace lines are wanted now. Another thread may switch at any time, so the flag is read
-/// atomically, and asked for anew each time; that is one plain load.
+/// atomically, and asked for anew each time.
 inline bool isTracing() {
-  return __atomic_load_n(__qmxlog_trace_location(), __ATOMIC_RELAXED) != 0;
+  const std::uint32_t* const flag = __qmxlog_trace_location();
+  knownTraceFlag.store(flag, std::memory_order_relaxed);
+  return __atomic_load_n(flag, __ATOMIC_RELAXED) != 0;
+}
+
+/// The same without a call, for what takes no longer than a call does. False also when nobody has
+/// asked yet.
+inline bool isKnownUntraced() {
+  const std::uint32_t* const flag = knownTraceFlag.load(std::memory_order_relaxed);
+  return flag != nullptr && __atomic_load_n(flag, __ATOMIC_RELAXED) == 0;
 }
 
 }  // namespace korvex
