@@ -16,28 +16,33 @@ inline unsigned char* putMetaData(unsigned char* bytes,
   return putBig64(bytes, joined(metaData.magic, metaData.numEntries));
 }
 
+constexpr unsigned long kCountOffset = 4;  // behind the magic, which never changes
+
 /// 64-bit: a length may be anything up to 2^32 - 1 and must not wrap.
 inline bool ShmBatch::hasRoom(std::uint32_t length) const noexcept {
   return std::uint64_t{length} + kHeaderSize <= bufferSize_ - usedSize_;
 }
 
-/// For a record that has room.
-inline void ShmBatch::append(const qmx_shm_message_t& header, const unsigned char* data) {
-  const std::uint32_t length = header.len;
-  unsigned char* place = writePos_;
-  if (length != 0 && data == nullptr) {
-    // The header goes in before the data pointer is checked. A refused entry thus leaves 48 stray
-    // bytes behind the used part; the next entry overwrites them.
-    putHeader(place, header);
-    refuseNullData(length);
-  }
-  writePos_ = place + kHeaderSize + length;
+/// For a record that has room, and data unless its length is 0.
+inline void ShmBatch::put(const qmx_shm_message_t& header, const unsigned char* data,
+                          std::uint32_t length) noexcept {
+  unsigned char* const place = putHeader(writePos_, header);
+  writePos_ = place + length;
   usedSize_ += kHeaderSize + length;
-  ++metaData_.numEntries;
-  putMetaData(raw_, metaData_);
-  place = putHeader(place, header);
+  putBig32(raw_ + kCountOffset, ++metaData_.numEntries);
   // Last, so that nothing has to be kept over the call.
   if (length != 0) copyShort(place, data, length);
+}
+
+/// For a record that has room.
+inline void ShmBatch::append(const qmx_shm_message_t& header, const unsigned char* data) {
+  if (header.len != 0 && data == nullptr) {
+    // The header goes in before the data pointer is checked. A refused entry thus leaves 48 stray
+    // bytes behind the used part; the next entry overwrites them.
+    putHeader(writePos_, header);
+    refuseNullData(header.len);
+  }
+  put(header, data, header.len);
 }
 
 }  // namespace korvex

@@ -162,16 +162,26 @@ MessageQueue::Outcome MessageQueue::tryReceive(void* buffer, std::size_t capacit
   });
 }
 
+MessageQueue::Outcome MessageQueue::tryReceiveNext(void* buffer, std::size_t capacity,
+                                                   std::size_t& size) {
+  view_.fetchNext();
+  Pause pause(kLongestSleep);
+  while (pause.isSpinning() && view_.looksLocked()) pause.wait(Clock::time_point::max());
+  return tryReceive(buffer, capacity, size);
+}
+
 bool MessageQueue::sendBefore(const void* data, std::size_t size, unsigned priority,
                               Clock::time_point deadline) {
   Pause pause(kLongestSleep);
+  // The looks without the lock spare both ends a fight for it, which costs more than the copy. They
+  // may be old, so that an attempt follows whatever they say.
+  const auto looksBusy = [this] { return view_.looksFull() || view_.looksLocked(); };
+  while (looksBusy() && pause.isSpinning()) pause.wait(deadline);
   while (trySend(data, size, priority) != Outcome::Done) {
     if (Clock::now() >= deadline) return false;
-    // The look without the lock spares the daemon a fight for it. It may be old, so the loop ends
-    // with an attempt whatever it says.
     do {
       pause.wait(deadline);
-    } while ((view_.looksFull() || view_.looksLocked()) && Clock::now() < deadline);
+    } while (looksBusy() && Clock::now() < deadline);
   }
   return true;
 }

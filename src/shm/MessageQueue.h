@@ -60,6 +60,10 @@ class MessageQueue {
   /// large as the queue's largest message, or the library refuses.
   Outcome tryReceive(void* buffer, std::size_t capacity, std::size_t& size);
 
+  /// As tryReceive, for a message that is on its way: leaves a sender some time to finish with the
+  /// lock instead of fighting for it, and fetches the bytes meanwhile.
+  Outcome tryReceiveNext(void* buffer, std::size_t capacity, std::size_t& size);
+
   /// What can be seen of this queue without its lock.
   const QueueView& view() const noexcept { return view_; }
 

@@ -6,8 +6,9 @@
 namespace korvex {
 namespace {
 
-constexpr unsigned kSpins = 64;
-constexpr unsigned kInstructionsPerSpin = 32;
+// Spinning for some 60 microseconds outlasts the copy of a message; each spin is short beside it.
+constexpr unsigned kSpins = 1024;
+constexpr unsigned kInstructionsPerSpin = 4;
 constexpr unsigned kYields = 64;
 constexpr std::chrono::microseconds kShortestSleep{20};
 constexpr unsigned kMostDoublings = 16;
@@ -17,6 +18,8 @@ void spin() noexcept {
 }
 
 }  // namespace
+
+bool Pause::isSpinning() const noexcept { return step_ < kSpins; }
 
 void Pause::wait(Clock::time_point deadline) noexcept {
   const unsigned step = step_;

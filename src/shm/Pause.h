@@ -20,6 +20,9 @@ class Pause {
   /// Waits one step. A sleep does not go past the deadline.
   void wait(Clock::time_point deadline) noexcept;
 
+  /// Whether the next step is a spin, which gives the processor to nobody else.
+  bool isSpinning() const noexcept;
+
   /// Starts again with the shortest pause, after something happened.
   void reset() noexcept { step_ = 0; }
 

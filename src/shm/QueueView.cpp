@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -36,6 +37,19 @@ constexpr std::uint64_t kIndexEntrySize = 8;
 constexpr std::uint64_t kSlotHeaderSize = 16;
 constexpr std::uint64_t kSlotAlignment = 8;
 constexpr std::uint64_t kSmallestQueue = 240;  // one message of one byte
+constexpr std::size_t kCacheLine = 64;
+
+/// Pages that are at hand twice count twice in the process's memory, so not for any number of
+/// queues.
+constexpr std::size_t kMostFetchableBytes = std::size_t{8} << 20;
+std::atomic<std::size_t> fetchableBytes{0};
+
+#ifdef MADV_POPULATE_READ
+constexpr int kPopulateForReading = MADV_POPULATE_READ;
+#else
+constexpr int kPopulateForReading = 22;  // as Linux has it from 5.14 on
+#endif
+
 constexpr std::size_t kLargestObject = std::numeric_limits<off_t>::max();
 
 /// The header's fields as one look found them.
@@ -142,11 +156,14 @@ QueueView& QueueView::operator=(QueueView&& other) noexcept {
   std::swap(device_, other.device_);
   std::swap(inode_, other.inode_);
   std::swap(window_, other.window_);
+  std::swap(windowSize_, other.windowSize_);
+  std::swap(fetching_, other.fetching_);
   return *this;
 }
 
 void QueueView::release() noexcept {
-  if (window_ != nullptr) ::munmap(const_cast<unsigned char*>(window_), kHeaderEnd);
+  if (fetching_ == Fetching::Granted) fetchableBytes -= windowSize_;
+  if (window_ != nullptr) ::munmap(const_cast<unsigned char*>(window_), windowSize_);
 }
 
 /// Reads, and maps only what is sound: a mapping of a file that is cut under it raises a signal,
@@ -171,13 +188,14 @@ void QueueView::look(int file) noexcept {
   state_ = judge(header, fileSize);
   if (state_ != State::Sound) return;
 
-  void* const window = ::mmap(nullptr, kHeaderEnd, PROT_READ, MAP_SHARED, file, 0);
+  void* const window = ::mmap(nullptr, fileSize, PROT_READ, MAP_SHARED, file, 0);
   if (window == MAP_FAILED) {
     state_ = State::Unreachable;
     systemError_ = errno;
     return;
   }
   window_ = static_cast<const unsigned char*>(window);
+  windowSize_ = fileSize;
   maxMessages_ = header.size(kMaxMessagesOffset);
   maxMessageSize_ = header.size(kMaxMessageSizeOffset);
   device_ = found.st_dev;
@@ -200,9 +218,42 @@ std::size_t QueueView::fileSize(std::size_t messages, std::size_t messageSize) n
   return kHeaderEnd + messages * perMessage;
 }
 
-std::size_t QueueView::messages() const noexcept {
-  return __atomic_load_n(reinterpret_cast<const std::uint64_t*>(window_ + kMessagesOffset),
+std::uint64_t QueueView::number(std::size_t offset) const noexcept {
+  return __atomic_load_n(reinterpret_cast<const std::uint64_t*>(window_ + offset),
                          __ATOMIC_ACQUIRE);
+}
+
+std::size_t QueueView::messages() const noexcept { return number(kMessagesOffset); }
+
+/// A processor fetches only pages that the process has at hand, so all are asked for, once.
+bool QueueView::isFetchable() noexcept {
+  if (fetching_ != Fetching::Unasked) return fetching_ == Fetching::Granted;
+  fetching_ = Fetching::Refused;
+  if ((fetchableBytes += windowSize_) <= kMostFetchableBytes &&
+      ::madvise(const_cast<unsigned char*>(window_), windowSize_, kPopulateForReading) == 0) {
+    fetching_ = Fetching::Granted;
+  } else {
+    fetchableBytes -= windowSize_;
+  }
+  return fetching_ == Fetching::Granted;
+}
+
+std::size_t QueueView::fetchNext() noexcept {
+  const std::uint64_t count = messages();
+  const std::uint64_t first = number(kFirstMessageOffset);
+  // A single message is mostly one that the sender has just left: it is not held up by a copy.
+  if (count < 2 || count > maxMessages_ || first >= maxMessages_ || !isFetchable()) return 0;
+
+  const std::size_t entry = kHeaderEnd + kIndexEntrySize * ((first + count - 1) % maxMessages_);
+  const std::size_t slot = entry + number(entry);
+  if (slot > windowSize_ - kSlotHeaderSize || slot % kSlotAlignment != 0) return 0;
+  const std::size_t size = number(slot);
+  const std::size_t data = slot + kSlotHeaderSize;
+  if (size > windowSize_ - data) return 0;
+  for (std::size_t at = data; at < data + size; at += kCacheLine) {
+    __builtin_prefetch(window_ + at, 0, 2);
+  }
+  return size;
 }
 
 pid_t QueueView::lockOwner() const noexcept {

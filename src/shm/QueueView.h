@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 namespace korvex {
@@ -56,6 +57,14 @@ class QueueView {
   bool looksFull() const noexcept { return messages() >= maxMessages_; }
   bool looksLocked() const noexcept;
 
+  /// Fetches the message that would be received next into this processor's cache, when it is not
+  /// the only one, and returns how many bytes that were.
+  ///
+  /// Most of a copy's time goes into fetching bytes that another processor wrote. The library
+  /// copies under the lock, where that time would hold the sender up. Nothing is read, so whatever
+  /// the object says, nothing can come of it.
+  std::size_t fetchNext() noexcept;
+
   /// Whether the lock is held by a thread that no longer lives in this process's PID namespace.
   bool isLockOwnerGone() const noexcept;
 
@@ -63,6 +72,8 @@ class QueueView {
   void look(int file) noexcept;
   void release() noexcept;
   pid_t lockOwner() const noexcept;
+  std::uint64_t number(std::size_t offset) const noexcept;
+  bool isFetchable() noexcept;
 
   State state_ = State::Unreachable;
   int systemError_ = 0;
@@ -70,7 +81,9 @@ class QueueView {
   std::size_t maxMessageSize_ = 0;
   dev_t device_ = 0;
   ino_t inode_ = 0;
-  const unsigned char* window_ = nullptr;  ///< the queue's header, mapped read-only; owned
+  const unsigned char* window_ = nullptr;  ///< the object, mapped read-only; owned
+  std::size_t windowSize_ = 0;
+  enum class Fetching { Unasked, Granted, Refused } fetching_ = Fetching::Unasked;
 };
 
 }  // namespace korvex

@@ -169,31 +169,31 @@ void ShmWriter::setSegmentAlg(korvex_seg_state_t state, unsigned long param1, un
   segAlgParam3_ = param3;
 }
 
-inline void ShmWriter::prepareSegment(unsigned long length) {
+inline void ShmWriter::prepareSegment(std::uint32_t length) {
   fillAlgorithm();
   ++segmentHeader_.sequence;
   storeIfOther(segmentHeader_.type, kTypeSegmentData);
-  storeIfOther(segmentHeader_.len, low32(length));
-  if (segmentHeader_.len != 0) storeIfOther(segmentHeader_.segmentEmpty, 0U);
+  storeIfOther(segmentHeader_.len, length);
+  if (length != 0) storeIfOther(segmentHeader_.segmentEmpty, 0U);
 }
 
 /// Whether a segment needs nothing but to be packed.
-inline bool ShmWriter::isOrdinary(const unsigned char* data, unsigned long length) const {
-  const std::uint32_t len = low32(length);
+inline bool ShmWriter::isOrdinary(const unsigned char* data, std::uint32_t length) const {
   const bool isLimited = segState_ == KORVEX_SEG_STATE_LIMITED;
   return isOpen && (isLimited || segState_ == KORVEX_SEG_STATE_UNLIMITED) && firstSegment_ &&
-         !perfBenchmarkEnabled_ && (len <= MAX_SEGMENT_SIZE || !isLimited) &&
-         (data != nullptr || len == 0) && batch_->hasRoom(len);
+         !perfBenchmarkEnabled_ && (length <= MAX_SEGMENT_SIZE || !isLimited) && data != nullptr &&
+         length != 0 && batch_->hasRoom(length);
 }
 
 /// The short way for what producers do nearly always: stores into the batch are what a short record
 /// costs, so that there are few others, and no call that registers would have to be saved for.
 void ShmWriter::writeSegment(const unsigned char* data, unsigned long length) {
-  if (!isKnownUntraced() || !isOrdinary(data, length)) return writeSegmentInFull(data, length);
-  prepareSegment(length);
+  const std::uint32_t cut = low32(length);
+  if (!isKnownUntraced() || !isOrdinary(data, cut)) return writeSegmentInFull(data, length);
+  prepareSegment(cut);
   storeIfOther(lastSegState_, segState_);
   storeIfOther(lastHeaderType_, kTypeSegmentData);
-  batch_->append(segmentHeader_, data);
+  batch_->put(segmentHeader_, data, cut);
 }
 
 void ShmWriter::writeSegmentInFull(const unsigned char* data, unsigned long length) {
@@ -209,7 +209,7 @@ void ShmWriter::writeSegmentInFull(const unsigned char* data, unsigned long leng
   } else if (segState_ != lastSegState_) {
     refuseMixedAlgorithms();
   }
-  prepareSegment(length);
+  prepareSegment(low32(length));
   ShmWriter::write_data(&segmentHeader_, data, timeout_, false);
 }
 

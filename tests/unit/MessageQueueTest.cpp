@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <boost/interprocess/exceptions.hpp>
+#include <cstring>
 #include <functional>
 #include <thread>
 
@@ -179,6 +180,19 @@ TEST(MessageQueueReceive, LockOfADeadProcessIsAnOutcome) {
   char buffer[10];
   std::size_t size = 0;
   EXPECT_EQ(queue.tryReceive(buffer, sizeof buffer, size), Outcome::LockTaken);
+}
+
+TEST(MessageQueueReceive, NextMessageIsTakenAsSoonAsTheLockIsFree) {
+  RawQueue raw(uniqueQueueName(), 3, 10);
+  MessageQueue queue(raw.name(), kPast);
+  char buffer[10];
+  std::size_t size = 0;
+  EXPECT_EQ(queue.tryReceiveNext(buffer, sizeof buffer, size), Outcome::NotReady);
+  for (const char* text : {"one", "two", "three"}) raw.post(text, std::strlen(text));
+  ASSERT_EQ(queue.tryReceiveNext(buffer, sizeof buffer, size), Outcome::Done);
+  EXPECT_EQ(std::string(buffer, size), "one");
+  QueueLock(raw.name()).takeAndDie();
+  EXPECT_EQ(queue.tryReceiveNext(buffer, sizeof buffer, size), Outcome::LockTaken);
 }
 
 TEST(MessageQueueReceive, TakesTheHighestPriorityFirst) {

@@ -1,9 +1,11 @@
 #include "shm/QueueView.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <future>
@@ -255,4 +257,87 @@ TEST(QueueViewUntrusted, FolderAndLinkUnderTheNameAreUnreachable) {
   ASSERT_EQ(::symlink(("/dev/shm/" + target.name()).c_str(), path.c_str()), 0);
   EXPECT_EQ(QueueView(name).systemError(), ELOOP);
   ::unlink(path.c_str());
+}
+
+namespace {
+
+// A fresh queue's slots, as its bytes lie: the first message is put into the last one.
+constexpr off_t kIndexAt = 208;
+constexpr std::uint64_t kSlotOfFirstMessage = 1200;  // of 4 messages of 300 bytes
+
+/// A queue of 4 messages of 300 bytes with two in it, the first of 100 bytes.
+class TwoMessages {
+ public:
+  TwoMessages() : queue_(uniqueQueueName(), 4, 300), view_(queue_.name()) {
+    const std::string text(200, 'x');
+    queue_.post(text.data(), 100);
+    queue_.post(text.data(), 200);
+  }
+
+  RawQueue& queue() { return queue_; }
+  QueueView& view() { return view_; }
+
+  /// What is fetched after one field was overwritten.
+  std::size_t fetchedAfterChange(off_t offset, const Bytes& bytes) {
+    const std::string path = "/dev/shm/" + queue_.name();
+    const int file = ::open(path.c_str(), O_WRONLY);
+    EXPECT_EQ(::pwrite(file, bytes.data(), bytes.size(), offset),
+              static_cast<ssize_t>(bytes.size()));
+    ::close(file);
+    return view_.fetchNext();
+  }
+
+ private:
+  RawQueue queue_;
+  QueueView view_;
+};
+
+}  // namespace
+
+TEST(QueueViewFetch, TakesTheMessageThatIsReceivedNext) {
+  TwoMessages two;
+  EXPECT_EQ(two.view().fetchNext(), 100u);
+  two.queue().post("abc", 3);
+  two.queue().take();
+  EXPECT_EQ(two.view().fetchNext(), 200u);
+}
+
+TEST(QueueViewFetch, LeavesASingleMessageAlone) {
+  TwoMessages two;
+  two.queue().take();
+  EXPECT_EQ(two.view().fetchNext(), 0u);
+  two.queue().take();
+  EXPECT_EQ(two.view().fetchNext(), 0u);
+}
+
+TEST(QueueViewFetch, FollowsNoNumberOutOfTheObject) {
+  EXPECT_EQ(TwoMessages().fetchedAfterChange(kMessagesAt, size(5)), 0u);
+  EXPECT_EQ(TwoMessages().fetchedAfterChange(kFirstMessageAt, size(4)), 0u);
+  EXPECT_EQ(TwoMessages().fetchedAfterChange(kIndexAt + 3 * 8, size(1u << 20)), 0u);
+  EXPECT_EQ(TwoMessages().fetchedAfterChange(kIndexAt + 3 * 8, size(~std::uint64_t{0})), 0u);
+  EXPECT_EQ(TwoMessages().fetchedAfterChange(kSlotOfFirstMessage, size(305)), 0u);
+  EXPECT_EQ(TwoMessages().fetchedAfterChange(kSlotOfFirstMessage, size(304)), 304u)
+      << "the object ends here";
+}
+
+TEST(QueueViewFetch, KeepsToEightMebibytesInAll) {
+  constexpr std::size_t kThreeMebibytes = std::size_t{3} << 20;
+  const auto fill = [](RawQueue& queue) {
+    queue.post("a", 1);
+    queue.post("b", 1);
+  };
+  RawQueue queues[] = {RawQueue(uniqueQueueName(), 3, kThreeMebibytes / 3),
+                       RawQueue(uniqueQueueName(), 3, kThreeMebibytes / 3),
+                       RawQueue(uniqueQueueName(), 3, kThreeMebibytes / 3)};
+  for (RawQueue& queue : queues) fill(queue);
+  QueueView first(queues[0].name());
+  EXPECT_EQ(first.fetchNext(), 1u);
+  {
+    QueueView second(queues[1].name());
+    EXPECT_EQ(second.fetchNext(), 1u);
+    QueueView third(queues[2].name());
+    EXPECT_EQ(third.fetchNext(), 0u);
+  }
+  QueueView third(queues[2].name());
+  EXPECT_EQ(third.fetchNext(), 1u) << "what a view took it gives back";
 }

@@ -63,7 +63,7 @@ void QueueServer::step() {
   }
   OwnedQueue& batches = pair_->batches();
   std::size_t size = 0;
-  const auto outcome = batches.queue().tryReceive(message_.data(), message_.size(), size);
+  const auto outcome = batches.queue().tryReceiveNext(message_.data(), message_.size(), size);
   lockWatch_.note(outcome, batches.view(), LockWatch::Clock::now());
   if (outcome != MessageQueue::Outcome::Done) return pause();
   pause_.reset();
