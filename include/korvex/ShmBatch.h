@@ -102,6 +102,8 @@ class KORVEX_EXPORT ShmBatch {
 
   KORVEX_NO_EXPORT bool hasRoom(std::uint32_t length) const noexcept;
   KORVEX_NO_EXPORT void append(const qmx_shm_message_t& header, const unsigned char* data);
+  KORVEX_NO_EXPORT void put(const qmx_shm_message_t& header, const unsigned char* data,
+                            std::uint32_t length) noexcept;
   [[noreturn]] KORVEX_NO_EXPORT static void refuseNullData(std::uint32_t length);
 
   // The order of the members is part of the binary interface.

@@ -87,8 +87,8 @@ class KORVEX_EXPORT ShmWriter : public ChannelWriter {
 
  private:
   KORVEX_NO_EXPORT void fillAlgorithm();
-  KORVEX_NO_EXPORT void prepareSegment(unsigned long length);
-  KORVEX_NO_EXPORT bool isOrdinary(const unsigned char* data, unsigned long length) const;
+  KORVEX_NO_EXPORT void prepareSegment(std::uint32_t length);
+  KORVEX_NO_EXPORT bool isOrdinary(const unsigned char* data, std::uint32_t length) const;
   KORVEX_NO_EXPORT void writeSegmentInFull(const unsigned char* data, unsigned long length);
   KORVEX_NO_EXPORT void writeFinalRecord(std::uint32_t type, unsigned int timeout);
   KORVEX_NO_EXPORT void finishSegment();
