@@ -1,5 +1,6 @@
 #include "StreamDigest.h"
 
+#include <xxh_x86dispatch.h>
 #include <xxhash.h>
 
 #include <new>
@@ -28,7 +29,7 @@ StreamDigest::StreamDigest() : state_(XXH3_createState()) {
 StreamDigest::~StreamDigest() { XXH3_freeState(state_); }
 
 void StreamDigest::add(const unsigned char* data, std::size_t size) {
-  XXH3_128bits_update(state_, data, size);
+  XXH3_128bits_update_dispatch(state_, data, size);
   bytes_ += size;
 }
 

@@ -1,5 +1,7 @@
 #include "korvexd/Xxh128.h"
 
+#include <xxh_x86dispatch.h>
+
 #include <new>
 
 #include "korvexd/Hex.h"
@@ -12,7 +14,7 @@ Xxh128::Xxh128() : state_(XXH3_createState()) {
 }
 
 void Xxh128::update(const void* data, std::size_t size) noexcept {
-  XXH3_128bits_update(state_.get(), data, size);
+  XXH3_128bits_update_dispatch(state_.get(), data, size);
 }
 
 std::string Xxh128::hex() const {
