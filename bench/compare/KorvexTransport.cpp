@@ -55,50 +55,65 @@ class QueueSender : public Sender {
   JoinBuffer joined_;
 };
 
+/// How a receiver takes a message: as the queue gives it, or as the library's daemon does, which
+/// fetches the bytes before it takes the lock.
+enum class Taking { Plain, FetchedAhead };
+
 class QueueReceiver : public Receiver {
  public:
-  explicit QueueReceiver(const Settings& settings)
-      : queue_(settings.name, deadline()), buffer_(new unsigned char[queue_.maxMessageSize()]) {}
+  QueueReceiver(const Settings& settings, Taking taking)
+      : queue_(settings.name, deadline()),
+        buffer_(new unsigned char[queue_.maxMessageSize()]),
+        taking_(taking) {}
 
   Bytes receive() override {
     const auto end = deadline();
     korvex::Pause pause(kLongestSleep);
     for (;;) {
       std::size_t size = 0;
-      if (looksReady() && take(size)) return {buffer_.get(), size};
+      if (queue_.view().messages() != 0 && take(size)) return {buffer_.get(), size};
       if (MessageQueue::Clock::now() >= end) throw std::runtime_error("the queue stayed empty");
       pause.wait(end);
     }
   }
 
  private:
-  bool looksReady() const { return queue_.view().messages() != 0 && !queue_.view().looksLocked(); }
+  bool take(std::size_t& size) { return outcome(size) == MessageQueue::Outcome::Done; }
 
-  bool take(std::size_t& size) {
-    return queue_.tryReceive(buffer_.get(), queue_.maxMessageSize(), size) ==
-           MessageQueue::Outcome::Done;
+  MessageQueue::Outcome outcome(std::size_t& size) {
+    const std::size_t capacity = queue_.maxMessageSize();
+    if (taking_ == Taking::FetchedAhead) {
+      return queue_.tryReceiveNext(buffer_.get(), capacity, size);
+    }
+    korvex::Pause pause(kLongestSleep);
+    while (pause.isSpinning() && queue_.view().looksLocked()) pause.wait(deadline());
+    return queue_.tryReceive(buffer_.get(), capacity, size);
   }
 
   MessageQueue queue_;
   std::unique_ptr<unsigned char[]> buffer_;
+  Taking taking_;
 };
 
 class PolledQueueTransport : public Transport {
  public:
-  explicit PolledQueueTransport(const Settings& settings)
-      : settings_(settings), queue_(settings.name, {settings.depth, largestMessage(settings)}) {}
+  PolledQueueTransport(const Settings& settings, Taking taking)
+      : settings_(settings),
+        queue_(settings.name, {settings.depth, largestMessage(settings)}),
+        taking_(taking) {}
 
   std::unique_ptr<Producer> openProducer() override {
     return makeProducer(settings_, std::make_unique<QueueSender>(settings_));
   }
 
   std::unique_ptr<Receiver> openReceiver() override {
-    return std::make_unique<QueueReceiver>(settings_);
+    return std::make_unique<QueueReceiver>(settings_, taking_);
   }
 
  private:
   Settings settings_;
   OwnedQueue queue_;
+  Taking taking_;
 };
 
 class WriterProducer : public Producer {
@@ -136,7 +151,7 @@ class KorvexTransport : public Transport {
   }
 
   std::unique_ptr<Receiver> openReceiver() override {
-    return std::make_unique<QueueReceiver>(settings_);
+    return std::make_unique<QueueReceiver>(settings_, Taking::FetchedAhead);
   }
 
  private:
@@ -152,7 +167,11 @@ std::unique_ptr<Transport> makeKorvex(const Settings& settings) {
 }
 
 std::unique_ptr<Transport> makePolledQueue(const Settings& settings) {
-  return std::make_unique<PolledQueueTransport>(settings);
+  return std::make_unique<PolledQueueTransport>(settings, Taking::Plain);
+}
+
+std::unique_ptr<Transport> makeFetchedQueue(const Settings& settings) {
+  return std::make_unique<PolledQueueTransport>(settings, Taking::FetchedAhead);
 }
 
 }  // namespace bench

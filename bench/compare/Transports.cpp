@@ -7,6 +7,7 @@ const std::vector<NamedTransport>& transports() {
   static const std::vector<NamedTransport> all = {
       {"korvex", makeKorvex},
       {"queue", makePolledQueue},
+      {"queue-fetched", makeFetchedQueue},
       {"queue-manual", makeManualQueue},
       {"posix-queue", makePosixQueue},
       {"pipe", makePipe},

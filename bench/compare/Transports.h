@@ -13,6 +13,7 @@ using TransportFactory = std::unique_ptr<Transport> (*)(const Settings& settings
 
 std::unique_ptr<Transport> makeKorvex(const Settings& settings);
 std::unique_ptr<Transport> makePolledQueue(const Settings& settings);
+std::unique_ptr<Transport> makeFetchedQueue(const Settings& settings);
 std::unique_ptr<Transport> makeManualQueue(const Settings& settings);
 std::unique_ptr<Transport> makePosixQueue(const Settings& settings);
 std::unique_ptr<Transport> makePipe(const Settings& settings);
