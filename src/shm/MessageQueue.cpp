@@ -134,8 +134,10 @@ void MessageQueue::open(const std::string& name, Clock::time_point deadline) {
 /// Runs one operation that takes the lock, and sorts its errors: a lock that is merely taken is an
 /// outcome, everything else passes.
 template <typename Operation>
-MessageQueue::Outcome MessageQueue::attempt(Operation operation) {
+MessageQueue::Outcome MessageQueue::attempt(QueueView::Use use, Operation operation) {
   if (transport_->broken) std::rethrow_exception(transport_->broken);
+  // The library believes whatever lies there, and would follow it out of the mapping.
+  if (!view_.isIntact(use)) throwDamaged();
   try {
     return operation(transport_->queue) ? Outcome::Done : Outcome::NotReady;
   } catch (const ipc::lock_exception&) {
@@ -148,12 +150,13 @@ MessageQueue::Outcome MessageQueue::attempt(Operation operation) {
 }
 
 MessageQueue::Outcome MessageQueue::trySend(const void* data, std::size_t size, unsigned priority) {
-  return attempt([&](ipc::message_queue& queue) { return queue.try_send(data, size, priority); });
+  return attempt(QueueView::Use::Send,
+                 [&](ipc::message_queue& queue) { return queue.try_send(data, size, priority); });
 }
 
 MessageQueue::Outcome MessageQueue::tryReceive(void* buffer, std::size_t capacity,
                                                std::size_t& size) {
-  return attempt([&](ipc::message_queue& queue) {
+  return attempt(QueueView::Use::Receive, [&](ipc::message_queue& queue) {
     ipc::message_queue::size_type received = 0;
     unsigned priority = 0;
     const bool taken = queue.try_receive(buffer, capacity, received, priority);
@@ -168,6 +171,13 @@ MessageQueue::Outcome MessageQueue::tryReceiveNext(void* buffer, std::size_t cap
   Pause pause(kLongestSleep);
   while (pause.isSpinning() && view_.looksLocked()) pause.wait(Clock::time_point::max());
   return tryReceive(buffer, capacity, size);
+}
+
+MessageQueue::Outcome MessageQueue::tryLock() {
+  return attempt(QueueView::Use::Either, [](ipc::message_queue& queue) {
+    queue.get_num_msg();
+    return true;
+  });
 }
 
 bool MessageQueue::sendBefore(const void* data, std::size_t size, unsigned priority,

@@ -64,6 +64,9 @@ class MessageQueue {
   /// lock instead of fighting for it, and fetches the bytes meanwhile.
   Outcome tryReceiveNext(void* buffer, std::size_t capacity, std::size_t& size);
 
+  /// Takes the lock and gives it back: Done or LockTaken, or the error of a lock that is broken.
+  Outcome tryLock();
+
   /// What can be seen of this queue without its lock.
   const QueueView& view() const noexcept { return view_; }
 
@@ -75,7 +78,7 @@ class MessageQueue {
 
   void open(const std::string& name, Clock::time_point deadline);
   template <typename Operation>
-  Outcome attempt(Operation operation);
+  Outcome attempt(QueueView::Use use, Operation operation);
 
   std::unique_ptr<Transport> transport_;
   QueueView view_;

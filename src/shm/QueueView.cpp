@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
@@ -36,7 +37,8 @@ constexpr std::uint64_t kIndexPointer = 192;  // from the pointer itself to the 
 constexpr std::uint64_t kIndexEntrySize = 8;
 constexpr std::uint64_t kSlotHeaderSize = 16;
 constexpr std::uint64_t kSlotAlignment = 8;
-constexpr std::uint64_t kSmallestQueue = 240;  // one message of one byte
+constexpr std::uint64_t kMostEntriesChecked = 65536;  // a hostile object may claim any number
+constexpr std::uint64_t kSmallestQueue = 240;         // one message of one byte
 constexpr std::size_t kCacheLine = 64;
 
 /// Pages that are at hand twice count twice in the process's memory, so not for any number of
@@ -71,11 +73,76 @@ class Header {
   const unsigned char* bytes_;
 };
 
+/// Reads memory that other processes write to.
+template <typename Integer>
+Integer load(const unsigned char* window, std::size_t offset) noexcept {
+  return __atomic_load_n(reinterpret_cast<const Integer*>(window + offset), __ATOMIC_ACQUIRE);
+}
+
 bool isSound(const Header& header, std::uint64_t fileSize) {
   const std::uint64_t messages = header.size(kMaxMessagesOffset);
   return header.size(kIndexPointerOffset) == kIndexPointer &&
          QueueView::fileSize(messages, header.size(kMaxMessageSizeOffset)) == fileSize &&
          header.size(kMessagesOffset) <= messages && header.size(kFirstMessageOffset) < messages;
+}
+
+constexpr std::uint64_t slotSizeFor(std::uint64_t messageSize) {
+  return kSlotHeaderSize + (messageSize + kSlotAlignment - 1) / kSlotAlignment * kSlotAlignment;
+}
+
+/// Where the slots of a queue with these limits lie in its object.
+class Slots {
+ public:
+  Slots(std::uint64_t messages, std::uint64_t messageSize) noexcept
+      : messages_(messages),
+        messageSize_(messageSize),
+        begin_(kHeaderEnd + messages * kIndexEntrySize),
+        slotSize_(slotSizeFor(messageSize)) {}
+
+  static std::uint64_t entryOffset(std::uint64_t entry) noexcept {
+    return kHeaderEnd + entry * kIndexEntrySize;
+  }
+
+  /// The offset that an index entry leads to: entries count from their own place.
+  static std::uint64_t target(std::uint64_t entry, std::uint64_t untrusted) noexcept {
+    return entryOffset(entry) + untrusted;  // backwards is a number that wraps
+  }
+
+  bool startAt(std::uint64_t offset) const noexcept {
+    return offset >= begin_ && (offset - begin_) % slotSize_ == 0 &&
+           (offset - begin_) / slotSize_ < messages_;
+  }
+
+  /// Whether a message of this length lies inside its slot.
+  bool hold(std::uint64_t untrustedLength) const noexcept {
+    return untrustedLength <= messageSize_;
+  }
+
+ private:
+  std::uint64_t messages_;
+  std::uint64_t messageSize_;
+  std::uint64_t begin_;
+  std::uint64_t slotSize_;
+};
+
+bool readSize(int file, std::uint64_t offset, std::uint64_t& value) {
+  return ::pread(file, &value, sizeof value, static_cast<off_t>(offset)) == ssize_t{sizeof value};
+}
+
+/// Whether each index entry leads to a slot, and no slot claims more bytes than it has. The queue
+/// library follows both without a look.
+bool areSlotsSound(int file, const Header& header) {
+  const std::uint64_t messages = header.size(kMaxMessagesOffset);
+  const Slots slots(messages, header.size(kMaxMessageSizeOffset));
+  for (std::uint64_t entry = 0; entry < std::min(messages, kMostEntriesChecked); ++entry) {
+    std::uint64_t value = 0;
+    std::uint64_t length = 0;
+    if (!readSize(file, Slots::entryOffset(entry), value)) return false;
+    const std::uint64_t target = Slots::target(entry, value);
+    if (!slots.startAt(target) || !readSize(file, target, length) || !slots.hold(length))
+      return false;
+  }
+  return true;
 }
 
 QueueView::State judge(const Header& header, std::uint64_t fileSize) {
@@ -186,6 +253,7 @@ void QueueView::look(int file) noexcept {
     return;
   const Header header(bytes);
   state_ = judge(header, fileSize);
+  if (state_ == State::Sound && !areSlotsSound(file, header)) state_ = State::Damaged;
   if (state_ != State::Sound) return;
 
   void* const window = ::mmap(nullptr, fileSize, PROT_READ, MAP_SHARED, file, 0);
@@ -211,16 +279,39 @@ bool QueueView::isStillNamed(const std::string& name) const noexcept {
 
 std::size_t QueueView::fileSize(std::size_t messages, std::size_t messageSize) noexcept {
   if (messages == 0 || messageSize == 0 || messageSize > kLargestObject) return 0;
-  const std::size_t padded = (messageSize + kSlotAlignment - 1) / kSlotAlignment * kSlotAlignment;
-  const std::size_t perMessage = kIndexEntrySize + kSlotHeaderSize + padded;
+  const std::size_t perMessage = kIndexEntrySize + slotSizeFor(messageSize);
   // Divides first: limits may come from a foreign object, and their product could wrap.
   if (messages > (kLargestObject - kHeaderEnd) / perMessage) return 0;
   return kHeaderEnd + messages * perMessage;
 }
 
 std::uint64_t QueueView::number(std::size_t offset) const noexcept {
-  return __atomic_load_n(reinterpret_cast<const std::uint64_t*>(window_ + offset),
-                         __ATOMIC_ACQUIRE);
+  return load<std::uint64_t>(window_, offset);
+}
+
+bool QueueView::leadsToSlot(std::size_t entry) const noexcept {
+  const Slots slots(maxMessages_, maxMessageSize_);
+  const std::uint64_t target = Slots::target(entry, number(Slots::entryOffset(entry)));
+  return slots.startAt(target) && slots.hold(number(target));
+}
+
+bool QueueView::isIntact(Use use) const noexcept {
+  const auto stored = number(kMessagesOffset);
+  const auto first = number(kFirstMessageOffset);
+  if (load<std::uint32_t>(window_, kInitWordOffset) != kInitialized ||
+      number(kIndexPointerOffset) != kIndexPointer || number(kMaxMessagesOffset) != maxMessages_ ||
+      number(kMaxMessageSizeOffset) != maxMessageSize_ || stored > maxMessages_ ||
+      first >= maxMessages_) {
+    return false;
+  }
+  // The next message goes before the first entry, which is looked at for its priority; the one
+  // taken next is the last. The two numbers may be of different moments, but any pair of numbers
+  // in range leads to entries that are sound in a sound queue.
+  const std::size_t next = first == 0 ? maxMessages_ - 1 : first - 1;
+  if (use != Use::Receive && (!leadsToSlot(first) || !leadsToSlot(next))) return false;
+  const std::size_t last =
+      next + stored < maxMessages_ ? next + stored : next + stored - maxMessages_;
+  return use == Use::Send || leadsToSlot(last);
 }
 
 std::size_t QueueView::messages() const noexcept { return number(kMessagesOffset); }
@@ -256,14 +347,10 @@ std::size_t QueueView::fetchNext() noexcept {
   return size;
 }
 
-pid_t QueueView::lockOwner() const noexcept {
-  return __atomic_load_n(reinterpret_cast<const pid_t*>(window_ + kLockOwnerOffset),
-                         __ATOMIC_ACQUIRE);
-}
+pid_t QueueView::lockOwner() const noexcept { return load<pid_t>(window_, kLockOwnerOffset); }
 
 bool QueueView::looksLocked() const noexcept {
-  return __atomic_load_n(reinterpret_cast<const std::uint32_t*>(window_ + kLockWordOffset),
-                         __ATOMIC_ACQUIRE) != 0;
+  return load<std::uint32_t>(window_, kLockWordOffset) != 0;
 }
 
 bool QueueView::isLockOwnerGone() const noexcept {

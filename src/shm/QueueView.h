@@ -52,6 +52,15 @@ class QueueView {
   /// The size of a queue's object with these limits, in bytes; 0 when that is none or too much.
   static std::size_t fileSize(std::size_t messages, std::size_t messageSize) noexcept;
 
+  /// What somebody is about to do with the queue. Looking at more would cost the other side the
+  /// bytes that it has at hand.
+  enum class Use { Send, Receive, Either };
+
+  /// Whether the queue still is what it was at the first look, as far as the next message goes: its
+  /// limits are the same, and what this use would touch lies inside the object. Costs a few reads;
+  /// only while the state is sound. Says nothing about the moment after.
+  bool isIntact(Use use = Use::Either) const noexcept;
+
   // Hints, each one plain read of shared memory. Only while the state is sound.
   std::size_t messages() const noexcept;
   bool looksFull() const noexcept { return messages() >= maxMessages_; }
@@ -71,6 +80,7 @@ class QueueView {
  private:
   void look(int file) noexcept;
   void release() noexcept;
+  bool leadsToSlot(std::size_t indexEntry) const noexcept;
   pid_t lockOwner() const noexcept;
   std::uint64_t number(std::size_t offset) const noexcept;
   bool isFetchable() noexcept;

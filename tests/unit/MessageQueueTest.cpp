@@ -195,6 +195,29 @@ TEST(MessageQueueReceive, NextMessageIsTakenAsSoonAsTheLockIsFree) {
   EXPECT_EQ(queue.tryReceiveNext(buffer, sizeof buffer, size), Outcome::LockTaken);
 }
 
+TEST(MessageQueueTryLock, TellsWhetherTheLockCanBeHad) {
+  const RawQueue raw(uniqueQueueName(), 2, 8);
+  MessageQueue queue(raw.name(), kPast);
+  EXPECT_EQ(queue.tryLock(), Outcome::Done);
+  EXPECT_EQ(queue.tryLock(), Outcome::Done) << "it was given back";
+  QueueLock(raw.name()).takeAndDie();
+  EXPECT_EQ(queue.tryLock(), Outcome::LockTaken);
+}
+
+TEST(MessageQueueUntrusted, OverwrittenQueueIsNotTouched) {
+  const std::string name = uniqueQueueName();
+  SharedObject object(name, bytesOfFile(std::string(KORVEX_TEST_DATA) + "/resp_n4_s132_two.img"));
+  MessageQueue queue(name, kPast);
+  ASSERT_EQ(queue.tryLock(), Outcome::Done);
+  object.write(24, Bytes(8, 0xff));  // the number of messages
+  char buffer[132];
+  std::size_t size = 0;
+  EXPECT_EQ(errorCodeOf([&] { queue.trySend("a", 1, 1); }), ipc::corrupted_error);
+  EXPECT_EQ(errorCodeOf([&] { queue.tryReceive(buffer, sizeof buffer, size); }),
+            ipc::corrupted_error);
+  EXPECT_EQ(errorCodeOf([&] { queue.tryLock(); }), ipc::corrupted_error);
+}
+
 TEST(MessageQueueReceive, TakesTheHighestPriorityFirst) {
   RawQueue raw(uniqueQueueName(), 2, 10);
   MessageQueue queue(raw.name(), kPast);

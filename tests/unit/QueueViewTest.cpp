@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <fstream>
 #include <future>
 #include <thread>
 
@@ -37,6 +38,9 @@ constexpr off_t kMaxMessagesAt = 24;
 constexpr off_t kMaxMessageSizeAt = 32;
 constexpr off_t kMessagesAt = 40;
 constexpr off_t kFirstMessageAt = 184;
+constexpr off_t kIndexAt = 208;      // 4 entries
+constexpr off_t kFirstSlotAt = 240;  // 4 slots of 16 + 304 bytes
+constexpr std::uint64_t kSlotSize = 320;
 
 /// The bytes of a fresh queue of 4 messages of 300 bytes.
 Bytes queueImage() {
@@ -54,6 +58,20 @@ Bytes size(std::uint64_t value) {
   Bytes bytes(sizeof value);
   std::memcpy(bytes.data(), &value, sizeof value);
   return bytes;
+}
+
+/// The index entry at this place, as it leads to an offset in the object.
+Bytes entryAt(off_t place, std::uint64_t target) {
+  return size(target - static_cast<std::uint64_t>(place));
+}
+
+/// Whether a view of a sound queue still finds it intact after one field was overwritten.
+bool isIntactAfterChange(off_t offset, const Bytes& bytes) {
+  SharedObject object(uniqueQueueName(), queueImage());
+  const QueueView view(object.name());
+  EXPECT_TRUE(view.isIntact());
+  object.write(offset, bytes);
+  return view.isIntact();
 }
 
 /// What a view makes of a sound queue's bytes after one field was overwritten.
@@ -238,6 +256,83 @@ TEST(QueueViewUntrusted, ImpossibleFieldsAreRefused) {
   EXPECT_EQ(afterChange(kFirstMessageAt, size(4)), State::Damaged);
 }
 
+TEST(QueueViewUntrusted, IndexEntriesMustLeadToSlots) {
+  for (const off_t place : {kIndexAt, kIndexAt + 8, kIndexAt + 16, kIndexAt + 24}) {
+    EXPECT_EQ(afterChange(place, entryAt(place, kFirstSlotAt)), State::Sound);
+    EXPECT_EQ(afterChange(place, entryAt(place, kFirstSlotAt + 3 * kSlotSize)), State::Sound);
+    EXPECT_EQ(afterChange(place, entryAt(place, kFirstSlotAt + 4 * kSlotSize)), State::Damaged);
+    EXPECT_EQ(afterChange(place, entryAt(place, kFirstSlotAt + 1)), State::Damaged);
+    EXPECT_EQ(afterChange(place, entryAt(place, kIndexAt)), State::Damaged);
+    EXPECT_EQ(afterChange(place, size(0)), State::Damaged);
+    EXPECT_EQ(afterChange(place, size(~std::uint64_t{0})), State::Damaged);
+  }
+}
+
+TEST(QueueViewUntrusted, MessagesMustFitTheirSlots) {
+  for (std::uint64_t slot = 0; slot < 4; ++slot) {
+    const auto place = static_cast<off_t>(kFirstSlotAt + slot * kSlotSize);
+    EXPECT_EQ(afterChange(place, size(300)), State::Sound);
+    EXPECT_EQ(afterChange(place, size(301)), State::Damaged);
+    EXPECT_EQ(afterChange(place, size(~std::uint64_t{0})), State::Damaged);
+  }
+}
+
+TEST(QueueViewUntrusted, NoticesWhenAQueueInUseIsOverwritten) {
+  EXPECT_FALSE(isIntactAfterChange(0, word(0)));
+  EXPECT_FALSE(isIntactAfterChange(kIndexPointerAt, size(191)));
+  EXPECT_FALSE(isIntactAfterChange(kMaxMessagesAt, size(5)));
+  EXPECT_FALSE(isIntactAfterChange(kMaxMessageSizeAt, size(301)));
+  EXPECT_TRUE(isIntactAfterChange(kMessagesAt, size(4)));
+  EXPECT_FALSE(isIntactAfterChange(kMessagesAt, size(5)));
+  EXPECT_TRUE(isIntactAfterChange(kFirstMessageAt, size(3)));
+  EXPECT_FALSE(isIntactAfterChange(kFirstMessageAt, size(4)));
+}
+
+// Of a fresh queue the next message goes before the first entry, which is looked at as well.
+TEST(QueueViewUntrusted, NoticesWhenTheNextSlotsAreOverwritten) {
+  EXPECT_FALSE(isIntactAfterChange(kIndexAt, size(7)));
+  EXPECT_TRUE(isIntactAfterChange(kIndexAt + 8, size(7))) << "not the next operation's business";
+  EXPECT_FALSE(isIntactAfterChange(kIndexAt + 24, size(7)));
+  EXPECT_FALSE(isIntactAfterChange(kFirstSlotAt + 3 * kSlotSize, size(301)));
+}
+
+TEST(QueueViewUntrusted, LooksOnlyAtTheSlotsOfTheUse) {
+  SharedObject object(uniqueQueueName(), queueImage());
+  const QueueView view(object.name());
+  object.write(kMessagesAt, size(2));  // of entries 0 and 1; the next goes to entry 3
+  object.write(kIndexAt + 24, size(7));
+  EXPECT_FALSE(view.isIntact(QueueView::Use::Send));
+  EXPECT_TRUE(view.isIntact(QueueView::Use::Receive));
+  object.write(kIndexAt + 24, entryAt(kIndexAt + 24, kFirstSlotAt));
+  object.write(kIndexAt + 8, size(7));
+  EXPECT_TRUE(view.isIntact(QueueView::Use::Send));
+  EXPECT_FALSE(view.isIntact(QueueView::Use::Receive));
+}
+
+TEST(QueueViewUntrusted, NoticesWhenTheMessageToBeTakenIsTooLong) {
+  const std::string name = uniqueQueueName();
+  RawQueue queue(name, 4, 300);
+  const QueueView view(name);
+  for (int i = 0; i < 3; ++i) queue.post("abc", 3);
+  ASSERT_TRUE(view.isIntact());
+  // The oldest message lies in the last slot.
+  std::fstream(("/dev/shm/" + name), std::ios::in | std::ios::out | std::ios::binary)
+      .seekp(kFirstSlotAt + 3 * kSlotSize)
+      .write("\x2d\x01", 2);  // 301
+  EXPECT_FALSE(view.isIntact());
+}
+
+TEST(QueueViewUntrusted, HugeClaimsAreLookedAtInBoundedTime) {
+  constexpr std::uint64_t kMany = std::uint64_t{1} << 40;
+  Bytes header = queueImage();
+  header.resize(kIndexAt);
+  SharedObject object(uniqueQueueName(), header);
+  object.write(kMaxMessagesAt, size(kMany));
+  object.write(kMaxMessageSizeAt, size(8));
+  object.resize(static_cast<off_t>(QueueView::fileSize(kMany, 8)));
+  EXPECT_NE(QueueView(object.name()).state(), State::Sound);
+}
+
 TEST(QueueViewUntrusted, PipeUnderTheNameIsRefusedWithoutWaiting) {
   const std::string name = uniqueQueueName();
   const std::string path = "/dev/shm/" + name;
@@ -262,7 +357,6 @@ TEST(QueueViewUntrusted, FolderAndLinkUnderTheNameAreUnreachable) {
 namespace {
 
 // A fresh queue's slots, as its bytes lie: the first message is put into the last one.
-constexpr off_t kIndexAt = 208;
 constexpr std::uint64_t kSlotOfFirstMessage = 1200;  // of 4 messages of 300 bytes
 
 /// A queue of 4 messages of 300 bytes with two in it, the first of 100 bytes.
