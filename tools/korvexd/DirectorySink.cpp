@@ -62,16 +62,14 @@ void DirectorySink::complete(const StreamSummary& summary) {
 void DirectorySink::publish() {
   const std::string partial = name_ + kPartialSuffix;
   const int parent = parent_.descriptor();
-  if (::renameat2(parent, partial.c_str(), parent, name_.c_str(), RENAME_NOREPLACE) != 0) {
-    throw SystemError("renaming stream folder", errno);
-  }
+  renameWithoutReplacing(parent, partial, name_, "renaming stream folder");
   if (::fsync(parent) == 0) {
     isFinal_ = true;
     return;
   }
   // Not known to be on the disk: the producer is told so, and the name must not say otherwise.
   const int error = errno;
-  ::renameat2(parent, name_.c_str(), parent, partial.c_str(), RENAME_NOREPLACE);
+  ::renameat(parent, name_.c_str(), parent, partial.c_str());
   throw SystemError("syncing output folder", error);
 }
 

@@ -1,10 +1,11 @@
 #include "korvexd/File.h"
 
 #include <fcntl.h>
+#include <stdio.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <utility>
 
 #include "korvexd/SystemError.h"
@@ -13,6 +14,25 @@ namespace korvexd {
 namespace {
 
 const char kTemporarySuffix[] = ".tmp";
+
+/// For a folder, which cannot have two names. A rename replaces no folder but an empty one, and
+/// nothing that is not a folder.
+int renameFolderToFreeName(int parent, const char* from, const char* to) {
+  struct stat found = {};
+  if (::fstatat(parent, to, &found, AT_SYMLINK_NOFOLLOW) == 0) {
+    errno = EEXIST;
+    return -1;
+  }
+  return ::renameat(parent, from, parent, to);
+}
+
+/// The same in several steps. A link never replaces anything.
+int renameInSteps(int folder, const char* from, const char* to) {
+  struct stat found = {};
+  if (::fstatat(folder, from, &found, AT_SYMLINK_NOFOLLOW) != 0) return -1;
+  if (S_ISDIR(found.st_mode)) return renameFolderToFreeName(folder, from, to);
+  return ::linkat(folder, from, folder, to, 0) == 0 ? ::unlinkat(folder, from, 0) : -1;
+}
 
 }  // namespace
 
@@ -71,6 +91,14 @@ void replaceFile(int folder, const std::string& name, const std::string& text, m
     ::unlinkat(folder, temporary.c_str(), 0);
     throw;
   }
+}
+
+void renameWithoutReplacing(int folder, const std::string& from, const std::string& to,
+                            const std::string& doing) {
+  int result = ::renameat2(folder, from.c_str(), folder, to.c_str(), RENAME_NOREPLACE);
+  const bool isUnknown = result != 0 && (errno == EINVAL || errno == ENOSYS);
+  if (isUnknown) result = renameInSteps(folder, from.c_str(), to.c_str());
+  if (result != 0) throw SystemError(doing, errno);
 }
 
 }  // namespace korvexd

@@ -41,6 +41,14 @@ class File {
 void replaceFile(int folder, const std::string& name, const std::string& text, mode_t mode,
                  const std::string& doing);
 
+/// Gives a file or a folder in `folder` (or AT_FDCWD) another name there. Fails with EEXIST when
+/// that name is taken, whatever by.
+///
+/// On file systems that cannot do this in one step a file has both names for a moment. A folder may
+/// then take the place of an empty folder that is made in that very moment; nothing is lost by it.
+void renameWithoutReplacing(int folder, const std::string& from, const std::string& to,
+                            const std::string& doing);
+
 }  // namespace korvexd
 
 #endif

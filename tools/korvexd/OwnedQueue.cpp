@@ -1,7 +1,6 @@
 #include "korvexd/OwnedQueue.h"
 
 #include <fcntl.h>
-#include <stdio.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -16,7 +15,7 @@ namespace {
 
 using korvex::MessageQueue;
 
-const char kSharedMemoryFolder[] = "/dev/shm/";
+const std::string kSharedMemoryFolder = "/dev/shm/";
 
 /// The process id alone would not do: daemons in containers share the folder and their small ids,
 /// and one that was killed may have left its temporary name behind.
@@ -46,11 +45,8 @@ OwnedQueue::~OwnedQueue() {
 bool OwnedQueue::isStillNamed() const noexcept { return isQueueObjectNamed(claim_, presentName_); }
 
 void OwnedQueue::publish() {
-  const std::string from = kSharedMemoryFolder + presentName_;
-  const std::string to = kSharedMemoryFolder + name_;
-  if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) != 0) {
-    throw SystemError("publishing queue " + name_, errno);
-  }
+  renameWithoutReplacing(AT_FDCWD, kSharedMemoryFolder + presentName_, kSharedMemoryFolder + name_,
+                         "publishing queue " + name_);
   presentName_ = name_;
 }
 
