@@ -28,6 +28,7 @@ void prepareSignals() {
   const sigset_t signals = endSignals();
   ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   ::signal(SIGPIPE, SIG_IGN);
+  ::signal(SIGXFSZ, SIG_IGN);  // a file that may not grow is an error of that write, like others
 }
 
 }  // namespace

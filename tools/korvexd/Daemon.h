@@ -18,8 +18,8 @@ namespace korvexd {
 /// The whole daemon: one thread for each queue, and the calling one for signals and statistics.
 class Daemon {
  public:
-  /// Creates the queues. Blocks SIGTERM and SIGINT for the process and ignores SIGPIPE. Throws
-  /// std::exception when something cannot be made; no queue is left then.
+  /// Creates the queues. Blocks SIGTERM and SIGINT for the process, ignores SIGPIPE and SIGXFSZ.
+  /// Throws std::exception when something cannot be made; no queue is left then.
   explicit Daemon(const Options& options);
 
   /// Serves until SIGTERM or SIGINT comes. Open streams end as incomplete, the queues are removed.

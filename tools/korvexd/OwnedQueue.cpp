@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <boost/interprocess/exceptions.hpp>
 #include <cerrno>
 #include <random>
 #include <utility>
@@ -25,16 +26,34 @@ std::string temporaryName() {
          std::to_string(random());
 }
 
+/// The queue library's words alone would name neither the queue nor what it needs.
+[[noreturn]] void throwNotCreated(const std::string& name, MessageQueue::Limits limits, int error) {
+  throw SystemError(
+      "creating queue " + name + ", which needs " +
+          std::to_string(korvex::QueueView::fileSize(limits.messages, limits.messageSize)) +
+          " bytes of shared memory in /dev/shm",
+      error);
+}
+
 }  // namespace
 
 OwnedQueue::OwnedQueue(std::string name, MessageQueue::Limits limits, mode_t mode)
     : name_(std::move(name)), presentName_(temporaryName()) {
-  queue_ = std::make_unique<MessageQueue>(presentName_, limits, mode);
+  create(limits, mode);
   claim_ = openQueueObject(presentName_);
   if (claim_.descriptor() < 0 || !claimQueueObject(claim_)) {
     const int error = errno;
     MessageQueue::remove(presentName_);
     throw SystemError("claiming queue " + name_, error);
+  }
+}
+
+void OwnedQueue::create(MessageQueue::Limits limits, mode_t mode) {
+  try {
+    queue_ = std::make_unique<MessageQueue>(presentName_, limits, mode);
+  } catch (const boost::interprocess::interprocess_exception& error) {
+    if (error.get_native_error() == 0) throw;
+    throwNotCreated(name_, limits, error.get_native_error());
   }
 }
 

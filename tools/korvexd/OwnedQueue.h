@@ -18,8 +18,8 @@ namespace korvexd {
 /// dies, so a queue without claim is a dead daemon's.
 class OwnedQueue {
  public:
-  /// Creates and claims the queue, still under a temporary name. Throws what MessageQueue throws,
-  /// or SystemError.
+  /// Creates and claims the queue, still under a temporary name. Throws SystemError when the system
+  /// refuses, for want of memory above all; else what MessageQueue throws.
   OwnedQueue(std::string name, korvex::MessageQueue::Limits limits, mode_t mode);
 
   /// Removes the name, unless it leads to somebody else's object by now.
@@ -38,6 +38,8 @@ class OwnedQueue {
   const korvex::QueueView& view() const noexcept { return queue_->view(); }
 
  private:
+  void create(korvex::MessageQueue::Limits limits, mode_t mode);
+
   std::string name_;
   std::string presentName_;
   std::unique_ptr<korvex::MessageQueue> queue_;

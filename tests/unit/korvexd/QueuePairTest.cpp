@@ -8,6 +8,7 @@
 
 #include "integration/support/Queues.h"
 #include "integration/support/TemporaryFolder.h"
+#include "korvexd/SystemError.h"
 
 using korvex::MessageQueue;
 using korvexd::QueuePair;
@@ -144,6 +145,18 @@ TEST_F(QueuePairTest, NeverRemovesWhatSomebodyElsePutInItsPlace) {
   pair.reset();
   EXPECT_TRUE(queueExists(name_));
   EXPECT_FALSE(queueExists(replies_));
+}
+
+TEST_F(QueuePairTest, SaysWhatAQueueNeedsForWhichThereIsNoRoom) {
+  try {
+    make(QueuePair::Existing::Refuse, {1, std::size_t{1} << 46});
+    FAIL() << "there is room for 64 TiB";
+  } catch (const korvexd::SystemError& error) {
+    EXPECT_STREQ(error.what(), ("creating queue " + name_ +
+                                ", which needs 70368744177896 bytes of shared memory in /dev/shm: "
+                                "error 28 (No space left on device)")
+                                   .c_str());
+  }
 }
 
 TEST_F(QueuePairTest, LeavesNothingWhenTheSecondQueueCannotBeMade) {
