@@ -23,17 +23,20 @@ bool claimQueueObject(const File& object) {
   return ::flock(object.descriptor(), LOCK_EX | LOCK_NB) == 0;
 }
 
+bool lookAtQueueObject(const std::string& name, struct stat& found) noexcept {
+  return ::lstat((kSharedMemoryFolder + name).c_str(), &found) == 0;
+}
+
 bool queueObjectExists(const std::string& name) noexcept {
   struct stat found = {};
-  return ::lstat((kSharedMemoryFolder + name).c_str(), &found) == 0 || errno != ENOENT;
+  return lookAtQueueObject(name, found) || errno != ENOENT;
 }
 
 bool isQueueObjectNamed(const File& object, const std::string& name) noexcept {
   struct stat own = {};
   struct stat named = {};
-  return ::fstat(object.descriptor(), &own) == 0 &&
-         ::lstat((kSharedMemoryFolder + name).c_str(), &named) == 0 && own.st_dev == named.st_dev &&
-         own.st_ino == named.st_ino;
+  return ::fstat(object.descriptor(), &own) == 0 && lookAtQueueObject(name, named) &&
+         own.st_dev == named.st_dev && own.st_ino == named.st_ino;
 }
 
 }  // namespace korvexd

@@ -1,6 +1,8 @@
 #ifndef KORVEXD_QUEUE_CLAIM_H
 #define KORVEXD_QUEUE_CLAIM_H
 
+#include <sys/stat.h>
+
 #include <string>
 
 #include "korvexd/File.h"
@@ -15,6 +17,10 @@ File openQueueObject(const std::string& name);
 
 /// Claims it until it is closed. False when another daemon has it.
 bool claimQueueObject(const File& object);
+
+/// What lies under a queue's name, a symbolic link itself too. False, and errno set, when that
+/// cannot be told.
+bool lookAtQueueObject(const std::string& name, struct stat& found) noexcept;
 
 /// Whether anything lies under a queue's name. Needs no descriptor, of which there may be none
 /// left.

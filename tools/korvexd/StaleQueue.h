@@ -10,10 +10,11 @@ namespace korvexd {
 /// Takes over what lies under a queue's name, so that it can be removed. Nothing is fine too.
 class StaleQueue {
  public:
-  /// Throws std::runtime_error when a living daemon serves the queue.
+  /// Throws std::runtime_error when a living daemon serves the queue, or when what lies there
+  /// cannot be a daemon's of this user.
   explicit StaleQueue(std::string name);
 
-  /// Removes the name.
+  /// Removes the name. Throws SystemError.
   void remove();
 
  private:
