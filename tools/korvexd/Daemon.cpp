@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "korvexd/CutGuard.h"
 #include "korvexd/DiscardSink.h"
 
 namespace korvexd {
@@ -35,6 +36,7 @@ void prepareSignals() {
 
 Daemon::Daemon(const Options& options) {
   prepareSignals();
+  installCutGuard();
   if (options.output) store_.emplace(*options.output);
   createServers(options);
   if (options.statsFile) createStatsFile(*options.statsFile);

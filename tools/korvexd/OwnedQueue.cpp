@@ -1,6 +1,7 @@
 #include "korvexd/OwnedQueue.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <boost/interprocess/exceptions.hpp>
@@ -8,6 +9,7 @@
 #include <random>
 #include <utility>
 
+#include "korvexd/CutGuard.h"
 #include "korvexd/QueueClaim.h"
 #include "korvexd/SystemError.h"
 
@@ -50,7 +52,11 @@ OwnedQueue::OwnedQueue(std::string name, MessageQueue::Limits limits, mode_t mod
 
 void OwnedQueue::create(MessageQueue::Limits limits, mode_t mode) {
   try {
-    queue_ = std::make_unique<MessageQueue>(presentName_, limits, mode);
+    // What was free a moment ago may be gone when it is touched.
+    surviveCut([&] { queue_ = std::make_unique<MessageQueue>(presentName_, limits, mode); });
+  } catch (const QueueCut&) {
+    MessageQueue::remove(presentName_);
+    throwNotCreated(name_, limits, ENOSPC);
   } catch (const boost::interprocess::interprocess_exception& error) {
     if (error.get_native_error() == 0) throw;
     throwNotCreated(name_, limits, error.get_native_error());
@@ -62,6 +68,13 @@ OwnedQueue::~OwnedQueue() {
 }
 
 bool OwnedQueue::isStillNamed() const noexcept { return isQueueObjectNamed(claim_, presentName_); }
+
+bool OwnedQueue::isWhole() const noexcept {
+  struct stat found = {};
+  return ::fstat(claim_.descriptor(), &found) == 0 &&
+         static_cast<std::size_t>(found.st_size) ==
+             korvex::QueueView::fileSize(view().maxMessages(), view().maxMessageSize());
+}
 
 void OwnedQueue::publish() {
   renameWithoutReplacing(AT_FDCWD, kSharedMemoryFolder + presentName_, kSharedMemoryFolder + name_,

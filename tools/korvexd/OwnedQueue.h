@@ -33,6 +33,9 @@ class OwnedQueue {
   /// False once somebody took the name away: no producer finds the queue any more.
   bool isStillNamed() const noexcept;
 
+  /// False once somebody cut or grew the object: no producer would take it for a queue.
+  bool isWhole() const noexcept;
+
   korvex::MessageQueue& queue() noexcept { return *queue_; }
 
   const korvex::QueueView& view() const noexcept { return queue_->view(); }

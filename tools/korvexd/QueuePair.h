@@ -27,6 +27,14 @@ class QueuePair {
   /// Whether producers still find both queues.
   bool isStillNamed() const noexcept { return replies_.isStillNamed() && batches_.isStillNamed(); }
 
+  /// Whether both queues have the size that producers expect.
+  bool isWhole() const noexcept { return replies_.isWhole() && batches_.isWhole(); }
+
+  /// Whether both queues hold what a queue holds.
+  bool isIntact() const noexcept {
+    return replies_.view().isIntact() && batches_.view().isIntact();
+  }
+
   OwnedQueue& batches() noexcept { return batches_; }
   OwnedQueue& replies() noexcept { return replies_; }
 

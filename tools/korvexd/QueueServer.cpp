@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "korvexd/BatchCheck.h"
+#include "korvexd/CutGuard.h"
 #include "korvexd/RecordType.h"
 
 namespace korvexd {
@@ -17,7 +18,7 @@ using korvex::MessageQueue;
 /// Long enough that many idle queues cost next to nothing, short enough that nobody notices.
 constexpr std::chrono::milliseconds kLongestPause{25};
 
-constexpr std::chrono::seconds kNameWatchPeriod{1};
+constexpr std::chrono::seconds kWatchPeriod{1};
 
 }  // namespace
 
@@ -42,7 +43,7 @@ void QueueServer::open(QueuePair::Existing existing) {
 void QueueServer::run(const std::atomic<bool>& stop) noexcept {
   while (!stop) {
     try {
-      step();
+      surviveCut([this] { step(); });
     } catch (const std::exception& error) {
       replacePair(error.what());
     }
@@ -58,7 +59,7 @@ void QueueServer::step() {
   if (isIdle()) {
     // Noticed now, it costs nobody a stream: found only at the next open record, it would.
     replies_->checkLock();
-    watchNames();
+    watchQueues();
     return pause();
   }
   OwnedQueue& batches = pair_->batches();
@@ -75,12 +76,15 @@ bool QueueServer::isIdle() const noexcept {
   return batches.messages() == 0 && !batches.looksLocked();
 }
 
-/// A queue without its name would be served for ever, and no producer would find it.
-void QueueServer::watchNames() {
+/// A queue without its name would be served for ever, and no producer would find it. One that was
+/// overwritten while nobody used it would be noticed by its next producer only.
+void QueueServer::watchQueues() {
   const auto now = LockWatch::Clock::now();
   if (now < nextLook_) return;
-  nextLook_ = now + kNameWatchPeriod;
+  nextLook_ = now + kWatchPeriod;
   if (!pair_->isStillNamed()) throw std::runtime_error("somebody removed or replaced their names");
+  if (!pair_->isWhole()) throw std::runtime_error("somebody changed the size of their memory");
+  if (!pair_->isIntact()) throw std::runtime_error("somebody overwrote their memory");
 }
 
 void QueueServer::pause() noexcept { pause_.wait(LockWatch::Clock::now() + kLongestPause); }

@@ -49,7 +49,7 @@ class QueueServer {
   void open(QueuePair::Existing existing);
   void step();
   bool isIdle() const noexcept;
-  void watchNames();
+  void watchQueues();
   void takeMessage(std::size_t size);
   void takeRecords(std::size_t size);
   void answer(const StreamSession::Answer& answer);

@@ -46,9 +46,9 @@ void ReplySender::withdraw() {
   }
 }
 
-void ReplySender::checkLock() const {
-  if (replies_.view().isLockOwnerGone())
-    throw LockLost("a process died with the reply queue's lock");
+void ReplySender::checkLock() {
+  if (!replies_.view().looksLocked()) return;
+  lockWatch_.note(replies_.queue().tryLock(), replies_.view(), LockWatch::Clock::now());
 }
 
 void ReplySender::updatePending() { stats_.set(Count::RepliesPending, pending_.size()); }

@@ -34,8 +34,9 @@ class ReplySender {
   /// Takes back everything that no producer has picked up.
   void withdraw();
 
-  /// Looks for a producer that died while it picked up a reply. Costs one read.
-  void checkLock() const;
+  /// Looks for a producer that died while it picked up a reply, or for a lock that was destroyed.
+  /// Costs one read while nobody has the lock.
+  void checkLock();
 
  private:
   void updatePending();
