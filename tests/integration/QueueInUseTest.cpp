@@ -1,0 +1,114 @@
+#include <gmock/gmock.h>
+#include <stdio.h>
+#include <sys/stat.h>
+
+#include "integration/DaemonFixture.h"
+#include "integration/QueueEvents.h"
+#include "integration/WriterStory.h"
+#include "integration/support/Child.h"
+#include "support/DaemonQueues.h"
+
+using korvex_test::RawQueue;
+using strange::After;
+using strange::Event;
+using test_support::queueExists;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+std::string pathOf(const std::string& name) { return "/dev/shm/" + name; }
+
+/// Something happens to a queue that a writer has open.
+class QueueInUseByWriter : public testing::TestWithParam<Event> {
+ protected:
+  /// In a process of its own: some events end it.
+  std::string story(const std::string& place) const {
+    return test_support::resultOfChild([&] {
+      WriterStory writer(name_);
+      const std::string start = writer.construct();
+      if (start != "works") return start;
+      GetParam().happen(place);
+      return writer.goOn();
+    });
+  }
+
+  const std::string name_ = korvex_test::uniqueQueueName("in-use");
+  const RawQueue send_{name_, 8, 4096};
+  const RawQueue response_{name_ + "Response", 8, 132};
+};
+
+/// Something happens to a queue that a daemon serves.
+class QueueInUseByDaemon : public DaemonFixture, public testing::WithParamInterface<Event> {
+ protected:
+  void meet(const std::string& place) {
+    const auto daemon = start();
+    GetParam().happen(place);
+    switch (GetParam().after) {
+      case After::Untouched:
+        expectService();
+        EXPECT_THAT(daemon->errors(), Not(HasSubstr("lost")));
+        break;
+      case After::ServedAnew:
+        expectServiceAnew(*daemon);
+        break;
+      case After::Blocked:
+        expectBlocked(*daemon, place);
+        break;
+    }
+    end(*daemon);
+    EXPECT_FALSE(queueExists(queue_) || queueExists(queue_ + "Response"));
+  }
+
+  void expectService() const {
+    EXPECT_EQ(stream("abc"), "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950");
+  }
+
+  void expectServiceAnew(Process& daemon) const {
+    ASSERT_TRUE(awaitLog(daemon, queue_ + ": served anew")) << daemon.errors();
+    EXPECT_THAT(daemon.errors(),
+                testing::ContainsRegex(queue_ + ": the queues are lost: " + GetParam().lost));
+    expectService();
+  }
+
+  void expectBlocked(Process& daemon, const std::string& place) const {
+    ASSERT_TRUE(awaitLog(daemon, queue_ + ": the queues cannot be made anew yet: queue " + place +
+                                     " exists already"))
+        << daemon.errors();
+    struct stat found = {};
+    EXPECT_EQ(::lstat(pathOf(place).c_str(), &found), 0) << "it is not the daemon's to remove";
+    ::remove(pathOf(place).c_str());
+    expectServiceAnew(daemon);
+  }
+};
+
+}  // namespace
+
+TEST_P(QueueInUseByWriter, AsItsSendQueue) { EXPECT_EQ(story(name_), GetParam().asSendQueue); }
+
+TEST_P(QueueInUseByWriter, AsItsResponseQueue) {
+  EXPECT_EQ(story(name_ + "Response"), GetParam().asResponseQueue);
+}
+
+TEST_P(QueueInUseByDaemon, AsTheSendQueue) { meet(queue_); }
+
+TEST_P(QueueInUseByDaemon, AsTheResponseQueue) { meet(queue_ + "Response"); }
+
+INSTANTIATE_TEST_SUITE_P(Events, QueueInUseByWriter, testing::ValuesIn(strange::events()),
+                         [](const auto& event) { return std::string(event.param.name); });
+INSTANTIATE_TEST_SUITE_P(Events, QueueInUseByDaemon, testing::ValuesIn(strange::events()),
+                         [](const auto& event) { return std::string(event.param.name); });
+
+// Each leads to the daemon's own object, and is not the one that belongs there.
+TEST_F(DaemonFixture, NoticesThatTheNamesWereSwapped) {
+  const auto daemon = start();
+  ASSERT_EQ(::renameat2(0, pathOf(queue_).c_str(), 0, pathOf(queue_ + "Response").c_str(),
+                        RENAME_EXCHANGE),
+            0);
+  ASSERT_TRUE(awaitLog(*daemon, "the queues are lost: somebody removed or replaced their names"));
+  ASSERT_TRUE(awaitLog(*daemon, "cannot be made anew yet: queue " + queue_ + " exists already"));
+  ::remove(pathOf(queue_).c_str());
+  ::remove(pathOf(queue_ + "Response").c_str());
+  ASSERT_TRUE(awaitLog(*daemon, queue_ + ": served anew"));
+  end(*daemon);
+}

@@ -1,0 +1,95 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "integration/support/Child.h"
+#include "integration/support/Process.h"
+#include "integration/support/Queues.h"
+
+using test_support::Process;
+using testing::HasSubstr;
+
+namespace {
+
+/// A daemon of two queues, of 2768 and 2163088 bytes, that has a /dev/shm of its own.
+class SmallSharedMemory : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::vector<std::string> command = unshared();
+    command.insert(command.end(), {"/bin/sh", "-c", "mount -t tmpfs -o size=64k none /dev/shm"});
+    Process trial(command);
+    if (trial.wait() != 0) GTEST_SKIP() << "no mount namespace of one's own: " << trial.errors();
+  }
+
+  static std::vector<std::string> unshared() {
+    return {"/usr/bin/unshare", test_support::isRoot() ? "-m" : "-Urm"};
+  }
+
+  /// Runs a script there with the daemon's command line as its arguments.
+  static Process inside(const std::string& options, const std::string& script) {
+    std::vector<std::string> command = unshared();
+    const std::string mount = "mount -t tmpfs -o " + options + " none /dev/shm || exit 99; ";
+    command.insert(command.end(), {"/bin/sh", "-c", mount + script, KORVEXD_PROGRAM, "--queue",
+                                   "korvex-small", "--discard"});
+    return Process(command);
+  }
+};
+
+// The daemon's exit code, and whatever it left.
+const char kRun[] = "\"$0\" \"$@\"; code=$?; ls -A /dev/shm; exit $code";
+
+}  // namespace
+
+TEST_F(SmallSharedMemory, EndsTheDaemonWithWhatItWouldNeed) {
+  Process daemon = inside("size=1m", kRun);
+  EXPECT_EQ(daemon.wait(), 1);
+  EXPECT_THAT(
+      daemon.errors(),
+      HasSubstr("creating queue korvex-small, which needs 2163088 bytes of shared memory in "
+                "/dev/shm: error 28 (No space left on device)"));
+  EXPECT_EQ(daemon.output(), "") << "nothing may stay";
+}
+
+TEST_F(SmallSharedMemory, NamesTheResponseQueueWhenNotEvenThatFits) {
+  Process daemon =
+      inside("size=64k", "head -c 64k /dev/zero > /dev/shm/full; " + std::string(kRun));
+  EXPECT_EQ(daemon.wait(), 1);
+  EXPECT_THAT(daemon.errors(),
+              HasSubstr("creating queue korvex-smallResponse, which needs 2768 bytes of shared "
+                        "memory in /dev/shm: error 28 (No space left on device)"));
+  EXPECT_EQ(daemon.output(), "full\n");
+}
+
+TEST_F(SmallSharedMemory, WithoutAFileLeftIsAnErrorToo) {
+  Process daemon = inside("size=8m,nr_inodes=2", kRun);
+  EXPECT_EQ(daemon.wait(), 1);
+  EXPECT_THAT(daemon.errors(), HasSubstr("error 28 (No space left on device)"));
+  EXPECT_EQ(daemon.output(), "");
+}
+
+// The first stream that uses every page of the queue is where it would end otherwise.
+TEST_F(SmallSharedMemory, IsFilledToTheLastPageByAStreamOnceTheDaemonServes) {
+  const std::string script =
+      "\"$0\" \"$@\" 2>/dev/null & daemon=$!; "
+      "until [ -e /dev/shm/korvex-small ]; do sleep 0.01; done; "
+      "head -c 1g /dev/zero > /dev/shm/full 2>/dev/null; "
+      "head -c 8m /dev/zero | " KORVEX_PROGRAM
+      " send --quiet --queue korvex-small; code=$?; "
+      "kill $daemon; wait $daemon && exit $code";
+  Process daemon = inside("size=5m", script);
+  EXPECT_EQ(daemon.wait(), 0) << daemon.errors();
+}
+
+// A limit is a file system that is too small as well, and sends a signal.
+TEST(LimitedFileSize, EndsTheDaemonWithWhatItWouldNeed) {
+  const std::string name = test_support::uniqueQueueName();
+  Process daemon({"/bin/sh", "-c", "ulimit -f 100; exec \"$0\" \"$@\"", KORVEXD_PROGRAM, "--queue",
+                  name, "--discard"});
+  EXPECT_EQ(daemon.wait(), 1);
+  EXPECT_THAT(daemon.errors(), HasSubstr("creating queue " + name +
+                                         ", which needs 2163088 bytes of shared memory in "
+                                         "/dev/shm: error 27 (File too large)"));
+  EXPECT_FALSE(test_support::queueExists(name) || test_support::queueExists(name + "Response"));
+}

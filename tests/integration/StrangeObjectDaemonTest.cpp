@@ -1,0 +1,120 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <string>
+#include <vector>
+
+#include "integration/StrangeObjects.h"
+#include "integration/WriterStory.h"
+#include "integration/support/Child.h"
+#include "integration/support/Process.h"
+#include "integration/support/Queues.h"
+
+using strange::Holder;
+using strange::Kind;
+using test_support::Process;
+using testing::HasSubstr;
+
+namespace {
+
+/// The inode of what lies under a name, a link itself too; 0 when nothing does.
+ino_t inodeOf(const std::string& name) {
+  struct stat found = {};
+  return ::lstat(("/dev/shm/" + name).c_str(), &found) == 0 ? found.st_ino : 0;
+}
+
+std::string replaced(std::string text, const std::string& what, const std::string& by) {
+  const auto at = text.find(what);
+  return at == std::string::npos ? text : text.replace(at, what.size(), by);
+}
+
+class StrangeObjectForDaemon : public testing::TestWithParam<Kind> {
+ protected:
+  void SetUp() override {
+    if (GetParam().needsRoot && !test_support::isRoot())
+      GTEST_SKIP() << "only root can make an object of another user";
+    Process trial(command({"--version"}));
+    if (trial.wait() != 0) GTEST_SKIP() << "the other user may not run " << KORVEXD_PROGRAM;
+  }
+
+  static std::vector<std::string> command(const std::vector<std::string>& arguments) {
+    std::vector<std::string> words;
+    if (GetParam().actor == strange::Actor::Unprivileged && test_support::isRoot()) {
+      const std::string user = std::to_string(test_support::kNobody);
+      words = {"/usr/bin/setpriv", "--reuid=" + user, "--regid=" + user, "--clear-groups"};
+    }
+    words.push_back(KORVEXD_PROGRAM);
+    words.insert(words.end(), arguments.begin(), arguments.end());
+    return words;
+  }
+
+  std::vector<std::string> serving(const std::vector<std::string>& more = {}) const {
+    std::vector<std::string> arguments = {"--queue", name_, "--discard"};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    return command(arguments);
+  }
+
+  /// A daemon that must not start: it says why, and touches neither the object nor anything else.
+  void expectRefusal(Process& daemon, const std::string& place, const std::string& reason) const {
+    const ino_t before = inodeOf(place);
+    EXPECT_EQ(daemon.wait(), 1) << daemon.errors();
+    EXPECT_THAT(daemon.errors(), HasSubstr(reason));
+    EXPECT_EQ(inodeOf(place), before);
+    EXPECT_EQ(inodeOf(otherThan(place)), 0u);
+  }
+
+  /// A daemon that must start, serve a writer, and leave nothing behind.
+  void expectService(Process& daemon) const {
+    ASSERT_TRUE(test_support::eventually([&] {
+      return daemon.errors().find("serving " + name_ + ",") != std::string::npos ||
+             daemon.wait(std::chrono::milliseconds(0));
+    }));
+    EXPECT_EQ(test_support::resultOfChild([this] { return WriterStory(name_).whole(); }), "works");
+    daemon.signal(SIGTERM);
+    EXPECT_EQ(daemon.wait(), 0) << daemon.errors();
+    EXPECT_EQ(inodeOf(name_), 0u);
+    EXPECT_EQ(inodeOf(responseName_), 0u);
+  }
+
+  std::string otherThan(const std::string& place) const {
+    return place == name_ ? responseName_ : name_;
+  }
+
+  void meetWithoutReplace(const std::string& place) const {
+    const Holder object = GetParam().place(place);
+    Process daemon(serving());
+    if (inodeOf(place) == 0) return expectService(daemon);
+    expectRefusal(daemon, place,
+                  "queue " + place + " exists already; --replace removes the queues of a dead");
+  }
+
+  void meetWithReplace(const std::string& place) const {
+    const Holder object = GetParam().place(place);
+    Process daemon(serving({"--replace"}));
+    const std::string reason = replaced(GetParam().keepsDaemonOut, "NAME", place);
+    if (reason.empty()) return expectService(daemon);
+    expectRefusal(daemon, place,
+                  replaced(reason, "USER", std::to_string(test_support::unprivilegedUser())));
+  }
+
+  const std::string name_ = test_support::uniqueQueueName();
+  const std::string responseName_ = name_ + "Response";
+  const test_support::QueueRemover remover_{name_};
+};
+
+}  // namespace
+
+TEST_P(StrangeObjectForDaemon, IsLeftAloneUnlessToldOtherwise) {
+  meetWithoutReplace(name_);
+  meetWithoutReplace(responseName_);
+}
+
+TEST_P(StrangeObjectForDaemon, IsReplacedOnlyWhenADaemonMayHaveLeftIt) {
+  meetWithReplace(name_);
+  meetWithReplace(responseName_);
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, StrangeObjectForDaemon, testing::ValuesIn(strange::kinds()),
+                         [](const auto& kind) { return std::string(kind.param.name); });

@@ -1,0 +1,73 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <string>
+
+#include "integration/StrangeObjects.h"
+#include "integration/WriterStory.h"
+#include "integration/support/Child.h"
+#include "support/DaemonQueues.h"
+
+using korvex_test::RawQueue;
+using korvex_test::uniqueQueueName;
+using strange::Holder;
+using strange::Kind;
+
+namespace {
+
+class StrangeObjectForWriter : public testing::TestWithParam<Kind> {
+ protected:
+  void SetUp() override {
+    if (GetParam().needsRoot && !test_support::isRoot())
+      GTEST_SKIP() << "only root can make an object of another user";
+  }
+
+  std::string storyOfWriter() const {
+    return test_support::resultOfChild([this] {
+      if (GetParam().actor == strange::Actor::Unprivileged) test_support::dropPrivileges();
+      return WriterStory(name_).whole();
+    });
+  }
+
+  const std::string name_ = uniqueQueueName("strange");
+};
+
+/// A queue that nothing is wrong with, open to every user.
+class SoundQueue {
+ public:
+  explicit SoundQueue(const std::string& name, std::size_t messageSize = strange::kMessageSize)
+      : queue_(name, 8, messageSize) {
+    ::chmod(("/dev/shm/" + name).c_str(), 0666);
+  }
+
+ private:
+  RawQueue queue_;
+};
+
+}  // namespace
+
+TEST(StrangeObjects, AreAtLeastFortyKinds) { EXPECT_GE(strange::kinds().size(), 40u); }
+
+TEST_P(StrangeObjectForWriter, InPlaceOfTheSendQueue) {
+  const SoundQueue response(name_ + "Response");
+  const Holder object = GetParam().place(name_);
+  EXPECT_EQ(storyOfWriter(), GetParam().asSendQueue);
+}
+
+TEST_P(StrangeObjectForWriter, InPlaceOfTheResponseQueue) {
+  const SoundQueue send(name_);
+  const Holder object = GetParam().place(name_ + "Response");
+  EXPECT_EQ(storyOfWriter(), GetParam().asResponseQueue);
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, StrangeObjectForWriter, testing::ValuesIn(strange::kinds()),
+                         [](const auto& kind) { return std::string(kind.param.name); });
+
+// Its batches then go where the replies belong, and are as large as a reply.
+TEST(StrangePair, WithItsNamesSwapped) {
+  const std::string name = uniqueQueueName("strange");
+  const SoundQueue replies(name, strange::kMessageSize);
+  const SoundQueue batches(name + "Response", 4096);
+  EXPECT_EQ(test_support::resultOfChild([&] { return WriterStory(name).whole(); }),
+            "open: boost::interprocess_exception::library_error");
+}

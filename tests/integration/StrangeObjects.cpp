@@ -1,0 +1,367 @@
+#include "integration/StrangeObjects.h"
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstring>
+#include <stdexcept>
+
+#include "integration/support/Child.h"
+#include "support/DaemonQueues.h"
+#include "support/SharedObject.h"
+
+namespace strange {
+namespace {
+
+using korvex_test::bytesOfObject;
+using korvex_test::QueueLock;
+using korvex_test::RawQueue;
+using korvex_test::SharedObject;
+using korvex_test::uniqueQueueName;
+using Place = std::function<Holder(const std::string&)>;
+
+// Where a queue's header, its index and its slots have their fields.
+constexpr std::size_t kInitWord = 0;
+constexpr std::size_t kIndexPointer = 16;
+constexpr std::size_t kMaxMessages = 24;
+constexpr std::size_t kMaxMessageSize = 32;
+constexpr std::size_t kStored = 40;
+constexpr std::size_t kLock = 48;
+constexpr std::size_t kLockSize = 40;
+constexpr std::size_t kLockOwner = 56;
+constexpr std::size_t kFirst = 184;
+constexpr std::size_t kIndex = 208;
+constexpr std::size_t kLastEntry = 232;
+constexpr std::size_t kFirstSlot = 240;
+constexpr std::size_t kLastSlot = 696;
+constexpr std::size_t kQueueSize = 848;
+constexpr std::uint64_t kAllOnes = ~std::uint64_t{0};
+
+const std::string kWorks = "works";
+const std::string kServes;
+const std::string kAbsent = "construct: No such file or directory";
+const std::string kDenied = "construct: Permission denied";
+const std::string kNoQueue = "construct: the shared-memory object is not a sound message queue";
+const std::string kInvalid = "construct: Invalid argument";
+const std::string kLink = "construct: Too many levels of symbolic links";
+const std::string kSocket = "construct: No such device or address";
+const std::string kLibraryError = "open: boost::interprocess_exception::library_error";
+const std::string kLockBroken = "open: boost::interprocess::lock_exception";
+const std::string kNoRoom =
+    "open: status 15: Timed out after waiting 1s to send data to korvexd on stream test";
+
+std::string pathOf(const std::string& name) { return "/dev/shm/" + name; }
+
+std::string notReplaced(const std::string& found) {
+  return "queue NAME cannot be replaced: found " + found + ", expected a queue that a daemon left";
+}
+
+Place bytes(const Bytes& content) {
+  return [content](const std::string& name) -> Holder {
+    return std::make_shared<SharedObject>(name, content);
+  };
+}
+
+/// A sound queue's bytes, changed.
+Place queueWith(const std::function<void(Bytes&)>& change) {
+  return [change](const std::string& name) -> Holder {
+    Bytes image;
+    {
+      const RawQueue model(uniqueQueueName(), kMessages, kMessageSize);
+      image = bytesOfObject(model.name());
+    }
+    change(image);
+    return std::make_shared<SharedObject>(name, image);
+  };
+}
+
+template <typename Integer>
+Place field(std::size_t offset, Integer value) {
+  return queueWith([=](Bytes& image) { std::memcpy(image.data() + offset, &value, sizeof value); });
+}
+
+Place word(std::uint32_t value) { return field(kInitWord, value); }
+Place number(std::size_t offset, std::uint64_t value) { return field(offset, value); }
+
+Place sized(std::size_t size) {
+  return queueWith([size](Bytes& image) { image.resize(size); });
+}
+
+Place filled(std::size_t offset, std::size_t size) {
+  return queueWith([=](Bytes& image) { std::memset(image.data() + offset, 0xff, size); });
+}
+
+/// A sound queue, made by the queue library.
+Place queueOf(std::size_t messages, std::size_t messageSize) {
+  return [=](const std::string& name) -> Holder {
+    return std::make_shared<RawQueue>(name, messages, messageSize);
+  };
+}
+
+/// A header that claims more than any machine has, in a sparse file of the size that it claims.
+Holder placeHugeQueue(const std::string& name) {
+  constexpr std::uint64_t kMany = std::uint64_t{1} << 40;
+  Bytes header(kIndex);
+  header[kInitWord] = 2;
+  header[kIndexPointer] = 192;
+  header[kMaxMessageSize] = 8;
+  std::memcpy(header.data() + kMaxMessages, &kMany, sizeof kMany);
+  auto object = std::make_shared<SharedObject>(name, header);
+  object->resize(static_cast<off_t>(kIndex + kMany * (8 + 16 + 8)));
+  return object;
+}
+
+/// As a 32-bit process lays it out: everything begins 12 bytes earlier, sizes have 4 bytes.
+Bytes queueOf32Bits() {
+  Bytes image(728);
+  image[0] = 2;
+  image[4] = 148;  // the index begins behind the header
+  image[8] = kMessages;
+  image[12] = kMessageSize;
+  for (std::size_t i = 0; i < kMessages; ++i) {
+    image[152 + 4 * i] = static_cast<unsigned char>(16 - 4 * i + 140 * i);
+  }
+  return image;
+}
+
+/// The same bytes on every run.
+Bytes noise() {
+  Bytes image(kQueueSize);
+  std::uint32_t state = 12345;
+  for (unsigned char& byte : image) {
+    state = state * 1664525 + 1013904223;
+    byte = static_cast<unsigned char>(state >> 24);
+  }
+  return image;
+}
+
+Bytes text() { return Bytes(kQueueSize, 'x'); }
+
+/// Whatever lies there at the end is removed.
+Holder removedAtTheEnd(const std::string& path) {
+  return Holder(nullptr, [path](void*) { ::remove(path.c_str()); });
+}
+
+void require(bool done, const char* what) {
+  if (!done) throw std::runtime_error(what);
+}
+
+Holder placePipe(const std::string& name) {
+  require(::mkfifo(pathOf(name).c_str(), 0666) == 0, "mkfifo");
+  return removedAtTheEnd(pathOf(name));
+}
+
+Holder placeFolder(const std::string& name) {
+  require(::mkdir(pathOf(name).c_str(), 0700) == 0, "mkdir");
+  return removedAtTheEnd(pathOf(name));
+}
+
+Holder placeSocket(const std::string& name) {
+  sockaddr_un address = {};
+  address.sun_family = AF_UNIX;
+  pathOf(name).copy(address.sun_path, sizeof address.sun_path - 1);
+  const int socket = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  const bool isBound =
+      ::bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  ::close(socket);
+  require(isBound, "bind");
+  return removedAtTheEnd(pathOf(name));
+}
+
+Holder placeLink(const std::string& target, const std::string& name) {
+  require(::symlink(target.c_str(), pathOf(name).c_str()) == 0, "symlink");
+  return removedAtTheEnd(pathOf(name));
+}
+
+Place linkTo(const std::string& target) {
+  return [target](const std::string& name) { return placeLink(target, name); };
+}
+
+Holder placeLinkToItself(const std::string& name) { return placeLink(pathOf(name), name); }
+
+Holder placeLinkToQueue(const std::string& name) {
+  auto queue = std::make_shared<RawQueue>(uniqueQueueName(), kMessages, kMessageSize);
+  const Holder link = placeLink(pathOf(queue->name()), name);
+  return Holder(nullptr, [queue, link](void*) {});
+}
+
+Holder placeSecondName(const std::string& name) {
+  auto queue = std::make_shared<RawQueue>(uniqueQueueName(), kMessages, kMessageSize);
+  require(::link(pathOf(queue->name()).c_str(), pathOf(name).c_str()) == 0, "link");
+  const Holder second = removedAtTheEnd(pathOf(name));
+  return Holder(nullptr, [queue, second](void*) {});
+}
+
+/// A sound queue with this owner and mode.
+Place owned(uid_t owner, mode_t mode) {
+  return [=](const std::string& name) -> Holder {
+    auto queue = std::make_shared<RawQueue>(name, kMessages, kMessageSize);
+    require(::chown(pathOf(name).c_str(), owner, static_cast<gid_t>(-1)) == 0, "chown");
+    require(::chmod(pathOf(name).c_str(), mode) == 0, "chmod");
+    return queue;
+  };
+}
+
+/// Whose lock a thread took that ended since.
+Holder placeLockOfDead(const std::string& name) {
+  auto queue = std::make_shared<RawQueue>(name, kMessages, kMessageSize);
+  QueueLock(name).takeAndDie();
+  return queue;
+}
+
+Holder placeRobustLockOfDead(const std::string& name) {
+  auto queue = std::make_shared<RawQueue>(name, kMessages, kMessageSize);
+  const QueueLock lock(name);
+  lock.makeRobust();
+  lock.takeAndDie();
+  return queue;
+}
+
+/// The same for whoever meets it, under either name.
+Kind same(const char* name, Place place, const std::string& writer,
+          const std::string& keepsDaemonOut = kServes) {
+  return {name, std::move(place), writer, writer, keepsDaemonOut};
+}
+
+/// Its own user's object with permissions that keep even that user out.
+Kind forbidden(const char* name, mode_t mode) {
+  return {name,
+          owned(test_support::unprivilegedUser(), mode),
+          kDenied,
+          kDenied,
+          "opening the existing queue NAME: error 13 (Permission denied)",
+          Actor::Unprivileged};
+}
+
+Kind foreign(const char* name, mode_t mode, const std::string& writer) {
+  return {name,
+          owned(0, mode),
+          writer,
+          writer,
+          "queue NAME cannot be replaced: found one of user 0, expected one of user USER",
+          Actor::Unprivileged,
+          true};
+}
+
+}  // namespace
+
+const std::vector<Kind>& kinds() {
+  static const std::vector<Kind> table = {
+      same(
+          "Absent", [](const std::string&) { return Holder(); }, kAbsent),
+
+      // Sizes, and objects that nobody has begun to fill.
+      same("Empty", bytes({}), kNoQueue),
+      same("OneZero", bytes({0}), kNoQueue),
+      same("OneByteOfACreatorThatFailed", bytes({3}), kNoQueue),
+      same("TwoBytesThatLookReady", bytes({2, 0}), kNoQueue),
+      same("Zeros4", bytes(Bytes(4)), kNoQueue),
+      same("ZerosOfAHeader", bytes(Bytes(kIndex)), kNoQueue),
+      same("ZerosOfTheSmallestQueue", bytes(Bytes(240)), kNoQueue),
+      same("ZerosOfAQueue", bytes(Bytes(kQueueSize)), kNoQueue),
+      same("ZerosOfAPage", bytes(Bytes(4096)), kNoQueue),
+      same("AllOnes", bytes(Bytes(kQueueSize, 0xff)), kNoQueue),
+      same("Text", bytes(text()), kNoQueue),
+      same("Noise", bytes(noise()), kNoQueue),
+      same("QueueOf32Bits", bytes(queueOf32Bits()), kNoQueue),
+
+      // The word that says how far the creator came.
+      same("NeverInitialized", word(0), kNoQueue),
+      same("HalfInitialized", word(1), kNoQueue),
+      same("MarkedCorrupted", word(3), kNoQueue),
+      same("UnknownInitWord", word(77), kNoQueue),
+      same("InitWordInTheOtherByteOrder", word(0x02000000), kNoQueue),
+      same("InitWordOfAllOnes", word(0xffffffff), kNoQueue),
+
+      // A sound queue, cut or grown.
+      same("CutInTheInitWord", sized(3), kNoQueue),
+      same("CutBehindTheInitWord", sized(16), kNoQueue),
+      same("CutInTheHeader", sized(100), kNoQueue),
+      same("CutBehindTheHeader", sized(kIndex), kNoQueue),
+      same("CutBehindTheIndex", sized(kFirstSlot), kNoQueue),
+      same("CutInTheLastSlot", sized(kLastSlot + 16), kNoQueue),
+      same("CutByOneByte", sized(kQueueSize - 1), kNoQueue),
+      same("GrownByOneByte", sized(kQueueSize + 1), kNoQueue),
+      same("GrownByAPage", sized(kQueueSize + 4096), kNoQueue),
+
+      // Counts and sizes.
+      same("NoMessages", number(kMaxMessages, 0), kNoQueue),
+      same("OneMessageLess", number(kMaxMessages, kMessages - 1), kNoQueue),
+      same("OneMessageMore", number(kMaxMessages, kMessages + 1), kNoQueue),
+      same("MostMessages", number(kMaxMessages, kAllOnes), kNoQueue),
+      same("MessagesWhoseSizeWraps", number(kMaxMessages, std::uint64_t{1} << 61), kNoQueue),
+      same("MessagesOfNoBytes", number(kMaxMessageSize, 0), kNoQueue),
+      same("SmallerMessages", number(kMaxMessageSize, 128), kNoQueue),
+      same("LargerMessages", number(kMaxMessageSize, 137), kNoQueue),
+      same("LargestMessages", number(kMaxMessageSize, kAllOnes), kNoQueue),
+      same("MoreStoredThanFit", number(kStored, kMessages + 1), kNoQueue),
+      same("MostStored", number(kStored, kAllOnes), kNoQueue),
+      same("FirstBehindTheIndex", number(kFirst, kMessages), kNoQueue),
+      same("FirstFarAway", number(kFirst, kAllOnes), kNoQueue),
+      same("IndexNowhere", number(kIndexPointer, 0), kNoQueue),
+      same("IndexInTheHeader", number(kIndexPointer, 184), kNoQueue),
+      same("IndexBehindItsPlace", number(kIndexPointer, 200), kNoQueue),
+      same("IndexFarAway", number(kIndexPointer, kAllOnes), kNoQueue),
+      same("FirstEntryLeadsNowhere", number(kIndex, 0), kNoQueue),
+      same("EntryLeadsIntoTheHeader", number(kIndex, std::uint64_t{0} - kIndex), kNoQueue),
+      same("EntryLeadsBesideASlot", number(kIndex, 33), kNoQueue),
+      same("LastEntryLeadsBehindTheEnd", number(kLastEntry, kQueueSize - kLastEntry), kNoQueue),
+      same("MessageLongerThanItsSlot", number(kFirstSlot, kMessageSize + 1), kNoQueue),
+      same("MessageOfAllOnes", number(kLastSlot, kAllOnes), kNoQueue),
+      same("HugeClaims", placeHugeQueue, kNoQueue),
+      // Its limits are right, so only a receiver notices, and only that nothing ever comes of it.
+      {"SaysThatItIsFull", number(kStored, kMessages), kNoRoom, kWorks, kServes},
+
+      // Sound, but not what a daemon makes.
+      {"MessagesTooSmallForABatch", queueOf(4, 7),
+       "construct: status 9: Buffer size 7 is invalid because it is smaller than the minimum "
+       "required "
+       "buffer size of 8",
+       kWorks, kServes},
+      {"MessagesTooSmallForARecord", queueOf(4, 55),
+       "open: status 89: Could not fit header (type=0) with data length 0 into the batch, even "
+       "after batch has been flushed",
+       kWorks, kServes},
+      {"RepliesLargerThanARecord", queueOf(4, 133), kWorks, kLibraryError, kServes},
+      {"OneMessageOfOneByte", queueOf(1, 1),
+       "construct: status 9: Buffer size 1 is invalid because it is smaller than the minimum "
+       "required "
+       "buffer size of 8",
+       kWorks, kServes},
+
+      // The lock.
+      {"LockOfADeadThread", placeLockOfDead, kNoRoom, kWorks, kServes},
+      {"RobustLockOfADeadThread", placeRobustLockOfDead, kLockBroken, kLockBroken, kServes},
+      {"LockWordOfAllOnes", field(kLock, std::uint32_t{0xffffffff}), kNoRoom, kWorks, kServes},
+      {"LockTakenByNobody", field(kLock, std::uint32_t{1}), kNoRoom, kWorks, kServes},
+      {"LockOfAllOnes", filled(kLock, kLockSize), kLockBroken, kLockBroken, kServes},
+      {"OwnerThatCannotBe", field(kLockOwner, std::uint32_t{0x7fffffff}), kWorks, kWorks, kServes},
+
+      // No files.
+      same("Pipe", placePipe, kNoQueue, notReplaced("a pipe")),
+      same("Folder", placeFolder, kInvalid, notReplaced("a folder")),
+      same("Socket", placeSocket, kSocket, notReplaced("a socket")),
+      same("LinkToNothing", linkTo("/dev/shm/korvex-nothing"), kLink,
+           notReplaced("a symbolic link")),
+      same("LinkToAQueue", placeLinkToQueue, kLink, notReplaced("a symbolic link")),
+      same("LinkToADevice", linkTo("/dev/zero"), kLink, notReplaced("a symbolic link")),
+      same("LinkToItself", placeLinkToItself, kLink, notReplaced("a symbolic link")),
+      same("LinkToAFile", linkTo("/etc/passwd"), kLink, notReplaced("a symbolic link")),
+      same("SecondNameOfAQueue", placeSecondName, kWorks),
+
+      // Owners and permissions.
+      forbidden("OwnWithoutPermissions", 0000),
+      forbidden("OwnReadOnly", 0400),
+      forbidden("OwnWriteOnly", 0200),
+      foreign("ForeignPrivate", 0600, kDenied),
+      foreign("ForeignReadable", 0644, kDenied),
+      foreign("ForeignWriteOnly", 0622, kDenied),
+      foreign("ForeignOpenToAll", 0666, kWorks),
+  };
+  return table;
+}
+
+}  // namespace strange

@@ -1,0 +1,29 @@
+#ifndef TESTS_INTEGRATION_SUPPORT_CHILD_H
+#define TESTS_INTEGRATION_SUPPORT_CHILD_H
+
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+
+namespace test_support {
+
+/// A user that owns nothing.
+constexpr uid_t kNobody = 65534;
+
+/// Whether this process may create things of other users, and become one.
+bool isRoot();
+
+/// The user that a test without privileges runs as.
+uid_t unprivilegedUser();
+
+/// Becomes that user for good. Does nothing without root.
+void dropPrivileges();
+
+/// What a task returns that is run in a process of its own, because it may crash or hang; or
+/// "killed by signal N", or "hangs".
+std::string resultOfChild(const std::function<std::string()>& task);
+
+}  // namespace test_support
+
+#endif
