@@ -19,6 +19,7 @@ class File {
   File& operator=(File&& other) noexcept;
 
   /// Opens `name` in an open folder (or AT_FDCWD). Never follows a symbolic link in the last part.
+  /// With O_CREAT the file has this mode, whatever the umask.
   static File openAt(int folder, const std::string& name, int flags, mode_t mode,
                      const std::string& doing);
 
