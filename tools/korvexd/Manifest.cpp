@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "korvexd/Names.h"
 #include "korvexd/Utc.h"
 
 namespace korvexd {
@@ -17,7 +18,7 @@ constexpr int kIndent = 2;
 std::string manifestOf(const StreamSummary& summary, const std::string& sha256,
                        const std::string& reason) {
   const Json json = {{"format", kFormatVersion},
-                     {"queue", summary.queue},
+                     {"queue", jsonNameOf(summary.queue)},
                      {"state", reason.empty() ? "complete" : "incomplete"},
                      {"reason", reason},
                      {"bytes", summary.bytes},
@@ -27,7 +28,7 @@ std::string manifestOf(const StreamSummary& summary, const std::string& sha256,
                      {"xxh128", summary.xxh128},
                      {"opened", utcText(summary.opened)},
                      {"closed", utcText(summary.closed)}};
-  // A queue's name may be any bytes; the manifest stays valid JSON.
+  // Whatever a reason quotes, the manifest stays valid JSON.
   return json.dump(kIndent, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 

@@ -4,6 +4,7 @@
 
 #include <climits>
 #include <cstring>
+#include <nlohmann/json.hpp>
 
 namespace korvexd {
 namespace {
@@ -56,6 +57,15 @@ std::string fileNameOf(const std::string& queue) {
     }
   }
   return text;
+}
+
+std::string jsonNameOf(const std::string& queue) {
+  try {
+    nlohmann::json(queue).dump();
+    return queue;
+  } catch (const nlohmann::json::type_error&) {
+    return fileNameOf(queue);
+  }
 }
 
 }  // namespace korvexd

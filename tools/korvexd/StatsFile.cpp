@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "korvexd/File.h"
+#include "korvexd/Names.h"
 
 namespace korvexd {
 namespace {
@@ -58,11 +59,10 @@ std::string StatsFile::text() const {
   Json queues = Json::object();
   for (const auto& [name, stats] : queues_) {
     addTo(total, *stats);
-    queues[name] = jsonOf(*stats);
+    queues[jsonNameOf(name)] = jsonOf(*stats);
   }
   const Json json = {{"total", jsonOf(total)}, {"queues", queues}};
-  // A queue's name may be any bytes; the file stays valid JSON.
-  return json.dump(kIndent, ' ', false, Json::error_handler_t::replace) + "\n";
+  return json.dump(kIndent) + "\n";
 }
 
 }  // namespace korvexd

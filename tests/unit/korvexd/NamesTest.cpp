@@ -4,62 +4,13 @@
 
 #include <set>
 
+#include "support/HostileNames.h"
+
+using korvex_test::hostileNames;
 using korvexd::fileNameOf;
+using korvexd::jsonNameOf;
 using korvexd::plainQueueName;
 using korvexd::queueNameDefect;
-
-namespace {
-
-/// Names that try to leave a folder, to hide, or to be taken for something else.
-const std::string kHostileNames[] = {"..a",
-                                     "...",
-                                     "....",
-                                     ".",
-                                     "..",
-                                     ".hidden",
-                                     ".partial",
-                                     "a..",
-                                     "..%2f",
-                                     "%2e%2e",
-                                     "%",
-                                     "%%",
-                                     "%2F",
-                                     "a b",
-                                     " ",
-                                     "  a",
-                                     "a\n",
-                                     "\n",
-                                     "\r",
-                                     "\t",
-                                     "a\\b",
-                                     "\\..\\..",
-                                     "~",
-                                     "~root",
-                                     "$HOME",
-                                     "`id`",
-                                     "$(id)",
-                                     "a;b",
-                                     "a|b",
-                                     "a&b",
-                                     "*",
-                                     "?",
-                                     "[a]",
-                                     "{a,b}",
-                                     "'",
-                                     "\"",
-                                     "-",
-                                     "--output",
-                                     "\x7f",
-                                     "\xff\xfe",
-                                     "\xc0\xae\xc0\xae",
-                                     "\xe2\x80\xae"
-                                     "txt",
-                                     "a:b",
-                                     "nul",
-                                     "\x1b[2J",
-                                     "a<b>c"};
-
-}  // namespace
 
 TEST(QueueName, MayStartWithOneSlash) {
   EXPECT_EQ(queueNameDefect("/a"), "");
@@ -103,7 +54,7 @@ TEST(FileName, EncodesALeadingDotOnly) {
 }
 
 TEST(FileNameUntrusted, NeverLeavesTheFolder) {
-  for (const std::string& name : kHostileNames) {
+  for (const std::string& name : hostileNames()) {
     const std::string file = fileNameOf(name);
     EXPECT_FALSE(file.empty()) << name;
     EXPECT_NE(file.front(), '.') << name;
@@ -116,7 +67,18 @@ TEST(FileNameUntrusted, NeverLeavesTheFolder) {
 
 TEST(FileNameUntrusted, DiffersForDifferentNames) {
   std::set<std::string> files;
-  std::set<std::string> names(std::begin(kHostileNames), std::end(kHostileNames));
+  const std::set<std::string> names(hostileNames().begin(), hostileNames().end());
   for (const std::string& name : names) files.insert(fileNameOf(name));
   EXPECT_EQ(files.size(), names.size());
+}
+
+TEST(JsonName, IsTheNameWhereJsonCanHoldIt) {
+  for (const char* name : {"a", "a b\n\"", "%FF", "\xc3\xa4", "\xf0\x9f\x92\xbe"}) {
+    EXPECT_EQ(jsonNameOf(name), name);
+  }
+}
+
+TEST(JsonName, IsTheFileNameElse) {
+  EXPECT_EQ(jsonNameOf("a \xff"), "a%20%FF");
+  EXPECT_EQ(jsonNameOf("\xed\xa0\x80"), "%ED%A0%80");
 }

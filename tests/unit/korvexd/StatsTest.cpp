@@ -71,10 +71,11 @@ TEST_F(StatsFileTest, LeavesNothingTemporary) {
   EXPECT_THAT(namesIn(folder_.path()), ElementsAre("stats.json"));
 }
 
-TEST_F(StatsFileTest, StaysValidForAnyQueueName) {
-  StatsFile file(path_, {{"\xff\"\n", &one_}});
+TEST_F(StatsFileTest, TellsQueuesApartWhoseNamesAreNoText) {
+  StatsFile file(path_, {{"\xff\"\n", &one_}, {"\xfe\"\n", &two_}});
   file.update();
-  EXPECT_EQ(written()["queues"].size(), 1u);
+  EXPECT_TRUE(written()["queues"].contains("%FF%22%0A"));
+  EXPECT_TRUE(written()["queues"].contains("%FE%22%0A"));
 }
 
 TEST(StatsFileErrors, NameTheFileAndTheSystemsError) {
