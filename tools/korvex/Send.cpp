@@ -17,6 +17,7 @@
 #include "Receipt.h"
 #include "SendReport.h"
 #include "StreamDigest.h"
+#include "korvexd/Names.h"
 
 namespace korvex::tool {
 namespace {
@@ -178,6 +179,12 @@ void SendRun::fail(ExitCode exitCode, ov_status_t status, const std::string& mes
   report_.message = message;
 }
 
+/// A name that no daemon can serve is a mistake in the command line, not a daemon that is away.
+std::string checkQueueName(const std::string& name) {
+  const std::string defect = korvexd::queueNameDefect(name);
+  return defect.empty() ? "" : "'" + printable(name) + "' cannot be a queue's name: " + defect;
+}
+
 void tell(const SendReport& report, const SendOptions& options, std::ostream& out,
           std::ostream& errors) {
   const auto success = static_cast<int>(ExitCode::Success);
@@ -195,7 +202,10 @@ void tell(const SendReport& report, const SendOptions& options, std::ostream& ou
 CLI::App* declareSend(CLI::App& tool, SendOptions& options) {
   CLI::App* const send = tool.add_subcommand(
       "send", "Stream files, one after the other, or standard input to the daemon");
-  send->add_option("--queue", options.queue, "The daemon's queue")->required()->type_name("NAME");
+  send->add_option("--queue", options.queue, "The daemon's queue")
+      ->required()
+      ->check(checkQueueName)
+      ->type_name("NAME");
   send->add_option("--name", options.name, "A name for the stream in error texts")
       ->type_name("STREAM");
   send->add_option("--timeout", options.timeout, "How long the daemon may take nothing, in seconds")

@@ -98,6 +98,16 @@ TEST_F(CommandLine, AsksForTheQueue) {
   EXPECT_THAT(errors.str(), HasSubstr("--queue is required"));
 }
 
+TEST_F(CommandLine, RefusesNamesThatNoQueueCanHave) {
+  for (const char* name : {"", "/", "a/b", "../a", ".", ".."}) {
+    errors.str("");
+    EXPECT_EQ(run({"send", "--queue", name}), 2) << name;
+    EXPECT_THAT(errors.str(),
+                HasSubstr("'" + std::string(name) + "' cannot be a queue's name: it "));
+  }
+  EXPECT_EQ(run({"send", "--queue", std::string(248, 'a').c_str()}), 2);
+}
+
 TEST_F(CommandLine, RefusesAnUnknownOption) {
   EXPECT_EQ(runSend({"--fast"}), 2);
   EXPECT_THAT(errors.str(), HasSubstr("--fast"));
