@@ -22,6 +22,12 @@ std::string pathOf(const std::string& name) { return "/dev/shm/" + name; }
 /// Something happens to a queue that a writer has open.
 class QueueInUseByWriter : public testing::TestWithParam<Event> {
  protected:
+  /// What an event left may be anything, a folder too.
+  void TearDown() override {
+    ::remove(pathOf(name_).c_str());
+    ::remove(pathOf(name_ + "Response").c_str());
+  }
+
   /// In a process of its own: some events end it.
   std::string story(const std::string& place) const {
     return test_support::resultOfChild([&] {
