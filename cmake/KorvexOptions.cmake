@@ -11,8 +11,21 @@ if(KORVEX_SANITIZE)
   target_link_options(korvex_sanitizers INTERFACE -fsanitize=${KORVEX_SANITIZE})
 endif()
 
+# What makes a bug harder to abuse. Not under sanitizers, which look closer themselves and do not see
+# through the checked functions of the C library.
+add_library(korvex_hardening INTERFACE)
+if(KORVEX_HARDENING AND NOT KORVEX_SANITIZE)
+  include(CheckPIESupported)
+  check_pie_supported(LANGUAGES CXX)
+  set_target_properties(korvex_hardening PROPERTIES INTERFACE_POSITION_INDEPENDENT_CODE ON)
+  target_compile_options(korvex_hardening INTERFACE
+    -fstack-protector-strong "SHELL:-include ${CMAKE_CURRENT_LIST_DIR}/Fortify.h")
+  target_link_options(korvex_hardening INTERFACE LINKER:-z,relro,-z,now,-z,noexecstack)
+endif()
+
 # What every target of this project is built with. Linked privately, so that it reaches no consumer.
 add_library(korvex_options INTERFACE)
 target_link_libraries(korvex_options INTERFACE
-  $<BUILD_INTERFACE:korvex_warnings> $<BUILD_INTERFACE:korvex_sanitizers>)
+  $<BUILD_INTERFACE:korvex_warnings> $<BUILD_INTERFACE:korvex_sanitizers>
+  $<BUILD_INTERFACE:korvex_hardening>)
 target_compile_features(korvex_options INTERFACE cxx_std_17)
