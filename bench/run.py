@@ -31,12 +31,12 @@ class Context:
         self.quick = options.quick
         self.build = build
         self.output = output
-        self.rounds = options.rounds or (3 if options.quick else 7)
-        self.seconds = 0.1 if options.quick else 0.3
+        self.rounds = options.rounds or (3 if options.quick else 5)
+        self.seconds = 0.1 if options.quick else 0.25
         self.micro_seconds = 0.02 if options.quick else 0.2
         self.micro_repetitions = 3 if options.quick else 9
-        self.tool_rounds = 2 if options.quick else 7
-        self.growth_rounds = 1 if options.quick else 5
+        self.tool_rounds = 2 if options.quick else 5
+        self.growth_rounds = 1 if options.quick else 3
         self.sweep_bytes = (1 if options.quick else 8) * GIB
         self.idle_seconds = 3 if options.quick else 30
         self.file_bytes = (1 if options.quick else 4) * GIB
