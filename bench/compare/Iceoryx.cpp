@@ -1,7 +1,9 @@
 // iceoryx: the producer writes straight into shared memory and the consumer reads there, without a
 // copy at either end beyond the one that puts the record in. Its broker process is started here.
+#include <grp.h>
 #include <korvex/ShmBatch.h>
 #include <spawn.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -53,6 +55,7 @@ class Broker {
     ::kill(process_, SIGTERM);
     ::waitpid(process_, nullptr, 0);
     ::close(output_);
+    removeSharedMemory();
   }
   Broker(const Broker&) = delete;
   Broker& operator=(const Broker&) = delete;
@@ -69,6 +72,13 @@ class Broker {
       }
       said.append(part, static_cast<std::size_t>(got));
     }
+  }
+
+  /// It leaves both of its objects behind, and only one broker runs on a machine.
+  static void removeSharedMemory() {
+    ::shm_unlink("/iceoryx_mgmt");
+    const group* const own = ::getgrgid(::getegid());
+    if (own != nullptr) ::shm_unlink((std::string("/") + own->gr_name).c_str());
   }
 
   pid_t process_ = 0;
