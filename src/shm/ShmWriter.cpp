@@ -4,12 +4,12 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstring>
 
 #include <qmx/log.h>
 
 #include "shm/BatchAppend.h"
 #include "shm/MessageQueue.h"
+#include "shm/ReplyText.h"
 #include "support/Status.h"
 #include "support/Text.h"
 #include "support/Trace.h"
@@ -314,10 +314,7 @@ void ShmWriter::raiseReply() {
   }
   response_ = received;
   if (response_.status == 0) return;
-  // A daemon may use all 128 bytes of the text, without a NUL.
-  throw Ov_ErrnoException(
-      response_.status,
-      std::string(response_.message, strnlen(response_.message, sizeof response_.message)), "");
+  throw Ov_ErrnoException(response_.status, replyText(response_), "");
 }
 
 }  // namespace korvex
