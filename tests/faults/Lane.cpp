@@ -1,0 +1,296 @@
+#include "Lane.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <thread>
+
+#include "Pattern.h"
+
+namespace korvex_faults {
+namespace {
+
+namespace fs = std::filesystem;
+using std::chrono::milliseconds;
+
+constexpr double kDeadlineMs = kTimeoutSeconds * 1000.0 + 250;
+constexpr milliseconds kStopLength{1300};  // longer than any call of a producer may wait
+constexpr milliseconds kStartPatience{10000};
+constexpr milliseconds kServedPatience{1000};
+constexpr milliseconds kPeriod{1};
+constexpr std::uint64_t kMiB = 1 << 20;
+
+const fs::path kSharedMemory = "/dev/shm";
+
+std::uint64_t between(std::mt19937_64& dice, std::uint64_t least, std::uint64_t most) {
+  return std::uniform_int_distribution<std::uint64_t>(least, most)(dice);
+}
+
+std::string nameOf(const fs::path& path) { return path.filename().string(); }
+
+bool startsWith(const std::string& text, const std::string& start) {
+  return text.compare(0, start.size(), start) == 0;
+}
+
+/// What is wrong with stored bytes; nothing when they are a whole stream.
+std::string defectOf(const std::vector<unsigned char>& bytes) {
+  if (bytes.size() < Pattern::kHeadSize) return "its head is cut";
+  const Pattern pattern(bytes.data());
+  if (pattern.size() != bytes.size()) {
+    return "it holds " + std::to_string(bytes.size()) + " bytes, expected " +
+           std::to_string(pattern.size());
+  }
+  std::vector<unsigned char> expected(bytes.size());
+  pattern.fill(expected.data(), expected.size(), 0);
+  return bytes == expected ? "" : "its bytes differ";
+}
+
+std::vector<unsigned char> bytesOf(const fs::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+}  // namespace
+
+void Tally::add(const Tally& other) {
+  for (const auto& [outcome, times] : other.outcomes) outcomes[outcome] += times;
+  bad.insert(bad.end(), other.bad.begin(), other.bad.end());
+}
+
+Lane::Lane(const Settings& settings, const Stalls& stalls)
+    : settings_(settings), stalls_(stalls), folder_(fs::temp_directory_path() / settings.name) {
+  fs::create_directories(folder_ / "store");
+  startDaemon();
+  awaitServing();
+}
+
+Lane::~Lane() {
+  survivors_.clear();
+  daemon_.reset();
+  std::error_code ignored;
+  fs::remove_all(folder_, ignored);
+}
+
+void Lane::complain(const std::string& what) {
+  tally_.bad.push_back("kill " + std::to_string(index_) + ": " + what);
+}
+
+void Lane::startDaemon() {
+  daemon_ = std::make_unique<Child>(
+      std::vector<std::string>{settings_.daemon, "--queue", settings_.name, "--output",
+                               (folder_ / "store").string(), "--replace", "--max-messages", "4",
+                               "--max-message-size", "64K"},
+      STDERR_FILENO, (folder_ / "daemon.log").string());
+  daemonIds_.push_back(daemon_->id());
+}
+
+void Lane::awaitServing() {
+  const auto end = Clock::now() + kStartPatience;
+  while (daemon_->said().find("serving " + settings_.name) == std::string::npos) {
+    if (daemon_->hasEnded() || Clock::now() >= end) {
+      throw std::runtime_error("the daemon does not serve: " + daemon_->said());
+    }
+    std::this_thread::sleep_for(kPeriod);
+  }
+}
+
+Lane::Running Lane::startProducer(std::uint64_t streams, std::uint64_t size) {
+  const Load load = {settings_.name, nextNumber_, streams, size};
+  nextNumber_ += streams;
+  const std::string file = (folder_ / ("said-" + std::to_string(nextFile_++ % 64))).string();
+  return {std::make_unique<Child>(
+              std::vector<std::string>{settings_.self, "--produce", load.queue, "--number",
+                                       std::to_string(load.number), "--streams",
+                                       std::to_string(streams), "--size", std::to_string(size)},
+              STDOUT_FILENO, file),
+          load, Clock::now(), 0};
+}
+
+void Lane::run(std::uint64_t index) {
+  index_ = index;
+  dice_.seed(settings_.seed * 1000003 + index);
+  // A large stream fills the queue; many small ones keep both directions busy.
+  const bool isLarge = between(dice_, 0, 2) != 0;
+  Running producer = isLarge ? startProducer(1, 8 * between(dice_, 2, 8 * kMiB / 8))
+                             : startProducer(1000, 8 * between(dice_, 2, 1000));
+  const std::uint64_t kind = between(dice_, 0, 99);
+  std::this_thread::sleep_for(std::chrono::microseconds(between(dice_, 0, 25000)));
+  if (kind < 48) {
+    killProducer(producer);
+  } else if (kind < 78) {
+    killDaemon(producer);
+  } else if (kind < 95) {
+    killBoth(producer);
+  } else if (kind < 97) {
+    stopProducer(producer);
+  } else {
+    stopDaemon(producer);
+  }
+  sendNext(Clock::now());
+  lookAtStore();
+  finishSurvivors(false);
+  lookAtClaims();
+}
+
+void Lane::killProducer(Running& producer) {
+  producer.child->killNow();
+  count("producer killed");
+}
+
+void Lane::killDaemon(Running& producer) {
+  daemon_->killNow();
+  count("daemon killed");
+  survivors_.push_back(std::move(producer));
+  startDaemon();
+  awaitServing();
+}
+
+void Lane::killBoth(Running& producer) {
+  producer.child->signal(SIGKILL);
+  daemon_->killNow();
+  producer.child->killNow();
+  count("both killed");
+  startDaemon();
+  awaitServing();
+}
+
+void Lane::stopProducer(Running& producer) {
+  producer.child->signal(SIGSTOP);
+  std::this_thread::sleep_for(kStopLength);
+  producer.child->signal(SIGCONT);
+  producer.stoppedMs = static_cast<double>(kStopLength.count());
+  count("producer stopped");
+  // It would go on for long with many streams, and one queue serves one producer.
+  std::this_thread::sleep_for(kPeriod);
+  if (producer.load.streams > 1) return producer.child->killNow();
+  finishProducer(producer, "stopped producer");
+}
+
+void Lane::stopDaemon(Running& producer) {
+  daemon_->signal(SIGSTOP);
+  std::this_thread::sleep_for(kStopLength);
+  daemon_->signal(SIGCONT);
+  count("daemon stopped");
+  if (producer.load.streams > 1) return producer.child->killNow();
+  finishProducer(producer, "daemon stopped");
+}
+
+/// Waits for its end and looks at what it says of itself.
+void Lane::finishProducer(Running& producer, const std::string& prefix) {
+  const int code = producer.child->wait();
+  Ending ending = {"", 0, 0};
+  std::istringstream said(producer.child->said());
+  said >> ending.outcome >> ending.receipts >> ending.longestMs;
+  if (code != 0 || !said) return complain("a producer ended with " + std::to_string(code));
+  count("  " + prefix + ", its producer: " + ending.outcome);
+  for (std::uint64_t i = 0; i < ending.receipts; ++i) claimed_.insert(producer.load.number + i);
+  judge(producer, ending);
+}
+
+void Lane::judge(const Running& producer, const Ending& ending) {
+  if (ending.outcome == "wrong-receipt") complain("a producer got a wrong receipt");
+  const double late = ending.longestMs - producer.stoppedMs - kDeadlineMs;
+  if (late <= 0) return;
+  if (stalls_.longestMsSince(producer.start) >= late) return count("  late, machine stalled");
+  complain("a call took " + std::to_string(ending.longestMs) + " ms, " + std::to_string(late) +
+           " ms too long");
+}
+
+void Lane::finishSurvivors(bool wait) {
+  auto survivor = survivors_.begin();
+  while (survivor != survivors_.end()) {
+    if (!wait && !survivor->child->hasEnded()) {
+      ++survivor;
+      continue;
+    }
+    finishProducer(*survivor, "daemon killed");
+    survivor = survivors_.erase(survivor);
+  }
+}
+
+/// The next stream must be taken within a second of the daemon's service.
+void Lane::sendNext(Clock::time_point served) {
+  do {
+    if (!tryNext()) continue;
+    const std::chrono::duration<double, std::milli> taken = Clock::now() - served;
+    if (taken <= kServedPatience) return;
+    if (stalls_.longestMsSince(served) >= taken.count() - 1000) {
+      return count("  next stream late, machine stalled");
+    }
+    return complain("the next stream took " + std::to_string(taken.count()) + " ms");
+  } while (Clock::now() - served < 5 * kServedPatience);
+  complain("the next stream was not taken; the daemon says: " + daemon_->said());
+}
+
+bool Lane::tryNext() {
+  Running producer = startProducer(1, 8 * between(dice_, 2, 20000));
+  producer.child->wait();
+  if (producer.child->said().rfind("complete 1 ", 0) != 0) return false;
+  claimed_.insert(producer.load.number);
+  return true;
+}
+
+/// Every stream with its final name must be whole. Looked at once, then removed.
+void Lane::lookAtStore() {
+  for (const auto& entry : fs::directory_iterator(folder_ / "store")) {
+    if (entry.path().extension() != ".partial") lookAtStream(entry.path());
+    fs::remove_all(entry.path());
+  }
+}
+
+void Lane::lookAtStream(const fs::path& folder) {
+  const std::vector<unsigned char> bytes = bytesOf(folder / "data");
+  const auto manifest =
+      nlohmann::json::parse(std::ifstream(folder / "manifest.json"), nullptr, false);
+  if (manifest.is_discarded() || manifest.value("state", "") != "complete" ||
+      manifest.value("bytes", std::uint64_t{0}) != bytes.size()) {
+    return complain(nameOf(folder) + " has its final name, but its manifest says otherwise");
+  }
+  const std::string defect = defectOf(bytes);
+  if (!defect.empty()) return complain(nameOf(folder) + " is marked complete, but " + defect);
+  if (!stored_.insert(Pattern(bytes.data()).number()).second) {
+    return complain(nameOf(folder) + " holds a stream that was stored before");
+  }
+  count("streams stored, whole and equal");
+}
+
+void Lane::lookAtClaims() {
+  for (const std::uint64_t number : claimed_) {
+    if (stored_.count(number) == 0) {
+      complain("stream " + std::to_string(number) + " has a receipt but is not stored");
+    }
+    count("receipts");
+  }
+  claimed_.clear();
+}
+
+Tally Lane::finish() {
+  finishSurvivors(true);
+  daemon_->signal(SIGTERM);
+  const int code = daemon_->wait();
+  if (code != 0) complain("the daemon ended with " + std::to_string(code));
+  lookAtStore();
+  lookAtClaims();
+  lookAtSharedMemory();
+  return tally_;
+}
+
+void Lane::lookAtSharedMemory() {
+  for (const auto& entry : fs::directory_iterator(kSharedMemory)) {
+    const std::string name = nameOf(entry.path());
+    bool isOurs = startsWith(name, settings_.name);
+    for (const pid_t daemon : daemonIds_) {
+      isOurs = isOurs || startsWith(name, ".korvexd-" + std::to_string(daemon) + "-");
+    }
+    if (!isOurs) continue;
+    complain(name + " was left in " + kSharedMemory.string());
+    fs::remove(entry.path());
+  }
+}
+
+}  // namespace korvex_faults

@@ -1,0 +1,99 @@
+#ifndef KORVEX_TESTS_FAULTS_LANE_H
+#define KORVEX_TESTS_FAULTS_LANE_H
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <optional>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "Child.h"
+#include "Producer.h"
+#include "Stalls.h"
+
+namespace korvex_faults {
+
+/// What a run counted, by outcome, and what it found wrong.
+struct Tally {
+  std::map<std::string, std::uint64_t> outcomes;
+  std::vector<std::string> bad;
+
+  void add(const Tally& other);
+};
+
+/// One daemon, its producers, and the scenarios that befall them one after the other.
+///
+/// Everything that happens in a scenario follows from the seed and its index. The moment of a kill
+/// does too, but what the processes are doing at that moment is up to the machine.
+class Lane {
+ public:
+  struct Settings {
+    std::string daemon;  ///< the program
+    std::string self;    ///< this program, which is the producer as well
+    std::string name;    ///< unique; its queue and its files are called after it
+    std::uint64_t seed;
+  };
+
+  Lane(const Settings& settings, const Stalls& stalls);
+  ~Lane();
+
+  /// One kill, and the checks after it.
+  void run(std::uint64_t index);
+
+  /// Ends the daemon as an operator does and looks for what was left behind.
+  Tally finish();
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  /// A producer that goes on by itself.
+  struct Running {
+    std::unique_ptr<Child> child;
+    Load load;
+    Clock::time_point start;
+    double stoppedMs;
+  };
+
+  void startDaemon();
+  void awaitServing();
+  Running startProducer(std::uint64_t streams, std::uint64_t size);
+  void killDaemon(Running& producer);
+  void killProducer(Running& producer);
+  void killBoth(Running& producer);
+  void stopProducer(Running& producer);
+  void stopDaemon(Running& producer);
+  void finishProducer(Running& producer, const std::string& prefix);
+  void judge(const Running& producer, const Ending& ending);
+  void finishSurvivors(bool wait);
+  void sendNext(Clock::time_point served);
+  bool tryNext();
+  void lookAtStore();
+  void lookAtStream(const std::filesystem::path& folder);
+  void lookAtClaims();
+  void lookAtSharedMemory();
+  void count(const std::string& outcome) { ++tally_.outcomes[outcome]; }
+  void complain(const std::string& what);
+
+  const Settings settings_;
+  const Stalls& stalls_;
+  const std::filesystem::path folder_;
+  std::unique_ptr<Child> daemon_;
+  std::vector<pid_t> daemonIds_;
+  std::vector<Running> survivors_;
+  std::set<std::uint64_t> stored_;
+  std::set<std::uint64_t> claimed_;
+  std::mt19937_64 dice_;
+  std::uint64_t index_ = 0;
+  std::uint64_t nextNumber_ = 1;
+  std::uint64_t nextFile_ = 0;
+  Tally tally_;
+};
+
+}  // namespace korvex_faults
+
+#endif

@@ -1,0 +1,93 @@
+// Kills producers and daemons at random moments and looks whether anything was lost, hung or left
+// behind.
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
+#include <filesystem>
+#include <future>
+#include <random>
+
+#include "Lane.h"
+
+using namespace korvex_faults;
+
+namespace {
+
+struct Options {
+  std::string daemon = KORVEXD_PROGRAM;
+  std::uint64_t kills = 500;
+  std::uint64_t seed = std::random_device{}();
+  std::uint64_t only = 0;
+  bool hasOnly = false;
+  unsigned lanes = 2;
+};
+
+Tally runLane(const Options& options, unsigned number, const Stalls& stalls) {
+  const std::string self = std::filesystem::read_symlink("/proc/self/exe");
+  const std::string name =
+      "korvex-faults-" + std::to_string(::getpid()) + "-" + std::to_string(number);
+  Lane lane({options.daemon, self, name, options.seed}, stalls);
+  if (options.hasOnly) {
+    lane.run(options.only);
+    return lane.finish();
+  }
+  for (std::uint64_t index = number; index < options.kills; index += options.lanes) {
+    lane.run(index);
+  }
+  return lane.finish();
+}
+
+Tally runAll(const Options& options) {
+  const Stalls stalls;
+  std::vector<std::future<Tally>> lanes;
+  for (unsigned number = 0; number < (options.hasOnly ? 1 : options.lanes); ++number) {
+    lanes.push_back(
+        std::async(std::launch::async, [&, number] { return runLane(options, number, stalls); }));
+  }
+  Tally tally;
+  for (auto& lane : lanes) tally.add(lane.get());
+  return tally;
+}
+
+int report(const Options& options, const Tally& tally, double seconds) {
+  for (const auto& [outcome, times] : tally.outcomes) {
+    std::printf("%10llu  %s\n", static_cast<unsigned long long>(times), outcome.c_str());
+  }
+  for (const std::string& what : tally.bad) std::printf("BAD %s\n", what.c_str());
+  std::printf("%llu kills, seed %llu, %.0f s: %zu bad\n",
+              static_cast<unsigned long long>(options.hasOnly ? 1 : options.kills),
+              static_cast<unsigned long long>(options.seed), seconds, tally.bad.size());
+  if (!tally.bad.empty()) {
+    std::printf("replay one with: ./run faults --seed %llu --only INDEX\n",
+                static_cast<unsigned long long>(options.seed));
+  }
+  return tally.bad.empty() ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+  CLI::App app{"Kills producers and daemons at random and checks what is left"};
+  Options options;
+  Load load = {"", 1, 1, 1024};
+  app.add_option("--kills", options.kills, "How many");
+  app.add_option("--seed", options.seed, "Repeats a run");
+  auto* const only = app.add_option("--only", options.only, "Just the kill of this index");
+  app.add_option("--daemon", options.daemon, "The korvexd to try")->check(CLI::ExistingFile);
+  auto* const produce = app.add_option("--produce", load.queue, "Be a producer on this queue");
+  app.add_option("--number", load.number, "The producer's first stream");
+  app.add_option("--streams", load.streams, "How many streams it sends");
+  app.add_option("--size", load.size, "Bytes of each");
+  CLI11_PARSE(app, argc, argv);
+  if (*produce) return korvex_faults::produce(load);
+  options.hasOnly = !only->empty();
+  const auto start = std::chrono::steady_clock::now();
+  const Tally tally = runAll(options);
+  const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
+  return report(options, tally, taken.count());
+} catch (const std::exception& error) {
+  std::fprintf(stderr, "faults: %s\n", error.what());
+  return 1;
+}
