@@ -76,8 +76,8 @@ Lane::~Lane() {
   fs::remove_all(folder_, ignored);
 }
 
-void Lane::complain(const std::string& what) {
-  tally_.bad.push_back("kill " + std::to_string(index_) + ": " + what);
+void Lane::complain(std::uint64_t index, const std::string& what) {
+  tally_.bad.push_back("kill " + std::to_string(index) + ": " + what);
 }
 
 void Lane::startDaemon() {
@@ -108,7 +108,7 @@ Lane::Running Lane::startProducer(std::uint64_t streams, std::uint64_t size) {
                                        std::to_string(load.number), "--streams",
                                        std::to_string(streams), "--size", std::to_string(size)},
               STDOUT_FILENO, file),
-          load, Clock::now(), 0};
+          load, index_, Clock::now(), 0};
 }
 
 void Lane::run(std::uint64_t index) {
@@ -186,19 +186,20 @@ void Lane::finishProducer(Running& producer, const std::string& prefix) {
   Ending ending = {"", 0, 0};
   std::istringstream said(producer.child->said());
   said >> ending.outcome >> ending.receipts >> ending.longestMs;
-  if (code != 0 || !said) return complain("a producer ended with " + std::to_string(code));
+  if (code != 0 || !said)
+    return complain(producer.index, "a producer ended with " + std::to_string(code));
   count("  " + prefix + ", its producer: " + ending.outcome);
   for (std::uint64_t i = 0; i < ending.receipts; ++i) claimed_.insert(producer.load.number + i);
   judge(producer, ending);
 }
 
 void Lane::judge(const Running& producer, const Ending& ending) {
-  if (ending.outcome == "wrong-receipt") complain("a producer got a wrong receipt");
+  if (ending.outcome == "wrong-receipt") complain(producer.index, "a producer got a wrong receipt");
   const double late = ending.longestMs - producer.stoppedMs - kDeadlineMs;
   if (late <= 0) return;
   if (stalls_.longestMsSince(producer.start) >= late) return count("  late, machine stalled");
-  complain("a call took " + std::to_string(ending.longestMs) + " ms, " + std::to_string(late) +
-           " ms too long");
+  complain(producer.index, "a call took " + std::to_string(ending.longestMs) + " ms, " +
+                               std::to_string(late) + " ms too long");
 }
 
 void Lane::finishSurvivors(bool wait) {

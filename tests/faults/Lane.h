@@ -55,6 +55,7 @@ class Lane {
   struct Running {
     std::unique_ptr<Child> child;
     Load load;
+    std::uint64_t index;  ///< of its scenario
     Clock::time_point start;
     double stoppedMs;
   };
@@ -77,7 +78,8 @@ class Lane {
   void lookAtClaims();
   void lookAtSharedMemory();
   void count(const std::string& outcome) { ++tally_.outcomes[outcome]; }
-  void complain(const std::string& what);
+  void complain(const std::string& what) { complain(index_, what); }
+  void complain(std::uint64_t index, const std::string& what);
 
   const Settings settings_;
   const Stalls& stalls_;
