@@ -22,6 +22,17 @@ void refuseExisting(const std::string& name) {
                            " exists already; --replace removes the queues of a dead daemon");
 }
 
+/// The name of the response queue. Looked at before anything is made: a daemon that waits for its
+/// names tries again and again.
+std::string responseNameIfFree(const std::string& name, QueuePair::Existing existing) {
+  const std::string replies = korvex::getMessageQueueResponseName(name);
+  if (existing == QueuePair::Existing::Refuse) {
+    refuseExisting(name);
+    refuseExisting(replies);
+  }
+  return replies;
+}
+
 void removeExisting(const std::string& batches, const std::string& replies) {
   // Both are claimed before one is removed: a living daemon keeps its pair whole.
   StaleQueue staleBatches(batches);
@@ -34,14 +45,10 @@ void removeExisting(const std::string& batches, const std::string& replies) {
 
 QueuePair::QueuePair(const std::string& name, MessageQueue::Limits limits, mode_t mode,
                      Existing existing)
-    : replies_(korvex::getMessageQueueResponseName(name), kReplyLimits, mode),
+    : replies_(responseNameIfFree(name, existing), kReplyLimits, mode),
       batches_(name, limits, mode) {
-  const std::string replies = korvex::getMessageQueueResponseName(name);
   if (existing == Existing::Replace) {
-    removeExisting(name, replies);
-  } else {
-    refuseExisting(name);
-    refuseExisting(replies);
+    removeExisting(name, korvex::getMessageQueueResponseName(name));
   }
   replies_.publish();
   batches_.publish();
