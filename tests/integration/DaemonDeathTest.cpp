@@ -84,6 +84,31 @@ TEST_F(DaemonDeath, OfAProducerWithTheQueuesLockCostsOnlyThatPair) {
   EXPECT_FALSE(test_support::queueExists(queue_) || test_support::queueExists(other));
 }
 
+// The producer is not promised to live; the daemon and everybody else on it are.
+TEST_F(DaemonDeath, OfAQueueThatIsCutInMidstreamCostsOnlyThatPair) {
+  const std::string other = test_support::uniqueQueueName();
+  const test_support::QueueRemover remover(other);
+  const auto daemon = start({"--queue", other});
+  ASSERT_TRUE(awaitLog(*daemon, "serving " + other));
+  const auto untouched = writerInMidstream(other);
+  const pid_t producer = ::fork();
+  if (producer == 0) {
+    const auto to = writer();
+    to->open();
+    for (;;) write(*to, std::string(100000, 'x'));
+  }
+  ASSERT_TRUE(eventually([&] { return streams(true).size() == 2; }));
+  ASSERT_EQ(::truncate(("/dev/shm/" + queue_).c_str(), 0), 0);
+  ASSERT_TRUE(awaitLog(*daemon, queue_ + ": served anew"));
+  ::kill(producer, SIGKILL);
+  ::waitpid(producer, nullptr, 0);
+  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  write(*untouched, "def");
+  untouched->close();
+  EXPECT_THAT(awaitReply(*untouched).message, HasSubstr("stored bytes=6"));
+  end(*daemon);
+}
+
 TEST_F(DaemonDeath, OfAProducerWithTheResponseQueuesLockIsNoticedBeforeTheNextStream) {
   const auto daemon = start();
   dieHoldingLockOf(queue_ + "Response");

@@ -82,6 +82,22 @@ TEST_F(SmallSharedMemory, IsFilledToTheLastPageByAStreamOnceTheDaemonServes) {
   EXPECT_EQ(daemon.wait(), 0) << daemon.errors();
 }
 
+#ifdef KORVEX_NO_RESERVATION
+// What was free a moment ago may be gone when the queue's index is written.
+TEST_F(SmallSharedMemory, ThatIsTakenMeanwhileEndsTheDaemonAlike) {
+  Process daemon = inside("size=64k",
+                          "set -- \"$@\" --max-messages 65536 --max-message-size 64; "
+                          "export LD_PRELOAD=" KORVEX_NO_RESERVATION "; " +
+                              std::string(kRun));
+  EXPECT_EQ(daemon.wait(), 1);
+  EXPECT_THAT(
+      daemon.errors(),
+      HasSubstr("creating queue korvex-small, which needs 5767376 bytes of shared memory in "
+                "/dev/shm: error 28 (No space left on device)"));
+  EXPECT_EQ(daemon.output(), "");
+}
+#endif
+
 // A limit is a file system that is too small as well, and sends a signal.
 TEST(LimitedFileSize, EndsTheDaemonWithWhatItWouldNeed) {
   const std::string name = test_support::uniqueQueueName();

@@ -9,7 +9,7 @@ namespace {
 constexpr unsigned kTimeout = 1;  // seconds
 
 /// Far beyond the timeout, so that a loaded machine fails no test.
-constexpr std::chrono::seconds kLate{20};
+constexpr std::chrono::seconds kLate{5};
 
 const unsigned char kData[] = {'a', 'b', 'c'};
 
