@@ -1,0 +1,153 @@
+#!/usr/bin/python3
+"""Changes the library in many small ways, one at a time, and sees whether a test notices.
+
+Ends with 0 when enough mutants are killed and every survivor is explained, else with 1. The report
+is build/mutation/report.md; report.json holds every mutant.
+"""
+
+import argparse
+import os
+import pathlib
+import queue
+import random
+import resource
+import sys
+import threading
+
+from mutants import all_mutants
+from report import Explanations, Report, Tried
+from workshop import Workshop
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
+OUTPUT = ROOT / "build/mutation"
+EXPLANATIONS = pathlib.Path(__file__).parent / "survivors.json"
+WANTED_PERCENT = 95
+BUNDLE = 25
+
+
+def parse(arguments):
+    parser = argparse.ArgumentParser(prog="./run mutate", description=__doc__.split("\n", 1)[0])
+    parser.add_argument("--jobs", type=int, default=os.cpu_count(), metavar="N",
+                        help="builds at once, each in a copy of its own (default: all cores)")
+    parser.add_argument("--only", action="append", metavar="FILE",
+                        help="mutants of this file; may be given several times")
+    parser.add_argument("--sample", type=int, metavar="N", help="N mutants, chosen at random")
+    parser.add_argument("--seed", type=int, default=1, help="for the choice (default: 1)")
+    parser.add_argument("--list", action="store_true", help="show the mutants and try none")
+    return parser.parse_args(arguments)
+
+
+def library_files(root):
+    found = [*root.glob("src/**/*.cpp"), *root.glob("src/**/*.h"), *root.glob("include/korvex/*.h")]
+    return sorted(str(path.relative_to(root)) for path in found)
+
+
+def chosen_files(only):
+    files = library_files(ROOT)
+    if not only:
+        return files
+    for wanted in only:
+        if not any(name.endswith(wanted) for name in files):
+            sys.exit(f"--only {wanted}: expected one of " + ", ".join(files))
+    return [name for name in files if any(name.endswith(wanted) for wanted in only)]
+
+
+def chosen_mutants(options):
+    mutants = all_mutants(ROOT, chosen_files(options.only))
+    if options.sample is not None and options.sample < len(mutants):
+        mutants = random.Random(options.seed).sample(mutants, options.sample)
+        mutants.sort(key=lambda mutant: mutant.number)
+    return mutants
+
+
+def bundles_of(mutants):
+    """Neighbours in one file stay together: going to another file costs a build."""
+    bundles = queue.SimpleQueue()
+    bundle = []
+    for mutant in mutants:
+        if bundle and (len(bundle) == BUNDLE or bundle[-1].file != mutant.file):
+            bundles.put(bundle)
+            bundle = []
+        bundle.append(mutant)
+    if bundle:
+        bundles.put(bundle)
+    return bundles
+
+
+class Run:
+    """The jobs at work, and what they found so far."""
+
+    def __init__(self, mutants):
+        self._bundles = bundles_of(mutants)
+        self._count = len(mutants)
+        self._lock = threading.Lock()
+        self.tried = []
+        self.failure = None
+
+    def work(self, workshop):
+        try:
+            while self.failure is None:
+                for mutant in self._bundles.get_nowait():
+                    self._note(Tried(mutant, workshop.try_mutant(mutant)))
+        except queue.Empty:
+            pass
+        except BaseException as error:  # to be raised in the main thread
+            self.failure = error
+
+    def _note(self, tried):
+        with self._lock:
+            self.tried.append(tried)
+            mutant, verdict = tried.mutant, tried.verdict
+            place = f"{mutant.file}:{mutant.line} {mutant.operator}"
+            print(f"{len(self.tried)}/{self._count} {verdict.outcome:10} {place}: "
+                  f"{verdict.reason or mutant.after}", flush=True)
+
+
+def prepare(jobs):
+    workshops = [Workshop(ROOT, OUTPUT / f"job-{number}") for number in range(1, jobs + 1)]
+    for number, workshop in enumerate(workshops, 1):
+        print(f"building copy {number} of {jobs}", flush=True)
+        workshop.prepare(jobs)
+    return workshops
+
+
+def try_all(mutants, workshops):
+    run = Run(mutants)
+    threads = [threading.Thread(target=run.work, args=(workshop,)) for workshop in workshops]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    if run.failure:
+        raise run.failure
+    return run.tried
+
+
+def core_seconds():
+    used = resource.getrusage(resource.RUSAGE_CHILDREN)
+    return used.ru_utime + used.ru_stime
+
+
+def main():
+    options = parse(sys.argv[1:])
+    mutants = chosen_mutants(options)
+    if options.list:
+        for mutant in mutants:
+            print(f"{mutant.file}:{mutant.line} {mutant.operator}\n    {mutant.before}\n"
+                  f"    {mutant.after}")
+        print(f"{len(mutants)} mutants")
+        return 0
+    workshops = prepare(options.jobs)
+    before = core_seconds()
+    tried = try_all(mutants, workshops)
+    report = Report(tried, Explanations(EXPLANATIONS), WANTED_PERCENT, core_seconds() - before)
+    report.write(OUTPUT)
+    print(report.summary())
+    for each in report.unexplained():
+        print(f"not explained: {each.mutant.file}:{each.mutant.line} {each.mutant.operator}\n"
+              f"    {each.mutant.before}\n    {each.mutant.after}")
+    return 0 if report.is_good() else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,107 @@
+"""Running test programs that may do anything: hang, crash, eat memory, leave things behind."""
+
+import os
+import pathlib
+import re
+import resource
+import shutil
+import signal
+import subprocess
+import tempfile
+import time
+from dataclasses import dataclass, field
+
+SHARED_MEMORY = pathlib.Path("/dev/shm")
+QUEUE_OF_A_TEST = re.compile(r"\.?korvexd?-(?:[a-z]+-)*(\d+)")
+FAILED_TEST = re.compile(r"^\[  FAILED  \] (\S+?),? ", re.MULTILINE)
+MOST_MEMORY = 8 << 30
+
+
+@dataclass(frozen=True)
+class Program:
+    """A test program with its arguments, relative to the build folder."""
+
+    path: str
+    arguments: tuple = ()
+    environment: dict = field(default_factory=dict, hash=False, compare=False)
+
+    @property
+    def name(self):
+        return pathlib.PurePath(self.path).name
+
+
+@dataclass(frozen=True)
+class Ending:
+    """How it ended; `complaint` is empty when all was well."""
+
+    complaint: str
+    seconds: float
+
+
+def limit():
+    resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+    resource.setrlimit(resource.RLIMIT_AS, (MOST_MEMORY, MOST_MEMORY))
+
+
+def is_alive(process_id):
+    try:
+        os.kill(process_id, 0)
+    except ProcessLookupError:
+        return False
+    except PermissionError:
+        pass
+    return True
+
+
+def sweep(since):
+    """Removes the queues that tests made after `since` and did not live to remove."""
+    for entry in SHARED_MEMORY.glob("*korvex*"):
+        found = QUEUE_OF_A_TEST.match(entry.name)
+        try:
+            known = entry.lstat()
+            if (found and known.st_uid == os.getuid() and known.st_mtime >= since
+                    and not is_alive(int(found.group(1)))):
+                entry.unlink()
+        except OSError:
+            pass  # another run was faster
+
+
+def end_group(process):
+    try:
+        os.killpg(process.pid, signal.SIGKILL)
+    except ProcessLookupError:
+        pass
+
+
+def run(program, build, patience, environment=None):
+    """Runs it in a session and a temporary folder of its own; both are gone afterwards."""
+    path = build / program.path
+    scratch = tempfile.mkdtemp(prefix="korvex-mutation-")
+    started = time.monotonic()
+    since = time.time() - 1
+    variables = dict(os.environ, TMPDIR=scratch, **program.environment, **(environment or {}))
+    process = subprocess.Popen([path, *program.arguments], cwd=path.parent, env=variables,
+                               stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                               stderr=subprocess.STDOUT, start_new_session=True, preexec_fn=limit)
+    try:
+        output, _ = process.communicate(timeout=patience)
+        complaint = complaint_of(program, process.returncode, output.decode(errors="replace"))
+    except subprocess.TimeoutExpired:
+        complaint = f"{program.name}: no end within {patience:.0f} s"
+    finally:
+        # The group, also after an orderly end: what a test started may have outlived it.
+        end_group(process)
+        process.stdout.close()
+        process.wait()
+        shutil.rmtree(scratch, ignore_errors=True)
+        sweep(since)
+    return Ending(complaint, time.monotonic() - started)
+
+
+def complaint_of(program, code, output):
+    if code == 0:
+        return ""
+    failed = FAILED_TEST.search(output)
+    if failed:
+        return f"{program.name}: {failed.group(1)}"
+    return f"{program.name}: " + (f"signal {-code}" if code < 0 else f"exit code {code}")

@@ -1,0 +1,123 @@
+"""What came out, for people and for programs."""
+
+import json
+from collections import Counter
+from dataclasses import dataclass
+
+from workshop import EQUIVALENT, INVALID, KILLED, SURVIVED
+
+OUTCOMES = (KILLED, SURVIVED, EQUIVALENT, INVALID)
+
+
+@dataclass(frozen=True)
+class Tried:
+    """A mutant and its verdict."""
+
+    mutant: object
+    verdict: object
+
+    def as_record(self, reason):
+        mutant, verdict = self.mutant, self.verdict
+        record = {"file": mutant.file, "line": mutant.line, "operator": mutant.operator,
+                  "before": mutant.before, "after": mutant.after, "outcome": verdict.outcome,
+                  "by": verdict.reason, "seconds": round(verdict.seconds, 2)}
+        if verdict.outcome == SURVIVED:
+            record["explanation"] = reason
+        return record
+
+
+class Explanations:
+    """Why survivors change nothing that a test could see, from a file in the tree.
+
+    An entry names the file, the line's text and the operator, and with "after" one of several
+    changes of that line.
+    """
+
+    def __init__(self, path):
+        self._entries = json.loads(path.read_text()) if path.is_file() else []
+        self._used = set()
+
+    def of(self, mutant):
+        for index, entry in enumerate(self._entries):
+            if ((entry["file"], entry["operator"], entry["before"]) ==
+                    (mutant.file, mutant.operator, mutant.before)
+                    and entry.get("after", mutant.after) == mutant.after):
+                self._used.add(index)
+                return entry["reason"]
+        return ""
+
+    def unused(self, files):
+        """Entries for these files that explain nothing any more."""
+        return [entry for index, entry in enumerate(self._entries)
+                if index not in self._used and entry["file"] in files]
+
+
+class Report:
+    """All that were tried in one run."""
+
+    def __init__(self, tried, explanations, wanted, core_seconds):
+        self._tried = sorted(tried, key=lambda each: each.mutant.number)
+        self.wanted = wanted
+        self._core_seconds = core_seconds
+        self.counts = Counter(each.verdict.outcome for each in tried)
+        self.reasons = {each.mutant: explanations.of(each.mutant) for each in self.survivors()}
+        self.unused = explanations.unused({each.mutant.file for each in tried})
+
+    def survivors(self):
+        return [each for each in self._tried if each.verdict.outcome == SURVIVED]
+
+    def unexplained(self):
+        return [each for each in self.survivors() if not self.reasons[each.mutant]]
+
+    @property
+    def total(self):
+        return self.counts[KILLED] + self.counts[SURVIVED]
+
+    @property
+    def share(self):
+        return 100 * self.counts[KILLED] / self.total if self.total else 100
+
+    def is_good(self):
+        return self.share >= self.wanted and not self.unexplained()
+
+    def summary(self):
+        cost = self._core_seconds / max(len(self._tried), 1)
+        return (f"{self.counts[KILLED]} of {self.total} mutants killed, {self.share:.1f} % "
+                f"(wanted: {self.wanted} %); {self.counts[SURVIVED]} survived, "
+                f"{len(self.unexplained())} of them without an explanation; "
+                f"{self.counts[EQUIVALENT]} make the same machine code and "
+                f"{self.counts[INVALID]} do not compile, both outside the total; "
+                f"{cost:.2f} s of one core each")
+
+    def write(self, folder):
+        folder.mkdir(parents=True, exist_ok=True)
+        (folder / "report.md").write_text(self._markdown())
+        document = {"killed": self.counts[KILLED], "total": self.total, "percent": self.share,
+                    "outcomes": dict(self.counts),
+                    "mutants": [each.as_record(self.reasons.get(each.mutant, ""))
+                                for each in self._tried]}
+        (folder / "report.json").write_text(json.dumps(document, indent=1) + "\n")
+
+    def _markdown(self):
+        parts = ["# Mutants\n", self.summary() + ".\n", "## By file\n",
+                 self._table("file"), "## By operator\n", self._table("operator"),
+                 "## Survivors\n", *map(self._survivor, self.survivors())]
+        if self.unused:
+            parts += ["## Explanations that explain nothing any more\n",
+                      *(f"- `{entry['file']}`: `{entry['before']}`\n" for entry in self.unused)]
+        return "\n".join(parts)
+
+    def _table(self, field):
+        rows = {}
+        for each in self._tried:
+            rows.setdefault(getattr(each.mutant, field), Counter())[each.verdict.outcome] += 1
+        lines = ["| | " + " | ".join(OUTCOMES) + " |", "|---|" + "---:|" * len(OUTCOMES)]
+        lines += [f"| {name} | " + " | ".join(str(counts[one]) for one in OUTCOMES) + " |"
+                  for name, counts in sorted(rows.items())]
+        return "\n".join(lines) + "\n"
+
+    def _survivor(self, each):
+        mutant = each.mutant
+        reason = self.reasons[mutant] or "**no explanation**"
+        return (f"- `{mutant.file}:{mutant.line}`, {mutant.operator}: {reason}\n\n"
+                f"      {mutant.before}\n      {mutant.after}\n")

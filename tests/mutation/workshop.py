@@ -1,0 +1,258 @@
+"""A copy of the tree with a build of its own, in which one mutant after the other is built and
+tried. The tree itself is never touched."""
+
+import hashlib
+import json
+import os
+import pathlib
+import shlex
+import shutil
+import subprocess
+import time
+from concurrent.futures import ThreadPoolExecutor
+from dataclasses import dataclass
+
+from programs import Program, run
+
+KILLED, SURVIVED, INVALID, EQUIVALENT = "killed", "survived", "invalid", "equivalent"
+
+# The optimiser sees through many changes that make no difference.
+OPTIMISED = ["-O2", "-g0"]
+SHORTEST_PATIENCE = 3
+PATIENCE_FACTOR = 10
+LONGEST_PATIENCE = 180
+SHARDS = 6
+
+UNIT_PROGRAMS = [
+    Program("tests/unit/korvex_unit_tests", ("--gtest_fail_fast", "--gtest_brief=1")),
+    Program("tests/unit/korvex_lock_tests", ("--gtest_fail_fast", "--gtest_brief=1")),
+    Program("tests/unit/korvex_allocation_tests", ("--gtest_fail_fast", "--gtest_brief=1")),
+]
+PROPERTY = "tests/property/korvex_property_tests"
+PROPERTY_CASES = {"RC_PARAMS": "seed=1 max_success=200 noshrink=1"}
+SLOW_PROGRAMS = [
+    Program("tests/unit/korvexd/korvexd_unit_tests"),
+    Program("tests/unit/korvex/korvex_tool_unit_tests"),
+    Program("tests/integration/korvex_damaged_object_tests"),
+    Program("tests/integration/korvexd_integration_tests"),
+    Program("tests/integration/korvex_send_integration_tests"),
+]
+
+
+@dataclass(frozen=True)
+class Verdict:
+    """What became of a mutant, and which test killed it."""
+
+    outcome: str
+    reason: str
+    seconds: float
+
+
+def tree_files(root):
+    listed = subprocess.run(["git", "ls-files", "-co", "--exclude-standard", "-z"], cwd=root,
+                            check=True, capture_output=True).stdout
+    return [name for name in listed.decode().split("\0") if name and (root / name).is_file()]
+
+
+class Workshop:
+    """One job's copy. Made once; later runs only bring it up to date."""
+
+    def __init__(self, root, folder):
+        self.root = root
+        self.source = folder / "source"
+        self.build = folder / "build"
+        self._objects = {}
+        self._optimised = {}
+        self._changed = None
+        self._patience = {}
+
+    def prepare(self, jobs):
+        self._copy_tree()
+        self._configure()
+        scripts = sorted(str(path) for path in self.source.glob("tests/property/scripts/*.script"))
+        self.stages = [
+            UNIT_PROGRAMS,
+            [Program(PROPERTY, ("--script", *scripts)),
+             Program(PROPERTY, ("--gtest_fail_fast", "--gtest_brief=1"), PROPERTY_CASES)]]
+        everything = [program for stage in self.stages for program in stage] + SLOW_PROGRAMS
+        failed = self._make([program.path for program in everything], jobs)
+        if failed:
+            raise SystemExit("the tree does not build:\n" + failed)
+        for program in everything[:-len(SLOW_PROGRAMS)]:
+            self._note_time(program, run(program, self.build, LONGEST_PATIENCE))
+        self._time_shards()
+
+    def _copy_tree(self):
+        names = tree_files(self.root)
+        for stale in set(tree_of(self.source)) - set(names):
+            (self.source / stale).unlink()
+        for name in names:
+            copy_if_changed(self.root / name, self.source / name)
+
+    def _configure(self):
+        speed = pathlib.Path(__file__).parent / "speed.cmake"
+        subprocess.run(["cmake", "-S", self.source, "-B", self.build, "-G", "Ninja",
+                        "-DCMAKE_BUILD_TYPE=None", "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON",
+                        "-DCMAKE_CXX_FLAGS=-O0 -w", f"-DCMAKE_PROJECT_korvex_INCLUDE={speed}",
+                        "-DKORVEX_BUILD_TESTS=ON", "-DKORVEX_WERROR=OFF"],
+                       check=True, stdout=subprocess.DEVNULL)
+
+    def _time_shards(self):
+        self._patience.update({program: LONGEST_PATIENCE for program in SLOW_PROGRAMS})
+        for (program, _), ending in zip(shards(), self._run_shards()):
+            self._note_time(program, ending)
+
+    def _note_time(self, program, ending):
+        if ending.complaint:
+            raise SystemExit("without any mutant: " + ending.complaint)
+        patience = SHORTEST_PATIENCE + PATIENCE_FACTOR * ending.seconds
+        known = self._patience.get(program, LONGEST_PATIENCE)
+        self._patience[program] = patience if known == LONGEST_PATIENCE else max(known, patience)
+
+    def _make(self, targets, jobs=1):
+        """The errors; empty when all is built."""
+        done = subprocess.run(["ninja", "-C", self.build, "-j", str(jobs), *targets],
+                              capture_output=True, text=True)
+        return "" if done.returncode == 0 else done.stdout[-2000:] or done.stderr
+
+    def try_mutant(self, mutant):
+        started = time.monotonic()
+        self._leave_file_of_another(mutant)
+        self._remember_objects(mutant.file)
+        place = self.source / mutant.file
+        original = (self.root / mutant.file).read_text()
+        place.write_text(mutant.applied_to(original))
+        try:
+            outcome, reason = self._judge(mutant)
+        finally:
+            place.write_text(original)
+        return Verdict(outcome, reason, time.monotonic() - started)
+
+    def _leave_file_of_another(self, mutant):
+        """Builds the file before anew, so that its objects are the original's again."""
+        if self._changed not in (None, mutant.file):
+            self._make([program.path for stage in self.stages for program in stage] +
+                       [program.path for program in SLOW_PROGRAMS])
+        self._changed = mutant.file
+
+    def _judge(self, mutant):
+        for stage in self.stages:
+            failed = self._make([program.path for program in stage])
+            if failed:
+                return INVALID, first_error(failed)
+            if stage is self.stages[0] and self._has_same_objects(mutant.file):
+                return EQUIVALENT, "the same machine code without optimisation"
+            for program in stage:
+                complaint = run(program, self.build, self._patience[program]).complaint
+                if complaint:
+                    return KILLED, complaint
+        if self._is_same_optimised(mutant):
+            return EQUIVALENT, "the same machine code with optimisation"
+        return self._judge_slowly()
+
+    def _judge_slowly(self):
+        failed = self._make([program.path for program in SLOW_PROGRAMS])
+        if failed:
+            return INVALID, first_error(failed)
+        # These wait for other processes, and much runs at once: only what fails again counts.
+        for shard, ending in zip(shards(), self._run_shards()):
+            if ending.complaint and self._run_shard(shard).complaint:
+                return KILLED, ending.complaint
+        return SURVIVED, ""
+
+    def _run_shards(self):
+        """All at once: they mostly wait."""
+        with ThreadPoolExecutor(2 * SHARDS) as pool:
+            return list(pool.map(self._run_shard, shards()))
+
+    def _run_shard(self, shard):
+        program, environment = shard
+        return run(program, self.build, self._patience[program], environment)
+
+    def _units(self, file):
+        """The compile commands of what includes the file, by object."""
+        return {name: words for name, words in self._commands().items()
+                if name in self._includers(file)}
+
+    def _commands(self):
+        database = subprocess.run(["ninja", "-C", self.build, "-t", "compdb"], check=True,
+                                  capture_output=True, text=True).stdout
+        return {entry["output"]: shlex.split(entry["command"]) for entry in json.loads(database)
+                if entry["output"].endswith(".cpp.o")}
+
+    def _includers(self, file):
+        """All objects that are made from the file, as the compiler noted when it made them."""
+        listed = subprocess.run(["ninja", "-C", self.build, "-t", "deps"], check=True,
+                                capture_output=True, text=True).stdout
+        names, current = set(), ""
+        wanted = os.path.normpath(self.source / file)
+        for line in listed.splitlines():
+            if line and not line.startswith(" "):
+                current = line.split(": #deps")[0]
+            elif os.path.normpath(self.build / line.strip()) == wanted:
+                names.add(current)
+        return names
+
+    def _remember_objects(self, file):
+        if file in self._objects:
+            return
+        self._objects[file] = {name: digest(self.build / name) for name in self._includers(file)
+                               if name.endswith(".cpp.o")}
+
+    def _has_same_objects(self, file):
+        """Only for sources: in a header, functions that nobody calls here leave no code."""
+        objects = self._objects[file]
+        return file.endswith(".cpp") and objects and all(
+            digest(self.build / name) == known for name, known in objects.items())
+
+    def _is_same_optimised(self, mutant):
+        if mutant.file.startswith("include/"):
+            return False
+        place = self.source / mutant.file
+        changed = place.read_text()
+        units = self._units(mutant.file)
+        if mutant.file not in self._optimised:
+            place.write_text((self.root / mutant.file).read_text())
+            self._optimised[mutant.file] = {name: self._optimise(words)
+                                            for name, words in units.items()}
+            place.write_text(changed)
+        known = self._optimised[mutant.file]
+        return bool(units) and all(self._optimise(words) == known[name]
+                                   for name, words in units.items())
+
+    def _optimise(self, words):
+        """The digest of the unit's object as the optimiser makes it."""
+        place = self.build / "optimised.o"
+        command = list(words)
+        command[command.index("-o") + 1] = str(place)
+        for option in ("-MF", "-MT"):
+            if option in command:
+                command[command.index(option) + 1] = str(place) + ".d"
+        done = subprocess.run([*command, *OPTIMISED], cwd=self.build, capture_output=True)
+        return digest(place) if done.returncode == 0 else object()
+
+
+def shards():
+    return [(program, {"GTEST_TOTAL_SHARDS": str(SHARDS), "GTEST_SHARD_INDEX": str(index)})
+            for program in SLOW_PROGRAMS for index in range(SHARDS)]
+
+
+def tree_of(folder):
+    return [str(path.relative_to(folder)) for path in folder.rglob("*") if path.is_file()]
+
+
+def copy_if_changed(original, copy):
+    if copy.is_file() and copy.read_bytes() == original.read_bytes():
+        return
+    copy.parent.mkdir(parents=True, exist_ok=True)
+    shutil.copyfile(original, copy)
+    shutil.copymode(original, copy)
+
+
+def digest(path):
+    return hashlib.sha256(path.read_bytes()).hexdigest() if path.is_file() else ""
+
+
+def first_error(output):
+    errors = [line for line in output.splitlines() if "error" in line]
+    return errors[0].strip()[:200] if errors else output[-200:]
