@@ -11,7 +11,18 @@ constexpr int kFreshByte = 0xa5;
 thread_local std::size_t takenBlocks = 0;
 thread_local std::size_t freedBlocks = 0;
 
+thread_local std::size_t allocationsBeforeFailure = 0;  // 0: none will fail
+thread_local AllocationFailure::Kind failureKind{};
+thread_local bool hasFailed = false;
+
+bool mustFail() noexcept {
+  if (hasFailed && failureKind == AllocationFailure::Kind::Lasting) return true;
+  if (allocationsBeforeFailure == 0 || --allocationsBeforeFailure > 0) return false;
+  return hasFailed = true;
+}
+
 void* take(std::size_t size, std::size_t alignment) noexcept {
+  if (mustFail()) return nullptr;
   // aligned_alloc wants whole multiples; a size near the end of the address space must not wrap.
   const std::size_t rounded = (size + alignment - 1) / alignment * alignment;
   if (rounded < size) return nullptr;
@@ -48,6 +59,18 @@ std::ptrdiff_t AllocationCounter::kept() const noexcept {
   return static_cast<std::ptrdiff_t>(taken()) -
          static_cast<std::ptrdiff_t>(freedBlocks - freedBefore_);
 }
+
+AllocationFailure::AllocationFailure(std::size_t number, Kind kind) noexcept {
+  allocationsBeforeFailure = number;
+  failureKind = kind;
+}
+
+AllocationFailure::~AllocationFailure() {
+  allocationsBeforeFailure = 0;
+  hasFailed = false;
+}
+
+bool AllocationFailure::happened() const noexcept { return hasFailed; }
 
 // Asked by the sanitizers' runtimes when they start.
 extern "C" {

@@ -29,4 +29,19 @@ class AllocationCounter {
   std::size_t freedBefore_;
 };
 
+/// Makes allocations of the calling thread fail while it lives: the one with this number (1 is the
+/// next), and with `Lasting` all after it too.
+class AllocationFailure {
+ public:
+  enum class Kind { Single, Lasting };
+
+  AllocationFailure(std::size_t number, Kind kind) noexcept;
+  ~AllocationFailure();
+  AllocationFailure(const AllocationFailure&) = delete;
+  AllocationFailure& operator=(const AllocationFailure&) = delete;
+
+  /// Whether any has failed.
+  bool happened() const noexcept;
+};
+
 #endif
