@@ -29,8 +29,10 @@ void printEntry(std::ostream& stream, const ShmBatch::Entry& entry) {
 }
 
 /// Plain digits need a stream of the library's own; the caller's flags and locale stay out of it.
+/// It throws when memory runs out: half a text would look like a whole one.
 std::ostringstream plainStream() {
   std::ostringstream stream;
+  stream.exceptions(std::ios::badbit);
   stream.imbue(std::locale::classic());
   return stream;
 }

@@ -370,6 +370,19 @@ TEST_P(AllocationFailures, PrintingAHeader) {
   EXPECT_GE(failEachOf([&] { print(qmx_shm_message_t(), expected); }), 1u);
 }
 
+TEST_P(AllocationFailures, PrintingAnEntry) {
+  const std::string expected = "type=1, len=3, crc=38600999";
+  EXPECT_GE(failEachOf([&] { print(record(1, "abc"), expected); }), 1u);
+}
+
+TEST_P(AllocationFailures, PrintingABatch) {
+  ShmBatch batch(64);
+  batch.pushBack(record(1, "abc"));
+  const std::string expected =
+      "ShmBatch: entries=1, bufferSize=64, used=59, [0]: type=1, len=3, crc=38600999";
+  EXPECT_GE(failEachOf([&] { print(batch, expected); }), 2u);
+}
+
 TEST_P(AllocationFailures, PrintingSettings) {
   const ServerInfo info("srv", "u", "pw", "cfg", "r1", "r2", "/k");
   const std::string expected =
