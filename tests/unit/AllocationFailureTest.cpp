@@ -14,6 +14,7 @@
 #include "korvex/ShmBatch.h"
 #include "korvex/ShmWriter.h"
 #include "korvex/UniqueIdGenerator.h"
+#include "shm/MessageQueue.h"
 #include "support/DaemonQueues.h"
 #include "support/SharedObject.h"
 #include "support/ThrownError.h"
@@ -493,4 +494,19 @@ TEST_P(AllocationFailures, LoggingWritesAWholeLineOrNothing) {
 TEST_P(AllocationFailures, CopyingAnError) {
   const Ov_ErrnoException error(9, kLong, kLong);
   EXPECT_EQ(failEachOf([&] { Ov_ErrnoException copy(error); }), 2u);
+}
+
+// The daemon's way to a queue. A name that is left would keep the next daemon from starting.
+TEST_P(AllocationFailures, CreatingAQueueLeavesNoName) {
+  const std::string name = korvex_test::uniqueQueueName("created");
+  const auto create = [&] {
+    const korvex::MessageQueue queue(name, {4, 100}, 0600);
+    EXPECT_TRUE(korvex::MessageQueue::remove(name));
+  };
+  EXPECT_GE(failEachOf(create,
+                       [&] {
+                         EXPECT_FALSE(korvex::MessageQueue::remove(name)) << "left behind";
+                         EXPECT_FALSE(korvex::MessageQueue::remove(name + ".room"));
+                       }),
+            2u);
 }
