@@ -61,6 +61,7 @@ class Workshop:
         self.root = root
         self.source = folder / "source"
         self.build = folder / "build"
+        self._originals = {}
         self._objects = {}
         self._optimised = {}
         self._changed = None
@@ -120,7 +121,7 @@ class Workshop:
         self._leave_file_of_another(mutant)
         self._remember_objects(mutant.file)
         place = self.source / mutant.file
-        original = (self.root / mutant.file).read_text()
+        original = self._originals.setdefault(mutant.file, place.read_text())
         place.write_text(mutant.applied_to(original))
         try:
             outcome, reason = self._judge(mutant)
@@ -212,7 +213,7 @@ class Workshop:
         changed = place.read_text()
         units = self._units(mutant.file)
         if mutant.file not in self._optimised:
-            place.write_text((self.root / mutant.file).read_text())
+            place.write_text(self._originals[mutant.file])
             self._optimised[mutant.file] = {name: self._optimise(words)
                                             for name, words in units.items()}
             place.write_text(changed)
