@@ -1,0 +1,162 @@
+#include <gmock/gmock.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <tuple>
+
+#include "integration/DaemonFixture.h"
+#include "integration/support/Child.h"
+#include "integration/support/FailingCalls.h"
+
+using test_support::FailingCalls;
+using test_support::FailureOrder;
+using test_support::Process;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+namespace {
+
+constexpr std::size_t kPieceSize = 100000;
+
+// Making the folder, opening it, making the data file, four writes, its sync; the manifest's open,
+// write, sync and rename; the folder's sync and rename, the parent's sync.
+constexpr int kCalls = 15;
+
+/// What a producer hears, whenever it hears it.
+korvex::qmx_shm_response_t outcomeOf(korvex::ShmWriter& writer, const std::string& text,
+                                     unsigned timeout) {
+  try {
+    writer.open();
+    for (std::size_t at = 0; at < text.size(); at += kPieceSize) {
+      const std::size_t size = std::min(kPieceSize, text.size() - at);
+      writer.writeSegment(reinterpret_cast<const unsigned char*>(text.data()) + at, size);
+    }
+    writer.endSegment();
+    writer.close();
+    test_support::eventually([&] {
+      writer.flush_shm_buffer(timeout);
+      return writer.getResponse().message[0] != 0;
+    });
+  } catch (const Ov_ErrnoException&) {
+    // The reply is there, and looked at by the caller.
+  }
+  return writer.getResponse();
+}
+
+class FailingSink
+    : public DaemonFixture,
+      public testing::WithParamInterface<std::tuple<const char*, int, FailureOrder::Kind>> {
+ protected:
+  static int error() { return std::get<1>(GetParam()); }
+  static FailureOrder::Kind kind() { return std::get<2>(GetParam()); }
+
+  std::unique_ptr<Process> startFailing() {
+    std::vector<std::string> command = calls_.prefix();
+    command.insert(command.end(), {KORVEXD_PROGRAM, "--queue", queue_, "--output", output_});
+    auto daemon = std::make_unique<Process>(command);
+    EXPECT_TRUE(awaitServing(*daemon)) << daemon->errors();
+    return daemon;
+  }
+
+  korvex::qmx_shm_response_t send() const { return outcomeOf(*writer(), text_, kTimeout); }
+
+  /// A stream while the call with this number fails. Whether there was such a call.
+  bool sendWhileCallFails(int call) {
+    calls_.fail(call, error(), kind());
+    const auto reply = send();
+    if (!calls_.stop()) return false;
+    EXPECT_EQ(reply.status, 5u) << reply.message;
+    EXPECT_THAT(reply.message, HasSubstr(": error " + std::to_string(error()) + " (" +
+                                         std::strerror(error()) + ")"));
+    return true;
+  }
+
+  /// When the folder has its final name, all is on the disk but perhaps that name; a disk that then
+  /// takes nothing more cannot take it back either.
+  static bool keepsFinalName(int call) {
+    return call == kCalls && kind() == FailureOrder::Kind::Lasting;
+  }
+
+  FailingCalls calls_{output_, folder_ / "orders"};
+  const std::string text_ = std::string(700000, 'x');
+};
+
+std::string nameOf(const testing::TestParamInfo<FailingSink::ParamType>& info) {
+  const bool isSingle = std::get<2>(info.param) == FailureOrder::Kind::Single;
+  return std::get<0>(info.param) + std::string(isSingle ? "Once" : "FromThenOn");
+}
+
+std::vector<FailingSink::ParamType> troubles() {
+  std::vector<FailingSink::ParamType> all;
+  for (const auto kind : {FailureOrder::Kind::Single, FailureOrder::Kind::Lasting}) {
+    all.emplace_back("NoSpace", ENOSPC, kind);
+    all.emplace_back("Quota", EDQUOT, kind);
+    all.emplace_back("ReadOnly", EROFS, kind);
+    all.emplace_back("Broken", EIO, kind);
+  }
+  return all;
+}
+
+INSTANTIATE_TEST_SUITE_P(, FailingSink, testing::ValuesIn(troubles()), nameOf);
+
+}  // namespace
+
+TEST_P(FailingSink, IsToldAtEveryCallAndTheNextStreamIsStored) {
+  const auto daemon = startFailing();
+  std::size_t stored = 0;
+  for (int call = 1; call <= kCalls; ++call) {
+    SCOPED_TRACE("call " + std::to_string(call));
+    ASSERT_TRUE(sendWhileCallFails(call));
+    if (keepsFinalName(call)) ++stored;
+    ASSERT_EQ(streams(false).size(), stored);
+    ASSERT_TRUE(stored == 0 || dataOf(streams(false).back()) == text_);
+    EXPECT_THAT(send().message, StartsWith("stored bytes=700000 "));
+    ASSERT_EQ(streams(false).size(), ++stored);
+    ASSERT_TRUE(dataOf(streams(false).back()) == text_);
+  }
+  EXPECT_FALSE(sendWhileCallFails(kCalls + 1)) << "a call that nobody has looked at";
+  end(*daemon);
+}
+
+namespace {
+
+/// A daemon whose output folder is a disk of its own, of 256 KiB.
+class FullDisk : public DaemonFixture {
+ protected:
+  std::unique_ptr<Process> startOnSmallDisk() {
+    const std::string script = "mount -t tmpfs -o size=256k none \"$0\" || exit 99; exec \"$@\"";
+    auto daemon = std::make_unique<Process>(std::vector<std::string>{
+        "/usr/bin/unshare", test_support::isRoot() ? "-m" : "-Urm", "/bin/sh", "-c", script,
+        output_, KORVEXD_PROGRAM, "--queue", queue_, "--output", output_});
+    if (!awaitServing(*daemon)) return nullptr;
+    output_ = "/proc/" + std::to_string(daemon->id()) + "/root" + output_;
+    return daemon;
+  }
+};
+
+bool canMount() {
+  Process trial({"/usr/bin/unshare", test_support::isRoot() ? "-m" : "-Urm", "/bin/sh", "-c",
+                 "mount -t tmpfs none /mnt"});
+  return trial.wait() == 0;
+}
+
+}  // namespace
+
+TEST_F(FullDisk, FailsTheStreamAndTakesTheNextOneWhenThereIsRoomAgain) {
+  if (!canMount()) GTEST_SKIP() << "no mount namespace of one's own";
+  const auto daemon = startOnSmallDisk();
+  ASSERT_NE(daemon, nullptr);
+  const auto reply = outcomeOf(*writer(), std::string(700000, 'x'), kTimeout);
+  EXPECT_EQ(reply.status, 5u);
+  EXPECT_STREQ(reply.message, "writing data: error 28 (No space left on device)");
+  EXPECT_THAT(streams(false), IsEmpty());
+  ASSERT_EQ(streams(true).size(), 1u);
+
+  std::filesystem::remove_all(output_ + "/" + streams(true)[0]);
+  EXPECT_THAT(outcomeOf(*writer(), std::string(100000, 'x'), kTimeout).message,
+              StartsWith("stored bytes=100000 "));
+  EXPECT_EQ(streams(false).size(), 1u);
+  end(*daemon);
+}
