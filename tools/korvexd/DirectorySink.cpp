@@ -67,9 +67,10 @@ void DirectorySink::publish() {
     isFinal_ = true;
     return;
   }
-  // Not known to be on the disk: the producer is told so, and the name must not say otherwise.
+  // Not known to be on the disk: the producer is told so, and the name must not say otherwise. A
+  // disk that takes nothing any more leaves it as it is.
   const int error = errno;
-  ::renameat(parent, name_.c_str(), parent, partial.c_str());
+  isFinal_ = ::renameat(parent, name_.c_str(), parent, partial.c_str()) != 0;
   throw SystemError("syncing output folder", error);
 }
 
