@@ -76,7 +76,13 @@ void DirectorySink::publish() {
 
 void DirectorySink::abandon(const StreamSummary& summary, const std::string& reason) {
   const std::string manifest = manifestOf(summary, sha256_.hex(), reason);
-  replaceFile(folder_.descriptor(), kManifestName, manifest, kFileMode, kWritingManifest);
+  try {
+    replaceFile(folder_.descriptor(), kManifestName, manifest, kFileMode, kWritingManifest);
+  } catch (const SystemError&) {
+    // There may be room where there was none, or in a file that exists already.
+    writeGathered();
+    throw;
+  }
   writeGathered();
 }
 

@@ -191,6 +191,14 @@ TEST_F(DirectorySinkTest, KeepsAnIncompleteStreamPartialAndSaysWhy) {
   EXPECT_EQ(contentsOf(file(kPartial, "data")), "abc");
 }
 
+TEST_F(DirectorySinkTest, KeepsTheDataWhereTheManifestCannotBeWritten) {
+  const auto sink = open();
+  writeText(*sink, "abc");
+  folder_.makeFolder(std::string(kPartial) + "/manifest.json.tmp");
+  EXPECT_THROW(sink->abandon(kSummary, "stopped"), SystemError);
+  EXPECT_EQ(contentsOf(file(kPartial, "data")), "abc");
+}
+
 TEST_F(DirectorySinkTest, ACrashLeavesThePartialFolder) {
   auto sink = open();
   writeText(*sink, std::string(1000000, 'x'));
