@@ -22,7 +22,7 @@ BITS = {"<<": ">>", ">>": "<<", "|": "&", "&": "|", "^": "|",
         "<<=": ">>=", ">>=": "<<=", "|=": "&=", "&=": "|=", "^=": "|="}
 LOGICAL = {"&&": "||", "||": "&&"}
 EXTREMES = {"min": "max", "max": "min"}
-ORDER_DOES_NOT_MATTER = {"min", "max", "swap"}
+ORDER_DOES_NOT_MATTER = {"min", "max", "swap", "_mm_add_epi32", "_mm_or_si128"}
 
 
 @dataclass(frozen=True)

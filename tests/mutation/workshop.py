@@ -26,6 +26,7 @@ SHARDS = 6
 UNIT_PROGRAMS = [
     Program("tests/unit/korvex_unit_tests", ("--gtest_fail_fast", "--gtest_brief=1")),
     Program("tests/unit/korvex_lock_tests", ("--gtest_fail_fast", "--gtest_brief=1")),
+    Program("tests/unit/korvex_pause_tests", ("--gtest_fail_fast", "--gtest_brief=1")),
     Program("tests/unit/korvex_allocation_tests", ("--gtest_fail_fast", "--gtest_brief=1")),
 ]
 PROPERTY = "tests/property/korvex_property_tests"
