@@ -112,15 +112,22 @@ StreamSession::Answer StreamSession::takeInStream(const Entry& record) {
 
 /// Gaps are right: a record that a writer refused has used up its number. But a stream that cut
 /// another one off may not have any: the other producer may live, and what it still sends, its
-/// close too, would be taken for this stream's.
+/// close too, would be taken for this stream's. And none may be before the close: a writer whose
+/// last write failed closes all the same when it is destroyed, and the data ends too early.
 std::string StreamSession::sequenceDefectOf(const Header& header) const {
   const std::uint64_t next = lastSequence_ + (records_ == 1 ? kStepAfterOpen : 1);
   if (cutOffAnother_ && header.sequence != next) {
     return recordText(header) + ": expected sequence " + std::to_string(next) +
            "; two producers on one queue?";
   }
-  if (header.sequence > lastSequence_) return "";
-  return recordText(header) + ": expected a sequence above " + std::to_string(lastSequence_);
+  if (header.sequence <= lastSequence_) {
+    return recordText(header) + ": expected a sequence above " + std::to_string(lastSequence_);
+  }
+  if (header.type == kTypeClose && header.sequence != next) {
+    return recordText(header) + ": expected sequence " + std::to_string(next) +
+           "; the last record before the close is missing";
+  }
+  return "";
 }
 
 StreamSession::Answer StreamSession::takeData(const Entry& record) {

@@ -145,7 +145,21 @@ TEST_F(StreamSessionTest, StartsTheDigestAnewForEachStream) {
 TEST_F(StreamSessionTest, AcceptsGapsInTheSequence) {
   take(kOpen, 0);
   take(kData, 1000000000000, "a");
+  take(kSegmentEnd, 18446744073709551614u);
   EXPECT_EQ(take(kClose, 18446744073709551615u)->status, 0u);
+}
+
+TEST_F(StreamSessionTest, RefusesACloseWithoutTheRecordBeforeIt) {
+  take(kOpen, 0);
+  take(kData, 2, "a");
+  expectFailure(take(kClose, 4), 32,
+                "record type 3 sequence 4: expected sequence 3; the last record before the close "
+                "is missing");
+  EXPECT_FALSE(fate().complete);
+  take(kOpen, 0);
+  expectFailure(take(kClose, 3), 32,
+                "record type 3 sequence 3: expected sequence 2; the last record before the close "
+                "is missing");
 }
 
 TEST_F(StreamSessionTest, RefusesASequenceThatStandsStill) {
