@@ -19,7 +19,7 @@ constexpr unsigned kTimeoutSeconds = 1;
 
 /// How a producer ended, as it prints it: "OUTCOME RECEIPTS LONGEST_MS".
 struct Ending {
-  std::string outcome;     ///< complete, no-receipt, wrong-receipt, or failed
+  std::string outcome;     ///< complete, no-receipt or failed
   std::uint64_t receipts;  ///< streams for which the daemon said that they are stored
   double longestMs;        ///< the longest call of the library
 };
