@@ -76,16 +76,15 @@ void StreamSession::startStream(const Header& header) {
 
 /// Records when no stream is open, or in what is left of a failed one.
 StreamSession::Answer StreamSession::takeOutside(const Header& header) {
-  const bool ends = header.type == kTypeClose || header.type == kTypeStop;
-  if (ends && state_ == State::Failed) {
-    // A writer that stopped still closes when it goes.
-    state_ = header.type == kTypeStop ? State::Stopped : State::Idle;
+  const bool isClose = header.type == kTypeClose;
+  const bool isAgain = state_ == State::Ended && header.sequence > lastSequence_;
+  if (isClose && isAgain) {
+    state_ = State::Idle;
     return {};
   }
-  // A stop may come without a stream, and a writer that stopped still closes when it goes.
-  if (header.type == kTypeStop) return {};
-  if (header.type == kTypeClose && state_ == State::Stopped) {
-    state_ = State::Idle;
+  // A stop may come without a stream.
+  if (header.type == kTypeStop || (isClose && state_ == State::Failed)) {
+    endWith(header);
     return {};
   }
   if (state_ != State::Failed) {
@@ -93,6 +92,13 @@ StreamSession::Answer StreamSession::takeOutside(const Header& header) {
   }
   stats_.add(Count::DroppedRecords);
   return {};
+}
+
+/// A writer that stopped is still open, and so is one whose close failed because it met a failure
+/// reply: both close when they are destroyed. An answer to that would reach the next producer.
+void StreamSession::endWith(const Header& header) {
+  state_ = State::Ended;
+  lastSequence_ = header.sequence;
 }
 
 StreamSession::Answer StreamSession::takeInStream(const Entry& record) {
@@ -105,8 +111,8 @@ StreamSession::Answer StreamSession::takeInStream(const Entry& record) {
   ++records_;
   if (header.type == kTypeSegmentData) return takeData(record);
   finishSegment();
-  if (header.type == kTypeClose) return takeClose();
-  if (header.type == kTypeStop) return takeStop();
+  if (header.type == kTypeClose) return takeClose(header);
+  if (header.type == kTypeStop) return takeStop(header);
   return {};
 }
 
@@ -151,26 +157,26 @@ void StreamSession::finishSegment() {
   segmentHasData_ = false;
 }
 
-StreamSession::Answer StreamSession::takeClose() {
+StreamSession::Answer StreamSession::takeClose(const Header& header) {
   const StreamSummary whole = summary();
   try {
     sink_->complete(whole);
   } catch (const std::exception& error) {
     const Answer answer = fail(kStatusSinkFailed, error.what());
-    state_ = State::Idle;
+    endWith(header);
     return answer;
   }
   stats_.add(Count::StreamsComplete);
   spdlog::info("{}: stream complete, {} bytes in {} segments, xxh128 {}, {}", queue_, whole.bytes,
                whole.segments, whole.xxh128, sink_->place());
   sink_.reset();
-  state_ = State::Idle;
+  endWith(header);
   return receiptOf(whole.bytes, whole.xxh128);
 }
 
-StreamSession::Answer StreamSession::takeStop() {
+StreamSession::Answer StreamSession::takeStop(const Header& header) {
   leaveIncomplete("stopped by the producer");
-  state_ = State::Stopped;
+  endWith(header);
   return {};
 }
 

@@ -50,7 +50,7 @@ class StreamSession {
     Idle,
     Open,
     Failed,  ///< the rest of the stream is dropped
-    Stopped  ///< a producer that gave up may still close
+    Ended    ///< closed or stopped; its producer may close once more
   };
 
   Answer takeOpen(const korvex::qmx_shm_message_t& header);
@@ -58,10 +58,11 @@ class StreamSession {
   Answer takeInStream(const korvex::ShmBatch::Entry& record);
   std::string sequenceDefectOf(const korvex::qmx_shm_message_t& header) const;
   Answer takeData(const korvex::ShmBatch::Entry& record);
-  Answer takeClose();
-  Answer takeStop();
+  Answer takeClose(const korvex::qmx_shm_message_t& header);
+  Answer takeStop(const korvex::qmx_shm_message_t& header);
   Answer refuse(const std::string& text);
   Answer fail(ov_status_t status, const std::string& text);
+  void endWith(const korvex::qmx_shm_message_t& header);
   void startStream(const korvex::qmx_shm_message_t& header);
   void finishSegment();
   void leaveIncomplete(const std::string& reason);

@@ -204,9 +204,10 @@ TEST_F(StreamSessionTest, RefusesRecordsOutsideOfAStream) {
   for (const std::uint32_t type : {kData, kSegmentEnd, kClose}) {
     take(kOpen, 0);
     take(kClose, 2);
+    take(kClose, 3);
     expectFailure(
-        take(type, 3), 32,
-        "record type " + std::to_string(type) + " sequence 3: no stream is open, expected type 0");
+        take(type, 4), 32,
+        "record type " + std::to_string(type) + " sequence 4: no stream is open, expected type 0");
   }
 }
 
@@ -272,6 +273,32 @@ TEST_F(StreamSessionTest, AStopWithoutStreamIsFine) {
   EXPECT_FALSE(take(kStop, 1));
   EXPECT_FALSE(take(kStop, 2));
   EXPECT_EQ(count(Count::StreamsIncomplete), 0u);
+}
+
+TEST_F(StreamSessionTest, AWriterWhoseCloseMetAFailureMayCloseAgain) {
+  for (const int failing : {2, 4}) {
+    failing_ = failing;
+    take(kOpen, 0);
+    take(kClose, 2);
+    EXPECT_FALSE(take(kClose, 3)) << "the reply would reach the next producer";
+    EXPECT_TRUE(take(kClose, 4)) << "twice is enough";
+    failing_ = 0;
+    take(kOpen, 0);
+    EXPECT_EQ(take(kClose, 2)->status, 0u);
+  }
+}
+
+TEST_F(StreamSessionTest, AWriterWhoseCloseMetAnotherStreamsReplyMayCloseAgain) {
+  take(kOpen, 0);
+  EXPECT_EQ(take(kClose, 2)->status, 0u);
+  EXPECT_FALSE(take(kClose, 3));
+}
+
+TEST_F(StreamSessionTest, RefusesASecondCloseThatIsAnotherProducers) {
+  take(kOpen, 0);
+  take(kClose, 2);
+  expectFailure(take(kClose, 2), 32,
+                "record type 3 sequence 2: no stream is open, expected type 0");
 }
 
 TEST_F(StreamSessionTest, TellsWhatASinkFailedOn) {
