@@ -73,6 +73,7 @@ class Lane {
   void finishSurvivors(bool wait);
   void sendNext(Clock::time_point served);
   bool tryNext();
+  std::size_t timesServedAnew() const;
   void lookAtStore();
   void lookAtStream(const std::filesystem::path& folder);
   void lookAtClaims();
@@ -89,6 +90,7 @@ class Lane {
   std::vector<Running> survivors_;
   std::set<std::uint64_t> stored_;
   std::set<std::uint64_t> claimed_;
+  std::uint64_t claims_ = 0;
   std::mt19937_64 dice_;
   std::uint64_t index_ = 0;
   std::uint64_t nextNumber_ = 1;
