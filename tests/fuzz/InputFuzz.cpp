@@ -50,9 +50,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
   Input input(bytes, size);
   const unsigned change = input.byte();
   std::size_t contentSize = input.byte();
-  std::string expected;
   const std::uint8_t* const content = input.piece(contentSize);
-  expected.assign(content, content + contentSize);
+  std::string expected(reinterpret_cast<const char*>(content), contentSize);
   file.set(expected);
 
   static const std::vector<std::string> names = {file.name()};
@@ -65,10 +64,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
       expected.resize(change, '\0');
       file.resize(change);
     }
-    const std::size_t wanted = 1 + input.byte() % sizeof buffer;
+    const std::size_t wanted = input.isEmpty() ? sizeof buffer : 1 + input.byte() % sizeof buffer;
     const std::size_t got = reader.fill(buffer, wanted);
     require(got <= wanted, "no more than asked for");
-    read.append(buffer, buffer + got);
+    read.append(reinterpret_cast<const char*>(buffer), got);
     if (got < wanted) break;
   }
   require(read == expected, "the pieces are the file");

@@ -6,6 +6,7 @@ What a target finds stays in build/fuzz/findings, with the command that replays 
 
 import argparse
 import concurrent.futures
+import os
 import pathlib
 import random
 import re
@@ -15,9 +16,11 @@ import time
 
 SOURCE = pathlib.Path(__file__).resolve().parent.parent.parent
 BUILD = SOURCE / "build/fuzz"
-TARGETS = {"batch": 300, "session": 200, "input": 300, "reply": 140}  # largest inputs, in bytes
+TARGETS = {"batch": 300, "session": 80, "input": 300, "reply": 140}  # largest inputs, in bytes
 AT_ONCE = 2
 NO_LIMIT = 10**9
+# Where memory was taken is not noted, which is half of the work: the replay of a finding says it.
+SANITIZER_OPTIONS = "malloc_context_size=0:quarantine_size_mb=8"
 
 
 def parse(arguments):
@@ -57,9 +60,10 @@ def fuzz(target, options):
     """One target to its end: what it did, and the inputs that broke it."""
     start = time.monotonic()
     log = BUILD / f"{target}.log"
+    environment = {**os.environ, "ASAN_OPTIONS": SANITIZER_OPTIONS}
     with open(log, "w") as file:
         done = subprocess.run([str(part) for part in command(target, options)], stdout=file,
-                              stderr=subprocess.STDOUT)
+                              stderr=subprocess.STDOUT, env=environment)
     said = log.read_text(errors="replace")
     executions = re.search(r"stat::number_of_executed_units:\s*(\d+)", said)
     coverage = re.findall(r"cov: (\d+)", said)
