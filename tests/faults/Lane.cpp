@@ -37,6 +37,9 @@ bool startsWith(const std::string& text, const std::string& start) {
   return text.compare(0, start.size(), start) == 0;
 }
 
+/// How the names of queues begin that a daemon has not finished.
+std::string halfMadeStart(pid_t daemon) { return ".korvexd-" + std::to_string(daemon) + "-"; }
+
 /// What is wrong with stored bytes; nothing when they are a whole stream.
 std::string defectOf(const std::vector<unsigned char>& bytes) {
   if (bytes.size() < Pattern::kHeadSize) return "its head is cut";
@@ -91,7 +94,7 @@ void Lane::startDaemon() {
 
 void Lane::awaitServing() {
   const auto end = Clock::now() + kStartPatience;
-  while (daemon_->said().find("serving " + settings_.name) == std::string::npos) {
+  while (!isServing()) {
     if (daemon_->hasEnded() || Clock::now() >= end) {
       throw std::runtime_error("the daemon does not serve: " + daemon_->said());
     }
@@ -137,6 +140,36 @@ void Lane::run(std::uint64_t index) {
   lookAtClaims();
 }
 
+/// Returns while the daemon makes its queues, or shortly after.
+void Lane::awaitHalfMadeQueue() {
+  while (!hasHalfMadeQueue() && !isServing()) {
+    if (daemon_->hasEnded()) return;
+  }
+}
+
+bool Lane::hasHalfMadeQueue() const {
+  for (const auto& entry : fs::directory_iterator(kSharedMemory)) {
+    if (startsWith(nameOf(entry.path()), halfMadeStart(daemon_->id()))) return true;
+  }
+  return false;
+}
+
+bool Lane::isServing() const {
+  return daemon_->said().find("serving " + settings_.name) != std::string::npos;
+}
+
+/// Now and then the new one is killed as well, while it makes its queues.
+void Lane::restartDaemon() {
+  startDaemon();
+  if (between(dice_, 0, 3) == 0) {
+    awaitHalfMadeQueue();
+    daemon_->killNow();
+    count("  its successor killed while it starts");
+    startDaemon();
+  }
+  awaitServing();
+}
+
 void Lane::killProducer(Running& producer) {
   producer.child->killNow();
   count("producer killed");
@@ -146,8 +179,7 @@ void Lane::killDaemon(Running& producer) {
   daemon_->killNow();
   count("daemon killed");
   survivors_.push_back(std::move(producer));
-  startDaemon();
-  awaitServing();
+  restartDaemon();
 }
 
 void Lane::killBoth(Running& producer) {
@@ -155,8 +187,7 @@ void Lane::killBoth(Running& producer) {
   daemon_->killNow();
   producer.child->killNow();
   count("both killed");
-  startDaemon();
-  awaitServing();
+  restartDaemon();
 }
 
 void Lane::stopProducer(Running& producer) {
@@ -304,7 +335,7 @@ void Lane::lookAtSharedMemory() {
     const std::string name = nameOf(entry.path());
     bool isOurs = startsWith(name, settings_.name);
     for (const pid_t daemon : daemonIds_) {
-      isOurs = isOurs || startsWith(name, ".korvexd-" + std::to_string(daemon) + "-");
+      isOurs = isOurs || startsWith(name, halfMadeStart(daemon));
     }
     if (!isOurs) continue;
     complain(name + " was left in " + kSharedMemory.string());

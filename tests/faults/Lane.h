@@ -62,6 +62,10 @@ class Lane {
 
   void startDaemon();
   void awaitServing();
+  void restartDaemon();
+  void awaitHalfMadeQueue();
+  bool hasHalfMadeQueue() const;
+  bool isServing() const;
   Running startProducer(std::uint64_t streams, std::uint64_t size);
   void killDaemon(Running& producer);
   void killProducer(Running& producer);

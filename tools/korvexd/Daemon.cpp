@@ -9,6 +9,7 @@
 
 #include "korvexd/CutGuard.h"
 #include "korvexd/DiscardSink.h"
+#include "korvexd/TemporaryName.h"
 
 namespace korvexd {
 namespace {
@@ -63,6 +64,9 @@ SinkFactory Daemon::sinkFactory() {
 }
 
 void Daemon::createServers(const Options& options) {
+  for (const std::string& name : removeHalfMadeQueues()) {
+    spdlog::info("removed {}, half made by a daemon that was killed", name);
+  }
   for (const std::string& queue : options.queues) {
     servers_.push_back(std::make_unique<QueueServer>(QueueServer::Settings{
         queue, options.limits, options.mode, options.existing, sinkFactory(), options.capture}));

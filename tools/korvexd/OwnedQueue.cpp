@@ -6,12 +6,12 @@
 
 #include <boost/interprocess/exceptions.hpp>
 #include <cerrno>
-#include <random>
 #include <utility>
 
 #include "korvexd/CutGuard.h"
 #include "korvexd/QueueClaim.h"
 #include "korvexd/SystemError.h"
+#include "korvexd/TemporaryName.h"
 
 namespace korvexd {
 namespace {
@@ -19,14 +19,6 @@ namespace {
 using korvex::MessageQueue;
 
 const std::string kSharedMemoryFolder = "/dev/shm/";
-
-/// The process id alone would not do: daemons in containers share the folder and their small ids,
-/// and one that was killed may have left its temporary name behind.
-std::string temporaryName() {
-  std::random_device random;
-  return ".korvexd-" + std::to_string(::getpid()) + "-" + std::to_string(random()) + "-" +
-         std::to_string(random());
-}
 
 /// The queue library's words alone would name neither the queue nor what it needs.
 [[noreturn]] void throwNotCreated(const std::string& name, MessageQueue::Limits limits, int error) {
@@ -40,7 +32,7 @@ std::string temporaryName() {
 }  // namespace
 
 OwnedQueue::OwnedQueue(std::string name, MessageQueue::Limits limits, mode_t mode)
-    : name_(std::move(name)), presentName_(temporaryName()) {
+    : name_(std::move(name)), presentName_(temporaryQueueName()) {
   create(limits, mode);
   claim_ = openQueueObject(presentName_);
   if (claim_.descriptor() < 0 || !claimQueueObject(claim_)) {
