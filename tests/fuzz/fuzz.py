@@ -16,11 +16,12 @@ import time
 
 SOURCE = pathlib.Path(__file__).resolve().parent.parent.parent
 BUILD = SOURCE / "build/fuzz"
-TARGETS = {"batch": 300, "session": 80, "input": 300, "reply": 140}  # largest inputs, in bytes
+TARGETS = {"batch": 300, "session": 40, "input": 300, "reply": 140}  # largest inputs, in bytes
 AT_ONCE = 2
 NO_LIMIT = 10**9
 # Where memory was taken is not noted, which is half of the work: the replay of a finding says it.
-SANITIZER_OPTIONS = "malloc_context_size=0:quarantine_size_mb=8"
+SANITIZER_OPTIONS = ("malloc_context_size=0:quarantine_size_mb=1:"
+                     "thread_local_quarantine_size_kb=64:max_malloc_fill_size=0")
 
 
 def parse(arguments):
