@@ -3,31 +3,27 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 
 #include "Receipt.h"
-
-struct XXH3_state_s;
+#include "korvexd/Xxh128.h"
 
 namespace korvex::tool {
 
 /// Counts and digests a stream's data as it goes by.
 class StreamDigest {
  public:
-  StreamDigest();
-  ~StreamDigest();
-  StreamDigest(const StreamDigest&) = delete;
-  StreamDigest& operator=(const StreamDigest&) = delete;
-
-  void add(const unsigned char* data, std::size_t size);
+  void add(const unsigned char* data, std::size_t size) noexcept {
+    digest_.update(data, size);
+    bytes_ += size;
+  }
 
   std::uint64_t bytes() const noexcept { return bytes_; }
 
   /// What the daemon's receipt must say of the data so far.
-  Receipt expected() const;
+  Receipt expected() const { return {bytes_, digest_.hex()}; }
 
  private:
-  XXH3_state_s* state_;  ///< owned
+  korvexd::Xxh128 digest_;
   std::uint64_t bytes_ = 0;
 };
 
