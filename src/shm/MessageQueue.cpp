@@ -40,12 +40,21 @@ constexpr bool kBrokenLockPinsMapping = BOOST_VERSION < 107800;
                                     "the shared-memory object is not a sound message queue");
 }
 
+/// A signal may cut the call short, which then has done nothing. Returns the error.
+int allocate(int file, off_t size) {
+  int error = 0;
+  do {
+    error = ::posix_fallocate(file, 0, size);
+  } while (error == EINTR);
+  return error;
+}
+
 /// Gives the object its memory now. Shared memory is sparse otherwise, and the first process that
 /// touches a page which the system does not have is killed, with the lock in its hands.
 void reserve(const std::string& name, off_t size) {
   const int file = ::shm_open(name.c_str(), O_RDWR, 0);
   if (file < 0) throwSystemError(errno);
-  const int error = ::posix_fallocate(file, 0, size);
+  const int error = allocate(file, size);
   ::close(file);
   if (error != 0) throwSystemError(error);
 }
@@ -56,7 +65,7 @@ void tryRoom(const std::string& name, off_t size) {
   const std::string trial = name + ".room";
   const int file = ::shm_open(trial.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
   if (file < 0) throwSystemError(errno);
-  const int error = ::posix_fallocate(file, 0, size);
+  const int error = allocate(file, size);
   ::close(file);
   ::shm_unlink(trial.c_str());
   if (error != 0) throwSystemError(error);
