@@ -1,0 +1,31 @@
+#ifndef TESTS_INTEGRATION_SUPPORT_SHARED_COUNTER_H
+#define TESTS_INTEGRATION_SUPPORT_SHARED_COUNTER_H
+
+#include <atomic>
+#include <string>
+
+namespace test_support {
+
+/// A number that one process counts up and another one reads. May be raised in a signal handler.
+class SharedCounter {
+ public:
+  /// In memory, for a process and its children.
+  SharedCounter();
+
+  /// In a file, made when it is missing, for any program.
+  explicit SharedCounter(const std::string& file);
+
+  ~SharedCounter();
+  SharedCounter(const SharedCounter&) = delete;
+  SharedCounter& operator=(const SharedCounter&) = delete;
+
+  void raise() noexcept { ++*number_; }
+  unsigned value() const noexcept { return *number_; }
+
+ private:
+  std::atomic<unsigned>* number_;
+};
+
+}  // namespace test_support
+
+#endif
