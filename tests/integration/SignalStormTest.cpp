@@ -1,0 +1,173 @@
+// A thousand signals a second, each of which cuts the call at hand short, change nothing.
+
+#include <gmock/gmock.h>
+
+#include <chrono>
+#include <fstream>
+#include <thread>
+
+#include "integration/DaemonFixture.h"
+#include "integration/support/SharedCounter.h"
+#include "integration/support/SignalStorm.h"
+#include "support/DaemonQueues.h"
+#include "support/ThrownError.h"
+
+using test_support::eventually;
+using test_support::SharedCounter;
+using test_support::SignalStorm;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+namespace {
+
+constexpr int kStops = 20;
+constexpr unsigned kSignalsPerStop = 25;
+
+/// The n-th part of a stream.
+std::string piece(std::size_t number) {
+  std::string text;
+  while (text.size() < 3000) text += std::to_string(number * 3000 + text.size()) + " ";
+  return text;
+}
+
+class UnderSignals : public DaemonFixture {
+ protected:
+  /// Stops the daemon again and again, so that the writer has to wait under signals: for room, or
+  /// for the lock that the daemon may have in its hands.
+  void stopAndGo(Process& daemon) const {
+    for (int i = 0; i < kStops; ++i) {
+      daemon.signal(SIGSTOP);
+      const unsigned before = arrived_.value();
+      EXPECT_TRUE(eventually([&] { return arrived_.value() >= before + kSignalsPerStop; }));
+      daemon.signal(SIGCONT);
+    }
+  }
+
+  /// A thread that does this while the test streams. No signal of the storm goes to it.
+  std::thread stopAndGoBeside(Process& daemon, std::atomic<bool>& isOver) const {
+    sigset_t all;
+    sigset_t before;
+    ::sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &before);
+    std::thread thread([this, &daemon, &isOver] {
+      stopAndGo(daemon);
+      isOver = true;
+    });
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return thread;
+  }
+
+  SharedCounter arrived_{folder_ / "signals"};
+};
+
+}  // namespace
+
+TEST_F(UnderSignals, AWriterThatWaitsForRoomMostOfTheTimeSendsEveryByte) {
+  const auto daemon = start({"--max-messages", "1", "--max-message-size", "4K"});
+  const SignalStorm storm(arrived_);
+  const auto to = writer();
+  to->open();
+  std::atomic<bool> isOver{false};
+  std::thread rhythm = stopAndGoBeside(*daemon, isOver);
+  std::string sent;
+  for (std::size_t i = 0; !isOver; ++i) {
+    sent += piece(i);
+    EXPECT_NO_THROW(write(*to, piece(i)));
+  }
+  rhythm.join();
+  to->close();
+  EXPECT_THAT(awaitReply(*to).message,
+              StartsWith("stored bytes=" + std::to_string(sent.size()) + " "));
+  ASSERT_EQ(streams(false).size(), 1u);
+  EXPECT_TRUE(dataOf(streams(false)[0]) == sent);
+  end(*daemon);
+}
+
+TEST_F(UnderSignals, AWriterWaitsNeitherShorterNorMuchLonger) {
+  korvex_test::DaemonQueues queues(4096, 1);
+  korvex::ShmWriter to("s", queues.name(), 2, 1, false);
+  const SignalStorm storm(arrived_);
+  to.open();  // fills the queue
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(thrownBy([&] { to.flush_shm_buffer(2); }),
+            (ThrownError{15, "Timed out after waiting 2s to send data to korvexd on stream s"}));
+  const auto waited = std::chrono::steady_clock::now() - start;
+  // It counts in whole seconds of the clock, so that it may begin in the midst of the first.
+  EXPECT_GE(waited, std::chrono::milliseconds(990));
+  EXPECT_LT(waited, test_support::kPatience / 2);
+  EXPECT_GT(arrived_.value(), 100u);
+  queues.takeBatch();
+  to.stop(false);
+  queues.takeBatch();
+  to.close();
+}
+
+#ifdef KORVEX_SIGNAL_STORM
+
+namespace {
+
+/// Programs that have the storm from their beginning to their end.
+class ProgramsUnderSignals : public UnderSignals {
+ protected:
+  std::vector<std::string> underSignals(const std::vector<std::string>& command) const {
+    std::vector<std::string> words = {
+        "/usr/bin/env", "LD_PRELOAD=" KORVEX_SIGNAL_STORM,
+        std::string(test_support::kStormCounterVariable) + "=" + (folder_ / "signals")};
+    words.insert(words.end(), command.begin(), command.end());
+    return words;
+  }
+
+  std::vector<std::string> daemonCommand() const {
+    return {KORVEXD_PROGRAM, "--queue",         queue_,           "--output", output_,
+            "--stats",       folder_ / "stats", "--max-messages", "2"};
+  }
+
+  std::string file(std::size_t pieces) const {
+    std::ofstream file(folder_ / "file", std::ios::binary);
+    for (std::size_t i = 0; i < pieces; ++i) file << piece(i);
+    return folder_ / "file";
+  }
+};
+
+}  // namespace
+
+// Shared memory is reserved by a call that a signal cuts short.
+TEST_F(ProgramsUnderSignals, ADaemonStartsServesAndEndsTimeAndAgain) {
+  for (int i = 1; i <= 10; ++i) {
+    Process daemon(underSignals(daemonCommand()));
+    ASSERT_TRUE(eventually([&] {
+      return daemon.errors().find("serving " + queue_ + ",") != std::string::npos ||
+             daemon.wait(std::chrono::milliseconds(0));
+    }));
+    EXPECT_EQ(stream("abc"), "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950");
+    end(daemon);
+    EXPECT_FALSE(test_support::queueExists(queue_));
+  }
+  EXPECT_EQ(streams(false).size(), 10u);
+  EXPECT_GT(arrived_.value(), 10u);
+}
+
+TEST_F(ProgramsUnderSignals, APipeArrivesByteByByte) {
+  Process daemon(underSignals(daemonCommand()));
+  ASSERT_TRUE(awaitServing(daemon)) << daemon.errors();
+  const std::string content = file(5000);
+  // Many small writes with pauses between them, so that the reader has to wait.
+  const std::string line =
+      "for i in 1 2 3 4 5; do sleep 0.05; dd bs=1000 if=\"$0\" 2>/dev/null; done | \"$@\"";
+  std::vector<std::string> command = {"/bin/bash", "-c", line, content};
+  for (const std::string& word :
+       underSignals({KORVEX_PROGRAM, "send", "--quiet", "--queue", queue_}))
+    command.push_back(word);
+  Process sender(command);
+  EXPECT_EQ(sender.wait(), 0) << sender.errors();
+  EXPECT_EQ(sender.errors(), "");
+  ASSERT_EQ(streams(false).size(), 1u);
+  const std::string once = test_support::contentsOf(content);
+  EXPECT_TRUE(dataOf(streams(false)[0]) == once + once + once + once + once);
+  EXPECT_GT(arrived_.value(), 100u);
+  end(daemon);
+}
+
+#endif
