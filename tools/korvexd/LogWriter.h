@@ -1,0 +1,42 @@
+#ifndef KORVEXD_LOG_WRITER_H
+#define KORVEXD_LOG_WRITER_H
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <thread>
+
+namespace korvexd {
+
+/// Writes lines to a descriptor in a thread of its own, so that those who log never wait for the
+/// reader: a pipe that nobody reads, a terminal that is held, a disk that hangs.
+///
+/// Lines keep their order. While the reader does not keep up, the oldest of kMostLines gives way to
+/// the newest, and a line in their place says how many are missing. The thread takes no signals.
+class LogWriter {
+ public:
+  static constexpr std::size_t kMostLines = 8192;
+
+  /// The descriptor is used as long as the process lives.
+  LogWriter(int descriptor, std::chrono::milliseconds patience);
+
+  /// Waits until everything is written, but no longer than its patience.
+  ~LogWriter();
+  LogWriter(const LogWriter&) = delete;
+  LogWriter& operator=(const LogWriter&) = delete;
+
+  /// Takes a line with its line feed. Never waits for the reader; may be called by any thread.
+  void add(std::string line) noexcept;
+
+ private:
+  struct State;
+
+  const std::chrono::milliseconds patience_;
+  const std::shared_ptr<State> state_;  ///< the thread's too, which may outlive the object
+  std::thread thread_;
+};
+
+}  // namespace korvexd
+
+#endif
