@@ -1,6 +1,7 @@
 #include "shm/MessageQueue.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -40,8 +41,27 @@ constexpr bool kBrokenLockPinsMapping = BOOST_VERSION < 107800;
                                     "the shared-memory object is not a sound message queue");
 }
 
-/// A signal may cut the call short, which then has done nothing. Returns the error.
+/// Keeps signals waiting, for this thread, while it lives.
+class SignalsWait {
+ public:
+  SignalsWait() {
+    sigset_t all;
+    ::sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &before_);
+  }
+  ~SignalsWait() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+  SignalsWait(const SignalsWait&) = delete;
+  SignalsWait& operator=(const SignalsWait&) = delete;
+
+ private:
+  sigset_t before_;
+};
+
+/// Returns the error. A signal makes the system give back what it has allocated so far: a large
+/// object would never be whole under signals that come faster than it grows. Those that cannot be
+/// made to wait are rare.
 int allocate(int file, off_t size) {
+  const SignalsWait signalsWait;
   int error = 0;
   do {
     error = ::posix_fallocate(file, 0, size);
