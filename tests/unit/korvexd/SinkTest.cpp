@@ -245,7 +245,7 @@ TEST_F(DirectorySinkTest, NeverWritesTheManifestThroughAPlantedLink) {
 }
 
 TEST_F(DirectorySinkTest, SharesWithNobodyWhateverTheUmask) {
-  for (const mode_t mask : {0, 022, 077}) {
+  for (const mode_t mask : {0U, 022U, 077U}) {
     const mode_t before = ::umask(mask);
     open("m" + std::to_string(mask))->complete(kSummary);
     ::umask(before);
