@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -52,6 +53,7 @@ constexpr int kPopulateForReading = MADV_POPULATE_READ;
 constexpr int kPopulateForReading = 22;  // as Linux has it from 5.14 on
 #endif
 
+constexpr std::size_t kLongestPath = sizeof "/dev/shm//" + NAME_MAX;
 constexpr std::size_t kLargestObject = std::numeric_limits<off_t>::max();
 
 /// The header's fields as one look found them.
@@ -270,11 +272,13 @@ void QueueView::look(int file) noexcept {
   inode_ = found.st_ino;
 }
 
+/// By the path, because a process that has no descriptor left must not take its queue for gone.
 bool QueueView::isStillNamed(const std::string& name) const noexcept {
-  const File file(name);
+  char path[kLongestPath];
+  const int length = std::snprintf(path, sizeof path, "/dev/shm/%s", name.c_str());
   struct stat found = {};
-  return file.isOpen() && ::fstat(file.descriptor(), &found) == 0 && found.st_dev == device_ &&
-         found.st_ino == inode_;
+  return length > 0 && static_cast<std::size_t>(length) < sizeof path &&
+         ::lstat(path, &found) == 0 && found.st_dev == device_ && found.st_ino == inode_;
 }
 
 std::size_t QueueView::fileSize(std::size_t messages, std::size_t messageSize) noexcept {

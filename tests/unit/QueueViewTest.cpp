@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -187,6 +188,19 @@ TEST(QueueView, NoticesThatTheNameLeadsElsewhere) {
   EXPECT_FALSE(view.isStillNamed(name));
   queue = std::make_unique<RawQueue>(name, 2, 10);
   EXPECT_FALSE(view.isStillNamed(name)) << "another object under the same name";
+}
+
+TEST(QueueView, NeedsNoDescriptorToSeeItsName) {
+  const RawQueue queue(uniqueQueueName(), 2, 10);
+  const QueueView view(queue.name());
+  rlimit before = {};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+  const rlimit none = {0, before.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+  EXPECT_TRUE(view.isStillNamed(queue.name()));
+  EXPECT_TRUE(view.isStillNamed("/" + queue.name()));
+  EXPECT_FALSE(view.isStillNamed(queue.name() + "x"));
+  ::setrlimit(RLIMIT_NOFILE, &before);
 }
 
 TEST(QueueView, MovesItsWindowAlong) {
