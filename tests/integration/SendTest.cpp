@@ -207,7 +207,7 @@ TEST_F(SendCommand, HostileFileNamesAreJustNames) {
 TEST_F(SendCommand, AHostileMissingNameIsToldHarmlessly) {
   const Result result = send({"--json", folder / "\n\x1b[2J\xff"});
   EXPECT_EQ(result.code, 1);
-  EXPECT_THAT(result.errors, HasSubstr("\\x0a\\x1b[2J\xff': No such file or directory\n"));
+  EXPECT_THAT(result.errors, HasSubstr("\\x0a\\x1b[2J\\xff': No such file or directory\n"));
   EXPECT_EQ(result.json()["exitCode"], 1);
   EXPECT_EQ(result.json()["status"], ENOENT);
 }

@@ -6,8 +6,6 @@
 namespace korvex::tool {
 namespace {
 
-constexpr unsigned char kFirstPrintable = 0x20;
-constexpr unsigned char kDelete = 0x7f;
 constexpr double kUnitStep = 1000;
 constexpr std::array<const char*, 6> kUnits = {"B", "kB", "MB", "GB", "TB", "PB"};
 constexpr long kMinute = 60;
@@ -20,16 +18,47 @@ std::string formatted(const char* format, Values... values) {
   return text.data();
 }
 
+unsigned char byteAt(std::string_view text, std::size_t offset) {
+  return static_cast<unsigned char>(text[offset]);
+}
+
+/// Overlong forms, halves of pairs, and numbers behind the last character.
+bool isNoCharacter(unsigned char first, unsigned char second) {
+  return (first == 0xe0 && second < 0xa0) || (first == 0xed && second > 0x9f) ||
+         (first == 0xf0 && second < 0x90) || (first == 0xf4 && second > 0x8f);
+}
+
+/// Bytes of the UTF-8 character that comes first; 0 when none does.
+std::size_t characterSize(std::string_view untrusted) {
+  const unsigned char first = byteAt(untrusted, 0);
+  if (first < 0x80) return 1;
+  const std::size_t size = first >= 0xf0 ? 4 : first >= 0xe0 ? 3 : 2;
+  if (first < 0xc2 || first > 0xf4 || untrusted.size() < size) return 0;
+  for (std::size_t i = 1; i < size; ++i) {
+    if ((byteAt(untrusted, i) & 0xc0) != 0x80) return 0;
+  }
+  return isNoCharacter(first, byteAt(untrusted, 1)) ? 0 : size;
+}
+
+/// There are two ranges of them; terminals obey both.
+bool isControl(std::string_view character) {
+  const unsigned char first = byteAt(character, 0);
+  if (character.size() == 1) return first < 0x20 || first == 0x7f;
+  return first == 0xc2 && byteAt(character, 1) < 0xa0;
+}
+
 }  // namespace
 
 std::string printable(std::string_view untrusted) {
   std::string text;
-  for (const char character : untrusted) {
-    const auto byte = static_cast<unsigned char>(character);
-    if (byte < kFirstPrintable || byte == kDelete) {
-      text += formatted("\\x%02x", static_cast<unsigned>(byte));
+  while (!untrusted.empty()) {
+    const std::size_t size = characterSize(untrusted);
+    if (size != 0 && !isControl(untrusted.substr(0, size))) {
+      text += untrusted.substr(0, size);
+      untrusted.remove_prefix(size);
     } else {
-      text += character;
+      text += formatted("\\x%02x", static_cast<unsigned>(byteAt(untrusted, 0)));
+      untrusted.remove_prefix(1);
     }
   }
   return text;

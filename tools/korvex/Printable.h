@@ -8,8 +8,9 @@
 
 namespace korvex::tool {
 
-/// The text with every control byte as \xNN. File names and a daemon's texts may hold anything, and
-/// a terminal obeys some of it.
+/// The text in UTF-8, with every byte of a control character and every byte that belongs to no
+/// character as \xNN. File names and a daemon's texts may hold anything, and a terminal obeys some
+/// of it.
 std::string printable(std::string_view untrusted);
 
 /// "999 B", "1.0 kB", "2.1 GB": powers of 1000, one decimal.
