@@ -2,9 +2,41 @@
 
 #include <CLI/CLI.hpp>
 
+#include <string>
+#include <vector>
+
 #include "Failure.h"
 
 namespace korvex::tool {
+namespace {
+
+constexpr char kGuard = '\x01';
+
+/// The parser takes a word in brackets for a list, and a file called [] for no file at all. Words
+/// that begin like that are guarded from it by a byte in front.
+std::vector<std::string> guarded(int argumentCount, const char* const* arguments) {
+  std::vector<std::string> words(arguments, arguments + argumentCount);
+  for (std::string& word : words) {
+    if (!word.empty() && (word.front() == '[' || word.front() == kGuard)) word.insert(0, 1, kGuard);
+  }
+  return words;
+}
+
+std::string unguarded(std::string word) {
+  return !word.empty() && word.front() == kGuard ? word.substr(1) : word;
+}
+
+void parse(CLI::App& tool, int argumentCount, const char* const* arguments) {
+  for (CLI::App* const command : tool.get_subcommands([](CLI::App*) { return true; })) {
+    for (CLI::Option* const option : command->get_options()) option->transform(unguarded);
+  }
+  const std::vector<std::string> words = guarded(argumentCount, arguments);
+  std::vector<const char*> pointers;
+  for (const std::string& word : words) pointers.push_back(word.c_str());
+  tool.parse(argumentCount, pointers.data());
+}
+
+}  // namespace
 
 Ending runTool(int argumentCount, const char* const* arguments, const StopSignal& stop,
                const Progress& progress, std::ostream& out, std::ostream& errors) {
@@ -14,7 +46,7 @@ Ending runTool(int argumentCount, const char* const* arguments, const StopSignal
   SendOptions sendOptions;
   declareSend(tool, sendOptions);
   try {
-    tool.parse(argumentCount, arguments);
+    parse(tool, argumentCount, arguments);
     if (tool.get_subcommands().empty()) throw CLI::RequiredError::Subcommand(1);
   } catch (const CLI::ParseError& error) {
     // Help and version leave by the same way; only they end well.

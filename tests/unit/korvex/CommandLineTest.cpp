@@ -165,3 +165,18 @@ TEST_F(CommandLine, RunsTheSubcommand) {
   EXPECT_EQ(runSend({"--quiet", "/dev/null"}), 1);
   EXPECT_THAT(errors.str(), HasSubstr("korvex: queue 'korvex-test-no-such-queue': "));
 }
+
+TEST_F(CommandLine, TakesWordsInBracketsAsTheyAre) {
+  for (const char* name : {"[nothing]", "[]", "[a,b]", "[[a]]"}) {
+    errors.str("");
+    EXPECT_EQ(runSend({name}), 1);
+    EXPECT_EQ(errors.str(),
+              "korvex: cannot read '" + std::string(name) + "': No such file or directory\n");
+  }
+  errors.str("");
+  EXPECT_EQ(runSend({"--timeout", "1", "--", "\x01[]"}), 1);
+  EXPECT_EQ(errors.str(), "korvex: cannot read '\\x01[]': No such file or directory\n");
+  errors.str("");
+  EXPECT_EQ(run({"send", "--queue", "[no-such-queue]", "/dev/null"}), 1);
+  EXPECT_THAT(errors.str(), HasSubstr("queue '[no-such-queue]': No such file or directory"));
+}
