@@ -109,6 +109,15 @@ class DaemonFixture : public testing::Test {
         test_support::contentsOf(output_ + "/" + streamName + "/manifest.json"));
   }
 
+  /// The names in shared memory of queues that a daemon did not finish.
+  static std::vector<std::string> unfinishedQueuesOf(const Process& daemon) {
+    const std::string prefix = ".korvexd-" + std::to_string(daemon.id()) + "-";
+    std::vector<std::string> found;
+    for (const std::string& name : test_support::namesIn("/dev/shm"))
+      if (name.rfind(prefix, 0) == 0) found.push_back(name);
+    return found;
+  }
+
   test_support::TemporaryFolder folder_;
   std::string output_ = folder_.makeFolder("out");
   std::string queue_ = test_support::uniqueQueueName();

@@ -14,8 +14,6 @@
 
 using test_support::contentsOf;
 using test_support::eventually;
-using test_support::namesIn;
-using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
 using RawQueue = boost::interprocess::message_queue;
@@ -120,17 +118,6 @@ class HostileProducer : public DaemonFixture {
     return data;
   }
 
-  /// The names in shared memory that are the daemon's.
-  std::vector<std::string> leftBy(const Process& daemon) const {
-    std::vector<std::string> left;
-    for (const std::string& name : namesIn("/dev/shm")) {
-      const bool isTemporary = name.rfind(".korvexd-" + std::to_string(daemon.id()), 0) == 0;
-      if (isTemporary || name.rfind(queue_, 0) == 0 || name.rfind(other_, 0) == 0)
-        left.push_back(name);
-    }
-    return left;
-  }
-
   const std::string other_ = test_support::uniqueQueueName();
   const test_support::QueueRemover otherRemover_{other_};
   const std::string statsFile_ = folder_ / "stats";
@@ -164,7 +151,9 @@ TEST_F(HostileProducer, HarmsNobodyAndHasNothingStoredThatIsNotWhollyRight) {
   EXPECT_EQ(daemon->wait(std::chrono::milliseconds(0)), std::nullopt) << "it must live";
   EXPECT_EQ(stream(other_, "abc"), "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950");
   end(*daemon);
-  EXPECT_THAT(leftBy(*daemon), IsEmpty());
+  for (const std::string& name : {queue_, queue_ + "Response", other_, other_ + "Response"})
+    EXPECT_FALSE(test_support::queueExists(name)) << name;
+  EXPECT_THAT(unfinishedQueuesOf(*daemon), IsEmpty());
 
   const hostile::Model model = expectedOfHostile();
   std::vector<std::string> right = model.complete();
