@@ -49,7 +49,8 @@ TEST_F(HostileFileNames, AreNothingButNames) {
   ASSERT_GE(names_.size(), 100u);
   const auto daemon = start();
   const std::string files = folder_.makeFolder("files");
-  names_.insert(names_.end(), {"[]", "[a,b]", "[[a]]", "\x01[a]", "\x01\x01"});
+  names_.insert(names_.end(),
+                {"[]", "[a,b]", "[[a]]", "\x01[a]", "\x01\x01", "-\n\x1b[2J \xff'\"$x;*"});
   std::vector<std::string> arguments = {"--quiet", "--"};
   std::string all;
   for (const std::string& name : names_) {
@@ -78,4 +79,12 @@ TEST_F(HostileFileNames, AreToldInOneHarmlessLineWhenTheyAreMissing) {
     // Which it could not be if it were no text.
     EXPECT_EQ(nlohmann::json::parse(sender.output())["message"], line.substr(8));
   }
+}
+
+TEST_F(HostileFileNames, AreToldByteByByteWhereTheyAreNoText) {
+  Process sender = send(folder_.path(), {"--json", "\n\x1b[2J\xff"});
+  EXPECT_EQ(sender.wait(), 1);
+  EXPECT_EQ(sender.errors(),
+            "korvex: cannot read '\\x0a\\x1b[2J\\xff': No such file or directory\n");
+  EXPECT_EQ(nlohmann::json::parse(sender.output())["status"], ENOENT);
 }

@@ -2,7 +2,10 @@
 
 #include <CLI/CLI.hpp>
 
+#include <cerrno>
+#include <ostream>
 #include <string>
+#include <system_error>
 #include <vector>
 
 #include "Failure.h"
@@ -36,10 +39,8 @@ void parse(CLI::App& tool, int argumentCount, const char* const* arguments) {
   tool.parse(argumentCount, pointers.data());
 }
 
-}  // namespace
-
-Ending runTool(int argumentCount, const char* const* arguments, const StopSignal& stop,
-               const Progress& progress, std::ostream& out, std::ostream& errors) {
+Ending runCommand(int argumentCount, const char* const* arguments, const StopSignal& stop,
+                  const Progress& progress, std::ostream& out, std::ostream& errors) {
   CLI::App tool("Sends data through korvex's queues in shared memory.", "korvex");
   tool.set_version_flag("--version", KORVEX_VERSION);
   tool.require_subcommand(0, 1);  // so that an unknown word is named, not called missing
@@ -54,6 +55,26 @@ Ending runTool(int argumentCount, const char* const* arguments, const StopSignal
     return {static_cast<int>(isWrong ? ExitCode::WrongUsage : ExitCode::Success), 0};
   }
   return runSend(sendOptions, stop, sendOptions.quiet ? Progress() : progress, out, errors);
+}
+
+/// What somebody asked for and did not get is a failure, also when the disk is full that it was to
+/// go to.
+Ending withOutput(Ending ending, std::ostream& out, std::ostream& errors) {
+  if (out) errno = 0;
+  if (out.flush()) return ending;
+  const int error = errno;
+  errors << "korvex: cannot write the result to standard output"
+         << (error == 0 ? "" : ": " + std::generic_category().message(error)) << std::endl;
+  const auto failed = static_cast<int>(ExitCode::Failed);
+  return {ending.exitCode == 0 ? failed : ending.exitCode, ending.signal};
+}
+
+}  // namespace
+
+Ending runTool(int argumentCount, const char* const* arguments, const StopSignal& stop,
+               const Progress& progress, std::ostream& out, std::ostream& errors) {
+  const Ending ending = runCommand(argumentCount, arguments, stop, progress, out, errors);
+  return withOutput(ending, out, errors);
 }
 
 }  // namespace korvex::tool

@@ -23,7 +23,6 @@ int runMain(int argumentCount, char** arguments) {
   const Progress progress =
       ::isatty(STDERR_FILENO) == 1 ? Progress(std::cerr, terminalWidth) : Progress();
   const Ending ending = runTool(argumentCount, arguments, stop, progress, std::cout, std::cerr);
-  std::cout.flush();
   if (ending.signal != 0) endBySignal(ending.signal);
   return ending.exitCode;
 }

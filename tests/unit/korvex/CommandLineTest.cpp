@@ -15,6 +15,7 @@ using korvex::tool::StopSignal;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::StartsWith;
 
 /// Runs the tool. Names no queue that exists, so what is accepted ends with exit code 1.
 class CommandLine : public testing::Test {
@@ -179,4 +180,16 @@ TEST_F(CommandLine, TakesWordsInBracketsAsTheyAre) {
   errors.str("");
   EXPECT_EQ(run({"send", "--queue", "[no-such-queue]", "/dev/null"}), 1);
   EXPECT_THAT(errors.str(), HasSubstr("queue '[no-such-queue]': No such file or directory"));
+}
+
+TEST_F(CommandLine, FailsWhenItsOutputCannotBeWritten) {
+  out.setstate(std::ios::badbit);
+  EXPECT_EQ(run({"--help"}), 1);
+  EXPECT_THAT(errors.str(), StartsWith("korvex: cannot write the result to standard output"));
+}
+
+TEST_F(CommandLine, KeepsItsExitCodeWhenItsOutputCannotBeWrittenEither) {
+  out.setstate(std::ios::badbit);
+  EXPECT_EQ(runSend({"--fast"}), 2);
+  EXPECT_THAT(errors.str(), HasSubstr("--fast"));
 }

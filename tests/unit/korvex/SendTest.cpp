@@ -394,12 +394,3 @@ TEST_F(SendStream, JsonTellsAMissingReceipt) {
   EXPECT_THAT(out.str(), HasSubstr(R"("verified":false)"));
   EXPECT_THAT(out.str(), HasSubstr(R"("exitCode":3})"));
 }
-
-TEST_F(SendStream, SaysWhenTheResultCannotBeWritten) {
-  options.json = true;
-  addFile("a", "abc");
-  out.setstate(std::ios::failbit);
-  daemon.serve(replyTo(kClose, 0, kAbcReceipt));
-  EXPECT_EQ(send(), 0);
-  EXPECT_EQ(errors.str(), "korvex: cannot write the result to standard output\n");
-}
