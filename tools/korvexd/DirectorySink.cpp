@@ -37,7 +37,7 @@ DirectorySink::DirectorySink(const File& parent, std::string name, const std::st
 void DirectorySink::write(const unsigned char* data, std::size_t size) {
   sha256_.update(data, size);
   if (size > kGatherSize - gathered_.size()) writeGathered();
-  if (size >= kGatherSize) return data_.writeAll(data, size, kWritingData);
+  if (size >= kGatherSize) return writeData(data, size);
   gathered_.insert(gathered_.end(), data, data + size);
 }
 
@@ -45,9 +45,19 @@ void DirectorySink::writeGathered() {
   // Emptied first: after a failure nobody may write the same bytes once more.
   std::vector<unsigned char> bytes;
   bytes.swap(gathered_);
-  data_.writeAll(bytes.data(), bytes.size(), kWritingData);
+  writeData(bytes.data(), bytes.size());
   bytes.clear();
   bytes.swap(gathered_);
+}
+
+void DirectorySink::writeData(const unsigned char* data, std::size_t size) {
+  data_.writeAll(data, size, kWritingData);
+  written_ += size;
+  if (written_ - onTheWay_ < kWritebackSize) return;
+  // Only a wish. Whether everything has arrived is asked for when the stream closes.
+  ::sync_file_range(data_.descriptor(), static_cast<off64_t>(onTheWay_),
+                    static_cast<off64_t>(written_ - onTheWay_), SYNC_FILE_RANGE_WRITE);
+  onTheWay_ = written_;
 }
 
 void DirectorySink::complete(const StreamSummary& summary) {

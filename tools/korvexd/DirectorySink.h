@@ -1,6 +1,7 @@
 #ifndef KORVEXD_DIRECTORY_SINK_H
 #define KORVEXD_DIRECTORY_SINK_H
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,10 @@ class DirectorySink : public Sink {
  public:
   static constexpr const char* kPartialSuffix = ".partial";
 
+  /// After so many bytes the system is asked to begin writing them to the disk, so that little is
+  /// left for the close, where the producer waits for its receipt.
+  static constexpr std::uint64_t kWritebackSize = std::uint64_t{64} << 20;
+
   /// Takes over the empty folder NAME.partial in `parent`, which outlives the sink. `path` is what
   /// people call the parent.
   DirectorySink(const File& parent, std::string name, const std::string& path);
@@ -30,6 +35,7 @@ class DirectorySink : public Sink {
 
  private:
   void writeGathered();
+  void writeData(const unsigned char* data, std::size_t size);
   void publish();
 
   const File& parent_;
@@ -39,6 +45,8 @@ class DirectorySink : public Sink {
   File folder_;
   File data_;
   Sha256 sha256_;
+  std::uint64_t written_ = 0;
+  std::uint64_t onTheWay_ = 0;           ///< of them, to the disk
   std::vector<unsigned char> gathered_;  ///< small records, until they are worth a write
 };
 
