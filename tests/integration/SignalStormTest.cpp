@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 
 #include <chrono>
+#include <cstdint>
+#include <filesystem>
 #include <fstream>
 #include <thread>
 
@@ -59,6 +61,22 @@ class UnderSignals : public DaemonFixture {
     return thread;
   }
 
+  std::string file(std::size_t pieces) const {
+    std::ofstream file(folder_ / "file", std::ios::binary);
+    for (std::size_t i = 0; i < pieces; ++i) file << piece(i);
+    return folder_ / "file";
+  }
+
+  /// Bytes of the stream that is open; 0 when none is.
+  std::uintmax_t storedSoFar() const {
+    const auto names = streams(true);
+    std::error_code error;
+    const auto size = names.empty()
+                          ? std::uintmax_t{0}
+                          : std::filesystem::file_size(output_ + "/" + names[0] + "/data", error);
+    return error ? 0 : size;
+  }
+
   SharedCounter arrived_{folder_ / "signals"};
 };
 
@@ -104,6 +122,24 @@ TEST_F(UnderSignals, AWriterWaitsNeitherShorterNorMuchLonger) {
   to.close();
 }
 
+TEST_F(UnderSignals, AToolThatIsStoppedTimeAndAgainSendsEveryByte) {
+  const auto daemon = start();
+  Process sender({"/bin/bash", "-c", "exec \"$@\" < <(cat \"$0\")", file(7000), KORVEX_PROGRAM,
+                  "send", "--quiet", "--queue", queue_});
+  unsigned rounds = 0;
+  for (; !sender.wait(std::chrono::milliseconds(0)); ++rounds) {
+    const std::uintmax_t before = storedSoFar();
+    for (const int signal : {SIGSTOP, SIGCONT, SIGWINCH}) sender.signal(signal);
+    ASSERT_TRUE(eventually(
+        [&] { return storedSoFar() > before || sender.wait(std::chrono::milliseconds(0)); }));
+  }
+  EXPECT_EQ(sender.wait(), 0) << sender.errors();
+  ASSERT_EQ(streams(false).size(), 1u);
+  EXPECT_TRUE(dataOf(streams(false)[0]) == test_support::contentsOf(folder_ / "file"));
+  EXPECT_GT(rounds, 10u);
+  end(*daemon);
+}
+
 #ifdef KORVEX_SIGNAL_STORM
 
 namespace {
@@ -122,12 +158,6 @@ class ProgramsUnderSignals : public UnderSignals {
   std::vector<std::string> daemonCommand() const {
     return {KORVEXD_PROGRAM, "--queue",         queue_,           "--output", output_,
             "--stats",       folder_ / "stats", "--max-messages", "2"};
-  }
-
-  std::string file(std::size_t pieces) const {
-    std::ofstream file(folder_ / "file", std::ios::binary);
-    for (std::size_t i = 0; i < pieces; ++i) file << piece(i);
-    return folder_ / "file";
   }
 };
 
