@@ -16,9 +16,9 @@ namespace {
 
 const char kTooMany[] = "Too many open files";
 
-// Fewer are not enough to load a program.
 constexpr unsigned kFewest = 4;
 constexpr unsigned kEnough = 40;
+constexpr int kNotLoaded = 127;  // the exit code of the system's loader
 
 class DescriptorLimit : public DaemonFixture {
  protected:
@@ -53,7 +53,7 @@ TEST_F(DescriptorLimit, KeepsADaemonFromStartingOrDoesNotMatter) {
     ASSERT_TRUE(eventually([&] { return isServingOrOver(daemon); }));
     if (!daemon.wait(std::chrono::milliseconds(0))) {
       end(daemon);
-    } else {
+    } else if (daemon.wait() != kNotLoaded) {
       EXPECT_EQ(daemon.wait(), 1);
       EXPECT_THAT(daemon.errors(), HasSubstr(kTooMany));
       ++refusals;
@@ -83,16 +83,19 @@ TEST_F(DescriptorLimit, KeepsTheToolFromSendingOrDoesNotMatter) {
   const auto daemon = start();
   std::ofstream(folder_ / "file") << "abc";
   unsigned refusals = 0;
+  std::size_t sent = 0;
   for (unsigned limit = kFewest; limit <= kEnough; ++limit) {
     SCOPED_TRACE("limit " + std::to_string(limit));
     Process sender = runWith(limit, {KORVEX_PROGRAM, "send", "--queue", queue_, folder_ / "file"});
-    if (sender.wait() == 0) continue;
+    if (sender.wait() == 0) ++sent;
+    if (sender.wait() == 0 || sender.wait() == kNotLoaded) continue;
     EXPECT_EQ(sender.wait(), 1);
     EXPECT_THAT(sender.errors(), StartsWith("korvex: "));
     EXPECT_THAT(sender.errors(), HasSubstr(kTooMany));
     ++refusals;
   }
   EXPECT_GE(refusals, 1u);
-  EXPECT_EQ(streams(false).size(), kEnough - kFewest + 1 - refusals);
+  EXPECT_GE(sent, 1u);
+  EXPECT_EQ(streams(false).size(), sent);
   end(*daemon);
 }
