@@ -104,9 +104,7 @@ struct MessageQueue::Transport {
   /// Never unmaps this one again. It stays reachable, so that a leak checker sees the intention.
   void pin() noexcept {
     static std::atomic<Transport*> newestPinned{nullptr};
-    olderPinned = newestPinned.load();
-    while (!newestPinned.compare_exchange_weak(olderPinned, this)) {
-    }
+    olderPinned = newestPinned.exchange(this);
   }
 
   ipc::message_queue queue;
