@@ -136,7 +136,7 @@ MessageQueue::MessageQueue(const std::string& name, Limits limits, mode_t mode) 
 
 MessageQueue::~MessageQueue() {
   // Unmapping would leave the thread with a dangling lock; the next robust lock it takes crashes.
-  if (kBrokenLockPinsMapping && transport_ != nullptr && transport_->broken) {
+  if (kBrokenLockPinsMapping && transport_->broken) {
     transport_.release()->pin();
   }
 }
