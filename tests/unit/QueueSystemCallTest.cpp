@@ -1,0 +1,344 @@
+// The queue's units when the system refuses, or when something happens between two of their calls.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <boost/interprocess/exceptions.hpp>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <string>
+
+#include "shm/MessageQueue.h"
+#include "shm/QueueView.h"
+#include "support/DaemonQueues.h"
+#include "support/SharedObject.h"
+#include "unit/SystemCalls.h"
+
+using korvex::MessageQueue;
+using korvex::QueueView;
+using korvex_test::RawQueue;
+using korvex_test::SharedObject;
+using korvex_test::uniqueQueueName;
+using system_calls::failing;
+using system_calls::instead;
+using State = QueueView::State;
+namespace ipc = boost::interprocess;
+
+namespace {
+
+constexpr off_t kLockWordAt = 48;
+constexpr off_t kLockOwnerAt = 56;
+
+class SystemCalls : public testing::Test {
+ protected:
+  ~SystemCalls() override { instead = {}; }
+};
+
+using QueueViewCalls = SystemCalls;
+using MessageQueueCalls = SystemCalls;
+
+const char* pathOf(int file) {
+  static char path[300];
+  const std::string link = "/proc/self/fd/" + std::to_string(file);
+  const ssize_t size = ::readlink(link.c_str(), path, sizeof path - 1);
+  path[size < 0 ? 0 : size] = '\0';
+  return path;
+}
+
+/// Writes to an object that exists already.
+template <typename Value>
+void overwrite(const std::string& name, off_t offset, Value value) {
+  const int file = system_calls::shmOpen(name.c_str(), O_RDWR, 0);
+  EXPECT_EQ(::pwrite(file, &value, sizeof value, offset), ssize_t{sizeof value});
+  ::close(file);
+}
+
+/// What an operation of the queue library fails with.
+struct LibraryError {
+  int code;
+  int systemError;
+};
+
+template <typename Call>
+LibraryError errorOf(Call call) {
+  try {
+    call();
+  } catch (const ipc::interprocess_exception& error) {
+    return {error.get_error_code(), error.get_native_error()};
+  }
+  return {ipc::no_error, 0};
+}
+
+/// The looks are the only ones that do not want to wait for a pipe.
+bool isLook(int flags) { return (flags & O_NONBLOCK) != 0; }
+bool isCreation(int flags) { return (flags & O_CREAT) != 0; }
+
+}  // namespace
+
+TEST_F(QueueViewCalls, ObjectThatTellsNothingOfItselfIsDamaged) {
+  const RawQueue queue(uniqueQueueName(), 4, 300);
+  instead.fstat = [](int, struct stat*) { return failing(EIO); };
+  const QueueView view(queue.name());
+  EXPECT_EQ(view.state(), State::Damaged);
+  EXPECT_EQ(view.systemError(), EIO);
+}
+
+TEST_F(QueueViewCalls, EveryReadThatComesShortMeansDamaged) {
+  const RawQueue queue(uniqueQueueName(), 4, 300);
+  constexpr int kReads = 9;  // the header, and entry and length of each slot
+  for (int shortRead = 0; shortRead <= kReads; ++shortRead) {
+    int reads = 0;
+    instead.pread = [&](int file, void* bytes, std::size_t size, off_t offset) {
+      const bool isShort = reads++ == shortRead;
+      const ssize_t read = system_calls::pread(file, bytes, size, offset);
+      return isShort ? read - 1 : read;
+    };
+    const State expected = shortRead == kReads ? State::Sound : State::Damaged;
+    EXPECT_EQ(QueueView(queue.name()).state(), expected) << "read " << shortRead;
+  }
+}
+
+TEST_F(QueueViewCalls, ObjectThatCannotBeMappedIsUnreachable) {
+  const RawQueue queue(uniqueQueueName(), 4, 300);
+  instead.mmap = [](int) {
+    errno = ENOMEM;
+    return MAP_FAILED;
+  };
+  const QueueView view(queue.name());
+  EXPECT_EQ(view.state(), State::Unreachable);
+  EXPECT_EQ(view.systemError(), ENOMEM);
+  EXPECT_EQ(view.maxMessages(), 0u);
+}
+
+TEST_F(QueueViewCalls, NameCountsAsTakenOverWhenItsObjectCannotBeLookedAt) {
+  const RawQueue queue(uniqueQueueName(), 4, 300);
+  const QueueView view(queue.name());
+  EXPECT_TRUE(view.isStillNamed(queue.name()));
+  instead.fstat = [](int, struct stat*) { return failing(EIO); };
+  EXPECT_FALSE(view.isStillNamed(queue.name()));
+}
+
+// Numbers of files are given anew on each device.
+TEST_F(QueueViewCalls, SameNumberOnAnotherDeviceIsAnotherObject) {
+  const RawQueue queue(uniqueQueueName(), 4, 300);
+  const QueueView view(queue.name());
+  instead.fstat = [](int file, struct stat* found) {
+    const int result = system_calls::fstat(file, found);
+    ++found->st_dev;
+    return result;
+  };
+  EXPECT_FALSE(view.isStillNamed(queue.name()));
+}
+
+TEST_F(QueueViewCalls, SystemThatCannotHavePagesAtHandIsAskedOnce) {
+  RawQueue queue(uniqueQueueName(), 4, 300);
+  queue.post("first", 5);
+  queue.post("second", 6);
+  QueueView view(queue.name());
+  int asked = 0;
+  instead.madvise = [&](void*, std::size_t size, int) {
+    EXPECT_EQ(size, 1520u);
+    ++asked;
+    return failing(EINVAL);
+  };
+  EXPECT_EQ(view.fetchNext(), 0u);
+  EXPECT_EQ(view.fetchNext(), 0u);
+  EXPECT_EQ(asked, 1);
+}
+
+namespace {
+
+/// A queue whose lock names an owner, and what the system says of that.
+class LockOwner : public SystemCalls {
+ protected:
+  LockOwner() {
+    overwrite(queue_.name(), kLockWordAt, std::uint32_t{1});
+    overwrite(queue_.name(), kLockOwnerAt, kOwner);
+    instead.kill = [](pid_t process, int signal) {
+      EXPECT_EQ(process, kOwner);
+      EXPECT_EQ(signal, 0);
+      return 0;
+    };
+  }
+
+  void systemTells(const std::string& text) {
+    instead.open = [](const char* path) {
+      EXPECT_STREQ(path, "/proc/4711/stat");
+      return 999;  // any number: nothing real is read
+    };
+    instead.read = [text](int, void* bytes, std::size_t size) {
+      EXPECT_LT(text.size(), size);
+      std::memcpy(bytes, text.data(), text.size());
+      return static_cast<ssize_t>(text.size());
+    };
+  }
+
+  bool isGone() const { return QueueView(queue_.name()).isLockOwnerGone(); }
+
+  static constexpr pid_t kOwner = 4711;
+  RawQueue queue_{uniqueQueueName(), 4, 300};
+};
+
+}  // namespace
+
+TEST_F(LockOwner, IsGoneAsAZombieAndWhenDead) {
+  systemTells("4711 (a) Z 1 ");
+  EXPECT_TRUE(isGone());
+  systemTells("4711 (a) X 1 ");
+  EXPECT_TRUE(isGone());
+}
+
+TEST_F(LockOwner, LivesInEveryOtherState) {
+  for (const char* state : {"R", "S", "D", "T", "t", "I"}) {
+    systemTells("4711 (a) " + std::string(state) + " 1 ");
+    EXPECT_FALSE(isGone()) << state;
+  }
+}
+
+TEST_F(LockOwner, MayHaveAnyName) {
+  systemTells("4711 (a) Z) S 1 ");
+  EXPECT_FALSE(isGone());
+  systemTells("4711 (a) S) Z 1 ");
+  EXPECT_TRUE(isGone());
+}
+
+TEST_F(LockOwner, LivesWhenTheSystemTellsNothingThatCanBeUnderstood) {
+  for (const char* text : {"", "4711 a Z", "4711 (a)", "4711 (a)Z"}) {
+    systemTells(text);
+    EXPECT_FALSE(isGone()) << text;
+  }
+  instead.read = [](int, void*, std::size_t) { return failing(ESRCH); };
+  EXPECT_FALSE(isGone());
+  instead.open = [](const char*) { return failing(ENOENT); };
+  EXPECT_FALSE(isGone());
+}
+
+TEST_F(LockOwner, IsGoneWhenThereIsNoSuchProcessOnly) {
+  systemTells("4711 (a) S 1 ");
+  instead.kill = [](pid_t, int) { return failing(ESRCH); };
+  EXPECT_TRUE(isGone());
+  instead.kill = [](pid_t, int) { return failing(EPERM); };
+  EXPECT_FALSE(isGone());
+}
+
+TEST_F(LockOwner, MayGiveTheLockBackMeanwhile) {
+  instead.kill = [this](pid_t, int) {
+    overwrite(queue_.name(), kLockWordAt, std::uint32_t{0});
+    return failing(ESRCH);
+  };
+  EXPECT_FALSE(isGone());
+}
+
+TEST_F(LockOwner, MayBeFollowedByAnotherMeanwhile) {
+  instead.kill = [this](pid_t, int) {
+    overwrite(queue_.name(), kLockOwnerAt, pid_t{4712});
+    return failing(ESRCH);
+  };
+  EXPECT_FALSE(isGone());
+}
+
+TEST_F(LockOwner, IsNobodyWhenNoneIsNamed) {
+  instead.kill = [](pid_t process, int) {
+    ADD_FAILURE() << "asked for " << process;
+    return 0;
+  };
+  overwrite(queue_.name(), kLockOwnerAt, pid_t{0});
+  EXPECT_FALSE(isGone());
+  overwrite(queue_.name(), kLockOwnerAt, pid_t{-1});
+  EXPECT_FALSE(isGone());
+}
+
+TEST_F(MessageQueueCalls, CreationWithoutLimitsIsASizeError) {
+  const std::string name = uniqueQueueName();
+  EXPECT_EQ(errorOf([&] { MessageQueue(name, {0, 100}, 0600); }).code, ipc::size_error);
+  EXPECT_EQ(errorOf([&] { MessageQueue(name, {4, 0}, 0600); }).code, ipc::size_error);
+  EXPECT_FALSE(MessageQueue::remove(name));
+}
+
+TEST_F(MessageQueueCalls, TrialOfTheRoomFailsWithTheSystemsReasonAndLeavesNothing) {
+  const std::string name = uniqueQueueName();
+  instead.shmOpen = [](const char*, int, mode_t) { return failing(EMFILE); };
+  EXPECT_EQ(errorOf([&] { MessageQueue(name, {4, 100}, 0600); }).systemError, EMFILE);
+  instead = {};
+  instead.posixFallocate = [](int file, off_t offset, off_t size) {
+    EXPECT_NE(std::strstr(pathOf(file), ".room"), nullptr);
+    EXPECT_EQ(offset, 0);
+    EXPECT_EQ(size, 208 + 4 * (8 + 16 + 104));
+    return ENOSPC;
+  };
+  const int before = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  EXPECT_EQ(errorOf([&] { MessageQueue(name, {4, 100}, 0600); }).systemError, ENOSPC);
+  ::close(before);
+  const int after = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  EXPECT_EQ(after, before) << "a descriptor was kept";
+  ::close(after);
+  EXPECT_FALSE(MessageQueue::remove(name + ".room"));
+  EXPECT_FALSE(MessageQueue::remove(name));
+}
+
+TEST_F(MessageQueueCalls, QueueWhoseMemoryCannotBeReservedIsRemoved) {
+  const std::string name = uniqueQueueName();
+  instead.posixFallocate = [](int file, off_t offset, off_t size) {
+    const bool isTrial = std::strstr(pathOf(file), ".room") != nullptr;
+    return isTrial ? system_calls::posixFallocate(file, offset, size) : ENOSPC;
+  };
+  EXPECT_EQ(errorOf([&] { MessageQueue(name, {4, 100}, 0600); }).systemError, ENOSPC);
+  EXPECT_FALSE(MessageQueue::remove(name));
+}
+
+TEST_F(MessageQueueCalls, QueueThatCannotBeReachedAgainIsRemoved) {
+  const std::string name = uniqueQueueName();
+  instead.shmOpen = [](const char* path, int flags, mode_t mode) {
+    if (!isCreation(flags) && !isLook(flags)) return failing(EMFILE);
+    return system_calls::shmOpen(path, flags, mode);
+  };
+  EXPECT_EQ(errorOf([&] { MessageQueue(name, {4, 100}, 0600); }).systemError, EMFILE);
+  EXPECT_FALSE(MessageQueue::remove(name));
+}
+
+TEST_F(MessageQueueCalls, QueueThatDoesNotLookSoundIsRemoved) {
+  const std::string name = uniqueQueueName();
+  instead.shmOpen = [](const char* path, int flags, mode_t mode) {
+    return isLook(flags) ? failing(EMFILE) : system_calls::shmOpen(path, flags, mode);
+  };
+  EXPECT_EQ(errorOf([&] { MessageQueue(name, {4, 100}, 0600); }).code, ipc::corrupted_error);
+  EXPECT_FALSE(MessageQueue::remove(name));
+}
+
+// Between the look and the library's opening by name somebody puts another queue there.
+TEST_F(MessageQueueCalls, QueueThatIsReplacedWhileItIsOpenedIsLookedAtAnew) {
+  auto queue = std::make_unique<RawQueue>(uniqueQueueName(), 4, 300);
+  const std::string name = queue->name();
+  bool isReplaced = false;
+  instead.shmOpen = [&](const char* path, int flags, mode_t mode) {
+    if (!isLook(flags) && !std::exchange(isReplaced, true)) {
+      queue.reset();
+      queue = std::make_unique<RawQueue>(name, 4, 500);
+    }
+    return system_calls::shmOpen(path, flags, mode);
+  };
+  const auto deadline = MessageQueue::Clock::now() + std::chrono::hours(1);
+  const MessageQueue opened(name, deadline);
+  EXPECT_EQ(opened.maxMessageSize(), 500u);
+}
+
+TEST_F(MessageQueueCalls, QueueThatIsFinishedMeanwhileIsOpened) {
+  const std::string name = uniqueQueueName();
+  auto unfinished = std::make_unique<SharedObject>(name);
+  std::unique_ptr<RawQueue> queue;
+  int looks = 0;
+  instead.shmOpen = [&](const char* path, int flags, mode_t mode) {
+    if (isLook(flags) && ++looks == 2) {
+      unfinished.reset();
+      queue = std::make_unique<RawQueue>(name, 4, 300);
+    }
+    return system_calls::shmOpen(path, flags, mode);
+  };
+  const auto deadline = MessageQueue::Clock::now() + std::chrono::hours(1);
+  const MessageQueue opened(name, deadline);
+  EXPECT_EQ(opened.maxMessageSize(), 300u);
+  EXPECT_EQ(looks, 3) << "one for what is unfinished, one for the queue, one for its name";
+}

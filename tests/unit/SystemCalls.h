@@ -1,0 +1,40 @@
+#ifndef TESTS_UNIT_SYSTEM_CALLS_H
+#define TESTS_UNIT_SYSTEM_CALLS_H
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <cstddef>
+#include <functional>
+
+/// Stands between a test program and the system: the program's own definitions of these calls come
+/// before the system's, and do what the test wants or else what the system does.
+namespace system_calls {
+
+/// What a test wants instead; empty for what the system does.
+struct Instead {
+  std::function<int(const char* name, int flags, mode_t mode)> shmOpen;
+  std::function<int(int file, off_t offset, off_t size)> posixFallocate;
+  std::function<int(int file, struct stat* found)> fstat;
+  std::function<void*(int file)> mmap;  ///< only of files
+  std::function<ssize_t(int file, void* bytes, std::size_t size, off_t offset)> pread;
+  std::function<int(const char* path)> open;
+  std::function<ssize_t(int file, void* bytes, std::size_t size)> read;
+  std::function<int(pid_t process, int signal)> kill;
+  std::function<int(void* memory, std::size_t size, int advice)> madvise;
+};
+
+extern Instead instead;
+
+// What the system does.
+int shmOpen(const char* name, int flags, mode_t mode);
+int posixFallocate(int file, off_t offset, off_t size);
+int fstat(int file, struct stat* found);
+ssize_t pread(int file, void* bytes, std::size_t size, off_t offset);
+
+/// Sets errno and gives what a failing call does.
+int failing(int error);
+
+}  // namespace system_calls
+
+#endif
