@@ -13,7 +13,9 @@ import random
 import resource
 import sys
 import threading
+import time
 
+from journal import Journal, fingerprint_of
 from mutants import all_mutants
 from report import Explanations, Report, Tried
 from workshop import Workshop
@@ -33,6 +35,10 @@ def parse(arguments):
                         help="mutants of this file; may be given several times")
     parser.add_argument("--sample", type=int, metavar="N", help="N mutants, chosen at random")
     parser.add_argument("--seed", type=int, default=1, help="for the choice (default: 1)")
+    parser.add_argument("--seconds", type=float, default=float("inf"), metavar="S",
+                        help="begin with no further mutant after this time; the report is partial")
+    parser.add_argument("--resume", action="store_true",
+                        help="keep what earlier runs found in this very tree")
     parser.add_argument("--list", action="store_true", help="show the mutants and try none")
     return parser.parse_args(arguments)
 
@@ -77,17 +83,22 @@ def bundles_of(mutants):
 class Run:
     """The jobs at work, and what they found so far."""
 
-    def __init__(self, mutants):
-        self._bundles = bundles_of(mutants)
+    def __init__(self, mutants, journal, deadline):
+        self.tried = journal.known(mutants)
+        known = {tried.mutant for tried in self.tried}
+        self._bundles = bundles_of([mutant for mutant in mutants if mutant not in known])
         self._count = len(mutants)
+        self._journal = journal
+        self._deadline = deadline
         self._lock = threading.Lock()
-        self.tried = []
         self.failure = None
 
     def work(self, workshop):
         try:
-            while self.failure is None:
+            while True:
                 for mutant in self._bundles.get_nowait():
+                    if self.failure or time.monotonic() > self._deadline:
+                        return
                     self._note(Tried(mutant, workshop.try_mutant(mutant)))
         except queue.Empty:
             pass
@@ -97,22 +108,24 @@ class Run:
     def _note(self, tried):
         with self._lock:
             self.tried.append(tried)
+            self._journal.note(tried)
             mutant, verdict = tried.mutant, tried.verdict
             place = f"{mutant.file}:{mutant.line} {mutant.operator}"
             print(f"{len(self.tried)}/{self._count} {verdict.outcome:10} {place}: "
                   f"{verdict.reason or mutant.after}", flush=True)
 
 
-def prepare(jobs):
+def prepare(jobs, fingerprint):
     workshops = [Workshop(ROOT, OUTPUT / f"job-{number}") for number in range(1, jobs + 1)]
     for number, workshop in enumerate(workshops, 1):
         print(f"building copy {number} of {jobs}", flush=True)
-        workshop.prepare(jobs)
+        workshop.prepare(jobs, fingerprint)
     return workshops
 
 
-def try_all(mutants, workshops):
-    run = Run(mutants)
+def try_all(run, workshops):
+    before = core_seconds()
+    already = len(run.tried)
     threads = [threading.Thread(target=run.work, args=(workshop,)) for workshop in workshops]
     for thread in threads:
         thread.start()
@@ -120,7 +133,8 @@ def try_all(mutants, workshops):
         thread.join()
     if run.failure:
         raise run.failure
-    return run.tried
+    cost = (core_seconds() - before) / max(len(run.tried) - already, 1)
+    print(f"{cost:.2f} s of one core for each mutant")
 
 
 def core_seconds():
@@ -128,25 +142,39 @@ def core_seconds():
     return used.ru_utime + used.ru_stime
 
 
-def main():
-    options = parse(sys.argv[1:])
-    mutants = chosen_mutants(options)
-    if options.list:
-        for mutant in mutants:
-            print(f"{mutant.file}:{mutant.line} {mutant.operator}\n    {mutant.before}\n"
-                  f"    {mutant.after}")
-        print(f"{len(mutants)} mutants")
-        return 0
-    workshops = prepare(options.jobs)
-    before = core_seconds()
-    tried = try_all(mutants, workshops)
-    report = Report(tried, Explanations(EXPLANATIONS), WANTED_PERCENT, core_seconds() - before)
+def show(mutants):
+    for mutant in mutants:
+        print(f"{mutant.file}:{mutant.line} {mutant.operator}\n    {mutant.before}\n"
+              f"    {mutant.after}")
+    print(f"{len(mutants)} mutants")
+
+
+def reported(run, mutants):
+    """Whether all is well; says so."""
+    report = Report(run.tried, Explanations(EXPLANATIONS), WANTED_PERCENT)
     report.write(OUTPUT)
     print(report.summary())
+    missing = len(mutants) - len(run.tried)
+    if missing > 0:
+        print(f"not tried yet: {missing} of {len(mutants)}; go on with --resume")
     for each in report.unexplained():
         print(f"not explained: {each.mutant.file}:{each.mutant.line} {each.mutant.operator}\n"
               f"    {each.mutant.before}\n    {each.mutant.after}")
-    return 0 if report.is_good() else 1
+    return report.is_good() and missing == 0
+
+
+def main():
+    options = parse(sys.argv[1:])
+    deadline = time.monotonic() + options.seconds
+    mutants = chosen_mutants(options)
+    if options.list:
+        show(mutants)
+        return 0
+    fingerprint = fingerprint_of(ROOT)
+    run = Run(mutants, Journal(OUTPUT / "journal.jsonl", fingerprint, options.resume), deadline)
+    if len(run.tried) < len(mutants):
+        try_all(run, prepare(options.jobs, fingerprint))
+    return 0 if reported(run, mutants) else 1
 
 
 if __name__ == "__main__":

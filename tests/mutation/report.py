@@ -55,10 +55,9 @@ class Explanations:
 class Report:
     """All that were tried in one run."""
 
-    def __init__(self, tried, explanations, wanted, core_seconds):
+    def __init__(self, tried, explanations, wanted):
         self._tried = sorted(tried, key=lambda each: each.mutant.number)
         self.wanted = wanted
-        self._core_seconds = core_seconds
         self.counts = Counter(each.verdict.outcome for each in tried)
         self.reasons = {each.mutant: explanations.of(each.mutant) for each in self.survivors()}
         self.unused = explanations.unused({each.mutant.file for each in tried})
@@ -81,13 +80,11 @@ class Report:
         return self.share >= self.wanted and not self.unexplained()
 
     def summary(self):
-        cost = self._core_seconds / max(len(self._tried), 1)
         return (f"{self.counts[KILLED]} of {self.total} mutants killed, {self.share:.1f} % "
                 f"(wanted: {self.wanted} %); {self.counts[SURVIVED]} survived, "
                 f"{len(self.unexplained())} of them without an explanation; "
                 f"{self.counts[EQUIVALENT]} make the same machine code and "
-                f"{self.counts[INVALID]} do not compile, both outside the total; "
-                f"{cost:.2f} s of one core each")
+                f"{self.counts[INVALID]} do not compile, both outside the total")
 
     def write(self, folder):
         folder.mkdir(parents=True, exist_ok=True)

@@ -27,6 +27,7 @@ UNIT_PROGRAMS = [
     Program("tests/unit/korvex_unit_tests", ("--gtest_fail_fast", "--gtest_brief=1")),
     Program("tests/unit/korvex_lock_tests", ("--gtest_fail_fast", "--gtest_brief=1")),
     Program("tests/unit/korvex_pause_tests", ("--gtest_fail_fast", "--gtest_brief=1")),
+    Program("tests/unit/korvex_system_call_tests", ("--gtest_fail_fast", "--gtest_brief=1")),
     Program("tests/unit/korvex_allocation_tests", ("--gtest_fail_fast", "--gtest_brief=1")),
 ]
 PROPERTY = "tests/property/korvex_property_tests"
@@ -63,13 +64,15 @@ class Workshop:
         self.root = root
         self.source = folder / "source"
         self.build = folder / "build"
+        self._proof = folder / "passes-unchanged.json"
         self._originals = {}
         self._objects = {}
         self._optimised = {}
         self._changed = None
         self._patience = {}
 
-    def prepare(self, jobs):
+    def prepare(self, jobs, fingerprint):
+        """Builds everything and sees all tests pass; not again in a tree where they once did."""
         self._copy_tree()
         self._configure()
         scripts = sorted(str(path) for path in self.source.glob("tests/property/scripts/*.script"))
@@ -77,13 +80,31 @@ class Workshop:
             UNIT_PROGRAMS,
             [Program(PROPERTY, ("--script", *scripts)),
              Program(PROPERTY, ("--gtest_fail_fast", "--gtest_brief=1"), PROPERTY_CASES)]]
-        everything = [program for stage in self.stages for program in stage] + SLOW_PROGRAMS
-        failed = self._make([program.path for program in everything], jobs)
+        quick = [program for stage in self.stages for program in stage]
+        failed = self._make([program.path for program in quick + SLOW_PROGRAMS], jobs)
         if failed:
             raise SystemExit("the tree does not build:\n" + failed)
-        for program in everything[:-len(SLOW_PROGRAMS)]:
+        if not self._is_proved(fingerprint):
+            self._prove(quick, fingerprint)
+
+    def _is_proved(self, fingerprint):
+        known = json.loads(self._proof.read_text()) if self._proof.is_file() else {}
+        self._patience = known.get("patience", {})
+        return known.get("fingerprint") == fingerprint
+
+    def _prove(self, quick, fingerprint):
+        self._patience = {}
+        for program in quick:
             self._note_time(program, run(program, self.build, LONGEST_PATIENCE))
-        self._time_shards()
+        for (program, _), ending in zip(shards(), self._run_shards()):
+            self._note_time(program, ending)
+        self._proof.write_text(json.dumps({"fingerprint": fingerprint, "patience": self._patience}))
+
+    def _note_time(self, program, ending):
+        if ending.complaint:
+            raise SystemExit("without any mutant: " + ending.complaint)
+        patience = SHORTEST_PATIENCE + PATIENCE_FACTOR * ending.seconds
+        self._patience[program.path] = max(patience, self._patience.get(program.path, 0))
 
     def _copy_tree(self):
         names = tree_files(self.root)
@@ -99,18 +120,6 @@ class Workshop:
                         "-DCMAKE_CXX_FLAGS=-O0 -w", f"-DCMAKE_PROJECT_korvex_INCLUDE={speed}",
                         "-DKORVEX_BUILD_TESTS=ON", "-DKORVEX_WERROR=OFF"],
                        check=True, stdout=subprocess.DEVNULL)
-
-    def _time_shards(self):
-        self._patience.update({program: LONGEST_PATIENCE for program in SLOW_PROGRAMS})
-        for (program, _), ending in zip(shards(), self._run_shards()):
-            self._note_time(program, ending)
-
-    def _note_time(self, program, ending):
-        if ending.complaint:
-            raise SystemExit("without any mutant: " + ending.complaint)
-        patience = SHORTEST_PATIENCE + PATIENCE_FACTOR * ending.seconds
-        known = self._patience.get(program, LONGEST_PATIENCE)
-        self._patience[program] = patience if known == LONGEST_PATIENCE else max(known, patience)
 
     def _make(self, targets, jobs=1):
         """The errors; empty when all is built."""
@@ -146,7 +155,7 @@ class Workshop:
             if stage is self.stages[0] and self._has_same_objects(mutant.file):
                 return EQUIVALENT, "the same machine code without optimisation"
             for program in stage:
-                complaint = run(program, self.build, self._patience[program]).complaint
+                complaint = run(program, self.build, self._patience[program.path]).complaint
                 if complaint:
                     return KILLED, complaint
         if self._is_same_optimised(mutant):
@@ -170,7 +179,8 @@ class Workshop:
 
     def _run_shard(self, shard):
         program, environment = shard
-        return run(program, self.build, self._patience[program], environment)
+        patience = self._patience.get(program.path, LONGEST_PATIENCE)
+        return run(program, self.build, patience, environment)
 
     def _units(self, file):
         """The compile commands of what includes the file, by object."""
