@@ -336,6 +336,21 @@ TEST_F(WriterTrace, TellsTheStepsOfOpen) {
                   "flush_shm_buffer: Sending shm batch of 1", "write_data: leave", "open: leave"));
 }
 
+TEST_F(WriterTrace, TellsOfASegmentAndItsEnd) {
+  DaemonQueues queues;
+  openOn(queues);
+  platform_double::setTracing(true);
+  writer().writeSegment(data_.data(), 3);
+  writer().endSegment();
+  EXPECT_THAT(
+      platform_double::traceLines(),
+      ElementsAre("writeSegment: enter", "write_data: enter",
+                  "write_data: write header.type =1, len=3, timeout=60s", "write_data: leave",
+                  "writeSegment: leave", "endSegment: enter", "write_data: enter",
+                  "write_data: write header.type =2, len=0, timeout=60s", "write_data: leave",
+                  "endSegment: leave"));
+}
+
 TEST_F(WriterTrace, TellsOfARedundantSegmentEnd) {
   DaemonQueues queues;
   openOn(queues);
