@@ -107,6 +107,11 @@ TEST_F(AllocationTest, BatchThatGetsNoMemoryLeaksNothing) {
   EXPECT_EQ(counter.kept(), 0);
 }
 
+TEST_F(AllocationTest, BatchLargerThanTheAddressSpaceLeaksNothing) {
+  EXPECT_THROW(ShmBatch{1ul << 63}, std::bad_alloc);
+  EXPECT_EQ(counter.kept(), 0);
+}
+
 TEST_F(AllocationTest, TraceOfABatchShowsTheLow32BitsOfItsSize) {
   platform_double::setTracing(true);
   EXPECT_THROW(ShmBatch{kImpossibleSize}, std::bad_alloc);
