@@ -2,35 +2,78 @@
 
 import hashlib
 import json
+import re
 
 from report import Tried
-from workshop import Verdict, tree_files
+from workshop import EQUIVALENT, INVALID, SURVIVED, Verdict, tree_files
 
 # What the verdicts depend on; pages and explanations may change meanwhile.
 DECISIVE = ("src/", "include/", "platform/", "tools/", "tests/", "cmake/", "CMakeLists.txt")
 WITHOUT_INFLUENCE = "tests/mutation/survivors.json"
 
+# What the quick tests depend on beside the file that a test is written in.
+GROUND = re.compile(r"(src|include|platform|cmake|tests/support)/.*|CMakeLists\.txt"
+                    r"|tests/(unit|property)/[^/]*(?<!Test)\.(h|cpp)")
+QUICK_TESTS = re.compile(r"tests/(unit|property)/[^/]*Test\.cpp")
+TEST = re.compile(r"^TEST(?:_F|_P)?\((\w+),\s*(\w+)\)", re.MULTILINE)
+KILLER = re.compile(r"\w+: (?:\w+/)?(\w+\.\w+)(?:/\w+)?")
 
-def fingerprint_of(root):
-    """Tells trees apart in which mutants might fare differently."""
+
+def digest_of(contents):
     digest = hashlib.sha256()
-    for name in sorted(tree_files(root)):
-        if name.startswith(DECISIVE) and name != WITHOUT_INFLUENCE:
-            digest.update(name.encode() + b"\0" + (root / name).read_bytes() + b"\0")
+    for name in sorted(contents):
+        digest.update(name.encode() + b"\0" + contents[name] + b"\0")
     return digest.hexdigest()
+
+
+class Tree:
+    """Tells trees apart in which mutants might fare differently."""
+
+    def __init__(self, contents):
+        decisive = {name: content for name, content in contents.items()
+                    if name.startswith(DECISIVE) and name != WITHOUT_INFLUENCE}
+        ground = {name: content for name, content in decisive.items() if GROUND.fullmatch(name)}
+        self.whole = digest_of(decisive)
+        self.ground = digest_of(ground)
+        self.tests = {}
+        for name, content in decisive.items():
+            if QUICK_TESTS.fullmatch(name):
+                for suite, test in TEST.findall(content.decode()):
+                    self.tests[f"{suite}.{test}"] = digest_of({name: content})
+
+    @staticmethod
+    def of(root):
+        return Tree({name: (root / name).read_bytes() for name in tree_files(root)})
+
+    def keeps(self, file, verdict, known):
+        """Whether a verdict on a mutant of this file, found in another tree, holds in this one.
+
+        A mutant that a test killed is killed again by the same test, whatever was added elsewhere.
+        """
+        if known["whole"] == self.whole:
+            return True
+        if known["ground"] != self.ground or verdict.outcome == SURVIVED:
+            return False
+        if verdict.outcome in (INVALID, EQUIVALENT):
+            return file.endswith(".cpp")  # a header may be used by more now
+        killer = KILLER.fullmatch(verdict.reason)
+        return killer is not None and known["tests"].get(killer[1], "") == self.tests.get(killer[1])
 
 
 class Journal:
     """A file with a line for the tree and one for each mutant that was tried in it."""
 
-    def __init__(self, path, fingerprint, resume):
+    def __init__(self, path, tree, resume):
         path.parent.mkdir(parents=True, exist_ok=True)
         lines = path.read_text().splitlines() if resume and path.is_file() else []
-        is_of_this_tree = bool(lines) and json.loads(lines[0]) == fingerprint
-        self._known = dict(map(self._parse, lines[1:])) if is_of_this_tree else {}
-        self._file = path.open("a" if is_of_this_tree else "w")
-        if not is_of_this_tree:
-            self._write(fingerprint)
+        known = json.loads(lines[0]) if lines else None
+        parsed = dict(map(self._parse, lines[1:]))
+        self._known = {mutant: verdict for mutant, verdict in parsed.items()
+                       if tree.keeps(mutant[0], verdict, known)}
+        self._path = path
+        path.write_text(json.dumps(vars(tree)) + "\n")
+        for mutant, verdict in self._known.items():
+            self._note(mutant, verdict)
 
     @staticmethod
     def _parse(line):
@@ -46,9 +89,9 @@ class Journal:
                 if self._key(mutant) in self._known]
 
     def note(self, tried):
-        verdict = tried.verdict
-        self._write([self._key(tried.mutant), [verdict.outcome, verdict.reason, verdict.seconds]])
+        self._note(self._key(tried.mutant), tried.verdict)
 
-    def _write(self, record):
-        self._file.write(json.dumps(record) + "\n")
-        self._file.flush()
+    def _note(self, mutant, verdict):
+        record = [mutant, [verdict.outcome, verdict.reason, verdict.seconds]]
+        with self._path.open("a") as file:
+            file.write(json.dumps(record) + "\n")

@@ -15,10 +15,10 @@ import sys
 import threading
 import time
 
-from journal import Journal, fingerprint_of
+from journal import Journal, Tree
 from mutants import all_mutants
 from report import Explanations, Report, Tried
-from workshop import Workshop
+from workshop import SPARED, SURVIVED, Workshop
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 OUTPUT = ROOT / "build/mutation"
@@ -38,7 +38,9 @@ def parse(arguments):
     parser.add_argument("--seconds", type=float, default=float("inf"), metavar="S",
                         help="begin with no further mutant after this time; the report is partial")
     parser.add_argument("--resume", action="store_true",
-                        help="keep what earlier runs found in this very tree")
+                        help="keep what earlier runs found, as far as the tree is still the same")
+    parser.add_argument("--quick", action="store_true",
+                        help="without the slow tests, which kill some of the last")
     parser.add_argument("--list", action="store_true", help="show the mutants and try none")
     return parser.parse_args(arguments)
 
@@ -83,8 +85,9 @@ def bundles_of(mutants):
 class Run:
     """The jobs at work, and what they found so far."""
 
-    def __init__(self, mutants, journal, deadline):
-        self.tried = journal.known(mutants)
+    def __init__(self, mutants, journal, deadline, needs_slow_tests):
+        self.tried = [tried for tried in journal.known(mutants)
+                      if tried.verdict.reason != SPARED or not needs_slow_tests(tried.mutant)]
         known = {tried.mutant for tried in self.tried}
         self._bundles = bundles_of([mutant for mutant in mutants if mutant not in known])
         self._count = len(mutants)
@@ -111,15 +114,16 @@ class Run:
             self._journal.note(tried)
             mutant, verdict = tried.mutant, tried.verdict
             place = f"{mutant.file}:{mutant.line} {mutant.operator}"
-            print(f"{len(self.tried)}/{self._count} {verdict.outcome:10} {place}: "
-                  f"{verdict.reason or mutant.after}", flush=True)
+            what = mutant.after if verdict.outcome == SURVIVED else verdict.reason
+            print(f"{len(self.tried)}/{self._count} {verdict.outcome:10} {place}: {what}", flush=True)
 
 
-def prepare(jobs, fingerprint):
-    workshops = [Workshop(ROOT, OUTPUT / f"job-{number}") for number in range(1, jobs + 1)]
+def prepare(options, needs_slow_tests, tree):
+    workshops = [Workshop(ROOT, OUTPUT / f"job-{number}", options.quick, needs_slow_tests)
+                 for number in range(1, options.jobs + 1)]
     for number, workshop in enumerate(workshops, 1):
-        print(f"building copy {number} of {jobs}", flush=True)
-        workshop.prepare(jobs, fingerprint)
+        print(f"building copy {number} of {options.jobs}", flush=True)
+        workshop.prepare(options.jobs, tree.whole)
     return workshops
 
 
@@ -149,9 +153,9 @@ def show(mutants):
     print(f"{len(mutants)} mutants")
 
 
-def reported(run, mutants):
+def reported(run, mutants, explanations):
     """Whether all is well; says so."""
-    report = Report(run.tried, Explanations(EXPLANATIONS), WANTED_PERCENT)
+    report = Report(run.tried, explanations, WANTED_PERCENT)
     report.write(OUTPUT)
     print(report.summary())
     missing = len(mutants) - len(run.tried)
@@ -170,11 +174,18 @@ def main():
     if options.list:
         show(mutants)
         return 0
-    fingerprint = fingerprint_of(ROOT)
-    run = Run(mutants, Journal(OUTPUT / "journal.jsonl", fingerprint, options.resume), deadline)
+    tree = Tree.of(ROOT)
+    explanations = Explanations(EXPLANATIONS)
+
+    def needs_slow_tests(mutant):
+        # What is explained counts as a survivor, whatever more tests would say.
+        return not options.quick and not explanations.of(mutant)
+
+    journal = Journal(OUTPUT / "journal.jsonl", tree, options.resume)
+    run = Run(mutants, journal, deadline, needs_slow_tests)
     if len(run.tried) < len(mutants):
-        try_all(run, prepare(options.jobs, fingerprint))
-    return 0 if reported(run, mutants) else 1
+        try_all(run, prepare(options, needs_slow_tests, tree))
+    return 0 if reported(run, mutants, explanations) else 1
 
 
 if __name__ == "__main__":

@@ -36,6 +36,7 @@ class Ending:
 
     complaint: str
     seconds: float
+    is_late: bool = False
 
 
 def limit():
@@ -79,6 +80,7 @@ def run(program, build, patience, environment=None):
     scratch = tempfile.mkdtemp(prefix="korvex-mutation-")
     started = time.monotonic()
     since = time.time() - 1
+    is_late = False
     variables = dict(os.environ, TMPDIR=scratch, **program.environment, **(environment or {}))
     process = subprocess.Popen([path, *program.arguments], cwd=path.parent, env=variables,
                                stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
@@ -88,6 +90,7 @@ def run(program, build, patience, environment=None):
         complaint = complaint_of(program, process.returncode, output.decode(errors="replace"))
     except subprocess.TimeoutExpired:
         complaint = f"{program.name}: no end within {patience:.0f} s"
+        is_late = True
     finally:
         # The group, also after an orderly end: what a test started may have outlived it.
         end_group(process)
@@ -95,7 +98,7 @@ def run(program, build, patience, environment=None):
         process.wait()
         shutil.rmtree(scratch, ignore_errors=True)
         sweep(since)
-    return Ending(complaint, time.monotonic() - started)
+    return Ending(complaint, time.monotonic() - started, is_late)
 
 
 def complaint_of(program, code, output):

@@ -16,9 +16,11 @@ from programs import Program, run
 
 KILLED, SURVIVED, INVALID, EQUIVALENT = "killed", "survived", "invalid", "equivalent"
 
+SPARED = "not tried with the slow tests"
+
 # The optimiser sees through many changes that make no difference.
 OPTIMISED = ["-O2", "-g0"]
-SHORTEST_PATIENCE = 3
+SHORTEST_PATIENCE = 15
 PATIENCE_FACTOR = 10
 LONGEST_PATIENCE = 180
 SHARDS = 6
@@ -58,10 +60,15 @@ def tree_files(root):
 
 
 class Workshop:
-    """One job's copy. Made once; later runs only bring it up to date."""
+    """One job's copy. Made once; later runs only bring it up to date.
 
-    def __init__(self, root, folder):
+    `needs_slow_tests` tells whether a mutant that the quick tests let live goes to the slow ones.
+    """
+
+    def __init__(self, root, folder, is_quick, needs_slow_tests):
         self.root = root
+        self._slow_programs = [] if is_quick else SLOW_PROGRAMS
+        self._needs_slow_tests = needs_slow_tests
         self.source = folder / "source"
         self.build = folder / "build"
         self._proof = folder / "passes-unchanged.json"
@@ -81,24 +88,26 @@ class Workshop:
             [Program(PROPERTY, ("--script", *scripts)),
              Program(PROPERTY, ("--gtest_fail_fast", "--gtest_brief=1"), PROPERTY_CASES)]]
         quick = [program for stage in self.stages for program in stage]
-        failed = self._make([program.path for program in quick + SLOW_PROGRAMS], jobs)
+        self._all_programs = [program.path for program in quick + self._slow_programs]
+        failed = self._make(self._all_programs, jobs)
         if failed:
             raise SystemExit("the tree does not build:\n" + failed)
-        if not self._is_proved(fingerprint):
-            self._prove(quick, fingerprint)
+        proof = [fingerprint, len(self._all_programs)]
+        if not self._is_proved(proof):
+            self._prove(quick, proof)
 
-    def _is_proved(self, fingerprint):
+    def _is_proved(self, proof):
         known = json.loads(self._proof.read_text()) if self._proof.is_file() else {}
         self._patience = known.get("patience", {})
-        return known.get("fingerprint") == fingerprint
+        return known.get("proof") == proof
 
-    def _prove(self, quick, fingerprint):
+    def _prove(self, quick, proof):
         self._patience = {}
         for program in quick:
             self._note_time(program, run(program, self.build, LONGEST_PATIENCE))
-        for (program, _), ending in zip(shards(), self._run_shards()):
+        for (program, _), ending in zip(self._shards(), self._run_shards()):
             self._note_time(program, ending)
-        self._proof.write_text(json.dumps({"fingerprint": fingerprint, "patience": self._patience}))
+        self._proof.write_text(json.dumps({"proof": proof, "patience": self._patience}))
 
     def _note_time(self, program, ending):
         if ending.complaint:
@@ -143,8 +152,7 @@ class Workshop:
     def _leave_file_of_another(self, mutant):
         """Builds the file before anew, so that its objects are the original's again."""
         if self._changed not in (None, mutant.file):
-            self._make([program.path for stage in self.stages for program in stage] +
-                       [program.path for program in SLOW_PROGRAMS])
+            self._make(self._all_programs)
         self._changed = mutant.file
 
     def _judge(self, mutant):
@@ -155,19 +163,26 @@ class Workshop:
             if stage is self.stages[0] and self._has_same_objects(mutant.file):
                 return EQUIVALENT, "the same machine code without optimisation"
             for program in stage:
-                complaint = run(program, self.build, self._patience[program.path]).complaint
+                complaint = self._complaint(program)
                 if complaint:
                     return KILLED, complaint
         if self._is_same_optimised(mutant):
             return EQUIVALENT, "the same machine code with optimisation"
-        return self._judge_slowly()
+        return self._judge_slowly() if self._needs_slow_tests(mutant) else (SURVIVED, SPARED)
+
+    def _complaint(self, program):
+        """A busy machine is no mistake of the mutant's: who was late gets twice the time once."""
+        ending = run(program, self.build, self._patience[program.path])
+        if ending.is_late:
+            ending = run(program, self.build, 2 * self._patience[program.path])
+        return ending.complaint
 
     def _judge_slowly(self):
-        failed = self._make([program.path for program in SLOW_PROGRAMS])
+        failed = self._make(self._all_programs)
         if failed:
             return INVALID, first_error(failed)
         # These wait for other processes, and much runs at once: only what fails again counts.
-        for shard, ending in zip(shards(), self._run_shards()):
+        for shard, ending in zip(self._shards(), self._run_shards()):
             if ending.complaint and self._run_shard(shard).complaint:
                 return KILLED, ending.complaint
         return SURVIVED, ""
@@ -175,7 +190,11 @@ class Workshop:
     def _run_shards(self):
         """All at once: they mostly wait."""
         with ThreadPoolExecutor(2 * SHARDS) as pool:
-            return list(pool.map(self._run_shard, shards()))
+            return list(pool.map(self._run_shard, self._shards()))
+
+    def _shards(self):
+        return [(program, {"GTEST_TOTAL_SHARDS": str(SHARDS), "GTEST_SHARD_INDEX": str(index)})
+                for program in self._slow_programs for index in range(SHARDS)]
 
     def _run_shard(self, shard):
         program, environment = shard
@@ -243,11 +262,6 @@ class Workshop:
                 command[command.index(option) + 1] = str(place) + ".d"
         done = subprocess.run([*command, *OPTIMISED], cwd=self.build, capture_output=True)
         return digest(place) if done.returncode == 0 else object()
-
-
-def shards():
-    return [(program, {"GTEST_TOTAL_SHARDS": str(SHARDS), "GTEST_SHARD_INDEX": str(index)})
-            for program in SLOW_PROGRAMS for index in range(SHARDS)]
 
 
 def tree_of(folder):
