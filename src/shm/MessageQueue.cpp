@@ -167,7 +167,7 @@ MessageQueue::Outcome MessageQueue::attempt(QueueView::Use use, Operation operat
   if (!view_.isIntact(use)) throwDamaged();
   try {
     return operation(transport_->queue) ? Outcome::Done : Outcome::NotReady;
-  } catch (const ipc::lock_exception&) {
+  } catch (const ipc::lock_exception&) {  // GCOVR_EXCL_BR_LINE: the library throws its own only
     transport_->broken = std::current_exception();
     throw;
   } catch (const ipc::interprocess_exception& error) {
