@@ -203,8 +203,8 @@ class Workshop:
 
     def _units(self, file):
         """The compile commands of what includes the file, by object."""
-        return {name: words for name, words in self._commands().items()
-                if name in self._includers(file)}
+        includers = self._includers(file)
+        return {name: words for name, words in self._commands().items() if name in includers}
 
     def _commands(self):
         database = subprocess.run(["ninja", "-C", self.build, "-t", "compdb"], check=True,
