@@ -20,18 +20,18 @@ SPARED = "not tried with the slow tests"
 
 # The optimiser sees through many changes that make no difference.
 OPTIMISED = ["-O2", "-g0"]
-SHORTEST_PATIENCE = 15
+SHORTEST_PATIENCE = 8
 PATIENCE_FACTOR = 10
 LONGEST_PATIENCE = 180
 SHARDS = 6
 
-UNIT_PROGRAMS = [
-    Program("tests/unit/korvex_unit_tests", ("--gtest_fail_fast", "--gtest_brief=1")),
-    Program("tests/unit/korvex_lock_tests", ("--gtest_fail_fast", "--gtest_brief=1")),
-    Program("tests/unit/korvex_pause_tests", ("--gtest_fail_fast", "--gtest_brief=1")),
-    Program("tests/unit/korvex_system_call_tests", ("--gtest_fail_fast", "--gtest_brief=1")),
-    Program("tests/unit/korvex_allocation_tests", ("--gtest_fail_fast", "--gtest_brief=1")),
-]
+def unit_program(name):
+    return Program(f"tests/unit/korvex_{name}_tests", ("--gtest_fail_fast", "--gtest_brief=1"))
+
+
+# Those that kill most come first; linking the others is spared then.
+UNIT_PROGRAMS = [unit_program(name) for name in ("unit", "system_call")]
+SPECIAL_UNIT_PROGRAMS = [unit_program(name) for name in ("lock", "pause", "allocation")]
 PROPERTY = "tests/property/korvex_property_tests"
 PROPERTY_CASES = {"RC_PARAMS": "seed=1 max_success=200 noshrink=1"}
 SLOW_PROGRAMS = [
@@ -85,6 +85,7 @@ class Workshop:
         scripts = sorted(str(path) for path in self.source.glob("tests/property/scripts/*.script"))
         self.stages = [
             UNIT_PROGRAMS,
+            SPECIAL_UNIT_PROGRAMS,
             [Program(PROPERTY, ("--script", *scripts)),
              Program(PROPERTY, ("--gtest_fail_fast", "--gtest_brief=1"), PROPERTY_CASES)]]
         quick = [program for stage in self.stages for program in stage]
