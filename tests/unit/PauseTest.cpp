@@ -4,10 +4,15 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <time.h>
+#include <unistd.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
+#include "shm/MessageQueue.h"
+
+using korvex::MessageQueue;
 using korvex::Pause;
 using std::chrono::hours;
 using std::chrono::microseconds;
@@ -22,6 +27,7 @@ namespace {
 constexpr long long kNanoseconds = 1000000000;
 
 std::vector<std::string> steps;
+std::function<void()> meanwhile;  // what happens while somebody sleeps
 
 }  // namespace
 
@@ -32,6 +38,7 @@ extern "C" int sched_yield() noexcept {
 
 extern "C" int nanosleep(const timespec* wanted, timespec*) {
   steps.push_back("sleep " + std::to_string(wanted->tv_sec * kNanoseconds + wanted->tv_nsec));
+  if (meanwhile) meanwhile();
   return 0;
 }
 
@@ -106,4 +113,24 @@ TEST(PauseSteps, DoesNotSleepAfterTheDeadline) {
   Pause pause(seconds(100));
   wait(pause, kSpinsAndYields + 17);
   EXPECT_THAT(wait(pause, 1, microseconds(-1)), IsEmpty());
+}
+
+// Long sleeps would make a sender slow to notice that there is room again.
+TEST(MessageQueueSend, SleepsForFourMillisecondsAtMost) {
+  const std::string name = "korvex-pause-" + std::to_string(::getpid());
+  MessageQueue queue(name, {1, 8}, 0600);
+  ASSERT_EQ(queue.trySend("first", 5, 1), MessageQueue::Outcome::Done);
+  std::vector<std::string> sleeps;
+  meanwhile = [&] {
+    sleeps.push_back(steps.back());
+    char buffer[8];
+    std::size_t size = 0;
+    if (sleeps.size() == 10) queue.tryReceive(buffer, sizeof buffer, size);
+  };
+  EXPECT_TRUE(queue.sendBefore("second", 6, 1, Pause::Clock::now() + hours(1)));
+  meanwhile = nullptr;
+  EXPECT_THAT(sleeps, ElementsAre("sleep 20000", "sleep 40000", "sleep 80000", "sleep 160000",
+                                  "sleep 320000", "sleep 640000", "sleep 1280000", "sleep 2560000",
+                                  "sleep 4000000", "sleep 4000000"));
+  EXPECT_TRUE(MessageQueue::remove(name));
 }
