@@ -72,6 +72,28 @@ LibraryError errorOf(Call call) {
   return {ipc::no_error, 0};
 }
 
+/// Which number a descriptor would get now: the same again when none was kept meanwhile.
+int nextDescriptor() {
+  const int file = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  ::close(file);
+  return file;
+}
+
+/// Leaves the program without standard input for a while, so that the next descriptor is 0.
+class NoStandardInput {
+ public:
+  NoStandardInput() : saved_(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 10)) { ::close(STDIN_FILENO); }
+  ~NoStandardInput() {
+    ::dup2(saved_, STDIN_FILENO);
+    ::close(saved_);
+  }
+  NoStandardInput(const NoStandardInput&) = delete;
+  NoStandardInput& operator=(const NoStandardInput&) = delete;
+
+ private:
+  int saved_;
+};
+
 /// The looks are the only ones that do not want to wait for a pipe.
 bool isLook(int flags) { return (flags & O_NONBLOCK) != 0; }
 bool isCreation(int flags) { return (flags & O_CREAT) != 0; }
@@ -269,14 +291,44 @@ TEST_F(MessageQueueCalls, TrialOfTheRoomFailsWithTheSystemsReasonAndLeavesNothin
     EXPECT_EQ(size, 208 + 4 * (8 + 16 + 104));
     return ENOSPC;
   };
-  const int before = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
   EXPECT_EQ(errorOf([&] { MessageQueue(name, {4, 100}, 0600); }).systemError, ENOSPC);
-  ::close(before);
-  const int after = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-  EXPECT_EQ(after, before) << "a descriptor was kept";
-  ::close(after);
   EXPECT_FALSE(MessageQueue::remove(name + ".room"));
   EXPECT_FALSE(MessageQueue::remove(name));
+}
+
+TEST_F(MessageQueueCalls, TrialOfTheRoomIsNobodyElsesToUse) {
+  const std::string name = uniqueQueueName();
+  mode_t trialMode = 0;
+  instead.shmOpen = [&](const char* path, int flags, mode_t mode) {
+    if (std::strstr(path, ".room") != nullptr) trialMode = mode;
+    return system_calls::shmOpen(path, flags, mode);
+  };
+  const MessageQueue queue(name, {4, 100}, 0666);
+  EXPECT_EQ(trialMode, 0600u);
+  EXPECT_TRUE(MessageQueue::remove(name));
+}
+
+TEST_F(MessageQueueCalls, CreationAndOpeningKeepNoDescriptor) {
+  const int before = nextDescriptor();
+  const std::string name = uniqueQueueName();
+  const MessageQueue created(name, {4, 100}, 0600);
+  EXPECT_EQ(nextDescriptor(), before);
+  const MessageQueue opened(name, MessageQueue::Clock::now());
+  EXPECT_EQ(nextDescriptor(), before);
+  EXPECT_TRUE(MessageQueue::remove(name));
+  EXPECT_EQ(errorOf([&] { MessageQueue(name, MessageQueue::Clock::now()); }).systemError, ENOENT);
+  EXPECT_EQ(nextDescriptor(), before);
+}
+
+TEST_F(MessageQueueCalls, DescriptorZeroIsAsGoodAsAnyOther) {
+  const std::string name = uniqueQueueName();
+  const NoStandardInput noInput;
+  MessageQueue created(name, {4, 100}, 0600);
+  EXPECT_EQ(created.trySend("abc", 3, 1), MessageQueue::Outcome::Done);
+  const MessageQueue opened(name, MessageQueue::Clock::now());
+  EXPECT_EQ(opened.view().messages(), 1u);
+  EXPECT_EQ(nextDescriptor(), 0);
+  EXPECT_TRUE(MessageQueue::remove(name));
 }
 
 TEST_F(MessageQueueCalls, QueueWhoseMemoryCannotBeReservedIsRemoved) {
