@@ -24,6 +24,7 @@ class Program:
     path: str
     arguments: tuple = ()
     environment: dict = field(default_factory=dict, hash=False, compare=False)
+    core_seconds: int = 0  # that it may use; 0 for any number
 
     @property
     def name(self):
@@ -39,9 +40,11 @@ class Ending:
     is_late: bool = False
 
 
-def limit():
+def limit(core_seconds):
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
     resource.setrlimit(resource.RLIMIT_AS, (MOST_MEMORY, MOST_MEMORY))
+    if core_seconds:
+        resource.setrlimit(resource.RLIMIT_CPU, (core_seconds, core_seconds + 1))
 
 
 def is_alive(process_id):
@@ -84,7 +87,8 @@ def run(program, build, patience, environment=None):
     variables = dict(os.environ, TMPDIR=scratch, **program.environment, **(environment or {}))
     process = subprocess.Popen([path, *program.arguments], cwd=path.parent, env=variables,
                                stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                               stderr=subprocess.STDOUT, start_new_session=True, preexec_fn=limit)
+                               stderr=subprocess.STDOUT, start_new_session=True,
+                               preexec_fn=lambda: limit(program.core_seconds))
     try:
         output, _ = process.communicate(timeout=patience)
         complaint = complaint_of(program, process.returncode, output.decode(errors="replace"))
@@ -104,6 +108,8 @@ def run(program, build, patience, environment=None):
 def complaint_of(program, code, output):
     if code == 0:
         return ""
+    if code == -signal.SIGXCPU:
+        return f"{program.name}: no end within {program.core_seconds} s of one core"
     failed = FAILED_TEST.search(output)
     if failed:
         return f"{program.name}: {failed.group(1)}"
