@@ -1,8 +1,10 @@
 #include "shm/Pause.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <sys/mman.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -133,4 +135,19 @@ TEST(MessageQueueSend, SleepsForFourMillisecondsAtMost) {
                                   "sleep 320000", "sleep 640000", "sleep 1280000", "sleep 2560000",
                                   "sleep 4000000", "sleep 4000000"));
   EXPECT_TRUE(MessageQueue::remove(name));
+}
+
+TEST(MessageQueueOpen, SleepsWhileAQueueIsBeingMade) {
+  const std::string name = "korvex-pause-" + std::to_string(::getpid());
+  const int unfinished = ::shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+  ASSERT_GE(unfinished, 0);
+  ::close(unfinished);
+  std::vector<std::string> sleeps;
+  meanwhile = [&] {
+    sleeps.push_back(steps.back());
+    if (sleeps.size() == 3) ::shm_unlink(name.c_str());
+  };
+  EXPECT_ANY_THROW(MessageQueue(name, Pause::Clock::now() + hours(1))) << "it is gone";
+  meanwhile = nullptr;
+  EXPECT_THAT(sleeps, ElementsAre("sleep 20000", "sleep 40000", "sleep 80000"));
 }

@@ -394,3 +394,19 @@ TEST_F(MessageQueueCalls, QueueThatIsFinishedMeanwhileIsOpened) {
   EXPECT_EQ(opened.maxMessageSize(), 300u);
   EXPECT_EQ(looks, 3) << "one for what is unfinished, one for the queue, one for its name";
 }
+
+TEST_F(MessageQueueCalls, NextMessageIsFetchedBeforeItIsTaken) {
+  RawQueue raw(uniqueQueueName(), 4, 8);
+  raw.post("first", 5);
+  raw.post("second", 6);
+  MessageQueue queue(raw.name(), MessageQueue::Clock::now());
+  std::size_t waitingWhenAsked = 0;
+  instead.madvise = [&](void*, std::size_t, int) {
+    waitingWhenAsked = queue.view().messages();
+    return 0;
+  };
+  char buffer[8];
+  std::size_t size = 0;
+  EXPECT_EQ(queue.tryReceiveNext(buffer, sizeof buffer, size), MessageQueue::Outcome::Done);
+  EXPECT_EQ(waitingWhenAsked, 2u);
+}
