@@ -11,6 +11,7 @@
 using korvex::QueueView;
 using korvex_test::bytesOfObject;
 using korvex_test::RawQueue;
+using korvex_test::SharedObject;
 using korvex_test::uniqueQueueName;
 
 namespace {
@@ -37,6 +38,19 @@ TEST(QueueEdges, SmallestQueueIsSound) {
   const RawQueue queue(uniqueQueueName(), 1, 1);
   EXPECT_EQ(bytesOfObject(queue.name()).size(), 240u);
   EXPECT_EQ(QueueView(queue.name()).state(), QueueView::State::Sound);
+}
+
+// A robust lock's word holds a thread's number and flags: no byte of it may be passed over.
+TEST(QueueEdges, EveryByteOfTheLockWordCounts) {
+  const RawQueue queue(uniqueQueueName(), 4, 300);
+  SharedObject object(uniqueQueueName(), bytesOfObject(queue.name()));
+  const QueueView view(object.name());
+  for (off_t byte = 48; byte < 52; ++byte) {
+    object.write(byte, Bytes(1, 1));
+    EXPECT_TRUE(view.looksLocked()) << "byte " << byte;
+    object.write(byte, Bytes(1, 0));
+    EXPECT_FALSE(view.looksLocked());
+  }
 }
 
 TEST(QueueEdges, LargestObjectIsAsLargeAsAFileMayBe) {
