@@ -53,6 +53,16 @@ TEST(QueueEdges, EveryByteOfTheLockWordCounts) {
   }
 }
 
+TEST(QueueEdges, EntryThatLeadsToTheEndLeadsToNoSlot) {
+  const RawQueue queue(uniqueQueueName(), 4, 300);
+  SharedObject object(uniqueQueueName(), bytesOfObject(queue.name()));
+  const QueueView view(object.name());
+  ASSERT_TRUE(view.isIntact());
+  // The first entry is at 208, the last slot ends at 1520: 1312 = 0x520 bytes on.
+  object.write(208, Bytes{0x20, 0x05, 0, 0, 0, 0, 0, 0});
+  EXPECT_FALSE(view.isIntact());
+}
+
 TEST(QueueEdges, LargestObjectIsAsLargeAsAFileMayBe) {
   constexpr std::size_t kLargestMessage = 9223372036854775568u;
   EXPECT_EQ(QueueView::fileSize(1, kLargestMessage), 9223372036854775800u);
