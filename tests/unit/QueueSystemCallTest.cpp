@@ -29,9 +29,6 @@ namespace ipc = boost::interprocess;
 
 namespace {
 
-constexpr off_t kLockWordAt = 48;
-constexpr off_t kLockOwnerAt = 56;
-
 class SystemCalls : public testing::Test {
  protected:
   ~SystemCalls() override { instead = {}; }
@@ -46,14 +43,6 @@ const char* pathOf(int file) {
   const ssize_t size = ::readlink(link.c_str(), path, sizeof path - 1);
   path[size < 0 ? 0 : size] = '\0';
   return path;
-}
-
-/// Writes to an object that exists already.
-template <typename Value>
-void overwrite(const std::string& name, off_t offset, Value value) {
-  const int file = system_calls::shmOpen(name.c_str(), O_RDWR, 0);
-  EXPECT_EQ(::pwrite(file, &value, sizeof value, offset), ssize_t{sizeof value});
-  ::close(file);
 }
 
 /// What an operation of the queue library fails with.
@@ -169,108 +158,6 @@ TEST_F(QueueViewCalls, SystemThatCannotHavePagesAtHandIsAskedOnce) {
   EXPECT_EQ(view.fetchNext(), 0u);
   EXPECT_EQ(view.fetchNext(), 0u);
   EXPECT_EQ(asked, 1);
-}
-
-namespace {
-
-/// A queue whose lock names an owner, and what the system says of that.
-class LockOwner : public SystemCalls {
- protected:
-  LockOwner() {
-    overwrite(queue_.name(), kLockWordAt, std::uint32_t{1});
-    overwrite(queue_.name(), kLockOwnerAt, kOwner);
-    instead.kill = [](pid_t process, int signal) {
-      EXPECT_EQ(process, kOwner);
-      EXPECT_EQ(signal, 0);
-      return 0;
-    };
-  }
-
-  void systemTells(const std::string& text) {
-    instead.open = [](const char* path) {
-      EXPECT_STREQ(path, "/proc/4711/stat");
-      return 999;  // any number: nothing real is read
-    };
-    instead.read = [text](int, void* bytes, std::size_t size) {
-      EXPECT_LT(text.size(), size);
-      std::memcpy(bytes, text.data(), text.size());
-      return static_cast<ssize_t>(text.size());
-    };
-  }
-
-  bool isGone() const { return QueueView(queue_.name()).isLockOwnerGone(); }
-
-  static constexpr pid_t kOwner = 4711;
-  RawQueue queue_{uniqueQueueName(), 4, 300};
-};
-
-}  // namespace
-
-TEST_F(LockOwner, IsGoneAsAZombieAndWhenDead) {
-  systemTells("4711 (a) Z 1 ");
-  EXPECT_TRUE(isGone());
-  systemTells("4711 (a) X 1 ");
-  EXPECT_TRUE(isGone());
-}
-
-TEST_F(LockOwner, LivesInEveryOtherState) {
-  for (const char* state : {"R", "S", "D", "T", "t", "I"}) {
-    systemTells("4711 (a) " + std::string(state) + " 1 ");
-    EXPECT_FALSE(isGone()) << state;
-  }
-}
-
-TEST_F(LockOwner, MayHaveAnyName) {
-  systemTells("4711 (a) Z) S 1 ");
-  EXPECT_FALSE(isGone());
-  systemTells("4711 (a) S) Z 1 ");
-  EXPECT_TRUE(isGone());
-}
-
-TEST_F(LockOwner, LivesWhenTheSystemTellsNothingThatCanBeUnderstood) {
-  for (const char* text : {"", "4711 a Z", "4711 (a)", "4711 (a)Z"}) {
-    systemTells(text);
-    EXPECT_FALSE(isGone()) << text;
-  }
-  instead.read = [](int, void*, std::size_t) { return failing(ESRCH); };
-  EXPECT_FALSE(isGone());
-  instead.open = [](const char*) { return failing(ENOENT); };
-  EXPECT_FALSE(isGone());
-}
-
-TEST_F(LockOwner, IsGoneWhenThereIsNoSuchProcessOnly) {
-  systemTells("4711 (a) S 1 ");
-  instead.kill = [](pid_t, int) { return failing(ESRCH); };
-  EXPECT_TRUE(isGone());
-  instead.kill = [](pid_t, int) { return failing(EPERM); };
-  EXPECT_FALSE(isGone());
-}
-
-TEST_F(LockOwner, MayGiveTheLockBackMeanwhile) {
-  instead.kill = [this](pid_t, int) {
-    overwrite(queue_.name(), kLockWordAt, std::uint32_t{0});
-    return failing(ESRCH);
-  };
-  EXPECT_FALSE(isGone());
-}
-
-TEST_F(LockOwner, MayBeFollowedByAnotherMeanwhile) {
-  instead.kill = [this](pid_t, int) {
-    overwrite(queue_.name(), kLockOwnerAt, pid_t{4712});
-    return failing(ESRCH);
-  };
-  EXPECT_FALSE(isGone());
-}
-
-TEST_F(LockOwner, IsNobodyWhenNoneIsNamed) {
-  instead.kill = [](pid_t process, int) {
-    ADD_FAILURE() << "asked for " << process;
-    return 0;
-  };
-  overwrite(queue_.name(), kLockOwnerAt, pid_t{0});
-  EXPECT_FALSE(isGone());
-  overwrite(queue_.name(), kLockOwnerAt, pid_t{-1});
-  EXPECT_FALSE(isGone());
 }
 
 TEST_F(MessageQueueCalls, CreationWithoutLimitsIsASizeError) {
