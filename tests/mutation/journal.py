@@ -45,15 +45,18 @@ class Tree:
     def of(root):
         return Tree({name: (root / name).read_bytes() for name in tree_files(root)})
 
-    def keeps(self, file, verdict, known):
+    def keeps(self, file, verdict, known, is_explained):
         """Whether a verdict on a mutant of this file, found in another tree, holds in this one.
 
         A mutant that a test killed is killed again by the same test, whatever was added elsewhere.
+        One that lived counts as alive, even if it is not any more, where that is explained.
         """
         if known["whole"] == self.whole:
             return True
-        if known["ground"] != self.ground or verdict.outcome == SURVIVED:
+        if known["ground"] != self.ground:
             return False
+        if verdict.outcome == SURVIVED:
+            return is_explained
         if verdict.outcome in (INVALID, EQUIVALENT):
             return file.endswith(".cpp")  # a header may be used by more now
         killer = KILLER.fullmatch(verdict.reason)
@@ -63,13 +66,14 @@ class Tree:
 class Journal:
     """A file with a line for the tree and one for each mutant that was tried in it."""
 
-    def __init__(self, path, tree, resume):
+    def __init__(self, path, tree, resume, explained=()):
         path.parent.mkdir(parents=True, exist_ok=True)
         lines = path.read_text().splitlines() if resume and path.is_file() else []
         known = json.loads(lines[0]) if lines else None
         parsed = dict(map(self._parse, lines[1:]))
-        self._known = {mutant: verdict for mutant, verdict in parsed.items()
-                       if tree.keeps(mutant[0], verdict, known)}
+        explained_keys = set(map(self._key, explained))
+        self._known = {key: verdict for key, verdict in parsed.items()
+                       if tree.keeps(key[0], verdict, known, key in explained_keys)}
         self._path = path
         path.write_text(json.dumps(vars(tree)) + "\n")
         for mutant, verdict in self._known.items():

@@ -179,9 +179,10 @@ def main():
 
     def needs_slow_tests(mutant):
         # What is explained counts as a survivor, whatever more tests would say.
-        return not options.quick and not explanations.of(mutant)
+        return not options.quick and not explanations.have(mutant)
 
-    journal = Journal(OUTPUT / "journal.jsonl", tree, options.resume)
+    explained = [mutant for mutant in mutants if explanations.have(mutant)]
+    journal = Journal(OUTPUT / "journal.jsonl", tree, options.resume, explained)
     run = Run(mutants, journal, deadline, needs_slow_tests)
     if len(run.tried) < len(mutants):
         try_all(run, prepare(options, needs_slow_tests, tree))

@@ -39,12 +39,19 @@ class Explanations:
 
     def of(self, mutant):
         for index, entry in enumerate(self._entries):
-            if ((entry["file"], entry["operator"], entry["before"]) ==
-                    (mutant.file, mutant.operator, mutant.before)
-                    and entry.get("after", mutant.after) == mutant.after):
+            if self._is_about(entry, mutant):
                 self._used.add(index)
                 return entry["reason"]
         return ""
+
+    def have(self, mutant):
+        return any(self._is_about(entry, mutant) for entry in self._entries)
+
+    @staticmethod
+    def _is_about(entry, mutant):
+        return ((entry["file"], entry["operator"], entry["before"]) ==
+                (mutant.file, mutant.operator, mutant.before)
+                and entry.get("after", mutant.after) == mutant.after)
 
     def unused(self, files):
         """Entries for these files that explain nothing any more."""

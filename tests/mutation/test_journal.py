@@ -25,13 +25,13 @@ REFUSED = Verdict(INVALID, "error: no", 1)
 
 
 class Trees(unittest.TestCase):
-    def kept(self, changed, file="src/a.cpp"):
+    def kept(self, changed, file="src/a.cpp", is_explained=False):
         """Which of the verdicts hold in a tree with these other files."""
         known = vars(Tree(FILES))
         tree = Tree({**FILES, **changed})
         verdicts = (KILLED_BY_ONE, KILLED_BY_OTHER, KILLED_SLOWLY, KILLED_BY_TIME, ALIVE, SAME,
                     REFUSED)
-        return [verdict for verdict in verdicts if tree.keeps(file, verdict, known)]
+        return [verdict for verdict in verdicts if tree.keeps(file, verdict, known, is_explained)]
 
     ALL = [KILLED_BY_ONE, KILLED_BY_OTHER, KILLED_SLOWLY, KILLED_BY_TIME, ALIVE, SAME, REFUSED]
 
@@ -48,6 +48,11 @@ class Trees(unittest.TestCase):
         expected = [KILLED_BY_ONE, KILLED_BY_OTHER, SAME, REFUSED]
         self.assertEqual(self.kept({"tests/unit/MoreTest.cpp": b"TEST(More, Works) {}"}), expected)
         self.assertEqual(self.kept({"tools/b.cpp": b"int d;"}), expected)
+
+    def test_with_more_tests_keep_survivors_that_are_explained(self):
+        more = {"tests/unit/MoreTest.cpp": b""}
+        self.assertIn(ALIVE, self.kept(more, is_explained=True))
+        self.assertEqual(self.kept({"src/a.cpp": b"int d;"}, is_explained=True), [])
 
     def test_with_a_changed_test_try_again_what_it_killed(self):
         changed = FILES["tests/unit/OneTest.cpp"] + b"// more"
