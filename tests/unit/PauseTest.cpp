@@ -12,10 +12,14 @@
 #include <string>
 #include <vector>
 
+#include "korvex/ShmWriter.h"
 #include "shm/MessageQueue.h"
+#include "support/DaemonQueues.h"
 
 using korvex::MessageQueue;
 using korvex::Pause;
+using korvex::ShmWriter;
+using korvex_test::DaemonQueues;
 using std::chrono::hours;
 using std::chrono::microseconds;
 using std::chrono::milliseconds;
@@ -150,4 +154,18 @@ TEST(MessageQueueOpen, SleepsWhileAQueueIsBeingMade) {
   EXPECT_ANY_THROW(MessageQueue(name, Pause::Clock::now() + hours(1))) << "it is gone";
   meanwhile = nullptr;
   EXPECT_THAT(sleeps, ElementsAre("sleep 20000", "sleep 40000", "sleep 80000"));
+}
+
+TEST(ShmWriterSend, WaitsUntilTheDaemonTakesABatch) {
+  constexpr unsigned int kLongTimeout = 60;
+  DaemonQueues queues(4096, 1);
+  ShmWriter writer("stream", queues.name(), kLongTimeout, 0, false);
+  writer.open();  // fills the queue
+  int sleeps = 0;
+  meanwhile = [&] {
+    if (++sleeps == 3) queues.takeBatch();
+  };
+  EXPECT_NO_THROW(writer.close());
+  meanwhile = nullptr;
+  EXPECT_EQ(sleeps, 3);
 }
