@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,8 @@ using korvex::MessageQueue;
 using korvex::Pause;
 using korvex::ShmWriter;
 using korvex_test::DaemonQueues;
+using korvex_test::RawQueue;
+using korvex_test::uniqueQueueName;
 using std::chrono::hours;
 using std::chrono::microseconds;
 using std::chrono::milliseconds;
@@ -123,7 +126,7 @@ TEST(PauseSteps, DoesNotSleepAfterTheDeadline) {
 
 // Long sleeps would make a sender slow to notice that there is room again.
 TEST(MessageQueueSend, SleepsForFourMillisecondsAtMost) {
-  const std::string name = "korvex-pause-" + std::to_string(::getpid());
+  const std::string name = uniqueQueueName();
   MessageQueue queue(name, {1, 8}, 0600);
   ASSERT_EQ(queue.trySend("first", 5, 1), MessageQueue::Outcome::Done);
   std::vector<std::string> sleeps;
@@ -142,7 +145,7 @@ TEST(MessageQueueSend, SleepsForFourMillisecondsAtMost) {
 }
 
 TEST(MessageQueueOpen, SleepsWhileAQueueIsBeingMade) {
-  const std::string name = "korvex-pause-" + std::to_string(::getpid());
+  const std::string name = uniqueQueueName();
   const int unfinished = ::shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
   ASSERT_GE(unfinished, 0);
   ::close(unfinished);
@@ -166,6 +169,24 @@ TEST(ShmWriterSend, WaitsUntilTheDaemonTakesABatch) {
     if (++sleeps == 3) queues.takeBatch();
   };
   EXPECT_NO_THROW(writer.close());
+  meanwhile = nullptr;
+  EXPECT_EQ(sleeps, 3);
+}
+
+TEST(ShmWriterConstruction, WaitsForAQueueThatIsBeingMade) {
+  const std::string name = uniqueQueueName();
+  const RawQueue response(name + "Response", 4, 132);
+  const int unfinished = ::shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+  ASSERT_GE(unfinished, 0);
+  ::close(unfinished);
+  std::unique_ptr<RawQueue> send;
+  int sleeps = 0;
+  meanwhile = [&] {
+    if (++sleeps != 3) return;
+    ::shm_unlink(name.c_str());
+    send = std::make_unique<RawQueue>(name, 4, 4096);
+  };
+  EXPECT_NO_THROW(ShmWriter("stream", name, 60, 0, false));
   meanwhile = nullptr;
   EXPECT_EQ(sleeps, 3);
 }
