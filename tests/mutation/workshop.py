@@ -34,7 +34,7 @@ def unit_program(name):
 
 # Those that kill most come first; linking the others is spared then.
 UNIT_PROGRAMS = [unit_program(name) for name in ("unit", "system_call")]
-SPECIAL_UNIT_PROGRAMS = [unit_program(name) for name in ("lock", "pause", "allocation")]
+SPECIAL_UNIT_PROGRAMS = [unit_program(name) for name in ("lock", "pause", "allocation", "reservation")]
 PROPERTY = "tests/property/korvex_property_tests"
 PROPERTY_CASES = {"RC_PARAMS": "seed=1 max_success=200 noshrink=1"}
 SLOW_PROGRAMS = [
