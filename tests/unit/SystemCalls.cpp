@@ -35,6 +35,11 @@ int fstat(int file, struct stat* found) {
   return call(file, found);
 }
 
+int lstat(const char* path, struct stat* found) {
+  static auto* const call = systems<int(const char*, struct stat*)>("lstat");
+  return call(path, found);
+}
+
 ssize_t pread(int file, void* bytes, std::size_t size, off_t offset) {
   static auto* const call = systems<ssize_t(int, void*, std::size_t, off_t)>("pread");
   return call(file, bytes, size, offset);
@@ -64,6 +69,10 @@ int posix_fallocate(int file, off_t offset, off_t size) {
 
 int fstat(int file, struct stat* found) noexcept {
   return instead.fstat ? instead.fstat(file, found) : system_calls::fstat(file, found);
+}
+
+int lstat(const char* path, struct stat* found) noexcept {
+  return instead.lstat ? instead.lstat(path, found) : system_calls::lstat(path, found);
 }
 
 void* mmap(void* place, std::size_t size, int access, int flags, int file, off_t offset) noexcept {

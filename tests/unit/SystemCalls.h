@@ -16,6 +16,7 @@ struct Instead {
   std::function<int(const char* name, int flags, mode_t mode)> shmOpen;
   std::function<int(int file, off_t offset, off_t size)> posixFallocate;
   std::function<int(int file, struct stat* found)> fstat;
+  std::function<int(const char* path, struct stat* found)> lstat;
   std::function<void*(int file)> mmap;  ///< only of files
   std::function<ssize_t(int file, void* bytes, std::size_t size, off_t offset)> pread;
   std::function<int(const char* path)> open;
@@ -30,6 +31,7 @@ extern Instead instead;
 int shmOpen(const char* name, int flags, mode_t mode);
 int posixFallocate(int file, off_t offset, off_t size);
 int fstat(int file, struct stat* found);
+int lstat(const char* path, struct stat* found);
 ssize_t pread(int file, void* bytes, std::size_t size, off_t offset);
 
 /// Sets errno and gives what a failing call does.
