@@ -277,8 +277,8 @@ bool QueueView::isStillNamed(const std::string& name) const noexcept {
   char path[kLongestPath];
   const int length = std::snprintf(path, sizeof path, "/dev/shm/%s", name.c_str());
   struct stat found = {};
-  return length > 0 && static_cast<std::size_t>(length) < sizeof path &&
-         ::lstat(path, &found) == 0 && found.st_dev == device_ && found.st_ino == inode_;
+  return static_cast<std::size_t>(length) < sizeof path && ::lstat(path, &found) == 0 &&
+         found.st_dev == device_ && found.st_ino == inode_;
 }
 
 std::size_t QueueView::fileSize(std::size_t messages, std::size_t messageSize) noexcept {
