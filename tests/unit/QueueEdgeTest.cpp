@@ -223,6 +223,16 @@ TEST(QueueEdges, ViewTakesItsWindowAway) {
   EXPECT_EQ(windowsOf(queue.name()), 0u);
 }
 
+TEST(QueueEdges, NameMayBeAsLongAsTheSystemAllows) {
+  std::string name = uniqueQueueName();
+  name.append(250 - name.size(), 'n');
+  const RawQueue queue(name, 4, 300);
+  const QueueView view(name);
+  EXPECT_TRUE(view.isStillNamed(name));
+  EXPECT_TRUE(view.isStillNamed("/" + name));
+  EXPECT_FALSE(view.isStillNamed(name + std::string(50, 'n')));
+}
+
 TEST(QueueEdges, LargestObjectIsAsLargeAsAFileMayBe) {
   constexpr std::size_t kLargestMessage = 9223372036854775568u;
   EXPECT_EQ(QueueView::fileSize(1, kLargestMessage), 9223372036854775800u);
