@@ -197,10 +197,12 @@ TEST(QueueView, NeedsNoDescriptorToSeeItsName) {
   ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
   const rlimit none = {0, before.rlim_max};
   ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
-  EXPECT_TRUE(view.isStillNamed(queue.name()));
-  EXPECT_TRUE(view.isStillNamed("/" + queue.name()));
-  EXPECT_FALSE(view.isStillNamed(queue.name() + "x"));
+  const bool isNamed = view.isStillNamed(queue.name());
+  const bool isNamedWithSlash = view.isStillNamed("/" + queue.name());
+  const bool isOtherNamed = view.isStillNamed(queue.name() + "x");
   ::setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_TRUE(isNamed && isNamedWithSlash);
+  EXPECT_FALSE(isOtherNamed);
 }
 
 TEST(QueueView, MovesItsWindowAlong) {
