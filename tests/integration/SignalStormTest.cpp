@@ -182,7 +182,7 @@ TEST_F(ProgramsUnderSignals, ADaemonStartsServesAndEndsTimeAndAgain) {
 TEST_F(ProgramsUnderSignals, APipeArrivesByteByByte) {
   Process daemon(underSignals(daemonCommand()));
   ASSERT_TRUE(awaitServing(daemon)) << daemon.errors();
-  const std::string content = file(5000);
+  const std::string content = file(2000);
   // Many small writes with pauses between them, so that the reader has to wait.
   const std::string line =
       "for i in 1 2 3 4 5; do sleep 0.05; dd bs=1000 if=\"$0\" 2>/dev/null; done | \"$@\"";

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <stdexcept>
 
 namespace test_support {
@@ -39,7 +39,9 @@ std::vector<std::string> namesIn(const std::string& folder) {
 std::string contentsOf(const std::string& file) {
   std::ifstream stream(file, std::ios::binary);
   if (!stream) throw std::runtime_error("cannot read " + file);
-  return std::string(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());
+  std::ostringstream contents;
+  if (stream.peek() != std::ifstream::traits_type::eof()) contents << stream.rdbuf();
+  return contents.str();
 }
 
 }  // namespace test_support
