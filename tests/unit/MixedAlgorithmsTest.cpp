@@ -1,23 +1,14 @@
 // The refusal of mixed algorithms is out of every producer's reach, because nothing clears the flag
 // in front of it. It must work all the same, should a later writer clear it.
 
+#include "unit/FirstSegment.h"
 #include "unit/WriterFixture.h"
 
-using korvex::ShmWriter;
 using korvex_test::DaemonQueues;
 using testing::ElementsAre;
 using writer_test::expectError;
 
 namespace {
-
-bool& firstSegmentOf(ShmWriter& writer);
-
-/// An explicit instantiation may name a private member; the friend hands it out.
-template <bool ShmWriter::*member>
-struct FirstSegment {
-  friend bool& firstSegmentOf(ShmWriter& writer) { return writer.*member; }
-};
-template struct FirstSegment<&ShmWriter::firstSegment_>;
 
 class MixedAlgorithms : public writer_test::Writer {
  protected:

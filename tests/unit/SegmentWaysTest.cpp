@@ -1,22 +1,13 @@
 // Most segments take a short way into the batch. Whichever way one takes, the same comes of it.
 
+#include "unit/FirstSegment.h"
 #include "unit/WriterFixture.h"
 
-using korvex::ShmWriter;
 using korvex_test::DaemonQueues;
 using testing::ElementsAre;
 using writer_test::expectError;
 
 namespace {
-
-bool& firstSegmentOf(ShmWriter& writer);
-
-/// An explicit instantiation may name a private member; the friend hands it out.
-template <bool ShmWriter::*member>
-struct FirstSegment {
-  friend bool& firstSegmentOf(ShmWriter& writer) { return writer.*member; }
-};
-template struct FirstSegment<&ShmWriter::firstSegment_>;
 
 constexpr std::size_t kRoomForEverything = 400000;
 
