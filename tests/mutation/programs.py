@@ -12,7 +12,7 @@ import time
 from dataclasses import dataclass, field
 
 SHARED_MEMORY = pathlib.Path("/dev/shm")
-QUEUE_OF_A_TEST = re.compile(r"\.?korvexd?-(?:[a-z]+-)*(\d+)")
+QUEUE_OF_A_TEST = re.compile(r"\.?korvexd?-(?:[a-z]+-)*(\d{1,7})(?!\d)")
 FAILED_TEST = re.compile(r"^\[  FAILED  \] (\S+?),? ", re.MULTILINE)
 MOST_MEMORY = 8 << 30
 
