@@ -77,25 +77,28 @@ void StreamSession::startStream(const Header& header) {
 /// Records when no stream is open, or in what is left of a failed one.
 StreamSession::Answer StreamSession::takeOutside(const Header& header) {
   const bool isClose = header.type == kTypeClose;
-  const bool isAgain = state_ == State::Ended && header.sequence > lastSequence_;
-  if (isClose && isAgain) {
-    state_ = State::Idle;
+  const bool isStop = header.type == kTypeStop;  // may come without a stream
+  if (state_ == State::Failed) {
+    if (isClose || isStop) {
+      endWith(header);
+    } else {
+      stats_.add(Count::DroppedRecords);
+    }
     return {};
   }
-  // A stop may come without a stream.
-  if (header.type == kTypeStop || (isClose && state_ == State::Failed)) {
+  const std::string defect = defectOf(header);
+  if (!defect.empty()) return refuse(defect);
+  const bool isAgain = state_ == State::Ended && header.sequence > lastSequence_;
+  if (isStop || (isClose && isAgain)) {
     endWith(header);
     return {};
   }
-  if (state_ != State::Failed) {
-    return refuse(recordText(header) + ": no stream is open, expected type 0");
-  }
-  stats_.add(Count::DroppedRecords);
-  return {};
+  return refuse(recordText(header) + ": no stream is open, expected type 0");
 }
 
 /// A writer that stopped is still open, and so is one whose close failed because it met a failure
-/// reply: both close when they are destroyed. An answer to that would reach the next producer.
+/// reply or found no room in time: they close again, at the latest when they are destroyed. An
+/// answer to that would reach the next producer.
 void StreamSession::endWith(const Header& header) {
   state_ = State::Ended;
   lastSequence_ = header.sequence;

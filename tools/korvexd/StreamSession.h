@@ -50,7 +50,7 @@ class StreamSession {
     Idle,
     Open,
     Failed,  ///< the rest of the stream is dropped
-    Ended    ///< closed or stopped; its producer may close once more
+    Ended    ///< closed or stopped; its producer may close again
   };
 
   Answer takeOpen(const korvex::qmx_shm_message_t& header);

@@ -204,11 +204,21 @@ TEST_F(StreamSessionTest, RefusesRecordsOutsideOfAStream) {
   for (const std::uint32_t type : {kData, kSegmentEnd, kClose}) {
     take(kOpen, 0);
     take(kClose, 2);
-    take(kClose, 3);
     expectFailure(
-        take(type, 4), 32,
-        "record type " + std::to_string(type) + " sequence 4: no stream is open, expected type 0");
+        take(type, 2), 32,
+        "record type " + std::to_string(type) + " sequence 2: no stream is open, expected type 0");
   }
+}
+
+TEST_F(StreamSessionTest, RefusesDataThatWouldBeLostAfterTheClose) {
+  for (const std::uint32_t type : {kClose, kStop}) {
+    take(kOpen, 0);
+    take(kClose, 2);
+    expectFailure(
+        take(type, 3, "abc"), 32,
+        "record type " + std::to_string(type) + " sequence 3: found 3 data bytes, expected none");
+  }
+  EXPECT_EQ(count(Count::DroppedRecords), 2u);
 }
 
 TEST_F(StreamSessionTest, AnswersAFailedStreamOnce) {
@@ -280,8 +290,9 @@ TEST_F(StreamSessionTest, AWriterWhoseCloseMetAFailureMayCloseAgain) {
     failing_ = failing;
     take(kOpen, 0);
     take(kClose, 2);
-    EXPECT_FALSE(take(kClose, 3)) << "the reply would reach the next producer";
-    EXPECT_TRUE(take(kClose, 4)) << "twice is enough";
+    for (const std::uint64_t sequence : {3, 4, 6}) {
+      EXPECT_FALSE(take(kClose, sequence)) << "the reply would reach the next producer";
+    }
     failing_ = 0;
     take(kOpen, 0);
     EXPECT_EQ(take(kClose, 2)->status, 0u);
@@ -294,11 +305,31 @@ TEST_F(StreamSessionTest, AWriterWhoseCloseMetAnotherStreamsReplyMayCloseAgain) 
   EXPECT_FALSE(take(kClose, 3));
 }
 
-TEST_F(StreamSessionTest, RefusesASecondCloseThatIsAnotherProducers) {
+TEST_F(StreamSessionTest, AWriterThatStoppedMayCloseAsOftenAsItFindsNoRoom) {
+  take(kOpen, 0);
+  take(kStop, 2);
+  for (const std::uint64_t sequence : {3, 4, 5}) EXPECT_FALSE(take(kClose, sequence));
+  EXPECT_FALSE(take(kStop, 6));
+  EXPECT_FALSE(take(kClose, 7));
+}
+
+TEST_F(StreamSessionTest, RefusesAnotherCloseThatIsAnotherProducers) {
   take(kOpen, 0);
   take(kClose, 2);
-  expectFailure(take(kClose, 2), 32,
-                "record type 3 sequence 2: no stream is open, expected type 0");
+  EXPECT_FALSE(take(kClose, 3));
+  expectFailure(take(kClose, 3), 32,
+                "record type 3 sequence 3: no stream is open, expected type 0");
+}
+
+// Nothing in a record tells whose it is. The receipt does: its digest fits neither producer.
+TEST_F(StreamSessionTest, CannotTellProducersApartWhoseNumbersFit) {
+  take(kOpen, 0);
+  take(kData, 2, "AAAA");
+  take(kOpen, 0);
+  take(kData, 2, "BBBB");
+  take(kData, 3, "aaaa");
+  EXPECT_EQ(take(kClose, 4)->status, 0u);
+  EXPECT_EQ(fate(1).data, "BBBBaaaa");
 }
 
 TEST_F(StreamSessionTest, TellsWhatASinkFailedOn) {
