@@ -28,13 +28,15 @@ ino_t processNamespace() noexcept {
 
 bool isAlive(pid_t process) noexcept { return ::kill(process, 0) == 0 || errno != ESRCH; }
 
-/// Whether a dead daemon of this namespace called a queue so.
+/// Whether a dead daemon of this namespace called a queue so. Where namespaces cannot be told
+/// apart, a process id that is free here may be a living daemon's elsewhere.
 bool isLeftOver(const std::string& name) {
-  if (name.compare(0, kStart.size(), kStart) != 0) return false;
+  const ino_t here = processNamespace();
+  if (here == 0 || name.compare(0, kStart.size(), kStart) != 0) return false;
   char* end = nullptr;
   const long process = std::strtol(name.c_str() + kStart.size(), &end, 10);
   if (process <= 0 || process > std::numeric_limits<pid_t>::max()) return false;
-  const std::string place = "-" + std::to_string(processNamespace()) + "-";
+  const std::string place = "-" + std::to_string(here) + "-";
   return std::string(end).compare(0, place.size(), place) == 0 &&
          !isAlive(static_cast<pid_t>(process));
 }

@@ -14,7 +14,8 @@ namespace korvexd {
 std::string temporaryQueueName();
 
 /// Removes the queues that dead daemons of this user left half made in this namespace of process
-/// ids, and returns their names. What cannot be looked at or removed is left alone.
+/// ids, and returns their names. What cannot be looked at or removed is left alone, and everything
+/// where the system does not tell the namespace (no /proc).
 std::vector<std::string> removeHalfMadeQueues();
 
 }  // namespace korvexd

@@ -1,7 +1,9 @@
 #include "korvexd/TemporaryName.h"
 
 #include <gmock/gmock.h>
+#include <sched.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -9,6 +11,7 @@
 #include <algorithm>
 
 #include "integration/support/Await.h"
+#include "integration/support/Child.h"
 #include "integration/support/Queues.h"
 #include "shm/MessageQueue.h"
 
@@ -53,6 +56,14 @@ class TemporaryNameTest : public testing::Test {
     return found.st_ino;
   }
 
+  /// Takes /proc away from this process alone. False where that is not allowed.
+  static bool hideProcesses() {
+    const int user = test_support::isRoot() ? 0 : CLONE_NEWUSER;
+    return ::unshare(CLONE_NEWNS | user) == 0 &&
+           ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           ::mount("none", "/proc", "tmpfs", 0, nullptr) == 0;
+  }
+
   std::vector<std::string> made_;
 };
 
@@ -87,6 +98,17 @@ TEST_F(TemporaryNameTest, LeavesWhatMayBeOfAnotherNamespace) {
     EXPECT_THAT(removeHalfMadeQueues(), Not(Contains(name)));
     EXPECT_TRUE(queueExists(name));
   }
+}
+
+TEST_F(TemporaryNameTest, LeavesEverythingWhereTheNamespaceIsUnknown) {
+  const std::string name = make(".korvexd-" + std::to_string(deadProcess()) + "-0-1-2");
+  const std::string seen = test_support::resultOfChild([] {
+    if (!hideProcesses()) return std::string("not allowed");
+    return temporaryQueueName() + (removeHalfMadeQueues().empty() ? " leaves all" : " removes");
+  });
+  if (seen == "not allowed") GTEST_SKIP() << "cannot hide /proc here";
+  EXPECT_THAT(seen, testing::MatchesRegex("\\.korvexd-[0-9]+-0-[0-9]+-[0-9]+ leaves all"));
+  EXPECT_TRUE(queueExists(name));
 }
 
 TEST_F(TemporaryNameTest, LeavesNamesWithoutAProcess) {
