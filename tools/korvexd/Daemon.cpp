@@ -9,6 +9,7 @@
 
 #include "korvexd/CutGuard.h"
 #include "korvexd/DiscardSink.h"
+#include "korvexd/StartThread.h"
 #include "korvexd/TemporaryName.h"
 
 namespace korvexd {
@@ -32,6 +33,27 @@ void prepareSignals() {
   ::signal(SIGPIPE, SIG_IGN);
   ::signal(SIGXFSZ, SIG_IGN);  // a file that may not grow is an error of that write, like others
 }
+
+/// One thread for each server. They have ended when it goes.
+class ServerThreads {
+ public:
+  explicit ServerThreads(std::atomic<bool>& stop) : stop_(stop) {}
+  ~ServerThreads() {
+    stop_ = true;
+    for (std::thread& thread : threads_) thread.join();
+  }
+  ServerThreads(const ServerThreads&) = delete;
+  ServerThreads& operator=(const ServerThreads&) = delete;
+
+  void start(QueueServer& server) {
+    threads_.push_back(
+        startThread("queue " + server.queue(), [this, &server] { server.run(stop_); }));
+  }
+
+ private:
+  std::atomic<bool>& stop_;
+  std::vector<std::thread> threads_;
+};
 
 }  // namespace
 
@@ -74,13 +96,11 @@ void Daemon::createServers(const Options& options) {
 }
 
 void Daemon::run() {
-  std::vector<std::thread> threads;
-  for (const auto& server : servers_) {
-    threads.emplace_back([this, &server] { server->run(stop_); });
+  {
+    ServerThreads threads(stop_);
+    for (const auto& server : servers_) threads.start(*server);
+    awaitSignal();
   }
-  awaitSignal();
-  stop_ = true;
-  for (std::thread& thread : threads) thread.join();
   updateStats();
   servers_.clear();
 }

@@ -23,6 +23,7 @@ class Daemon {
   explicit Daemon(const Options& options);
 
   /// Serves until SIGTERM or SIGINT comes. Open streams end as incomplete, the queues are removed.
+  /// Throws SystemError when there is no thread for a queue.
   void run();
 
  private:

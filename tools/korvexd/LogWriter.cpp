@@ -13,6 +13,8 @@
 #include <mutex>
 #include <utility>
 
+#include "korvexd/StartThread.h"
+
 namespace korvexd {
 namespace {
 
@@ -43,6 +45,22 @@ void writeAll(int descriptor, const std::string& line) noexcept {
     }
   }
 }
+
+/// Keeps every signal from the calling thread as long as it exists.
+class NoSignals {
+ public:
+  NoSignals() {
+    sigset_t all;
+    ::sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &before_);
+  }
+  ~NoSignals() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+  NoSignals(const NoSignals&) = delete;
+  NoSignals& operator=(const NoSignals&) = delete;
+
+ private:
+  sigset_t before_;
+};
 
 }  // namespace
 
@@ -94,13 +112,8 @@ std::string LogWriter::State::next() noexcept {
 
 LogWriter::LogWriter(int descriptor, std::chrono::milliseconds patience)
     : patience_(patience), state_(std::make_shared<State>(descriptor)) {
-  // A new thread has its maker's mask, and signals are for others.
-  sigset_t all;
-  sigset_t before;
-  ::sigfillset(&all);
-  ::pthread_sigmask(SIG_SETMASK, &all, &before);
-  thread_ = std::thread([state = state_] { state->run(); });
-  ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  const NoSignals noSignals;  // a new thread has its maker's mask, and signals are for others
+  thread_ = startThread("the log", [state = state_] { state->run(); });
 }
 
 LogWriter::~LogWriter() {

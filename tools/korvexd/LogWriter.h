@@ -18,7 +18,8 @@ class LogWriter {
  public:
   static constexpr std::size_t kMostLines = 8192;
 
-  /// The descriptor is used as long as the process lives.
+  /// The descriptor is used as long as the process lives. Throws SystemError when there is no
+  /// thread to be had.
   LogWriter(int descriptor, std::chrono::milliseconds patience);
 
   /// Waits until everything is written, but no longer than its patience.

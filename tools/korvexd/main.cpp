@@ -27,6 +27,17 @@ int serve(const korvexd::Options& options) {
   }
 }
 
+bool startLog() {
+  try {
+    spdlog::set_default_logger(std::make_shared<spdlog::logger>(
+        "korvexd", std::make_shared<korvexd::LogSink>(STDERR_FILENO, kLogPatience)));
+    return true;
+  } catch (const std::exception& error) {
+    std::cerr << "korvexd: " << error.what() << std::endl;
+    return false;
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -34,8 +45,7 @@ int main(int argc, char** argv) {
   korvex::occupyStandardDescriptors();
   const ParsedOptions parsed = parseOptions(argc, argv, std::cout, std::cerr);
   if (!parsed.options) return parsed.exitCode;
-  spdlog::set_default_logger(std::make_shared<spdlog::logger>(
-      "korvexd", std::make_shared<LogSink>(STDERR_FILENO, kLogPatience)));
+  if (!startLog()) return kExitFailed;
   const int exitCode = serve(*parsed.options);
   spdlog::shutdown();  // the last lines are written here
   return exitCode;

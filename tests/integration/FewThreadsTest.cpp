@@ -1,0 +1,61 @@
+// A container may have no thread left to give.
+
+#include <gmock/gmock.h>
+
+#include "integration/DaemonFixture.h"
+
+using testing::EndsWith;
+using testing::HasSubstr;
+
+namespace {
+
+const char kNoMore[] = ": error 11 (Resource temporarily unavailable)\n";
+
+class FewThreads : public DaemonFixture {
+ protected:
+  /// A daemon for two queues that gets only so many threads besides its first.
+  Process runWith(int threads) const {
+    return Process({"/usr/bin/env", "LD_PRELOAD=" KORVEX_FEW_THREADS,
+                    "KORVEX_TEST_THREADS=" + std::to_string(threads), KORVEXD_PROGRAM, "--queue",
+                    queue_, "--queue", other_, "--discard"});
+  }
+
+  void expectNoQueues(const Process& daemon) const {
+    for (const std::string& queue : {queue_, other_}) {
+      EXPECT_FALSE(test_support::queueExists(queue));
+      EXPECT_FALSE(test_support::queueExists(queue + "Response"));
+    }
+    EXPECT_THAT(unfinishedQueuesOf(daemon), testing::IsEmpty());
+  }
+
+  std::string other_ = test_support::uniqueQueueName();
+  test_support::QueueRemover otherRemover_{other_};
+};
+
+}  // namespace
+
+TEST_F(FewThreads, NoneForTheLogIsSaidAllTheSame) {
+  Process daemon = runWith(0);
+  EXPECT_EQ(daemon.wait(), 1);
+  EXPECT_EQ(daemon.errors(), std::string("korvexd: starting the thread of the log") + kNoMore);
+  expectNoQueues(daemon);
+}
+
+TEST_F(FewThreads, NoneForAQueueEndsTheDaemonInOrder) {
+  const std::string queues[] = {queue_, other_};
+  for (const int threads : {1, 2}) {
+    Process daemon = runWith(threads);
+    EXPECT_EQ(daemon.wait(), 1);
+    EXPECT_THAT(daemon.errors(), HasSubstr("serving " + other_ + ","));
+    EXPECT_THAT(daemon.errors(),
+                EndsWith("starting the thread of queue " + queues[threads - 1] + kNoMore));
+    expectNoQueues(daemon);
+  }
+}
+
+TEST_F(FewThreads, OneMoreForEachQueueIsEnough) {
+  Process daemon = runWith(3);
+  ASSERT_TRUE(awaitServing(daemon));
+  EXPECT_EQ(stream(other_, "abc"), "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950");
+  end(daemon);
+}
