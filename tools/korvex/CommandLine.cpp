@@ -4,23 +4,27 @@
 
 #include <cerrno>
 #include <ostream>
+#include <sstream>
 #include <string>
 #include <system_error>
 #include <vector>
 
 #include "Failure.h"
+#include "Printable.h"
 
 namespace korvex::tool {
 namespace {
 
 constexpr char kGuard = '\x01';
 
+bool needsGuard(char first) { return first == '[' || first == kGuard; }
+
 /// The parser takes a word in brackets for a list, and a file called [] for no file at all. Words
 /// that begin like that are guarded from it by a byte in front.
 std::vector<std::string> guarded(int argumentCount, const char* const* arguments) {
   std::vector<std::string> words(arguments, arguments + argumentCount);
   for (std::string& word : words) {
-    if (!word.empty() && (word.front() == '[' || word.front() == kGuard)) word.insert(0, 1, kGuard);
+    if (needsGuard(word[0])) word.insert(0, 1, kGuard);
   }
   return words;
 }
@@ -29,12 +33,26 @@ std::string unguarded(std::string word) {
   return !word.empty() && word.front() == kGuard ? word.substr(1) : word;
 }
 
+/// What the parser says of words that may hold anything, for people.
+std::string complaint(const CLI::App* tool, const CLI::Error& error) {
+  std::istringstream lines(CLI::FailureMessage::simple(tool, error));
+  std::string text;
+  for (std::string line; std::getline(lines, line);) {
+    for (std::size_t at = 0; (at = line.find(kGuard, at)) != std::string::npos; ++at) {
+      if (needsGuard(line[at + 1])) line.erase(at, 1);
+    }
+    text += printable(line) + "\n";
+  }
+  return text;
+}
+
 void parse(CLI::App& tool, int argumentCount, const char* const* arguments) {
   for (CLI::App* const command : tool.get_subcommands([](CLI::App*) { return true; })) {
     for (CLI::Option* const option : command->get_options()) option->transform(unguarded);
   }
   const std::vector<std::string> words = guarded(argumentCount, arguments);
   std::vector<const char*> pointers;
+  pointers.reserve(words.size());
   for (const std::string& word : words) pointers.push_back(word.c_str());
   tool.parse(argumentCount, pointers.data());
 }
@@ -43,6 +61,7 @@ Ending runCommand(int argumentCount, const char* const* arguments, const StopSig
                   const Progress& progress, std::ostream& out, std::ostream& errors) {
   CLI::App tool("Sends data through korvex's queues in shared memory.", "korvex");
   tool.set_version_flag("--version", KORVEX_VERSION);
+  tool.failure_message(complaint);
   tool.require_subcommand(0, 1);  // so that an unknown word is named, not called missing
   SendOptions sendOptions;
   declareSend(tool, sendOptions);

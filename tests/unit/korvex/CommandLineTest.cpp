@@ -13,6 +13,7 @@ using korvex::tool::runTool;
 using korvex::tool::SendOptions;
 using korvex::tool::StopSignal;
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
@@ -180,6 +181,27 @@ TEST_F(CommandLine, TakesWordsInBracketsAsTheyAre) {
   errors.str("");
   EXPECT_EQ(run({"send", "--queue", "[no-such-queue]", "/dev/null"}), 1);
   EXPECT_THAT(errors.str(), HasSubstr("queue '[no-such-queue]': No such file or directory"));
+}
+
+TEST_F(CommandLine, ShowsWordsThatItDoesNotKnowAsTheyAreAndNoControlCharacter) {
+  const std::pair<const char*, const char*> words[] = {{"[foo]", ": [foo]\n"},
+                                                       {"\x01[foo]", ": \\x01[foo]\n"},
+                                                       {"a[\x01", ": a[\\x01\n"},
+                                                       {"\x1b[31m", ": \\x1b[31m\n"},
+                                                       {"a\x01", ": a\\x01\n"},
+                                                       {"a\x01"
+                                                        "b",
+                                                        ": a\\x01"
+                                                        "b\n"}};
+  for (const auto& [word, shown] : words) {
+    errors.str("");
+    EXPECT_EQ(run({word}), 2);
+    EXPECT_THAT(errors.str(), HasSubstr(shown));
+    EXPECT_THAT(errors.str(), EndsWith("Run with --help for more information.\n"));
+  }
+  errors.str("");
+  EXPECT_EQ(runSend({"--timeout", "\x1b[31m"}), 2);
+  EXPECT_THAT(errors.str(), HasSubstr("\\x1b[31m"));
 }
 
 TEST_F(CommandLine, FailsWhenItsOutputCannotBeWritten) {
