@@ -13,7 +13,7 @@
 namespace korvexd {
 namespace {
 
-constexpr std::size_t kGatherSize = 256 * 1024;
+constexpr std::size_t kGatherSize = std::size_t{256} * 1024;
 constexpr mode_t kFileMode = 0600;
 
 const char kDataName[] = "data";

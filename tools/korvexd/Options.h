@@ -16,7 +16,7 @@ namespace korvexd {
 // A pair that keeps both sides at work: a batch holds two of the largest ordinary records, and
 // there are enough of them to bridge a pause of either side.
 constexpr std::size_t kDefaultMessages = 8;
-constexpr std::size_t kDefaultMessageSize = 264 * 1024;
+constexpr std::size_t kDefaultMessageSize = std::size_t{264} * 1024;
 constexpr mode_t kDefaultMode = 0600;
 
 /// What the daemon was asked to do; checked.

@@ -25,7 +25,7 @@ void refuseExisting(const std::string& name) {
 /// The name of the response queue. Looked at before anything is made: a daemon that waits for its
 /// names tries again and again.
 std::string responseNameIfFree(const std::string& name, QueuePair::Existing existing) {
-  const std::string replies = korvex::getMessageQueueResponseName(name);
+  std::string replies = korvex::getMessageQueueResponseName(name);
   if (existing == QueuePair::Existing::Refuse) {
     refuseExisting(name);
     refuseExisting(replies);

@@ -27,13 +27,15 @@ const char* kindOf(mode_t mode) {
 void refuseForeign(const std::string& name) {
   struct stat found = {};
   if (!lookAtQueueObject(name, found)) return;
-  if (!S_ISREG(found.st_mode))
+  if (!S_ISREG(found.st_mode)) {
     throw std::runtime_error("queue " + name + " cannot be replaced: found " +
                              kindOf(found.st_mode) + ", expected a queue that a daemon left");
-  if (found.st_uid != ::geteuid())
+  }
+  if (found.st_uid != ::geteuid()) {
     throw std::runtime_error("queue " + name + " cannot be replaced: found one of user " +
                              std::to_string(found.st_uid) + ", expected one of user " +
                              std::to_string(::geteuid()));
+  }
 }
 
 }  // namespace
