@@ -8,11 +8,13 @@ namespace korvex {
 
 /// For the first line of a program. A closed standard descriptor would be given to the next file
 /// that is opened, a queue for example, and messages for people would be written into that. What
-/// takes its place can neither be read nor, for input, written.
+/// takes its place loses those messages. Reading it as input fails, and so does writing output that
+/// somebody asked for.
 inline void occupyStandardDescriptors() {
+  constexpr int kAccess[] = {O_WRONLY, O_RDONLY, O_RDWR};
   for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
     if (::fcntl(descriptor, F_GETFD) != -1) continue;
-    static_cast<void>(::open("/dev/null", descriptor == STDIN_FILENO ? O_WRONLY : O_RDWR));
+    static_cast<void>(::open("/dev/null", kAccess[descriptor]));
   }
 }
 

@@ -393,4 +393,9 @@ TEST_F(SendCommand, FailsWhenNobodyLearnsTheResult) {
   EXPECT_EQ(shell("\"$0\" --help >/dev/full").code, 1);
   EXPECT_EQ(shell("\"$0\" --version >/dev/full").code, 1);
   EXPECT_EQ(shell("printf abc | \"$0\" send --queue \"$1\" >/dev/full").code, 0) << "nothing asked";
+  const Result closed = shell("printf abc | \"$0\" send --queue \"$1\" --json >&-");
+  EXPECT_EQ(closed.code, 1);
+  EXPECT_EQ(closed.errors,
+            "korvex: cannot write the result to standard output: Bad file descriptor\n");
+  EXPECT_EQ(shell("printf abc | \"$0\" send --queue \"$1\" >&-").code, 0) << "nothing asked";
 }
