@@ -83,6 +83,9 @@ int main(int argc, char** argv) try {
   CLI11_PARSE(app, argc, argv);
   if (*produce) return korvex_faults::produce(load);
   options.hasOnly = !only->empty();
+  // First of all, so that a run that somebody has to end can be repeated as well.
+  std::printf("seed %llu\n", static_cast<unsigned long long>(options.seed));
+  std::fflush(stdout);
   const auto start = std::chrono::steady_clock::now();
   const Tally tally = runAll(options);
   const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
