@@ -10,9 +10,15 @@
 #include <fstream>
 #include <iterator>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 namespace korvex_faults {
+namespace {
+
+constexpr std::chrono::milliseconds kPeriod{1};
+
+}  // namespace
 
 Child::Child(const std::vector<std::string>& command, int descriptor, std::string file)
     : file_(std::move(file)) {
@@ -53,8 +59,12 @@ void Child::killNow() {
   reap(0);
 }
 
-int Child::wait() {
-  reap(0);
+std::optional<int> Child::wait(std::chrono::milliseconds limit) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (!hasEnded()) {
+    if (std::chrono::steady_clock::now() >= end) return std::nullopt;
+    std::this_thread::sleep_for(kPeriod);
+  }
   return code_;
 }
 

@@ -3,6 +3,8 @@
 
 #include <sys/types.h>
 
+#include <chrono>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,8 +29,9 @@ class Child {
   /// Kills it and waits until it is gone.
   void killNow();
 
-  /// Waits for its end and returns the exit code, minus the signal that ended it.
-  int wait();
+  /// Waits for its end and returns the exit code, minus the signal that ended it; nothing when it
+  /// still runs after `limit`.
+  std::optional<int> wait(std::chrono::milliseconds limit);
 
   /// What it wrote so far.
   std::string said() const;

@@ -18,9 +18,12 @@ namespace {
 namespace fs = std::filesystem;
 using std::chrono::milliseconds;
 
-constexpr double kDeadlineMs = kTimeoutSeconds * 1000.0 + 250;
 constexpr milliseconds kStopLength{1300};  // longer than any call of a producer may wait
 constexpr milliseconds kStartPatience{10000};
+constexpr milliseconds kEndPatience{10000};
+// A producer that meets no daemon spends three calls at most. The rest is for slow machines.
+constexpr milliseconds kHangPatience = 3 * kCallLimit + milliseconds(15000);
+constexpr std::size_t kBadEnough = 10;
 constexpr milliseconds kServedPatience{1000};
 constexpr milliseconds kPeriod{1};
 constexpr std::uint64_t kMiB = 1 << 20;
@@ -29,6 +32,16 @@ const fs::path kSharedMemory = "/dev/shm";
 
 std::uint64_t between(std::mt19937_64& dice, std::uint64_t least, std::uint64_t most) {
   return std::uniform_int_distribution<std::uint64_t>(least, most)(dice);
+}
+
+double msOf(Call::Clock::duration length) {
+  return std::chrono::duration<double, std::milli>(length).count();
+}
+
+/// How much of the first lies in the second.
+Call::Clock::duration overlapOf(const Call& first, const Call& second) {
+  const auto shared = std::min(first.end, second.end) - std::max(first.begin, second.begin);
+  return std::max(shared, Call::Clock::duration::zero());
 }
 
 std::string nameOf(const fs::path& path) { return path.filename().string(); }
@@ -61,22 +74,38 @@ std::vector<unsigned char> bytesOf(const fs::path& path) {
 }  // namespace
 
 void Tally::add(const Tally& other) {
+  kills += other.kills;
   for (const auto& [outcome, times] : other.outcomes) outcomes[outcome] += times;
   bad.insert(bad.end(), other.bad.begin(), other.bad.end());
 }
 
 Lane::Lane(const Settings& settings, const Stalls& stalls)
-    : settings_(settings), stalls_(stalls), folder_(fs::temp_directory_path() / settings.name) {
-  fs::create_directories(folder_ / "store");
-  startDaemon();
-  awaitServing();
-}
+    : settings_(settings), stalls_(stalls), folder_(fs::temp_directory_path() / settings.name) {}
 
 Lane::~Lane() {
   survivors_.clear();
   daemon_.reset();
   std::error_code ignored;
+  for (const fs::path& left : leftInSharedMemory()) fs::remove(left, ignored);
   fs::remove_all(folder_, ignored);
+}
+
+/// Without this step, nothing that follows means anything.
+void Lane::attempt(const std::function<void()>& step) {
+  try {
+    step();
+  } catch (const std::exception& error) {
+    complain(error.what());
+    isBroken_ = true;
+  }
+}
+
+bool Lane::isOver() const { return isBroken_ || tally_.bad.size() >= kBadEnough; }
+
+void Lane::begin() {
+  fs::create_directories(folder_ / "store");
+  startDaemon();
+  awaitServing();
 }
 
 void Lane::complain(std::uint64_t index, const std::string& what) {
@@ -111,16 +140,36 @@ Lane::Running Lane::startProducer(std::uint64_t streams, std::uint64_t size) {
                                        std::to_string(load.number), "--streams",
                                        std::to_string(streams), "--size", std::to_string(size)},
               STDOUT_FILENO, file),
-          load, index_, Clock::now(), 0};
+          load,
+          index_,
+          Clock::now(),
+          {}};
 }
 
 void Lane::run(std::uint64_t index) {
   index_ = index;
-  dice_.seed(settings_.seed * 1000003 + index);
+  attempt([this] {
+    if (!daemon_) begin();
+    strike();
+  });
+}
+
+void Lane::strike() {
+  dice_.seed(settings_.seed * 1000003 + index_);
   // A large stream fills the queue; many small ones keep both directions busy.
   const bool isLarge = between(dice_, 0, 2) != 0;
   Running producer = isLarge ? startProducer(1, 8 * between(dice_, 2, 8 * kMiB / 8))
                              : startProducer(1000, 8 * between(dice_, 2, 1000));
+  const Clock::time_point served = befall(producer);
+  ++tally_.kills;
+  sendNext(served);
+  lookAtStore();
+  finishSurvivors();
+  lookAtClaims();
+}
+
+/// Returns since when the daemon serves and the queue is free for the next stream.
+Lane::Clock::time_point Lane::befall(Running& producer) {
   const std::uint64_t kind = between(dice_, 0, 99);
   std::this_thread::sleep_for(std::chrono::microseconds(between(dice_, 0, 25000)));
   if (kind < 48) {
@@ -132,18 +181,16 @@ void Lane::run(std::uint64_t index) {
   } else if (kind < 97) {
     stopProducer(producer);
   } else {
-    stopDaemon(producer);
+    return stopDaemon(producer);
   }
-  sendNext(Clock::now());
-  lookAtStore();
-  finishSurvivors(false);
-  lookAtClaims();
+  return Clock::now();
 }
 
 /// Returns while the daemon makes its queues, or shortly after.
 void Lane::awaitHalfMadeQueue() {
+  const auto end = Clock::now() + kStartPatience;
   while (!hasHalfMadeQueue() && !isServing()) {
-    if (daemon_->hasEnded()) return;
+    if (daemon_->hasEnded() || Clock::now() >= end) return;
   }
 }
 
@@ -192,57 +239,90 @@ void Lane::killBoth(Running& producer) {
 
 void Lane::stopProducer(Running& producer) {
   producer.child->signal(SIGSTOP);
+  producer.stop.begin = Clock::now();
   std::this_thread::sleep_for(kStopLength);
+  producer.stop.end = Clock::now();
   producer.child->signal(SIGCONT);
-  producer.stoppedMs = static_cast<double>(kStopLength.count());
   count("producer stopped");
   // It would go on for long with many streams, and one queue serves one producer.
   std::this_thread::sleep_for(kPeriod);
-  if (producer.load.streams > 1) return producer.child->killNow();
-  finishProducer(producer, "producer stopped");
+  producer.child->signal(kEndSignal);
+  finishProducer(producer, "producer stopped", kHangPatience);
 }
 
-void Lane::stopDaemon(Running& producer) {
+/// A producer that gave up leaves one batch and a close at most, which take no time once the daemon
+/// goes on: the next stream's second begins right then. One that got through may have had more to
+/// send, and one queue serves one producer: after it, the second begins with its end.
+Lane::Clock::time_point Lane::stopDaemon(Running& producer) {
   daemon_->signal(SIGSTOP);
+  // One that was through before meets nothing; a stream larger than the queue has to wait.
+  if (producer.child->hasEnded()) {
+    finishProducer(producer, "daemon stopped later", kHangPatience);
+    producer = startProducer(1, 8 * kMiB);
+  }
   std::this_thread::sleep_for(kStopLength);
+  const auto goesOn = Clock::now();
   daemon_->signal(SIGCONT);
   count("daemon stopped");
-  if (producer.load.streams > 1) return producer.child->killNow();
-  finishProducer(producer, "daemon stopped");
+  producer.child->signal(kEndSignal);
+  return finishProducer(producer, "daemon stopped", kHangPatience) == "complete" ? Clock::now()
+                                                                                 : goesOn;
 }
 
-/// Waits for its end and looks at what it says of itself.
-void Lane::finishProducer(Running& producer, const std::string& prefix) {
-  const int code = producer.child->wait();
-  Ending ending = {"", 0, 0};
+/// Waits for its end and looks at what it says of itself. Returns its outcome, if it has one.
+std::string Lane::finishProducer(Running& producer, const std::string& prefix,
+                                 milliseconds patience) {
+  const std::optional<int> code = producer.child->wait(patience);
+  if (!code) {
+    producer.child->killNow();
+    complain(producer.index, "a producer did not end");
+    return "";
+  }
+  Ending ending;
   std::istringstream said(producer.child->said());
-  said >> ending.outcome >> ending.receipts >> ending.longestMs;
-  if (code != 0 || !said)
-    return complain(producer.index, "a producer ended with " + std::to_string(code));
+  if (*code != 0 || !(said >> ending)) {
+    complain(producer.index, "a producer ended with " + std::to_string(*code));
+    return "";
+  }
   count("  " + prefix + ": " + ending.outcome);
   for (std::uint64_t i = 0; i < ending.receipts; ++i) claimed_.insert(producer.load.number + i);
   claims_ += ending.receipts;
-  judge(producer, ending);
+  for (const Call& call : ending.slowCalls) judge(producer, call);
+  return ending.outcome;
 }
 
-void Lane::judge(const Running& producer, const Ending& ending) {
-  const double late = ending.longestMs - producer.stoppedMs - kDeadlineMs;
+/// Only the part of a stop that fell into the call is forgiven.
+void Lane::judge(const Running& producer, const Call& call) {
+  const auto taken = call.end - call.begin - overlapOf(call, producer.stop);
+  const double late = msOf(taken - kCallLimit);
   if (late <= 0) return;
-  if (stalls_.longestMsSince(producer.start) >= late) return count("  late, machine stalled");
-  complain(producer.index, "a call took " + std::to_string(ending.longestMs) + " ms, " +
+  if (stalls_.longestMsSince(call.begin) >= late) return count(kLateInStall);
+  complain(producer.index, "a call took " + std::to_string(msOf(taken)) + " ms, " +
                                std::to_string(late) + " ms too long");
 }
 
-void Lane::finishSurvivors(bool wait) {
+/// Looks at those that have ended, and at those that should have long ago.
+void Lane::finishSurvivors() {
   auto survivor = survivors_.begin();
   while (survivor != survivors_.end()) {
-    if (!wait && !survivor->child->hasEnded()) {
+    const bool isDue = Clock::now() - survivor->start >= kHangPatience;
+    if (!survivor->child->hasEnded() && !isDue) {
       ++survivor;
       continue;
     }
-    finishProducer(*survivor, "daemon killed");
+    finishProducer(*survivor, "daemon killed", milliseconds(0));
     survivor = survivors_.erase(survivor);
   }
+}
+
+void Lane::awaitSurvivors() {
+  for (const Running& survivor : survivors_) survivor.child->signal(kEndSignal);
+  const auto end = Clock::now() + kHangPatience;
+  for (Running& survivor : survivors_) {
+    const auto left = std::chrono::duration_cast<milliseconds>(end - Clock::now());
+    finishProducer(survivor, "daemon killed", left);
+  }
+  survivors_.clear();
 }
 
 /// The next stream must be taken within a second of the daemon's service. One that was begun on
@@ -260,12 +340,12 @@ void Lane::sendNext(Clock::time_point served) {
     served = Clock::now();
     count("  next stream met lost queues");
   }
-  const std::chrono::duration<double, std::milli> taken = Clock::now() - served;
+  const auto taken = Clock::now() - served;
   if (taken <= kServedPatience) return;
-  if (stalls_.longestMsSince(served) >= taken.count() - 1000) {
-    return count("  next stream late, machine stalled");
+  if (stalls_.longestMsSince(served) >= msOf(taken - kServedPatience)) {
+    return count(kNextLateInStall);
   }
-  complain("the next stream took " + std::to_string(taken.count()) + " ms");
+  complain("the next stream took " + std::to_string(msOf(taken)) + " ms");
 }
 
 /// How often the daemon that runs now had to make its queues anew.
@@ -281,7 +361,7 @@ std::size_t Lane::timesServedAnew() const {
 bool Lane::tryNext() {
   Running producer = startProducer(1, 8 * between(dice_, 2, 20000));
   const std::uint64_t before = claims_;
-  finishProducer(producer, "next stream");
+  finishProducer(producer, "next stream", kHangPatience);
   return claims_ != before;
 }
 
@@ -320,27 +400,38 @@ void Lane::lookAtClaims() {
 }
 
 Tally Lane::finish() {
-  finishSurvivors(true);
-  daemon_->signal(SIGTERM);
-  const int code = daemon_->wait();
-  if (code != 0) complain("the daemon ended with " + std::to_string(code));
-  lookAtStore();
-  lookAtClaims();
-  lookAtSharedMemory();
+  if (daemon_ && !isBroken_) attempt([this] { end(); });
   return tally_;
 }
 
+void Lane::end() {
+  awaitSurvivors();
+  daemon_->signal(SIGTERM);
+  const std::optional<int> code = daemon_->wait(kEndPatience);
+  if (!code) throw std::runtime_error("the daemon does not end: " + daemon_->said());
+  if (*code != 0) complain("the daemon ended with " + std::to_string(*code));
+  lookAtStore();
+  lookAtClaims();
+  lookAtSharedMemory();
+}
+
 void Lane::lookAtSharedMemory() {
+  for (const fs::path& left : leftInSharedMemory()) {
+    complain(nameOf(left) + " was left in " + kSharedMemory.string());
+  }
+}
+
+std::vector<fs::path> Lane::leftInSharedMemory() const {
+  std::vector<fs::path> left;
   for (const auto& entry : fs::directory_iterator(kSharedMemory)) {
     const std::string name = nameOf(entry.path());
     bool isOurs = startsWith(name, settings_.name);
     for (const pid_t daemon : daemonIds_) {
       isOurs = isOurs || startsWith(name, halfMadeStart(daemon));
     }
-    if (!isOurs) continue;
-    complain(name + " was left in " + kSharedMemory.string());
-    fs::remove(entry.path());
+    if (isOurs) left.push_back(entry.path());
   }
+  return left;
 }
 
 }  // namespace korvex_faults

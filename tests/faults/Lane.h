@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -18,9 +19,16 @@
 
 namespace korvex_faults {
 
+/// Outcomes that are told even when they never came: they say how much a run has proved.
+inline const std::string kLateInStall = "  late, machine stalled";
+inline const std::string kNextLateInStall = "  next stream late, machine stalled";
+inline const std::string kTimedOutInStop = "  daemon stopped: timed-out";
+
 /// What a run counted, by outcome, and what it found wrong.
 struct Tally {
-  std::map<std::string, std::uint64_t> outcomes;
+  std::uint64_t kills = 0;
+  std::map<std::string, std::uint64_t> outcomes = {
+      {kLateInStall, 0}, {kNextLateInStall, 0}, {kTimedOutInStop, 0}};
   std::vector<std::string> bad;
 
   void add(const Tally& other);
@@ -42,14 +50,18 @@ class Lane {
   Lane(const Settings& settings, const Stalls& stalls);
   ~Lane();
 
-  /// One kill, and the checks after it.
+  /// One kill, and the checks after it. Never throws for what happens to the processes: that is
+  /// noted as bad, with the index.
   void run(std::uint64_t index);
+
+  /// True when there is no daemon any more, or when more of the same would only take long.
+  bool isOver() const;
 
   /// Ends the daemon as an operator does and looks for what was left behind.
   Tally finish();
 
  private:
-  using Clock = std::chrono::steady_clock;
+  using Clock = Call::Clock;
 
   /// A producer that goes on by itself.
   struct Running {
@@ -57,8 +69,13 @@ class Lane {
     Load load;
     std::uint64_t index;  ///< of its scenario
     Clock::time_point start;
-    double stoppedMs;
+    Call stop;  ///< from when until when it was stopped; empty when it was not
   };
+
+  void attempt(const std::function<void()>& step);
+  void begin();
+  void strike();
+  void end();
 
   void startDaemon();
   void awaitServing();
@@ -67,14 +84,17 @@ class Lane {
   bool hasHalfMadeQueue() const;
   bool isServing() const;
   Running startProducer(std::uint64_t streams, std::uint64_t size);
+  Clock::time_point befall(Running& producer);
   void killDaemon(Running& producer);
   void killProducer(Running& producer);
   void killBoth(Running& producer);
   void stopProducer(Running& producer);
-  void stopDaemon(Running& producer);
-  void finishProducer(Running& producer, const std::string& prefix);
-  void judge(const Running& producer, const Ending& ending);
-  void finishSurvivors(bool wait);
+  Clock::time_point stopDaemon(Running& producer);
+  std::string finishProducer(Running& producer, const std::string& prefix,
+                             std::chrono::milliseconds patience);
+  void judge(const Running& producer, const Call& call);
+  void finishSurvivors();
+  void awaitSurvivors();
   void sendNext(Clock::time_point served);
   bool tryNext();
   std::size_t timesServedAnew() const;
@@ -82,6 +102,7 @@ class Lane {
   void lookAtStream(const std::filesystem::path& folder);
   void lookAtClaims();
   void lookAtSharedMemory();
+  std::vector<std::filesystem::path> leftInSharedMemory() const;
   void count(const std::string& outcome) { ++tally_.outcomes[outcome]; }
   void complain(const std::string& what) { complain(index_, what); }
   void complain(std::uint64_t index, const std::string& what);
@@ -99,6 +120,7 @@ class Lane {
   std::uint64_t index_ = 0;
   std::uint64_t nextNumber_ = 1;
   std::uint64_t nextFile_ = 0;
+  bool isBroken_ = false;
   Tally tally_;
 };
 

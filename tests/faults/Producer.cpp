@@ -1,10 +1,11 @@
 #include "Producer.h"
 
 #include <korvex/ShmWriter.h>
+#include <qmx/error.h>
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
+#include <iostream>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -15,11 +16,22 @@
 namespace korvex_faults {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Clock = Call::Clock;
 
 constexpr std::chrono::milliseconds kReceiptPatience{400};
 constexpr std::chrono::milliseconds kReceiptPeriod{1};
 constexpr std::size_t kLargestPiece = 65536 - 1024;
+constexpr ov_status_t kStatusTimedOut = 15;
+
+bool isAskedToEnd() {
+  sigset_t pending;
+  ::sigpending(&pending);
+  return ::sigismember(&pending, kEndSignal) == 1;
+}
+
+Clock::rep ticksOf(Clock::time_point moment) { return moment.time_since_epoch().count(); }
+
+Clock::time_point momentOf(Clock::rep ticks) { return Clock::time_point(Clock::duration(ticks)); }
 
 class Producer {
  public:
@@ -31,11 +43,13 @@ class Producer {
         writer_ = std::make_unique<korvex::ShmWriter>("faults", load_.queue, kTimeoutSeconds,
                                                       kTimeoutSeconds, false);
       });
-      for (std::uint64_t i = 0; i < load_.streams && ending_.outcome == "complete"; ++i) {
+      for (std::uint64_t i = 0; i < load_.streams && mayGoOn(); ++i) {
         sendStream(Pattern(load_.number + i, load_.size));
       }
+    } catch (const Ov_ErrnoException& error) {
+      ending_.outcome = error.getStatus() == kStatusTimedOut ? "timed-out" : "failed";
     } catch (const std::exception&) {
-      // Most are told that nobody takes their data any more. Which error it is, others look at.
+      // The queue is gone or broken. Which error it is, others look at.
       ending_.outcome = "failed";
     }
     timed([&] { writer_.reset(); });
@@ -43,21 +57,23 @@ class Producer {
   }
 
  private:
-  template <typename Call>
-  void timed(Call call) {
-    const auto start = Clock::now();
-    const auto note = [&] {
-      const std::chrono::duration<double, std::milli> taken = Clock::now() - start;
-      ending_.longestMs = std::max(ending_.longestMs, taken.count());
-    };
+  template <typename Function>
+  void timed(Function call) {
+    const auto begin = Clock::now();
     try {
       call();
     } catch (...) {
-      note();
+      note({begin, Clock::now()});
       throw;
     }
-    note();
+    note({begin, Clock::now()});
   }
+
+  void note(const Call& call) {
+    if (call.end - call.begin > kCallLimit) ending_.slowCalls.push_back(call);
+  }
+
+  bool mayGoOn() const { return ending_.outcome == "complete" && !isAskedToEnd(); }
 
   void sendStream(const Pattern& pattern) {
     timed([&] { writer_->open(); });
@@ -97,17 +113,34 @@ class Producer {
   const Load& load_;
   std::vector<unsigned char> piece_;
   std::unique_ptr<korvex::ShmWriter> writer_;
-  Ending ending_ = {"complete", 0, 0};
+  Ending ending_ = {"complete", 0, {}};
   std::uint32_t turn_ = 1;
 };
 
 }  // namespace
 
+std::ostream& operator<<(std::ostream& out, const Ending& ending) {
+  out << ending.outcome << ' ' << ending.receipts << ' ' << ending.slowCalls.size();
+  for (const Call& call : ending.slowCalls) {
+    out << ' ' << ticksOf(call.begin) << ' ' << ticksOf(call.end);
+  }
+  return out << '\n';
+}
+
+std::istream& operator>>(std::istream& in, Ending& ending) {
+  std::size_t calls = 0;
+  in >> ending.outcome >> ending.receipts >> calls;
+  Clock::rep begin = 0;
+  Clock::rep end = 0;
+  while (calls-- > 0 && in >> begin >> end) {
+    ending.slowCalls.push_back({momentOf(begin), momentOf(end)});
+  }
+  return in;
+}
+
 int produce(const Load& load) {
-  const Ending ending = Producer(load).run();
-  std::printf("%s %llu %.1f\n", ending.outcome.c_str(),
-              static_cast<unsigned long long>(ending.receipts), ending.longestMs);
-  return 0;
+  std::cout << Producer(load).run() << std::flush;
+  return std::cout ? 0 : 1;
 }
 
 }  // namespace korvex_faults

@@ -1,8 +1,13 @@
 #ifndef KORVEX_TESTS_FAULTS_PRODUCER_H
 #define KORVEX_TESTS_FAULTS_PRODUCER_H
 
+#include <signal.h>
+
+#include <chrono>
 #include <cstdint>
+#include <iosfwd>
 #include <string>
+#include <vector>
 
 namespace korvex_faults {
 
@@ -17,12 +22,31 @@ struct Load {
 
 constexpr unsigned kTimeoutSeconds = 1;
 
-/// How a producer ended, as it prints it: "OUTCOME RECEIPTS LONGEST_MS".
-struct Ending {
-  std::string outcome;     ///< complete, no-receipt or failed
-  std::uint64_t receipts;  ///< streams for which the daemon said that they are stored
-  double longestMs;        ///< the longest call of the library
+/// What a call of the library may take: its timeout and a little for the machine.
+constexpr std::chrono::milliseconds kCallLimit{kTimeoutSeconds * 1000 + 250};
+
+/// Asks a producer to send no stream after the one it is at. Always blocked, so that it neither
+/// interrupts a call of the library nor ends a producer that is still starting.
+constexpr int kEndSignal = SIGUSR1;
+
+/// When a call of the library began and returned. The clock is the same in all processes.
+struct Call {
+  using Clock = std::chrono::steady_clock;
+
+  Clock::time_point begin;
+  Clock::time_point end;
 };
+
+/// How a producer ended.
+struct Ending {
+  std::string outcome;          ///< complete, no-receipt, timed-out or failed
+  std::uint64_t receipts;       ///< streams for which the daemon said that they are stored
+  std::vector<Call> slowCalls;  ///< all that took longer than the limit
+};
+
+/// As a producer prints it, in one line. Reading fails when the line is not whole.
+std::ostream& operator<<(std::ostream& out, const Ending& ending);
+std::istream& operator>>(std::istream& in, Ending& ending);
 
 /// Runs the load in this process and prints how it ended.
 int produce(const Load& load);

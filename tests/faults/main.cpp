@@ -33,10 +33,20 @@ Tally runLane(const Options& options, unsigned number, const Stalls& stalls) {
     lane.run(options.only);
     return lane.finish();
   }
-  for (std::uint64_t index = number; index < options.kills; index += options.lanes) {
+  for (std::uint64_t index = number; index < options.kills && !lane.isOver();
+       index += options.lanes) {
     lane.run(index);
   }
   return lane.finish();
+}
+
+/// A run of some length has stopped the daemon several times. When no call had to wait for as long
+/// as it may, the stops were too short or hit nobody.
+void lookAtStops(const Options& options, Tally& tally) {
+  constexpr std::uint64_t kSomeLength = 500;
+  const bool isShort = options.hasOnly || tally.kills < kSomeLength;
+  if (isShort || tally.outcomes[kTimedOutInStop] > 0) return;
+  tally.bad.push_back("no stop of the daemon made a call time out");
 }
 
 Tally runAll(const Options& options) {
@@ -48,6 +58,7 @@ Tally runAll(const Options& options) {
   }
   Tally tally;
   for (auto& lane : lanes) tally.add(lane.get());
+  lookAtStops(options, tally);
   return tally;
 }
 
@@ -56,8 +67,10 @@ int report(const Options& options, const Tally& tally, double seconds) {
     std::printf("%10llu  %s\n", static_cast<unsigned long long>(times), outcome.c_str());
   }
   for (const std::string& what : tally.bad) std::printf("BAD %s\n", what.c_str());
+  const unsigned long long wanted = options.hasOnly ? 1 : options.kills;
+  if (tally.kills < wanted) std::printf("ended early, %llu kills were wanted\n", wanted);
   std::printf("%llu kills, seed %llu, %.0f s: %zu bad\n",
-              static_cast<unsigned long long>(options.hasOnly ? 1 : options.kills),
+              static_cast<unsigned long long>(tally.kills),
               static_cast<unsigned long long>(options.seed), seconds, tally.bad.size());
   if (!tally.bad.empty()) {
     std::printf("replay one with: ./run faults --seed %llu --only INDEX\n",
@@ -66,9 +79,18 @@ int report(const Options& options, const Tally& tally, double seconds) {
   return tally.bad.empty() ? 0 : 1;
 }
 
+/// For this process, its threads and all that they start.
+void blockEndSignal() {
+  sigset_t signals;
+  ::sigemptyset(&signals);
+  ::sigaddset(&signals, kEndSignal);
+  ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) try {
+  blockEndSignal();
   CLI::App app{"Kills producers and daemons at random and checks what is left"};
   Options options;
   Load load = {"", 1, 1, 1024};
