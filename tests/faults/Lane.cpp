@@ -29,6 +29,7 @@ constexpr milliseconds kPeriod{1};
 constexpr std::uint64_t kMiB = 1 << 20;
 
 const fs::path kSharedMemory = "/dev/shm";
+const fs::path kPartial = ".partial";  // how the names of streams end that are not whole
 
 std::uint64_t between(std::mt19937_64& dice, std::uint64_t least, std::uint64_t most) {
   return std::uniform_int_distribution<std::uint64_t>(least, most)(dice);
@@ -113,6 +114,7 @@ void Lane::complain(std::uint64_t index, const std::string& what) {
 }
 
 void Lane::startDaemon() {
+  removePartialStreams();
   daemon_ = std::make_unique<Child>(
       std::vector<std::string>{settings_.daemon, "--queue", settings_.name, "--output",
                                (folder_ / "store").string(), "--replace", "--max-messages", "4",
@@ -163,8 +165,9 @@ void Lane::strike() {
   const Clock::time_point served = befall(producer);
   ++tally_.kills;
   sendNext(served);
-  lookAtStore();
+  // Before the store: what a survivor claims is there by the time it has ended, not earlier.
   finishSurvivors();
+  lookAtStore();
   lookAtClaims();
 }
 
@@ -365,11 +368,27 @@ bool Lane::tryNext() {
   return claims_ != before;
 }
 
+/// Without those that are not finished yet, or never will be.
+std::vector<fs::path> Lane::storedStreams() const {
+  std::vector<fs::path> streams;
+  for (const auto& entry : fs::directory_iterator(folder_ / "store")) {
+    if (entry.path().extension() != kPartial) streams.push_back(entry.path());
+  }
+  return streams;
+}
+
 /// Every stream with its final name must be whole. Looked at once, then removed.
 void Lane::lookAtStore() {
+  for (const fs::path& stream : storedStreams()) {
+    lookAtStream(stream);
+    fs::remove_all(stream);
+  }
+}
+
+/// To be called without a daemon: it may be writing one of them for a survivor.
+void Lane::removePartialStreams() {
   for (const auto& entry : fs::directory_iterator(folder_ / "store")) {
-    if (entry.path().extension() != ".partial") lookAtStream(entry.path());
-    fs::remove_all(entry.path());
+    if (entry.path().extension() == kPartial) fs::remove_all(entry.path());
   }
 }
 

@@ -99,6 +99,8 @@ class Lane {
   bool tryNext();
   std::size_t timesServedAnew() const;
   void lookAtStore();
+  std::vector<std::filesystem::path> storedStreams() const;
+  void removePartialStreams();
   void lookAtStream(const std::filesystem::path& folder);
   void lookAtClaims();
   void lookAtSharedMemory();
