@@ -136,7 +136,7 @@ void Lane::awaitServing() {
 Lane::Running Lane::startProducer(std::uint64_t streams, std::uint64_t size) {
   const Load load = {settings_.name, nextNumber_, streams, size};
   nextNumber_ += streams;
-  const std::string file = (folder_ / ("said-" + std::to_string(nextFile_++ % 64))).string();
+  const std::string file = (folder_ / ("said-" + std::to_string(load.number))).string();
   return {std::make_unique<Child>(
               std::vector<std::string>{settings_.self, "--produce", load.queue, "--number",
                                        std::to_string(load.number), "--streams",

@@ -121,7 +121,6 @@ class Lane {
   std::mt19937_64 dice_;
   std::uint64_t index_ = 0;
   std::uint64_t nextNumber_ = 1;
-  std::uint64_t nextFile_ = 0;
   bool isBroken_ = false;
   Tally tally_;
 };
