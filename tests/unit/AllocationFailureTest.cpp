@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <queue>
 #include <sstream>
 #include <string>
@@ -176,6 +177,55 @@ TEST_P(AllocationFailures, ConstructingAndCopyingSettings) {
             }),
             7u);
   EXPECT_EQ(failEachOf([&] { ServerInfo copy(info); }), 11u);
+}
+
+namespace {
+
+std::vector<std::string> textsOf(const ServerInfo& info) {
+  return {info.getServerName(),
+          info.getUser(),
+          info.getPasswd(),
+          info.getAgentCfg(),
+          info.getCurrentRoutingTable(),
+          info.getRecommendRoutingTable(),
+          info.getKeyDir(),
+          info.getLocalIp(),
+          info.getInterfaceIp(),
+          info.getInterfaceName(),
+          info.getClusterName()};
+}
+
+}  // namespace
+
+// Each setting takes memory of its own, so an assignment may end between two of them.
+TEST_P(AllocationFailures, AssigningSettingsLeavesEachOldOrNew) {
+  const ServerInfo info = fullServerInfo();
+  const std::vector<std::string> whole = textsOf(info);
+  std::optional<ServerInfo> target;
+  const auto renew = [&] { target.emplace("", "", "", "", "", "", ""); };
+  const auto check = [&](const AllocationCounter&) {
+    const std::vector<std::string> found = textsOf(*target);
+    for (std::size_t i = 0; i < found.size(); ++i) {
+      EXPECT_TRUE(found[i].empty() || found[i] == whole[i]) << i << ": " << found[i];
+    }
+    EXPECT_NE(found, whole);
+    renew();
+  };
+  renew();
+  EXPECT_EQ(failEach(
+                GetParam(), [&] { *target = info; }, check),
+            11u);
+  EXPECT_EQ(textsOf(*target), whole);
+  EXPECT_EQ(target->getFlags(), 0xabcu);
+}
+
+TEST_P(AllocationFailures, AssigningSettingsLeaksNothing) {
+  const ServerInfo info = fullServerInfo();
+  EXPECT_EQ(failEachOf([&] {
+              ServerInfo target("", "", "", "", "", "", "");
+              target = info;
+            }),
+            11u);
 }
 
 TEST_P(AllocationFailures, SettersKeepTheOldValue) {
