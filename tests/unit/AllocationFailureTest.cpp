@@ -1,4 +1,6 @@
 #include <gtest/gtest.h>
+#include <qmx/log.h>
+#include <qmx/trace.h>
 
 #include <optional>
 #include <queue>
@@ -275,32 +277,72 @@ TEST_P(AllocationFailures, ConstructingALogger) {
   EXPECT_GE(failEachOf([] { korvex::server::Logger logger(kLong); }), 1u);
 }
 
-// What the platform itself does without memory is its own affair, and the double takes some: so
-// only the failures before the line is handed on are asked for.
-TEST_P(AllocationFailures, LoggingWritesAWholeLineOrNothing) {
-  korvex::server::Logger logger("Reader" + kLong);
+namespace {
+
+template <typename Call>
+std::size_t allocationsOf(Call call) {
+  platform_double::reset();
   platform_double::setTracing(true);
-  for (std::size_t number = 1; number <= 4; ++number) {
-    SCOPED_TRACE("allocation " + std::to_string(number));
-    const AllocationCounter counter;
-    Outcome logged{};
-    Outcome traced{};
-    {
-      const AllocationFailure failure(number, GetParam());
-      logged = outcomeOf(
-          [&] { logger.log(korvex::server::LOGLEVEL_ERROR, kLong.c_str(), 1, "fd=%d", 7); });
+  const AllocationCounter counter;
+  call();
+  return counter.taken();
+}
+
+}  // namespace
+
+// What the platform itself does without memory is its own affair, and the double takes some: so
+// only the failures before the line is handed on are asked for, but each of them.
+class LoggingAllocationFailures : public AllocationFailures {
+ protected:
+  /// `log` writes a line and `handOver` hands the same one to the platform at once.
+  template <typename Log, typename HandOver>
+  void expectAWholeLineOrNothing(Log log, HandOver handOver) {
+    log();  // the double's own list has its size after this
+    const std::size_t before = allocationsOf(log) - allocationsOf(handOver);
+    EXPECT_GE(before, 1u);
+    platform_double::reset();
+    platform_double::setTracing(true);
+    for (std::size_t number = 1; number <= before; ++number) {
+      SCOPED_TRACE("allocation " + std::to_string(number) + " of " + std::to_string(before));
+      const AllocationCounter counter;
+      Outcome outcome{};
+      {
+        const AllocationFailure failure(number, GetParam());
+        outcome = outcomeOf(log);
+      }
+      EXPECT_EQ(outcome, Outcome::BadAlloc);
+      EXPECT_EQ(linesHandedOn(), 0u);
+      EXPECT_EQ(counter.kept(), 0);
     }
-    {
-      const AllocationFailure failure(number, GetParam());
-      traced = outcomeOf([&] { logger.logTrace(kLong.c_str(), "fd=%d", 7); });
-    }
-    EXPECT_EQ(logged, Outcome::BadAlloc);
-    EXPECT_EQ(traced, Outcome::BadAlloc);
-    EXPECT_EQ(linesHandedOn(), 0u);
-    EXPECT_EQ(counter.kept(), 0);
+    log();
+    EXPECT_EQ(linesHandedOn(), 1u);
   }
-  logger.log(korvex::server::LOGLEVEL_ERROR, "open", 1, "fd=%d", 7);
-  EXPECT_EQ(linesHandedOn(), 1u);
+
+  korvex::server::Logger logger_{"Reader" + kLong};
+  const std::string line_ = "Reader" + kLong + "::" + kLong + ": fd=7";
+};
+
+INSTANTIATE_TEST_SUITE_P(, LoggingAllocationFailures,
+                         testing::Values(AllocationFailure::Kind::Single,
+                                         AllocationFailure::Kind::Lasting),
+                         nameOf);
+
+TEST_P(LoggingAllocationFailures, WriteAWholeLineOrNothing) {
+  expectAWholeLineOrNothing(
+      [&] { logger_.log(korvex::server::LOGLEVEL_ERROR, kLong.c_str(), 1, "fd=%d", 7); },
+      [&] { ErrorA(1, "%s", line_.c_str()); });
+}
+
+TEST_P(LoggingAllocationFailures, TraceAWholeLineOrNothing) {
+  expectAWholeLineOrNothing([&] { logger_.logTrace(kLong.c_str(), "fd=%d", 7); },
+                            [&] { __TraceA("%s", line_.c_str()); });
+}
+
+// A line of no level goes nowhere, so that all of its memory is the logger's own.
+TEST_P(LoggingAllocationFailures, DropALineOfNoLevelAllTheSame) {
+  const auto level = static_cast<korvex::server::KorvxServerLoglevel>(99);
+  EXPECT_GE(failEachOf([&] { logger_.log(level, kLong.c_str(), 1, "fd=%d", 7); }), 1u);
+  EXPECT_EQ(linesHandedOn(), 0u);
 }
 
 TEST_P(AllocationFailures, CopyingAnError) {
