@@ -6,6 +6,7 @@
 #include "integration/QueueEvents.h"
 #include "integration/WriterStory.h"
 #include "integration/support/Child.h"
+#include "integration/support/Late.h"
 #include "support/DaemonQueues.h"
 
 using korvex_test::RawQueue;
@@ -19,29 +20,56 @@ namespace {
 
 std::string pathOf(const std::string& name) { return "/dev/shm/" + name; }
 
+/// The queues of a writer. What an event leaves there may be anything, a folder too.
+class Queues {
+ public:
+  explicit Queues(const std::string& name)
+      : send_(name, 8, 4096), response_(name + "Response", 8, 132) {}
+  ~Queues() {
+    ::remove(pathOf(send_.name()).c_str());
+    ::remove(pathOf(response_.name()).c_str());
+  }
+  Queues(const Queues&) = delete;
+  Queues& operator=(const Queues&) = delete;
+
+ private:
+  const RawQueue send_;
+  const RawQueue response_;
+};
+
 /// Something happens to a queue that a writer has open.
 class QueueInUseByWriter : public testing::TestWithParam<Event> {
  protected:
-  /// What an event left may be anything, a folder too.
-  void TearDown() override {
-    ::remove(pathOf(name_).c_str());
-    ::remove(pathOf(name_ + "Response").c_str());
+  std::string storyOfSendQueue() const {
+    return storyOf([](const std::string& queue) { return queue; });
+  }
+
+  std::string storyOfResponseQueue() const {
+    return storyOf([](const std::string& queue) { return queue + "Response"; });
+  }
+
+ private:
+  /// On new queues each time that it is told.
+  template <typename PlaceOf>
+  static std::string storyOf(PlaceOf placeOf) {
+    const auto tell = [&] {
+      const std::string queue = korvex_test::uniqueQueueName("in-use");
+      const Queues queues(queue);
+      return told(queue, placeOf(queue));
+    };
+    return test_support::againWhenLate(tell, WriterStory::hasLateCall);
   }
 
   /// In a process of its own: some events end it.
-  std::string story(const std::string& place) const {
+  static std::string told(const std::string& queue, const std::string& place) {
     return test_support::resultOfChild([&] {
-      WriterStory writer(name_);
+      WriterStory writer(queue);
       const std::string start = writer.construct();
       if (start != "works") return start;
       GetParam().happen(place);
       return writer.goOn();
     });
   }
-
-  const std::string name_ = korvex_test::uniqueQueueName("in-use");
-  const RawQueue send_{name_, 8, 4096};
-  const RawQueue response_{name_ + "Response", 8, 132};
 };
 
 /// Something happens to a queue that a daemon serves.
@@ -90,10 +118,12 @@ class QueueInUseByDaemon : public DaemonFixture, public testing::WithParamInterf
 
 }  // namespace
 
-TEST_P(QueueInUseByWriter, AsItsSendQueue) { EXPECT_EQ(story(name_), GetParam().asSendQueue); }
+TEST_P(QueueInUseByWriter, AsItsSendQueue) {
+  EXPECT_EQ(storyOfSendQueue(), GetParam().asSendQueue);
+}
 
 TEST_P(QueueInUseByWriter, AsItsResponseQueue) {
-  EXPECT_EQ(story(name_ + "Response"), GetParam().asResponseQueue);
+  EXPECT_EQ(storyOfResponseQueue(), GetParam().asResponseQueue);
 }
 
 TEST_P(QueueInUseByDaemon, AsTheSendQueue) { meet(queue_); }

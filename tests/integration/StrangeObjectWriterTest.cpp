@@ -6,6 +6,7 @@
 #include "integration/StrangeObjects.h"
 #include "integration/WriterStory.h"
 #include "integration/support/Child.h"
+#include "integration/support/Late.h"
 #include "support/DaemonQueues.h"
 
 using korvex_test::RawQueue;
@@ -14,23 +15,6 @@ using strange::Holder;
 using strange::Kind;
 
 namespace {
-
-class StrangeObjectForWriter : public testing::TestWithParam<Kind> {
- protected:
-  void SetUp() override {
-    if (GetParam().needsRoot && !test_support::isRoot())
-      GTEST_SKIP() << "only root can make an object of another user";
-  }
-
-  std::string storyOfWriter() const {
-    return test_support::resultOfChild([this] {
-      if (GetParam().actor == strange::Actor::Unprivileged) test_support::dropPrivileges();
-      return WriterStory(name_).whole();
-    });
-  }
-
-  const std::string name_ = uniqueQueueName("strange");
-};
 
 /// A queue that nothing is wrong with, open to every user.
 class SoundQueue {
@@ -44,20 +28,40 @@ class SoundQueue {
   RawQueue queue_;
 };
 
+class StrangeObjectForWriter : public testing::TestWithParam<Kind> {
+ protected:
+  void SetUp() override {
+    if (GetParam().needsRoot && !test_support::isRoot())
+      GTEST_SKIP() << "only root can make an object of another user";
+  }
+
+  /// The story of a writer that meets the object under one name and a sound queue under the other.
+  std::string storyWith(const std::string& place, const std::string& other) const {
+    const auto tell = [&] {
+      const SoundQueue sound(other);
+      const Holder object = GetParam().place(place);
+      return test_support::resultOfChild([this] {
+        if (GetParam().actor == strange::Actor::Unprivileged) test_support::dropPrivileges();
+        return WriterStory(name_).whole();
+      });
+    };
+    return test_support::againWhenLate(tell, WriterStory::hasLateCall);
+  }
+
+  const std::string name_ = uniqueQueueName("strange");
+  const std::string responseName_ = name_ + "Response";
+};
+
 }  // namespace
 
 TEST(StrangeObjects, AreAtLeastFortyKinds) { EXPECT_GE(strange::kinds().size(), 40u); }
 
 TEST_P(StrangeObjectForWriter, InPlaceOfTheSendQueue) {
-  const SoundQueue response(name_ + "Response");
-  const Holder object = GetParam().place(name_);
-  EXPECT_EQ(storyOfWriter(), GetParam().asSendQueue);
+  EXPECT_EQ(storyWith(name_, responseName_), GetParam().asSendQueue);
 }
 
 TEST_P(StrangeObjectForWriter, InPlaceOfTheResponseQueue) {
-  const SoundQueue send(name_);
-  const Holder object = GetParam().place(name_ + "Response");
-  EXPECT_EQ(storyOfWriter(), GetParam().asResponseQueue);
+  EXPECT_EQ(storyWith(responseName_, name_), GetParam().asResponseQueue);
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, StrangeObjectForWriter, testing::ValuesIn(strange::kinds()),
@@ -65,9 +69,12 @@ INSTANTIATE_TEST_SUITE_P(Kinds, StrangeObjectForWriter, testing::ValuesIn(strang
 
 // Its batches then go where the replies belong, and are as large as a reply.
 TEST(StrangePair, WithItsNamesSwapped) {
-  const std::string name = uniqueQueueName("strange");
-  const SoundQueue replies(name, strange::kMessageSize);
-  const SoundQueue batches(name + "Response", 4096);
-  EXPECT_EQ(test_support::resultOfChild([&] { return WriterStory(name).whole(); }),
+  const auto tell = [] {
+    const std::string name = uniqueQueueName("strange");
+    const SoundQueue replies(name, strange::kMessageSize);
+    const SoundQueue batches(name + "Response", 4096);
+    return test_support::resultOfChild([&] { return WriterStory(name).whole(); });
+  };
+  EXPECT_EQ(test_support::againWhenLate(tell, WriterStory::hasLateCall),
             "open: boost::interprocess_exception::library_error");
 }

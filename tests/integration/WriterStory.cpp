@@ -2,14 +2,14 @@
 
 #include <chrono>
 
+#include "integration/support/Late.h"
 #include "qmx/error.h"
 
 namespace {
 
 constexpr unsigned kTimeout = 1;  // seconds
 
-/// Far beyond the timeout, so that a loaded machine fails no test.
-constexpr std::chrono::seconds kLate{5};
+const std::string kLate = ": late";
 
 const unsigned char kData[] = {'a', 'b', 'c'};
 
@@ -26,32 +26,38 @@ std::string errorOf(const std::function<void()>& action) {
 
 }  // namespace
 
-void WriterStory::call(const char* name, const std::function<void()>& action) {
+void WriterStory::call(const char* name, Waits waits, const std::function<void()>& action) {
+  const auto bound =
+      static_cast<unsigned>(waits) * std::chrono::seconds(kTimeout) + test_support::kSlack;
   const auto start = std::chrono::steady_clock::now();
-  std::string error = errorOf(action);
-  if (std::chrono::steady_clock::now() - start > kLate) error = "late";
+  const std::string error = errorOf(action);
+  if (std::chrono::steady_clock::now() - start > bound) late_ += std::string("; ") + name + kLate;
   if (first_ == "works" && !error.empty()) first_ = std::string(name) + ": " + error;
 }
 
 std::string WriterStory::construct() {
-  call("construct", [this] {
+  call("construct", Waits::Once, [this] {
     writer_ = std::make_unique<korvex::ShmWriter>("test", queue_, kTimeout, kTimeout, false);
   });
-  return first_;
+  return told();
 }
 
 std::string WriterStory::goOn() {
-  call("open", [this] { writer_->open(); });
-  call("writeSegment", [this] { writer_->writeSegment(kData, sizeof kData); });
-  call("endSegment", [this] { writer_->endSegment(); });
-  call("flush", [this] { writer_->flush_shm_buffer(kTimeout); });
-  call("stop", [this] { writer_->stop(true); });
-  call("close", [this] { writer_->close(); });
-  call("destroy", [this] { writer_.reset(); });
-  return first_;
+  call("open", Waits::Twice, [this] { writer_->open(); });
+  call("writeSegment", Waits::Once, [this] { writer_->writeSegment(kData, sizeof kData); });
+  call("endSegment", Waits::Once, [this] { writer_->endSegment(); });
+  call("flush", Waits::Once, [this] { writer_->flush_shm_buffer(kTimeout); });
+  call("stop", Waits::Twice, [this] { writer_->stop(true); });
+  call("close", Waits::Twice, [this] { writer_->close(); });
+  call("destroy", Waits::Twice, [this] { writer_.reset(); });
+  return told();
 }
 
 std::string WriterStory::whole() {
   construct();
-  return writer_ != nullptr ? goOn() : first_;
+  return writer_ != nullptr ? goOn() : told();
+}
+
+bool WriterStory::hasLateCall(const std::string& story) {
+  return story.find(kLate) != std::string::npos;
 }

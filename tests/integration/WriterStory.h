@@ -7,7 +7,8 @@
 
 #include <korvex/ShmWriter.h>
 
-/// The life of a writer whose timeouts are one second, and the first thing that goes wrong in it.
+/// The life of a writer whose timeouts are one second: the first thing that goes wrong in it, and
+/// every call that takes longer than it may.
 class WriterStory {
  public:
   explicit WriterStory(std::string queue) : queue_(std::move(queue)) {}
@@ -16,16 +17,25 @@ class WriterStory {
   std::string construct();
 
   /// Everything else that a writer does, each call whatever became of those before. "works", or
-  /// the first error, "CALL: ERROR". A call that takes longer than it may is "CALL: late".
+  /// the first error, "CALL: ERROR"; behind it "; CALL: late" for each late call.
   std::string goOn();
 
   std::string whole();
 
+  /// Whether a story, told by one of the above, has a late call.
+  static bool hasLateCall(const std::string& story);
+
  private:
-  void call(const char* name, const std::function<void()>& action);
+  /// How often a call may wait for room. One that makes room for its record first has a whole
+  /// timeout for that, and then another for its own flush.
+  enum class Waits : unsigned { Once = 1, Twice = 2 };
+
+  void call(const char* name, Waits waits, const std::function<void()>& action);
+  std::string told() const { return first_ + late_; }
 
   std::string queue_;
   std::string first_ = "works";
+  std::string late_;
   std::unique_ptr<korvex::ShmWriter> writer_;
 };
 
