@@ -3,12 +3,15 @@
 #include <signal.h>
 #include <sys/stat.h>
 
+#include <chrono>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "integration/StrangeObjects.h"
 #include "integration/WriterStory.h"
 #include "integration/support/Child.h"
+#include "integration/support/Late.h"
 #include "integration/support/Process.h"
 #include "integration/support/Queues.h"
 
@@ -18,6 +21,23 @@ using test_support::Process;
 using testing::HasSubstr;
 
 namespace {
+
+/// How long a daemon may take to refuse an object: that it starts is most of it.
+constexpr auto kRefusalTime = std::chrono::seconds(1) + test_support::kSlack;
+
+/// How a daemon ended; without a code when it did not in time.
+struct End {
+  std::optional<int> code;
+  std::string errors;
+
+  bool isLate() const { return !code; }
+};
+
+End endOf(const std::vector<std::string>& command) {
+  Process daemon(command);
+  const auto code = daemon.wait(kRefusalTime);
+  return {code, daemon.errors()};
+}
 
 /// The inode of what lies under a name, a link itself too; 0 when nothing does.
 ino_t inodeOf(const std::string& name) {
@@ -56,22 +76,31 @@ class StrangeObjectForDaemon : public testing::TestWithParam<Kind> {
     return command(arguments);
   }
 
-  /// A daemon that must not start: it says why, and touches neither the object nor anything else.
-  void expectRefusal(Process& daemon, const std::string& place, const std::string& reason) const {
+  /// A daemon that must not start: it says why, in time, and touches neither the object nor
+  /// anything else.
+  void expectRefusal(const std::vector<std::string>& daemon, const std::string& place,
+                     const std::string& reason) const {
     const ino_t before = inodeOf(place);
-    EXPECT_EQ(daemon.wait(), 1) << daemon.errors();
-    EXPECT_THAT(daemon.errors(), HasSubstr(reason));
+    const End end = test_support::againWhenLate([&] { return endOf(daemon); },
+                                                [](const End& found) { return found.isLate(); });
+    EXPECT_FALSE(end.isLate());
+    EXPECT_EQ(end.code, 1) << end.errors;
+    EXPECT_THAT(end.errors, HasSubstr(reason));
     EXPECT_EQ(inodeOf(place), before);
     EXPECT_EQ(inodeOf(otherThan(place)), 0u);
   }
 
   /// A daemon that must start, serve a writer, and leave nothing behind.
-  void expectService(Process& daemon) const {
+  void expectService(const std::vector<std::string>& command) const {
+    Process daemon(command);
     ASSERT_TRUE(test_support::eventually([&] {
       return daemon.errors().find("serving " + name_ + ",") != std::string::npos ||
              daemon.wait(std::chrono::milliseconds(0));
     }));
-    EXPECT_EQ(test_support::resultOfChild([this] { return WriterStory(name_).whole(); }), "works");
+    const auto tell = [this] {
+      return test_support::resultOfChild([this] { return WriterStory(name_).whole(); });
+    };
+    EXPECT_EQ(test_support::againWhenLate(tell, WriterStory::hasLateCall), "works");
     daemon.signal(SIGTERM);
     EXPECT_EQ(daemon.wait(), 0) << daemon.errors();
     EXPECT_EQ(inodeOf(name_), 0u);
@@ -84,15 +113,14 @@ class StrangeObjectForDaemon : public testing::TestWithParam<Kind> {
 
   void meetWithoutReplace(const std::string& place) const {
     const Holder object = GetParam().place(place);
-    Process daemon(serving());
-    if (inodeOf(place) == 0) return expectService(daemon);
-    expectRefusal(daemon, place,
+    if (inodeOf(place) == 0) return expectService(serving());
+    expectRefusal(serving(), place,
                   "queue " + place + " exists already; --replace removes the queues of a dead");
   }
 
   void meetWithReplace(const std::string& place) const {
     const Holder object = GetParam().place(place);
-    Process daemon(serving({"--replace"}));
+    const std::vector<std::string> daemon = serving({"--replace"});
     const std::string reason = replaced(GetParam().keepsDaemonOut, "NAME", place);
     if (reason.empty()) return expectService(daemon);
     expectRefusal(daemon, place,
