@@ -100,8 +100,8 @@ class QueueInUseByDaemon : public DaemonFixture, public testing::WithParamInterf
 
   void expectServiceAnew(Process& daemon) const {
     ASSERT_TRUE(awaitLog(daemon, queue_ + ": served anew")) << daemon.errors();
-    EXPECT_THAT(daemon.errors(),
-                testing::ContainsRegex(queue_ + ": the queues are lost: " + GetParam().lost));
+    EXPECT_THAT(daemon.errors(), testing::ContainsRegex(queue_ + ": the queues are lost: (" +
+                                                        GetParam().lost + ")\n"));
     expectService();
   }
 
