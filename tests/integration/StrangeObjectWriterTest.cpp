@@ -31,8 +31,8 @@ class SoundQueue {
 class StrangeObjectForWriter : public testing::TestWithParam<Kind> {
  protected:
   void SetUp() override {
-    if (GetParam().needsRoot && !test_support::isRoot())
-      GTEST_SKIP() << "only root can make an object of another user";
+    const std::string obstacle = GetParam().obstacle();
+    if (!obstacle.empty()) GTEST_SKIP() << obstacle;
   }
 
   /// The story of a writer that meets the object under one name and a sound queue under the other.

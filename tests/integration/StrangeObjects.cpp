@@ -2,9 +2,12 @@
 
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/sysmacros.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <stdexcept>
@@ -171,6 +174,31 @@ Holder placeSocket(const std::string& name) {
   return removedAtTheEnd(pathOf(name));
 }
 
+/// The device that gives zeros without end: the one that looks most like fresh shared memory.
+int makeDevice(const std::string& path) {
+  return ::mknod(path.c_str(), S_IFCHR | 0600, ::makedev(1, 5));
+}
+
+Holder placeDevice(const std::string& name) {
+  require(makeDevice(pathOf(name)) == 0, "mknod");
+  return removedAtTheEnd(pathOf(name));
+}
+
+std::string obstacleToDevices() {
+  if (!test_support::isRoot()) return "only root can make a device";
+  const std::string path = pathOf(uniqueQueueName("device"));
+  const std::string refusal =
+      makeDevice(path) == 0 ? "" : std::string("mknod is refused: ") + std::strerror(errno);
+  ::unlink(path.c_str());
+  return refusal;
+}
+
+/// Many systems let nobody open a device in shared memory.
+bool mayDevicesBeOpened() {
+  struct statvfs found = {};
+  return ::statvfs("/dev/shm", &found) != 0 || (found.f_flag & ST_NODEV) == 0;
+}
+
 Holder placeLink(const std::string& target, const std::string& name) {
   require(::symlink(target.c_str(), pathOf(name).c_str()) == 0, "symlink");
   return removedAtTheEnd(pathOf(name));
@@ -220,6 +248,12 @@ Holder placeRobustLockOfDead(const std::string& name) {
   return queue;
 }
 
+Kind device() {
+  const std::string writer = mayDevicesBeOpened() ? kNoQueue : kDenied;
+  return {"Device",       placeDevice,      writer, writer, notReplaced("a device"),
+          Actor::Anybody, obstacleToDevices};
+}
+
 /// The same for whoever meets it, under either name.
 Kind same(const char* name, Place place, const std::string& writer,
           const std::string& keepsDaemonOut = kServes) {
@@ -236,6 +270,10 @@ Kind forbidden(const char* name, mode_t mode) {
           Actor::Unprivileged};
 }
 
+std::string obstacleToForeignObjects() {
+  return test_support::isRoot() ? "" : "only root can make an object of another user";
+}
+
 Kind foreign(const char* name, mode_t mode, const std::string& writer) {
   return {name,
           owned(0, mode),
@@ -243,7 +281,7 @@ Kind foreign(const char* name, mode_t mode, const std::string& writer) {
           writer,
           "queue NAME cannot be replaced: found one of user 0, expected one of user USER",
           Actor::Unprivileged,
-          true};
+          obstacleToForeignObjects};
 }
 
 }  // namespace
@@ -344,6 +382,7 @@ const std::vector<Kind>& kinds() {
       same("Pipe", placePipe, kNoQueue, notReplaced("a pipe")),
       same("Folder", placeFolder, kInvalid, notReplaced("a folder")),
       same("Socket", placeSocket, kSocket, notReplaced("a socket")),
+      device(),
       same("LinkToNothing", linkTo("/dev/shm/korvex-nothing"), kLink,
            notReplaced("a symbolic link")),
       same("LinkToAQueue", placeLinkToQueue, kLink, notReplaced("a symbolic link")),

@@ -26,7 +26,8 @@ struct Kind {
   /// under which the object lies, USER for the daemon's user.
   std::string keepsDaemonOut;
   Actor actor = Actor::Anybody;
-  bool needsRoot = false;  ///< for it is an object of another user than the actor
+  /// Why this process cannot make one; empty when it can.
+  std::function<std::string()> obstacle = [] { return std::string(); };
 };
 
 inline void PrintTo(const Kind& kind, std::ostream* stream) { *stream << kind.name; }
