@@ -1,7 +1,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
+#include <ctime>
+#include <thread>
+
 #include "integration/DaemonFixture.h"
+#include "integration/support/Late.h"
 #include "shm/QueueView.h"
 #include "support/Bytes.h"
 #include "support/DaemonQueues.h"
@@ -50,6 +55,66 @@ class WriterWait : public DaemonFixture {
   }
 };
 
+/// A close that has to make room for its record, on a queue with room for one message, from which
+/// one is taken meanwhile: when the clock's next second has begun.
+class CloseThatWaitsTwice {
+ public:
+  CloseThatWaitsTwice() {
+    writer_.open();  // fills the queue
+    writer_.writeSegment(reinterpret_cast<const unsigned char*>("abc"), 3);
+  }
+
+  void run() {
+    startSecond_ = std::time(nullptr);
+    std::thread taker([&] {
+      // Deadlines are counted from whole seconds: one that is counted from now is a later one.
+      eventually([&] { return std::time(nullptr) > startSecond_; });
+      takenSecond_ = std::time(nullptr);
+      taken_ = std::chrono::system_clock::now();
+      queues_.takeBatch();
+    });
+    error_ = thrownBy([&] { writer_.close(); });
+    end_ = std::chrono::system_clock::now();
+    taker.join();
+  }
+
+  const ThrownError& error() const { return error_; }
+
+  /// Whether one of the two waits took longer than a timeout.
+  bool isLate() const {
+    return takenSecond_ >= startSecond_ + kShortTimeout ||
+           end_ > taken_ + kWait + test_support::kSlack;
+  }
+
+  /// Whether the second wait had a whole timeout of its own.
+  bool waitedAnew() const {
+    return end_ >= std::chrono::system_clock::from_time_t(takenSecond_) + kWait - kClockDifference;
+  }
+
+  /// What is in the queue, and then what the next flush sends.
+  std::vector<Bytes> batchesAfterwards() {
+    std::vector<Bytes> batches = {queues_.takeBatch()};
+    writer_.flush_shm_buffer(1);
+    batches.push_back(queues_.takeBatch());
+    return batches;
+  }
+
+ private:
+  static constexpr std::chrono::seconds kWait{kShortTimeout};
+  /// The clock of whole seconds may be a tick behind the other.
+  static constexpr std::chrono::milliseconds kClockDifference{20};
+  /// Holds any record, but no two of them.
+  static constexpr std::size_t kMessageSize = 8 + 48 + 40;
+
+  korvex_test::DaemonQueues queues_{kMessageSize, 1};
+  korvex::ShmWriter writer_{"s", queues_.name(), kShortTimeout, kShortTimeout, false};
+  std::time_t startSecond_ = 0;
+  std::time_t takenSecond_ = 0;
+  std::chrono::system_clock::time_point taken_;
+  std::chrono::system_clock::time_point end_;
+  ThrownError error_{0, ""};
+};
+
 }  // namespace
 
 TEST_F(WriterWait, EndsAtTheDeadlineAndTheBatchIsSentLater) {
@@ -67,6 +132,29 @@ TEST_F(WriterWait, EndsAtTheDeadlineAndTheBatchIsSentLater) {
   to.stop(false);
   queues.takeBatch();
   to.close();
+}
+
+// Each wait for room has a deadline of its own, so that a call may take two timeouts, and never
+// more.
+TEST_F(WriterWait, OfACloseThatMustMakeRoomFirstTakesTwoTimeoutsAtMost) {
+  const auto close = test_support::againWhenLate(
+      [] {
+        auto attempt = std::make_unique<CloseThatWaitsTwice>();
+        attempt->run();
+        return attempt;
+      },
+      [](const auto& attempt) { return attempt->isLate(); });
+  EXPECT_FALSE(close->isLate());
+  EXPECT_TRUE(close->waitedAnew());
+  EXPECT_EQ(close->error(),
+            (ThrownError{15, "Timed out after waiting 2s to send data to korvexd on stream s"}));
+  const std::vector<Bytes> batches = close->batchesAfterwards();
+  EXPECT_EQ(hexOf(batches[0]),
+            hex("ff00ee11 00000001 00000001 00000003 0000000000000002 0000000000000000 00000000"
+                "00000000 00000000 00000000 00000000 aabbccdd 616263"));
+  EXPECT_EQ(hexOf(batches[1]),
+            hex("ff00ee11 00000001 00000003 00000000 0000000000000003 0000000000000000 00000000"
+                "00000000 00000000 00000000 00000000 aabbccdd"));
 }
 
 TEST_F(WriterWait, EndsWithStatus15WhenTheDaemonIsKilled) {
