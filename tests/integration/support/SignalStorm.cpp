@@ -15,10 +15,11 @@ extern "C" void countSignal(int) { counter->raise(); }
 
 }  // namespace
 
-SignalStorm::SignalStorm(SharedCounter& arrived) : timer_() {
+SignalStorm::SignalStorm(SharedCounter& arrived, CutCall cutCall) : timer_() {
   counter = &arrived;
   struct sigaction action = {};
-  action.sa_handler = countSignal;  // and no SA_RESTART
+  action.sa_handler = countSignal;
+  if (cutCall == CutCall::StartsAgain) action.sa_flags = SA_RESTART;
   ::sigaction(kSignal, &action, nullptr);
   sigevent event = {};
   event.sigev_notify = SIGEV_SIGNAL;

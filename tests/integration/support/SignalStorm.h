@@ -11,12 +11,14 @@ namespace test_support {
 /// Names the file in which a preloaded storm counts its signals.
 constexpr const char* kStormCounterVariable = "KORVEX_TEST_STORM_COUNTER";
 
-/// Sends this process a thousand signals a second, with a handler that lets no call start again.
-/// One at a time.
+/// What becomes of a system call that a signal of a storm cuts short.
+enum class CutCall { Fails, StartsAgain };
+
+/// Sends this process a thousand signals a second. One storm at a time.
 class SignalStorm {
  public:
   /// Counts the signals that arrived. The counter outlives the storm.
-  explicit SignalStorm(SharedCounter& arrived);
+  explicit SignalStorm(SharedCounter& arrived, CutCall cutCall = CutCall::Fails);
   ~SignalStorm();
   SignalStorm(const SignalStorm&) = delete;
   SignalStorm& operator=(const SignalStorm&) = delete;
