@@ -1,159 +1,239 @@
-// Any sequence of records, most of them nearly right, with sinks that fail now and then: a stream
-// is complete only when its sink holds all of it.
+// Any sequence of records, most of them nearly right, with sinks that fail now and then: after each
+// record the answer, what is stored and what is counted are a model's, and nothing else.
 #include <spdlog/spdlog.h>
 
-#include <cerrno>
+#include <array>
+#include <cstring>
+#include <exception>
+#include <memory>
 #include <string>
 
 #include "Bytes.h"
+#include "StreamModel.h"
 #include "korvexd/StreamSession.h"
-#include "korvexd/SystemError.h"
 
 using korvex_fuzz::Input;
 using korvex_fuzz::require;
+using korvex_fuzz::StreamModel;
+using korvexd::Count;
 using korvexd::StreamSession;
 using korvexd::StreamSummary;
+using Step = StreamModel::Step;
 
 namespace {
 
 constexpr std::uint32_t kOpen = 0;
 constexpr std::uint32_t kData = 1;
-constexpr std::uint32_t kClose = 3;
 
-/// What the sinks of one session saw.
+constexpr std::size_t kSizes[] = {11, 1, 0, 300};  // the last needs more than the digest's buffer
+constexpr std::size_t kLargest = 300;
+
+/// What the records' data is cut from. No two pieces of it are alike.
+class Source {
+ public:
+  Source() {
+    std::uint32_t state = 1;
+    for (unsigned char& byte : bytes_) {
+      state = state * 1664525 + 1013904223;
+      byte = static_cast<unsigned char>(state >> 24);
+    }
+  }
+
+  const unsigned char* next(std::size_t size) {
+    const unsigned char* const piece = bytes_.data() + at_;
+    at_ = (at_ + size) % (bytes_.size() - kLargest);
+    return piece;
+  }
+
+  void restart() { at_ = 0; }
+
+ private:
+  std::array<unsigned char, 4096> bytes_;
+  std::size_t at_ = 0;
+};
+
+/// Cheaper to throw than what the daemon's own sinks throw.
+struct SinkError : std::exception {
+  const char* what() const noexcept override { return "storing: no room"; }
+};
+
+/// What all sinks saw.
 struct Seen {
-  int live = 0;
-  int failing = 0;  ///< 1: the next write, 2: the next completion, 3: the next opening
+  bool isLive = false;
+  Step failing = Step::None;
   std::uint64_t opened = 0;
   std::uint64_t completed = 0;
-  std::string data;  ///< of the stream that is open
+  std::uint64_t abandoned = 0;
+  StreamModel::Summary summary;
+  char digest[33] = {};  ///< the summary's, of the last stream that was complete
+  std::string data;      ///< of the sink that is or was the last
+
+  void failIf(Step step) {
+    if (failing != step) return;
+    failing = Step::None;
+    throw SinkError();
+  }
 };
 
 class WatchedSink : public korvexd::Sink {
  public:
   explicit WatchedSink(Seen& seen) : seen_(seen) {
+    require(!seen_.isLive, "one sink at a time");
+    seen_.isLive = true;
     seen_.data.clear();
     ++seen_.opened;
-    require(++seen_.live == 1, "one sink at a time");
   }
   ~WatchedSink() override {
     require(isDone_, "a sink is completed or abandoned");
-    --seen_.live;
+    seen_.isLive = false;
   }
 
   void write(const unsigned char* data, std::size_t size) override {
     require(!isDone_ && size != 0, "writing while open, and something");
-    failOn(1);
+    seen_.failIf(Step::Writing);
     seen_.data.append(reinterpret_cast<const char*>(data), size);
   }
   void complete(const StreamSummary& summary) override {
     require(!isDone_, "completed once");
-    failOn(2);
-    isDone_ = true;
+    seen_.failIf(Step::Completing);
+    note(summary);
     ++seen_.completed;
-    require(summary.bytes == seen_.data.size(), "the summary's bytes");
+    require(summary.xxh128.size() == sizeof seen_.digest - 1, "the digest's size");
+    std::memcpy(seen_.digest, summary.xxh128.c_str(), sizeof seen_.digest);
   }
-  void abandon(const StreamSummary&, const std::string& reason) override {
-    require(!isDone_ && !reason.empty(), "abandoned once, for a reason");
-    isDone_ = true;
+  void abandon(const StreamSummary& summary, const std::string& reason) override {
+    require(!reason.empty(), "abandoned for a reason");
+    note(summary);
+    ++seen_.abandoned;
   }
   std::string place() const override { return {}; }
 
  private:
-  void failOn(int step) {
-    if (seen_.failing != step) return;
-    seen_.failing = 0;
-    throw korvexd::SystemError("storing", ENOSPC);
+  void note(const StreamSummary& summary) {
+    require(!isDone_, "completed or abandoned once");
+    isDone_ = true;
+    seen_.summary = {summary.bytes, summary.segments, summary.records};
   }
 
   Seen& seen_;
   bool isDone_ = false;
 };
 
-/// A session that is fed from an input, and what it must have stored.
+/// One session after the other, each fed from an input, and the model beside them. Counts go on
+/// from one to the next.
 class Run {
  public:
-  explicit Run(Input input) : input_(input), session_("q", factory(), stats_) {}
-
-  void go() {
-    while (!input_.isEmpty()) step();
-    session_.end("over");
-    require(seen_.live == 0, "no sink is left");
+  void go(Input input) {
+    source_.restart();
+    failOnce(Step::None);
+    {
+      StreamSession session("q", factory_, stats_);
+      while (!input.isEmpty()) step(session, input);
+    }
+    model_.end();
+    compare();
   }
 
  private:
-  korvexd::SinkFactory factory() {
-    return [this](const std::string&, std::time_t) -> std::unique_ptr<korvexd::Sink> {
-      if (seen_.failing == 3) {
-        seen_.failing = 0;
-        throw korvexd::SystemError("opening", EACCES);
-      }
-      return std::make_unique<WatchedSink>(seen_);
-    };
-  }
-
-  void step() {
-    const unsigned what = input_.byte();
+  void step(StreamSession& session, Input& input) {
+    const unsigned what = input.byte();
+    const unsigned how = what >> 3;
     switch (what & 7) {
       case 5:
-        seen_.failing = static_cast<int>(what >> 3 & 3);
-        return;
+        return failOnce(static_cast<Step>(how & 3));
       case 6:
-        check(session_.takeDamage("cut"), false, 0);
-        return;
+        return check(model_.takeDamage(), session.takeDamage("cut"), "damaged batch: cut");
       case 7:
-        session_.end("ended");
-        require(seen_.live == 0, "an end leaves no sink");
-        return;
+        if (how % 2 != 0) return record(session, signedByte(input), how, input);
+        session.end("ended");
+        model_.end();
+        return compare();
       default:
-        return record(what & 7, what >> 3);
+        return record(session, what & 7, how, input);
     }
   }
 
-  void record(std::uint32_t type, unsigned how) {
+  /// Both ends of a wide range.
+  static std::uint64_t signedByte(Input& input) {
+    return static_cast<std::uint64_t>(static_cast<std::int8_t>(input.byte()));
+  }
+
+  void failOnce(Step step) {
+    seen_.failing = step;
+    model_.failOnce(step);
+  }
+
+  void record(StreamSession& session, std::uint64_t type, unsigned how, Input& input) {
     korvex::qmx_shm_message_t header;
-    header.type = how == 31 ? input_.word() : type;
-    header.sequence = sequence(type, how & 7);
-    std::size_t size = type == kData || how == 30 ? 1 + (how >> 3) * 5U : 0;
-    const std::uint8_t* const data = input_.piece(size);
+    header.type = static_cast<std::uint32_t>(type);
+    header.sequence = sequence(header.type, how & 7, input);
+    // Where data is wrong, it is rare.
+    const bool hasData = header.type == kData || how >> 3 == 3;
+    const std::size_t size = hasData ? kSizes[how >> 3] : 0;
     header.len = static_cast<std::uint32_t>(size);
-    const std::uint64_t completed = seen_.completed;
-    if (header.type == kOpen) expected_.clear();
-    const std::size_t before = seen_.data.size();
-    const auto answer = session_.take({header, size == 0 ? nullptr : data});
-    if (header.type == kData && seen_.data.size() > before)
-      expected_.append(reinterpret_cast<const char*>(data), size);
-    check(answer, header.type == kClose, completed);
+    const unsigned char* const data = size == 0 ? nullptr : source_.next(size);
+    const auto expected = model_.take({header.type, header.sequence, data, size});
+    check(expected, session.take({header, data}), "record type ");
   }
 
   /// Mostly the right one.
-  std::uint64_t sequence(std::uint32_t type, unsigned how) {
-    if (type == kOpen) return sequence_ = how == 7 ? input_.word() : 0;
-    if (how == 7) return sequence_ = input_.word();
-    if (how == 6) return sequence_;
-    const std::uint64_t step = sequence_ == 0 ? 2 : 1;
-    return sequence_ += step + (how == 5 ? 3 : 0);
+  std::uint64_t sequence(std::uint32_t type, unsigned how, Input& input) {
+    if (how == 7) return signedByte(input);
+    if (type == kOpen) return 0;
+    const std::uint64_t next = model_.next();
+    if (how == 6) return next - 1;
+    return how == 5 ? next + 3 : next;
   }
 
-  void check(const StreamSession::Answer& answer, bool isClose, std::uint64_t completedBefore) {
-    if (!answer) return;
-    require(answer->message[0] != '\0', "an answer says something");
-    if (answer->status != 0) {
-      require(seen_.live == 0, "a failure ends the stream");
-      return;
+  void check(StreamModel::Answer expected, const StreamSession::Answer& answer,
+             const char* refusal) {
+    using Answer = StreamModel::Answer;
+    require(answer.has_value() == (expected != Answer::None), "whether there is an answer");
+    if (expected == Answer::Receipt) {
+      const std::string receipt = model_.receipt();
+      require(answer->status == 0 && receipt == answer->message, "the receipt");
+      require(std::strcmp(seen_.digest, receipt.c_str() + receipt.size() - 32) == 0,
+              "the summary's digest");
     }
-    require(isClose && seen_.completed == completedBefore + 1, "a receipt answers a close");
-    require(seen_.data == expected_, "what is stored is what was taken");
-    const std::string begin = "stored bytes=" + std::to_string(expected_.size()) + " xxh128=";
-    require(std::string(answer->message).compare(0, begin.size(), begin) == 0, "the receipt");
+    if (expected == Answer::SinkFailure) {
+      require(answer->status == 5, "a failed sink's status");
+      require(std::strcmp(answer->message, SinkError().what()) == 0, "a failed sink's text");
+    }
+    if (expected == Answer::Refusal) {
+      require(answer->status == 32, "a refusal's status");
+      require(std::strncmp(answer->message, refusal, std::strlen(refusal)) == 0,
+              "a refusal's text");
+    }
+    compare();
   }
 
-  Input input_;
+  void compare() const {
+    const StreamModel::Counts& counts = model_.counts();
+    require(seen_.failing == model_.failing(), "the sink's step that was to fail");
+    require(seen_.isLive == model_.hasSink(), "whether there is a sink");
+    require(seen_.opened == model_.sinks(), "sinks opened");
+    require(seen_.completed == counts.complete, "sinks completed");
+    require(seen_.abandoned == seen_.opened - seen_.completed - seen_.isLive, "sinks abandoned");
+    require(seen_.data == model_.data(), "what is stored");
+    require(seen_.summary.bytes == model_.lastSummary().bytes, "the summary's bytes");
+    require(seen_.summary.segments == model_.lastSummary().segments, "the summary's segments");
+    require(seen_.summary.records == model_.lastSummary().records, "the summary's records");
+    require(stats_.get(Count::StreamsOpened) == counts.opened, "streams opened");
+    require(stats_.get(Count::StreamsComplete) == counts.complete, "streams complete");
+    require(stats_.get(Count::StreamsIncomplete) == counts.incomplete, "streams incomplete");
+    require(stats_.get(Count::Records) == counts.records, "records");
+    require(stats_.get(Count::DroppedRecords) == counts.dropped, "dropped records");
+    require(stats_.get(Count::Bytes) == counts.bytes, "bytes");
+  }
+
+  Source source_;
   Seen seen_;
+  StreamModel model_;
   korvexd::Stats stats_;
-  StreamSession session_;
-  std::uint64_t sequence_ = 0;
-  std::string expected_;
+  const korvexd::SinkFactory factory_ = [this](const std::string&, std::time_t) {
+    seen_.failIf(Step::Opening);
+    return std::make_unique<WatchedSink>(seen_);
+  };
 };
 
 }  // namespace
@@ -161,6 +241,7 @@ class Run {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
   static const bool isQuiet = (spdlog::set_level(spdlog::level::off), true);
   require(isQuiet, "no log lines");
-  Run(Input(bytes, size)).go();
+  static Run run;
+  run.go(Input(bytes, size));
   return 0;
 }
