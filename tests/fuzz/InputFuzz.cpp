@@ -1,11 +1,13 @@
-// Files as `korvex send` reads them: whatever pieces are asked for, together they are the file, and
-// a file that shrinks or grows meanwhile gives what it then holds.
+// Files as `korvex send` reads them: whatever pieces are asked for, and however a file shrinks and
+// grows between two of them, each piece is what the file then holds behind the piece before.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "Bytes.h"
 #include "InputReader.h"
@@ -17,7 +19,9 @@ using korvex_fuzz::require;
 
 namespace {
 
-/// A file in memory under a name that can be opened again.
+constexpr std::size_t kLargestFill = 16;
+
+/// A file in memory under a name that can be opened again, and a copy of what it holds.
 class MemoryFile {
  public:
   MemoryFile() : file_(::memfd_create("korvex-fuzz", MFD_CLOEXEC)) {
@@ -26,19 +30,65 @@ class MemoryFile {
   }
 
   const std::string& name() const { return name_; }
+  const std::string& content() const { return content_; }
 
-  void set(const std::string& content) {
-    resize(content.size());
-    const ssize_t size = ::pwrite(file_, content.data(), content.size(), 0);
-    require(size == static_cast<ssize_t>(content.size()), "pwrite");
-  }
   void resize(std::size_t size) {
+    content_.resize(size, '\0');
     require(::ftruncate(file_, static_cast<off_t>(size)) == 0, "ftruncate");
+  }
+
+  /// Bytes that differ from their neighbours, and from zero.
+  void append(std::size_t size) {
+    const std::size_t end = content_.size();
+    for (std::size_t i = 0; i < size; ++i) content_ += static_cast<char>(1 + content_.size() % 251);
+    const ssize_t done = ::pwrite(file_, &content_[end], size, static_cast<off_t>(end));
+    require(done == static_cast<ssize_t>(size), "pwrite");
   }
 
  private:
   int file_;
   std::string name_;
+  std::string content_;
+};
+
+/// Reads a file from its start to the end that it has by then.
+class Run {
+ public:
+  Run(MemoryFile& file, InputReader& reader) : file_(file), reader_(reader) {}
+
+  void step(unsigned what) {
+    const std::size_t how = what >> 2;
+    switch (what & 3) {
+      case 0:
+        return file_.resize(4 * how);
+      case 1:
+        return file_.append(1 + how);
+      default:
+        return fill(1 + how % kLargestFill);
+    }
+  }
+
+  void fill(std::size_t wanted) {
+    // At the end of its place, so that the sanitizer sees an overrun.
+    static unsigned char place[kLargestFill];
+    unsigned char* const buffer = place + kLargestFill - wanted;
+    const std::string& content = file_.content();
+    const std::size_t left = content.size() - std::min(position_, content.size());
+    const std::size_t expected = std::min(wanted, left);
+    require(reader_.fill(buffer, wanted) == expected, "the piece's size");
+    require(std::memcmp(buffer, content.data() + (content.size() - left), expected) == 0,
+            "the piece");
+    position_ += expected;
+    hasEnded_ = expected < wanted;
+  }
+
+  bool hasEnded() const { return hasEnded_; }
+
+ private:
+  MemoryFile& file_;
+  InputReader& reader_;
+  std::size_t position_ = 0;
+  bool hasEnded_ = false;
 };
 
 }  // namespace
@@ -46,31 +96,17 @@ class MemoryFile {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
   static korvex::tool::StopSignal stop;
   static MemoryFile file;
-  static unsigned char buffer[64];
-  Input input(bytes, size);
-  const unsigned change = input.byte();
-  std::size_t contentSize = input.byte();
-  const std::uint8_t* const content = input.piece(contentSize);
-  std::string expected(reinterpret_cast<const char*>(content), contentSize);
-  file.set(expected);
-
   static const std::vector<std::string> names = {file.name()};
+  Input input(bytes, size);
+  file.resize(0);
+  file.append(input.byte());
+
   InputReader reader(names, stop);
-  require(reader.totalBytes() == expected.size(), "the file's size");
+  require(reader.totalBytes() == file.content().size(), "the file's size");
   require(reader.openNext(), "the file");
-  std::string read;
-  for (bool isChanged = false;; isChanged = true) {
-    if (!isChanged && change != 0) {
-      expected.resize(change, '\0');
-      file.resize(change);
-    }
-    const std::size_t wanted = input.isEmpty() ? sizeof buffer : 1 + input.byte() % sizeof buffer;
-    const std::size_t got = reader.fill(buffer, wanted);
-    require(got <= wanted, "no more than asked for");
-    read.append(reinterpret_cast<const char*>(buffer), got);
-    if (got < wanted) break;
-  }
-  require(read == expected, "the pieces are the file");
+  Run run(file, reader);
+  while (!input.isEmpty() && !run.hasEnded()) run.step(input.byte());
+  while (!run.hasEnded()) run.fill(kLargestFill);
   require(!reader.openNext(), "no further file");
   return 0;
 }
