@@ -290,7 +290,7 @@ TEST_F(StreamSessionTest, AWriterWhoseCloseMetAFailureMayCloseAgain) {
     failing_ = failing;
     take(kOpen, 0);
     take(kClose, 2);
-    for (const std::uint64_t sequence : {3, 4, 6}) {
+    for (const std::uint64_t sequence : {3u, 4u, 6u}) {
       EXPECT_FALSE(take(kClose, sequence)) << "the reply would reach the next producer";
     }
     failing_ = 0;
@@ -308,7 +308,7 @@ TEST_F(StreamSessionTest, AWriterWhoseCloseMetAnotherStreamsReplyMayCloseAgain) 
 TEST_F(StreamSessionTest, AWriterThatStoppedMayCloseAsOftenAsItFindsNoRoom) {
   take(kOpen, 0);
   take(kStop, 2);
-  for (const std::uint64_t sequence : {3, 4, 5}) EXPECT_FALSE(take(kClose, sequence));
+  for (const std::uint64_t sequence : {3u, 4u, 5u}) EXPECT_FALSE(take(kClose, sequence));
   EXPECT_FALSE(take(kStop, 6));
   EXPECT_FALSE(take(kClose, 7));
 }
