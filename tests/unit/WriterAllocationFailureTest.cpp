@@ -9,7 +9,6 @@
 #include <string>
 
 #include "support/DaemonQueues.h"
-#include "support/SharedObject.h"
 #include "support/ThrownError.h"
 #include "unit/AllocationFailures.h"
 #include "unit/WriterFixture.h"
