@@ -10,6 +10,7 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 using korvexd::LogWriter;
@@ -38,6 +39,9 @@ class LogWriterLines : public testing::Test {
 
   void closeReadingEnd() { closeEnd(ends_[0]); }
   void closeWritingEnd() { closeEnd(ends_[1]); }
+
+  /// Leaves the end to a thread that may still write into it.
+  int giveWritingEndAway() { return std::exchange(ends_[1], -1); }
 
   void setNonBlocking(bool on) const { ::fcntl(ends_[1], F_SETFL, on ? O_NONBLOCK : 0); }
 
@@ -118,7 +122,7 @@ TEST_F(LogWriterLines, GiveWayToNewerOnesWhenNobodyReadsAndAreCounted) {
 
 TEST_F(LogWriterLines, HoldUpTheEndOnlyForAWhileWhenNobodyReads) {
   fill();
-  auto writer = std::make_unique<LogWriter>(writingEnd(), kShort);
+  auto writer = std::make_unique<LogWriter>(giveWritingEndAway(), kShort);
   writer->add("unread\n");
   const auto start = std::chrono::steady_clock::now();
   writer.reset();
