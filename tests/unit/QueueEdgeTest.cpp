@@ -72,6 +72,14 @@ class Overwritten {
   SharedObject object_;
 };
 
+/// What a view makes of a queue of which only the last index entry leads astray.
+QueueView::State stateWithBadLastEntry(std::size_t messages) {
+  SharedObject object(uniqueQueueName(),
+                      bytesOfObject(RawQueue(uniqueQueueName(), messages, 1).name()));
+  object.write(kIndexAt + 8 * static_cast<off_t>(messages - 1), number(1));
+  return QueueView(object.name()).state();
+}
+
 /// Whether a view finds the queue intact for this use while one entry leads astray.
 bool isIntactWithBadEntry(int first, int messages, int bad, QueueView::Use use) {
   Overwritten queue;
@@ -165,6 +173,15 @@ TEST(QueueEdges, LastMessageIsFetchedWhereverTheQueueBegins) {
   }
 }
 
+TEST(QueueEdges, NothingIsFetchedFromBehindTheLastPlace) {
+  Overwritten queue;
+  QueueView view(queue.name());
+  queue.store(kMessages - 1, 2);
+  EXPECT_EQ(view.fetchNext(), 1u);
+  queue.store(kMessages, 2);
+  EXPECT_EQ(view.fetchNext(), 0u);
+}
+
 TEST(QueueEdges, NothingIsFetchedFromBetweenTwoSlots) {
   Overwritten queue;
   QueueView view(queue.name());
@@ -249,4 +266,11 @@ TEST(QueueEdges, ExactlyEightMebibytesAreFetchable) {
   }
   EXPECT_FALSE(FilledQueue(2, 4194184).isFetchable());
   EXPECT_TRUE(FilledQueue(2, 4194176).isFetchable()) << "all was given back";
+}
+
+// However many there are, a look takes no longer than that.
+TEST(QueueEdges, SoManyEntriesAreCheckedAndNoMore) {
+  constexpr std::size_t kMostEntriesChecked = 65536;
+  EXPECT_EQ(stateWithBadLastEntry(kMostEntriesChecked), QueueView::State::Damaged);
+  EXPECT_EQ(stateWithBadLastEntry(kMostEntriesChecked + 1), QueueView::State::Sound);
 }
