@@ -1,7 +1,10 @@
 // The refusal of mixed algorithms is out of every producer's reach, because nothing clears the flag
 // in front of it. It must work all the same, should a later writer clear it.
 
-#include "unit/FirstSegment.h"
+#include <korvex/ShmWriter.h>
+
+#include <string>
+
 #include "unit/WriterFixture.h"
 
 using korvex_test::DaemonQueues;
@@ -10,9 +13,29 @@ using writer_test::expectError;
 
 namespace {
 
+/// Whether the writer takes its next segment for a stream's first.
+bool& firstSegmentOf(korvex::ShmWriter& writer);
+
+/// An explicit instantiation may name a private member; the friend hands it out.
+template <bool korvex::ShmWriter::*member>
+struct FirstSegment {
+  friend bool& firstSegmentOf(korvex::ShmWriter& writer) { return writer.*member; }
+};
+template struct FirstSegment<&korvex::ShmWriter::firstSegment_>;
+
 class MixedAlgorithms : public writer_test::Writer {
  protected:
   MixedAlgorithms() { openOn(queues_); }
+
+  /// The next segment is refused, which names these.
+  void expectRefusal(int sequence, int lastState, int currentState) {
+    expectError(
+        89,
+        "Could not write segment data for sequence " + std::to_string(sequence) +
+            " because segment states are not homogeneous (last state=" + std::to_string(lastState) +
+            ", current state=" + std::to_string(currentState) + ")",
+        [this] { writer().writeSegment(data_.data(), 3); });
+  }
 
   DaemonQueues queues_;
 };
@@ -23,10 +46,7 @@ TEST_F(MixedAlgorithms, AreRefusedWithBothStatesAndTheNextSequence) {
   writer().writeSegment(data_.data(), 3);
   firstSegmentOf(writer()) = false;
   writer().setSegmentAlg(KORVEX_SEG_STATE_UNLIMITED, 0, 0, 0);
-  expectError(89,
-              "Could not write segment data for sequence 3 because segment states are not "
-              "homogeneous (last state=0, current state=1)",
-              [this] { writer().writeSegment(data_.data(), 3); });
+  expectRefusal(3, 0, 1);
   writer().setSegmentAlg(KORVEX_SEG_STATE_LIMITED, 0, 0, 0);
   writer().writeSegment(data_.data(), 3);
   EXPECT_THAT(flushedHeaders(queues_),
@@ -49,8 +69,14 @@ TEST_F(MixedAlgorithms, AreComparedWithTheLastSegmentThatWasWritten) {
   firstSegmentOf(writer()) = false;
   writer().writeSegment(data_.data(), 3);
   writer().setSegmentAlg(KORVEX_SEG_STATE_LIMITED, 0, 0, 0);
-  expectError(89,
-              "Could not write segment data for sequence 4 because segment states are not "
-              "homogeneous (last state=1, current state=0)",
-              [this] { writer().writeSegment(data_.data(), 3); });
+  expectRefusal(4, 1, 0);
+}
+
+TEST_F(MixedAlgorithms, AreComparedWithAnEmptySegmentToo) {
+  writer().setSegmentAlg(KORVEX_SEG_STATE_UNLIMITED, 0, 0, 0);
+  writer().writeSegment(nullptr, 0);
+  firstSegmentOf(writer()) = false;
+  writer().writeSegment(data_.data(), 3);
+  writer().setSegmentAlg(KORVEX_SEG_STATE_LIMITED, 0, 0, 0);
+  expectRefusal(4, 1, 0);
 }

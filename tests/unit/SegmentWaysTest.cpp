@@ -1,6 +1,5 @@
 // Most segments take a short way into the batch. Whichever way one takes, the same comes of it.
 
-#include "unit/FirstSegment.h"
 #include "unit/WriterFixture.h"
 
 using korvex_test::DaemonQueues;
@@ -43,16 +42,4 @@ TEST_F(SegmentWays, EverySegmentCanBeEnded) {
   EXPECT_THAT(flushedHeaders(queues_),
               ElementsAre("(2,1,3,0,0,0,0,0,0,2864434397)", "(3,2,0,0,0,0,0,0,0,2864434397)",
                           "(4,1,3,0,1,0,0,0,0,2864434397)", "(5,2,0,0,1,0,0,0,0,2864434397)"));
-}
-
-TEST_F(SegmentWays, EmptySegmentOnTheLongWayIsRememberedWithItsAlgorithm) {
-  writer().setSegmentAlg(KORVEX_SEG_STATE_UNLIMITED, 0, 0, 0);
-  writer().writeSegment(nullptr, 0);
-  firstSegmentOf(writer()) = false;
-  writer().writeSegment(data_.data(), 3);
-  writer().setSegmentAlg(KORVEX_SEG_STATE_LIMITED, 0, 0, 0);
-  expectError(89,
-              "Could not write segment data for sequence 4 because segment states are not "
-              "homogeneous (last state=1, current state=0)",
-              [this] { writer().writeSegment(data_.data(), 3); });
 }
