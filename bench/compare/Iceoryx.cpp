@@ -18,7 +18,7 @@
 #include <thread>
 
 #include "Transports.h"
-#include "shm/Pause.h"
+#include "queue/Pause.h"
 
 namespace bench {
 namespace {

@@ -6,8 +6,8 @@
 #include <utility>
 
 #include "Transports.h"
-#include "shm/MessageQueue.h"
-#include "shm/Pause.h"
+#include "queue/MessageQueue.h"
+#include "queue/Pause.h"
 
 namespace bench {
 namespace {

@@ -8,7 +8,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "shm/MessageQueue.h"
+#include "queue/MessageQueue.h"
 
 namespace bench {
 

@@ -8,7 +8,7 @@
 #include <qmx/log.h>
 
 #include "shm/BatchAppend.h"
-#include "shm/MessageQueue.h"
+#include "queue/MessageQueue.h"
 #include "shm/ReplyText.h"
 #include "support/Status.h"
 #include "support/Text.h"

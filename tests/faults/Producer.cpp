@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "Pattern.h"
-#include "StreamDigest.h"
+#include "send/StreamDigest.h"
 
 namespace korvex_faults {
 namespace {

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "Bytes.h"
-#include "korvexd/BatchCheck.h"
+#include "stream/BatchCheck.h"
 
 using korvex_fuzz::require;
 

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "Bytes.h"
-#include "InputReader.h"
+#include "send/InputReader.h"
 #include "StopSignal.h"
 
 using korvex::tool::InputReader;

@@ -10,7 +10,7 @@
 #include <string>
 
 #include "Bytes.h"
-#include "Receipt.h"
+#include "korvex/receiver/Receipt.h"
 #include "shm/ReplyText.h"
 
 using korvex::ShmWriter;

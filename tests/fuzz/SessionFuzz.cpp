@@ -10,7 +10,7 @@
 
 #include "Bytes.h"
 #include "StreamModel.h"
-#include "korvexd/StreamSession.h"
+#include "stream/StreamSession.h"
 
 using korvex_fuzz::Input;
 using korvex_fuzz::require;

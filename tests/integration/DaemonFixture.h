@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "integration/support/Process.h"
-#include "integration/support/Queues.h"
-#include "integration/support/TemporaryFolder.h"
+#include "support/Process.h"
+#include "support/Queues.h"
+#include "support/TemporaryFolder.h"
 
 /// A daemon to start, a queue's name and folders to work with.
 class DaemonFixture : public testing::Test {

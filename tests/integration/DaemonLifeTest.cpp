@@ -2,7 +2,7 @@
 #include <sys/stat.h>
 
 #include "integration/DaemonFixture.h"
-#include "shm/MessageQueue.h"
+#include "queue/MessageQueue.h"
 
 using test_support::queueExists;
 using testing::HasSubstr;

@@ -8,8 +8,8 @@
 #include <sstream>
 
 #include "integration/DaemonFixture.h"
-#include "integration/support/BatchBytes.h"
-#include "shm/MessageQueue.h"
+#include "support/BatchBytes.h"
+#include "queue/MessageQueue.h"
 
 using test_support::BatchBytes;
 using test_support::eventually;

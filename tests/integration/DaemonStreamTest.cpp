@@ -4,8 +4,8 @@
 #include <random>
 
 #include "integration/DaemonFixture.h"
-#include "integration/support/BatchBytes.h"
-#include "shm/MessageQueue.h"
+#include "support/BatchBytes.h"
+#include "queue/MessageQueue.h"
 #include "support/ThrownError.h"
 
 using test_support::BatchBytes;

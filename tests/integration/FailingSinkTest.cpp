@@ -7,8 +7,8 @@
 #include <tuple>
 
 #include "integration/DaemonFixture.h"
-#include "integration/support/Child.h"
-#include "integration/support/FailingCalls.h"
+#include "support/Child.h"
+#include "support/FailingCalls.h"
 
 using test_support::FailingCalls;
 using test_support::FailureOrder;

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "integration/support/BatchBytes.h"
+#include "support/BatchBytes.h"
 
 namespace hostile {
 

@@ -10,7 +10,7 @@
 
 #include "integration/DaemonFixture.h"
 #include "integration/HostileBatches.h"
-#include "integration/support/SharedCounter.h"
+#include "support/SharedCounter.h"
 
 using test_support::contentsOf;
 using test_support::eventually;

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "integration/support/Queues.h"
+#include "support/Queues.h"
 #include "support/DaemonQueues.h"
 #include "support/SharedObject.h"
 

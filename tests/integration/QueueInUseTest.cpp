@@ -5,8 +5,8 @@
 #include "integration/DaemonFixture.h"
 #include "integration/QueueEvents.h"
 #include "integration/WriterStory.h"
-#include "integration/support/Child.h"
-#include "integration/support/Late.h"
+#include "support/Child.h"
+#include "support/Late.h"
 #include "support/DaemonQueues.h"
 
 using korvex_test::RawQueue;

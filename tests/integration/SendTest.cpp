@@ -12,12 +12,12 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 
-#include "integration/support/Await.h"
-#include "integration/support/Process.h"
-#include "integration/support/Queues.h"
-#include "integration/support/TemporaryFolder.h"
-#include "shm/QueueView.h"
-#include "unit/korvex/FakeDaemon.h"
+#include "support/Await.h"
+#include "support/Process.h"
+#include "support/Queues.h"
+#include "support/TemporaryFolder.h"
+#include "queue/QueueView.h"
+#include "support/FakeDaemon.h"
 
 namespace {
 

@@ -10,9 +10,9 @@
 #include <thread>
 
 #include "integration/DaemonFixture.h"
-#include "integration/support/Late.h"
-#include "integration/support/SharedCounter.h"
-#include "integration/support/SignalStorm.h"
+#include "support/Late.h"
+#include "support/SharedCounter.h"
+#include "support/SignalStorm.h"
 #include "support/DaemonQueues.h"
 #include "support/ThrownError.h"
 

@@ -4,9 +4,9 @@
 #include <string>
 #include <vector>
 
-#include "integration/support/Child.h"
-#include "integration/support/Process.h"
-#include "integration/support/Queues.h"
+#include "support/Child.h"
+#include "support/Process.h"
+#include "support/Queues.h"
 
 using test_support::Process;
 using testing::HasSubstr;

@@ -10,10 +10,10 @@
 
 #include "integration/StrangeObjects.h"
 #include "integration/WriterStory.h"
-#include "integration/support/Child.h"
-#include "integration/support/Late.h"
-#include "integration/support/Process.h"
-#include "integration/support/Queues.h"
+#include "support/Child.h"
+#include "support/Late.h"
+#include "support/Process.h"
+#include "support/Queues.h"
 
 using strange::Holder;
 using strange::Kind;

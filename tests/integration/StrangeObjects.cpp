@@ -12,7 +12,7 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "integration/support/Child.h"
+#include "support/Child.h"
 #include "support/DaemonQueues.h"
 #include "support/SharedObject.h"
 

@@ -2,7 +2,7 @@
 
 #include <chrono>
 
-#include "integration/support/Late.h"
+#include "support/Late.h"
 #include "qmx/error.h"
 
 namespace {

@@ -6,8 +6,8 @@
 #include <thread>
 
 #include "integration/DaemonFixture.h"
-#include "integration/support/Late.h"
-#include "shm/QueueView.h"
+#include "support/Late.h"
+#include "queue/QueueView.h"
 #include "support/Bytes.h"
 #include "support/DaemonQueues.h"
 #include "support/ThrownError.h"

@@ -8,7 +8,7 @@
 
 #include "korvex/ShmWriter.h"
 #include "property/LibraryRecord.h"
-#include "unit/PlatformDouble.h"
+#include "support/PlatformDouble.h"
 
 namespace property {
 namespace {

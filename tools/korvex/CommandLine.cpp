@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "Failure.h"
-#include "Printable.h"
+#include "common/Printable.h"
 
 namespace korvex::tool {
 namespace {

@@ -4,7 +4,7 @@
 #include <iosfwd>
 
 #include "Progress.h"
-#include "Send.h"
+#include "send/Send.h"
 #include "StopSignal.h"
 
 namespace korvex::tool {

@@ -6,7 +6,7 @@
 
 #include "CommandLine.h"
 #include "Failure.h"
-#include "support/StandardDescriptors.h"
+#include "common/StandardDescriptors.h"
 
 namespace {
 

@@ -7,10 +7,10 @@
 #include <cerrno>
 #include <utility>
 
-#include "korvexd/CutGuard.h"
-#include "korvexd/DiscardSink.h"
-#include "korvexd/StartThread.h"
-#include "korvexd/TemporaryName.h"
+#include "queues/BusErrorGuard.h"
+#include "korvexd/sink/DiscardSink.h"
+#include "korvexd/os/Thread.h"
+#include "queues/Leftovers.h"
 
 namespace korvexd {
 namespace {

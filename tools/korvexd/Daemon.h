@@ -8,10 +8,10 @@
 #include <thread>
 #include <vector>
 
-#include "korvexd/DirectoryStore.h"
+#include "korvexd/sink/DirectoryStore.h"
 #include "korvexd/Options.h"
-#include "korvexd/QueueServer.h"
-#include "korvexd/StatsFile.h"
+#include "QueueServer.h"
+#include "korvexd/report/StatsFile.h"
 
 namespace korvexd {
 

@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <ostream>
 
-#include "korvexd/ExitCode.h"
-#include "korvexd/Names.h"
+#include "common/ExitCode.h"
+#include "common/QueueName.h"
 
 namespace korvexd {
 namespace {

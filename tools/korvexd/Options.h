@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "korvexd/QueuePair.h"
+#include "queues/QueuePair.h"
 
 namespace korvexd {
 

@@ -7,10 +7,10 @@
 #include <memory>
 
 #include "korvexd/Daemon.h"
-#include "korvexd/ExitCode.h"
-#include "korvexd/LogSink.h"
+#include "common/ExitCode.h"
+#include "korvexd/report/LogSink.h"
 #include "korvexd/Options.h"
-#include "support/StandardDescriptors.h"
+#include "common/StandardDescriptors.h"
 
 namespace {
 

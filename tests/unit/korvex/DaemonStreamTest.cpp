@@ -1,10 +1,10 @@
-#include "DaemonStream.h"
+#include "send/DaemonStream.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>
 
 #include "Failure.h"
-#include "FakeDaemon.h"
+#include "support/FakeDaemon.h"
 
 namespace {
 

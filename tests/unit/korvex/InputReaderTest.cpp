@@ -1,4 +1,4 @@
-#include "InputReader.h"
+#include "send/InputReader.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

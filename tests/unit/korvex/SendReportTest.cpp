@@ -1,4 +1,4 @@
-#include "SendReport.h"
+#include "send/SendReport.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "Send.h"
+#include "send/Send.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -10,7 +10,7 @@
 #include <future>
 #include <sstream>
 
-#include "FakeDaemon.h"
+#include "support/FakeDaemon.h"
 
 namespace {
 

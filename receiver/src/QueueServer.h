@@ -1,0 +1,79 @@
+#ifndef KORVEXD_QUEUE_SERVER_H
+#define KORVEXD_QUEUE_SERVER_H
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <queue>
+#include <string>
+#include <vector>
+
+#include "korvexd/report/Capture.h"
+#include "queues/LockWatch.h"
+#include "queues/QueuePair.h"
+#include "stream/ReplySender.h"
+#include "korvex/receiver/Counters.h"
+#include "stream/StreamSession.h"
+#include "queue/Pause.h"
+
+namespace korvexd {
+
+/// Serves one pair of queues: receives, checks, hands on, answers.
+///
+/// Never waits inside a queue, and never for ever on its lock. A pair that a peer has broken is
+/// removed and made anew; the stream on it ends as incomplete.
+class QueueServer {
+ public:
+  struct Settings {
+    std::string queue;
+    korvex::MessageQueue::Limits limits;
+    mode_t mode;
+    QueuePair::Existing existing;
+    SinkFactory openSink;
+    std::optional<std::string> captureFolder;
+  };
+
+  /// Creates the queues. Throws std::exception when that fails.
+  explicit QueueServer(const Settings& settings);
+
+  /// Serves until `stop` is set; the message at hand is finished. Call it in a thread of its own.
+  void run(const std::atomic<bool>& stop) noexcept;
+
+  const std::string& queue() const noexcept { return settings_.queue; }
+  const Stats& stats() const noexcept { return stats_; }
+
+ private:
+  void open(QueuePair::Existing existing);
+  void step();
+  bool isIdle() const noexcept;
+  void watchQueues();
+  void takeMessage(std::size_t size);
+  void takeRecords(std::size_t size);
+  void answer(const StreamSession::Answer& answer);
+  void refuseBatch(const std::string& defect);
+  void capture(std::size_t size) noexcept;
+  void replacePair(const std::string& reason) noexcept;
+  void reopen() noexcept;
+  void pause() noexcept;
+
+  const Settings settings_;
+  Stats stats_;
+  StreamSession session_;
+  std::optional<Capture> capture_;
+  std::unique_ptr<QueuePair> pair_;  ///< none while it cannot be made
+  std::unique_ptr<ReplySender> replies_;
+  LockWatch lockWatch_;
+  korvex::Pause pause_;
+  LockWatch::Clock::time_point nextLook_{};
+  std::vector<unsigned char> message_;
+  std::queue<korvex::ShmBatch::Entry> records_;
+  std::uint64_t batchNumber_ = 0;
+  bool reopenFailed_ = false;
+};
+
+}  // namespace korvexd
+
+#endif

@@ -1,0 +1,12 @@
+#include "korvex/receiver/SystemError.h"
+
+#include <system_error>
+
+namespace korvexd {
+
+SystemError::SystemError(const std::string& doing, int number)
+    : std::runtime_error(doing + ": error " + std::to_string(number) + " (" +
+                         std::generic_category().message(number) + ")"),
+      number_(number) {}
+
+}  // namespace korvexd

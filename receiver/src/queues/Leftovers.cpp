@@ -1,0 +1,69 @@
+#include "queues/Leftovers.h"
+
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <limits>
+#include <random>
+
+#include "queues/QueueObject.h"
+
+namespace korvexd {
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string kStart = ".korvexd-";
+
+/// The namespace in which a process id is meant; 0 where the system does not tell.
+ino_t processNamespace() noexcept {
+  struct stat found = {};
+  return ::stat("/proc/self/ns/pid", &found) == 0 ? found.st_ino : 0;
+}
+
+bool isAlive(pid_t process) noexcept { return ::kill(process, 0) == 0 || errno != ESRCH; }
+
+/// Whether a dead daemon of this namespace called a queue so. Where namespaces cannot be told
+/// apart, a process id that is free here may be a living daemon's elsewhere.
+bool isLeftOver(const std::string& name) {
+  const ino_t here = processNamespace();
+  if (here == 0 || name.compare(0, kStart.size(), kStart) != 0) return false;
+  char* end = nullptr;
+  const long process = std::strtol(name.c_str() + kStart.size(), &end, 10);
+  if (process <= 0 || process > std::numeric_limits<pid_t>::max()) return false;
+  const std::string place = "-" + std::to_string(here) + "-";
+  return std::string(end).compare(0, place.size(), place) == 0 &&
+         !isAlive(static_cast<pid_t>(process));
+}
+
+bool isOwnFile(const std::string& name) {
+  struct stat found = {};
+  return lookAtQueueObject(name, found) && S_ISREG(found.st_mode) && found.st_uid == ::geteuid();
+}
+
+}  // namespace
+
+std::string temporaryQueueName() {
+  std::random_device random;
+  return kStart + std::to_string(::getpid()) + "-" + std::to_string(processNamespace()) + "-" +
+         std::to_string(random()) + "-" + std::to_string(random());
+}
+
+std::vector<std::string> removeHalfMadeQueues() {
+  std::vector<std::string> removed;
+  std::error_code error;
+  for (fs::directory_iterator at("/dev/shm", error), end; at != end; at.increment(error)) {
+    const std::string name = at->path().filename().string();
+    if (isLeftOver(name) && isOwnFile(name) && ::shm_unlink(name.c_str()) == 0) {
+      removed.push_back(name);
+    }
+  }
+  return removed;
+}
+
+}  // namespace korvexd

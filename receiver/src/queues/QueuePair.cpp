@@ -1,0 +1,57 @@
+#include "queues/QueuePair.h"
+
+#include <korvex/ShmWriter.h>
+
+#include <stdexcept>
+
+#include "queues/QueueObject.h"
+#include "stream/Reply.h"
+#include "queues/StaleQueue.h"
+
+namespace korvexd {
+namespace {
+
+using korvex::MessageQueue;
+
+/// More than a stream has: a producer picks one up with each batch that it sends.
+constexpr MessageQueue::Limits kReplyLimits{16, sizeof(Reply)};
+
+void refuseExisting(const std::string& name) {
+  if (!queueObjectExists(name)) return;
+  throw std::runtime_error("queue " + name +
+                           " exists already; --replace removes the queues of a dead daemon");
+}
+
+/// The name of the response queue. Looked at before anything is made: a daemon that waits for its
+/// names tries again and again.
+std::string responseNameIfFree(const std::string& name, QueuePair::Existing existing) {
+  std::string replies = korvex::getMessageQueueResponseName(name);
+  if (existing == QueuePair::Existing::Refuse) {
+    refuseExisting(name);
+    refuseExisting(replies);
+  }
+  return replies;
+}
+
+void removeExisting(const std::string& batches, const std::string& replies) {
+  // Both are claimed before one is removed: a living daemon keeps its pair whole.
+  StaleQueue staleBatches(batches);
+  StaleQueue staleReplies(replies);
+  staleBatches.remove();
+  staleReplies.remove();
+}
+
+}  // namespace
+
+QueuePair::QueuePair(const std::string& name, MessageQueue::Limits limits, mode_t mode,
+                     Existing existing)
+    : replies_(responseNameIfFree(name, existing), kReplyLimits, mode),
+      batches_(name, limits, mode) {
+  if (existing == Existing::Replace) {
+    removeExisting(name, korvex::getMessageQueueResponseName(name));
+  }
+  replies_.publish();
+  batches_.publish();
+}
+
+}  // namespace korvexd

@@ -1,0 +1,51 @@
+#include "korvex/receiver/Receipt.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstring>
+
+namespace korvex::tool {
+namespace {
+
+constexpr std::string_view kBeforeBytes = "stored bytes=";
+constexpr std::string_view kBeforeDigest = " xxh128=";
+constexpr std::string_view kHexDigits = "0123456789abcdef";
+constexpr std::size_t kDigestDigits = 32;
+
+bool skip(std::string_view& text, std::string_view expected) {
+  if (text.substr(0, expected.size()) != expected) return false;
+  text.remove_prefix(expected.size());
+  return true;
+}
+
+bool readNumber(std::string_view& text, std::uint64_t& number) {
+  const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
+  if (result.ec != std::errc()) return false;
+  text.remove_prefix(static_cast<std::size_t>(result.ptr - text.data()));
+  return true;
+}
+
+bool isDigest(std::string_view text) {
+  return text.size() == kDigestDigits &&
+         text.find_first_not_of(kHexDigits) == std::string_view::npos;
+}
+
+}  // namespace
+
+std::string Receipt::text() const { return "bytes=" + std::to_string(bytes) + " xxh128=" + xxh128; }
+
+std::optional<Receipt> parseReceipt(std::string_view untrusted) {
+  Receipt receipt = {0, ""};
+  if (!skip(untrusted, kBeforeBytes)) return std::nullopt;
+  if (!readNumber(untrusted, receipt.bytes)) return std::nullopt;
+  if (!skip(untrusted, kBeforeDigest)) return std::nullopt;
+  if (!isDigest(untrusted)) return std::nullopt;
+  receipt.xxh128 = untrusted;
+  return receipt;
+}
+
+std::string_view textOf(const qmx_shm_response_t& untrustedReply) {
+  return {untrustedReply.message, ::strnlen(untrustedReply.message, sizeof untrustedReply.message)};
+}
+
+}  // namespace korvex::tool

@@ -1,0 +1,56 @@
+#include "stream/ReplySender.h"
+
+namespace korvexd {
+namespace {
+
+using korvex::MessageQueue;
+
+constexpr unsigned kPriority = 0;  // all alike, so that they keep their order
+
+}  // namespace
+
+void ReplySender::send(const Reply& reply) {
+  if (pending_.size() < kMostPending) {
+    pending_.push_back(reply);
+  } else {
+    stats_.add(Count::RepliesLost);
+  }
+  sendPending();
+}
+
+void ReplySender::sendPending() {
+  while (isPending() && !replies_.view().looksFull()) {
+    const auto outcome = replies_.queue().trySend(&pending_.front(), sizeof(Reply), kPriority);
+    lockWatch_.note(outcome, replies_.view(), LockWatch::Clock::now());
+    if (outcome != MessageQueue::Outcome::Done) break;
+    pending_.pop_front();
+    stats_.add(Count::RepliesSent);
+  }
+  updatePending();
+}
+
+void ReplySender::withdraw() {
+  stats_.add(Count::RepliesWithdrawn, pending_.size());
+  pending_.clear();
+  updatePending();
+  // As many as there may be, and no more: a peer that keeps filling the queue must not keep us.
+  for (std::size_t i = 0; i < replies_.view().maxMessages();) {
+    Reply reply;
+    std::size_t size = 0;
+    const auto outcome = replies_.queue().tryReceive(&reply, sizeof reply, size);
+    lockWatch_.note(outcome, replies_.view(), LockWatch::Clock::now());
+    if (outcome == MessageQueue::Outcome::NotReady) return;
+    if (outcome == MessageQueue::Outcome::LockTaken) continue;
+    stats_.add(Count::RepliesWithdrawn);
+    ++i;
+  }
+}
+
+void ReplySender::checkLock() {
+  if (!replies_.view().looksLocked()) return;
+  lockWatch_.note(replies_.queue().tryLock(), replies_.view(), LockWatch::Clock::now());
+}
+
+void ReplySender::updatePending() { stats_.set(Count::RepliesPending, pending_.size()); }
+
+}  // namespace korvexd

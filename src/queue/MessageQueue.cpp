@@ -1,0 +1,231 @@
+#include "queue/MessageQueue.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+#include <boost/interprocess/ipc/message_queue.hpp>
+#include <boost/version.hpp>
+#include <cerrno>
+#include <exception>
+#include <utility>
+
+#include "queue/Pause.h"
+
+#ifndef BOOST_INTERPROCESS_ENABLE_TIMEOUT_WHEN_LOCKING
+#error "without the timeout a lock that a dead process kept holds every caller up for ever"
+#endif
+static_assert(BOOST_VERSION >= 106300, "the queue's layout is known from Boost 1.63 on");
+
+namespace korvex {
+namespace {
+
+namespace ipc = boost::interprocess;
+
+constexpr std::chrono::milliseconds kLongestSleep{4};
+
+/// From this release on, a lock that was found broken is left alone. Before, it stays taken by the
+/// caller, and the thread's list of robust locks keeps pointing into the mapping.
+constexpr bool kBrokenLockPinsMapping = BOOST_VERSION < 107800;
+
+[[noreturn]] void throwSystemError(int number) {
+  throw ipc::interprocess_exception(ipc::error_info(number));
+}
+
+[[noreturn]] void throwDamaged() {
+  throw ipc::interprocess_exception(ipc::error_info(ipc::corrupted_error),
+                                    "the shared-memory object is not a sound message queue");
+}
+
+/// Keeps signals waiting, for this thread, while it lives.
+class SignalsWait {
+ public:
+  SignalsWait() {
+    sigset_t all;
+    ::sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &before_);
+  }
+  ~SignalsWait() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+  SignalsWait(const SignalsWait&) = delete;
+  SignalsWait& operator=(const SignalsWait&) = delete;
+
+ private:
+  sigset_t before_;
+};
+
+/// Returns the error. A signal makes the system give back what it has allocated so far: a large
+/// object would never be whole under signals that come faster than it grows. Those that cannot be
+/// made to wait are rare.
+int allocate(int file, off_t size) {
+  const SignalsWait signalsWait;
+  int error = 0;
+  do {
+    error = ::posix_fallocate(file, 0, size);
+  } while (error == EINTR);
+  return error;
+}
+
+/// Gives the object its memory now. Shared memory is sparse otherwise, and the first process that
+/// touches a page which the system does not have is killed, with the lock in its hands.
+void reserve(const std::string& name, off_t size) {
+  const int file = ::shm_open(name.c_str(), O_RDWR, 0);
+  if (file < 0) throwSystemError(errno);
+  const int error = allocate(file, size);
+  ::close(file);
+  if (error != 0) throwSystemError(error);
+}
+
+/// Whether there is room for `size` bytes, found by taking them for a moment under a name of its
+/// own. Creating a queue touches its pages, so it is too late to ask afterwards.
+void tryRoom(const std::string& name, off_t size) {
+  const std::string trial = name + ".room";
+  const int file = ::shm_open(trial.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+  if (file < 0) throwSystemError(errno);
+  const int error = allocate(file, size);
+  ::close(file);
+  ::shm_unlink(trial.c_str());
+  if (error != 0) throwSystemError(error);
+}
+
+off_t fileSizeOf(const MessageQueue::Limits& limits) {
+  return static_cast<off_t>(QueueView::fileSize(limits.messages, limits.messageSize));
+}
+
+}  // namespace
+
+struct MessageQueue::Transport {
+  template <typename... Arguments>
+  explicit Transport(Arguments&&... arguments) : queue(std::forward<Arguments>(arguments)...) {}
+
+  /// Never unmaps this one again. It stays reachable, so that a leak checker sees the intention.
+  void pin() noexcept {
+    static std::atomic<Transport*> newestPinned{nullptr};
+    olderPinned = newestPinned.exchange(this);
+  }
+
+  ipc::message_queue queue;
+  std::exception_ptr broken;  ///< what was thrown when the lock turned out to be broken
+  Transport* olderPinned = nullptr;
+};
+
+MessageQueue::MessageQueue(const std::string& name, Clock::time_point deadline) {
+  open(name, deadline);
+}
+
+MessageQueue::MessageQueue(const std::string& name, Limits limits, mode_t mode) {
+  const off_t size = fileSizeOf(limits);
+  if (size == 0) throw ipc::interprocess_exception(ipc::error_info(ipc::size_error));
+  tryRoom(name, size);
+  const ipc::permissions permissions(static_cast<int>(mode));
+  try {
+    transport_ = std::make_unique<Transport>(ipc::create_only, name.c_str(), limits.messages,
+                                             limits.messageSize, permissions);
+    reserve(name, size);
+    view_ = QueueView(name);
+    if (view_.state() != QueueView::State::Sound) throwDamaged();
+  } catch (const ipc::interprocess_exception& error) {
+    // The library leaves what it could not finish; somebody else's object stays alone.
+    if (error.get_error_code() != ipc::already_exists_error) remove(name);
+    throw;
+  }
+}
+
+MessageQueue::~MessageQueue() {
+  // Unmapping would leave the thread with a dangling lock; the next robust lock it takes crashes.
+  if (kBrokenLockPinsMapping && transport_->broken) {
+    transport_.release()->pin();
+  }
+}
+
+void MessageQueue::open(const std::string& name, Clock::time_point deadline) {
+  Pause pause(kLongestSleep);
+  for (;;) {
+    view_ = QueueView(name);
+    if (view_.state() == QueueView::State::Unreachable) throwSystemError(view_.systemError());
+    if (view_.state() == QueueView::State::Damaged) throwDamaged();
+    if (view_.state() == QueueView::State::Sound) {
+      transport_ = std::make_unique<Transport>(ipc::open_only, name.c_str());
+      // The library opens by name; only what the view holds has been looked at.
+      if (view_.isStillNamed(name)) return;
+      transport_.reset();
+    }
+    if (Clock::now() >= deadline) throwDamaged();
+    pause.wait(deadline);
+  }
+}
+
+/// Runs one operation that takes the lock, and sorts its errors: a lock that is merely taken is an
+/// outcome, everything else passes.
+template <typename Operation>
+MessageQueue::Outcome MessageQueue::attempt(QueueView::Use use, Operation operation) {
+  if (transport_->broken) std::rethrow_exception(transport_->broken);
+  // The library believes whatever lies there, and would follow it out of the mapping.
+  if (!view_.isIntact(use)) throwDamaged();
+  try {
+    return operation(transport_->queue) ? Outcome::Done : Outcome::NotReady;
+  } catch (const ipc::lock_exception&) {  // GCOVR_EXCL_BR_LINE: the library throws its own only
+    transport_->broken = std::current_exception();
+    throw;
+  } catch (const ipc::interprocess_exception& error) {
+    if (error.get_error_code() != ipc::timeout_when_locking_error) throw;
+    return Outcome::LockTaken;
+  }
+}
+
+MessageQueue::Outcome MessageQueue::trySend(const void* data, std::size_t size, unsigned priority) {
+  return attempt(QueueView::Use::Send,
+                 [&](ipc::message_queue& queue) { return queue.try_send(data, size, priority); });
+}
+
+MessageQueue::Outcome MessageQueue::tryReceive(void* buffer, std::size_t capacity,
+                                               std::size_t& size) {
+  return attempt(QueueView::Use::Receive, [&](ipc::message_queue& queue) {
+    ipc::message_queue::size_type received = 0;
+    unsigned priority = 0;
+    const bool taken = queue.try_receive(buffer, capacity, received, priority);
+    if (taken) size = received;
+    return taken;
+  });
+}
+
+MessageQueue::Outcome MessageQueue::tryReceiveNext(void* buffer, std::size_t capacity,
+                                                   std::size_t& size) {
+  view_.fetchNext();
+  Pause pause(kLongestSleep);
+  while (pause.isSpinning() && view_.looksLocked()) pause.wait(Clock::time_point::max());
+  return tryReceive(buffer, capacity, size);
+}
+
+MessageQueue::Outcome MessageQueue::tryLock() {
+  return attempt(QueueView::Use::Either, [](ipc::message_queue& queue) {
+    queue.get_num_msg();
+    return true;
+  });
+}
+
+bool MessageQueue::sendBefore(const void* data, std::size_t size, unsigned priority,
+                              Clock::time_point deadline) {
+  Pause pause(kLongestSleep);
+  // The looks without the lock spare both ends a fight for it, which costs more than the copy. They
+  // may be old, so that an attempt follows whatever they say.
+  const auto looksBusy = [this] { return view_.looksFull() || view_.looksLocked(); };
+  while (looksBusy() && pause.isSpinning()) pause.wait(deadline);
+  while (trySend(data, size, priority) != Outcome::Done) {
+    if (Clock::now() >= deadline) return false;
+    do {
+      pause.wait(deadline);
+    } while (looksBusy() && Clock::now() < deadline);
+  }
+  return true;
+}
+
+bool MessageQueue::remove(const std::string& name) noexcept {
+  // Not by the queue library, which needs memory for it and keeps silent when there is none.
+  return ::shm_unlink(name.c_str()) == 0;
+}
+
+}  // namespace korvex

@@ -1,0 +1,89 @@
+#ifndef KORVEX_SHM_MESSAGE_QUEUE_H
+#define KORVEX_SHM_MESSAGE_QUEUE_H
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <string>
+
+#include "queue/QueueView.h"
+
+namespace korvex {
+
+/// One message queue in shared memory; the one place that knows the queue library.
+///
+/// Knows nothing of batches. Never enters the queue's condition variables: a peer that dies inside
+/// one takes down everybody else there. Waiting is done out here, by trying again after short
+/// pauses. Never waits for ever on the queue's lock either, which a dead peer may have kept.
+///
+/// Errors are the queue library's own exceptions, derived from std::exception. After one that says
+/// that the lock is broken for good, every further operation throws the same.
+/// Used by one thread at a time.
+class MessageQueue {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  enum class Outcome {
+    Done,
+    NotReady,  ///< full when sending, empty when receiving
+    LockTaken  ///< somebody held the queue's lock for longer than any healthy peer does
+  };
+
+  /// How many messages a queue holds, and of how many bytes at most.
+  struct Limits {
+    std::size_t messages;
+    std::size_t messageSize;
+  };
+
+  /// Opens an existing queue. One that is still being made is waited for until the deadline; one
+  /// that is absent, damaged or no queue at all is refused at once.
+  MessageQueue(const std::string& name, Clock::time_point deadline);
+
+  /// Creates a queue that must not exist yet, with exactly these permissions whatever the umask,
+  /// and reserves its memory: without room the constructor fails instead of a later sender.
+  MessageQueue(const std::string& name, Limits limits, mode_t mode);
+
+  ~MessageQueue();
+
+  std::size_t maxMessageSize() const noexcept { return view_.maxMessageSize(); }
+
+  /// Sends as soon as there is room. False when there was none until the deadline, or nobody could
+  /// get the queue's lock. Tries at least once, also when the deadline has passed.
+  bool sendBefore(const void* data, std::size_t size, unsigned priority,
+                  Clock::time_point deadline);
+
+  Outcome trySend(const void* data, std::size_t size, unsigned priority);
+
+  /// Takes the message with the highest priority; `size` becomes its length. The buffer must be as
+  /// large as the queue's largest message, or the library refuses.
+  Outcome tryReceive(void* buffer, std::size_t capacity, std::size_t& size);
+
+  /// As tryReceive, for a message that is on its way: leaves a sender some time to finish with the
+  /// lock instead of fighting for it, and fetches the bytes meanwhile.
+  Outcome tryReceiveNext(void* buffer, std::size_t capacity, std::size_t& size);
+
+  /// Takes the lock and gives it back: Done or LockTaken, or the error of a lock that is broken.
+  Outcome tryLock();
+
+  /// What can be seen of this queue without its lock.
+  const QueueView& view() const noexcept { return view_; }
+
+  /// Takes the name away. Who has the queue open keeps it. False when there was no such name.
+  static bool remove(const std::string& name) noexcept;
+
+ private:
+  struct Transport;
+
+  void open(const std::string& name, Clock::time_point deadline);
+  template <typename Operation>
+  Outcome attempt(QueueView::Use use, Operation operation);
+
+  std::unique_ptr<Transport> transport_;
+  QueueView view_;
+};
+
+}  // namespace korvex
+
+#endif

@@ -1,0 +1,35 @@
+#include "queue/Pause.h"
+
+#include <algorithm>
+#include <thread>
+
+namespace korvex {
+namespace {
+
+// Spinning for some 60 microseconds outlasts the copy of a message; each spin is short beside it.
+constexpr unsigned kSpins = 1024;
+constexpr unsigned kInstructionsPerSpin = 4;
+constexpr unsigned kYields = 64;
+constexpr std::chrono::microseconds kShortestSleep{20};
+constexpr unsigned kMostDoublings = 16;
+
+void spin() noexcept {
+  for (unsigned i = 0; i < kInstructionsPerSpin; ++i) __builtin_ia32_pause();
+}
+
+}  // namespace
+
+bool Pause::isSpinning() const noexcept { return step_ < kSpins; }
+
+void Pause::wait(Clock::time_point deadline) noexcept {
+  const unsigned step = step_;
+  if (step < kSpins + kYields + kMostDoublings) ++step_;
+  if (step < kSpins) return spin();
+  if (step < kSpins + kYields) return std::this_thread::yield();
+
+  const auto grown = kShortestSleep * (1U << (step - kSpins - kYields));
+  const auto wanted = std::min<Clock::duration>(grown, longestSleep_);
+  std::this_thread::sleep_for(std::min(wanted, deadline - Clock::now()));
+}
+
+}  // namespace korvex

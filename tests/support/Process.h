@@ -1,0 +1,56 @@
+#ifndef TESTS_INTEGRATION_SUPPORT_PROCESS_H
+#define TESTS_INTEGRATION_SUPPORT_PROCESS_H
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/Await.h"
+
+namespace test_support {
+
+/// A real program, running. What it writes is collected. Killed when the object goes.
+class Process {
+ public:
+  /// Starts `command[0]`, a path, with the rest as its arguments.
+  explicit Process(const std::vector<std::string>& command);
+  ~Process();
+  Process(const Process&) = delete;
+  Process& operator=(const Process&) = delete;
+
+  pid_t id() const { return id_; }
+
+  /// Sends it a signal.
+  void signal(int number) const;
+
+  /// Waits for its end. The exit code, minus the signal that killed it, or nothing when it still
+  /// runs after that time.
+  std::optional<int> wait(std::chrono::milliseconds patience = kPatience);
+
+  /// Kills it with no chance to clean up, and waits for its end.
+  void killNow();
+
+  // What it wrote; whole once wait() gave a code.
+  const std::string& output();
+  const std::string& errors();
+
+ private:
+  void readPipes();
+  static void drain(int& pipe, std::string& text);
+
+  pid_t id_ = -1;
+  bool ended_ = false;
+  int code_ = 0;
+  int outputPipe_ = -1;
+  int errorPipe_ = -1;
+  std::string output_;
+  std::string errors_;
+};
+
+}  // namespace test_support
+
+#endif

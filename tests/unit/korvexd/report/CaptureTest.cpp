@@ -1,0 +1,68 @@
+#include "korvexd/report/Capture.h"
+
+#include <gmock/gmock.h>
+
+#include "support/TemporaryFolder.h"
+#include "korvex/receiver/SystemError.h"
+
+using korvexd::Capture;
+using test_support::contentsOf;
+using test_support::namesIn;
+using test_support::TemporaryFolder;
+using testing::ElementsAre;
+
+namespace {
+
+void store(Capture& capture, std::uint64_t number, const std::string& text) {
+  capture.store(number, reinterpret_cast<const unsigned char*>(text.data()), text.size());
+}
+
+}  // namespace
+
+TEST(Capture, KeepsMessagesAsTheyCame) {
+  const TemporaryFolder folder;
+  Capture capture(folder.path(), "q");
+  store(capture, 1, std::string("\0\xff raw", 6));
+  store(capture, 123456789, "");
+  EXPECT_THAT(namesIn(folder.path()), ElementsAre("q-00000001.batch", "q-123456789.batch"));
+  EXPECT_EQ(contentsOf(folder / "q-00000001.batch"), std::string("\0\xff raw", 6));
+}
+
+TEST(Capture, EncodesTheQueuesName) {
+  const TemporaryFolder folder;
+  Capture capture(folder.path(), "../a");
+  store(capture, 1, "x");
+  EXPECT_THAT(namesIn(folder.path()), ElementsAre("%2E.%2Fa-00000001.batch"));
+}
+
+TEST(Capture, GoesOnAfterTheNumbersOfAnEarlierDaemon) {
+  const TemporaryFolder folder;
+  Capture first(folder.path(), "q");
+  EXPECT_EQ(first.lastNumber(), 0u);
+  store(first, 41, "x");
+  store(first, 9, "x");
+  Capture other(folder.path(), "q-1");
+  store(other, 77, "x");
+  EXPECT_EQ(Capture(folder.path(), "q").lastNumber(), 41u);
+}
+
+TEST(CaptureUntrusted, IgnoresFilesOfOtherNames) {
+  const TemporaryFolder folder;
+  for (const char* name : {"q-1.batch", "q-0000000x.batch", "q-00000007.txt", "r-00000008.batch",
+                           "q-99999999999999999999.batch", "q-.batch"}) {
+    folder.makeFolder(name);
+  }
+  EXPECT_EQ(Capture(folder.path(), "q").lastNumber(), 0u);
+}
+
+TEST(Capture, NeverReplacesACapturedMessage) {
+  const TemporaryFolder folder;
+  Capture capture(folder.path(), "q");
+  store(capture, 1, "first");
+  EXPECT_THROW(store(capture, 1, "second"), korvexd::SystemError);
+  EXPECT_EQ(contentsOf(folder / "q-00000001.batch"), "first");
+}
+
+TEST(Capture, NamesAMissingFolder) {
+  EXPECT_THROW(Capture("/nonexistent", "q"), korvexd::SystemError);
+}

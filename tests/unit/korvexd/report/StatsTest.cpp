@@ -1,0 +1,91 @@
+#include "korvexd/report/StatsFile.h"
+
+#include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
+
+#include "support/TemporaryFolder.h"
+#include "korvex/receiver/SystemError.h"
+
+using korvexd::Count;
+using korvexd::Stats;
+using korvexd::StatsFile;
+using test_support::contentsOf;
+using test_support::namesIn;
+using test_support::TemporaryFolder;
+using testing::ElementsAre;
+
+namespace {
+
+class StatsFileTest : public testing::Test {
+ protected:
+  nlohmann::json written() const { return nlohmann::json::parse(contentsOf(path_)); }
+
+  TemporaryFolder folder_;
+  std::string path_ = folder_ / "stats.json";
+  Stats one_;
+  Stats two_;
+  StatsFile file_{path_, {{"one", &one_}, {"two", &two_}}};
+};
+
+}  // namespace
+
+TEST(Stats, StartAtZeroAndCount) {
+  Stats stats;
+  EXPECT_EQ(stats.get(Count::Bytes), 0u);
+  stats.add(Count::Bytes, 5);
+  stats.add(Count::Bytes, 6);
+  EXPECT_EQ(stats.get(Count::Bytes), 11u);
+  EXPECT_EQ(stats.get(Count::Records), 0u);
+}
+
+TEST(Stats, NamesAreThoseOfTheFile) {
+  EXPECT_STREQ(nameOf(Count::StreamsOpened), "streams_opened");
+  EXPECT_STREQ(nameOf(Count::Bytes), "bytes");
+  EXPECT_STREQ(nameOf(Count::RepliesPending), "replies_pending");
+  EXPECT_STREQ(nameOf(Count::CaptureFailures), "capture_failures");
+}
+
+TEST_F(StatsFileTest, HoldsEachQueueAndTheTotal) {
+  one_.add(Count::Bytes, 3);
+  two_.add(Count::Bytes, 4);
+  two_.add(Count::BadBatches);
+  file_.update();
+  EXPECT_EQ(written()["queues"]["one"]["bytes"], 3);
+  EXPECT_EQ(written()["queues"]["two"]["bytes"], 4);
+  EXPECT_EQ(written()["total"]["bytes"], 7);
+  EXPECT_EQ(written()["total"]["bad_batches"], 1);
+}
+
+TEST_F(StatsFileTest, IsWrittenAgainOnlyAfterAChange) {
+  file_.update();
+  ASSERT_EQ(std::remove(path_.c_str()), 0);
+  file_.update();
+  EXPECT_THAT(namesIn(folder_.path()), ElementsAre());
+  one_.add(Count::Records);
+  file_.update();
+  EXPECT_EQ(written()["total"]["records"], 1);
+}
+
+TEST_F(StatsFileTest, LeavesNothingTemporary) {
+  file_.update();
+  EXPECT_THAT(namesIn(folder_.path()), ElementsAre("stats.json"));
+}
+
+TEST_F(StatsFileTest, TellsQueuesApartWhoseNamesAreNoText) {
+  StatsFile file(path_, {{"\xff\"\n", &one_}, {"\xfe\"\n", &two_}});
+  file.update();
+  EXPECT_TRUE(written()["queues"].contains("%FF%22%0A"));
+  EXPECT_TRUE(written()["queues"].contains("%FE%22%0A"));
+}
+
+TEST(StatsFileErrors, NameTheFileAndTheSystemsError) {
+  StatsFile file("/nonexistent/stats.json", {});
+  try {
+    file.update();
+    FAIL() << "written";
+  } catch (const korvexd::SystemError& error) {
+    EXPECT_STREQ(error.what(),
+                 "writing statistics to /nonexistent/stats.json: error 2 (No such file or "
+                 "directory)");
+  }
+}

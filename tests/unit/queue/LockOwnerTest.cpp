@@ -1,0 +1,168 @@
+// Whether the owner of a queue's lock is gone, as far as the system tells.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <string>
+
+#include "queue/QueueView.h"
+#include "support/DaemonQueues.h"
+#include "unit/queue/SystemCalls.h"
+
+using korvex::QueueView;
+using korvex_test::RawQueue;
+using korvex_test::uniqueQueueName;
+using system_calls::failing;
+using system_calls::instead;
+
+namespace {
+
+constexpr off_t kLockWordAt = 48;
+constexpr off_t kLockOwnerAt = 56;
+
+/// Writes to an object that exists already.
+template <typename Value>
+void overwrite(const std::string& name, off_t offset, Value value) {
+  const int file = system_calls::shmOpen(name.c_str(), O_RDWR, 0);
+  EXPECT_EQ(::pwrite(file, &value, sizeof value, offset), ssize_t{sizeof value});
+  ::close(file);
+}
+
+/// A queue whose lock names an owner, and what the system says of that.
+class LockOwner : public testing::Test {
+ protected:
+  LockOwner() {
+    overwrite(queue_.name(), kLockWordAt, std::uint32_t{1});
+    overwrite(queue_.name(), kLockOwnerAt, kOwner);
+    instead.kill = [](pid_t process, int signal) {
+      EXPECT_EQ(process, kOwner);
+      EXPECT_EQ(signal, 0);
+      return 0;
+    };
+  }
+  ~LockOwner() override { instead = {}; }
+
+  void systemTells(const std::string& text) {
+    instead.open = [](const char* path) {
+      EXPECT_STREQ(path, "/proc/4711/stat");
+      return 999;  // any number: nothing real is read
+    };
+    instead.read = [text](int, void* bytes, std::size_t size) {
+      EXPECT_LT(text.size(), size);
+      EXPECT_LT(size, 128u) << "the last byte ends the text";
+      std::memcpy(bytes, text.data(), text.size());
+      return static_cast<ssize_t>(text.size());
+    };
+  }
+
+  bool isGone() const { return QueueView(queue_.name()).isLockOwnerGone(); }
+
+  static constexpr pid_t kOwner = 4711;
+  RawQueue queue_{uniqueQueueName(), 4, 300};
+};
+
+}  // namespace
+
+TEST_F(LockOwner, IsGoneAsAZombieAndWhenDead) {
+  systemTells("4711 (a) Z 1 ");
+  EXPECT_TRUE(isGone());
+  systemTells("4711 (a) X 1 ");
+  EXPECT_TRUE(isGone());
+}
+
+TEST_F(LockOwner, LivesInEveryOtherState) {
+  for (const char* state : {"R", "S", "D", "T", "t", "I"}) {
+    systemTells("4711 (a) " + std::string(state) + " 1 ");
+    EXPECT_FALSE(isGone()) << state;
+  }
+}
+
+TEST_F(LockOwner, MayHaveAnyName) {
+  systemTells("4711 (a) Z) S 1 ");
+  EXPECT_FALSE(isGone());
+  systemTells("4711 (a) S) Z 1 ");
+  EXPECT_TRUE(isGone());
+}
+
+TEST_F(LockOwner, LivesWhenTheSystemTellsNothingThatCanBeUnderstood) {
+  for (const char* text : {"", "4711 a Z", "4711 (a)", "4711 (a)Z"}) {
+    systemTells(text);
+    EXPECT_FALSE(isGone()) << text;
+  }
+  instead.read = [](int, void*, std::size_t) { return failing(ESRCH); };
+  EXPECT_FALSE(isGone());
+  instead.open = [](const char*) { return failing(ENOENT); };
+  EXPECT_FALSE(isGone());
+}
+
+TEST_F(LockOwner, IsGoneWhenThereIsNoSuchProcessOnly) {
+  systemTells("4711 (a) S 1 ");
+  instead.kill = [](pid_t, int) { return failing(ESRCH); };
+  EXPECT_TRUE(isGone());
+  instead.kill = [](pid_t, int) { return failing(EPERM); };
+  EXPECT_FALSE(isGone());
+}
+
+TEST_F(LockOwner, IsNotGoneBecauseOfAnErrorBefore) {
+  systemTells("4711 (a) S 1 ");
+  errno = ESRCH;
+  EXPECT_FALSE(isGone());
+}
+
+TEST_F(LockOwner, IsReadFromDescriptorZeroToo) {
+  systemTells("4711 (a) Z 1 ");
+  instead.open = [](const char*) { return STDIN_FILENO; };
+  const int saved = ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 10);
+  EXPECT_TRUE(isGone()) << "and closes it";
+  ::dup2(saved, STDIN_FILENO);
+  ::close(saved);
+}
+
+TEST_F(LockOwner, MayBeTheFirstProcess) {
+  overwrite(queue_.name(), kLockOwnerAt, pid_t{1});
+  instead.kill = [](pid_t, int) { return failing(ESRCH); };
+  EXPECT_TRUE(isGone());
+}
+
+TEST_F(LockOwner, IsAskedForWithoutKeepingADescriptor) {
+  instead = {};
+  overwrite(queue_.name(), kLockOwnerAt, ::getpid());
+  const int before = ::dup(STDERR_FILENO);
+  ::close(before);
+  EXPECT_FALSE(isGone());
+  const int after = ::dup(STDERR_FILENO);
+  ::close(after);
+  EXPECT_EQ(after, before);
+}
+
+TEST_F(LockOwner, MayGiveTheLockBackMeanwhile) {
+  instead.kill = [this](pid_t, int) {
+    overwrite(queue_.name(), kLockWordAt, std::uint32_t{0});
+    return failing(ESRCH);
+  };
+  EXPECT_FALSE(isGone());
+}
+
+TEST_F(LockOwner, MayBeFollowedByAnotherMeanwhile) {
+  instead.kill = [this](pid_t, int) {
+    overwrite(queue_.name(), kLockOwnerAt, pid_t{4712});
+    return failing(ESRCH);
+  };
+  EXPECT_FALSE(isGone());
+}
+
+TEST_F(LockOwner, IsNobodyWhenNoneIsNamed) {
+  instead.kill = [](pid_t process, int) {
+    ADD_FAILURE() << "asked for " << process;
+    return 0;
+  };
+  overwrite(queue_.name(), kLockOwnerAt, pid_t{0});
+  EXPECT_FALSE(isGone());
+  overwrite(queue_.name(), kLockOwnerAt, pid_t{-1});
+  EXPECT_FALSE(isGone());
+}

@@ -1,0 +1,192 @@
+#include "queue/Pause.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mman.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "korvex/ShmWriter.h"
+#include "queue/MessageQueue.h"
+#include "support/DaemonQueues.h"
+
+using korvex::MessageQueue;
+using korvex::Pause;
+using korvex::ShmWriter;
+using korvex_test::DaemonQueues;
+using korvex_test::RawQueue;
+using korvex_test::uniqueQueueName;
+using std::chrono::hours;
+using std::chrono::microseconds;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+// A program of its own: it takes the place of the system's sleep and yield.
+namespace {
+
+constexpr long long kNanoseconds = 1000000000;
+
+std::vector<std::string> steps;
+std::function<void()> meanwhile;  // what happens while somebody sleeps
+
+}  // namespace
+
+extern "C" int sched_yield() noexcept {
+  steps.push_back("yield");
+  return 0;
+}
+
+extern "C" int nanosleep(const timespec* wanted, timespec*) {
+  steps.push_back("sleep " + std::to_string(wanted->tv_sec * kNanoseconds + wanted->tv_nsec));
+  if (meanwhile) meanwhile();
+  return 0;
+}
+
+namespace {
+
+/// What that many waits do.
+std::vector<std::string> wait(Pause& pause, int times, Pause::Clock::duration left = hours(1)) {
+  steps.clear();
+  const Pause::Clock::time_point deadline = Pause::Clock::now() + left;
+  for (int i = 0; i < times; ++i) pause.wait(deadline);
+  return steps;
+}
+
+constexpr int kSpins = 1024;
+constexpr int kSpinsAndYields = 1088;
+
+}  // namespace
+
+TEST(PauseSteps, SpinsAtFirst) {
+  Pause pause(milliseconds(4));
+  EXPECT_THAT(wait(pause, kSpins), IsEmpty());
+}
+
+TEST(PauseSteps, SaysUntilWhenItSpins) {
+  Pause pause(milliseconds(4));
+  wait(pause, kSpins - 1);
+  EXPECT_TRUE(pause.isSpinning());
+  wait(pause, 1);
+  EXPECT_FALSE(pause.isSpinning());
+}
+
+TEST(PauseSteps, YieldsThen) {
+  Pause pause(milliseconds(4));
+  wait(pause, kSpins);
+  EXPECT_EQ(wait(pause, 64), std::vector<std::string>(64, "yield"));
+}
+
+TEST(PauseSteps, SleepsAtLastTwiceAsLongEachTime) {
+  Pause pause(milliseconds(4));
+  wait(pause, kSpinsAndYields);
+  EXPECT_THAT(wait(pause, 10),
+              ElementsAre("sleep 20000", "sleep 40000", "sleep 80000", "sleep 160000",
+                          "sleep 320000", "sleep 640000", "sleep 1280000", "sleep 2560000",
+                          "sleep 4000000", "sleep 4000000"));
+}
+
+TEST(PauseSteps, StopsDoublingBeforeTheNumberGrowsTooLarge) {
+  Pause pause(seconds(100));
+  wait(pause, kSpinsAndYields + 15);
+  EXPECT_THAT(wait(pause, 3),
+              ElementsAre("sleep 655360000", "sleep 1310720000", "sleep 1310720000"));
+  wait(pause, 100);
+  EXPECT_THAT(wait(pause, 1), ElementsAre("sleep 1310720000"));
+}
+
+TEST(PauseSteps, StartsAnewAfterAReset) {
+  Pause pause(milliseconds(4));
+  wait(pause, kSpinsAndYields + 5);
+  pause.reset();
+  EXPECT_THAT(wait(pause, kSpins + 1), ElementsAre("yield"));
+}
+
+TEST(PauseSteps, SleepsNoLongerThanToTheDeadline) {
+  Pause pause(seconds(100));
+  wait(pause, kSpinsAndYields + 17);
+  ASSERT_EQ(wait(pause, 1, milliseconds(500)).size(), 1u);
+  const long long slept = std::stoll(steps[0].substr(sizeof "sleep"));
+  EXPECT_LE(slept, kNanoseconds / 2);
+}
+
+TEST(PauseSteps, DoesNotSleepAfterTheDeadline) {
+  Pause pause(seconds(100));
+  wait(pause, kSpinsAndYields + 17);
+  EXPECT_THAT(wait(pause, 1, microseconds(-1)), IsEmpty());
+}
+
+// Long sleeps would make a sender slow to notice that there is room again.
+TEST(MessageQueueSend, SleepsForFourMillisecondsAtMost) {
+  const std::string name = uniqueQueueName();
+  MessageQueue queue(name, {1, 8}, 0600);
+  ASSERT_EQ(queue.trySend("first", 5, 1), MessageQueue::Outcome::Done);
+  std::vector<std::string> sleeps;
+  meanwhile = [&] {
+    sleeps.push_back(steps.back());
+    char buffer[8];
+    std::size_t size = 0;
+    if (sleeps.size() == 10) queue.tryReceive(buffer, sizeof buffer, size);
+  };
+  EXPECT_TRUE(queue.sendBefore("second", 6, 1, Pause::Clock::now() + hours(1)));
+  meanwhile = nullptr;
+  EXPECT_THAT(sleeps, ElementsAre("sleep 20000", "sleep 40000", "sleep 80000", "sleep 160000",
+                                  "sleep 320000", "sleep 640000", "sleep 1280000", "sleep 2560000",
+                                  "sleep 4000000", "sleep 4000000"));
+  EXPECT_TRUE(MessageQueue::remove(name));
+}
+
+TEST(MessageQueueOpen, SleepsWhileAQueueIsBeingMade) {
+  const std::string name = uniqueQueueName();
+  const int unfinished = ::shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+  ASSERT_GE(unfinished, 0);
+  ::close(unfinished);
+  std::vector<std::string> sleeps;
+  meanwhile = [&] {
+    sleeps.push_back(steps.back());
+    if (sleeps.size() == 3) ::shm_unlink(name.c_str());
+  };
+  EXPECT_ANY_THROW(MessageQueue(name, Pause::Clock::now() + hours(1))) << "it is gone";
+  meanwhile = nullptr;
+  EXPECT_THAT(sleeps, ElementsAre("sleep 20000", "sleep 40000", "sleep 80000"));
+}
+
+TEST(ShmWriterSend, WaitsUntilTheDaemonTakesABatch) {
+  constexpr unsigned int kLongTimeout = 60;
+  DaemonQueues queues(4096, 1);
+  ShmWriter writer("stream", queues.name(), kLongTimeout, 0, false);
+  writer.open();  // fills the queue
+  int sleeps = 0;
+  meanwhile = [&] {
+    if (++sleeps == 3) queues.takeBatch();
+  };
+  EXPECT_NO_THROW(writer.close());
+  meanwhile = nullptr;
+  EXPECT_EQ(sleeps, 3);
+}
+
+TEST(ShmWriterConstruction, WaitsForAQueueThatIsBeingMade) {
+  const std::string name = uniqueQueueName();
+  const RawQueue response(name + "Response", 4, 132);
+  const int unfinished = ::shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+  ASSERT_GE(unfinished, 0);
+  ::close(unfinished);
+  std::unique_ptr<RawQueue> send;
+  int sleeps = 0;
+  meanwhile = [&] {
+    if (++sleeps != 3) return;
+    ::shm_unlink(name.c_str());
+    send = std::make_unique<RawQueue>(name, 4, 4096);
+  };
+  EXPECT_NO_THROW(ShmWriter("stream", name, 60, 0, false));
+  meanwhile = nullptr;
+  EXPECT_EQ(sleeps, 3);
+}

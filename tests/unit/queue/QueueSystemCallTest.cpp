@@ -1,0 +1,299 @@
+// The queue's units when the system refuses, or when something happens between two of their calls.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <boost/interprocess/exceptions.hpp>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <string>
+
+#include "queue/MessageQueue.h"
+#include "queue/QueueView.h"
+#include "support/DaemonQueues.h"
+#include "support/SharedObject.h"
+#include "unit/queue/SystemCalls.h"
+
+using korvex::MessageQueue;
+using korvex::QueueView;
+using korvex_test::RawQueue;
+using korvex_test::SharedObject;
+using korvex_test::uniqueQueueName;
+using system_calls::failing;
+using system_calls::instead;
+using State = QueueView::State;
+namespace ipc = boost::interprocess;
+
+namespace {
+
+class SystemCalls : public testing::Test {
+ protected:
+  ~SystemCalls() override { instead = {}; }
+};
+
+using QueueViewCalls = SystemCalls;
+using MessageQueueCalls = SystemCalls;
+
+const char* pathOf(int file) {
+  static char path[300];
+  const std::string link = "/proc/self/fd/" + std::to_string(file);
+  const ssize_t size = ::readlink(link.c_str(), path, sizeof path - 1);
+  path[size < 0 ? 0 : size] = '\0';
+  return path;
+}
+
+/// What an operation of the queue library fails with.
+struct LibraryError {
+  int code;
+  int systemError;
+};
+
+template <typename Call>
+LibraryError errorOf(Call call) {
+  try {
+    call();
+  } catch (const ipc::interprocess_exception& error) {
+    return {error.get_error_code(), error.get_native_error()};
+  }
+  return {ipc::no_error, 0};
+}
+
+/// Which number a descriptor would get now: the same again when none was kept meanwhile.
+int nextDescriptor() {
+  const int file = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+  ::close(file);
+  return file;
+}
+
+/// Leaves the program without standard input for a while, so that the next descriptor is 0.
+class NoStandardInput {
+ public:
+  NoStandardInput() : saved_(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 10)) { ::close(STDIN_FILENO); }
+  ~NoStandardInput() {
+    ::dup2(saved_, STDIN_FILENO);
+    ::close(saved_);
+  }
+  NoStandardInput(const NoStandardInput&) = delete;
+  NoStandardInput& operator=(const NoStandardInput&) = delete;
+
+ private:
+  int saved_;
+};
+
+/// The looks are the only ones that do not want to wait for a pipe.
+bool isLook(int flags) { return (flags & O_NONBLOCK) != 0; }
+bool isCreation(int flags) { return (flags & O_CREAT) != 0; }
+
+}  // namespace
+
+TEST_F(QueueViewCalls, ObjectThatTellsNothingOfItselfIsDamaged) {
+  const RawQueue queue(uniqueQueueName(), 4, 300);
+  instead.fstat = [](int, struct stat*) { return failing(EIO); };
+  const QueueView view(queue.name());
+  EXPECT_EQ(view.state(), State::Damaged);
+  EXPECT_EQ(view.systemError(), EIO);
+}
+
+TEST_F(QueueViewCalls, EveryReadThatComesShortMeansDamaged) {
+  const RawQueue queue(uniqueQueueName(), 4, 300);
+  constexpr int kReads = 9;  // the header, and entry and length of each slot
+  for (int shortRead = 0; shortRead <= kReads; ++shortRead) {
+    int reads = 0;
+    instead.pread = [&](int file, void* bytes, std::size_t size, off_t offset) {
+      const bool isShort = reads++ == shortRead;
+      const ssize_t read = system_calls::pread(file, bytes, size, offset);
+      return isShort ? read - 1 : read;
+    };
+    const State expected = shortRead == kReads ? State::Sound : State::Damaged;
+    EXPECT_EQ(QueueView(queue.name()).state(), expected) << "read " << shortRead;
+  }
+}
+
+TEST_F(QueueViewCalls, ObjectThatCannotBeMappedIsUnreachable) {
+  const RawQueue queue(uniqueQueueName(), 4, 300);
+  instead.mmap = [](int) {
+    errno = ENOMEM;
+    return MAP_FAILED;
+  };
+  const QueueView view(queue.name());
+  EXPECT_EQ(view.state(), State::Unreachable);
+  EXPECT_EQ(view.systemError(), ENOMEM);
+  EXPECT_EQ(view.maxMessages(), 0u);
+}
+
+TEST_F(QueueViewCalls, NameCountsAsTakenOverWhenItsObjectCannotBeLookedAt) {
+  const RawQueue queue(uniqueQueueName(), 4, 300);
+  const QueueView view(queue.name());
+  EXPECT_TRUE(view.isStillNamed(queue.name()));
+  instead.lstat = [](const char*, struct stat*) { return failing(EIO); };
+  EXPECT_FALSE(view.isStillNamed(queue.name()));
+}
+
+// Numbers of files are given anew on each device.
+TEST_F(QueueViewCalls, SameNumberOnAnotherDeviceIsAnotherObject) {
+  const RawQueue queue(uniqueQueueName(), 4, 300);
+  const QueueView view(queue.name());
+  instead.lstat = [](const char* path, struct stat* found) {
+    const int result = system_calls::lstat(path, found);
+    ++found->st_dev;
+    return result;
+  };
+  EXPECT_FALSE(view.isStillNamed(queue.name()));
+}
+
+TEST_F(QueueViewCalls, SystemThatCannotHavePagesAtHandIsAskedOnce) {
+  RawQueue queue(uniqueQueueName(), 4, 300);
+  queue.post("first", 5);
+  queue.post("second", 6);
+  QueueView view(queue.name());
+  int asked = 0;
+  instead.madvise = [&](void*, std::size_t size, int) {
+    EXPECT_EQ(size, 1520u);
+    ++asked;
+    return failing(EINVAL);
+  };
+  EXPECT_EQ(view.fetchNext(), 0u);
+  EXPECT_EQ(view.fetchNext(), 0u);
+  EXPECT_EQ(asked, 1);
+}
+
+TEST_F(MessageQueueCalls, CreationWithoutLimitsIsASizeError) {
+  const std::string name = uniqueQueueName();
+  EXPECT_EQ(errorOf([&] { MessageQueue(name, {0, 100}, 0600); }).code, ipc::size_error);
+  EXPECT_EQ(errorOf([&] { MessageQueue(name, {4, 0}, 0600); }).code, ipc::size_error);
+  EXPECT_FALSE(MessageQueue::remove(name));
+}
+
+TEST_F(MessageQueueCalls, TrialOfTheRoomFailsWithTheSystemsReasonAndLeavesNothing) {
+  const std::string name = uniqueQueueName();
+  instead.shmOpen = [](const char*, int, mode_t) { return failing(EMFILE); };
+  EXPECT_EQ(errorOf([&] { MessageQueue(name, {4, 100}, 0600); }).systemError, EMFILE);
+  instead = {};
+  instead.posixFallocate = [](int file, off_t offset, off_t size) {
+    EXPECT_NE(std::strstr(pathOf(file), ".room"), nullptr);
+    EXPECT_EQ(offset, 0);
+    EXPECT_EQ(size, 208 + 4 * (8 + 16 + 104));
+    return ENOSPC;
+  };
+  EXPECT_EQ(errorOf([&] { MessageQueue(name, {4, 100}, 0600); }).systemError, ENOSPC);
+  EXPECT_FALSE(MessageQueue::remove(name + ".room"));
+  EXPECT_FALSE(MessageQueue::remove(name));
+}
+
+TEST_F(MessageQueueCalls, TrialOfTheRoomIsNobodyElsesToUse) {
+  const std::string name = uniqueQueueName();
+  mode_t trialMode = 0;
+  instead.shmOpen = [&](const char* path, int flags, mode_t mode) {
+    if (std::strstr(path, ".room") != nullptr) trialMode = mode;
+    return system_calls::shmOpen(path, flags, mode);
+  };
+  const MessageQueue queue(name, {4, 100}, 0666);
+  EXPECT_EQ(trialMode, 0600u);
+  EXPECT_TRUE(MessageQueue::remove(name));
+}
+
+TEST_F(MessageQueueCalls, CreationAndOpeningKeepNoDescriptor) {
+  const int before = nextDescriptor();
+  const std::string name = uniqueQueueName();
+  const MessageQueue created(name, {4, 100}, 0600);
+  EXPECT_EQ(nextDescriptor(), before);
+  const MessageQueue opened(name, MessageQueue::Clock::now());
+  EXPECT_EQ(nextDescriptor(), before);
+  EXPECT_TRUE(MessageQueue::remove(name));
+  EXPECT_EQ(errorOf([&] { MessageQueue(name, MessageQueue::Clock::now()); }).systemError, ENOENT);
+  EXPECT_EQ(nextDescriptor(), before);
+}
+
+TEST_F(MessageQueueCalls, DescriptorZeroIsAsGoodAsAnyOther) {
+  const std::string name = uniqueQueueName();
+  const NoStandardInput noInput;
+  MessageQueue created(name, {4, 100}, 0600);
+  EXPECT_EQ(created.trySend("abc", 3, 1), MessageQueue::Outcome::Done);
+  const MessageQueue opened(name, MessageQueue::Clock::now());
+  EXPECT_EQ(opened.view().messages(), 1u);
+  EXPECT_EQ(nextDescriptor(), 0);
+  EXPECT_TRUE(MessageQueue::remove(name));
+}
+
+TEST_F(MessageQueueCalls, QueueWhoseMemoryCannotBeReservedIsRemoved) {
+  const std::string name = uniqueQueueName();
+  instead.posixFallocate = [](int file, off_t offset, off_t size) {
+    const bool isTrial = std::strstr(pathOf(file), ".room") != nullptr;
+    return isTrial ? system_calls::posixFallocate(file, offset, size) : ENOSPC;
+  };
+  EXPECT_EQ(errorOf([&] { MessageQueue(name, {4, 100}, 0600); }).systemError, ENOSPC);
+  EXPECT_FALSE(MessageQueue::remove(name));
+}
+
+TEST_F(MessageQueueCalls, QueueThatCannotBeReachedAgainIsRemoved) {
+  const std::string name = uniqueQueueName();
+  instead.shmOpen = [](const char* path, int flags, mode_t mode) {
+    if (!isCreation(flags) && !isLook(flags)) return failing(EMFILE);
+    return system_calls::shmOpen(path, flags, mode);
+  };
+  EXPECT_EQ(errorOf([&] { MessageQueue(name, {4, 100}, 0600); }).systemError, EMFILE);
+  EXPECT_FALSE(MessageQueue::remove(name));
+}
+
+TEST_F(MessageQueueCalls, QueueThatDoesNotLookSoundIsRemoved) {
+  const std::string name = uniqueQueueName();
+  instead.shmOpen = [](const char* path, int flags, mode_t mode) {
+    return isLook(flags) ? failing(EMFILE) : system_calls::shmOpen(path, flags, mode);
+  };
+  EXPECT_EQ(errorOf([&] { MessageQueue(name, {4, 100}, 0600); }).code, ipc::corrupted_error);
+  EXPECT_FALSE(MessageQueue::remove(name));
+}
+
+// Between the look and the library's opening by name somebody puts another queue there.
+TEST_F(MessageQueueCalls, QueueThatIsReplacedWhileItIsOpenedIsLookedAtAnew) {
+  auto queue = std::make_unique<RawQueue>(uniqueQueueName(), 4, 300);
+  const std::string name = queue->name();
+  bool isReplaced = false;
+  instead.shmOpen = [&](const char* path, int flags, mode_t mode) {
+    if (!isLook(flags) && !std::exchange(isReplaced, true)) {
+      queue.reset();
+      queue = std::make_unique<RawQueue>(name, 4, 500);
+    }
+    return system_calls::shmOpen(path, flags, mode);
+  };
+  const auto deadline = MessageQueue::Clock::now() + std::chrono::hours(1);
+  const MessageQueue opened(name, deadline);
+  EXPECT_EQ(opened.maxMessageSize(), 500u);
+}
+
+TEST_F(MessageQueueCalls, QueueThatIsFinishedMeanwhileIsOpened) {
+  const std::string name = uniqueQueueName();
+  auto unfinished = std::make_unique<SharedObject>(name);
+  std::unique_ptr<RawQueue> queue;
+  int looks = 0;
+  instead.shmOpen = [&](const char* path, int flags, mode_t mode) {
+    if (isLook(flags) && ++looks == 2) {
+      unfinished.reset();
+      queue = std::make_unique<RawQueue>(name, 4, 300);
+    }
+    return system_calls::shmOpen(path, flags, mode);
+  };
+  const auto deadline = MessageQueue::Clock::now() + std::chrono::hours(1);
+  const MessageQueue opened(name, deadline);
+  EXPECT_EQ(opened.maxMessageSize(), 300u);
+  EXPECT_EQ(looks, 2) << "one for what is unfinished, one for the queue";
+}
+
+TEST_F(MessageQueueCalls, NextMessageIsFetchedBeforeItIsTaken) {
+  RawQueue raw(uniqueQueueName(), 4, 8);
+  raw.post("first", 5);
+  raw.post("second", 6);
+  MessageQueue queue(raw.name(), MessageQueue::Clock::now());
+  std::size_t waitingWhenAsked = 0;
+  instead.madvise = [&](void*, std::size_t, int) {
+    waitingWhenAsked = queue.view().messages();
+    return 0;
+  };
+  char buffer[8];
+  std::size_t size = 0;
+  EXPECT_EQ(queue.tryReceiveNext(buffer, sizeof buffer, size), MessageQueue::Outcome::Done);
+  EXPECT_EQ(waitingWhenAsked, 2u);
+}

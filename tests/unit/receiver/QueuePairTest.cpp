@@ -1,0 +1,165 @@
+#include "queues/QueuePair.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "support/Queues.h"
+#include "support/TemporaryFolder.h"
+#include "korvex/receiver/SystemError.h"
+
+using korvex::MessageQueue;
+using korvexd::QueuePair;
+using test_support::queueExists;
+using testing::HasSubstr;
+
+namespace {
+
+constexpr MessageQueue::Limits kLimits{4, 300};
+constexpr mode_t kMode = 0600;
+
+class QueuePairTest : public testing::Test {
+ protected:
+  std::unique_ptr<QueuePair> make(QueuePair::Existing existing = QueuePair::Existing::Refuse,
+                                  MessageQueue::Limits limits = kLimits, mode_t mode = kMode) {
+    return std::make_unique<QueuePair>(name_, limits, mode, existing);
+  }
+
+  std::string refusal(QueuePair::Existing existing) {
+    try {
+      make(existing);
+    } catch (const std::exception& error) {
+      return error.what();
+    }
+    return "none";
+  }
+
+  /// Leaves an object under a name, as a dead daemon does.
+  static void leave(const std::string& name) {
+    MessageQueue(name, kLimits, kMode);
+    ASSERT_TRUE(queueExists(name));
+  }
+
+  static mode_t modeOf(const std::string& name) {
+    struct stat found = {};
+    return ::stat(("/dev/shm/" + name).c_str(), &found) == 0 ? found.st_mode & 0777 : 0;
+  }
+
+  static bool temporaryNamesAreLeft() {
+    const std::string mine = ".korvexd-" + std::to_string(::getpid()) + "-";
+    for (const std::string& name : test_support::namesIn("/dev/shm")) {
+      if (name.compare(0, mine.size(), mine) == 0) return true;
+    }
+    return false;
+  }
+
+  std::string name_ = test_support::uniqueQueueName();
+  std::string replies_ = name_ + "Response";
+  test_support::QueueRemover remover_{name_};
+};
+
+}  // namespace
+
+TEST_F(QueuePairTest, MakesBothQueuesForAWriter) {
+  const auto pair = make();
+  const MessageQueue batches(name_, MessageQueue::Clock::now());
+  const MessageQueue replies(replies_, MessageQueue::Clock::now());
+  EXPECT_EQ(batches.maxMessageSize(), 300u);
+  EXPECT_EQ(batches.view().maxMessages(), 4u);
+  EXPECT_EQ(replies.maxMessageSize(), 132u);
+  EXPECT_FALSE(temporaryNamesAreLeft());
+}
+
+TEST_F(QueuePairTest, RemovesBothNamesAtItsEnd) {
+  make().reset();
+  EXPECT_FALSE(queueExists(name_) || queueExists(replies_));
+}
+
+TEST_F(QueuePairTest, GivesThePermissionsAskedForWhateverTheUmask) {
+  const mode_t before = ::umask(077);
+  const auto pair = make(QueuePair::Existing::Refuse, kLimits, 0660);
+  ::umask(before);
+  EXPECT_EQ(modeOf(name_), 0660u);
+  EXPECT_EQ(modeOf(replies_), 0660u);
+}
+
+TEST_F(QueuePairTest, RefusesAnExistingQueueAndLeavesItAlone) {
+  leave(name_);
+  EXPECT_EQ(refusal(QueuePair::Existing::Refuse),
+            "queue " + name_ + " exists already; --replace removes the queues of a dead daemon");
+  EXPECT_TRUE(queueExists(name_));
+  EXPECT_FALSE(queueExists(replies_) || temporaryNamesAreLeft());
+}
+
+TEST_F(QueuePairTest, RefusesAnExistingResponseQueue) {
+  leave(replies_);
+  EXPECT_THAT(refusal(QueuePair::Existing::Refuse), HasSubstr(replies_ + " exists already"));
+  EXPECT_TRUE(queueExists(replies_));
+  EXPECT_FALSE(queueExists(name_) || temporaryNamesAreLeft());
+}
+
+TEST_F(QueuePairTest, ReplacesWhatADeadDaemonLeft) {
+  leave(name_);
+  leave(replies_);
+  MessageQueue old(name_, MessageQueue::Clock::now());
+  ASSERT_EQ(old.trySend("old", 3, 1), MessageQueue::Outcome::Done);
+  const auto pair = make(QueuePair::Existing::Replace);
+  EXPECT_EQ(pair->batches().view().messages(), 0u);
+  EXPECT_FALSE(old.view().isStillNamed(name_));
+}
+
+TEST_F(QueuePairTest, ReplacesNothingWhenNothingIsThere) {
+  EXPECT_NO_THROW(make(QueuePair::Existing::Replace));
+}
+
+TEST_F(QueuePairTest, ReplacesAnObjectThatIsNoQueue) {
+  const int file = ::shm_open(name_.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+  ASSERT_GE(file, 0);
+  ::close(file);
+  EXPECT_NO_THROW(make(QueuePair::Existing::Replace));
+}
+
+TEST_F(QueuePairTest, RefusesToReplaceWhatAnotherServes) {
+  const auto served = make();
+  EXPECT_EQ(refusal(QueuePair::Existing::Replace),
+            "queue " + name_ + " is served by another daemon");
+  EXPECT_TRUE(served->batches().view().isStillNamed(name_));
+  EXPECT_TRUE(served->replies().view().isStillNamed(replies_));
+}
+
+TEST_F(QueuePairTest, RefusesToReplaceAPairOfWhichOneIsServed) {
+  const auto served = make();
+  ASSERT_TRUE(MessageQueue::remove(name_));
+  leave(name_);
+  EXPECT_EQ(refusal(QueuePair::Existing::Replace),
+            "queue " + replies_ + " is served by another daemon");
+  EXPECT_TRUE(queueExists(name_)) << "nothing is removed before all is claimed";
+}
+
+TEST_F(QueuePairTest, NeverRemovesWhatSomebodyElsePutInItsPlace) {
+  auto pair = make();
+  ASSERT_TRUE(MessageQueue::remove(name_));
+  leave(name_);
+  pair.reset();
+  EXPECT_TRUE(queueExists(name_));
+  EXPECT_FALSE(queueExists(replies_));
+}
+
+TEST_F(QueuePairTest, SaysWhatAQueueNeedsForWhichThereIsNoRoom) {
+  try {
+    make(QueuePair::Existing::Refuse, {1, std::size_t{1} << 46});
+    FAIL() << "there is room for 64 TiB";
+  } catch (const korvexd::SystemError& error) {
+    EXPECT_STREQ(error.what(), ("creating queue " + name_ +
+                                ", which needs 70368744177896 bytes of shared memory in /dev/shm: "
+                                "error 28 (No space left on device)")
+                                   .c_str());
+  }
+}
+
+TEST_F(QueuePairTest, LeavesNothingWhenTheSecondQueueCannotBeMade) {
+  EXPECT_ANY_THROW(make(QueuePair::Existing::Refuse, {1, std::size_t{1} << 46}));
+  EXPECT_FALSE(queueExists(name_) || queueExists(replies_) || temporaryNamesAreLeft());
+}

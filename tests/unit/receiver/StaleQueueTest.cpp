@@ -1,0 +1,71 @@
+#include "queues/StaleQueue.h"
+
+#include <gmock/gmock.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <functional>
+#include <memory>
+#include <stdexcept>
+
+#include "support/Queues.h"
+#include "support/DaemonQueues.h"
+
+using korvex_test::RawQueue;
+using korvexd::StaleQueue;
+using test_support::queueExists;
+
+namespace {
+
+/// What happens between the opening of a queue and its claim.
+std::function<void()> beforeClaim;
+
+}  // namespace
+
+/// In place of the system's function, whose name a type has as well.
+extern "C" int claim(int file, int operation) noexcept __asm__("flock");
+extern "C" int claim(int file, int operation) noexcept {
+  if (beforeClaim) beforeClaim();
+  return static_cast<int>(::syscall(SYS_flock, file, operation));
+}
+
+namespace {
+
+class StaleQueueRace : public testing::Test {
+ protected:
+  void TearDown() override { beforeClaim = nullptr; }
+
+  std::string refusal() const {
+    try {
+      StaleQueue(name_).remove();
+    } catch (const std::runtime_error& error) {
+      return error.what();
+    }
+    return "";
+  }
+
+  const std::string name_ = test_support::uniqueQueueName();
+  std::unique_ptr<RawQueue> queue_ = std::make_unique<RawQueue>(name_, 2, 10);
+};
+
+}  // namespace
+
+TEST_F(StaleQueueRace, WithNobodyIsWon) {
+  EXPECT_EQ(refusal(), "");
+  EXPECT_FALSE(queueExists(name_));
+}
+
+// The other one has served it already, so what lies there now is no stale queue.
+TEST_F(StaleQueueRace, WithADaemonThatPutsItsOwnQueueThereIsLost) {
+  beforeClaim = [this] {
+    queue_.reset();
+    queue_ = std::make_unique<RawQueue>(name_, 2, 10);
+  };
+  EXPECT_EQ(refusal(), "queue " + name_ + " was just replaced by another daemon");
+  EXPECT_TRUE(queueExists(name_));
+}
+
+TEST_F(StaleQueueRace, WithADaemonThatIsAboutToPutItsOwnThereIsLostToo) {
+  beforeClaim = [this] { queue_.reset(); };
+  EXPECT_EQ(refusal(), "queue " + name_ + " was just replaced by another daemon");
+}

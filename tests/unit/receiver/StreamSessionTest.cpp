@@ -1,0 +1,388 @@
+#include "stream/StreamSession.h"
+
+#include <gmock/gmock.h>
+
+#include "korvex/receiver/SystemError.h"
+
+using korvexd::Count;
+using korvexd::Reply;
+using korvexd::Sink;
+using korvexd::StreamSession;
+using korvexd::StreamSummary;
+using testing::HasSubstr;
+
+namespace {
+
+constexpr std::uint32_t kOpen = 0;
+constexpr std::uint32_t kData = 1;
+constexpr std::uint32_t kSegmentEnd = 2;
+constexpr std::uint32_t kClose = 3;
+constexpr std::uint32_t kStop = 4;
+
+/// What became of one stream's sink.
+struct Fate {
+  std::string data;
+  bool complete = false;
+  std::string reason;  ///< of an abandoned one
+  StreamSummary summary = {};
+  bool isGone = false;
+};
+
+class RecordingSink : public Sink {
+ public:
+  RecordingSink(Fate& fate, const int& failing) : fate_(fate), failing_(failing) {}
+  ~RecordingSink() override { fate_.isGone = true; }
+
+  void write(const unsigned char* data, std::size_t size) override {
+    failOn(1, "writing data");
+    fate_.data.append(data, data + size);
+  }
+  void complete(const StreamSummary& summary) override {
+    failOn(2, "syncing data");
+    fate_.complete = true;
+    fate_.summary = summary;
+  }
+  void abandon(const StreamSummary& summary, const std::string& reason) override {
+    fate_.reason = reason;
+    fate_.summary = summary;
+    failOn(3, "writing manifest");
+  }
+  std::string place() const override { return "here"; }
+
+ private:
+  void failOn(int step, const char* doing) const {
+    if (failing_ == step) throw korvexd::SystemError(doing, ENOSPC);
+  }
+
+  Fate& fate_;
+  const int& failing_;
+};
+
+class StreamSessionTest : public testing::Test {
+ protected:
+  StreamSession::Answer take(std::uint32_t type, std::uint64_t sequence,
+                             const std::string& data = "") {
+    korvex::qmx_shm_message_t header;
+    header.type = type;
+    header.sequence = sequence;
+    header.len = static_cast<std::uint32_t>(data.size());
+    const auto* bytes = reinterpret_cast<const unsigned char*>(data.data());
+    return session_.take({header, data.empty() ? nullptr : bytes});
+  }
+
+  std::unique_ptr<Sink> openSink() {
+    if (failing_ == 4) throw korvexd::SystemError("creating stream folder", EACCES);
+    fates_.push_back(std::make_unique<Fate>());
+    return std::make_unique<RecordingSink>(*fates_.back(), failing_);
+  }
+
+  const Fate& fate(std::size_t stream = 0) const { return *fates_.at(stream); }
+
+  void expectFailure(const StreamSession::Answer& answer, ov_status_t status,
+                     const std::string& text) {
+    ASSERT_TRUE(answer.has_value());
+    EXPECT_EQ(answer->status, status);
+    EXPECT_EQ(std::string(answer->message), text);
+  }
+
+  std::uint64_t count(Count which) const { return stats_.get(which); }
+
+  int failing_ = 0;  ///< the sink's step that fails: 1 write, 2 complete, 3 abandon, 4 open
+  std::vector<std::unique_ptr<Fate>> fates_;
+  korvexd::Stats stats_;
+  StreamSession session_{"q", [this](const std::string&, std::time_t) { return openSink(); },
+                         stats_};
+};
+
+}  // namespace
+
+TEST_F(StreamSessionTest, HandsTheDataOnInOrderAndAnswersTheCloseWithAReceipt) {
+  EXPECT_FALSE(take(kOpen, 0));
+  EXPECT_FALSE(take(kData, 2, "ab"));
+  EXPECT_FALSE(take(kSegmentEnd, 3));
+  EXPECT_FALSE(take(kData, 4, "c"));
+  const auto answer = take(kClose, 5);
+  EXPECT_EQ(fate().data, "abc");
+  EXPECT_TRUE(fate().complete && fate().isGone);
+  ASSERT_TRUE(answer.has_value());
+  EXPECT_EQ(answer->status, 0u);
+  // XXH3, 128 bits, of "abc"; from the algorithm's reference program.
+  EXPECT_STREQ(answer->message, "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950");
+}
+
+TEST_F(StreamSessionTest, TellsTheSinkWhatTheStreamWas) {
+  take(kOpen, 0);
+  take(kData, 2, "ab");
+  take(kData, 3, "c");
+  take(kSegmentEnd, 4);
+  take(kSegmentEnd, 5);
+  take(kData, 6, "d");
+  take(kClose, 7);
+  EXPECT_EQ(fate().summary.queue, "q");
+  EXPECT_EQ(fate().summary.bytes, 4u);
+  EXPECT_EQ(fate().summary.segments, 2u) << "one ended by a record, one by the close, one empty";
+  EXPECT_EQ(fate().summary.records, 7u);
+  EXPECT_GE(fate().summary.closed, fate().summary.opened);
+}
+
+TEST_F(StreamSessionTest, StoresAStreamWithoutData) {
+  take(kOpen, 0);
+  const auto answer = take(kClose, 2);
+  ASSERT_TRUE(answer.has_value());
+  EXPECT_STREQ(answer->message, "stored bytes=0 xxh128=99aa06d3014798d86001c324468d497f");
+}
+
+TEST_F(StreamSessionTest, StartsTheDigestAnewForEachStream) {
+  take(kOpen, 0);
+  take(kData, 2, "other");
+  take(kClose, 3);
+  take(kOpen, 0);
+  take(kData, 2, "abc");
+  EXPECT_STREQ(take(kClose, 3)->message, "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950");
+  EXPECT_EQ(count(Count::StreamsComplete), 2u);
+}
+
+TEST_F(StreamSessionTest, AcceptsGapsInTheSequence) {
+  take(kOpen, 0);
+  take(kData, 1000000000000, "a");
+  take(kSegmentEnd, 18446744073709551614u);
+  EXPECT_EQ(take(kClose, 18446744073709551615u)->status, 0u);
+}
+
+TEST_F(StreamSessionTest, RefusesACloseWithoutTheRecordBeforeIt) {
+  take(kOpen, 0);
+  take(kData, 2, "a");
+  expectFailure(take(kClose, 4), 32,
+                "record type 3 sequence 4: expected sequence 3; the last record before the close "
+                "is missing");
+  EXPECT_FALSE(fate().complete);
+  take(kOpen, 0);
+  expectFailure(take(kClose, 3), 32,
+                "record type 3 sequence 3: expected sequence 2; the last record before the close "
+                "is missing");
+}
+
+TEST_F(StreamSessionTest, RefusesASequenceThatStandsStill) {
+  take(kOpen, 0);
+  take(kData, 2, "a");
+  expectFailure(take(kData, 2, "b"), 32, "record type 1 sequence 2: expected a sequence above 2");
+  EXPECT_EQ(fate().data, "a");
+  EXPECT_EQ(fate().reason, "record type 1 sequence 2: expected a sequence above 2");
+}
+
+TEST_F(StreamSessionTest, RefusesASequenceThatGoesBack) {
+  take(kOpen, 0);
+  take(kData, 9, "a");
+  expectFailure(take(kClose, 8), 32, "record type 3 sequence 8: expected a sequence above 9");
+}
+
+TEST_F(StreamSessionTest, RefusesTheOpenRecordsOwnNumber) {
+  take(kOpen, 0);
+  EXPECT_EQ(take(kData, 0, "a")->status, 32u);
+}
+
+TEST_F(StreamSessionTest, RefusesUnknownTypes) {
+  take(kOpen, 0);
+  expectFailure(take(5, 2), 32, "record type 5 sequence 2: unknown type, expected 0 to 4");
+  take(kOpen, 0);
+  EXPECT_EQ(take(4294967295, 2)->status, 32u);
+}
+
+TEST_F(StreamSessionTest, RefusesDataOnRecordsThatCarryNone) {
+  for (const std::uint32_t type : {kSegmentEnd, kClose, kStop}) {
+    take(kOpen, 0);
+    expectFailure(
+        take(type, 2, "abc"), 32,
+        "record type " + std::to_string(type) + " sequence 2: found 3 data bytes, expected none");
+  }
+  EXPECT_EQ(count(Count::StreamsIncomplete), 3u);
+  EXPECT_EQ(take(kOpen, 0, "x")->status, 32u);
+  EXPECT_EQ(fates_.size(), 3u) << "a refused open opens nothing";
+}
+
+TEST_F(StreamSessionTest, RefusesRecordsOutsideOfAStream) {
+  for (const std::uint32_t type : {kData, kSegmentEnd, kClose}) {
+    take(kOpen, 0);
+    take(kClose, 2);
+    expectFailure(
+        take(type, 2), 32,
+        "record type " + std::to_string(type) + " sequence 2: no stream is open, expected type 0");
+  }
+}
+
+TEST_F(StreamSessionTest, RefusesDataThatWouldBeLostAfterTheClose) {
+  for (const std::uint32_t type : {kClose, kStop}) {
+    take(kOpen, 0);
+    take(kClose, 2);
+    expectFailure(
+        take(type, 3, "abc"), 32,
+        "record type " + std::to_string(type) + " sequence 3: found 3 data bytes, expected none");
+  }
+  EXPECT_EQ(count(Count::DroppedRecords), 2u);
+}
+
+TEST_F(StreamSessionTest, AnswersAFailedStreamOnce) {
+  take(kOpen, 0);
+  EXPECT_TRUE(take(kData, 0, "a"));
+  EXPECT_FALSE(take(kData, 0, "b"));
+  EXPECT_FALSE(take(77, 0));
+  EXPECT_FALSE(take(kClose, 5)) << "no receipt for a failed stream";
+  EXPECT_EQ(count(Count::DroppedRecords), 3u);
+  EXPECT_EQ(count(Count::StreamsIncomplete), 1u);
+  EXPECT_FALSE(fate().complete);
+}
+
+TEST_F(StreamSessionTest, ServesTheNextStreamAfterAFailedOne) {
+  take(kOpen, 0);
+  take(kData, 0, "a");
+  take(kOpen, 0);
+  take(kData, 2, "b");
+  EXPECT_EQ(take(kClose, 3)->status, 0u);
+  EXPECT_EQ(fate(1).data, "b");
+}
+
+TEST_F(StreamSessionTest, NeverCompletesAStreamThatMissesABatch) {
+  take(kOpen, 0);
+  take(kData, 2, "a");
+  expectFailure(session_.takeDamage("wrong header magic at offset 8"), 32,
+                "damaged batch: wrong header magic at offset 8");
+  EXPECT_FALSE(session_.takeDamage("once more"));
+  take(kData, 3, "b");
+  EXPECT_FALSE(take(kClose, 4));
+  EXPECT_FALSE(fate().complete);
+  EXPECT_EQ(fate().reason, "damaged batch: wrong header magic at offset 8");
+}
+
+TEST_F(StreamSessionTest, AnswersADamagedBatchOutsideOfAStreamAndGoesOn) {
+  EXPECT_EQ(session_.takeDamage("x")->status, 32u);
+  EXPECT_EQ(session_.takeDamage("x")->status, 32u);
+  take(kOpen, 0);
+  EXPECT_EQ(take(kClose, 2)->status, 0u);
+}
+
+TEST_F(StreamSessionTest, ANewOpenEndsTheOldStreamSilently) {
+  take(kOpen, 0);
+  take(kData, 2, "a");
+  EXPECT_FALSE(take(kOpen, 0)) << "the reply would reach the new producer";
+  EXPECT_FALSE(fate().complete);
+  EXPECT_EQ(fate().reason, "a new stream was opened before its close");
+  take(kData, 2, "b");
+  EXPECT_EQ(take(kClose, 3)->status, 0u);
+  EXPECT_EQ(fate(1).data, "b");
+}
+
+TEST_F(StreamSessionTest, AStopLeavesTheStreamIncompleteWithoutReply) {
+  take(kOpen, 0);
+  take(kData, 2, "a");
+  EXPECT_FALSE(take(kStop, 3));
+  EXPECT_EQ(fate().reason, "stopped by the producer");
+  EXPECT_FALSE(take(kClose, 4)) << "a writer that stopped still closes when it goes";
+}
+
+TEST_F(StreamSessionTest, AStopWithoutStreamIsFine) {
+  EXPECT_FALSE(take(kStop, 1));
+  EXPECT_FALSE(take(kStop, 2));
+  EXPECT_EQ(count(Count::StreamsIncomplete), 0u);
+}
+
+TEST_F(StreamSessionTest, AWriterWhoseCloseMetAFailureMayCloseAgain) {
+  for (const int failing : {2, 4}) {
+    failing_ = failing;
+    take(kOpen, 0);
+    take(kClose, 2);
+    for (const std::uint64_t sequence : {3u, 4u, 6u}) {
+      EXPECT_FALSE(take(kClose, sequence)) << "the reply would reach the next producer";
+    }
+    failing_ = 0;
+    take(kOpen, 0);
+    EXPECT_EQ(take(kClose, 2)->status, 0u);
+  }
+}
+
+TEST_F(StreamSessionTest, AWriterWhoseCloseMetAnotherStreamsReplyMayCloseAgain) {
+  take(kOpen, 0);
+  EXPECT_EQ(take(kClose, 2)->status, 0u);
+  EXPECT_FALSE(take(kClose, 3));
+}
+
+TEST_F(StreamSessionTest, AWriterThatStoppedMayCloseAsOftenAsItFindsNoRoom) {
+  take(kOpen, 0);
+  take(kStop, 2);
+  for (const std::uint64_t sequence : {3u, 4u, 5u}) EXPECT_FALSE(take(kClose, sequence));
+  EXPECT_FALSE(take(kStop, 6));
+  EXPECT_FALSE(take(kClose, 7));
+}
+
+TEST_F(StreamSessionTest, RefusesAnotherCloseThatIsAnotherProducers) {
+  take(kOpen, 0);
+  take(kClose, 2);
+  EXPECT_FALSE(take(kClose, 3));
+  expectFailure(take(kClose, 3), 32,
+                "record type 3 sequence 3: no stream is open, expected type 0");
+}
+
+// Nothing in a record tells whose it is. The receipt does: its digest fits neither producer.
+TEST_F(StreamSessionTest, CannotTellProducersApartWhoseNumbersFit) {
+  take(kOpen, 0);
+  take(kData, 2, "AAAA");
+  take(kOpen, 0);
+  take(kData, 2, "BBBB");
+  take(kData, 3, "aaaa");
+  EXPECT_EQ(take(kClose, 4)->status, 0u);
+  EXPECT_EQ(fate(1).data, "BBBBaaaa");
+}
+
+TEST_F(StreamSessionTest, TellsWhatASinkFailedOn) {
+  take(kOpen, 0);
+  failing_ = 1;
+  expectFailure(take(kData, 2, "a"), 5, "writing data: error 28 (No space left on device)");
+  EXPECT_EQ(fate().reason, "writing data: error 28 (No space left on device)");
+  EXPECT_TRUE(fate().isGone);
+  EXPECT_EQ(count(Count::Bytes), 0u);
+}
+
+TEST_F(StreamSessionTest, SendsNoReceiptWhenTheSinkCannotFinish) {
+  take(kOpen, 0);
+  failing_ = 2;
+  expectFailure(take(kClose, 2), 5, "syncing data: error 28 (No space left on device)");
+  EXPECT_EQ(count(Count::StreamsComplete), 0u);
+  EXPECT_EQ(count(Count::StreamsIncomplete), 1u);
+  failing_ = 0;
+  take(kOpen, 0);
+  EXPECT_EQ(take(kClose, 2)->status, 0u);
+}
+
+TEST_F(StreamSessionTest, TellsWhenNoSinkCanBeOpened) {
+  failing_ = 4;
+  expectFailure(take(kOpen, 0), 5, "creating stream folder: error 13 (Permission denied)");
+  EXPECT_FALSE(take(kData, 2, "a"));
+  EXPECT_FALSE(take(kClose, 3));
+  EXPECT_EQ(count(Count::StreamsOpened), 1u);
+  EXPECT_EQ(count(Count::StreamsIncomplete), 1u);
+}
+
+TEST_F(StreamSessionTest, OutlivesASinkThatCannotEvenBeAbandoned) {
+  take(kOpen, 0);
+  failing_ = 3;
+  session_.end("the daemon ended");
+  EXPECT_TRUE(fate().isGone);
+}
+
+TEST_F(StreamSessionTest, EndsAnOpenStreamFromOutside) {
+  take(kOpen, 0);
+  session_.end("the daemon ended");
+  EXPECT_EQ(fate().reason, "the daemon ended");
+  session_.end("again");
+  EXPECT_EQ(count(Count::StreamsIncomplete), 1u);
+}
+
+TEST_F(StreamSessionTest, CountsWhatItTook) {
+  take(kOpen, 0);
+  take(kData, 2, "abc");
+  take(kClose, 3);
+  EXPECT_EQ(count(Count::StreamsOpened), 1u);
+  EXPECT_EQ(count(Count::StreamsComplete), 1u);
+  EXPECT_EQ(count(Count::StreamsIncomplete), 0u);
+  EXPECT_EQ(count(Count::Records), 3u);
+  EXPECT_EQ(count(Count::Bytes), 3u);
+}

@@ -1,0 +1,36 @@
+#include <gtest/gtest.h>
+
+#include "support/Trace.h"
+#include "support/PlatformDouble.h"
+
+using korvex::isKnownUntraced;
+using korvex::isTracing;
+
+namespace {
+
+class TraceFlag : public testing::Test {
+ protected:
+  TraceFlag() {
+    platform_double::reset();
+    korvex::knownTraceFlag = nullptr;
+  }
+  ~TraceFlag() override { platform_double::reset(); }
+};
+
+}  // namespace
+
+TEST_F(TraceFlag, IsNotKnownBeforeSomebodyAsks) {
+  EXPECT_FALSE(isKnownUntraced());
+  EXPECT_FALSE(isTracing());
+  EXPECT_TRUE(isKnownUntraced());
+}
+
+TEST_F(TraceFlag, IsReadAnewEachTime) {
+  isTracing();
+  platform_double::setTracing(true);
+  EXPECT_FALSE(isKnownUntraced());
+  EXPECT_TRUE(isTracing());
+  platform_double::setTracing(false);
+  EXPECT_TRUE(isKnownUntraced());
+  EXPECT_FALSE(isTracing());
+}

@@ -1,0 +1,84 @@
+#include "common/Printable.h"
+
+#include <array>
+#include <cstdio>
+
+namespace korvex::tool {
+namespace {
+
+constexpr double kUnitStep = 1000;
+constexpr std::array<const char*, 6> kUnits = {"B", "kB", "MB", "GB", "TB", "PB"};
+constexpr long kMinute = 60;
+constexpr long kHour = 3600;
+
+template <typename... Values>
+std::string formatted(const char* format, Values... values) {
+  std::array<char, 64> text = {};
+  std::snprintf(text.data(), text.size(), format, values...);
+  return text.data();
+}
+
+unsigned char byteAt(std::string_view text, std::size_t offset) {
+  return static_cast<unsigned char>(text[offset]);
+}
+
+/// Overlong forms, halves of pairs, and numbers behind the last character.
+bool isNoCharacter(unsigned char first, unsigned char second) {
+  return (first == 0xe0 && second < 0xa0) || (first == 0xed && second > 0x9f) ||
+         (first == 0xf0 && second < 0x90) || (first == 0xf4 && second > 0x8f);
+}
+
+/// Bytes of the UTF-8 character that comes first; 0 when none does.
+std::size_t characterSize(std::string_view untrusted) {
+  const unsigned char first = byteAt(untrusted, 0);
+  if (first < 0x80) return 1;
+  const std::size_t size = first >= 0xf0 ? 4 : first >= 0xe0 ? 3 : 2;
+  if (first < 0xc2 || first > 0xf4 || untrusted.size() < size) return 0;
+  for (std::size_t i = 1; i < size; ++i) {
+    if ((byteAt(untrusted, i) & 0xc0) != 0x80) return 0;
+  }
+  return isNoCharacter(first, byteAt(untrusted, 1)) ? 0 : size;
+}
+
+/// There are two ranges of them; terminals obey both.
+bool isControl(std::string_view character) {
+  const unsigned char first = byteAt(character, 0);
+  if (character.size() == 1) return first < 0x20 || first == 0x7f;
+  return first == 0xc2 && byteAt(character, 1) < 0xa0;
+}
+
+}  // namespace
+
+std::string printable(std::string_view untrusted) {
+  std::string text;
+  while (!untrusted.empty()) {
+    const std::size_t size = characterSize(untrusted);
+    if (size != 0 && !isControl(untrusted.substr(0, size))) {
+      text += untrusted.substr(0, size);
+      untrusted.remove_prefix(size);
+    } else {
+      text += formatted("\\x%02x", static_cast<unsigned>(byteAt(untrusted, 0)));
+      untrusted.remove_prefix(1);
+    }
+  }
+  return text;
+}
+
+std::string byteText(double bytes) {
+  std::size_t unit = 0;
+  // What would be rounded up to a thousand belongs to the next unit.
+  while (bytes >= (unit == 0 ? kUnitStep : kUnitStep - 0.05) && unit + 1 < kUnits.size()) {
+    bytes /= kUnitStep;
+    ++unit;
+  }
+  return formatted(unit == 0 ? "%.0f %s" : "%.1f %s", bytes, kUnits[unit]);
+}
+
+std::string timeText(std::chrono::seconds time) {
+  const long seconds = time.count();
+  const long minutes = seconds / kMinute;
+  if (seconds < kHour) return formatted("%ld:%02ld", minutes, seconds % kMinute);
+  return formatted("%ld:%02ld:%02ld", seconds / kHour, minutes % kMinute, seconds % kMinute);
+}
+
+}  // namespace korvex::tool

@@ -1,0 +1,71 @@
+#include "common/QueueName.h"
+
+#include <korvex/ShmWriter.h>
+
+#include <climits>
+#include <cstring>
+#include <nlohmann/json.hpp>
+
+namespace korvexd {
+namespace {
+
+const char kHexDigits[] = "0123456789ABCDEF";
+
+/// Only ASCII: the standard classification would follow the locale.
+bool staysAsItIs(char character) {
+  return (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z') ||
+         (character >= '0' && character <= '9') || character == '.' || character == '_' ||
+         character == '-';
+}
+
+void appendEncoded(std::string& text, char character) {
+  const auto byte = static_cast<unsigned char>(character);
+  text += '%';
+  text += kHexDigits[byte >> 4];
+  text += kHexDigits[byte & 15];
+}
+
+}  // namespace
+
+std::string plainQueueName(const std::string& name) {
+  return !name.empty() && name.front() == '/' ? name.substr(1) : name;
+}
+
+std::string queueNameDefect(const std::string& name) {
+  const std::string plain = plainQueueName(name);
+  if (plain.empty()) return "it is empty";
+  if (plain.find('/') != std::string::npos) {
+    return "it holds a slash, which is allowed only as the first character";
+  }
+  if (plain == "." || plain == "..") return "it is the name of a folder";
+  const std::size_t length = korvex::getMessageQueueResponseName(plain).size();
+  if (length > NAME_MAX) {
+    return "its response queue's name would have " + std::to_string(length) +
+           " characters, expected at most " + std::to_string(NAME_MAX);
+  }
+  return "";
+}
+
+std::string fileNameOf(const std::string& queue) {
+  std::string text;
+  for (const char character : queue) {
+    const bool hides = text.empty() && character == '.';
+    if (staysAsItIs(character) && !hides) {
+      text += character;
+    } else {
+      appendEncoded(text, character);
+    }
+  }
+  return text;
+}
+
+std::string jsonNameOf(const std::string& queue) {
+  try {
+    nlohmann::json(queue).dump();
+    return queue;
+  } catch (const nlohmann::json::type_error&) {
+    return fileNameOf(queue);
+  }
+}
+
+}  // namespace korvexd

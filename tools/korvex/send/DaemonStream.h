@@ -1,0 +1,105 @@
+#ifndef KORVEX_TOOL_DAEMON_STREAM_H
+#define KORVEX_TOOL_DAEMON_STREAM_H
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <korvex/ShmWriter.h>
+
+#include "StopSignal.h"
+#include "queue/QueueView.h"
+
+namespace korvex::tool {
+
+/// One stream to the daemon, with the care that makes the daemon's receipt worth something.
+///
+/// A queue pair outlives its streams, so a reply in it may answer an earlier one. Before the stream
+/// opens, such replies are taken away; after it, the daemon is waited for until it has taken the
+/// open record, from which moment on it sends nothing of the past. While data flows, the queue's
+/// name is looked at: a daemon that went leaves an object behind that swallows everything.
+///
+/// Order: construct, open(), then write() and endSegment(), then close() and awaitReceipt(); or
+/// stop() when something went wrong. Waiting ends at the timeout, on a signal (Interrupted) and
+/// when the queue is replaced. Whatever fails throws a Failure; then only stop() makes sense.
+class DaemonStream {
+ public:
+  struct Settings {
+    std::string queue;
+    std::string name;              ///< the stream's name, for error texts; may be empty
+    std::chrono::seconds timeout;  ///< 1 second to 1 day
+    bool expectsReceipt;           ///< without, replies with status 0 are not looked at
+  };
+
+  enum class StopWait { Short, Ordinary };
+
+  /// Opens the queues and empties the daemon's replies of what an earlier stream left there.
+  DaemonStream(Settings settings, const StopSignal& stop);
+
+  /// A stream that was not closed is left without a close record, so it never looks complete.
+  ~DaemonStream();
+  DaemonStream(const DaemonStream&) = delete;
+  DaemonStream& operator=(const DaemonStream&) = delete;
+
+  /// The most data that one write() takes.
+  std::size_t largestPiece() const noexcept { return largestPiece_; }
+
+  /// Returns when the daemon has taken the open record.
+  void open();
+
+  void write(const unsigned char* data, std::size_t size);
+  void endSegment();
+
+  /// Sees whether the daemon is still there and has nothing to say. Cheap: looks a hundred times a
+  /// second at most.
+  void watch();
+
+  void close();
+
+  /// The text of the daemon's last reply, once there is one. Nothing when none came in time.
+  std::optional<std::string> awaitReceipt(std::chrono::seconds limit);
+
+  /// Tells the daemon that the stream ends here, incomplete, as far as it can still be told.
+  void stop(StopWait wait) noexcept;
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  void openQueues();
+  void letEarlierStreamEnd();
+  void withdrawOldReplies();
+  void flushIgnoringReply();
+  void awaitRoom();
+  void awaitOpenTaken();
+  void awaitAllTaken(const char* what);
+  void look();
+  void pauseForReply(std::chrono::microseconds longest) const;
+  void takeReplies();
+  void poll();
+  void refuseForeignReply() const;
+  bool hasReply() const;
+  bool isReply(const Ov_ErrnoException& error) const;
+  void checkStillServed();
+  template <typename Operation>
+  void attempt(Operation operation);
+  [[noreturn]] void throwStreamFailed(ov_status_t status, const std::string& text) const;
+  [[noreturn]] void throwTimedOut(const std::string& what);
+  [[noreturn]] void throwGone();
+  [[noreturn]] void throwQueueError(const std::exception& error);
+
+  Settings settings_;
+  const StopSignal& stop_;
+  std::unique_ptr<ShmWriter> writer_;
+  QueueView sendView_;
+  QueueView replyView_;
+  std::size_t largestPiece_ = 0;
+  Clock::time_point nextWatch_;
+  bool isStoppable_ = false;  ///< the daemon may have an open stream, and listens
+  bool isClosed_ = false;
+};
+
+}  // namespace korvex::tool
+
+#endif

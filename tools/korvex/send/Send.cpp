@@ -1,0 +1,241 @@
+#include "send/Send.h"
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <memory>
+#include <optional>
+#include <ostream>
+#include <utility>
+
+#include "send/DaemonStream.h"
+#include "Failure.h"
+#include "send/InputReader.h"
+#include "common/Printable.h"
+#include "korvex/receiver/Receipt.h"
+#include "send/SendReport.h"
+#include "send/StreamDigest.h"
+#include "common/QueueName.h"
+
+namespace korvex::tool {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr unsigned kMinTimeout = 1;
+constexpr unsigned kMaxTimeout = 86400;
+constexpr std::uint64_t kMaxSegmentSize = std::uint64_t{1} << 40;
+constexpr std::size_t kPageSize = 4096;
+constexpr int kSignalExitBase = 128;
+
+struct FreeMemory {
+  void operator()(unsigned char* memory) const { std::free(memory); }
+};
+using Buffer = std::unique_ptr<unsigned char, FreeMemory>;
+
+/// Begins at a page, as the system copies fastest.
+Buffer allocatePages(std::size_t size) {
+  const std::size_t rounded = (size + kPageSize - 1) / kPageSize * kPageSize;
+  Buffer buffer(static_cast<unsigned char*>(std::aligned_alloc(kPageSize, rounded)));
+  if (!buffer) throw std::bad_alloc();
+  return buffer;
+}
+
+/// One run of the command: the way from the files through the buffer to the daemon.
+class SendRun {
+ public:
+  SendRun(const SendOptions& options, const StopSignal& stop, Progress& progress)
+      : options_(options), stop_(stop), progress_(progress), start_(Clock::now()) {}
+
+  /// Never throws; the report says how it went.
+  SendReport run();
+
+ private:
+  void stream();
+  void sendAll(InputReader& input);
+  void sendFile(InputReader& input, std::size_t pieceSize);
+  void endSegment();
+  void verify();
+  void fail(ExitCode exitCode, ov_status_t status, const std::string& message);
+
+  const SendOptions& options_;
+  const StopSignal& stop_;
+  Progress& progress_;
+  Clock::time_point start_;
+  std::unique_ptr<DaemonStream> daemon_;
+  StreamDigest digest_;
+  Buffer buffer_;
+  SendReport report_;
+};
+
+SendReport SendRun::run() {
+  try {
+    stream();
+  } catch (const Interrupted& interrupted) {
+    if (daemon_) daemon_->stop(DaemonStream::StopWait::Short);
+    fail(ExitCode::Failed, EINTR, "interrupted by signal " + std::to_string(interrupted.signal));
+    report_.exitCode = kSignalExitBase + interrupted.signal;
+    report_.signal = interrupted.signal;
+  } catch (const Failure& failure) {
+    fail(ExitCode::Failed, failure.status(), failure.what());
+  } catch (const std::exception& error) {
+    fail(ExitCode::Failed, EIO, error.what());
+  }
+  const Receipt sent = digest_.expected();
+  report_.bytes = sent.bytes;
+  report_.xxh128 = sent.xxh128;
+  report_.seconds = std::chrono::duration<double>(Clock::now() - start_).count();
+  return report_;
+}
+
+void SendRun::stream() {
+  InputReader input(options_.files, stop_);
+  daemon_ = std::make_unique<DaemonStream>(
+      DaemonStream::Settings{options_.queue, options_.name, std::chrono::seconds(options_.timeout),
+                             !options_.noReceipt},
+      stop_);
+  try {
+    daemon_->open();
+    sendAll(input);
+    daemon_->close();
+  } catch (const Failure&) {
+    // Not a close record: the daemon must see that the stream is broken off.
+    daemon_->stop(DaemonStream::StopWait::Ordinary);
+    throw;
+  }
+  verify();
+}
+
+void SendRun::sendAll(InputReader& input) {
+  const auto pieceSize = static_cast<std::size_t>(
+      std::min<std::uint64_t>(daemon_->largestPiece(), options_.segmentSize));
+  buffer_ = allocatePages(pieceSize);
+  progress_.start(input.totalBytes(), start_);
+  input.whenIdle([this] {
+    daemon_->watch();
+    progress_.show(digest_.bytes(), Clock::now());
+  });
+  while (input.openNext()) sendFile(input, pieceSize);
+}
+
+/// A segment is sent in pieces that are small enough to stay in the processor's cache from the read
+/// over the digest to the copy into the batch.
+void SendRun::sendFile(InputReader& input, std::size_t pieceSize) {
+  std::uint64_t inSegment = 0;
+  for (bool isMore = true; isMore;) {
+    const auto wanted = static_cast<std::size_t>(
+        std::min<std::uint64_t>(pieceSize, options_.segmentSize - inSegment));
+    const std::size_t got = input.fill(buffer_.get(), wanted);
+    isMore = got == wanted;
+    if (got == 0) break;
+    digest_.add(buffer_.get(), got);
+    daemon_->write(buffer_.get(), got);
+    progress_.show(digest_.bytes(), Clock::now());
+    inSegment += got;
+    if (inSegment < options_.segmentSize) continue;
+    endSegment();
+    inSegment = 0;
+  }
+  if (inSegment > 0) endSegment();
+}
+
+void SendRun::endSegment() {
+  daemon_->endSegment();
+  ++report_.segments;
+}
+
+void SendRun::verify() {
+  if (options_.noReceipt) {
+    report_.message = "sent (not verified)";
+    return;
+  }
+  const auto reply = daemon_->awaitReceipt(std::chrono::seconds(options_.receiptTimeout));
+  if (!reply) {
+    return fail(ExitCode::NoReceipt, ETIMEDOUT,
+                "sent, but no receipt came from the daemon within " +
+                    std::to_string(options_.receiptTimeout) + " s");
+  }
+  const std::optional<Receipt> stored = parseReceipt(*reply);
+  if (!stored) {
+    return fail(ExitCode::Failed, EPROTO,
+                "the daemon's reply is no receipt: found \"" + printable(*reply) +
+                    "\", expected \"stored bytes=N xxh128=HEX\"");
+  }
+  const Receipt sent = digest_.expected();
+  if (!(*stored == sent)) {
+    return fail(
+        ExitCode::Failed, EBADMSG,
+        "the daemon stored something else: sent " + sent.text() + ", stored " + stored->text());
+  }
+  report_.isVerified = true;
+  report_.message = "stored and verified";
+}
+
+void SendRun::fail(ExitCode exitCode, ov_status_t status, const std::string& message) {
+  report_.exitCode = static_cast<int>(exitCode);
+  report_.status = status;
+  report_.message = message;
+}
+
+/// A name that no daemon can serve is a mistake in the command line, not a daemon that is away.
+std::string checkQueueName(const std::string& name) {
+  const std::string defect = korvexd::queueNameDefect(name);
+  return defect.empty() ? "" : "'" + printable(name) + "' cannot be a queue's name: " + defect;
+}
+
+void tell(const SendReport& report, const SendOptions& options, std::ostream& out,
+          std::ostream& errors) {
+  const auto success = static_cast<int>(ExitCode::Success);
+  if (report.exitCode != success) errors << "korvex: " << report.message << std::endl;
+  if (report.exitCode == success && !options.quiet && !options.json) {
+    errors << report.summary() << std::endl;
+  }
+  if (options.json) out << report.json() << '\n';
+}
+
+}  // namespace
+
+CLI::App* declareSend(CLI::App& tool, SendOptions& options) {
+  CLI::App* const send = tool.add_subcommand(
+      "send", "Stream files, one after the other, or standard input to the daemon");
+  send->add_option("--queue", options.queue, "The daemon's queue")
+      ->required()
+      ->check(checkQueueName)
+      ->type_name("NAME");
+  send->add_option("--name", options.name, "A name for the stream in error texts")
+      ->type_name("STREAM");
+  send->add_option("--timeout", options.timeout, "How long the daemon may take nothing, in seconds")
+      ->check(CLI::Range(kMinTimeout, kMaxTimeout))
+      ->type_name("SECONDS")
+      ->capture_default_str();
+  send->add_option("--segment-size", options.segmentSize,
+                   "Data bytes of a segment; K, M, G and T are powers of 1024")
+      ->transform(CLI::AsSizeValue(false))
+      ->check(CLI::Range(std::uint64_t{1}, kMaxSegmentSize))
+      ->type_name("BYTES")
+      ->capture_default_str();
+  CLI::Option* const receiptTimeout =
+      send->add_option("--receipt-timeout", options.receiptTimeout,
+                       "How long to wait for the daemon's receipt, in seconds")
+          ->check(CLI::Range(kMinTimeout, kMaxTimeout))
+          ->type_name("SECONDS")
+          ->capture_default_str();
+  send->add_flag("--no-receipt", options.noReceipt, "Do not wait for a receipt: verifies nothing")
+      ->excludes(receiptTimeout);
+  send->add_flag("--quiet", options.quiet, "Tell errors only");
+  send->add_flag("--json", options.json, "Write the result to standard output as a JSON object");
+  send->add_option("FILE", options.files, "Files to send; - or none is standard input");
+  return send;
+}
+
+Ending runSend(const SendOptions& options, const StopSignal& stop, Progress progress,
+               std::ostream& out, std::ostream& errors) {
+  SendReport report = SendRun(options, stop, progress).run();
+  progress.clear();
+  tell(report, options, out, errors);
+  return {report.exitCode, report.signal};
+}
+
+}  // namespace korvex::tool

@@ -1,0 +1,37 @@
+#include "send/SendReport.h"
+
+#include <array>
+#include <cstdio>
+
+#include <nlohmann/json.hpp>
+
+#include "common/Printable.h"
+
+namespace korvex::tool {
+namespace {
+
+std::string secondsText(double seconds) {
+  std::array<char, 32> text = {};
+  std::snprintf(text.data(), text.size(), "%.1f s", seconds);
+  return text.data();
+}
+
+}  // namespace
+
+std::string SendReport::summary() const {
+  return "sent " + std::to_string(bytes) + " bytes in " + std::to_string(segments) + " segments, " +
+         secondsText(seconds) + ", " + byteText(bytesPerSecond()) + "/s: " + message;
+}
+
+std::string SendReport::json() const {
+  const nlohmann::ordered_json object = {
+      {"bytes", bytes},      {"segments", segments},
+      {"seconds", seconds},  {"bytesPerSecond", bytesPerSecond()},
+      {"xxh128", xxh128},    {"verified", isVerified},
+      {"status", status},    {"message", message},
+      {"exitCode", exitCode}};
+  // A file name in the message may be no text at all; that must not cost the whole result.
+  return object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+}  // namespace korvex::tool

@@ -1,0 +1,107 @@
+#include "korvexd/os/File.h"
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "korvex/receiver/SystemError.h"
+
+namespace korvexd {
+namespace {
+
+const char kTemporarySuffix[] = ".tmp";
+
+/// For a folder, which cannot have two names. A rename replaces no folder but an empty one, and
+/// nothing that is not a folder.
+int renameFolderToFreeName(int parent, const char* from, const char* to) {
+  struct stat found = {};
+  if (::fstatat(parent, to, &found, AT_SYMLINK_NOFOLLOW) == 0) {
+    errno = EEXIST;
+    return -1;
+  }
+  return ::renameat(parent, from, parent, to);
+}
+
+/// The same in several steps. A link never replaces anything.
+int renameInSteps(int folder, const char* from, const char* to) {
+  struct stat found = {};
+  if (::fstatat(folder, from, &found, AT_SYMLINK_NOFOLLOW) != 0) return -1;
+  if (S_ISDIR(found.st_mode)) return renameFolderToFreeName(folder, from, to);
+  return ::linkat(folder, from, folder, to, 0) == 0 ? ::unlinkat(folder, from, 0) : -1;
+}
+
+}  // namespace
+
+File::~File() {
+  if (descriptor_ >= 0) ::close(descriptor_);
+}
+
+File::File(File&& other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
+
+File& File::operator=(File&& other) noexcept {
+  std::swap(descriptor_, other.descriptor_);
+  return *this;
+}
+
+File File::openAt(int folder, const std::string& name, int flags, mode_t mode,
+                  const std::string& doing) {
+  File file(::openat(folder, name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC, mode));
+  if (file.descriptor() < 0) throw SystemError(doing, errno);
+  // A mask that the daemon was started with must not keep the readers of its statistics out. Where
+  // there are no permissions, there is nothing to set.
+  if ((flags & O_CREAT) != 0) ::fchmod(file.descriptor(), mode);
+  return file;
+}
+
+File File::openFolder(const std::string& path, const std::string& doing) {
+  File folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (folder.descriptor() < 0) throw SystemError(doing, errno);
+  return folder;
+}
+
+void File::writeAll(const void* data, std::size_t size, const std::string& doing) {
+  const auto* rest = static_cast<const unsigned char*>(data);
+  while (size > 0) {
+    const ssize_t written = ::write(descriptor_, rest, size);
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) throw SystemError(doing, errno);
+    rest += written;
+    size -= static_cast<std::size_t>(written);
+  }
+}
+
+void File::sync(const std::string& doing) {
+  if (::fsync(descriptor_) != 0) throw SystemError(doing, errno);
+}
+
+void replaceFile(int folder, const std::string& name, const std::string& text, mode_t mode,
+                 const std::string& doing) {
+  const std::string temporary = name + kTemporarySuffix;
+  // One that a crash left behind, or that somebody planted, must not be written through.
+  ::unlinkat(folder, temporary.c_str(), 0);
+  try {
+    File file = File::openAt(folder, temporary, O_WRONLY | O_CREAT | O_EXCL, mode, doing);
+    file.writeAll(text.data(), text.size(), doing);
+    file.sync(doing);
+    if (::renameat(folder, temporary.c_str(), folder, name.c_str()) != 0) {
+      throw SystemError(doing, errno);
+    }
+  } catch (const SystemError&) {
+    ::unlinkat(folder, temporary.c_str(), 0);
+    throw;
+  }
+}
+
+void renameWithoutReplacing(int folder, const std::string& from, const std::string& to,
+                            const std::string& doing) {
+  int result = ::renameat2(folder, from.c_str(), folder, to.c_str(), RENAME_NOREPLACE);
+  const bool isUnknown = result != 0 && (errno == EINVAL || errno == ENOSYS);
+  if (isUnknown) result = renameInSteps(folder, from.c_str(), to.c_str());
+  if (result != 0) throw SystemError(doing, errno);
+}
+
+}  // namespace korvexd

@@ -1,0 +1,61 @@
+#include "korvexd/report/Capture.h"
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include "common/QueueName.h"
+#include "korvex/receiver/SystemError.h"
+
+namespace korvexd {
+namespace {
+
+constexpr mode_t kFileMode = 0600;
+constexpr std::size_t kDigits = 8;
+constexpr std::size_t kMostDigits = 18;
+
+const char kSuffix[] = ".batch";
+const char kStoring[] = "capturing a batch";
+
+/// The number in a file's name PREFIX-NUMBER.batch; 0 for any other name.
+std::uint64_t numberIn(const std::string& name, const std::string& prefix) {
+  const std::size_t ends = prefix.size() + sizeof kSuffix - 1;
+  if (name.size() < ends + kDigits || name.size() > ends + kMostDigits) return 0;
+  if (name.compare(0, prefix.size(), prefix) != 0) return 0;
+  const std::string digits = name.substr(prefix.size(), name.size() - ends);
+  if (name.compare(name.size() + 1 - sizeof kSuffix, std::string::npos, kSuffix) != 0) return 0;
+  if (digits.find_first_not_of("0123456789") != std::string::npos) return 0;
+  return std::stoull(digits);
+}
+
+std::uint64_t highestNumber(const std::string& folder, const std::string& prefix) {
+  std::uint64_t highest = 0;
+  std::error_code error;
+  for (const auto& file : std::filesystem::directory_iterator(folder, error)) {
+    highest = std::max(highest, numberIn(file.path().filename().string(), prefix));
+  }
+  if (error) throw SystemError("reading capture folder " + folder, error.value());
+  return highest;
+}
+
+std::string padded(std::uint64_t number) {
+  const std::string digits = std::to_string(number);
+  return std::string(kDigits - std::min(kDigits, digits.size()), '0') + digits;
+}
+
+}  // namespace
+
+Capture::Capture(const std::string& folder, const std::string& queue)
+    : folder_(File::openFolder(folder, "opening capture folder " + folder)),
+      prefix_(fileNameOf(queue) + "-"),
+      lastNumber_(highestNumber(folder, prefix_)) {}
+
+void Capture::store(std::uint64_t number, const unsigned char* untrusted, std::size_t size) {
+  const std::string name = prefix_ + padded(number) + kSuffix;
+  File file =
+      File::openAt(folder_.descriptor(), name, O_WRONLY | O_CREAT | O_EXCL, kFileMode, kStoring);
+  file.writeAll(untrusted, size, kStoring);
+}
+
+}  // namespace korvexd

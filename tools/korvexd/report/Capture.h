@@ -1,0 +1,32 @@
+#ifndef KORVEXD_CAPTURE_H
+#define KORVEXD_CAPTURE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "korvexd/os/File.h"
+
+namespace korvexd {
+
+/// Keeps every message of one queue as it came, in files QUEUE-NUMBER.batch. For one thread.
+class Capture {
+ public:
+  /// The folder must exist. Throws SystemError.
+  Capture(const std::string& folder, const std::string& queue);
+
+  /// The highest number that an earlier daemon used for this queue, else 0. Go on from there.
+  std::uint64_t lastNumber() const noexcept { return lastNumber_; }
+
+  /// Throws SystemError, also when the number is in use.
+  void store(std::uint64_t number, const unsigned char* untrusted, std::size_t size);
+
+ private:
+  File folder_;
+  std::string prefix_;
+  std::uint64_t lastNumber_;
+};
+
+}  // namespace korvexd
+
+#endif

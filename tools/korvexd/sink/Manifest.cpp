@@ -1,0 +1,35 @@
+#include "korvexd/sink/Manifest.h"
+
+#include <nlohmann/json.hpp>
+
+#include "common/QueueName.h"
+#include "korvexd/Utc.h"
+
+namespace korvexd {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+constexpr int kFormatVersion = 1;
+constexpr int kIndent = 2;
+
+}  // namespace
+
+std::string manifestOf(const StreamSummary& summary, const std::string& sha256,
+                       const std::string& reason) {
+  const Json json = {{"format", kFormatVersion},
+                     {"queue", jsonNameOf(summary.queue)},
+                     {"state", reason.empty() ? "complete" : "incomplete"},
+                     {"reason", reason},
+                     {"bytes", summary.bytes},
+                     {"segments", summary.segments},
+                     {"records", summary.records},
+                     {"sha256", sha256},
+                     {"xxh128", summary.xxh128},
+                     {"opened", utcText(summary.opened)},
+                     {"closed", utcText(summary.closed)}};
+  // Whatever a reason quotes, the manifest stays valid JSON.
+  return json.dump(kIndent, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+}  // namespace korvexd

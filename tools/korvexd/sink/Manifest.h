@@ -1,0 +1,16 @@
+#ifndef KORVEXD_MANIFEST_H
+#define KORVEXD_MANIFEST_H
+
+#include <string>
+
+#include "korvex/receiver/Sink.h"
+
+namespace korvexd {
+
+/// The text of a stream folder's manifest.json. An empty reason means that the stream is complete.
+std::string manifestOf(const StreamSummary& summary, const std::string& sha256,
+                       const std::string& reason);
+
+}  // namespace korvexd
+
+#endif
