@@ -1,19 +1,15 @@
 #include "QueueServer.h"
 
-#include <spdlog/spdlog.h>
-
 #include <exception>
 #include <stdexcept>
 #include <utility>
 
 #include "stream/BatchCheck.h"
 #include "queues/BusErrorGuard.h"
-#include "stream/RecordType.h"
+#include "shm/Format.h"
 
-namespace korvexd {
+namespace korvex::receiver {
 namespace {
-
-using korvex::MessageQueue;
 
 /// Long enough that many idle queues cost next to nothing, short enough that nobody notices.
 constexpr std::chrono::milliseconds kLongestPause{25};
@@ -22,33 +18,34 @@ constexpr std::chrono::seconds kWatchPeriod{1};
 
 }  // namespace
 
-QueueServer::QueueServer(const Settings& settings)
-    : settings_(settings),
-      session_(settings.queue, settings.openSink, stats_),
+QueueServer::QueueServer(Receiver::Settings settings, SinkFactory openSink, Observer& observer)
+    : settings_(std::move(settings)),
+      observer_(observer),
+      session_(settings_.queue, std::move(openSink), counters_, observer),
       pause_(kLongestPause),
-      message_(settings.limits.messageSize) {
-  if (settings.captureFolder) {
-    capture_.emplace(*settings.captureFolder, settings.queue);
-    batchNumber_ = capture_->lastNumber();
-  }
-  open(settings.existing);
+      message_(settings_.limits.messageSize) {
+  open(settings_.existing);
 }
 
-void QueueServer::open(QueuePair::Existing existing) {
+void QueueServer::open(Receiver::Existing existing) {
   pair_ = std::make_unique<QueuePair>(settings_.queue, settings_.limits, settings_.mode, existing);
-  replies_ = std::make_unique<ReplySender>(pair_->replies(), stats_);
+  replies_ = std::make_unique<ReplySender>(pair_->replies(), counters_);
   lockWatch_ = LockWatch();
 }
 
 void QueueServer::run(const std::atomic<bool>& stop) noexcept {
-  while (!stop) {
-    try {
-      surviveCut([this] { step(); });
-    } catch (const std::exception& error) {
-      replacePair(error.what());
-    }
-  }
+  while (!stop) serveOnce();
   session_.end("the daemon ended");
+}
+
+bool QueueServer::serveOnce() noexcept {
+  const std::uint64_t before = batchNumber_;
+  try {
+    surviveCut([this] { step(); });
+  } catch (const std::exception& error) {
+    replacePair(error.what());
+  }
+  return batchNumber_ != before;
 }
 
 /// Tries one message. An empty queue whose lock is taken is tried as well: the one who holds the
@@ -72,7 +69,7 @@ void QueueServer::step() {
 }
 
 bool QueueServer::isIdle() const noexcept {
-  const korvex::QueueView& batches = pair_->batches().view();
+  const QueueView& batches = pair_->batches().view();
   return batches.messages() == 0 && !batches.looksLocked();
 }
 
@@ -91,17 +88,17 @@ void QueueServer::pause() noexcept { pause_.wait(LockWatch::Clock::now() + kLong
 
 void QueueServer::takeMessage(std::size_t size) {
   ++batchNumber_;
-  stats_.add(Count::Batches);
-  if (capture_) capture(size);
+  counters_.add(Count::Batches);
+  observer_.messageReceived(batchNumber_, message_.data(), size);
   const BatchCheck check(message_.data(), size);
   if (!check.ok()) return refuseBatch(check.text());
   takeRecords(size);
 }
 
 void QueueServer::takeRecords(std::size_t size) {
-  korvex::ShmBatch::getEntriesFromBuffer(records_, message_.data(), size);
+  ShmBatch::getEntriesFromBuffer(records_, message_.data(), size);
   for (; !records_.empty(); records_.pop()) {
-    const korvex::ShmBatch::Entry& record = records_.front();
+    const ShmBatch::Entry& record = records_.front();
     // What still lies there was meant for an earlier producer; this one would take it as its own.
     if (record.header.type == kTypeOpen) replies_->withdraw();
     answer(session_.take(record));
@@ -113,45 +110,33 @@ void QueueServer::answer(const StreamSession::Answer& answer) {
 }
 
 void QueueServer::refuseBatch(const std::string& defect) {
-  stats_.add(Count::BadBatches);
-  spdlog::warn("{}: batch {} is damaged: {}", queue(), batchNumber_, defect);
+  counters_.add(Count::BadBatches);
+  observer_.batchRefused(batchNumber_, defect);
   answer(session_.takeDamage(defect));
 }
 
-void QueueServer::capture(std::size_t size) noexcept {
-  try {
-    capture_->store(batchNumber_, message_.data(), size);
-  } catch (const std::exception& error) {
-    // Said once; a full disk would otherwise fill the log as well.
-    if (stats_.get(Count::CaptureFailures) == 0) {
-      spdlog::warn("{}: batch {}: {}", queue(), batchNumber_, error.what());
-    }
-    stats_.add(Count::CaptureFailures);
-  }
-}
-
 void QueueServer::replacePair(const std::string& reason) noexcept {
-  spdlog::warn("{}: the queues are lost: {}", queue(), reason);
-  stats_.add(Count::QueueReplacements);
+  observer_.queuesLost(reason);
+  counters_.add(Count::QueueReplacements);
   session_.end("its queues were lost: " + reason);
   replies_.reset();
   pair_.reset();
-  stats_.set(Count::RepliesPending, 0);
+  counters_.set(Count::RepliesPending, 0);
   pause_.reset();
 }
 
 /// Tried again until it succeeds: somebody else may have taken the name, or the memory.
 void QueueServer::reopen() noexcept {
   try {
-    open(QueuePair::Existing::Refuse);
+    open(Receiver::Existing::Refuse);
     reopenFailed_ = false;
-    spdlog::info("{}: served anew", queue());
+    observer_.queuesReplaced();
   } catch (const std::exception& error) {
     if (!std::exchange(reopenFailed_, true)) {
-      spdlog::error("{}: the queues cannot be made anew yet: {}", queue(), error.what());
+      observer_.queuesNotReplaced(error.what());
     }
     pause();
   }
 }
 
-}  // namespace korvexd
+}  // namespace korvex::receiver

@@ -1,17 +1,15 @@
-#ifndef KORVEXD_QUEUE_SERVER_H
-#define KORVEXD_QUEUE_SERVER_H
+#ifndef KORVEX_RECEIVER_QUEUE_SERVER_H
+#define KORVEX_RECEIVER_QUEUE_SERVER_H
 
 #include <sys/types.h>
 
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <queue>
 #include <string>
 #include <vector>
 
-#include "korvexd/report/Capture.h"
 #include "queues/LockWatch.h"
 #include "queues/QueuePair.h"
 #include "stream/ReplySender.h"
@@ -19,7 +17,7 @@
 #include "stream/StreamSession.h"
 #include "queue/Pause.h"
 
-namespace korvexd {
+namespace korvex::receiver {
 
 /// Serves one pair of queues: receives, checks, hands on, answers.
 ///
@@ -27,26 +25,20 @@ namespace korvexd {
 /// removed and made anew; the stream on it ends as incomplete.
 class QueueServer {
  public:
-  struct Settings {
-    std::string queue;
-    korvex::MessageQueue::Limits limits;
-    mode_t mode;
-    QueuePair::Existing existing;
-    SinkFactory openSink;
-    std::optional<std::string> captureFolder;
-  };
-
   /// Creates the queues. Throws std::exception when that fails.
-  explicit QueueServer(const Settings& settings);
+  QueueServer(Receiver::Settings settings, SinkFactory openSink, Observer& observer);
+
+  /// One step of serving: takes at most one message. False when there was none.
+  bool serveOnce() noexcept;
 
   /// Serves until `stop` is set; the message at hand is finished. Call it in a thread of its own.
   void run(const std::atomic<bool>& stop) noexcept;
 
   const std::string& queue() const noexcept { return settings_.queue; }
-  const Stats& stats() const noexcept { return stats_; }
+  const Counters& counters() const noexcept { return counters_; }
 
  private:
-  void open(QueuePair::Existing existing);
+  void open(Receiver::Existing existing);
   void step();
   bool isIdle() const noexcept;
   void watchQueues();
@@ -54,26 +46,25 @@ class QueueServer {
   void takeRecords(std::size_t size);
   void answer(const StreamSession::Answer& answer);
   void refuseBatch(const std::string& defect);
-  void capture(std::size_t size) noexcept;
   void replacePair(const std::string& reason) noexcept;
   void reopen() noexcept;
   void pause() noexcept;
 
-  const Settings settings_;
-  Stats stats_;
+  const Receiver::Settings settings_;
+  Observer& observer_;
+  Counters counters_;
   StreamSession session_;
-  std::optional<Capture> capture_;
   std::unique_ptr<QueuePair> pair_;  ///< none while it cannot be made
   std::unique_ptr<ReplySender> replies_;
   LockWatch lockWatch_;
-  korvex::Pause pause_;
+  Pause pause_;
   LockWatch::Clock::time_point nextLook_{};
   std::vector<unsigned char> message_;
-  std::queue<korvex::ShmBatch::Entry> records_;
+  std::queue<ShmBatch::Entry> records_;
   std::uint64_t batchNumber_ = 0;
   bool reopenFailed_ = false;
 };
 
-}  // namespace korvexd
+}  // namespace korvex::receiver
 
 #endif

@@ -2,11 +2,13 @@
 
 #include <system_error>
 
-namespace korvexd {
+namespace korvex::receiver {
 
 SystemError::SystemError(const std::string& doing, int number)
     : std::runtime_error(doing + ": error " + std::to_string(number) + " (" +
                          std::generic_category().message(number) + ")"),
       number_(number) {}
 
-}  // namespace korvexd
+SystemError::~SystemError() = default;
+
+}  // namespace korvex::receiver

@@ -1,12 +1,19 @@
-#ifndef KORVEXD_EXIT_CODE_H
-#define KORVEXD_EXIT_CODE_H
+#ifndef KORVEX_COMMON_EXIT_CODE_H
+#define KORVEX_COMMON_EXIT_CODE_H
 
-namespace korvexd {
+namespace korvex::common {
 
-constexpr int kExitDone = 0;
-constexpr int kExitFailed = 1;
-constexpr int kExitWrongUsage = 2;
+/// What a program tells its caller; the same numbers for the daemon and every command. A program
+/// that a signal ended gives 128 and the signal's number instead.
+enum class ExitCode : int {
+  Success = 0,
+  Failed = 1,
+  WrongUsage = 2,
+  NoReceipt = 3  ///< cannot tell: all was sent, no receipt came in time
+};
 
-}  // namespace korvexd
+constexpr int codeOf(ExitCode exitCode) { return static_cast<int>(exitCode); }
+
+}  // namespace korvex::common
 
 #endif

@@ -3,7 +3,7 @@
 #include <array>
 #include <cstdio>
 
-namespace korvex::tool {
+namespace korvex::common {
 namespace {
 
 constexpr double kUnitStep = 1000;
@@ -81,4 +81,4 @@ std::string timeText(std::chrono::seconds time) {
   return formatted("%ld:%02ld:%02ld", seconds / kHour, minutes % kMinute, seconds % kMinute);
 }
 
-}  // namespace korvex::tool
+}  // namespace korvex::common

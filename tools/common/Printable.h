@@ -1,12 +1,12 @@
-#ifndef KORVEX_TOOL_PRINTABLE_H
-#define KORVEX_TOOL_PRINTABLE_H
+#ifndef KORVEX_COMMON_PRINTABLE_H
+#define KORVEX_COMMON_PRINTABLE_H
 
 #include <chrono>
 #include <cstdint>
 #include <string>
 #include <string_view>
 
-namespace korvex::tool {
+namespace korvex::common {
 
 /// The text in UTF-8, with every byte of a control character and every byte that belongs to no
 /// character as \xNN. File names and a daemon's texts may hold anything, and a terminal obeys some
@@ -19,6 +19,6 @@ std::string byteText(double bytes);
 /// "0:07", "12:34", "3:00:00".
 std::string timeText(std::chrono::seconds time);
 
-}  // namespace korvex::tool
+}  // namespace korvex::common
 
 #endif

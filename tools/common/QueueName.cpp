@@ -6,7 +6,9 @@
 #include <cstring>
 #include <nlohmann/json.hpp>
 
-namespace korvexd {
+#include "common/Printable.h"
+
+namespace korvex::common {
 namespace {
 
 const char kHexDigits[] = "0123456789ABCDEF";
@@ -46,6 +48,11 @@ std::string queueNameDefect(const std::string& name) {
   return "";
 }
 
+std::string checkQueueName(const std::string& word) {
+  const std::string defect = queueNameDefect(word);
+  return defect.empty() ? "" : "'" + printable(word) + "' cannot be a queue's name: " + defect;
+}
+
 std::string fileNameOf(const std::string& queue) {
   std::string text;
   for (const char character : queue) {
@@ -68,4 +75,4 @@ std::string jsonNameOf(const std::string& queue) {
   }
 }
 
-}  // namespace korvexd
+}  // namespace korvex::common

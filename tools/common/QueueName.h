@@ -1,10 +1,10 @@
-#ifndef KORVEXD_NAMES_H
-#define KORVEXD_NAMES_H
+#ifndef KORVEX_COMMON_QUEUE_NAME_H
+#define KORVEX_COMMON_QUEUE_NAME_H
 
 #include <cstddef>
 #include <string>
 
-namespace korvexd {
+namespace korvex::common {
 
 /// The longest name that fileNameOf may give: room is left for a time, a number and a suffix.
 constexpr std::size_t kLongestFileName = 200;
@@ -14,6 +14,9 @@ constexpr std::size_t kLongestFileName = 200;
 /// A name may start with one slash. Otherwise it holds none, is not empty, "." or "..", and leaves
 /// room for the response queue's name.
 std::string queueNameDefect(const std::string& name);
+
+/// For a command line: what is wrong with the word as a queue's name; empty when nothing is.
+std::string checkQueueName(const std::string& word);
 
 /// The name without the slash it may start with: both spellings mean the same queue.
 std::string plainQueueName(const std::string& name);
@@ -26,6 +29,6 @@ std::string fileNameOf(const std::string& queue);
 /// other bytes and names must stay different.
 std::string jsonNameOf(const std::string& queue);
 
-}  // namespace korvexd
+}  // namespace korvex::common
 
 #endif

@@ -1,10 +1,10 @@
-#ifndef KORVEX_SUPPORT_STANDARD_DESCRIPTORS_H
-#define KORVEX_SUPPORT_STANDARD_DESCRIPTORS_H
+#ifndef KORVEX_COMMON_STANDARD_DESCRIPTORS_H
+#define KORVEX_COMMON_STANDARD_DESCRIPTORS_H
 
 #include <fcntl.h>
 #include <unistd.h>
 
-namespace korvex {
+namespace korvex::common {
 
 /// For the first line of a program. A closed standard descriptor would be given to the next file
 /// that is opened, a queue for example, and messages for people would be written into that. What
@@ -18,6 +18,6 @@ inline void occupyStandardDescriptors() {
   }
 }
 
-}  // namespace korvex
+}  // namespace korvex::common
 
 #endif

@@ -1,5 +1,7 @@
 #include "korvexd/Daemon.h"
 
+#include <korvex/receiver/BusErrorGuard.h>
+#include <korvex/receiver/Leftovers.h>
 #include <signal.h>
 #include <spdlog/spdlog.h>
 #include <time.h>
@@ -7,10 +9,8 @@
 #include <cerrno>
 #include <utility>
 
-#include "queues/BusErrorGuard.h"
 #include "korvexd/sink/DiscardSink.h"
 #include "korvexd/os/Thread.h"
-#include "queues/Leftovers.h"
 
 namespace korvexd {
 namespace {
@@ -45,7 +45,7 @@ class ServerThreads {
   ServerThreads(const ServerThreads&) = delete;
   ServerThreads& operator=(const ServerThreads&) = delete;
 
-  void start(QueueServer& server) {
+  void start(receiver::Receiver& server) {
     threads_.push_back(
         startThread("queue " + server.queue(), [this, &server] { server.run(stop_); }));
   }
@@ -59,25 +59,27 @@ class ServerThreads {
 
 Daemon::Daemon(const Options& options) {
   prepareSignals();
-  installCutGuard();
+  receiver::installBusErrorGuard();
   if (options.output) store_.emplace(*options.output);
-  createServers(options);
+  serveQueues(options);
   if (options.statsFile) createStatsFile(*options.statsFile);
-  // Only now: who reads this line may rely on everything else.
-  for (const auto& server : servers_) {
-    spdlog::info("serving {}, {} messages of {} bytes", server->queue(), options.limits.messages,
-                 options.limits.messageSize);
+  // Only now: the reader of this line relies on everything else.
+  for (const auto& served : queues_) {
+    spdlog::info("serving {}, {} messages of {} bytes", served->receiver.queue(),
+                 options.queue.limits.messages, options.queue.limits.messageSize);
   }
 }
 
 void Daemon::createStatsFile(const std::string& path) {
-  std::vector<std::pair<std::string, const Stats*>> stats;
-  for (const auto& server : servers_) stats.emplace_back(server->queue(), &server->stats());
+  std::vector<QueueStats> stats;
+  for (const auto& served : queues_) {
+    stats.push_back({served->receiver.queue(), &served->receiver.counters(), &served->log});
+  }
   statsFile_.emplace(path, std::move(stats));
   statsFile_->update();
 }
 
-SinkFactory Daemon::sinkFactory() {
+receiver::SinkFactory Daemon::sinkFactory() {
   if (!store_) {
     return [](const std::string&, std::time_t) { return std::make_unique<DiscardSink>(); };
   }
@@ -85,24 +87,29 @@ SinkFactory Daemon::sinkFactory() {
       [this](const std::string& queue, std::time_t opened) { return store_->open(queue, opened); };
 }
 
-void Daemon::createServers(const Options& options) {
-  for (const std::string& name : removeHalfMadeQueues()) {
+Daemon::Served::Served(const receiver::Receiver::Settings& settings, receiver::SinkFactory openSink,
+                       const std::optional<std::string>& captureFolder)
+    : log(settings.queue, captureFolder), receiver(settings, std::move(openSink), log) {}
+
+void Daemon::serveQueues(const Options& options) {
+  for (const std::string& name : receiver::removeHalfMadeQueues()) {
     spdlog::info("removed {}, half made by a daemon that was killed", name);
   }
+  receiver::Receiver::Settings settings = options.queue;
   for (const std::string& queue : options.queues) {
-    servers_.push_back(std::make_unique<QueueServer>(QueueServer::Settings{
-        queue, options.limits, options.mode, options.existing, sinkFactory(), options.capture}));
+    settings.queue = queue;
+    queues_.push_back(std::make_unique<Served>(settings, sinkFactory(), options.capture));
   }
 }
 
 void Daemon::run() {
   {
     ServerThreads threads(stop_);
-    for (const auto& server : servers_) threads.start(*server);
+    for (const auto& served : queues_) threads.start(served->receiver);
     awaitSignal();
   }
   updateStats();
-  servers_.clear();
+  queues_.clear();
 }
 
 /// A second signal stays blocked and changes nothing.

@@ -10,10 +10,12 @@
 
 #include "korvexd/sink/DirectoryStore.h"
 #include "korvexd/Options.h"
-#include "QueueServer.h"
+#include "korvexd/report/StreamLog.h"
 #include "korvexd/report/StatsFile.h"
 
 namespace korvexd {
+
+namespace receiver = korvex::receiver;
 
 /// The whole daemon: one thread for each queue, and the calling one for signals and statistics.
 class Daemon {
@@ -27,14 +29,23 @@ class Daemon {
   void run();
 
  private:
-  SinkFactory sinkFactory();
-  void createServers(const Options& options);
+  /// One queue, with what is reported of it.
+  struct Served {
+    Served(const receiver::Receiver::Settings& settings, receiver::SinkFactory openSink,
+           const std::optional<std::string>& captureFolder);
+
+    StreamLog log;
+    receiver::Receiver receiver;
+  };
+
+  receiver::SinkFactory sinkFactory();
+  void serveQueues(const Options& options);
   void createStatsFile(const std::string& path);
   void awaitSignal();
   void updateStats() noexcept;
 
   std::optional<DirectoryStore> store_;
-  std::vector<std::unique_ptr<QueueServer>> servers_;
+  std::vector<std::unique_ptr<Served>> queues_;
   std::optional<StatsFile> statsFile_;
   bool statsFailed_ = false;
   std::atomic<bool> stop_{false};

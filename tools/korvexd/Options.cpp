@@ -12,9 +12,10 @@
 namespace korvexd {
 namespace {
 
-constexpr std::size_t kMostMessages = 65536;
-constexpr std::size_t kSmallestMessage = 57;  // a batch with one record of one byte
-constexpr std::size_t kLargestMessage = std::size_t{1} << 30;
+using namespace korvex::common;
+using korvex::receiver::Limits;
+using korvex::receiver::Receiver;
+
 constexpr mode_t kModeNeeded = 0600;
 constexpr int kOctal = 8;
 
@@ -23,18 +24,12 @@ struct Arguments {
   std::vector<std::string> queues;
   bool replace = false;
   std::string mode;
-  std::size_t messages = kDefaultMessages;
-  std::size_t messageSize = kDefaultMessageSize;
+  Limits limits = Receiver::Settings().limits;
   std::string output;
   bool discard = false;
   std::string capture;
   std::string statsFile;
 };
-
-std::string checkQueueName(const std::string& name) {
-  const std::string defect = queueNameDefect(name);
-  return defect.empty() ? "" : "'" + name + "' cannot be a queue's name: " + defect;
-}
 
 std::string checkMode(const std::string& text) {
   const bool isOctal =
@@ -62,13 +57,13 @@ void addQueueOptions(CLI::App& app, Arguments& found) {
   app.add_option("--mode", found.mode, "Permissions of the queues, octal [600]")
       ->check(checkMode)
       ->type_name("OCTAL");
-  app.add_option("--max-messages", found.messages, "Messages that a queue holds")
-      ->check(CLI::Range(std::size_t{1}, kMostMessages))
+  app.add_option("--max-messages", found.limits.messages, "Messages that a queue holds")
+      ->check(CLI::Range(std::size_t{1}, Limits::kMostMessages))
       ->capture_default_str();
-  app.add_option("--max-message-size", found.messageSize,
+  app.add_option("--max-message-size", found.limits.messageSize,
                  "Bytes of the largest message; K and M may follow")
       ->transform(CLI::AsSizeValue(false))
-      ->check(CLI::Range(kSmallestMessage, kLargestMessage))
+      ->check(CLI::Range(Limits::kSmallestMessage, Limits::kLargestMessage))
       ->capture_default_str();
 }
 
@@ -94,11 +89,11 @@ std::optional<std::string> givenText(const std::string& text) {
 Options optionsOf(const Arguments& found) {
   Options options;
   for (const std::string& name : found.queues) options.queues.push_back(plainQueueName(name));
-  if (found.replace) options.existing = QueuePair::Existing::Replace;
+  if (found.replace) options.queue.existing = Receiver::Existing::Replace;
   if (!found.mode.empty()) {
-    options.mode = static_cast<mode_t>(std::stoul(found.mode, nullptr, kOctal));
+    options.queue.mode = static_cast<mode_t>(std::stoul(found.mode, nullptr, kOctal));
   }
-  options.limits = {found.messages, found.messageSize};
+  options.queue.limits = found.limits;
   options.output = givenText(found.output);
   options.capture = givenText(found.capture);
   options.statsFile = givenText(found.statsFile);
@@ -143,10 +138,10 @@ ParsedOptions parseOptions(int argc, const char* const* argv, std::ostream& out,
     const Options options = optionsOf(found);
     refuseClashes(options.queues);
     refuseLongFileNames(options);
-    return {options, kExitDone};
+    return {options, codeOf(ExitCode::Success)};
   } catch (const CLI::ParseError& error) {
     const bool isWrong = app.exit(error, out, err) != 0;
-    return {std::nullopt, isWrong ? kExitWrongUsage : kExitDone};
+    return {std::nullopt, isWrong ? codeOf(ExitCode::WrongUsage) : codeOf(ExitCode::Success)};
   }
 }
 

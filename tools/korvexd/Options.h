@@ -1,30 +1,19 @@
 #ifndef KORVEXD_OPTIONS_H
 #define KORVEXD_OPTIONS_H
 
-#include <sys/types.h>
-
-#include <cstddef>
 #include <iosfwd>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "queues/QueuePair.h"
+#include <korvex/receiver/Receiver.h>
 
 namespace korvexd {
-
-// A pair that keeps both sides at work: a batch holds two of the largest ordinary records, and
-// there are enough of them to bridge a pause of either side.
-constexpr std::size_t kDefaultMessages = 8;
-constexpr std::size_t kDefaultMessageSize = std::size_t{264} * 1024;
-constexpr mode_t kDefaultMode = 0600;
 
 /// What the daemon was asked to do; checked.
 struct Options {
   std::vector<std::string> queues;  ///< without leading slash, no two that clash
-  QueuePair::Existing existing = QueuePair::Existing::Refuse;
-  mode_t mode = kDefaultMode;
-  korvex::MessageQueue::Limits limits{kDefaultMessages, kDefaultMessageSize};
+  korvex::receiver::Receiver::Settings queue;  ///< of each queue; its name is left empty
   std::optional<std::string> output;  ///< the data is discarded without one
   std::optional<std::string> capture;
   std::optional<std::string> statsFile;

@@ -14,16 +14,19 @@
 
 namespace {
 
+using korvex::common::codeOf;
+using korvex::common::ExitCode;
+
 /// How long the end waits for somebody to read the log.
 constexpr std::chrono::seconds kLogPatience{2};
 
 int serve(const korvexd::Options& options) {
   try {
     korvexd::Daemon(options).run();
-    return korvexd::kExitDone;
+    return codeOf(ExitCode::Success);
   } catch (const std::exception& error) {
     spdlog::error("{}", error.what());
-    return korvexd::kExitFailed;
+    return codeOf(ExitCode::Failed);
   }
 }
 
@@ -42,10 +45,10 @@ bool startLog() {
 
 int main(int argc, char** argv) {
   using namespace korvexd;
-  korvex::occupyStandardDescriptors();
+  korvex::common::occupyStandardDescriptors();
   const ParsedOptions parsed = parseOptions(argc, argv, std::cout, std::cerr);
   if (!parsed.options) return parsed.exitCode;
-  if (!startLog()) return kExitFailed;
+  if (!startLog()) return codeOf(ExitCode::Failed);
   const int exitCode = serve(*parsed.options);
   spdlog::shutdown();  // the last lines are written here
   return exitCode;

@@ -3,7 +3,7 @@
 #include <setjmp.h>
 #include <signal.h>
 
-namespace korvexd {
+namespace korvex::receiver {
 namespace {
 
 /// Where the thread goes on when its memory is gone; none outside of a step.
@@ -29,7 +29,7 @@ class Recovery {
 
 }  // namespace
 
-void installCutGuard() {
+void installBusErrorGuard() {
   struct sigaction action = {};
   action.sa_handler = onBusError;
   action.sa_flags = SA_NODEFER;  // the handler is left by a jump, which restores no signal mask
@@ -47,4 +47,4 @@ void surviveCut(const std::function<void()>& step) {
   step();
 }
 
-}  // namespace korvexd
+}  // namespace korvex::receiver

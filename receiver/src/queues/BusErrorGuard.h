@@ -1,19 +1,18 @@
-#ifndef KORVEXD_CUT_GUARD_H
-#define KORVEXD_CUT_GUARD_H
+#ifndef KORVEX_RECEIVER_SURVIVE_CUT_H
+#define KORVEX_RECEIVER_SURVIVE_CUT_H
 
 #include <functional>
 #include <stdexcept>
 
-namespace korvexd {
+#include "korvex/receiver/BusErrorGuard.h"
+
+namespace korvex::receiver {
 
 /// The memory of a queue ended before the queue did.
 class QueueCut : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
-
-/// From now on surviveCut() works in this process, in every thread.
-void installCutGuard();
 
 /// Runs a step that touches queues. Throws QueueCut when it touched memory that its file no longer
 /// has, because somebody cut it, or that the system could not give: the system sends a signal then,
@@ -24,6 +23,6 @@ void installCutGuard();
 /// leaves behind is the queue's lock, and the queue is lost anyway.
 void surviveCut(const std::function<void()>& step);
 
-}  // namespace korvexd
+}  // namespace korvex::receiver
 
 #endif

@@ -7,16 +7,13 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <filesystem>
 #include <limits>
 #include <random>
 
 #include "queues/QueueObject.h"
 
-namespace korvexd {
+namespace korvex::receiver {
 namespace {
-
-namespace fs = std::filesystem;
 
 const std::string kStart = ".korvexd-";
 
@@ -43,7 +40,7 @@ bool isLeftOver(const std::string& name) {
 
 bool isOwnFile(const std::string& name) {
   struct stat found = {};
-  return lookAtQueueObject(name, found) && S_ISREG(found.st_mode) && found.st_uid == ::geteuid();
+  return QueueObject::look(name, found) && S_ISREG(found.st_mode) && found.st_uid == ::geteuid();
 }
 
 }  // namespace
@@ -56,9 +53,7 @@ std::string temporaryQueueName() {
 
 std::vector<std::string> removeHalfMadeQueues() {
   std::vector<std::string> removed;
-  std::error_code error;
-  for (fs::directory_iterator at("/dev/shm", error), end; at != end; at.increment(error)) {
-    const std::string name = at->path().filename().string();
+  for (const std::string& name : QueueObject::names()) {
     if (isLeftOver(name) && isOwnFile(name) && ::shm_unlink(name.c_str()) == 0) {
       removed.push_back(name);
     }
@@ -66,4 +61,4 @@ std::vector<std::string> removeHalfMadeQueues() {
   return removed;
 }
 
-}  // namespace korvexd
+}  // namespace korvex::receiver

@@ -1,13 +1,13 @@
 #include "queues/LockWatch.h"
 
-namespace korvexd {
+namespace korvex::receiver {
 
-void LockWatch::note(korvex::MessageQueue::Outcome outcome, const korvex::QueueView& view,
+void LockWatch::note(MessageQueue::Outcome outcome, const QueueView& view,
                      Clock::time_point now) {
-  if (outcome != korvex::MessageQueue::Outcome::LockTaken) return takenSince_.reset();
+  if (outcome != MessageQueue::Outcome::LockTaken) return takenSince_.reset();
   if (view.isLockOwnerGone()) throw LockLost("a process died with the queue's lock");
   if (!takenSince_) takenSince_ = now;
   if (now - *takenSince_ >= kPatience) throw LockLost("the queue's lock stayed taken");
 }
 
-}  // namespace korvexd
+}  // namespace korvex::receiver

@@ -1,15 +1,16 @@
-#ifndef KORVEXD_OWNED_QUEUE_H
-#define KORVEXD_OWNED_QUEUE_H
+#ifndef KORVEX_RECEIVER_OWNED_QUEUE_H
+#define KORVEX_RECEIVER_OWNED_QUEUE_H
 
 #include <sys/types.h>
 
 #include <memory>
 #include <string>
 
-#include "korvexd/os/File.h"
+#include "korvex/receiver/Limits.h"
+#include "queues/QueueObject.h"
 #include "queue/MessageQueue.h"
 
-namespace korvexd {
+namespace korvex::receiver {
 
 /// A queue that this daemon created, claimed and gives up again.
 ///
@@ -20,7 +21,7 @@ class OwnedQueue {
  public:
   /// Creates and claims the queue, still under a temporary name. Throws SystemError when the system
   /// refuses, for want of memory above all; else what MessageQueue throws.
-  OwnedQueue(std::string name, korvex::MessageQueue::Limits limits, mode_t mode);
+  OwnedQueue(std::string name, Limits limits, mode_t mode);
 
   /// Removes the name, unless it leads to somebody else's object by now.
   ~OwnedQueue();
@@ -36,19 +37,19 @@ class OwnedQueue {
   /// False once somebody cut or grew the object: no producer would take it for a queue.
   bool isWhole() const noexcept;
 
-  korvex::MessageQueue& queue() noexcept { return *queue_; }
+  MessageQueue& queue() noexcept { return *queue_; }
 
-  const korvex::QueueView& view() const noexcept { return queue_->view(); }
+  const QueueView& view() const noexcept { return queue_->view(); }
 
  private:
-  void create(korvex::MessageQueue::Limits limits, mode_t mode);
+  void create(Limits limits, mode_t mode);
 
   std::string name_;
   std::string presentName_;
-  std::unique_ptr<korvex::MessageQueue> queue_;
-  File claim_;
+  std::unique_ptr<MessageQueue> queue_;
+  QueueObject claim_;
 };
 
-}  // namespace korvexd
+}  // namespace korvex::receiver
 
 #endif

@@ -1,42 +1,90 @@
 #include "queues/QueueObject.h"
 
 #include <fcntl.h>
+#include <stdio.h>
 #include <sys/file.h>
 #include <sys/mman.h>
-#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
+#include <utility>
 
-namespace korvexd {
+#include "korvex/receiver/SystemError.h"
+
+namespace korvex::receiver {
 namespace {
 
-const std::string kSharedMemoryFolder = "/dev/shm/";
+const char kFolder[] = "/dev/shm";
+
+std::string pathOf(const std::string& name) { return std::string(kFolder) + "/" + name; }
+
+/// For systems that cannot refuse to replace: a link never replaces anything. The object has both
+/// names for a moment.
+int linkAndUnlink(const char* from, const char* to) {
+  return ::link(from, to) == 0 ? ::unlink(from) : -1;
+}
 
 }  // namespace
 
-File openQueueObject(const std::string& name) {
-  // Non-blocking, so that a pipe under the name does not hold the daemon up.
-  return File(::shm_open(name.c_str(), O_RDWR | O_NONBLOCK, 0));
+QueueObject::QueueObject(const std::string& name) noexcept
+    // Non-blocking, so that a pipe under the name does not hold the caller up.
+    : descriptor_(::shm_open(name.c_str(), O_RDWR | O_NONBLOCK, 0)) {}
+
+QueueObject::~QueueObject() {
+  if (isOpen()) ::close(descriptor_);
 }
 
-bool claimQueueObject(const File& object) {
-  return ::flock(object.descriptor(), LOCK_EX | LOCK_NB) == 0;
+QueueObject::QueueObject(QueueObject&& other) noexcept
+    : descriptor_(std::exchange(other.descriptor_, -1)) {}
+
+QueueObject& QueueObject::operator=(QueueObject&& other) noexcept {
+  std::swap(descriptor_, other.descriptor_);
+  return *this;
 }
 
-bool lookAtQueueObject(const std::string& name, struct stat& found) noexcept {
-  return ::lstat((kSharedMemoryFolder + name).c_str(), &found) == 0;
-}
+bool QueueObject::claim() const noexcept { return ::flock(descriptor_, LOCK_EX | LOCK_NB) == 0; }
 
-bool queueObjectExists(const std::string& name) noexcept {
-  struct stat found = {};
-  return lookAtQueueObject(name, found) || errno != ENOENT;
-}
-
-bool isQueueObjectNamed(const File& object, const std::string& name) noexcept {
+bool QueueObject::isNamed(const std::string& name) const noexcept {
   struct stat own = {};
   struct stat named = {};
-  return ::fstat(object.descriptor(), &own) == 0 && lookAtQueueObject(name, named) &&
-         own.st_dev == named.st_dev && own.st_ino == named.st_ino;
+  return ::fstat(descriptor_, &own) == 0 && look(name, named) && own.st_dev == named.st_dev &&
+         own.st_ino == named.st_ino;
 }
 
-}  // namespace korvexd
+off_t QueueObject::size() const noexcept {
+  struct stat found = {};
+  return ::fstat(descriptor_, &found) == 0 ? found.st_size : -1;
+}
+
+bool QueueObject::look(const std::string& name, struct stat& found) noexcept {
+  return ::lstat(pathOf(name).c_str(), &found) == 0;
+}
+
+bool QueueObject::exists(const std::string& name) noexcept {
+  struct stat found = {};
+  return look(name, found) || errno != ENOENT;
+}
+
+void QueueObject::rename(const std::string& from, const std::string& to,
+                         const std::string& doing) {
+  const std::string source = pathOf(from);
+  const std::string target = pathOf(to);
+  int result =
+      ::renameat2(AT_FDCWD, source.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE);
+  const bool isUnknown = result != 0 && (errno == EINVAL || errno == ENOSYS);
+  if (isUnknown) result = linkAndUnlink(source.c_str(), target.c_str());
+  if (result != 0) throw SystemError(doing, errno);
+}
+
+std::vector<std::string> QueueObject::names() {
+  namespace fs = std::filesystem;
+  std::vector<std::string> names;
+  std::error_code error;
+  for (fs::directory_iterator at(kFolder, error), end; at != end; at.increment(error)) {
+    names.push_back(at->path().filename().string());
+  }
+  return names;
+}
+
+}  // namespace korvex::receiver

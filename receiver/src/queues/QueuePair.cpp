@@ -8,25 +8,23 @@
 #include "stream/Reply.h"
 #include "queues/StaleQueue.h"
 
-namespace korvexd {
+namespace korvex::receiver {
 namespace {
 
-using korvex::MessageQueue;
-
 /// More than a stream has: a producer picks one up with each batch that it sends.
-constexpr MessageQueue::Limits kReplyLimits{16, sizeof(Reply)};
+constexpr Limits kReplyLimits{16, sizeof(Reply)};
 
 void refuseExisting(const std::string& name) {
-  if (!queueObjectExists(name)) return;
+  if (!QueueObject::exists(name)) return;
   throw std::runtime_error("queue " + name +
                            " exists already; --replace removes the queues of a dead daemon");
 }
 
 /// The name of the response queue. Looked at before anything is made: a daemon that waits for its
 /// names tries again and again.
-std::string responseNameIfFree(const std::string& name, QueuePair::Existing existing) {
-  std::string replies = korvex::getMessageQueueResponseName(name);
-  if (existing == QueuePair::Existing::Refuse) {
+std::string responseNameIfFree(const std::string& name, Receiver::Existing existing) {
+  std::string replies = getMessageQueueResponseName(name);
+  if (existing == Receiver::Existing::Refuse) {
     refuseExisting(name);
     refuseExisting(replies);
   }
@@ -43,15 +41,15 @@ void removeExisting(const std::string& batches, const std::string& replies) {
 
 }  // namespace
 
-QueuePair::QueuePair(const std::string& name, MessageQueue::Limits limits, mode_t mode,
-                     Existing existing)
+QueuePair::QueuePair(const std::string& name, Limits limits, mode_t mode,
+                     Receiver::Existing existing)
     : replies_(responseNameIfFree(name, existing), kReplyLimits, mode),
       batches_(name, limits, mode) {
-  if (existing == Existing::Replace) {
-    removeExisting(name, korvex::getMessageQueueResponseName(name));
+  if (existing == Receiver::Existing::Replace) {
+    removeExisting(name, getMessageQueueResponseName(name));
   }
   replies_.publish();
   batches_.publish();
 }
 
-}  // namespace korvexd
+}  // namespace korvex::receiver

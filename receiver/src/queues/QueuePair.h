@@ -1,14 +1,15 @@
-#ifndef KORVEXD_QUEUE_PAIR_H
-#define KORVEXD_QUEUE_PAIR_H
+#ifndef KORVEX_RECEIVER_QUEUE_PAIR_H
+#define KORVEX_RECEIVER_QUEUE_PAIR_H
 
 #include <sys/types.h>
 
 #include <string>
 
+#include "korvex/receiver/Receiver.h"
 #include "queues/OwnedQueue.h"
 #include "queue/MessageQueue.h"
 
-namespace korvexd {
+namespace korvex::receiver {
 
 /// The two queues that a producer works with: NAME for its batches, NAMEResponse for the replies.
 ///
@@ -16,13 +17,10 @@ namespace korvexd {
 /// they disappear with the pair.
 class QueuePair {
  public:
-  /// What to do with queues that exist under these names.
-  enum class Existing { Refuse, Replace };
-
   /// Throws std::exception: a name is taken or served by another daemon, there is no room. Nothing
   /// is left behind then.
-  QueuePair(const std::string& name, korvex::MessageQueue::Limits limits, mode_t mode,
-            Existing existing);
+  QueuePair(const std::string& name, Limits limits, mode_t mode,
+            Receiver::Existing existing);
 
   /// Whether producers still find both queues.
   bool isStillNamed() const noexcept { return replies_.isStillNamed() && batches_.isStillNamed(); }
@@ -43,6 +41,6 @@ class QueuePair {
   OwnedQueue batches_;
 };
 
-}  // namespace korvexd
+}  // namespace korvex::receiver
 
 #endif

@@ -11,7 +11,7 @@
 #include "korvex/receiver/SystemError.h"
 #include "queue/MessageQueue.h"
 
-namespace korvexd {
+namespace korvex::receiver {
 namespace {
 
 const char* kindOf(mode_t mode) {
@@ -26,7 +26,7 @@ const char* kindOf(mode_t mode) {
 /// reason that only a person can know.
 void refuseForeign(const std::string& name) {
   struct stat found = {};
-  if (!lookAtQueueObject(name, found)) return;
+  if (!QueueObject::look(name, found)) return;
   if (!S_ISREG(found.st_mode)) {
     throw std::runtime_error("queue " + name + " cannot be replaced: found " +
                              kindOf(found.st_mode) + ", expected a queue that a daemon left");
@@ -42,21 +42,21 @@ void refuseForeign(const std::string& name) {
 
 StaleQueue::StaleQueue(std::string name) : name_(std::move(name)) {
   refuseForeign(name_);
-  claim_ = openQueueObject(name_);
-  if (claim_.descriptor() < 0) {
+  claim_ = QueueObject(name_);
+  if (!claim_.isOpen()) {
     if (errno == ENOENT) return;
     throw SystemError("opening the existing queue " + name_, errno);
   }
-  if (!claimQueueObject(claim_))
+  if (!claim_.claim())
     throw std::runtime_error("queue " + name_ + " is served by another daemon");
   // Between the opening and the claim another daemon may have put its own queue there.
-  if (!isQueueObjectNamed(claim_, name_))
+  if (!claim_.isNamed(name_))
     throw std::runtime_error("queue " + name_ + " was just replaced by another daemon");
 }
 
 void StaleQueue::remove() {
-  if (claim_.descriptor() < 0 || korvex::MessageQueue::remove(name_)) return;
+  if (!claim_.isOpen() || MessageQueue::remove(name_)) return;
   throw SystemError("removing the existing queue " + name_, errno);
 }
 
-}  // namespace korvexd
+}  // namespace korvex::receiver

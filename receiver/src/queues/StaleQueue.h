@@ -1,11 +1,11 @@
-#ifndef KORVEXD_STALE_QUEUE_H
-#define KORVEXD_STALE_QUEUE_H
+#ifndef KORVEX_RECEIVER_STALE_QUEUE_H
+#define KORVEX_RECEIVER_STALE_QUEUE_H
 
 #include <string>
 
-#include "korvexd/os/File.h"
+#include "queues/QueueObject.h"
 
-namespace korvexd {
+namespace korvex::receiver {
 
 /// Takes over what lies under a queue's name, so that it can be removed. Nothing is fine too.
 class StaleQueue {
@@ -19,9 +19,9 @@ class StaleQueue {
 
  private:
   std::string name_;
-  File claim_;  ///< keeps other daemons away until the name is gone
+  QueueObject claim_;  ///< keeps other daemons away until the name is gone
 };
 
-}  // namespace korvexd
+}  // namespace korvex::receiver
 
 #endif

@@ -4,23 +4,17 @@
 #include <locale>
 #include <sstream>
 
+#include "shm/Format.h"
 #include "support/BigEndian.h"
 
-namespace korvexd {
+namespace korvex::receiver {
 namespace {
 
-constexpr std::size_t kMetaDataSize = 8;
-constexpr std::size_t kEntryCountOffset = 4;
-constexpr std::size_t kHeaderSize = 48;
-constexpr std::size_t kLengthOffset = 4;
-constexpr std::size_t kHeaderMagicOffset = 44;
-constexpr std::uint32_t kMetaDataMagic = 0xff00ee11;
-constexpr std::uint32_t kHeaderMagic = 0xaabbccdd;
 constexpr int kHexDigits = 8;  // of a magic
 
 std::uint32_t big32At(const unsigned char* bytes) noexcept {
   std::uint32_t value = 0;
-  korvex::getBig32(bytes, value);
+  getBig32(bytes, value);
   return value;
 }
 
@@ -108,4 +102,4 @@ std::string BatchCheck::text() const {
   return text.str();
 }
 
-}  // namespace korvexd
+}  // namespace korvex::receiver

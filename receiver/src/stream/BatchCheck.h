@@ -1,11 +1,11 @@
-#ifndef KORVEXD_BATCH_CHECK_H
-#define KORVEXD_BATCH_CHECK_H
+#ifndef KORVEX_RECEIVER_BATCH_CHECK_H
+#define KORVEX_RECEIVER_BATCH_CHECK_H
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
 
-namespace korvexd {
+namespace korvex::receiver {
 
 /// Looks at a received message before anybody walks it.
 ///
@@ -51,6 +51,6 @@ class BatchCheck {
   std::uint64_t expected_ = 0;
 };
 
-}  // namespace korvexd
+}  // namespace korvex::receiver
 
 #endif

@@ -1,10 +1,8 @@
 #include "korvex/receiver/Receipt.h"
 
-#include <algorithm>
 #include <charconv>
-#include <cstring>
 
-namespace korvex::tool {
+namespace korvex::receiver {
 namespace {
 
 constexpr std::string_view kBeforeBytes = "stored bytes=";
@@ -34,7 +32,9 @@ bool isDigest(std::string_view text) {
 
 std::string Receipt::text() const { return "bytes=" + std::to_string(bytes) + " xxh128=" + xxh128; }
 
-std::optional<Receipt> parseReceipt(std::string_view untrusted) {
+std::string Receipt::replyText() const { return "stored " + text(); }
+
+std::optional<Receipt> Receipt::parse(std::string_view untrusted) {
   Receipt receipt = {0, ""};
   if (!skip(untrusted, kBeforeBytes)) return std::nullopt;
   if (!readNumber(untrusted, receipt.bytes)) return std::nullopt;
@@ -44,8 +44,4 @@ std::optional<Receipt> parseReceipt(std::string_view untrusted) {
   return receipt;
 }
 
-std::string_view textOf(const qmx_shm_response_t& untrustedReply) {
-  return {untrustedReply.message, ::strnlen(untrustedReply.message, sizeof untrustedReply.message)};
-}
-
-}  // namespace korvex::tool
+}  // namespace korvex::receiver

@@ -1,15 +1,11 @@
 #include "stream/Reply.h"
 
-namespace korvexd {
+namespace korvex::receiver {
 
-Reply receiptOf(std::uint64_t bytes, const std::string& xxh128) {
-  return failureOf(0, "stored bytes=" + std::to_string(bytes) + " xxh128=" + xxh128);
-}
-
-Reply failureOf(ov_status_t status, const std::string& text) {
+Reply replyOf(ov_status_t status, const std::string& text) {
   Reply reply;
   reply.assign(status, text.c_str());
   return reply;
 }
 
-}  // namespace korvexd
+}  // namespace korvex::receiver

@@ -1,9 +1,7 @@
 #include "stream/ReplySender.h"
 
-namespace korvexd {
+namespace korvex::receiver {
 namespace {
-
-using korvex::MessageQueue;
 
 constexpr unsigned kPriority = 0;  // all alike, so that they keep their order
 
@@ -13,7 +11,7 @@ void ReplySender::send(const Reply& reply) {
   if (pending_.size() < kMostPending) {
     pending_.push_back(reply);
   } else {
-    stats_.add(Count::RepliesLost);
+    counters_.add(Count::RepliesLost);
   }
   sendPending();
 }
@@ -24,13 +22,13 @@ void ReplySender::sendPending() {
     lockWatch_.note(outcome, replies_.view(), LockWatch::Clock::now());
     if (outcome != MessageQueue::Outcome::Done) break;
     pending_.pop_front();
-    stats_.add(Count::RepliesSent);
+    counters_.add(Count::RepliesSent);
   }
   updatePending();
 }
 
 void ReplySender::withdraw() {
-  stats_.add(Count::RepliesWithdrawn, pending_.size());
+  counters_.add(Count::RepliesWithdrawn, pending_.size());
   pending_.clear();
   updatePending();
   // As many as there may be, and no more: a peer that keeps filling the queue must not keep us.
@@ -41,7 +39,7 @@ void ReplySender::withdraw() {
     lockWatch_.note(outcome, replies_.view(), LockWatch::Clock::now());
     if (outcome == MessageQueue::Outcome::NotReady) return;
     if (outcome == MessageQueue::Outcome::LockTaken) continue;
-    stats_.add(Count::RepliesWithdrawn);
+    counters_.add(Count::RepliesWithdrawn);
     ++i;
   }
 }
@@ -51,6 +49,6 @@ void ReplySender::checkLock() {
   lockWatch_.note(replies_.queue().tryLock(), replies_.view(), LockWatch::Clock::now());
 }
 
-void ReplySender::updatePending() { stats_.set(Count::RepliesPending, pending_.size()); }
+void ReplySender::updatePending() { counters_.set(Count::RepliesPending, pending_.size()); }
 
-}  // namespace korvexd
+}  // namespace korvex::receiver

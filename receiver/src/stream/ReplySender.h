@@ -1,5 +1,5 @@
-#ifndef KORVEXD_REPLY_SENDER_H
-#define KORVEXD_REPLY_SENDER_H
+#ifndef KORVEX_RECEIVER_REPLY_SENDER_H
+#define KORVEX_RECEIVER_REPLY_SENDER_H
 
 #include <cstddef>
 #include <deque>
@@ -9,7 +9,7 @@
 #include "stream/Reply.h"
 #include "korvex/receiver/Counters.h"
 
-namespace korvexd {
+namespace korvex::receiver {
 
 /// Sends replies without ever waiting for room: a producer may leave them lying.
 ///
@@ -20,7 +20,7 @@ class ReplySender {
   static constexpr std::size_t kMostPending = 4;
 
   /// Both outlive the sender.
-  ReplySender(OwnedQueue& replies, Stats& stats) noexcept : replies_(replies), stats_(stats) {}
+  ReplySender(OwnedQueue& replies, Counters& counters) noexcept : replies_(replies), counters_(counters) {}
 
   /// Whether something waits for room.
   bool isPending() const noexcept { return !pending_.empty(); }
@@ -42,11 +42,11 @@ class ReplySender {
   void updatePending();
 
   OwnedQueue& replies_;
-  Stats& stats_;
+  Counters& counters_;
   LockWatch lockWatch_;
   std::deque<Reply> pending_;
 };
 
-}  // namespace korvexd
+}  // namespace korvex::receiver
 
 #endif

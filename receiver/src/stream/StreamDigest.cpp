@@ -2,27 +2,43 @@
 
 #include <xxh_x86dispatch.h>
 
+#include <cinttypes>
+#include <cstdio>
 #include <new>
 
-#include "korvexd/Hex.h"
+namespace korvex::receiver {
 
-namespace korvexd {
+struct StreamDigest::State {
+  State() : xxh128(XXH3_createState()) {
+    if (xxh128 == nullptr) throw std::bad_alloc();
+  }
+  ~State() { XXH3_freeState(xxh128); }
+  State(const State&) = delete;
+  State& operator=(const State&) = delete;
 
-Xxh128::Xxh128() : state_(XXH3_createState()) {
-  if (state_ == nullptr) throw std::bad_alloc();
-  reset();
+  XXH3_state_t* xxh128;  ///< must lie where the digest's library wants it
+};
+
+StreamDigest::StreamDigest() : state_(std::make_unique<State>()) { reset(); }
+
+StreamDigest::~StreamDigest() = default;
+
+void StreamDigest::add(const unsigned char* data, std::size_t size) noexcept {
+  XXH3_128bits_update_dispatch(state_->xxh128, data, size);
+  bytes_ += size;
 }
 
-void Xxh128::update(const void* data, std::size_t size) noexcept {
-  XXH3_128bits_update_dispatch(state_.get(), data, size);
+Receipt StreamDigest::expected() const {
+  const XXH128_hash_t hash = XXH3_128bits_digest(state_->xxh128);
+  char digits[33];
+  std::snprintf(digits, sizeof digits, "%016" PRIx64 "%016" PRIx64, std::uint64_t{hash.high64},
+                std::uint64_t{hash.low64});
+  return {bytes_, digits};
 }
 
-std::string Xxh128::hex() const {
-  XXH128_canonical_t canonical;
-  XXH128_canonicalFromHash(&canonical, XXH3_128bits_digest(state_.get()));
-  return hexOf(canonical.digest, sizeof canonical.digest);
+void StreamDigest::reset() noexcept {
+  XXH3_128bits_reset(state_->xxh128);
+  bytes_ = 0;
 }
 
-void Xxh128::reset() noexcept { XXH3_128bits_reset(state_.get()); }
-
-}  // namespace korvexd
+}  // namespace korvex::receiver

@@ -1,18 +1,16 @@
 #include "stream/StreamSession.h"
 
-#include <spdlog/spdlog.h>
-
 #include <exception>
 #include <utility>
 
-#include "stream/RecordType.h"
+#include "shm/Format.h"
 #include "support/Status.h"
 
-namespace korvexd {
+namespace korvex::receiver {
 namespace {
 
-using Header = korvex::qmx_shm_message_t;
-using Entry = korvex::ShmBatch::Entry;
+using Header = qmx_shm_message_t;
+using Entry = ShmBatch::Entry;
 
 /// No record carries the number behind the open record's.
 constexpr std::uint64_t kStepAfterOpen = 2;
@@ -35,13 +33,17 @@ std::string defectOf(const Header& header) {
 
 }  // namespace
 
-StreamSession::StreamSession(std::string queue, SinkFactory openSink, Stats& stats)
-    : queue_(std::move(queue)), openSink_(std::move(openSink)), stats_(stats) {}
+StreamSession::StreamSession(std::string queue, SinkFactory openSink, Counters& counters,
+                             Observer& observer)
+    : queue_(std::move(queue)),
+      openSink_(std::move(openSink)),
+      counters_(counters),
+      observer_(observer) {}
 
 StreamSession::~StreamSession() { end("abandoned"); }
 
 StreamSession::Answer StreamSession::take(const Entry& record) {
-  stats_.add(Count::Records);
+  counters_.add(Count::Records);
   if (record.header.type == kTypeOpen) return takeOpen(record.header);
   if (state_ == State::Open) return takeInStream(record);
   return takeOutside(record.header);
@@ -63,13 +65,12 @@ StreamSession::Answer StreamSession::takeOpen(const Header& header) {
 }
 
 void StreamSession::startStream(const Header& header) {
-  stats_.add(Count::StreamsOpened);
+  counters_.add(Count::StreamsOpened);
   state_ = State::Open;
   digest_.reset();
   lastSequence_ = header.sequence;
   segmentHasData_ = false;
   opened_ = std::time(nullptr);
-  bytes_ = 0;
   segments_ = 0;
   records_ = 1;
 }
@@ -82,7 +83,7 @@ StreamSession::Answer StreamSession::takeOutside(const Header& header) {
     if (isClose || isStop) {
       endWith(header);
     } else {
-      stats_.add(Count::DroppedRecords);
+      counters_.add(Count::DroppedRecords);
     }
     return {};
   }
@@ -148,9 +149,8 @@ StreamSession::Answer StreamSession::takeData(const Entry& record) {
   } catch (const std::exception& error) {
     return fail(kStatusSinkFailed, error.what());
   }
-  digest_.update(record.data, size);
-  bytes_ += size;
-  stats_.add(Count::Bytes, size);
+  digest_.add(record.data, size);
+  counters_.add(Count::Bytes, size);
   return {};
 }
 
@@ -163,18 +163,17 @@ void StreamSession::finishSegment() {
 StreamSession::Answer StreamSession::takeClose(const Header& header) {
   const StreamSummary whole = summary();
   try {
-    sink_->complete(whole);
+    sink_->complete(whole, [] { return true; });
   } catch (const std::exception& error) {
     const Answer answer = fail(kStatusSinkFailed, error.what());
     endWith(header);
     return answer;
   }
-  stats_.add(Count::StreamsComplete);
-  spdlog::info("{}: stream complete, {} bytes in {} segments, xxh128 {}, {}", queue_, whole.bytes,
-               whole.segments, whole.xxh128, sink_->place());
+  counters_.add(Count::StreamsComplete);
+  observer_.streamComplete(whole, sink_->place());
   sink_.reset();
   endWith(header);
-  return receiptOf(whole.bytes, whole.xxh128);
+  return replyOf(0, Receipt{whole.bytes, whole.xxh128}.replyText());
 }
 
 StreamSession::Answer StreamSession::takeStop(const Header& header) {
@@ -186,24 +185,24 @@ StreamSession::Answer StreamSession::takeStop(const Header& header) {
 StreamSession::Answer StreamSession::takeDamage(const std::string& defect) {
   if (state_ == State::Failed) return {};
   const std::string text = "damaged batch: " + defect;
-  if (state_ == State::Open) return fail(korvex::kStatusCorrupt, text);
-  return failureOf(korvex::kStatusCorrupt, text);
+  if (state_ == State::Open) return fail(kStatusCorrupt, text);
+  return replyOf(kStatusCorrupt, text);
 }
 
 /// Drops a record that breaks the protocol, and with it the stream.
 StreamSession::Answer StreamSession::refuse(const std::string& text) {
-  stats_.add(Count::DroppedRecords);
-  return fail(korvex::kStatusCorrupt, text);
+  counters_.add(Count::DroppedRecords);
+  return fail(kStatusCorrupt, text);
 }
 
 StreamSession::Answer StreamSession::fail(ov_status_t status, const std::string& text) {
   if (state_ == State::Open) {
     leaveIncomplete(text);
   } else {
-    spdlog::warn("{}: {}", queue_, text);
+    observer_.recordRefused(text);
   }
   state_ = State::Failed;
-  return failureOf(status, text);
+  return replyOf(status, text);
 }
 
 void StreamSession::end(const std::string& reason) {
@@ -212,10 +211,9 @@ void StreamSession::end(const std::string& reason) {
 }
 
 void StreamSession::leaveIncomplete(const std::string& reason) {
-  stats_.add(Count::StreamsIncomplete);
+  counters_.add(Count::StreamsIncomplete);
   if (sink_ != nullptr) abandonSink(reason);
-  const std::string place = sink_ == nullptr ? "nothing stored" : sink_->place();
-  spdlog::info("{}: stream incomplete ({}), {} bytes, {}", queue_, reason, bytes_, place);
+  observer_.streamIncomplete(summary(), reason, sink_ == nullptr ? "" : sink_->place());
   sink_.reset();
 }
 
@@ -223,12 +221,13 @@ void StreamSession::abandonSink(const std::string& reason) {
   try {
     sink_->abandon(summary(), reason);
   } catch (const std::exception& error) {
-    spdlog::warn("{}: marking the stream incomplete: {}", queue_, error.what());
+    observer_.abandoningFailed(error.what());
   }
 }
 
 StreamSummary StreamSession::summary() const {
-  return {queue_, opened_, std::time(nullptr), bytes_, segments_, records_, digest_.hex()};
+  const Receipt taken = digest_.expected();
+  return {queue_, opened_, std::time(nullptr), taken.bytes, segments_, records_, taken.xxh128};
 }
 
-}  // namespace korvexd
+}  // namespace korvex::receiver

@@ -1,5 +1,5 @@
-#ifndef KORVEXD_STREAM_SESSION_H
-#define KORVEXD_STREAM_SESSION_H
+#ifndef KORVEX_RECEIVER_STREAM_SESSION_H
+#define KORVEX_RECEIVER_STREAM_SESSION_H
 
 #include <korvex/ShmBatch.h>
 
@@ -8,12 +8,13 @@
 #include <optional>
 #include <string>
 
+#include "korvex/receiver/Observer.h"
 #include "stream/Reply.h"
 #include "korvex/receiver/Sink.h"
 #include "korvex/receiver/Counters.h"
 #include "korvex/receiver/StreamDigest.h"
 
-namespace korvexd {
+namespace korvex::receiver {
 
 /// Follows the streams of one queue, record by record, and hands their data to sinks.
 ///
@@ -28,8 +29,8 @@ class StreamSession {
   /// What the producer must be told, if anything.
   using Answer = std::optional<Reply>;
 
-  /// `stats` outlives the session.
-  StreamSession(std::string queue, SinkFactory openSink, Stats& stats);
+  /// `counters` and `observer` outlive the session.
+  StreamSession(std::string queue, SinkFactory openSink, Counters& counters, Observer& observer);
 
   /// Ends an open stream as incomplete.
   ~StreamSession();
@@ -37,7 +38,7 @@ class StreamSession {
   StreamSession& operator=(const StreamSession&) = delete;
 
   /// Takes the next record.
-  Answer take(const korvex::ShmBatch::Entry& record);
+  Answer take(const ShmBatch::Entry& record);
 
   /// A batch could not be read, so an open stream misses records.
   Answer takeDamage(const std::string& defect);
@@ -53,17 +54,17 @@ class StreamSession {
     Ended    ///< closed or stopped; its producer may close again
   };
 
-  Answer takeOpen(const korvex::qmx_shm_message_t& header);
-  Answer takeOutside(const korvex::qmx_shm_message_t& header);
-  Answer takeInStream(const korvex::ShmBatch::Entry& record);
-  std::string sequenceDefectOf(const korvex::qmx_shm_message_t& header) const;
-  Answer takeData(const korvex::ShmBatch::Entry& record);
-  Answer takeClose(const korvex::qmx_shm_message_t& header);
-  Answer takeStop(const korvex::qmx_shm_message_t& header);
+  Answer takeOpen(const qmx_shm_message_t& header);
+  Answer takeOutside(const qmx_shm_message_t& header);
+  Answer takeInStream(const ShmBatch::Entry& record);
+  std::string sequenceDefectOf(const qmx_shm_message_t& header) const;
+  Answer takeData(const ShmBatch::Entry& record);
+  Answer takeClose(const qmx_shm_message_t& header);
+  Answer takeStop(const qmx_shm_message_t& header);
   Answer refuse(const std::string& text);
   Answer fail(ov_status_t status, const std::string& text);
-  void endWith(const korvex::qmx_shm_message_t& header);
-  void startStream(const korvex::qmx_shm_message_t& header);
+  void endWith(const qmx_shm_message_t& header);
+  void startStream(const qmx_shm_message_t& header);
   void finishSegment();
   void leaveIncomplete(const std::string& reason);
   void abandonSink(const std::string& reason);
@@ -71,19 +72,19 @@ class StreamSession {
 
   const std::string queue_;
   const SinkFactory openSink_;
-  Stats& stats_;
+  Counters& counters_;
+  Observer& observer_;
   State state_ = State::Idle;
   std::unique_ptr<Sink> sink_;
-  Xxh128 digest_;
+  StreamDigest digest_;
   std::uint64_t lastSequence_ = 0;
   bool cutOffAnother_ = false;  ///< the stream before may still be sending
   bool segmentHasData_ = false;
   std::time_t opened_ = 0;
-  std::uint64_t bytes_ = 0;
   std::uint64_t segments_ = 0;
   std::uint64_t records_ = 0;
 };
 
-}  // namespace korvexd
+}  // namespace korvex::receiver
 
 #endif

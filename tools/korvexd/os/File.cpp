@@ -50,7 +50,7 @@ File& File::operator=(File&& other) noexcept {
 File File::openAt(int folder, const std::string& name, int flags, mode_t mode,
                   const std::string& doing) {
   File file(::openat(folder, name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC, mode));
-  if (file.descriptor() < 0) throw SystemError(doing, errno);
+  if (file.descriptor() < 0) throw receiver::SystemError(doing, errno);
   // A mask that the daemon was started with must not keep the readers of its statistics out. Where
   // there are no permissions, there is nothing to set.
   if ((flags & O_CREAT) != 0) ::fchmod(file.descriptor(), mode);
@@ -59,7 +59,7 @@ File File::openAt(int folder, const std::string& name, int flags, mode_t mode,
 
 File File::openFolder(const std::string& path, const std::string& doing) {
   File folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (folder.descriptor() < 0) throw SystemError(doing, errno);
+  if (folder.descriptor() < 0) throw receiver::SystemError(doing, errno);
   return folder;
 }
 
@@ -68,14 +68,14 @@ void File::writeAll(const void* data, std::size_t size, const std::string& doing
   while (size > 0) {
     const ssize_t written = ::write(descriptor_, rest, size);
     if (written < 0 && errno == EINTR) continue;
-    if (written < 0) throw SystemError(doing, errno);
+    if (written < 0) throw receiver::SystemError(doing, errno);
     rest += written;
     size -= static_cast<std::size_t>(written);
   }
 }
 
 void File::sync(const std::string& doing) {
-  if (::fsync(descriptor_) != 0) throw SystemError(doing, errno);
+  if (::fsync(descriptor_) != 0) throw receiver::SystemError(doing, errno);
 }
 
 void replaceFile(int folder, const std::string& name, const std::string& text, mode_t mode,
@@ -88,9 +88,9 @@ void replaceFile(int folder, const std::string& name, const std::string& text, m
     file.writeAll(text.data(), text.size(), doing);
     file.sync(doing);
     if (::renameat(folder, temporary.c_str(), folder, name.c_str()) != 0) {
-      throw SystemError(doing, errno);
+      throw receiver::SystemError(doing, errno);
     }
-  } catch (const SystemError&) {
+  } catch (const receiver::SystemError&) {
     ::unlinkat(folder, temporary.c_str(), 0);
     throw;
   }
@@ -101,7 +101,7 @@ void renameWithoutReplacing(int folder, const std::string& from, const std::stri
   int result = ::renameat2(folder, from.c_str(), folder, to.c_str(), RENAME_NOREPLACE);
   const bool isUnknown = result != 0 && (errno == EINVAL || errno == ENOSYS);
   if (isUnknown) result = renameInSteps(folder, from.c_str(), to.c_str());
-  if (result != 0) throw SystemError(doing, errno);
+  if (result != 0) throw receiver::SystemError(doing, errno);
 }
 
 }  // namespace korvexd

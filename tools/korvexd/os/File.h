@@ -1,12 +1,15 @@
 #ifndef KORVEXD_FILE_H
 #define KORVEXD_FILE_H
 
+#include <korvex/receiver/SystemError.h>
 #include <sys/types.h>
 
 #include <cstddef>
 #include <string>
 
 namespace korvexd {
+
+namespace receiver = korvex::receiver;
 
 /// An open file or folder. Closed when it goes; an error of closing is not seen, so sync() first
 /// what must be kept. Failures are SystemError, whose text begins with `doing`.

@@ -10,6 +10,8 @@
 
 namespace korvexd {
 
+namespace receiver = korvex::receiver;
+
 /// A thread that runs the task. Throws SystemError "starting the thread of OWNER: ..." when the
 /// system has none to give.
 template <typename Task>
@@ -17,7 +19,7 @@ std::thread startThread(const std::string& owner, Task task) {
   try {
     return std::thread(std::move(task));
   } catch (const std::system_error& error) {
-    throw SystemError("starting the thread of " + owner, error.code().value());
+    throw receiver::SystemError("starting the thread of " + owner, error.code().value());
   }
 }
 

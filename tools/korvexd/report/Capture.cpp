@@ -35,7 +35,7 @@ std::uint64_t highestNumber(const std::string& folder, const std::string& prefix
   for (const auto& file : std::filesystem::directory_iterator(folder, error)) {
     highest = std::max(highest, numberIn(file.path().filename().string(), prefix));
   }
-  if (error) throw SystemError("reading capture folder " + folder, error.value());
+  if (error) throw receiver::SystemError("reading capture folder " + folder, error.value());
   return highest;
 }
 
@@ -48,7 +48,7 @@ std::string padded(std::uint64_t number) {
 
 Capture::Capture(const std::string& folder, const std::string& queue)
     : folder_(File::openFolder(folder, "opening capture folder " + folder)),
-      prefix_(fileNameOf(queue) + "-"),
+      prefix_(korvex::common::fileNameOf(queue) + "-"),
       lastNumber_(highestNumber(folder, prefix_)) {}
 
 void Capture::store(std::uint64_t number, const unsigned char* untrusted, std::size_t size) {

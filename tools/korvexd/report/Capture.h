@@ -1,6 +1,8 @@
 #ifndef KORVEXD_CAPTURE_H
 #define KORVEXD_CAPTURE_H
 
+#include <korvex/receiver/SystemError.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -8,6 +10,8 @@
 #include "korvexd/os/File.h"
 
 namespace korvexd {
+
+namespace receiver = korvex::receiver;
 
 /// Keeps every message of one queue as it came, in files QUEUE-NUMBER.batch. For one thread.
 class Capture {

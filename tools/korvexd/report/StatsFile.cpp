@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <array>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
@@ -12,25 +13,33 @@
 namespace korvexd {
 namespace {
 
+namespace common = korvex::common;
+
 using Json = nlohmann::ordered_json;
 
 constexpr mode_t kFileMode = 0644;
 constexpr int kIndent = 2;
 
-Json jsonOf(const Stats& stats) {
+/// What the file says of one queue, or of all.
+struct Sum {
+  std::array<std::uint64_t, receiver::kCounts> counts = {};
+  std::uint64_t captureFailures = 0;
+};
+
+Json jsonOf(const Sum& sum) {
   Json json = Json::object();
-  for (std::size_t i = 0; i < kCounts; ++i) {
-    const auto count = static_cast<Count>(i);
-    json[nameOf(count)] = stats.get(count);
+  for (const receiver::CountName& name : receiver::kCountNames) {
+    json[name.name] = sum.counts[static_cast<std::size_t>(name.count)];
   }
+  json["capture_failures"] = sum.captureFailures;
   return json;
 }
 
-void addTo(Stats& total, const Stats& stats) {
-  for (std::size_t i = 0; i < kCounts; ++i) {
-    const auto count = static_cast<Count>(i);
-    total.add(count, stats.get(count));
+void add(Sum& sum, const QueueStats& stats) {
+  for (const receiver::CountName& name : receiver::kCountNames) {
+    sum.counts[static_cast<std::size_t>(name.count)] += stats.counters->get(name.count);
   }
+  sum.captureFailures += stats.log->captureFailures();
 }
 
 /// Anything else, /dev/stdout for example, would be swapped for a file.
@@ -43,7 +52,7 @@ void refuseOtherThanFile(const std::string& path) {
 
 }  // namespace
 
-StatsFile::StatsFile(std::string path, std::vector<std::pair<std::string, const Stats*>> queues)
+StatsFile::StatsFile(std::string path, std::vector<QueueStats> queues)
     : path_(std::move(path)), queues_(std::move(queues)) {}
 
 void StatsFile::update() {
@@ -55,11 +64,13 @@ void StatsFile::update() {
 }
 
 std::string StatsFile::text() const {
-  Stats total;
+  Sum total;
   Json queues = Json::object();
-  for (const auto& [name, stats] : queues_) {
-    addTo(total, *stats);
-    queues[jsonNameOf(name)] = jsonOf(*stats);
+  for (const QueueStats& stats : queues_) {
+    Sum own;
+    add(own, stats);
+    add(total, stats);
+    queues[common::jsonNameOf(stats.queue)] = jsonOf(own);
   }
   const Json json = {{"total", jsonOf(total)}, {"queues", queues}};
   return json.dump(kIndent) + "\n";

@@ -2,20 +2,30 @@
 #define KORVEXD_STATS_FILE_H
 
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "korvex/receiver/Counters.h"
+#include <korvex/receiver/Counters.h>
+
+#include "korvexd/report/StreamLog.h"
 
 namespace korvexd {
+
+namespace receiver = korvex::receiver;
+
+/// Where one queue's numbers come from. They outlive the file.
+struct QueueStats {
+  std::string queue;
+  const receiver::Counters* counters;
+  const StreamLog* log;
+};
 
 /// Keeps the counts of all queues as JSON in one file: {"total": {...}, "queues": {NAME: {...}}}.
 ///
 /// Readers see a whole file, the old or the new one. Used by one thread.
 class StatsFile {
  public:
-  /// Keeps pointers to the counts. Touches no file yet.
-  StatsFile(std::string path, std::vector<std::pair<std::string, const Stats*>> queues);
+  /// Touches no file yet.
+  StatsFile(std::string path, std::vector<QueueStats> queues);
 
   /// Writes the file when a count has changed since the last time, and the first time. Throws
   /// SystemError.
@@ -25,7 +35,7 @@ class StatsFile {
   std::string text() const;
 
   std::string path_;
-  std::vector<std::pair<std::string, const Stats*>> queues_;
+  std::vector<QueueStats> queues_;
   std::string written_;
 };
 

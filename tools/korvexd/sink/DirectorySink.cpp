@@ -60,9 +60,10 @@ void DirectorySink::writeData(const unsigned char* data, std::size_t size) {
   onTheWay_ = written_;
 }
 
-void DirectorySink::complete(const StreamSummary& summary) {
+void DirectorySink::complete(const receiver::StreamSummary& summary,
+                             const receiver::StillFinishing&) {
   writeGathered();
-  if (::fdatasync(data_.descriptor()) != 0) throw SystemError("syncing data", errno);
+  if (::fdatasync(data_.descriptor()) != 0) throw receiver::SystemError("syncing data", errno);
   replaceFile(folder_.descriptor(), kManifestName, manifestOf(summary, sha256_.hex(), ""),
               kFileMode, kWritingManifest);
   folder_.sync("syncing stream folder");
@@ -81,14 +82,14 @@ void DirectorySink::publish() {
   // disk that takes nothing any more leaves it as it is.
   const int error = errno;
   isFinal_ = ::renameat(parent, name_.c_str(), parent, partial.c_str()) != 0;
-  throw SystemError("syncing output folder", error);
+  throw receiver::SystemError("syncing output folder", error);
 }
 
-void DirectorySink::abandon(const StreamSummary& summary, const std::string& reason) {
+void DirectorySink::abandon(const receiver::StreamSummary& summary, const std::string& reason) {
   const std::string manifest = manifestOf(summary, sha256_.hex(), reason);
   try {
     replaceFile(folder_.descriptor(), kManifestName, manifest, kFileMode, kWritingManifest);
-  } catch (const SystemError&) {
+  } catch (const receiver::SystemError&) {
     // There may be room where there was none, or in a file that exists already.
     writeGathered();
     throw;

@@ -11,12 +11,14 @@
 
 namespace korvexd {
 
+namespace receiver = korvex::receiver;
+
 /// Stores a stream as a folder with the files "data" and "manifest.json".
 ///
 /// The folder's name ends in ".partial" until the data, the manifest and the folder are on the
 /// disk; only then it gets its final name. So a folder without that ending is complete, whatever
 /// happened to the machine. An incomplete one keeps the ending, and says in its manifest why.
-class DirectorySink : public Sink {
+class DirectorySink : public receiver::Sink {
  public:
   static constexpr const char* kPartialSuffix = ".partial";
 
@@ -29,8 +31,9 @@ class DirectorySink : public Sink {
   DirectorySink(const File& parent, std::string name, const std::string& path);
 
   void write(const unsigned char* data, std::size_t size) override;
-  void complete(const StreamSummary& summary) override;
-  void abandon(const StreamSummary& summary, const std::string& reason) override;
+  void complete(const receiver::StreamSummary& summary,
+                const receiver::StillFinishing& stillFinishing) override;
+  void abandon(const receiver::StreamSummary& summary, const std::string& reason) override;
   std::string place() const override { return path_ + (isFinal_ ? "" : kPartialSuffix); }
 
  private:

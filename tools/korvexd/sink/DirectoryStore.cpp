@@ -1,6 +1,7 @@
 #include "korvexd/sink/DirectoryStore.h"
 
 #include <fcntl.h>
+#include <spdlog/fmt/chrono.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -8,7 +9,6 @@
 #include "korvexd/sink/DirectorySink.h"
 #include "common/QueueName.h"
 #include "korvex/receiver/SystemError.h"
-#include "korvexd/Utc.h"
 
 namespace korvexd {
 namespace {
@@ -20,8 +20,8 @@ constexpr mode_t kFolderMode = 0700;
 DirectoryStore::DirectoryStore(const std::string& path)
     : path_(path), folder_(File::openFolder(path, "opening output folder " + path)) {}
 
-std::unique_ptr<Sink> DirectoryStore::open(const std::string& queue, std::time_t opened) {
-  const std::string prefix = fileNameOf(queue) + "-" + utcForFileName(opened) + "-";
+std::unique_ptr<receiver::Sink> DirectoryStore::open(const std::string& queue, std::time_t opened) {
+  const std::string prefix = fmt::format("{}-{:%Y%m%dT%H%M%SZ}-", korvex::common::fileNameOf(queue), fmt::gmtime(opened));
   for (;;) {
     const std::string name = prefix + std::to_string(++lastNumber_);
     if (tryToMake(name)) return std::make_unique<DirectorySink>(folder_, name, path_);
@@ -35,7 +35,7 @@ bool DirectoryStore::tryToMake(const std::string& name) const {
   if (::fstatat(folder_.descriptor(), name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0) return false;
   const std::string partial = name + DirectorySink::kPartialSuffix;
   if (::mkdirat(folder_.descriptor(), partial.c_str(), kFolderMode) == 0) return true;
-  if (errno != EEXIST) throw SystemError("creating stream folder", errno);
+  if (errno != EEXIST) throw receiver::SystemError("creating stream folder", errno);
   return false;
 }
 

@@ -12,6 +12,8 @@
 
 namespace korvexd {
 
+namespace receiver = korvex::receiver;
+
 /// The folder that streams are stored in, one folder for each, named
 /// QUEUE-yyyymmddThhmmssZ-NUMBER. Outlives its sinks. Any thread may open streams.
 class DirectoryStore {
@@ -20,7 +22,7 @@ class DirectoryStore {
   explicit DirectoryStore(const std::string& path);
 
   /// Makes a folder under a name that was never used here. Throws SystemError.
-  std::unique_ptr<Sink> open(const std::string& queue, std::time_t opened);
+  std::unique_ptr<receiver::Sink> open(const std::string& queue, std::time_t opened);
 
  private:
   bool tryToMake(const std::string& name) const;

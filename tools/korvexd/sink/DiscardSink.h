@@ -5,12 +5,14 @@
 
 namespace korvexd {
 
+namespace receiver = korvex::receiver;
+
 /// Forgets the data. For measuring and for trying out a producer.
-class DiscardSink : public Sink {
+class DiscardSink : public receiver::Sink {
  public:
   void write(const unsigned char*, std::size_t) override {}
-  void complete(const StreamSummary&) override {}
-  void abandon(const StreamSummary&, const std::string&) override {}
+  void complete(const receiver::StreamSummary&, const receiver::StillFinishing&) override {}
+  void abandon(const receiver::StreamSummary&, const std::string&) override {}
   std::string place() const override { return "discarded"; }
 };
 

@@ -1,9 +1,10 @@
 #include "korvexd/sink/Manifest.h"
 
+#include <spdlog/fmt/chrono.h>
+
 #include <nlohmann/json.hpp>
 
 #include "common/QueueName.h"
-#include "korvexd/Utc.h"
 
 namespace korvexd {
 namespace {
@@ -13,12 +14,17 @@ using Json = nlohmann::ordered_json;
 constexpr int kFormatVersion = 1;
 constexpr int kIndent = 2;
 
+/// "2026-11-21T00:56:23Z".
+std::string utcText(std::time_t time) {
+  return fmt::format("{:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(time));
+}
+
 }  // namespace
 
-std::string manifestOf(const StreamSummary& summary, const std::string& sha256,
+std::string manifestOf(const receiver::StreamSummary& summary, const std::string& sha256,
                        const std::string& reason) {
   const Json json = {{"format", kFormatVersion},
-                     {"queue", jsonNameOf(summary.queue)},
+                     {"queue", korvex::common::jsonNameOf(summary.queue)},
                      {"state", reason.empty() ? "complete" : "incomplete"},
                      {"reason", reason},
                      {"bytes", summary.bytes},

@@ -7,8 +7,10 @@
 
 namespace korvexd {
 
+namespace receiver = korvex::receiver;
+
 /// The text of a stream folder's manifest.json. An empty reason means that the stream is complete.
-std::string manifestOf(const StreamSummary& summary, const std::string& sha256,
+std::string manifestOf(const receiver::StreamSummary& summary, const std::string& sha256,
                        const std::string& reason);
 
 }  // namespace korvexd

@@ -1,9 +1,9 @@
 #include "korvexd/sink/Sha256.h"
 
+#include <spdlog/fmt/ranges.h>
+
 #include <new>
 #include <stdexcept>
-
-#include "korvexd/Hex.h"
 
 namespace korvexd {
 namespace {
@@ -31,7 +31,7 @@ std::string Sha256::hex() const {
   unsigned char digest[EVP_MAX_MD_SIZE] = {};
   unsigned int size = 0;
   require(EVP_DigestFinal_ex(copy.get(), digest, &size));
-  return hexOf(digest, size);
+  return fmt::format("{:02x}", fmt::join(digest, digest + size, ""));
 }
 
 }  // namespace korvexd

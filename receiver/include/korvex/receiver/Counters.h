@@ -1,15 +1,16 @@
-#ifndef KORVEXD_STATS_H
-#define KORVEXD_STATS_H
+#ifndef KORVEX_RECEIVER_COUNTERS_H
+#define KORVEX_RECEIVER_COUNTERS_H
 
 #include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <string>
 
-namespace korvexd {
+#include "korvex/receiver/Export.h"
 
-/// What is counted, per queue. The order is that of the names in Stats.cpp.
+namespace korvex::receiver {
+
+/// What a receiver counts from its start on.
 enum class Count : std::size_t {
   StreamsOpened,
   StreamsComplete,
@@ -23,26 +24,46 @@ enum class Count : std::size_t {
   RepliesPending,    ///< waiting for room on the response queue right now
   RepliesWithdrawn,  ///< meant for an earlier producer and taken back
   RepliesLost,       ///< more than could wait
-  QueueReplacements,
-  CaptureFailures
+  QueueReplacements
 };
 
-constexpr std::size_t kCounts = static_cast<std::size_t>(Count::CaptureFailures) + 1;
+/// A count and its name in statistics.
+struct CountName {
+  Count count;
+  const char* name;
+};
 
-/// The name of a count in the statistics file.
-const char* nameOf(Count count) noexcept;
+constexpr CountName kCountNames[] = {{Count::StreamsOpened, "streams_opened"},
+                                     {Count::StreamsComplete, "streams_complete"},
+                                     {Count::StreamsIncomplete, "streams_incomplete"},
+                                     {Count::Records, "records"},
+                                     {Count::DroppedRecords, "dropped_records"},
+                                     {Count::Bytes, "bytes"},
+                                     {Count::Batches, "batches"},
+                                     {Count::BadBatches, "bad_batches"},
+                                     {Count::RepliesSent, "replies_sent"},
+                                     {Count::RepliesPending, "replies_pending"},
+                                     {Count::RepliesWithdrawn, "replies_withdrawn"},
+                                     {Count::RepliesLost, "replies_lost"},
+                                     {Count::QueueReplacements, "queue_replacements"}};
 
-/// The counts of one queue. One thread counts, any may read.
-class Stats {
+constexpr std::size_t kCounts = sizeof kCountNames / sizeof *kCountNames;
+static_assert(kCounts == static_cast<std::size_t>(Count::QueueReplacements) + 1,
+              "one name for each count");
+
+/// The counts of one receiver. One thread counts, any may read; each number is right, but numbers
+/// read one after the other may be of different moments.
+class KORVEX_RECEIVER_EXPORT Counters {
  public:
+  std::uint64_t get(Count count) const noexcept;
+
   void add(Count count, std::uint64_t number = 1) noexcept;
   void set(Count count, std::uint64_t number) noexcept;
-  std::uint64_t get(Count count) const noexcept;
 
  private:
   std::array<std::atomic<std::uint64_t>, kCounts> counts_ = {};
 };
 
-}  // namespace korvexd
+}  // namespace korvex::receiver
 
 #endif

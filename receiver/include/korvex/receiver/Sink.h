@@ -1,53 +1,57 @@
-#ifndef KORVEXD_SINK_H
-#define KORVEXD_SINK_H
+#ifndef KORVEX_RECEIVER_SINK_H
+#define KORVEX_RECEIVER_SINK_H
 
 #include <cstddef>
-#include <cstdint>
 #include <ctime>
 #include <functional>
 #include <memory>
 #include <string>
 
-namespace korvexd {
+#include "korvex/receiver/Export.h"
+#include "korvex/receiver/StreamSummary.h"
 
-/// What is known of a stream when it ends.
-struct StreamSummary {
-  std::string queue;
-  std::time_t opened;
-  std::time_t closed;
-  std::uint64_t bytes;
-  std::uint64_t segments;  ///< that held data
-  std::uint64_t records;
-  std::string xxh128;  ///< hex digits of the data's digest
-};
+namespace korvex::receiver {
+
+/// For a sink whose complete() takes a while: call it at least once a second. It tells the producer
+/// that the daemon is alive. False means that the daemon is ending: return or throw soon.
+using StillFinishing = std::function<bool()>;
 
 /// Where the data of one stream goes.
 ///
-/// Lives for one stream: any number of write(), then exactly one of complete() and abandon(). One
-/// that is destroyed before looks like the work of a daemon that died: whatever is left must not
-/// be taken for a complete stream. Used by one thread. Failures are SystemError.
-class Sink {
+/// Lives for one stream: any number of write(), then exactly one of complete() and abandon(), all on
+/// the receiver's thread. A sink that is destroyed before looks like the work of a daemon that died:
+/// what it leaves must not be taken for a complete stream.
+///
+/// Failures are exceptions derived from std::exception. The producer gets status 5 and the text, of
+/// which 127 characters arrive, and abandon() follows.
+class KORVEX_RECEIVER_EXPORT Sink {
  public:
-  virtual ~Sink() = default;
+  Sink() = default;
+  virtual ~Sink();
+  Sink(const Sink&) = delete;
+  Sink& operator=(const Sink&) = delete;
 
-  /// Takes the next bytes of the stream, in order.
+  /// Takes the next bytes of the stream, in order. They are gone when it returns.
   virtual void write(const unsigned char* data, std::size_t size) = 0;
 
-  /// Nothing is missing. When this returns, the data is as safe as this sink can make it. When it
-  /// throws, abandon() follows.
-  virtual void complete(const StreamSummary& summary) = 0;
+  /// Nothing is missing. The producer gets its receipt when this returns, so by then the data must
+  /// be as safe as this sink can make it.
+  virtual void complete(const StreamSummary& summary, const StillFinishing& stillFinishing) = 0;
 
-  /// The stream ended early. What is there must be visibly incomplete. Also after write() threw.
+  /// The stream ended early, or write() or complete() threw. What is there must be visibly
+  /// incomplete.
   virtual void abandon(const StreamSummary& summary, const std::string& reason) = 0;
 
-  /// For people: where the data is, or became of it.
+  /// For people: where the data is, or what became of it.
   virtual std::string place() const = 0;
 };
 
-/// Makes the sink of a stream that opens on this queue at this time. Called by several threads.
+/// Makes the sink of a stream that opens on this queue at this time. Called on the receiver's
+/// thread; with several receivers, by several threads at once. What it throws goes to the producer
+/// as a sink's failures do.
 using SinkFactory =
     std::function<std::unique_ptr<Sink>(const std::string& queue, std::time_t opened)>;
 
-}  // namespace korvexd
+}  // namespace korvex::receiver
 
 #endif

@@ -1,35 +1,42 @@
-#ifndef KORVEXD_XXH128_H
-#define KORVEXD_XXH128_H
-
-#include <xxhash.h>
+#ifndef KORVEX_RECEIVER_STREAM_DIGEST_H
+#define KORVEX_RECEIVER_STREAM_DIGEST_H
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
-#include <string>
 
-namespace korvexd {
+#include "korvex/receiver/Export.h"
+#include "korvex/receiver/Receipt.h"
 
-/// XXH3 with 128 bits over bytes that come in pieces. Fast enough for both ends of every stream.
-class Xxh128 {
+namespace korvex::receiver {
+
+/// Counts and digests a stream's data as it goes by: XXH3 with 128 bits, fast enough for both ends
+/// of every stream. It finds accidents, not forgeries.
+class KORVEX_RECEIVER_EXPORT StreamDigest {
  public:
-  Xxh128();
+  /// Throws std::bad_alloc.
+  StreamDigest();
+  ~StreamDigest();
+  StreamDigest(const StreamDigest&) = delete;
+  StreamDigest& operator=(const StreamDigest&) = delete;
 
-  void update(const void* data, std::size_t size) noexcept;
+  void add(const unsigned char* data, std::size_t size) noexcept;
 
-  /// Of everything so far: 32 lower-case hex digits, most significant first.
-  std::string hex() const;
+  std::uint64_t bytes() const noexcept { return bytes_; }
 
-  /// Starts anew.
+  /// What a receipt for the data so far says.
+  Receipt expected() const;
+
+  /// Starts again with nothing.
   void reset() noexcept;
 
  private:
-  struct Free {
-    void operator()(XXH3_state_t* state) const noexcept { XXH3_freeState(state); }
-  };
+  struct State;
 
-  std::unique_ptr<XXH3_state_t, Free> state_;
+  std::unique_ptr<State> state_;
+  std::uint64_t bytes_ = 0;
 };
 
-}  // namespace korvexd
+}  // namespace korvex::receiver
 
 #endif

@@ -1,17 +1,21 @@
-#ifndef KORVEXD_SYSTEM_ERROR_H
-#define KORVEXD_SYSTEM_ERROR_H
+#ifndef KORVEX_RECEIVER_SYSTEM_ERROR_H
+#define KORVEX_RECEIVER_SYSTEM_ERROR_H
 
 #include <stdexcept>
 #include <string>
 
-namespace korvexd {
+#include "korvex/receiver/Export.h"
+
+namespace korvex::receiver {
 
 /// A call to the system that failed. The text is
-/// "writing data: error 28 (No space left on device)".
-class SystemError : public std::runtime_error {
+/// "writing data: error 28 (No space left on device)", which a producer reads in a failure reply, so
+/// sinks do well to throw it too.
+class KORVEX_RECEIVER_EXPORT SystemError : public std::runtime_error {
  public:
   /// `doing` says what failed, `number` is the errno.
   SystemError(const std::string& doing, int number);
+  ~SystemError() override;
 
   int number() const noexcept { return number_; }
 
@@ -19,6 +23,6 @@ class SystemError : public std::runtime_error {
   int number_;
 };
 
-}  // namespace korvexd
+}  // namespace korvex::receiver
 
 #endif

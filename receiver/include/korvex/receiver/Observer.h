@@ -1,0 +1,65 @@
+#ifndef KORVEX_RECEIVER_OBSERVER_H
+#define KORVEX_RECEIVER_OBSERVER_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "korvex/receiver/Export.h"
+#include "korvex/receiver/StreamSummary.h"
+
+namespace korvex::receiver {
+
+/// Hears what happens on one receiver's queues, for logs and alarms. The receiver itself logs
+/// nothing.
+///
+/// Every operation does nothing until it is overridden; all are called on the receiver's thread, and
+/// what they take of its time is missing there. They are noexcept: an observer that fails must keep
+/// its failure to itself.
+///
+/// Texts may hold bytes that a producer chose. Escape them before a terminal or a log sees them.
+class KORVEX_RECEIVER_EXPORT Observer {
+ public:
+  Observer() = default;
+  virtual ~Observer();
+  Observer(const Observer&) = delete;
+  Observer& operator=(const Observer&) = delete;
+
+  /// Every message as it came, before anything looked at it: nothing about the bytes is known.
+  /// Messages are numbered from 1 on.
+  virtual void messageReceived(std::uint64_t number, const unsigned char* untrusted,
+                               std::size_t size) noexcept;
+
+  virtual void streamOpened(const std::string& place) noexcept;
+
+  /// The sink has everything; the receipt follows.
+  virtual void streamComplete(const StreamSummary& summary, const std::string& place) noexcept;
+
+  /// A stream that was open ended early. `place` is empty when nothing was stored.
+  virtual void streamIncomplete(const StreamSummary& summary, const std::string& reason,
+                                const std::string& place) noexcept;
+
+  /// A sink's abandon() threw: what it left may not say that it is incomplete.
+  virtual void abandoningFailed(const std::string& reason) noexcept;
+
+  /// A message that is no batch. An open stream ends by it.
+  virtual void batchRefused(std::uint64_t number, const std::string& defect) noexcept;
+
+  /// A record that breaks the protocol while no stream is open.
+  virtual void recordRefused(const std::string& defect) noexcept;
+
+  /// The queues are of no more use and have been given up. New ones are tried for from now on.
+  virtual void queuesLost(const std::string& reason) noexcept;
+
+  /// The first of the tries that failed in a row.
+  virtual void queuesNotReplaced(const std::string& reason) noexcept;
+
+  virtual void queuesReplaced() noexcept;
+
+  /// The receiver ended while so many messages were waiting.
+  virtual void messagesLeft(std::size_t count) noexcept;
+};
+
+}  // namespace korvex::receiver
+
+#endif

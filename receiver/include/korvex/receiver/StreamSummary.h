@@ -1,0 +1,23 @@
+#ifndef KORVEX_RECEIVER_STREAM_SUMMARY_H
+#define KORVEX_RECEIVER_STREAM_SUMMARY_H
+
+#include <cstdint>
+#include <ctime>
+#include <string>
+
+namespace korvex::receiver {
+
+/// What is known of a stream when it ends.
+struct StreamSummary {
+  std::string queue;
+  std::time_t opened = 0;
+  std::time_t closed = 0;
+  std::uint64_t bytes = 0;     ///< of data, handed to the sink
+  std::uint64_t segments = 0;  ///< that held data
+  std::uint64_t records = 0;   ///< the open and the close record included
+  std::string xxh128;          ///< of all data: 32 lower-case hex digits
+};
+
+}  // namespace korvex::receiver
+
+#endif

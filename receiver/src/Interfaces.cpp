@@ -1,0 +1,24 @@
+#include "korvex/receiver/Observer.h"
+#include "korvex/receiver/Sink.h"
+
+// The interfaces' tables live here, so that every binary has the same ones.
+namespace korvex::receiver {
+
+Sink::~Sink() = default;
+
+Observer::~Observer() = default;
+
+void Observer::messageReceived(std::uint64_t, const unsigned char*, std::size_t) noexcept {}
+void Observer::streamOpened(const std::string&) noexcept {}
+void Observer::streamComplete(const StreamSummary&, const std::string&) noexcept {}
+void Observer::streamIncomplete(const StreamSummary&, const std::string&,
+                                const std::string&) noexcept {}
+void Observer::abandoningFailed(const std::string&) noexcept {}
+void Observer::batchRefused(std::uint64_t, const std::string&) noexcept {}
+void Observer::recordRefused(const std::string&) noexcept {}
+void Observer::queuesLost(const std::string&) noexcept {}
+void Observer::queuesNotReplaced(const std::string&) noexcept {}
+void Observer::queuesReplaced() noexcept {}
+void Observer::messagesLeft(std::size_t) noexcept {}
+
+}  // namespace korvex::receiver

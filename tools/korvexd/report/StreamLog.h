@@ -1,0 +1,46 @@
+#ifndef KORVEXD_REPORT_STREAM_LOG_H
+#define KORVEXD_REPORT_STREAM_LOG_H
+
+#include <korvex/receiver/Observer.h>
+
+#include <atomic>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "korvexd/report/Capture.h"
+
+namespace korvexd {
+
+/// Logs what happens on one queue, and captures its messages when asked to.
+class StreamLog : public korvex::receiver::Observer {
+ public:
+  /// Captures into the folder, if any. Throws SystemError when that cannot be used.
+  StreamLog(std::string queue, const std::optional<std::string>& captureFolder);
+
+  /// Messages that could not be captured. May be read by any thread.
+  std::uint64_t captureFailures() const noexcept { return captureFailures_; }
+
+  void messageReceived(std::uint64_t number, const unsigned char* untrusted,
+                       std::size_t size) noexcept override;
+  void streamComplete(const korvex::receiver::StreamSummary& summary,
+                      const std::string& place) noexcept override;
+  void streamIncomplete(const korvex::receiver::StreamSummary& summary, const std::string& reason,
+                        const std::string& place) noexcept override;
+  void abandoningFailed(const std::string& reason) noexcept override;
+  void batchRefused(std::uint64_t number, const std::string& defect) noexcept override;
+  void recordRefused(const std::string& defect) noexcept override;
+  void queuesLost(const std::string& reason) noexcept override;
+  void queuesNotReplaced(const std::string& reason) noexcept override;
+  void queuesReplaced() noexcept override;
+
+ private:
+  std::string queue_;
+  std::optional<Capture> capture_;
+  std::uint64_t firstNumber_ = 0;  ///< messages that earlier daemons captured
+  std::atomic<std::uint64_t> captureFailures_{0};
+};
+
+}  // namespace korvexd
+
+#endif
