@@ -3,10 +3,10 @@
 #include <ostream>
 #include <sstream>
 
+#include "korvex/Status.h"
 #include "shm/BatchAppend.h"
 #include "support/Adler32.h"
 #include "support/BigEndian.h"
-#include "support/Status.h"
 #include "support/Text.h"
 #include "support/Trace.h"
 
@@ -26,15 +26,6 @@ ShmBatch::Entry takeEntry(const unsigned char*& position, qmx_shm_message_t& hea
 void printEntry(std::ostream& stream, const ShmBatch::Entry& entry) {
   stream << "type=" << entry.header.type << ", len=" << entry.header.len;
   if (entry.header.len != 0) stream << ", crc=" << adler32(entry.data, entry.header.len);
-}
-
-/// Plain digits need a stream of the library's own; the caller's flags and locale stay out of it.
-/// It throws when memory runs out: half a text would look like a whole one.
-std::ostringstream plainStream() {
-  std::ostringstream stream;
-  stream.exceptions(std::ios::badbit);
-  stream.imbue(std::locale::classic());
-  return stream;
 }
 
 std::ostream& writeTo(std::ostream& stream, const std::string& text) {
@@ -137,12 +128,14 @@ void ShmBatch::clear() {
 }
 
 std::ostream& operator<<(std::ostream& stream, const ShmBatch::Entry& entry) {
+  stream.width(0);
   std::ostringstream text = plainStream();
   printEntry(text, entry);
   return writeTo(stream, text.str());
 }
 
 std::ostream& operator<<(std::ostream& stream, const ShmBatch& batch) {
+  stream.width(0);
   std::ostringstream text = plainStream();
   text << "ShmBatch: entries=" << batch.getNumEntries() << ", bufferSize=" << batch.bufferSize_
        << ", used=" << batch.usedSize_;

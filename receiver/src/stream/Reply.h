@@ -10,7 +10,7 @@ namespace korvex::receiver {
 using Reply = qmx_shm_response_t;
 
 /// The daemon's own status for data that could not be stored. Damaged batches and streams that
-/// break the protocol have the library's status for corrupt data, 32.
+/// break the protocol have korvex::kStatusCorrupt.
 constexpr ov_status_t kStatusSinkFailed = 5;
 
 /// A text above 127 characters is cut, so what matters comes first.

@@ -3,8 +3,8 @@
 #include <exception>
 #include <utility>
 
+#include "korvex/Status.h"
 #include "shm/Format.h"
-#include "support/Status.h"
 
 namespace korvex::receiver {
 namespace {

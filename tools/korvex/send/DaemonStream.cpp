@@ -9,8 +9,8 @@
 #include "Failure.h"
 #include "common/Printable.h"
 #include "korvex/receiver/Receipt.h"
+#include "korvex/Status.h"
 #include "queue/Pause.h"
-#include "support/Status.h"
 #include "support/Trace.h"
 
 namespace korvex::tool {
