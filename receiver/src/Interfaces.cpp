@@ -6,6 +6,8 @@ namespace korvex::receiver {
 
 Sink::~Sink() = default;
 
+std::string Sink::place() const { return ""; }
+
 Observer::~Observer() = default;
 
 void Observer::messageReceived(std::uint64_t, const unsigned char*, std::size_t) noexcept {}

@@ -42,8 +42,8 @@ class KORVEX_RECEIVER_EXPORT Sink {
   /// incomplete.
   virtual void abandon(const StreamSummary& summary, const std::string& reason) = 0;
 
-  /// For people: where the data is, or what became of it.
-  virtual std::string place() const = 0;
+  /// For observers: where the data is, or what became of it. Empty by default.
+  virtual std::string place() const;
 };
 
 /// Makes the sink of a stream that opens on this queue at this time. Called on the receiver's
