@@ -2,7 +2,6 @@
 
 #include <cxxabi.h>
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -17,6 +16,7 @@
 #include <utility>
 
 #include "queue/Pause.h"
+#include "queue/SignalsBlocked.h"
 #include "queue/NoCancellation.h"
 
 #ifndef BOOST_INTERPROCESS_ENABLE_TIMEOUT_WHEN_LOCKING
@@ -66,27 +66,10 @@ void wait(Pause& pause, MessageQueue::Clock::time_point deadline) {
   }
 }
 
-/// Keeps signals waiting, for this thread, while it lives.
-class SignalsWait {
- public:
-  SignalsWait() {
-    sigset_t all;
-    ::sigfillset(&all);
-    ::pthread_sigmask(SIG_SETMASK, &all, &before_);
-  }
-  ~SignalsWait() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-  SignalsWait(const SignalsWait&) = delete;
-  SignalsWait& operator=(const SignalsWait&) = delete;
-
- private:
-  sigset_t before_;
-};
-
-/// Returns the error. A signal makes the system give back what it has allocated so far: a large
-/// object would never be whole under signals that come faster than it grows. Those that cannot be
-/// made to wait are rare.
+/// Returns an errno value. posix_fallocate() starts over after EINTR, so frequent signals could
+/// starve it: blocks them and retries.
 int allocate(int file, off_t size) {
-  const SignalsWait signalsWait;
+  const SignalsBlocked blocked;
   int error = 0;
   do {
     error = ::posix_fallocate(file, 0, size);
@@ -104,8 +87,8 @@ void reserve(const std::string& name, off_t size) {
   if (error != 0) throwSystemError(error);
 }
 
-/// Whether there is room for `size` bytes, found by taking them for a moment under a name of its
-/// own. Creating a queue touches its pages, so it is too late to ask afterwards.
+/// Reserves `size` bytes under a scratch name and releases them: creating the queue would crash
+/// (SIGBUS) where this fails.
 void tryRoom(const std::string& name, off_t size) {
   const std::string trial = name + ".room";
   const int file = ::shm_open(trial.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
@@ -122,19 +105,19 @@ off_t fileSizeOf(const MessageQueue::Limits& limits) {
 
 }  // namespace
 
-struct MessageQueue::Transport {
+struct MessageQueue::Mapping {
   template <typename... Arguments>
-  explicit Transport(Arguments&&... arguments) : queue(std::forward<Arguments>(arguments)...) {}
+  explicit Mapping(Arguments&&... arguments) : queue(std::forward<Arguments>(arguments)...) {}
 
   /// Never unmaps this one again. It stays reachable, so that a leak checker sees the intention.
   void pin() noexcept {
-    static std::atomic<Transport*> newestPinned{nullptr};
+    static std::atomic<Mapping*> newestPinned{nullptr};
     olderPinned = newestPinned.exchange(this);
   }
 
   ipc::message_queue queue;
   std::exception_ptr broken;  ///< what was thrown when the lock turned out to be broken
-  Transport* olderPinned = nullptr;
+  Mapping* olderPinned = nullptr;
 };
 
 MessageQueue::MessageQueue(const std::string& name, Clock::time_point deadline) {
@@ -148,7 +131,7 @@ MessageQueue::MessageQueue(const std::string& name, Limits limits, mode_t mode) 
   tryRoom(name, size);
   const ipc::permissions permissions(static_cast<int>(mode));
   try {
-    transport_ = std::make_unique<Transport>(ipc::create_only, name.c_str(), limits.messages,
+    mapping_ = std::make_unique<Mapping>(ipc::create_only, name.c_str(), limits.messages,
                                              limits.messageSize, permissions);
     reserve(name, size);
     view_ = QueueView(name);
@@ -162,8 +145,8 @@ MessageQueue::MessageQueue(const std::string& name, Limits limits, mode_t mode) 
 
 MessageQueue::~MessageQueue() {
   // Unmapping would leave the thread with a dangling lock; the next robust lock it takes crashes.
-  if (kBrokenLockPinsMapping && transport_->broken) {
-    transport_.release()->pin();
+  if (kBrokenLockPinsMapping && mapping_->broken) {
+    mapping_.release()->pin();
   }
 }
 
@@ -184,10 +167,10 @@ bool MessageQueue::isOpenedAtOnce(const std::string& name) {
   if (view_.state() == QueueView::State::Unreachable) throwSystemError(view_.systemError());
   if (view_.state() == QueueView::State::Damaged) throwDamaged();
   if (view_.state() != QueueView::State::Sound) return false;
-  transport_ = std::make_unique<Transport>(ipc::open_only, name.c_str());
+  mapping_ = std::make_unique<Mapping>(ipc::open_only, name.c_str());
   // The library opens by name; only what the view holds has been looked at.
   if (view_.isStillNamed(name)) return true;
-  transport_.reset();
+  mapping_.reset();
   return false;
 }
 
@@ -209,12 +192,12 @@ bool MessageQueue::isChanging(QueueView::Use use) const {
 /// outcome, everything else passes.
 template <typename Operation>
 MessageQueue::Outcome MessageQueue::attempt(QueueView::Use use, Operation operation) {
-  if (transport_->broken) std::rethrow_exception(transport_->broken);
+  if (mapping_->broken) std::rethrow_exception(mapping_->broken);
   if (isChanging(use)) return Outcome::LockTaken;
   try {
-    return operation(transport_->queue) ? Outcome::Done : Outcome::NotReady;
+    return operation(mapping_->queue) ? Outcome::Done : Outcome::NotReady;
   } catch (const ipc::lock_exception&) {  // GCOVR_EXCL_BR_LINE: the library throws its own only
-    transport_->broken = std::current_exception();
+    mapping_->broken = std::current_exception();
     throw;
   } catch (const ipc::interprocess_exception& error) {
     if (error.get_error_code() != ipc::timeout_when_locking_error) throw;

@@ -84,7 +84,7 @@ class MessageQueue {
   static bool remove(const std::string& name) noexcept;
 
  private:
-  struct Transport;
+  struct Mapping;
 
   void open(const std::string& name, Clock::time_point deadline);
   bool isOpenedAtOnce(const std::string& name);
@@ -94,7 +94,7 @@ class MessageQueue {
   template <typename Operation>
   Outcome attempt(QueueView::Use use, Operation operation);
 
-  std::unique_ptr<Transport> transport_;
+  std::unique_ptr<Mapping> mapping_;
   QueueView view_;
 };
 

@@ -13,36 +13,17 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <limits>
 #include <optional>
 #include <utility>
 
 #include "queue/NoCancellation.h"
+#include "queue/QueueLayout.h"
 
 namespace korvex {
 namespace {
 
-// The object starts with a word that says how far its creator came; the queue's header follows.
-constexpr std::uint32_t kUninitialized = 0;
-constexpr std::uint32_t kInitializing = 1;
-constexpr std::uint32_t kInitialized = 2;
-
-constexpr std::size_t kInitWordOffset = 0;
-constexpr std::size_t kIndexPointerOffset = 16;
-constexpr std::size_t kMaxMessagesOffset = 24;
-constexpr std::size_t kMaxMessageSizeOffset = 32;
-constexpr std::size_t kMessagesOffset = 40;
-constexpr std::size_t kLockWordOffset = 48;
-constexpr std::size_t kLockOwnerOffset = 56;
-constexpr std::size_t kFirstMessageOffset = 184;
-constexpr std::size_t kHeaderEnd = 208;
-
-constexpr std::uint64_t kIndexPointer = 192;  // from the pointer itself to the header's end
-constexpr std::uint64_t kIndexEntrySize = 8;
-constexpr std::uint64_t kSlotHeaderSize = 16;
-constexpr std::uint64_t kSlotAlignment = 8;
 constexpr std::uint64_t kMostEntriesChecked = 65536;  // a hostile object may claim any number
-constexpr std::uint64_t kSmallestQueue = 240;         // one message of one byte
+constexpr std::uint64_t kNoSlot = 0;  // where every object has its init word
 constexpr std::size_t kCacheLine = 64;
 
 /// How many looks must find a free lock and odd fields before a queue counts as damaged. Between
@@ -50,8 +31,7 @@ constexpr std::size_t kCacheLine = 64;
 /// lock; that this happens in each of several looks is out of the question.
 constexpr unsigned kLooksUntilDamaged = 3;
 
-/// Pages that are at hand twice count twice in the process's memory, so not for any number of
-/// queues.
+/// Prefaulted pages are mapped a second time and count twice in the RSS, so their total is capped.
 constexpr std::size_t kMostFetchableBytes = std::size_t{8} << 20;
 std::atomic<std::size_t> fetchableBytes{0};
 
@@ -62,7 +42,6 @@ constexpr int kPopulateForReading = 22;  // as Linux has it from 5.14 on
 #endif
 
 constexpr std::size_t kLongestPath = sizeof "/dev/shm//" + NAME_MAX;
-constexpr std::size_t kLargestObject = std::numeric_limits<off_t>::max();
 
 /// The header's fields as one look found them.
 class Header {
@@ -102,45 +81,6 @@ bool isFillSound(const Header& header) {
   const std::uint64_t messages = header.size(kMaxMessagesOffset);
   return header.size(kMessagesOffset) <= messages && header.size(kFirstMessageOffset) < messages;
 }
-
-constexpr std::uint64_t slotSizeFor(std::uint64_t messageSize) {
-  return kSlotHeaderSize + (messageSize + kSlotAlignment - 1) / kSlotAlignment * kSlotAlignment;
-}
-
-/// Where the slots of a queue with these limits lie in its object.
-class Slots {
- public:
-  Slots(std::uint64_t messages, std::uint64_t messageSize) noexcept
-      : messages_(messages),
-        messageSize_(messageSize),
-        begin_(kHeaderEnd + messages * kIndexEntrySize),
-        slotSize_(slotSizeFor(messageSize)) {}
-
-  static std::uint64_t entryOffset(std::uint64_t entry) noexcept {
-    return kHeaderEnd + entry * kIndexEntrySize;
-  }
-
-  /// The offset that an index entry leads to: entries count from their own place.
-  static std::uint64_t target(std::uint64_t entry, std::uint64_t untrusted) noexcept {
-    return entryOffset(entry) + untrusted;  // backwards is a number that wraps
-  }
-
-  bool startAt(std::uint64_t offset) const noexcept {
-    return offset >= begin_ && (offset - begin_) % slotSize_ == 0 &&
-           (offset - begin_) / slotSize_ < messages_;
-  }
-
-  /// Whether a message of this length lies inside its slot.
-  bool hold(std::uint64_t untrustedLength) const noexcept {
-    return untrustedLength <= messageSize_;
-  }
-
- private:
-  std::uint64_t messages_;
-  std::uint64_t messageSize_;
-  std::uint64_t begin_;
-  std::uint64_t slotSize_;
-};
 
 template <typename Integer>
 bool readNumber(int file, std::uint64_t offset, Integer& value) {
@@ -280,7 +220,7 @@ void QueueView::look(int file) noexcept {
     state_ = State::Unfinished;
     return;
   }
-  if (fileSize < kSmallestQueue) return;
+  if (fileSize < kSmallestObject) return;
   device_ = found.st_dev;
   inode_ = found.st_ino;
   for (unsigned looks = 0; looks < kLooksUntilDamaged; ++looks) {
@@ -318,21 +258,19 @@ bool QueueView::isStillNamed(const std::string& name) const noexcept {
 }
 
 std::size_t QueueView::fileSize(std::size_t messages, std::size_t messageSize) noexcept {
-  if (messages == 0 || messageSize == 0 || messageSize > kLargestObject) return 0;
-  const std::size_t perMessage = kIndexEntrySize + slotSizeFor(messageSize);
-  // Divides first: limits may come from a foreign object, and their product could wrap.
-  if (messages > (kLargestObject - kHeaderEnd) / perMessage) return 0;
-  return kHeaderEnd + messages * perMessage;
+  return objectSize(messages, messageSize);
 }
 
 std::uint64_t QueueView::number(std::size_t offset) const noexcept {
   return load<std::uint64_t>(window_, offset);
 }
 
-bool QueueView::leadsToSlot(std::size_t entry) const noexcept {
+/// The slot that an index entry leads to; kNoSlot when it leads elsewhere, or when the slot claims
+/// more bytes than it has.
+std::uint64_t QueueView::slotOf(std::size_t entry) const noexcept {
   const Slots slots(maxMessages_, maxMessageSize_);
-  const std::uint64_t target = Slots::target(entry, number(Slots::entryOffset(entry)));
-  return slots.startAt(target) && slots.hold(number(target));
+  const std::uint64_t slot = Slots::target(entry, number(Slots::entryOffset(entry)));
+  return slots.startAt(slot) && slots.hold(number(slot)) ? slot : kNoSlot;
 }
 
 bool QueueView::areLimitsIntact() const noexcept {
@@ -350,10 +288,10 @@ bool QueueView::isFillIntact(Use use) const noexcept {
   // taken next is the last. The two numbers may be of different moments, but any pair of numbers
   // in range leads to entries that are sound in a sound queue.
   const std::size_t next = first == 0 ? maxMessages_ - 1 : first - 1;
-  if (use != Use::Receive && (!leadsToSlot(first) || !leadsToSlot(next))) return false;
+  if (use != Use::Receive && (slotOf(first) == kNoSlot || slotOf(next) == kNoSlot)) return false;
   const std::size_t last =
       next + stored < maxMessages_ ? next + stored : next + stored - maxMessages_;
-  return use == Use::Send || leadsToSlot(last);
+  return use == Use::Send || slotOf(last) != kNoSlot;
 }
 
 bool QueueView::isIntact(Use use) const noexcept { return areLimitsIntact() && isFillIntact(use); }
@@ -389,12 +327,10 @@ std::size_t QueueView::fetchNext() noexcept {
   // A single message is mostly one that the sender has just left: it is not held up by a copy.
   if (count < 2 || count > maxMessages_ || first >= maxMessages_ || !isFetchable()) return 0;
 
-  const std::size_t entry = kHeaderEnd + kIndexEntrySize * ((first + count - 1) % maxMessages_);
-  const std::size_t slot = entry + number(entry);
-  if (slot > windowSize_ - kSlotHeaderSize || slot % kSlotAlignment != 0) return 0;
-  const std::size_t size = number(slot);
+  const std::uint64_t slot = slotOf((first + count - 1) % maxMessages_);
+  if (slot == kNoSlot) return 0;
+  const std::size_t size = std::min(number(slot), maxMessageSize_);  // it may have changed
   const std::size_t data = slot + kSlotHeaderSize;
-  if (size > windowSize_ - data) return 0;
   for (std::size_t at = data; at < data + size; at += kCacheLine) {
     __builtin_prefetch(window_ + at, 0, 2);
   }

@@ -89,7 +89,7 @@ class QueueView {
   void release() noexcept;
   bool areLimitsIntact() const noexcept;
   bool isFillIntact(Use use) const noexcept;
-  bool leadsToSlot(std::size_t indexEntry) const noexcept;
+  std::uint64_t slotOf(std::size_t indexEntry) const noexcept;
   pid_t lockOwner() const noexcept;
   std::uint64_t number(std::size_t offset) const noexcept;
   bool isFetchable() noexcept;

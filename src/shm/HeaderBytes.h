@@ -3,14 +3,11 @@
 
 #include <emmintrin.h>
 
-#include <cstddef>
-
 #include "korvex/ShmCommon.h"
+#include "shm/Format.h"
 #include "support/BigEndian.h"
 
 namespace korvex {
-
-constexpr unsigned long kHeaderSize = 48;
 
 /// Four 32-bit integers, each with its bytes the other way round.
 inline __m128i swappedWords(__m128i words) noexcept {
@@ -25,19 +22,16 @@ inline __m128i swappedWords(__m128i words) noexcept {
 /// limited by how many stores the processor takes, not by how wide they are. The first fields go by
 /// themselves, for they change with every record, and a wide load would wait for them.
 inline unsigned char* putHeader(unsigned char* bytes, const qmx_shm_message_t& header) noexcept {
-  static_assert(offsetof(qmx_shm_message_t, segmentCount) == 16, "after type, len and sequence");
-  static_assert(offsetof(qmx_shm_message_t, segmentEmpty) == 24, "segState follows");
-  static_assert(offsetof(qmx_shm_message_t, algParam1) == 32, "three more words follow");
   const std::uint64_t typeAndLen = joined(header.type, header.len);
   const std::uint64_t sequence = header.sequence;
   const auto* const source = reinterpret_cast<const unsigned char*>(&header);
-  const __m128i middle = _mm_loadu_si128(reinterpret_cast<const __m128i*>(source + 16));
-  const __m128i last = _mm_loadu_si128(reinterpret_cast<const __m128i*>(source + 32));
+  const __m128i middle = _mm_loadu_si128(reinterpret_cast<const __m128i*>(source + kSegmentCountOffset));
+  const __m128i last = _mm_loadu_si128(reinterpret_cast<const __m128i*>(source + kAlgParamsOffset));
   putBig64(putBig64(bytes, typeAndLen), sequence);
   // The 64-bit count has its two words the other way round as well.
   const __m128i countFirst = _mm_shuffle_epi32(swappedWords(middle), 0xe1);
-  _mm_storeu_si128(reinterpret_cast<__m128i*>(bytes + 16), countFirst);
-  _mm_storeu_si128(reinterpret_cast<__m128i*>(bytes + 32), swappedWords(last));
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(bytes + kSegmentCountOffset), countFirst);
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(bytes + kAlgParamsOffset), swappedWords(last));
   return bytes + kHeaderSize;
 }
 

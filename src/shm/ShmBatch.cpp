@@ -4,7 +4,7 @@
 #include <sstream>
 
 #include "korvex/Status.h"
-#include "shm/BatchAppend.h"
+#include "shm/ShmBatchInline.h"
 #include "support/Adler32.h"
 #include "support/BigEndian.h"
 #include "support/Text.h"
@@ -12,9 +12,6 @@
 
 namespace korvex {
 namespace {
-
-constexpr std::uint32_t kMetaDataMagic = 0xff00ee11;
-constexpr unsigned long kMetaDataSize = 8;
 
 /// Reads the entry at `position` and moves the position past it.
 ShmBatch::Entry takeEntry(const unsigned char*& position, qmx_shm_message_t& header) {
@@ -63,9 +60,7 @@ ShmBatch::Entry::Entry(const unsigned char* entryData) : data(entryData) {
 ShmBatch::ShmBatch(unsigned long bufferSize)
     : bufferSize_(bufferSize), raw_(nullptr), usedSize_(kMetaDataSize), writePos_(nullptr) {
   // Traced before the check, so that the log shows the size that was refused.
-  if (isTracing()) {
-    __TraceA("%s: bufferSize=%u", "ShmBatch", static_cast<unsigned int>(bufferSize));
-  }
+  trace("%s: bufferSize=%u", "ShmBatch", static_cast<unsigned int>(bufferSize));
   validBufferSizeAssert(bufferSize);
   raw_ = new unsigned char[bufferSize]();
   metaData_.serializeToBuffer(raw_);

@@ -11,11 +11,6 @@
 #include "support/Text.h"
 
 namespace korvex {
-namespace {
-
-constexpr std::uint32_t kMessageMagic = 0xaabbccdd;
-
-}  // namespace
 
 qmx_shm_message_t::qmx_shm_message_t()
     : type(0),
@@ -27,7 +22,7 @@ qmx_shm_message_t::qmx_shm_message_t()
       algParam1(0),
       algParam2(0),
       algParam3(0),
-      magic(kMessageMagic) {}
+      magic(kHeaderMagic) {}
 
 unsigned long qmx_shm_message_t::getSerializedSize() { return kHeaderSize; }
 
@@ -47,9 +42,9 @@ const unsigned char* qmx_shm_message_t::deserializeFromBuffer(const unsigned cha
   buffer = getBig32(buffer, algParam3);
   buffer = getBig32(buffer, magic);
   // Checked last, so that the header keeps what was read and a caller can look at it.
-  if (magic != kMessageMagic) {
+  if (magic != kHeaderMagic) {
     throwError(kStatusCorrupt, "Could not deserialize qmx_shm_message from",
-               " buffer because the magic value ", magic, " is corrupt (expected=", kMessageMagic,
+               " buffer because the magic value ", magic, " is corrupt (expected=", kHeaderMagic,
                ")");
   }
   return buffer;

@@ -8,7 +8,7 @@
 #include <qmx/log.h>
 
 #include "korvex/Status.h"
-#include "shm/BatchAppend.h"
+#include "shm/ShmBatchInline.h"
 #include "queue/MessageQueue.h"
 #include "shm/ReplyText.h"
 #include "queue/NoCancellation.h"
@@ -17,12 +17,6 @@
 
 namespace korvex {
 namespace {
-
-constexpr std::uint32_t kTypeOpen = 0;
-constexpr std::uint32_t kTypeSegmentData = 1;
-constexpr std::uint32_t kTypeSegmentEnd = 2;
-constexpr std::uint32_t kTypeClose = 3;
-constexpr std::uint32_t kTypeStop = 4;
 
 constexpr unsigned int kMinTimeout = 1;
 constexpr unsigned int kMaxTimeout = 86400;
@@ -86,22 +80,22 @@ ShmWriter::ShmWriter(const std::string& streamName, const std::string& msgQueueN
       segAlgParam1_(0),
       segAlgParam2_(0),
       segAlgParam3_(0) {
-  const AutoTrace trace("ShmWriter");
+  const AutoTrace scope("ShmWriter");
   validateTimeout(timeout);
   const auto deadline =
       MessageQueue::Clock::now() + std::min(std::chrono::seconds(timeout), kLongestOpening);
-  if (isTracing()) __TraceA("%s: opening send message queue", "ShmWriter");
+  trace("%s: opening send message queue", "ShmWriter");
   sendQueue_ = std::make_unique<MessageQueue>(msgQueueName_, deadline);
-  if (isTracing()) __TraceA("%s: opening message response queue", "ShmWriter");
+  trace("%s: opening message response queue", "ShmWriter");
   responseQueue_ =
       std::make_unique<MessageQueue>(getMessageQueueResponseName(msgQueueName_), deadline);
-  if (isTracing()) __TraceA("%s: creating shm batch buffer", "ShmWriter");
+  trace("%s: creating shm batch buffer", "ShmWriter");
   batch_ = std::make_unique<ShmBatch>(sendQueue_->maxMessageSize());
 }
 
 ShmWriter::~ShmWriter() {
   const NoCancellation noCancellation;
-  const AutoTrace trace("~ShmWriter");
+  const AutoTrace scope("~ShmWriter");
   if (!isOpen) return;
   try {
     ShmWriter::close();
@@ -111,7 +105,7 @@ ShmWriter::~ShmWriter() {
 }
 
 void ShmWriter::open() {
-  const AutoTrace trace("open");
+  const AutoTrace scope("open");
   if (isOpen) return;
   segmentHeader_.type = kTypeOpen;
   segmentHeader_.len = 0;
@@ -121,9 +115,7 @@ void ShmWriter::open() {
   segmentHeader_.segState = 0;
   // Parameters 1 and 3 keep what the stream before left in them; readers rely on the second only.
   segmentHeader_.algParam2 = 0;
-  if (isTracing()) {
-    __TraceA("ShmWriter:open: korvex msgQueueName is %s ", msgQueueName_.c_str());
-  }
+  trace("ShmWriter:open: korvex msgQueueName is %s ", msgQueueName_.c_str());
   write_data(&segmentHeader_, nullptr, timeout_, true);
   // After the write, unlike every other record: the open record carries 0, the next one 2, and no
   // record ever carries 1.
@@ -132,14 +124,14 @@ void ShmWriter::open() {
 }
 
 void ShmWriter::close() {
-  const AutoTrace trace("close");
+  const AutoTrace scope("close");
   if (!isOpen) return;
   writeFinalRecord(kTypeClose, timeout_);
   isOpen = false;
 }
 
 void ShmWriter::stop(bool useStopTimeout) {
-  const AutoTrace trace("stop");
+  const AutoTrace scope("stop");
   // Open or not, and without closing: a stop may be all that a failing producer still gets out.
   writeFinalRecord(kTypeStop, useStopTimeout ? stopTimeout_ : timeout_);
 }
@@ -210,7 +202,7 @@ void ShmWriter::packSegment(const unsigned char* data) noexcept {
 }
 
 void ShmWriter::writeSegmentInFull(const unsigned char* data, unsigned long length) {
-  const AutoTrace trace("writeSegment");
+  const AutoTrace scope("writeSegment");
   if (!isOpen) refuseClosed();
   if (segState_ != KORVEX_SEG_STATE_LIMITED && segState_ != KORVEX_SEG_STATE_UNLIMITED) {
     refuseAlgorithm();
@@ -243,13 +235,13 @@ void ShmWriter::refuseMixedAlgorithms() const {
 }
 
 void ShmWriter::endSegment() {
-  const AutoTrace trace("endSegment");
+  const AutoTrace scope("endSegment");
   if (!isOpen) {
     throwError(kStatusWrongState, "Could not end segment data because ShmWriter is not open");
   }
   // Whoever wrote the last record: a segment end written directly counts as well.
   if (lastHeaderType_ == kTypeSegmentEnd) {
-    if (isTracing()) __TraceA("%s: ignoring redundant %u header", "endSegment", kTypeSegmentEnd);
+    trace("%s: ignoring redundant %u header", "endSegment", kTypeSegmentEnd);
     return;
   }
   fillAlgorithm();
@@ -262,11 +254,9 @@ void ShmWriter::endSegment() {
 
 void ShmWriter::write_data(const qmx_shm_message_t* header, const unsigned char* data,
                            unsigned int timeout, bool flush) {
-  const AutoTrace trace("write_data");
-  if (isTracing()) {
-    __TraceA("%s: write header.type =%d, len=%d, timeout=%us", "write_data", header->type,
+  const AutoTrace scope("write_data");
+  trace("%s: write header.type =%d, len=%d, timeout=%us", "write_data", header->type,
              header->len, timeout);
-  }
   // Before the benchmark switch: a measured producer must fail where a real one would.
   if (header->len > MAX_SEGMENT_SIZE && header->segState != KORVEX_SEG_STATE_UNLIMITED) {
     refuseOversized(*header);
@@ -299,9 +289,7 @@ void ShmWriter::makeRoom(const qmx_shm_message_t& header, unsigned int timeout) 
 }
 
 void ShmWriter::flush_shm_buffer(unsigned int timeout) {
-  if (isTracing()) {
-    __TraceA("%s: Sending shm batch of %u", "flush_shm_buffer", batch_->getNumEntries());
-  }
+  trace("%s: Sending shm batch of %u", "flush_shm_buffer", batch_->getNumEntries());
   sendBatch(timeout);
   batch_->clear();
   raiseReply();

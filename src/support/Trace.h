@@ -19,7 +19,14 @@ inline bool isTracing() {
   return __atomic_load_n(flag, __ATOMIC_RELAXED) != 0;
 }
 
-/// The same without a call, for what takes no longer than a call does. False also when nobody has
+/// Writes a trace line while tracing is on. The format is printf's, its first value in most lines
+/// the name of the function.
+template <typename... Values>
+void trace(const char* format, Values... values) {
+  if (isTracing()) __TraceA(format, values...);
+}
+
+/// As isTracing() without a call, for what takes no longer than a call does. False also when nobody has
 /// asked yet.
 inline bool isKnownUntraced() {
   const std::uint32_t* const flag = knownTraceFlag.load(std::memory_order_relaxed);

@@ -1,0 +1,104 @@
+#ifndef KORVEX_QUEUE_QUEUE_LAYOUT_H
+#define KORVEX_QUEUE_QUEUE_LAYOUT_H
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+
+// How the queue library lays a queue out in its object, from release 1.63 to 1.81 on x86-64. The
+// page docs/queue-object.md explains it.
+//
+//     offset  bytes  field                                    written by
+//          0      4  init word                                the creator, last of all
+//         16      8  pointer to the index, relative: 192      the creator
+//         24      8  N, messages that fit                     the creator
+//         32      8  S, bytes of the largest message          the creator
+//         40      8  messages that wait                       the lock's owner
+//         48     40  the lock; its owner's thread id at 56    the lock's owner
+//         88     96  two condition variables                  nobody here
+//        184      8  first: where the index starts            the lock's owner
+//        192     16  blocked peers                            nobody here
+//        208    8 N  the index: a ring of relative pointers   the lock's owner
+//    208+8 N         N slots of 16 bytes and S, S rounded     the lock's owner
+//                    up to 8: length (8), priority (4), data
+namespace korvex {
+
+// The init word: how far the creator came.
+constexpr std::uint32_t kUninitialized = 0;
+constexpr std::uint32_t kInitializing = 1;
+constexpr std::uint32_t kInitialized = 2;
+
+constexpr std::size_t kInitWordOffset = 0;
+constexpr std::size_t kIndexPointerOffset = 16;
+constexpr std::size_t kMaxMessagesOffset = 24;
+constexpr std::size_t kMaxMessageSizeOffset = 32;
+constexpr std::size_t kMessagesOffset = 40;
+constexpr std::size_t kLockWordOffset = 48;
+constexpr std::size_t kLockOwnerOffset = 56;
+constexpr std::size_t kFirstMessageOffset = 184;
+constexpr std::size_t kHeaderEnd = 208;
+
+constexpr std::uint64_t kIndexPointer = kHeaderEnd - kIndexPointerOffset;
+constexpr std::uint64_t kIndexEntrySize = 8;
+constexpr std::uint64_t kSlotHeaderSize = 16;
+constexpr std::uint64_t kSlotAlignment = 8;
+constexpr std::size_t kLargestObject = std::numeric_limits<off_t>::max();
+
+constexpr std::uint64_t slotSizeFor(std::uint64_t messageSize) {
+  return kSlotHeaderSize + (messageSize + kSlotAlignment - 1) / kSlotAlignment * kSlotAlignment;
+}
+
+/// The size of a queue's object; 0 for limits that no queue can have.
+constexpr std::size_t objectSize(std::size_t messages, std::size_t messageSize) {
+  if (messages == 0 || messageSize == 0 || messageSize > kLargestObject) return 0;
+  const std::size_t perMessage = kIndexEntrySize + slotSizeFor(messageSize);
+  // Divides first: limits may come from a foreign object, and their product could wrap.
+  if (messages > (kLargestObject - kHeaderEnd) / perMessage) return 0;
+  return kHeaderEnd + messages * perMessage;
+}
+
+constexpr std::size_t kSmallestObject = objectSize(1, 1);
+static_assert(kSmallestObject == 240, "as measured");
+static_assert(objectSize(4, 300) == 1520, "as measured");
+
+/// Where the slots of a queue with these limits lie in its object.
+class Slots {
+ public:
+  Slots(std::uint64_t messages, std::uint64_t messageSize) noexcept
+      : messages_(messages),
+        messageSize_(messageSize),
+        begin_(kHeaderEnd + messages * kIndexEntrySize),
+        slotSize_(slotSizeFor(messageSize)) {}
+
+  static std::uint64_t entryOffset(std::uint64_t entry) noexcept {
+    return kHeaderEnd + entry * kIndexEntrySize;
+  }
+
+  /// The offset that an index entry leads to: entries count from their own place.
+  static std::uint64_t target(std::uint64_t entry, std::uint64_t untrusted) noexcept {
+    return entryOffset(entry) + untrusted;  // backwards is a number that wraps
+  }
+
+  /// Whether a message of this length lies inside its slot.
+  bool hold(std::uint64_t untrustedLength) const noexcept {
+    return untrustedLength <= messageSize_;
+  }
+
+  /// Whether a slot starts at this offset. Only then may its length be read.
+  bool startAt(std::uint64_t untrustedOffset) const noexcept {
+    return untrustedOffset >= begin_ && (untrustedOffset - begin_) % slotSize_ == 0 &&
+           (untrustedOffset - begin_) / slotSize_ < messages_;
+  }
+
+ private:
+  std::uint64_t messages_;
+  std::uint64_t messageSize_;
+  std::uint64_t begin_;
+  std::uint64_t slotSize_;
+};
+
+}  // namespace korvex
+
+#endif
