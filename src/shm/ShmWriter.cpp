@@ -31,8 +31,11 @@ const std::string KorvexdProcessName = "korvexd";
 
 std::uint32_t low32(std::uint64_t value) { return static_cast<std::uint32_t>(value); }
 
-template <typename Value>
-void storeIfOther(Value& place, Value value) noexcept {
+/// Most records repeat most of the header: a read that finds its value costs less than a store,
+/// which the wide loads behind it would have to wait for.
+template <typename Value, typename Other>
+void storeIfOther(Value& place, Other other) noexcept {
+  const Value value = other;
   if (__builtin_expect(place != value, 0)) place = value;
 }
 
