@@ -60,4 +60,8 @@ void StreamLog::queuesNotReplaced(const std::string& reason) noexcept {
 
 void StreamLog::queuesReplaced() noexcept { spdlog::info("{}: served again", queue_); }
 
+void StreamLog::messagesLeft(std::size_t count) noexcept {
+  spdlog::warn("{}: the daemon ends, messages not taken: {}", queue_, count);
+}
+
 }  // namespace korvexd

@@ -33,6 +33,7 @@ class StreamLog : public korvex::receiver::Observer {
   void queuesLost(const std::string& reason) noexcept override;
   void queuesNotReplaced(const std::string& reason) noexcept override;
   void queuesReplaced() noexcept override;
+  void messagesLeft(std::size_t count) noexcept override;
 
  private:
   std::string queue_;
