@@ -1,11 +1,9 @@
 #include "QueueServer.h"
 
 #include <exception>
-#include <stdexcept>
 #include <utility>
 
 #include "stream/BatchCheck.h"
-#include "queues/BusErrorGuard.h"
 #include "shm/Format.h"
 
 namespace korvex::receiver {
@@ -30,7 +28,6 @@ QueueServer::QueueServer(Receiver::Settings settings, SinkFactory openSink, Obse
 void QueueServer::open(Receiver::Existing existing) {
   pair_ = std::make_unique<QueuePair>(settings_.queue, settings_.limits, settings_.mode, existing);
   replies_ = std::make_unique<ReplySender>(pair_->replies(), counters_);
-  lockWatch_ = LockWatch();
 }
 
 void QueueServer::run(const std::atomic<bool>& stop) noexcept {
@@ -42,7 +39,7 @@ void QueueServer::run(const std::atomic<bool>& stop) noexcept {
 bool QueueServer::serveOnce() noexcept {
   const std::uint64_t before = batchNumber_;
   try {
-    surviveCut([this] { step(); });
+    step();
   } catch (const std::exception& error) {
     replacePair(error.what());
   }
@@ -53,10 +50,8 @@ bool QueueServer::serveOnce() noexcept {
 void QueueServer::drain() noexcept {
   if (pair_ == nullptr) return;
   try {
-    surviveCut([this] {
-      takeRest();
-      reportUntaken();
-    });
+    takeRest();
+    reportUntaken();
   } catch (const std::exception& error) {
     replacePair(error.what());
   }
@@ -64,16 +59,16 @@ void QueueServer::drain() noexcept {
 
 /// No more than there are now: producers may go on sending.
 void QueueServer::takeRest() {
-  const auto deadline = LockWatch::Clock::now() + kDrainPatience;
+  const auto deadline = Clock::now() + kDrainPatience;
   pause_.reset();
-  std::size_t rest = pair_->batches().view().messages();
-  while (rest > 0 && LockWatch::Clock::now() < deadline) {
+  std::size_t rest = pair_->batches().messages();
+  while (rest > 0 && Clock::now() < deadline) {
     if (tryTakeMessage()) --rest;
   }
 }
 
-void QueueServer::reportUntaken() const {
-  const std::size_t untaken = pair_->batches().view().messages();
+void QueueServer::reportUntaken() {
+  const std::size_t untaken = pair_->batches().messages();
   if (untaken == 0) return;
   observer_.messagesLeft(untaken);
 }
@@ -85,19 +80,16 @@ void QueueServer::step() {
   if (replies_->isPending()) replies_->sendPending();
   if (isIdle()) {
     // Noticed now, it costs nobody a stream: found only at the next open record, it would.
-    replies_->checkLock();
-    watchQueues();
-    return pause();
+    pair_->replies().checkLock();
+    return watchQueues();
   }
   tryTakeMessage();
 }
 
 /// Pauses when there was none to be had.
 bool QueueServer::tryTakeMessage() {
-  OwnedQueue& batches = pair_->batches();
   std::size_t size = 0;
-  const auto outcome = batches.queue().tryReceiveNext(message_.data(), message_.size(), size);
-  lockWatch_.note(outcome, batches.view(), LockWatch::Clock::now());
+  const auto outcome = pair_->batches().receive(message_.data(), message_.size(), size);
   if (outcome != MessageQueue::Outcome::Done) {
     pause();
     return false;
@@ -107,23 +99,22 @@ bool QueueServer::tryTakeMessage() {
   return true;
 }
 
-bool QueueServer::isIdle() const noexcept {
-  const QueueView& batches = pair_->batches().view();
+bool QueueServer::isIdle() {
+  OwnedQueue& batches = pair_->batches();
   return batches.messages() == 0 && !batches.looksLocked();
 }
 
 /// A queue without its name would be served for ever, and no producer would find it. One that was
 /// overwritten while nobody used it would be noticed by its next producer only.
 void QueueServer::watchQueues() {
-  const auto now = LockWatch::Clock::now();
-  if (now < nextLook_) return;
+  const auto now = Clock::now();
+  if (now < nextLook_) return pause();
   nextLook_ = now + kWatchPeriod;
-  if (!pair_->isStillNamed()) throw std::runtime_error("somebody removed or replaced their names");
-  if (!pair_->isWhole()) throw std::runtime_error("somebody changed the size of their memory");
-  if (!pair_->isIntact()) throw std::runtime_error("somebody overwrote their memory");
+  const std::string defect = pair_->defect();
+  if (!defect.empty()) replacePair(defect);
 }
 
-void QueueServer::pause() noexcept { pause_.wait(LockWatch::Clock::now() + kLongestPause); }
+void QueueServer::pause() noexcept { pause_.wait(Clock::now() + kLongestPause); }
 
 void QueueServer::takeMessage(std::size_t size) {
   ++batchNumber_;

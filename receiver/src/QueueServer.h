@@ -11,7 +11,6 @@
 #include <string>
 #include <vector>
 
-#include "queues/LockWatch.h"
 #include "queues/QueuePair.h"
 #include "stream/ReplySender.h"
 #include "korvex/receiver/Counters.h"
@@ -44,13 +43,15 @@ class QueueServer {
   const Counters& counters() const noexcept { return counters_; }
 
  private:
+  using Clock = MessageQueue::Clock;
+
   void open(Receiver::Existing existing);
   void step();
   void drain() noexcept;
   void takeRest();
-  void reportUntaken() const;
+  void reportUntaken();
   bool tryTakeMessage();
-  bool isIdle() const noexcept;
+  bool isIdle();
   void watchQueues();
   void takeMessage(std::size_t size);
   void takeRecords(std::size_t size);
@@ -66,9 +67,8 @@ class QueueServer {
   StreamSession session_;
   std::unique_ptr<QueuePair> pair_;  ///< none while it cannot be made
   std::unique_ptr<ReplySender> replies_;
-  LockWatch lockWatch_;
   Pause pause_;
-  LockWatch::Clock::time_point nextLook_{};
+  Clock::time_point nextLook_{};
   std::vector<unsigned char> message_;
   std::queue<ShmBatch::Entry> records_;
   std::uint64_t batchNumber_ = 0;

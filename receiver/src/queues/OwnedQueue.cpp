@@ -24,8 +24,8 @@ namespace {
 }  // namespace
 
 OwnedQueue::OwnedQueue(std::string name, Limits limits, mode_t mode)
-    : name_(std::move(name)), presentName_(temporaryQueueName()) {
-  create(limits, mode);
+    : name_(std::move(name)), limits_(limits), presentName_(temporaryQueueName()) {
+  create(mode);
   claim_ = QueueObject(presentName_);
   if (!claim_.isOpen() || !claim_.claim()) {
     const int error = errno;
@@ -34,17 +34,17 @@ OwnedQueue::OwnedQueue(std::string name, Limits limits, mode_t mode)
   }
 }
 
-void OwnedQueue::create(Limits limits, mode_t mode) {
+void OwnedQueue::create(mode_t mode) {
+  const MessageQueue::Limits limits{limits_.messages, limits_.messageSize};
   try {
     // What was free a moment ago may be gone when it is touched.
-    surviveCut([&] { queue_ = std::make_unique<MessageQueue>(
-        presentName_, MessageQueue::Limits{limits.messages, limits.messageSize}, mode); });
-  } catch (const QueueCut&) {
+    surviveBusError([&] { queue_ = std::make_unique<MessageQueue>(presentName_, limits, mode); });
+  } catch (const MemoryLost&) {
     MessageQueue::remove(presentName_);
-    throwNotCreated(name_, limits, ENOSPC);
+    throwNotCreated(name_, limits_, ENOSPC);
   } catch (const boost::interprocess::interprocess_exception& error) {
     if (error.get_native_error() == 0) throw;
-    throwNotCreated(name_, limits, error.get_native_error());
+    throwNotCreated(name_, limits_, error.get_native_error());
   }
 }
 
@@ -52,16 +52,54 @@ OwnedQueue::~OwnedQueue() {
   if (isStillNamed()) MessageQueue::remove(presentName_);
 }
 
+void OwnedQueue::publish() {
+  QueueObject::rename(presentName_, name_, "publishing queue " + name_);
+  presentName_ = name_;
+}
+
+/// Runs an operation that takes the lock, and notes how that went.
+template <typename Operation>
+OwnedQueue::Outcome OwnedQueue::noted(Operation operation) {
+  return surviveBusError([&] {
+    const Outcome outcome = operation(*queue_);
+    lockWatch_.note(outcome, queue_->view(), LockWatch::Clock::now());
+    return outcome;
+  });
+}
+
+OwnedQueue::Outcome OwnedQueue::receive(void* buffer, std::size_t capacity, std::size_t& size) {
+  return noted(
+      [&](MessageQueue& queue) { return queue.tryReceiveNext(buffer, capacity, size); });
+}
+
+OwnedQueue::Outcome OwnedQueue::send(const void* data, std::size_t size, unsigned priority) {
+  return noted([&](MessageQueue& queue) { return queue.trySend(data, size, priority); });
+}
+
+void OwnedQueue::checkLock() {
+  if (looksLocked()) noted([](MessageQueue& queue) { return queue.tryLock(); });
+}
+
+std::size_t OwnedQueue::messages() {
+  return surviveBusError([this] { return queue_->view().messages(); });
+}
+
+bool OwnedQueue::looksLocked() {
+  return surviveBusError([this] { return queue_->view().looksLocked(); });
+}
+
+std::string OwnedQueue::defect() {
+  if (!isStillNamed()) return "somebody removed or replaced their names";
+  if (!isWhole()) return "somebody changed the size of their memory";
+  const bool isDamaged = surviveBusError([this] { return queue_->view().isDamaged(); });
+  return isDamaged ? "somebody overwrote their memory" : "";
+}
+
 bool OwnedQueue::isStillNamed() const noexcept { return claim_.isNamed(presentName_); }
 
 bool OwnedQueue::isWhole() const noexcept {
   return static_cast<std::size_t>(claim_.size()) ==
-         QueueView::fileSize(view().maxMessages(), view().maxMessageSize());
-}
-
-void OwnedQueue::publish() {
-  QueueObject::rename(presentName_, name_, "publishing queue " + name_);
-  presentName_ = name_;
+         QueueView::fileSize(limits_.messages, limits_.messageSize);
 }
 
 }  // namespace korvex::receiver

@@ -7,18 +7,25 @@
 #include <string>
 
 #include "korvex/receiver/Limits.h"
-#include "queues/QueueObject.h"
 #include "queue/MessageQueue.h"
+#include "queues/LockWatch.h"
+#include "queues/QueueObject.h"
 
 namespace korvex::receiver {
 
-/// A queue that this daemon created, claimed and gives up again.
+/// A queue that this process created, claimed and gives up again.
 ///
 /// It is made under a temporary name and gets its own when it is whole: nobody meets a half-made
 /// queue. The claim is a lock on the shared-memory object. The system frees it when the daemon
 /// dies, so a queue without claim is a dead daemon's.
+///
+/// Peers can break a queue: die with its lock, cut its memory, overwrite it. Every operation that
+/// touches the memory notices and throws: LockLost, MemoryLost, or what the queue library throws.
+/// The queue is of no more use then.
 class OwnedQueue {
  public:
+  using Outcome = MessageQueue::Outcome;
+
   /// Creates and claims the queue, still under a temporary name. Throws SystemError when the system
   /// refuses, for want of memory above all; else what MessageQueue throws.
   OwnedQueue(std::string name, Limits limits, mode_t mode);
@@ -31,22 +38,37 @@ class OwnedQueue {
   /// Gives the queue its name. Throws std::runtime_error when the name is taken.
   void publish();
 
-  /// False once somebody took the name away: no producer finds the queue any more.
-  bool isStillNamed() const noexcept;
+  /// Takes the next message, for which there may be a short wait while somebody has the lock.
+  Outcome receive(void* buffer, std::size_t capacity, std::size_t& size);
 
-  /// False once somebody cut or grew the object: no producer would take it for a queue.
-  bool isWhole() const noexcept;
+  Outcome send(const void* data, std::size_t size, unsigned priority);
 
-  MessageQueue& queue() noexcept { return *queue_; }
+  /// Looks for a peer that died with the lock. Costs one read while nobody has it.
+  void checkLock();
 
-  const QueueView& view() const noexcept { return queue_->view(); }
+  /// Why producers can no longer use the queue although its memory can be touched: its name is
+  /// gone, its size or its contents are not a queue's. Empty while they can.
+  std::string defect();
+
+  // Hints, as QueueView's.
+  std::size_t messages();
+  bool looksFull() { return messages() >= limits_.messages; }
+  bool looksLocked();
+
+  Limits limits() const noexcept { return limits_; }
 
  private:
-  void create(Limits limits, mode_t mode);
+  void create(mode_t mode);
+  bool isStillNamed() const noexcept;
+  bool isWhole() const noexcept;
+  template <typename Operation>
+  Outcome noted(Operation operation);
 
-  std::string name_;
+  const std::string name_;
+  const Limits limits_;
   std::string presentName_;
   std::unique_ptr<MessageQueue> queue_;
+  LockWatch lockWatch_;
   QueueObject claim_;
 };
 

@@ -22,15 +22,10 @@ class QueuePair {
   QueuePair(const std::string& name, Limits limits, mode_t mode,
             Receiver::Existing existing);
 
-  /// Whether producers still find both queues.
-  bool isStillNamed() const noexcept { return replies_.isStillNamed() && batches_.isStillNamed(); }
-
-  /// Whether both queues have the size that producers expect.
-  bool isWhole() const noexcept { return replies_.isWhole() && batches_.isWhole(); }
-
-  /// Whether both queues hold what a queue holds, or may just be changing it.
-  bool isIntact() const noexcept {
-    return !replies_.view().isDamaged() && !batches_.view().isDamaged();
+  /// As OwnedQueue's, of either queue.
+  std::string defect() {
+    const std::string defect = replies_.defect();
+    return defect.empty() ? batches_.defect() : defect;
   }
 
   OwnedQueue& batches() noexcept { return batches_; }

@@ -26,6 +26,8 @@ QueueStatus::Condition QueueStatus::condition() const noexcept {
       return Condition::Unfinished;
     case QueueView::State::Damaged:
       return Condition::Damaged;
+    case QueueView::State::Busy:
+      return Condition::Busy;
     case QueueView::State::Sound:
       break;
   }

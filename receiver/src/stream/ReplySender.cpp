@@ -17,9 +17,8 @@ void ReplySender::send(const Reply& reply) {
 }
 
 void ReplySender::sendPending() {
-  while (isPending() && !replies_.view().looksFull()) {
-    const auto outcome = replies_.queue().trySend(&pending_.front(), sizeof(Reply), kPriority);
-    lockWatch_.note(outcome, replies_.view(), LockWatch::Clock::now());
+  while (isPending() && !replies_.looksFull()) {
+    const auto outcome = replies_.send(&pending_.front(), sizeof(Reply), kPriority);
     if (outcome != MessageQueue::Outcome::Done) break;
     pending_.pop_front();
     counters_.add(Count::RepliesSent);
@@ -32,21 +31,15 @@ void ReplySender::withdraw() {
   pending_.clear();
   updatePending();
   // As many as there may be, and no more: a peer that keeps filling the queue must not keep us.
-  for (std::size_t i = 0; i < replies_.view().maxMessages();) {
+  for (std::size_t i = 0; i < replies_.limits().messages;) {
     Reply reply;
     std::size_t size = 0;
-    const auto outcome = replies_.queue().tryReceive(&reply, sizeof reply, size);
-    lockWatch_.note(outcome, replies_.view(), LockWatch::Clock::now());
+    const auto outcome = replies_.receive(&reply, sizeof reply, size);
     if (outcome == MessageQueue::Outcome::NotReady) return;
     if (outcome == MessageQueue::Outcome::LockTaken) continue;
     counters_.add(Count::RepliesWithdrawn);
     ++i;
   }
-}
-
-void ReplySender::checkLock() {
-  if (!replies_.view().looksLocked()) return;
-  lockWatch_.note(replies_.queue().tryLock(), replies_.view(), LockWatch::Clock::now());
 }
 
 void ReplySender::updatePending() { counters_.set(Count::RepliesPending, pending_.size()); }

@@ -4,7 +4,6 @@
 #include <cstddef>
 #include <deque>
 
-#include "queues/LockWatch.h"
 #include "queues/OwnedQueue.h"
 #include "stream/Reply.h"
 #include "korvex/receiver/Counters.h"
@@ -34,16 +33,11 @@ class ReplySender {
   /// Takes back everything that no producer has picked up.
   void withdraw();
 
-  /// Looks for a producer that died while it picked up a reply, or for a lock that was destroyed.
-  /// Costs one read while nobody has the lock.
-  void checkLock();
-
  private:
   void updatePending();
 
   OwnedQueue& replies_;
   Counters& counters_;
-  LockWatch lockWatch_;
   std::deque<Reply> pending_;
 };
 

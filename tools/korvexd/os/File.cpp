@@ -73,7 +73,7 @@ bool File::isNamed(int folder, const std::string& name, Links links) const noexc
 
 std::uint64_t File::size(const std::string& doing) const {
   struct stat found = {};
-  if (::fstat(descriptor_, &found) != 0) throw SystemError(doing, errno);
+  if (::fstat(descriptor_, &found) != 0) throw receiver::SystemError(doing, errno);
   return static_cast<std::uint64_t>(found.st_size);
 }
 

@@ -28,6 +28,7 @@ class KORVEX_RECEIVER_EXPORT QueueStatus {
     Unreachable,  ///< absent, forbidden, or no name of a queue; systemError() says which
     Unfinished,   ///< looks like a queue that its creator is still making
     Damaged,      ///< nothing that could be used as a queue
+    Busy,         ///< looks damaged, but its lock is taken: somebody may just be changing it
     Sound
   };
 
