@@ -19,12 +19,20 @@ using korvex::MessageQueue;
 constexpr std::chrono::milliseconds kLongestPause{25};
 
 constexpr std::chrono::seconds kWatchPeriod{1};
+constexpr std::chrono::seconds kFinishingPeriod{5};
+
+bool holdsNoRecord(const std::vector<unsigned char>& batch, std::size_t size) {
+  std::queue<korvex::ShmBatch::Entry> records;
+  korvex::ShmBatch::getEntriesFromBuffer(records, batch.data(), size);
+  return records.empty();
+}
 
 }  // namespace
 
 QueueServer::QueueServer(const Settings& settings)
     : settings_(settings),
-      session_(settings.queue, settings.openSink, stats_),
+      log_(settings.queue),
+      session_(settings.queue, settings.openSink, stats_, log_, [this] { return stillFinishing(); }),
       pause_(kLongestPause),
       message_(settings.limits.messageSize) {
   if (settings.captureFolder) {
@@ -41,6 +49,7 @@ void QueueServer::open(QueuePair::Existing existing) {
 }
 
 void QueueServer::run(const std::atomic<bool>& stop) noexcept {
+  stop_ = &stop;
   while (!stop) {
     try {
       surviveCut([this] { step(); });
@@ -50,6 +59,7 @@ void QueueServer::run(const std::atomic<bool>& stop) noexcept {
   }
   drain();
   session_.end("the daemon ended");
+  log_.finish();
 }
 
 /// A producer may have closed its stream already.
@@ -86,10 +96,12 @@ void QueueServer::reportUntaken() const {
 void QueueServer::step() {
   if (pair_ == nullptr) return reopen();
   if (replies_->isPending()) replies_->sendPending();
+  if (nextSize_) return takeNextMessage();
   if (isIdle()) {
     // Noticed now, it costs nobody a stream: found only at the next open record, it would.
     replies_->checkLock();
     watchQueues();
+    watchStream();
     return pause();
   }
   tryTakeMessage();
@@ -97,17 +109,22 @@ void QueueServer::step() {
 
 /// Pauses when there was none to be had.
 bool QueueServer::tryTakeMessage() {
-  OwnedQueue& batches = pair_->batches();
   std::size_t size = 0;
-  const auto outcome = batches.queue().tryReceiveNext(message_.data(), message_.size(), size);
-  lockWatch_.note(outcome, batches.view(), LockWatch::Clock::now());
-  if (outcome != MessageQueue::Outcome::Done) {
+  if (!receive(message_, size)) {
     pause();
     return false;
   }
   pause_.reset();
+  noteMessage(message_, size);
   takeMessage(size);
   return true;
+}
+
+bool QueueServer::receive(std::vector<unsigned char>& message, std::size_t& size) {
+  OwnedQueue& batches = pair_->batches();
+  const auto outcome = batches.queue().tryReceiveNext(message.data(), message.size(), size);
+  lockWatch_.note(outcome, batches.view(), LockWatch::Clock::now());
+  return outcome == MessageQueue::Outcome::Done;
 }
 
 bool QueueServer::isIdle() const noexcept {
@@ -121,20 +138,75 @@ void QueueServer::watchQueues() {
   const auto now = LockWatch::Clock::now();
   if (now < nextLook_) return;
   nextLook_ = now + kWatchPeriod;
+  log_.update();
   if (!pair_->isStillNamed()) throw std::runtime_error("somebody removed or replaced their names");
   if (!pair_->isWhole()) throw std::runtime_error("somebody changed the size of their memory");
   if (!pair_->isIntact()) throw std::runtime_error("somebody overwrote their memory");
 }
 
+/// Any batch is a sign of life, an empty one too.
+void QueueServer::watchStream() {
+  answer(session_.checkSink());
+  const auto& limit = settings_.idleTimeout;
+  if (!limit || LockWatch::Clock::now() - lastSign_ < *limit) return;
+  answer(session_.takeSilence(*limit));
+}
+
+/// A queue that is lost meanwhile is noticed afterwards, when the receipt is sent.
+bool QueueServer::stillFinishing() noexcept {
+  try {
+    surviveCut([this] {
+      takeEmptyBatches();
+      sayFinishing();
+    });
+  } catch (const std::exception&) {
+    nextFinishing_ = LockWatch::Clock::time_point::max();
+  }
+  return stop_ == nullptr || !*stop_;
+}
+
+/// Never more than one, so that there is room for the receipt.
+void QueueServer::sayFinishing() {
+  const auto now = LockWatch::Clock::now();
+  if (now < nextFinishing_) return;
+  nextFinishing_ = now + kFinishingPeriod;
+  if (replies_->isAllTaken()) replies_->send(finishingReply());
+}
+
+/// A producer that waits for its receipt sends empty batches, and gets a reply with each that finds
+/// room. Anything else has to wait.
+void QueueServer::takeEmptyBatches() {
+  next_.resize(message_.size());
+  std::size_t size = 0;
+  while (!nextSize_ && !isIdle() && receive(next_, size)) {
+    noteMessage(next_, size);
+    const bool isEmpty = BatchCheck(next_.data(), size).ok() && holdsNoRecord(next_, size);
+    if (!isEmpty) nextSize_ = size;
+  }
+}
+
+void QueueServer::takeNextMessage() {
+  message_.swap(next_);
+  takeMessage(*std::exchange(nextSize_, std::nullopt));
+}
+
 void QueueServer::pause() noexcept { pause_.wait(LockWatch::Clock::now() + kLongestPause); }
 
-void QueueServer::takeMessage(std::size_t size) {
+void QueueServer::noteMessage(const std::vector<unsigned char>& message, std::size_t size) {
   ++batchNumber_;
   stats_.add(Count::Batches);
-  if (capture_) capture(size);
+  if (capture_) capture(message, size);
+}
+
+void QueueServer::takeMessage(std::size_t size) {
+  nextFinishing_ = LockWatch::Clock::now() + kFinishingPeriod;
   const BatchCheck check(message_.data(), size);
-  if (!check.ok()) return refuseBatch(check.text());
-  takeRecords(size);
+  if (check.ok()) {
+    takeRecords(size);
+  } else {
+    refuseBatch(check.text());
+  }
+  lastSign_ = LockWatch::Clock::now();  // after it: a slow sink is not the producer's silence
 }
 
 void QueueServer::takeRecords(std::size_t size) {
@@ -153,13 +225,14 @@ void QueueServer::answer(const StreamSession::Answer& answer) {
 
 void QueueServer::refuseBatch(const std::string& defect) {
   stats_.add(Count::BadBatches);
-  spdlog::warn("{}: batch {} is damaged: {}", queue(), batchNumber_, defect);
+  log_.write(QueueLog::Kind::DamagedBatch, spdlog::level::warn,
+             "batch " + std::to_string(batchNumber_) + " is damaged: " + defect);
   answer(session_.takeDamage(defect));
 }
 
-void QueueServer::capture(std::size_t size) noexcept {
+void QueueServer::capture(const std::vector<unsigned char>& message, std::size_t size) noexcept {
   try {
-    capture_->store(batchNumber_, message_.data(), size);
+    capture_->store(batchNumber_, message.data(), size);
   } catch (const std::exception& error) {
     // Said once; a full disk would otherwise fill the log as well.
     if (stats_.get(Count::CaptureFailures) == 0) {
@@ -170,12 +243,13 @@ void QueueServer::capture(std::size_t size) noexcept {
 }
 
 void QueueServer::replacePair(const std::string& reason) noexcept {
-  spdlog::warn("{}: the queues are lost: {}", queue(), reason);
+  log_.write(QueueLog::Kind::QueuePair, spdlog::level::warn, "the queues are lost: " + reason);
   stats_.add(Count::QueueReplacements);
   session_.end("its queues were lost: " + reason);
   replies_.reset();
   pair_.reset();
   stats_.set(Count::RepliesPending, 0);
+  nextSize_.reset();
   pause_.reset();
 }
 
@@ -184,10 +258,11 @@ void QueueServer::reopen() noexcept {
   try {
     open(QueuePair::Existing::Refuse);
     reopenFailed_ = false;
-    spdlog::info("{}: served anew", queue());
+    log_.write(QueueLog::Kind::QueuePair, spdlog::level::info, "served anew");
   } catch (const std::exception& error) {
     if (!std::exchange(reopenFailed_, true)) {
-      spdlog::error("{}: the queues cannot be made anew yet: {}", queue(), error.what());
+      log_.write(QueueLog::Kind::QueuePair, spdlog::level::err,
+                 std::string("the queues cannot be made anew yet: ") + error.what());
     }
     pause();
   }

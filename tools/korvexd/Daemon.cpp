@@ -2,6 +2,7 @@
 
 #include <signal.h>
 #include <spdlog/spdlog.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <time.h>
 
@@ -46,6 +47,14 @@ void prepareProcess(const sigset_t& endSignals) {
   ::signal(SIGXFSZ, SIG_IGN);  // a file that may not grow is an error of that write, like others
 }
 
+/// Each queue has several descriptors, and the usual soft limit is for programs that use select().
+void raiseDescriptorLimit() {
+  rlimit limit = {};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 /// One thread for each server. They have ended when it goes.
 class ServerThreads {
  public:
@@ -71,8 +80,13 @@ class ServerThreads {
 
 Daemon::Daemon(const Options& options) : endSignals_(endSignals()), limits_(options.limits) {
   prepareProcess(endSignals_);
+  raiseDescriptorLimit();
   installCutGuard();
   if (options.output) store_.emplace(*options.output);
+  if (!options.engine.empty()) {
+    engines_.emplace(ExecStore::Settings{options.engine, options.engineTimeout,
+                                         [this] { return stop_.load(); }});
+  }
   createServers(options);
   if (options.statsFile) createStatsFile(*options.statsFile);
 }
@@ -85,6 +99,11 @@ void Daemon::createStatsFile(const std::string& path) {
 }
 
 SinkFactory Daemon::sinkFactory() {
+  if (engines_) {
+    return [this](const std::string& queue, std::time_t opened) {
+      return engines_->open(queue, opened);
+    };
+  }
   if (!store_) {
     return [](const std::string&, std::time_t) { return std::make_unique<DiscardSink>(); };
   }
@@ -97,8 +116,9 @@ void Daemon::createServers(const Options& options) {
     spdlog::info("removed {}, half made by a daemon that was killed", name);
   }
   for (const std::string& queue : options.queues) {
-    servers_.push_back(std::make_unique<QueueServer>(QueueServer::Settings{
-        queue, options.limits, options.mode, options.existing, sinkFactory(), options.capture}));
+    servers_.push_back(std::make_unique<QueueServer>(
+        QueueServer::Settings{queue, options.limits, options.mode, options.existing, sinkFactory(),
+                              options.capture, options.idleTimeout}));
   }
 }
 
@@ -123,7 +143,12 @@ void Daemon::announceServing() const {
 
 /// A second signal stays blocked and changes nothing.
 void Daemon::awaitSignal() {
-  while (::sigtimedwait(&endSignals_, nullptr, &kStatsInterval) < 0) updateStats();
+  while (::sigtimedwait(&endSignals_, nullptr, &kStatsInterval) < 0) doRegularly();
+}
+
+void Daemon::doRegularly() noexcept {
+  if (engines_) engines_->tidyUp();
+  updateStats();
 }
 
 void Daemon::updateStats() noexcept {

@@ -1,7 +1,5 @@
 #include "stream/StreamSession.h"
 
-#include <spdlog/spdlog.h>
-
 #include <exception>
 #include <utility>
 
@@ -35,8 +33,13 @@ std::string defectOf(const Header& header) {
 
 }  // namespace
 
-StreamSession::StreamSession(std::string queue, SinkFactory openSink, Stats& stats)
-    : queue_(std::move(queue)), openSink_(std::move(openSink)), stats_(stats) {}
+StreamSession::StreamSession(std::string queue, SinkFactory openSink, Stats& stats, QueueLog& log,
+                             StillFinishing stillFinishing)
+    : queue_(std::move(queue)),
+      openSink_(std::move(openSink)),
+      stats_(stats),
+      log_(log),
+      stillFinishing_(std::move(stillFinishing)) {}
 
 StreamSession::~StreamSession() { end("abandoned"); }
 
@@ -163,15 +166,17 @@ void StreamSession::finishSegment() {
 StreamSession::Answer StreamSession::takeClose(const Header& header) {
   const StreamSummary whole = summary();
   try {
-    sink_->complete(whole);
+    sink_->complete(whole, stillFinishing_);
   } catch (const std::exception& error) {
     const Answer answer = fail(kStatusSinkFailed, error.what());
     endWith(header);
     return answer;
   }
   stats_.add(Count::StreamsComplete);
-  spdlog::info("{}: stream complete, {} bytes in {} segments, xxh128 {}, {}", queue_, whole.bytes,
-               whole.segments, whole.xxh128, sink_->place());
+  log_.write(QueueLog::Kind::Stream, spdlog::level::info,
+             "stream complete, " + std::to_string(whole.bytes) + " bytes in " +
+                 std::to_string(whole.segments) + " segments, xxh128 " + whole.xxh128 + ", " +
+                 sink_->place());
   sink_.reset();
   endWith(header);
   return receiptOf(whole.bytes, whole.xxh128);
@@ -190,6 +195,22 @@ StreamSession::Answer StreamSession::takeDamage(const std::string& defect) {
   return failureOf(korvex::kStatusCorrupt, text);
 }
 
+StreamSession::Answer StreamSession::checkSink() {
+  if (state_ != State::Open) return {};
+  try {
+    sink_->check();
+  } catch (const std::exception& error) {
+    return fail(kStatusSinkFailed, error.what());
+  }
+  return {};
+}
+
+StreamSession::Answer StreamSession::takeSilence(std::chrono::seconds silence) {
+  if (state_ != State::Open) return {};
+  return fail(kStatusSinkFailed,
+              "nothing came for " + std::to_string(silence.count()) + " seconds");
+}
+
 /// Drops a record that breaks the protocol, and with it the stream.
 StreamSession::Answer StreamSession::refuse(const std::string& text) {
   stats_.add(Count::DroppedRecords);
@@ -200,7 +221,7 @@ StreamSession::Answer StreamSession::fail(ov_status_t status, const std::string&
   if (state_ == State::Open) {
     leaveIncomplete(text);
   } else {
-    spdlog::warn("{}: {}", queue_, text);
+    log_.write(QueueLog::Kind::RefusedRecord, spdlog::level::warn, text);
   }
   state_ = State::Failed;
   return failureOf(status, text);
@@ -215,7 +236,8 @@ void StreamSession::leaveIncomplete(const std::string& reason) {
   stats_.add(Count::StreamsIncomplete);
   if (sink_ != nullptr) abandonSink(reason);
   const std::string place = sink_ == nullptr ? "nothing stored" : sink_->place();
-  spdlog::info("{}: stream incomplete ({}), {} bytes, {}", queue_, reason, bytes_, place);
+  log_.write(QueueLog::Kind::Stream, spdlog::level::info,
+             "stream incomplete (" + reason + "), " + std::to_string(bytes_) + " bytes, " + place);
   sink_.reset();
 }
 
@@ -223,7 +245,8 @@ void StreamSession::abandonSink(const std::string& reason) {
   try {
     sink_->abandon(summary(), reason);
   } catch (const std::exception& error) {
-    spdlog::warn("{}: marking the stream incomplete: {}", queue_, error.what());
+    log_.write(QueueLog::Kind::SinkTrouble, spdlog::level::warn,
+               std::string("marking the stream incomplete: ") + error.what());
   }
 }
 
