@@ -6,6 +6,8 @@ namespace korvex::receiver {
 
 Sink::~Sink() = default;
 
+void Sink::check() {}
+
 std::string Sink::place() const { return ""; }
 
 Observer::~Observer() = default;

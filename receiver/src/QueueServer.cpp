@@ -3,7 +3,7 @@
 #include <exception>
 #include <utility>
 
-#include "stream/BatchCheck.h"
+#include "korvex/receiver/BatchCheck.h"
 #include "shm/Format.h"
 
 namespace korvex::receiver {
@@ -13,13 +13,21 @@ namespace {
 constexpr std::chrono::milliseconds kLongestPause{25};
 
 constexpr std::chrono::seconds kWatchPeriod{1};
+constexpr std::chrono::seconds kFinishingPeriod{5};
+
+bool holdsNoRecord(const std::vector<unsigned char>& batch, std::size_t size) {
+  std::queue<ShmBatch::Entry> records;
+  ShmBatch::getEntriesFromBuffer(records, batch.data(), size);
+  return records.empty();
+}
 
 }  // namespace
 
 QueueServer::QueueServer(Receiver::Settings settings, SinkFactory openSink, Observer& observer)
     : settings_(std::move(settings)),
       observer_(observer),
-      session_(settings_.queue, std::move(openSink), counters_, observer),
+      session_(settings_.queue, std::move(openSink), counters_, observer,
+               [this] { return stillFinishing(); }),
       pause_(kLongestPause),
       message_(settings_.limits.messageSize) {
   open(settings_.existing);
@@ -31,19 +39,19 @@ void QueueServer::open(Receiver::Existing existing) {
 }
 
 void QueueServer::run(const std::atomic<bool>& stop) noexcept {
+  stop_ = &stop;
   while (!stop) serveOnce();
   drain();
   session_.end("the daemon ended");
 }
 
 bool QueueServer::serveOnce() noexcept {
-  const std::uint64_t before = batchNumber_;
   try {
-    step();
+    return step();
   } catch (const std::exception& error) {
     replacePair(error.what());
+    return false;
   }
-  return batchNumber_ != before;
 }
 
 /// A producer may have closed its stream already.
@@ -69,28 +77,33 @@ void QueueServer::takeRest() {
 
 void QueueServer::reportUntaken() {
   const std::size_t untaken = pair_->batches().messages();
-  if (untaken == 0) return;
-  observer_.messagesLeft(untaken);
+  if (untaken > 0) observer_.messagesLeft(untaken);
 }
 
 /// Tries one message. An empty queue whose lock is taken is tried as well: the one who holds the
 /// lock may be dead.
-void QueueServer::step() {
-  if (pair_ == nullptr) return reopen();
-  if (replies_->isPending()) replies_->sendPending();
-  if (isIdle()) {
-    // Noticed now, it costs nobody a stream: found only at the next open record, it would.
-    pair_->replies().checkLock();
-    return watchQueues();
+bool QueueServer::step() {
+  if (pair_ == nullptr) {
+    reopen();
+    return false;
   }
-  tryTakeMessage();
+  if (replies_->isPending()) replies_->sendPending();
+  if (nextSize_) {
+    takeNextMessage();
+    return true;
+  }
+  if (!isIdle()) return tryTakeMessage();
+  // Noticed now, a lost reply queue costs nobody a stream: found only at the next open record, it
+  // would.
+  pair_->replies().checkLock();
+  watchQueues();
+  return false;
 }
 
 /// Pauses when there was none to be had.
 bool QueueServer::tryTakeMessage() {
   std::size_t size = 0;
-  const auto outcome = pair_->batches().receive(message_.data(), message_.size(), size);
-  if (outcome != MessageQueue::Outcome::Done) {
+  if (!receive(message_, size)) {
     pause();
     return false;
   }
@@ -99,14 +112,23 @@ bool QueueServer::tryTakeMessage() {
   return true;
 }
 
+bool QueueServer::receive(std::vector<unsigned char>& message, std::size_t& size) {
+  const auto outcome = pair_->batches().receive(message.data(), message.size(), size);
+  if (outcome != MessageQueue::Outcome::Done) return false;
+  counters_.add(Count::Batches);
+  observer_.messageReceived(++messageNumber_, message.data(), size);
+  return true;
+}
+
 bool QueueServer::isIdle() {
   OwnedQueue& batches = pair_->batches();
   return batches.messages() == 0 && !batches.looksLocked();
 }
 
-/// A queue without its name would be served for ever, and no producer would find it. One that was
+/// A queue without its name would be served forever, and no producer would find it. One that was
 /// overwritten while nobody used it would be noticed by its next producer only.
 void QueueServer::watchQueues() {
+  watchStream();
   const auto now = Clock::now();
   if (now < nextLook_) return pause();
   nextLook_ = now + kWatchPeriod;
@@ -114,15 +136,60 @@ void QueueServer::watchQueues() {
   if (!defect.empty()) replacePair(defect);
 }
 
+/// Any batch is a sign of life, an empty one too.
+void QueueServer::watchStream() {
+  answer(session_.checkSink());
+  const auto& limit = settings_.idleTimeout;
+  if (!limit || Clock::now() - lastSign_ < *limit) return;
+  answer(session_.takeSilence(*limit));
+}
+
+/// A queue that is lost meanwhile is noticed afterwards, when the receipt is sent.
+bool QueueServer::stillFinishing() noexcept {
+  try {
+    takeEmptyBatches();
+    sayFinishing();
+  } catch (const std::exception&) {
+    nextFinishing_ = Clock::time_point::max();
+  }
+  return stop_ == nullptr || !*stop_;
+}
+
+/// Never more than one, so that there is room for the receipt.
+void QueueServer::sayFinishing() {
+  const auto now = Clock::now();
+  if (now < nextFinishing_) return;
+  nextFinishing_ = now + kFinishingPeriod;
+  if (replies_->isAllTaken()) replies_->send(finishingReply());
+}
+
+/// A producer that waits for its receipt sends empty batches, and gets a reply with each that finds
+/// room. Anything else has to wait.
+void QueueServer::takeEmptyBatches() {
+  next_.resize(message_.size());
+  std::size_t size = 0;
+  while (!nextSize_ && !isIdle() && receive(next_, size)) {
+    const bool isEmpty = BatchCheck(next_.data(), size).ok() && holdsNoRecord(next_, size);
+    if (!isEmpty) nextSize_ = size;
+  }
+}
+
+void QueueServer::takeNextMessage() {
+  message_.swap(next_);
+  takeMessage(*std::exchange(nextSize_, std::nullopt));
+}
+
 void QueueServer::pause() noexcept { pause_.wait(Clock::now() + kLongestPause); }
 
 void QueueServer::takeMessage(std::size_t size) {
-  ++batchNumber_;
-  counters_.add(Count::Batches);
-  observer_.messageReceived(batchNumber_, message_.data(), size);
+  nextFinishing_ = Clock::now() + kFinishingPeriod;
   const BatchCheck check(message_.data(), size);
-  if (!check.ok()) return refuseBatch(check.text());
-  takeRecords(size);
+  if (check.ok()) {
+    takeRecords(size);
+  } else {
+    refuseBatch(check.text());
+  }
+  lastSign_ = Clock::now();  // after it: a slow sink is not the producer's silence
 }
 
 void QueueServer::takeRecords(std::size_t size) {
@@ -141,7 +208,7 @@ void QueueServer::answer(const StreamSession::Answer& answer) {
 
 void QueueServer::refuseBatch(const std::string& defect) {
   counters_.add(Count::BadBatches);
-  observer_.batchRefused(batchNumber_, defect);
+  observer_.batchRefused(messageNumber_, defect);
   answer(session_.takeDamage(defect));
 }
 
@@ -152,6 +219,7 @@ void QueueServer::replacePair(const std::string& reason) noexcept {
   replies_.reset();
   pair_.reset();
   counters_.set(Count::RepliesPending, 0);
+  nextSize_.reset();
   pause_.reset();
 }
 
@@ -162,9 +230,7 @@ void QueueServer::reopen() noexcept {
     reopenFailed_ = false;
     observer_.queuesReplaced();
   } catch (const std::exception& error) {
-    if (!std::exchange(reopenFailed_, true)) {
-      observer_.queuesNotReplaced(error.what());
-    }
+    if (!std::exchange(reopenFailed_, true)) observer_.queuesNotReplaced(error.what());
     pause();
   }
 }

@@ -1,43 +1,36 @@
 #ifndef KORVEX_RECEIVER_QUEUE_SERVER_H
 #define KORVEX_RECEIVER_QUEUE_SERVER_H
 
-#include <sys/types.h>
-
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <queue>
 #include <string>
 #include <vector>
 
+#include "korvex/receiver/Receiver.h"
+#include "queue/Pause.h"
 #include "queues/QueuePair.h"
 #include "stream/ReplySender.h"
-#include "korvex/receiver/Counters.h"
 #include "stream/StreamSession.h"
-#include "queue/Pause.h"
 
 namespace korvex::receiver {
 
-/// Serves one pair of queues: receives, checks, hands on, answers.
-///
-/// Never waits inside a queue, and never for ever on its lock. A pair that a peer has broken is
-/// removed and made anew; the stream on it ends as incomplete.
+/// What a Receiver is made of: receives, checks, hands on, answers.
 class QueueServer {
  public:
   /// What takes longer than this at the end is a disk or a producer that hangs; a supervisor kills
   /// a daemon after ten seconds or more.
   static constexpr std::chrono::seconds kDrainPatience{3};
 
-  /// Creates the queues. Throws std::exception when that fails.
   QueueServer(Receiver::Settings settings, SinkFactory openSink, Observer& observer);
 
-  /// One step of serving: takes at most one message. False when there was none.
-  bool serveOnce() noexcept;
-
-  /// Serves until `stop` is set, then takes the messages that are in the queue at that moment, for
-  /// kDrainPatience at most, and logs how many it did not take. Call it in a thread of its own.
   void run(const std::atomic<bool>& stop) noexcept;
+
+  /// Takes at most one message, or pauses. False when there was none.
+  bool serveOnce() noexcept;
 
   const std::string& queue() const noexcept { return settings_.queue; }
   const Counters& counters() const noexcept { return counters_; }
@@ -46,13 +39,19 @@ class QueueServer {
   using Clock = MessageQueue::Clock;
 
   void open(Receiver::Existing existing);
-  void step();
+  bool step();
   void drain() noexcept;
   void takeRest();
   void reportUntaken();
   bool tryTakeMessage();
   bool isIdle();
   void watchQueues();
+  void watchStream();
+  bool stillFinishing() noexcept;
+  void sayFinishing();
+  void takeEmptyBatches();
+  void takeNextMessage();
+  bool receive(std::vector<unsigned char>& message, std::size_t& size);
   void takeMessage(std::size_t size);
   void takeRecords(std::size_t size);
   void answer(const StreamSession::Answer& answer);
@@ -69,9 +68,14 @@ class QueueServer {
   std::unique_ptr<ReplySender> replies_;
   Pause pause_;
   Clock::time_point nextLook_{};
+  Clock::time_point lastSign_{};       ///< of a producer's life
+  Clock::time_point nextFinishing_{};  ///< when the producer hears of it again
+  const std::atomic<bool>* stop_ = nullptr;
   std::vector<unsigned char> message_;
+  std::vector<unsigned char> next_;      ///< came while the sink was finishing
+  std::optional<std::size_t> nextSize_;  ///< none while it is empty
   std::queue<ShmBatch::Entry> records_;
-  std::uint64_t batchNumber_ = 0;
+  std::uint64_t messageNumber_ = 0;
   bool reopenFailed_ = false;
 };
 

@@ -4,21 +4,13 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "korvex/RecordType.h"
 #include "korvex/ShmBatch.h"
 #include "korvex/ShmCommon.h"
 
 // Every number of the wire format: what producers and daemons of any version must agree on. All
 // integers of a batch are big-endian; a reply travels as it lies in memory.
 namespace korvex {
-
-/// What a record is, in its header's `type`.
-enum RecordType : std::uint32_t {
-  kTypeOpen = 0,
-  kTypeSegmentData = 1,
-  kTypeSegmentEnd = 2,
-  kTypeClose = 3,
-  kTypeStop = 4
-};
 
 // The metadata block, with which a batch starts.
 constexpr std::uint32_t kMetaDataMagic = 0xff00ee11;

@@ -8,23 +8,19 @@
 #include <memory>
 #include <string>
 
-#include "Bytes.h"
-#include "StreamModel.h"
+#include "fuzz/Input.h"
 #include "korvex/Status.h"
 #include "stream/StreamSession.h"
+#include "support/StreamModel.h"
+#include "support/WireFormat.h"
 
-using korvex_fuzz::Input;
-using korvex_fuzz::require;
-using korvex_fuzz::StreamModel;
+using namespace korvex::test;
 using korvexd::Count;
 using korvexd::StreamSession;
 using korvexd::StreamSummary;
 using Step = StreamModel::Step;
 
 namespace {
-
-constexpr std::uint32_t kOpen = 0;
-constexpr std::uint32_t kData = 1;
 
 constexpr std::size_t kSizes[] = {11, 1, 0, 300};  // the last needs more than the digest's buffer
 constexpr std::size_t kLargest = 300;
@@ -94,7 +90,7 @@ class WatchedSink : public korvexd::Sink {
     seen_.failIf(Step::Writing);
     seen_.data.append(reinterpret_cast<const char*>(data), size);
   }
-  void complete(const StreamSummary& summary) override {
+  void complete(const StreamSummary& summary, const korvexd::StillFinishing&) override {
     require(!isDone_, "completed once");
     seen_.failIf(Step::Completing);
     note(summary);
@@ -128,7 +124,7 @@ class Run {
     source_.restart();
     failOnce(Step::None);
     {
-      StreamSession session("q", factory_, stats_);
+      StreamSession session("q", factory_, stats_, log_);
       while (!input.isEmpty()) step(session, input);
     }
     model_.end();
@@ -231,6 +227,7 @@ class Run {
   Seen seen_;
   StreamModel model_;
   korvexd::Stats stats_;
+  korvexd::QueueLog log_{"q"};
   const korvexd::SinkFactory factory_ = [this](const std::string&, std::time_t) {
     seen_.failIf(Step::Opening);
     return std::make_unique<WatchedSink>(seen_);

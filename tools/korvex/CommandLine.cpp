@@ -4,12 +4,15 @@
 
 #include <cerrno>
 #include <ostream>
-#include <sstream>
 #include <string>
 #include <system_error>
 #include <vector>
 
 #include "Failure.h"
+#include "inspect/Inspect.h"
+#include "send/Send.h"
+#include "verify/Verify.h"
+#include "common/CommandLine.h"
 #include "common/Printable.h"
 
 namespace korvex::tool {
@@ -35,15 +38,11 @@ std::string unguarded(std::string word) {
 
 /// What the parser says of words that may hold anything, for people.
 std::string complaint(const CLI::App* tool, const CLI::Error& error) {
-  std::istringstream lines(CLI::FailureMessage::simple(tool, error));
-  std::string text;
-  for (std::string line; std::getline(lines, line);) {
-    for (std::size_t at = 0; (at = line.find(kGuard, at)) != std::string::npos; ++at) {
-      if (needsGuard(line[at + 1])) line.erase(at, 1);
-    }
-    text += printable(line) + "\n";
+  std::string text = common::sentenceOf(*tool, error);
+  for (std::size_t at = 0; (at = text.find(kGuard, at)) != std::string::npos; ++at) {
+    if (needsGuard(text[at + 1])) text.erase(at, 1);
   }
-  return text;
+  return common::printable(text) + "\nRun with --help for more information.\n";
 }
 
 void parse(CLI::App& tool, int argumentCount, const char* const* arguments) {
@@ -59,19 +58,27 @@ void parse(CLI::App& tool, int argumentCount, const char* const* arguments) {
 
 Ending runCommand(int argumentCount, const char* const* arguments, const StopSignal& stop,
                   const Progress& progress, std::ostream& out, std::ostream& errors) {
-  CLI::App tool("Sends data through korvex's queues in shared memory.", "korvex");
+  CLI::App tool("Sends data to korvexd, and looks at what it captured and stored.", "korvex");
   tool.set_version_flag("--version", KORVEX_VERSION);
   tool.failure_message(complaint);
   tool.require_subcommand(0, 1);  // so that an unknown word is named, not called missing
   SendOptions sendOptions;
   declareSend(tool, sendOptions);
+  InspectOptions inspectOptions;
+  const CLI::App* const inspect = declareInspect(tool, inspectOptions);
+  VerifyOptions verifyOptions;
+  const CLI::App* const verify = declareVerify(tool, verifyOptions);
   try {
     parse(tool, argumentCount, arguments);
     if (tool.get_subcommands().empty()) throw CLI::RequiredError::Subcommand(1);
   } catch (const CLI::ParseError& error) {
     // Help and version leave by the same way; only they end well.
     const bool isWrong = tool.exit(error, out, errors) != 0;
-    return {static_cast<int>(isWrong ? ExitCode::WrongUsage : ExitCode::Success), 0};
+    return {static_cast<int>(isWrong ? common::ExitCode::WrongUsage : common::ExitCode::Success), 0};
+  }
+  if (inspect->parsed()) return runInspect(inspectOptions, stop, out, errors);
+  if (verify->parsed()) {
+    return runVerify(verifyOptions, stop, verifyOptions.quiet ? Progress() : progress, out, errors);
   }
   return runSend(sendOptions, stop, sendOptions.quiet ? Progress() : progress, out, errors);
 }
@@ -84,7 +91,7 @@ Ending withOutput(Ending ending, std::ostream& out, std::ostream& errors) {
   const int error = errno;
   errors << "korvex: cannot write the result to standard output"
          << (error == 0 ? "" : ": " + std::generic_category().message(error)) << std::endl;
-  const auto failed = static_cast<int>(ExitCode::Failed);
+  const auto failed = static_cast<int>(common::ExitCode::Failed);
   return {ending.exitCode == 0 ? failed : ending.exitCode, ending.signal};
 }
 

@@ -6,10 +6,9 @@
 
 #include <qmx/error.h>
 
-namespace korvex::tool {
+#include "common/ExitCode.h"
 
-/// What the process tells its caller. The same numbers for every command.
-enum class ExitCode : int { Success = 0, Failed = 1, WrongUsage = 2, NoReceipt = 3 };
+namespace korvex::tool {
 
 /// Why a command could not do its work, ready for a person to read.
 ///

@@ -26,13 +26,13 @@ double rateOf(const ProgressState& state) {
   return seconds > 0 ? static_cast<double>(state.bytes) / seconds : 0;
 }
 
-std::string rateText(const ProgressState& state) { return byteText(rateOf(state)) + "/s"; }
+std::string rateText(const ProgressState& state) { return common::byteText(rateOf(state)) + "/s"; }
 
 std::string timeLeftText(const ProgressState& state) {
   const double rate = rateOf(state);
   if (rate <= 0) return "-:--";
   const double left = static_cast<double>(*state.total - state.bytes) / rate;
-  return timeText(std::chrono::seconds(static_cast<long>(std::min(left, kLongestTimeLeft))));
+  return common::timeText(std::chrono::seconds(static_cast<long>(std::min(left, kLongestTimeLeft))));
 }
 
 double shareOf(const ProgressState& state) {
@@ -54,8 +54,8 @@ std::string barText(const ProgressState& state, std::size_t length) {
 
 std::string knownLine(const ProgressState& state, std::size_t width) {
   const std::string percent = percentText(state);
-  const std::string numbers = byteText(static_cast<double>(state.bytes)) + " of " +
-                              byteText(static_cast<double>(*state.total)) + ", " + rateText(state) +
+  const std::string numbers = common::byteText(static_cast<double>(state.bytes)) + " of " +
+                              common::byteText(static_cast<double>(*state.total)) + ", " + rateText(state) +
                               ", " + timeLeftText(state) + " left";
   const std::size_t used = percent.size() + numbers.size() + kBarFrame;
   if (used + kShortestBar > width) return percent + numbers;
@@ -64,8 +64,8 @@ std::string knownLine(const ProgressState& state, std::size_t width) {
 
 std::string unknownLine(const ProgressState& state) {
   const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(state.elapsed);
-  return byteText(static_cast<double>(state.bytes)) + ", " + rateText(state) + ", " +
-         timeText(elapsed);
+  return common::byteText(static_cast<double>(state.bytes)) + ", " + rateText(state) + ", " +
+         common::timeText(elapsed);
 }
 
 }  // namespace

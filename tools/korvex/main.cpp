@@ -30,13 +30,13 @@ int runMain(int argumentCount, char** arguments) {
 }  // namespace
 
 int main(int argumentCount, char** arguments) {
-  korvex::occupyStandardDescriptors();
+  korvex::common::occupyStandardDescriptors();
   // A reader that left early must not kill the stream; writing then fails where it is looked at.
   ::signal(SIGPIPE, SIG_IGN);
   try {
     return runMain(argumentCount, arguments);
   } catch (const std::exception& error) {
     std::cerr << "korvex: " << error.what() << std::endl;
-    return static_cast<int>(korvex::tool::ExitCode::Failed);
+    return static_cast<int>(korvex::common::ExitCode::Failed);
   }
 }

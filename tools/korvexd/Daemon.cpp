@@ -4,6 +4,7 @@
 #include <korvex/receiver/Leftovers.h>
 #include <signal.h>
 #include <spdlog/spdlog.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <time.h>
 
@@ -46,6 +47,14 @@ void prepareProcess(const sigset_t& endSignals) {
   ::signal(SIGXFSZ, SIG_IGN);  // a file that may not grow is an error of that write, like others
 }
 
+/// Each queue has several descriptors, and the usual soft limit is for programs that use select().
+void raiseDescriptorLimit() {
+  rlimit limit = {};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 /// One thread for each server. They have ended when it goes.
 class ServerThreads {
  public:
@@ -72,8 +81,13 @@ class ServerThreads {
 Daemon::Daemon(const Options& options)
     : endSignals_(endSignals()), limits_(options.queue.limits) {
   prepareProcess(endSignals_);
+  raiseDescriptorLimit();
   receiver::installBusErrorGuard();
   if (options.output) store_.emplace(*options.output);
+  if (!options.engine.empty()) {
+    engines_.emplace(ExecStore::Settings{options.engine, options.engineTimeout,
+                                         [this] { return stop_.load(); }});
+  }
   serveQueues(options);
   if (options.statsFile) createStatsFile(*options.statsFile);
 }
@@ -88,6 +102,11 @@ void Daemon::createStatsFile(const std::string& path) {
 }
 
 receiver::SinkFactory Daemon::sinkFactory() {
+  if (engines_) {
+    return [this](const std::string& queue, std::time_t opened) {
+      return engines_->open(queue, opened);
+    };
+  }
   if (!store_) {
     return [](const std::string&, std::time_t) { return std::make_unique<DiscardSink>(); };
   }
@@ -131,7 +150,13 @@ void Daemon::announceServing() const {
 
 /// A second signal stays blocked and changes nothing.
 void Daemon::awaitSignal() {
-  while (::sigtimedwait(&endSignals_, nullptr, &kStatsInterval) < 0) updateStats();
+  while (::sigtimedwait(&endSignals_, nullptr, &kStatsInterval) < 0) doRegularly();
+}
+
+void Daemon::doRegularly() noexcept {
+  if (engines_) engines_->tidyUp();
+  for (const auto& served : queues_) served->log.update();
+  updateStats();
 }
 
 void Daemon::updateStats() noexcept {

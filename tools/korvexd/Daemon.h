@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "korvexd/sink/DirectoryStore.h"
+#include "korvexd/exec/ExecStore.h"
 #include "korvexd/Options.h"
 #include "korvexd/report/StreamLog.h"
 #include "korvexd/report/StatsFile.h"
@@ -47,11 +48,13 @@ class Daemon {
   void createStatsFile(const std::string& path);
   void announceServing() const;
   void awaitSignal();
+  void doRegularly() noexcept;
   void updateStats() noexcept;
 
   const sigset_t endSignals_;
   const receiver::Limits limits_;
   std::optional<DirectoryStore> store_;
+  std::optional<ExecStore> engines_;
   std::vector<std::unique_ptr<Served>> queues_;
   std::optional<StatsFile> statsFile_;
   bool statsFailed_ = false;

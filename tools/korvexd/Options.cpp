@@ -5,7 +5,11 @@
 
 #include <algorithm>
 #include <ostream>
+#include <stdexcept>
 
+#include "common/CommandLine.h"
+#include "common/Printable.h"
+#include "korvexd/exec/CommandWords.h"
 #include "common/ExitCode.h"
 #include "common/QueueName.h"
 
@@ -16,8 +20,15 @@ using namespace korvex::common;
 using korvex::receiver::Limits;
 using korvex::receiver::Receiver;
 
+constexpr long kLongestTimeout = 7L * 24 * 3600;
 constexpr mode_t kModeNeeded = 0600;
 constexpr int kOctal = 8;
+
+/// Words of a command line may hold anything, and a terminal obeys some of it.
+std::string complaint(const CLI::App* app, const CLI::Error& error) {
+  return printable(sentenceOf(*app, error)) +
+         "\nRun with --help for more information.\n";
+}
 
 /// What the command line says, as texts and numbers.
 struct Arguments {
@@ -26,6 +37,9 @@ struct Arguments {
   std::string mode;
   Limits limits = Receiver::Settings().limits;
   std::string output;
+  std::string command;
+  long engineTimeout = kDefaultEngineTimeout.count();
+  long idleTimeout = 0;
   bool discard = false;
   std::string capture;
   std::string statsFile;
@@ -47,6 +61,15 @@ std::string checkPath(const std::string& path) {
   return path.empty() ? "expected a path, found nothing" : "";
 }
 
+std::string checkCommand(const std::string& text) {
+  try {
+    splitCommand(text);
+    return "";
+  } catch (const std::invalid_argument& error) {
+    return "found '" + text + "': " + error.what();
+  }
+}
+
 void addQueueOptions(CLI::App& app, Arguments& found) {
   app.add_option("--queue", found.queues, "Serve this queue; may be given several times")
       ->required()
@@ -58,11 +81,12 @@ void addQueueOptions(CLI::App& app, Arguments& found) {
       ->check(checkMode)
       ->type_name("OCTAL");
   app.add_option("--max-messages", found.limits.messages, "Messages that a queue holds")
+      ->transform(wholeNumber)
       ->check(CLI::Range(std::size_t{1}, Limits::kMostMessages))
       ->capture_default_str();
   app.add_option("--max-message-size", found.limits.messageSize,
-                 "Bytes of the largest message; K and M may follow")
-      ->transform(CLI::AsSizeValue(false))
+                 "Bytes of the largest message; K, M, G or T may follow")
+      ->transform(byteCount)
       ->check(CLI::Range(Limits::kSmallestMessage, Limits::kLargestMessage))
       ->capture_default_str();
 }
@@ -72,8 +96,21 @@ void addDataOptions(CLI::App& app, Arguments& found) {
   sink->add_option("--output", found.output, "Store each stream as a folder in DIR")
       ->check(checkPath)
       ->type_name("DIR");
+  sink->add_option("--exec", found.command,
+                   "Give each stream to COMMAND as its standard input; no shell runs")
+      ->check(checkCommand)
+      ->type_name("COMMAND");
   sink->add_flag("--discard", found.discard, "Forget the data");
   sink->require_option(1);
+  app.add_option("--exec-timeout", found.engineTimeout,
+                 "Seconds that COMMAND may take to finish, or take nothing")
+      ->check(CLI::Range(1L, kLongestTimeout))
+      ->type_name("SECONDS")
+      ->capture_default_str();
+  app.add_option("--idle-timeout", found.idleTimeout,
+                 "Seconds that a stream may be silent; without it for ever")
+      ->check(CLI::Range(1L, kLongestTimeout))
+      ->type_name("SECONDS");
   app.add_option("--capture", found.capture, "Keep every message as it came in DIR")
       ->check(checkPath)
       ->type_name("DIR");
@@ -95,6 +132,9 @@ Options optionsOf(const Arguments& found) {
   }
   options.queue.limits = found.limits;
   options.output = givenText(found.output);
+  if (!found.command.empty()) options.engine = splitCommand(found.command);
+  options.engineTimeout = std::chrono::seconds(found.engineTimeout);
+  if (found.idleTimeout != 0) options.queue.idleTimeout = std::chrono::seconds(found.idleTimeout);
   options.capture = givenText(found.capture);
   options.statsFile = givenText(found.statsFile);
   return options;
@@ -114,7 +154,7 @@ void refuseClashes(const std::vector<std::string>& queues) {
 }
 
 void refuseLongFileNames(const Options& options) {
-  if (!options.output && !options.capture) return;
+  if (!options.output && !options.capture && options.engine.empty()) return;
   for (const std::string& queue : options.queues) {
     const std::size_t length = fileNameOf(queue).size();
     if (length <= kLongestFileName) continue;
@@ -129,6 +169,7 @@ void refuseLongFileNames(const Options& options) {
 ParsedOptions parseOptions(int argc, const char* const* argv, std::ostream& out,
                            std::ostream& err) {
   CLI::App app("Receives streams from producers on this machine.", "korvexd");
+  app.failure_message(complaint);
   Arguments found;
   addQueueOptions(app, found);
   addDataOptions(app, found);

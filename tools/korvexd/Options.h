@@ -1,6 +1,7 @@
 #ifndef KORVEXD_OPTIONS_H
 #define KORVEXD_OPTIONS_H
 
+#include <chrono>
 #include <iosfwd>
 #include <optional>
 #include <string>
@@ -10,11 +11,16 @@
 
 namespace korvexd {
 
+constexpr std::chrono::seconds kDefaultEngineTimeout{3600};
+
 /// What the daemon was asked to do; checked.
 struct Options {
   std::vector<std::string> queues;  ///< without leading slash, no two that clash
   korvex::receiver::Receiver::Settings queue;  ///< of each queue; its name is left empty
-  std::optional<std::string> output;  ///< the data is discarded without one
+  std::optional<std::string> output;
+  std::vector<std::string> engine;  ///< the words of its command; without it and an output folder
+                                    ///< the data is discarded
+  std::chrono::seconds engineTimeout = kDefaultEngineTimeout;
   std::optional<std::string> capture;
   std::optional<std::string> statsFile;
 };

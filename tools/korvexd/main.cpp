@@ -8,6 +8,7 @@
 
 #include "korvexd/Daemon.h"
 #include "common/ExitCode.h"
+#include "korvexd/exec/Keeper.h"
 #include "korvexd/report/LogSink.h"
 #include "korvexd/Options.h"
 #include "common/StandardDescriptors.h"
@@ -45,6 +46,7 @@ bool startLog() {
 
 int main(int argc, char** argv) {
   using namespace korvexd;
+  if (isKeeper(argc, argv)) return runKeeper(argc, argv);
   korvex::common::occupyStandardDescriptors();
   const ParsedOptions parsed = parseOptions(argc, argv, std::cout, std::cerr);
   if (!parsed.options) return parsed.exitCode;

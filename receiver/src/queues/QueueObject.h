@@ -22,6 +22,7 @@ class QueueObject {
   QueueObject(QueueObject&& other) noexcept;
   QueueObject& operator=(QueueObject&& other) noexcept;
 
+  int descriptor() const noexcept { return descriptor_; }
   bool isOpen() const noexcept { return descriptor_ >= 0; }
 
   /// Claims it until it is closed. False when another daemon has it.

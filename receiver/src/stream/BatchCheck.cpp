@@ -1,4 +1,4 @@
-#include "stream/BatchCheck.h"
+#include "korvex/receiver/BatchCheck.h"
 
 #include <iomanip>
 #include <locale>

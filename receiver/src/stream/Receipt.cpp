@@ -1,6 +1,7 @@
 #include "korvex/receiver/Receipt.h"
 
 #include <charconv>
+#include <cstring>
 
 namespace korvex::receiver {
 namespace {
@@ -42,6 +43,10 @@ std::optional<Receipt> Receipt::parse(std::string_view untrusted) {
   if (!isDigest(untrusted)) return std::nullopt;
   receipt.xxh128 = untrusted;
   return receipt;
+}
+
+std::string_view textOf(const qmx_shm_response_t& untrusted) {
+  return {untrusted.message, ::strnlen(untrusted.message, sizeof untrusted.message)};
 }
 
 }  // namespace korvex::receiver

@@ -2,6 +2,8 @@
 
 namespace korvex::receiver {
 
+Reply finishingReply() { return replyOf(0, "finishing"); }
+
 Reply replyOf(ov_status_t status, const std::string& text) {
   Reply reply;
   reply.assign(status, text.c_str());

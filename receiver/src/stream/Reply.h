@@ -16,6 +16,9 @@ constexpr ov_status_t kStatusSinkFailed = 5;
 /// A text above 127 characters is cut, so what matters comes first.
 Reply replyOf(ov_status_t status, const std::string& text);
 
+/// The stream is closed and all of it was taken; its sink takes long to finish. Status 0.
+Reply finishingReply();
+
 }  // namespace korvex::receiver
 
 #endif

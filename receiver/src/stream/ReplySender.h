@@ -27,6 +27,9 @@ class ReplySender {
   /// Sends, after everything that waits already.
   void send(const Reply& reply);
 
+  /// Whether the producer has picked up everything so far.
+  bool isAllTaken() { return !isPending() && replies_.messages() == 0; }
+
   /// Tries again what waits.
   void sendPending();
 

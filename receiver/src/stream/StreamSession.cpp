@@ -34,11 +34,13 @@ std::string defectOf(const Header& header) {
 }  // namespace
 
 StreamSession::StreamSession(std::string queue, SinkFactory openSink, Counters& counters,
-                             Observer& observer)
+                             Observer& observer,
+                             StillFinishing stillFinishing)
     : queue_(std::move(queue)),
       openSink_(std::move(openSink)),
       counters_(counters),
-      observer_(observer) {}
+      observer_(observer),
+      stillFinishing_(std::move(stillFinishing)) {}
 
 StreamSession::~StreamSession() { end("abandoned"); }
 
@@ -163,7 +165,7 @@ void StreamSession::finishSegment() {
 StreamSession::Answer StreamSession::takeClose(const Header& header) {
   const StreamSummary whole = summary();
   try {
-    sink_->complete(whole, [] { return true; });
+    sink_->complete(whole, stillFinishing_);
   } catch (const std::exception& error) {
     const Answer answer = fail(kStatusSinkFailed, error.what());
     endWith(header);
@@ -187,6 +189,22 @@ StreamSession::Answer StreamSession::takeDamage(const std::string& defect) {
   const std::string text = "damaged batch: " + defect;
   if (state_ == State::Open) return fail(kStatusCorrupt, text);
   return replyOf(kStatusCorrupt, text);
+}
+
+StreamSession::Answer StreamSession::checkSink() {
+  if (state_ != State::Open) return {};
+  try {
+    sink_->check();
+  } catch (const std::exception& error) {
+    return fail(kStatusSinkFailed, error.what());
+  }
+  return {};
+}
+
+StreamSession::Answer StreamSession::takeSilence(std::chrono::seconds silence) {
+  if (state_ != State::Open) return {};
+  return fail(kStatusSinkFailed,
+              "nothing came for " + std::to_string(silence.count()) + " seconds");
 }
 
 /// Drops a record that breaks the protocol, and with it the stream.

@@ -68,6 +68,29 @@ TEST_F(OptionsTest, TakesEverything) {
   EXPECT_EQ(*options_->statsFile, "file");
 }
 
+TEST_F(OptionsTest, TakesAnEngineAsTheWordsOfItsCommand) {
+  ASSERT_EQ(parseWords({"korvexd", "--queue", "a", "--exec", "restic --tag 'a b'"}), 0);
+  EXPECT_THAT(options_->engine, ElementsAre("restic", "--tag", "a b"));
+  EXPECT_EQ(options_->engineTimeout.count(), 3600);
+  EXPECT_FALSE(options_->idleTimeout || options_->output);
+  ASSERT_EQ(parse("--queue a --exec x --exec-timeout 5 --idle-timeout 6"), 0);
+  EXPECT_EQ(options_->engineTimeout.count(), 5);
+  EXPECT_EQ(options_->idleTimeout->count(), 6);
+}
+
+TEST_F(OptionsTest, RefusesACommandThatIsNone) {
+  expectWrong("--queue a --exec 'x", "found ''x': the quote ' at character 1 is never closed");
+  EXPECT_EQ(parseWords({"korvexd", "--queue", "a", "--exec", ""}), 2);
+  EXPECT_THAT(err_.str(), HasSubstr("found '': found no word, expected a command"));
+}
+
+TEST_F(OptionsTest, RefusesTimesOutsideTheirRange) {
+  for (const char* time : {"0", "-1", "604801", "x"}) {
+    expectWrong(std::string("--queue a --exec x --exec-timeout ") + time, "--exec-timeout");
+    expectWrong(std::string("--queue a --discard --idle-timeout ") + time, "--idle-timeout");
+  }
+}
+
 TEST_F(OptionsTest, SizesMayCarryAUnit) {
   ASSERT_EQ(parse("--queue a --discard --max-message-size 2M"), 0);
   EXPECT_EQ(options_->limits.messageSize, 2097152u);
@@ -75,11 +98,28 @@ TEST_F(OptionsTest, SizesMayCarryAUnit) {
   EXPECT_EQ(options_->limits.messageSize, 100u);
 }
 
+TEST_F(OptionsTest, NumbersAreDecimal) {
+  ASSERT_EQ(parse("--queue a --discard --max-message-size 0100 --max-messages 010"), 0);
+  EXPECT_EQ(options_->limits.messageSize, 100u);
+  EXPECT_EQ(options_->limits.messages, 10u);
+  for (const char* size : {"1.5M", "0x100", "1KX", "M", "64k ", "+64", "99999999999999999999"}) {
+    EXPECT_EQ(parseWords({"korvexd", "--queue", "a", "--discard", "--max-message-size", size}), 2);
+    EXPECT_THAT(err_.str(), HasSubstr("found '" + std::string(size) + "', expected"));
+  }
+  expectWrong("--queue a --discard --max-message-size 99999999999T", "expected less");
+}
+
+TEST_F(OptionsTest, NamesUnexpectedWordsInOrderAndHarmless) {
+  EXPECT_EQ(parseWords({"korvexd", "--queue", "a", "--discard", "one", "two\n\x1b"}), 2);
+  EXPECT_THAT(err_.str(), HasSubstr("not expected: one two\\x0a\\x1b\n"));
+}
+
 TEST_F(OptionsTest, NeedsAQueue) { expectWrong("--discard", "--queue is required"); }
 
 TEST_F(OptionsTest, NeedsExactlyOnePlaceForTheData) {
-  expectWrong("--queue a", "--output,--discard");
-  expectWrong("--queue a --discard --output x", "--output,--discard");
+  expectWrong("--queue a", "--output,--exec,--discard");
+  expectWrong("--queue a --discard --output x", "--output,--exec,--discard");
+  expectWrong("--queue a --exec x --output x", "--output,--exec,--discard");
 }
 
 TEST_F(OptionsTest, RefusesWhatIsNoMode) {
@@ -117,6 +157,7 @@ TEST_F(OptionsTest, RefusesQueuesThatWouldShareAName) {
 TEST_F(OptionsTest, RefusesNamesTooLongForFilesOnlyWhereFilesAreMade) {
   const std::string name(201, 'a');
   ASSERT_EQ(parse("--discard --queue " + name), 0);
+  expectWrong("--exec x --queue " + name, "a file name of 201 characters");
   expectWrong("--output x --queue " + name, "a file name of 201 characters");
   expectWrong("--discard --capture x --queue " + name, "a file name of 201 characters");
 }

@@ -13,10 +13,11 @@
 #include "send/DaemonStream.h"
 #include "Failure.h"
 #include "send/InputReader.h"
-#include "common/Printable.h"
-#include "korvex/receiver/Receipt.h"
+#include <korvex/receiver/Receipt.h>
 #include "send/SendReport.h"
-#include "send/StreamDigest.h"
+#include <korvex/receiver/StreamDigest.h>
+#include "common/CommandLine.h"
+#include "common/Printable.h"
 #include "common/QueueName.h"
 
 namespace korvex::tool {
@@ -58,14 +59,14 @@ class SendRun {
   void sendFile(InputReader& input, std::size_t pieceSize);
   void endSegment();
   void verify();
-  void fail(ExitCode exitCode, ov_status_t status, const std::string& message);
+  void fail(common::ExitCode exitCode, ov_status_t status, const std::string& message);
 
   const SendOptions& options_;
   const StopSignal& stop_;
   Progress& progress_;
   Clock::time_point start_;
   std::unique_ptr<DaemonStream> daemon_;
-  StreamDigest digest_;
+  receiver::StreamDigest digest_;
   Buffer buffer_;
   SendReport report_;
 };
@@ -75,15 +76,15 @@ SendReport SendRun::run() {
     stream();
   } catch (const Interrupted& interrupted) {
     if (daemon_) daemon_->stop(DaemonStream::StopWait::Short);
-    fail(ExitCode::Failed, EINTR, "interrupted by signal " + std::to_string(interrupted.signal));
+    fail(common::ExitCode::Failed, EINTR, "interrupted by signal " + std::to_string(interrupted.signal));
     report_.exitCode = kSignalExitBase + interrupted.signal;
     report_.signal = interrupted.signal;
   } catch (const Failure& failure) {
-    fail(ExitCode::Failed, failure.status(), failure.what());
+    fail(common::ExitCode::Failed, failure.status(), failure.what());
   } catch (const std::exception& error) {
-    fail(ExitCode::Failed, EIO, error.what());
+    fail(common::ExitCode::Failed, EIO, error.what());
   }
-  const Receipt sent = digest_.expected();
+  const receiver::Receipt sent = digest_.expected();
   report_.bytes = sent.bytes;
   report_.xxh128 = sent.xxh128;
   report_.seconds = std::chrono::duration<double>(Clock::now() - start_).count();
@@ -153,27 +154,27 @@ void SendRun::verify() {
   }
   const auto reply = daemon_->awaitReceipt(std::chrono::seconds(options_.receiptTimeout));
   if (!reply) {
-    return fail(ExitCode::NoReceipt, ETIMEDOUT,
+    return fail(common::ExitCode::NoReceipt, ETIMEDOUT,
                 "sent, but no receipt came from the daemon within " +
                     std::to_string(options_.receiptTimeout) + " s");
   }
-  const std::optional<Receipt> stored = parseReceipt(*reply);
+  const std::optional<receiver::Receipt> stored = receiver::Receipt::parse(*reply);
   if (!stored) {
-    return fail(ExitCode::Failed, EPROTO,
-                "the daemon's reply is no receipt: found \"" + printable(*reply) +
+    return fail(common::ExitCode::Failed, EPROTO,
+                "the daemon's reply is no receipt: found \"" + common::printable(*reply) +
                     "\", expected \"stored bytes=N xxh128=HEX\"");
   }
-  const Receipt sent = digest_.expected();
+  const receiver::Receipt sent = digest_.expected();
   if (!(*stored == sent)) {
     return fail(
-        ExitCode::Failed, EBADMSG,
+        common::ExitCode::Failed, EBADMSG,
         "the daemon stored something else: sent " + sent.text() + ", stored " + stored->text());
   }
   report_.isVerified = true;
   report_.message = "stored and verified";
 }
 
-void SendRun::fail(ExitCode exitCode, ov_status_t status, const std::string& message) {
+void SendRun::fail(common::ExitCode exitCode, ov_status_t status, const std::string& message) {
   report_.exitCode = static_cast<int>(exitCode);
   report_.status = status;
   report_.message = message;
@@ -181,13 +182,13 @@ void SendRun::fail(ExitCode exitCode, ov_status_t status, const std::string& mes
 
 /// A name that no daemon can serve is a mistake in the command line, not a daemon that is away.
 std::string checkQueueName(const std::string& name) {
-  const std::string defect = korvexd::queueNameDefect(name);
-  return defect.empty() ? "" : "'" + printable(name) + "' cannot be a queue's name: " + defect;
+  const std::string defect = common::queueNameDefect(name);
+  return defect.empty() ? "" : "'" + common::printable(name) + "' cannot be a queue's name: " + defect;
 }
 
 void tell(const SendReport& report, const SendOptions& options, std::ostream& out,
           std::ostream& errors) {
-  const auto success = static_cast<int>(ExitCode::Success);
+  const auto success = static_cast<int>(common::ExitCode::Success);
   if (report.exitCode != success) errors << "korvex: " << report.message << std::endl;
   if (report.exitCode == success && !options.quiet && !options.json) {
     errors << report.summary() << std::endl;
@@ -207,18 +208,20 @@ CLI::App* declareSend(CLI::App& tool, SendOptions& options) {
   send->add_option("--name", options.name, "A name for the stream in error texts")
       ->type_name("STREAM");
   send->add_option("--timeout", options.timeout, "How long the daemon may take nothing, in seconds")
+      ->transform(common::wholeNumber)
       ->check(CLI::Range(kMinTimeout, kMaxTimeout))
       ->type_name("SECONDS")
       ->capture_default_str();
   send->add_option("--segment-size", options.segmentSize,
                    "Data bytes of a segment; K, M, G and T are powers of 1024")
-      ->transform(CLI::AsSizeValue(false))
+      ->transform(common::byteCount)
       ->check(CLI::Range(std::uint64_t{1}, kMaxSegmentSize))
       ->type_name("BYTES")
       ->capture_default_str();
   CLI::Option* const receiptTimeout =
       send->add_option("--receipt-timeout", options.receiptTimeout,
                        "How long to wait for the daemon's receipt, in seconds")
+          ->transform(common::wholeNumber)
           ->check(CLI::Range(kMinTimeout, kMaxTimeout))
           ->type_name("SECONDS")
           ->capture_default_str();

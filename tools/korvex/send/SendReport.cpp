@@ -20,7 +20,7 @@ std::string secondsText(double seconds) {
 
 std::string SendReport::summary() const {
   return "sent " + std::to_string(bytes) + " bytes in " + std::to_string(segments) + " segments, " +
-         secondsText(seconds) + ", " + byteText(bytesPerSecond()) + "/s: " + message;
+         secondsText(seconds) + ", " + common::byteText(bytesPerSecond()) + "/s: " + message;
 }
 
 std::string SendReport::json() const {

@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <utility>
 
-#include "korvex/receiver/SystemError.h"
+#include <korvex/receiver/SystemError.h>
 
 namespace korvexd {
 namespace {

@@ -6,7 +6,7 @@
 #include <thread>
 #include <utility>
 
-#include "korvex/receiver/SystemError.h"
+#include <korvex/receiver/SystemError.h>
 
 namespace korvexd {
 

@@ -6,7 +6,7 @@
 #include <filesystem>
 
 #include "common/QueueName.h"
-#include "korvex/receiver/SystemError.h"
+#include <korvex/receiver/SystemError.h>
 
 namespace korvexd {
 namespace {

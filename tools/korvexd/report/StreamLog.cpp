@@ -9,11 +9,13 @@ namespace korvexd {
 using korvex::receiver::StreamSummary;
 
 StreamLog::StreamLog(std::string queue, const std::optional<std::string>& captureFolder)
-    : queue_(std::move(queue)) {
+    : queue_(std::move(queue)), log_(queue_) {
   if (!captureFolder) return;
   capture_.emplace(*captureFolder, queue_);
   firstNumber_ = capture_->lastNumber();
 }
+
+StreamLog::~StreamLog() { log_.finish(); }
 
 void StreamLog::messageReceived(std::uint64_t number, const unsigned char* untrusted,
                                 std::size_t size) noexcept {
@@ -28,40 +30,64 @@ void StreamLog::messageReceived(std::uint64_t number, const unsigned char* untru
 }
 
 void StreamLog::streamComplete(const StreamSummary& summary, const std::string& place) noexcept {
-  spdlog::info("{}: stream complete, {} bytes in {} segments, xxh128 {}, {}", queue_, summary.bytes,
-               summary.segments, summary.xxh128, place);
+  write(QueueLog::Kind::Stream, spdlog::level::info,
+        "stream complete, {} bytes in {} segments, xxh128 {}, {}", summary.bytes, summary.segments,
+        summary.xxh128, place);
 }
 
 void StreamLog::streamIncomplete(const StreamSummary& summary, const std::string& reason,
                                  const std::string& place) noexcept {
-  spdlog::info("{}: stream incomplete ({}), {} bytes, {}", queue_, reason, summary.bytes,
-               place.empty() ? "nothing stored" : place.c_str());
+  write(QueueLog::Kind::Stream, spdlog::level::info, "stream incomplete ({}), {} bytes, {}", reason,
+        summary.bytes, place.empty() ? "nothing stored" : place.c_str());
 }
 
 void StreamLog::abandoningFailed(const std::string& reason) noexcept {
-  spdlog::warn("{}: marking the stream incomplete: {}", queue_, reason);
+  write(QueueLog::Kind::SinkTrouble, spdlog::level::warn, "marking the stream incomplete: {}",
+        reason);
 }
 
 void StreamLog::batchRefused(std::uint64_t number, const std::string& defect) noexcept {
-  spdlog::warn("{}: batch {} is damaged: {}", queue_, firstNumber_ + number, defect);
+  write(QueueLog::Kind::DamagedBatch, spdlog::level::warn, "batch {} is damaged: {}",
+        firstNumber_ + number, defect);
 }
 
 void StreamLog::recordRefused(const std::string& defect) noexcept {
-  spdlog::warn("{}: {}", queue_, defect);
+  write(QueueLog::Kind::RefusedRecord, spdlog::level::warn, "{}", defect);
 }
 
 void StreamLog::queuesLost(const std::string& reason) noexcept {
-  spdlog::warn("{}: the queues are lost: {}", queue_, reason);
+  write(QueueLog::Kind::QueuePair, spdlog::level::warn, "the queues are lost: {}", reason);
 }
 
 void StreamLog::queuesNotReplaced(const std::string& reason) noexcept {
-  spdlog::error("{}: the queues cannot be made again yet: {}", queue_, reason);
+  write(QueueLog::Kind::QueuePair, spdlog::level::err, "the queues cannot be made again yet: {}",
+        reason);
 }
 
-void StreamLog::queuesReplaced() noexcept { spdlog::info("{}: served again", queue_); }
+void StreamLog::queuesReplaced() noexcept {
+  write(QueueLog::Kind::QueuePair, spdlog::level::info, "served again");
+}
 
 void StreamLog::messagesLeft(std::size_t count) noexcept {
-  spdlog::warn("{}: the daemon ends, messages not taken: {}", queue_, count);
+  write(QueueLog::Kind::QueuePair, spdlog::level::warn,
+        "the daemon ends, messages not taken: {}", count);
+}
+
+void StreamLog::update() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  log_.update();
+}
+
+/// A line that memory is too short for is lost; the stream goes on.
+template <typename... Values>
+void StreamLog::write(QueueLog::Kind kind, spdlog::level::level_enum level, const char* format,
+                      const Values&... values) noexcept {
+  try {
+    const std::string text = fmt::format(fmt::runtime(format), values...);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    log_.write(kind, level, text);
+  } catch (const std::exception&) {
+  }
 }
 
 }  // namespace korvexd

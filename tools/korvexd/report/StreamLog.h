@@ -4,11 +4,13 @@
 #include <korvex/receiver/Observer.h>
 
 #include <atomic>
+#include <mutex>
 #include <cstdint>
 #include <optional>
 #include <string>
 
 #include "korvexd/report/Capture.h"
+#include "korvexd/report/QueueLog.h"
 
 namespace korvexd {
 
@@ -17,6 +19,11 @@ class StreamLog : public korvex::receiver::Observer {
  public:
   /// Captures into the folder, if any. Throws SystemError when that cannot be used.
   StreamLog(std::string queue, const std::optional<std::string>& captureFolder);
+
+  ~StreamLog() override;
+
+  /// Logs what was left out in periods that are over. Any thread may call it, now and then.
+  void update();
 
   /// Messages that could not be captured. May be read by any thread.
   std::uint64_t captureFailures() const noexcept { return captureFailures_; }
@@ -36,7 +43,13 @@ class StreamLog : public korvex::receiver::Observer {
   void messagesLeft(std::size_t count) noexcept override;
 
  private:
-  std::string queue_;
+  template <typename... Values>
+  void write(QueueLog::Kind kind, spdlog::level::level_enum level, const char* format,
+             const Values&... values) noexcept;
+
+  const std::string queue_;
+  std::mutex mutex_;
+  QueueLog log_;  ///< guarded by the mutex
   std::optional<Capture> capture_;
   std::uint64_t firstNumber_ = 0;  ///< messages that earlier daemons captured
   std::atomic<std::uint64_t> captureFailures_{0};

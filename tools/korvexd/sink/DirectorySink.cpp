@@ -11,7 +11,7 @@
 
 #include "korvexd/sink/DirectoryStore.h"
 #include "korvexd/sink/Manifest.h"
-#include "korvex/receiver/SystemError.h"
+#include <korvex/receiver/SystemError.h>
 
 namespace korvexd {
 namespace {

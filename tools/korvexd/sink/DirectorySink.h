@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "korvexd/os/File.h"
-#include "korvexd/sink/Sha256.h"
-#include "korvex/receiver/Sink.h"
+#include "common/Sha256.h"
+#include <korvex/receiver/Sink.h>
 
 namespace korvexd {
 
@@ -48,7 +48,7 @@ class DirectorySink : public receiver::Sink {
   std::string name_;
   std::string path_;
   bool isFinal_ = false;
-  Sha256 sha256_;
+  korvex::common::Sha256 sha256_;
   std::uint64_t written_ = 0;
   std::uint64_t onTheWay_ = 0;           ///< of them, to the disk
   std::vector<unsigned char> gathered_;  ///< small records, until they are worth a write

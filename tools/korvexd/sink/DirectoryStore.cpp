@@ -10,7 +10,7 @@
 
 #include "korvexd/sink/DirectorySink.h"
 #include "common/QueueName.h"
-#include "korvex/receiver/SystemError.h"
+#include <korvex/receiver/SystemError.h>
 
 namespace korvexd {
 namespace {

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "korvexd/os/File.h"
-#include "korvex/receiver/Sink.h"
+#include <korvex/receiver/Sink.h>
 
 namespace korvexd {
 

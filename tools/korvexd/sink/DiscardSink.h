@@ -1,7 +1,7 @@
 #ifndef KORVEXD_DISCARD_SINK_H
 #define KORVEXD_DISCARD_SINK_H
 
-#include "korvex/receiver/Sink.h"
+#include <korvex/receiver/Sink.h>
 
 namespace korvexd {
 

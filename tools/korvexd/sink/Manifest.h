@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "korvex/receiver/Sink.h"
+#include <korvex/receiver/Sink.h>
 
 namespace korvexd {
 

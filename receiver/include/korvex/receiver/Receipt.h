@@ -1,6 +1,8 @@
 #ifndef KORVEX_RECEIVER_RECEIPT_H
 #define KORVEX_RECEIVER_RECEIPT_H
 
+#include <korvex/ShmCommon.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -26,6 +28,9 @@ struct KORVEX_RECEIVER_EXPORT Receipt {
   /// less, no number above 64 bits, no other digits.
   static std::optional<Receipt> parse(std::string_view untrusted);
 };
+
+/// The text of a reply, which may fill its field without a NUL.
+KORVEX_RECEIVER_EXPORT std::string_view textOf(const qmx_shm_response_t& untrusted);
 
 inline bool operator==(const Receipt& left, const Receipt& right) {
   return left.bytes == right.bytes && left.xxh128 == right.xxh128;

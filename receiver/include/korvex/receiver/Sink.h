@@ -34,6 +34,10 @@ class KORVEX_RECEIVER_EXPORT Sink {
   /// Takes the next bytes of the stream, in order. They are gone when it returns.
   virtual void write(const unsigned char* data, std::size_t size) = 0;
 
+  /// Called several times a second while nothing comes. Throw when the stream cannot be stored any
+  /// more, so that its producer hears of it now and not with its next data.
+  virtual void check();
+
   /// Nothing is missing. The producer gets its receipt when this returns, so by then the data must
   /// be as safe as this sink can make it.
   virtual void complete(const StreamSummary& summary, const StillFinishing& stillFinishing) = 0;
