@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "Pattern.h"
-#include "send/StreamDigest.h"
+#include "korvex/receiver/StreamDigest.h"
 
 namespace korvex::test {
 namespace {
@@ -77,7 +77,7 @@ class Producer {
 
   void sendStream(const Pattern& pattern) {
     timed([&] { writer_->open(); });
-    korvex::tool::StreamDigest digest;
+    korvex::receiver::StreamDigest digest;
     std::size_t size = 8;
     for (std::uint64_t sent = 0; sent < pattern.size(); sent += size) {
       size = std::min<std::uint64_t>(pattern.size() - sent, nextSize());

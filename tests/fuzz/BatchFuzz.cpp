@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "fuzz/Input.h"
-#include "stream/BatchCheck.h"
+#include "korvex/receiver/BatchCheck.h"
 #include "support/WireFormat.h"
 
 using korvex::ShmBatch;
@@ -35,7 +35,7 @@ void packAgain(const ShmBatch::Entry& entry, const std::uint8_t* place) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
   static std::vector<std::size_t> starts;
   const bool isBatch = decodeBatch(bytes, size, starts);
-  const korvexd::BatchCheck check(bytes, size);
+  const korvex::receiver::BatchCheck check(bytes, size);
   require(check.ok() == isBatch, "the check's verdict");
   require(check.offset() <= size, "the check's offset");
   if (!isBatch) {

@@ -69,9 +69,9 @@ void checkText(const Reply& received) {
   std::memcpy(static_cast<void*>(&reply), received.bytes, sizeof reply);
   const std::string text = received.text();
   require(korvex::replyText(reply) == text, "the writer's text");
-  require(korvex::tool::textOf(reply) == text, "the tool's text");
+  require(korvex::receiver::textOf(reply) == text, "the tool's text");
 
-  const auto receipt = korvex::tool::parseReceipt(text);
+  const auto receipt = korvex::receiver::Receipt::parse(text);
   require(receipt.has_value() == isReceipt(text), "the verdict on a receipt");
   if (!receipt) return;
   require(receipt->xxh128 == text.substr(text.size() - 32), "the receipt's digest");

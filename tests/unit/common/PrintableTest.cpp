@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
-using korvex::tool::byteText;
-using korvex::tool::printable;
-using korvex::tool::timeText;
+using korvex::common::byteText;
+using korvex::common::printable;
+using korvex::common::timeText;
 
 TEST(Printable, LeavesOrdinaryTextAlone) {
   EXPECT_EQ(printable("a b-c_d.\xc3\xa4"), "a b-c_d.\xc3\xa4");

@@ -7,10 +7,10 @@
 #include "support/HostileNames.h"
 
 using korvex_test::hostileNames;
-using korvexd::fileNameOf;
-using korvexd::jsonNameOf;
-using korvexd::plainQueueName;
-using korvexd::queueNameDefect;
+using korvex::common::fileNameOf;
+using korvex::common::jsonNameOf;
+using korvex::common::plainQueueName;
+using korvex::common::queueNameDefect;
 
 TEST(QueueName, MayStartWithOneSlash) {
   EXPECT_EQ(queueNameDefect("/a"), "");

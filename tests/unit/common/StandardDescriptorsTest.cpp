@@ -40,7 +40,7 @@ int accessOf(int descriptor) { return ::fcntl(descriptor, F_GETFL) & O_ACCMODE; 
 
 TEST(StandardDescriptors, ThatAreOpenStayAsTheyAre) {
   const std::string before = fileOf(0) + fileOf(1) + fileOf(2);
-  korvex::occupyStandardDescriptors();
+  korvex::common::occupyStandardDescriptors();
   EXPECT_EQ(fileOf(0) + fileOf(1) + fileOf(2), before);
 }
 
@@ -51,7 +51,7 @@ TEST(StandardDescriptors, ThatAreClosedNeitherGiveDataNorLoseAResult) {
     const Closed input(0);
     const Closed output(1);
     const Closed errors(2);
-    korvex::occupyStandardDescriptors();
+    korvex::common::occupyStandardDescriptors();
     for (int descriptor = 0; descriptor < 3; ++descriptor) {
       files[descriptor] = fileOf(descriptor);
       access[descriptor] = accessOf(descriptor);
@@ -66,6 +66,6 @@ TEST(StandardDescriptors, ThatAreClosedNeitherGiveDataNorLoseAResult) {
 TEST(StandardDescriptors, OthersAreNotTouched) {
   const int free = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
   ::close(free);
-  korvex::occupyStandardDescriptors();
+  korvex::common::occupyStandardDescriptors();
   EXPECT_EQ(fileOf(free), "(closed)");
 }

@@ -10,7 +10,7 @@
 #include "integration/HostileBatches.h"
 #include "support/BatchBytes.h"
 #include "support/TemporaryFolder.h"
-#include "stream/BatchCheck.h"
+#include "korvex/receiver/BatchCheck.h"
 
 namespace {
 
@@ -241,7 +241,7 @@ TEST_F(Inspect, AgreesWithTheDaemonAboutHostileBatches) {
   for (int i = 0; i < 3000; ++i) {
     const Bytes untrusted = batches.next();
     if (untrusted.empty()) continue;
-    const korvexd::BatchCheck check(untrusted.data(), untrusted.size());
+    const korvex::receiver::BatchCheck check(untrusted.data(), untrusted.size());
     const std::string text = inspect({write("hostile", untrusted)});
     if (check.ok()) {
       EXPECT_THAT(text, Not(HasSubstr("damaged: ")));

@@ -5,7 +5,7 @@
 #include <sstream>
 
 using korvexd::Options;
-using korvexd::QueuePair;
+using korvex::receiver::Receiver;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
@@ -47,10 +47,10 @@ class OptionsTest : public testing::Test {
 TEST_F(OptionsTest, DefaultsAreAPairThatOnlyTheOwnerMayUse) {
   ASSERT_EQ(parse("--queue a --discard"), 0);
   EXPECT_THAT(options_->queues, ElementsAre("a"));
-  EXPECT_EQ(options_->existing, QueuePair::Existing::Refuse);
-  EXPECT_EQ(options_->mode, 0600u);
-  EXPECT_EQ(options_->limits.messages, 8u);
-  EXPECT_EQ(options_->limits.messageSize, 270336u);
+  EXPECT_EQ(options_->queue.existing, Receiver::Existing::Refuse);
+  EXPECT_EQ(options_->queue.mode, 0600u);
+  EXPECT_EQ(options_->queue.limits.messages, 8u);
+  EXPECT_EQ(options_->queue.limits.messageSize, 270336u);
   EXPECT_FALSE(options_->output || options_->capture || options_->statsFile);
 }
 
@@ -59,10 +59,10 @@ TEST_F(OptionsTest, TakesEverything) {
                   "--max-message-size 64K --output out --capture cap --stats file"),
             0);
   EXPECT_THAT(options_->queues, ElementsAre("a", "b"));
-  EXPECT_EQ(options_->existing, QueuePair::Existing::Replace);
-  EXPECT_EQ(options_->mode, 0660u);
-  EXPECT_EQ(options_->limits.messages, 3u);
-  EXPECT_EQ(options_->limits.messageSize, 65536u);
+  EXPECT_EQ(options_->queue.existing, Receiver::Existing::Replace);
+  EXPECT_EQ(options_->queue.mode, 0660u);
+  EXPECT_EQ(options_->queue.limits.messages, 3u);
+  EXPECT_EQ(options_->queue.limits.messageSize, 65536u);
   EXPECT_EQ(*options_->output, "out");
   EXPECT_EQ(*options_->capture, "cap");
   EXPECT_EQ(*options_->statsFile, "file");
@@ -72,10 +72,10 @@ TEST_F(OptionsTest, TakesAnEngineAsTheWordsOfItsCommand) {
   ASSERT_EQ(parseWords({"korvexd", "--queue", "a", "--exec", "restic --tag 'a b'"}), 0);
   EXPECT_THAT(options_->engine, ElementsAre("restic", "--tag", "a b"));
   EXPECT_EQ(options_->engineTimeout.count(), 3600);
-  EXPECT_FALSE(options_->idleTimeout || options_->output);
+  EXPECT_FALSE(options_->queue.idleTimeout || options_->output);
   ASSERT_EQ(parse("--queue a --exec x --exec-timeout 5 --idle-timeout 6"), 0);
   EXPECT_EQ(options_->engineTimeout.count(), 5);
-  EXPECT_EQ(options_->idleTimeout->count(), 6);
+  EXPECT_EQ(options_->queue.idleTimeout->count(), 6);
 }
 
 TEST_F(OptionsTest, RefusesACommandThatIsNone) {
@@ -93,15 +93,15 @@ TEST_F(OptionsTest, RefusesTimesOutsideTheirRange) {
 
 TEST_F(OptionsTest, SizesMayCarryAUnit) {
   ASSERT_EQ(parse("--queue a --discard --max-message-size 2M"), 0);
-  EXPECT_EQ(options_->limits.messageSize, 2097152u);
+  EXPECT_EQ(options_->queue.limits.messageSize, 2097152u);
   ASSERT_EQ(parse("--queue a --discard --max-message-size 100"), 0);
-  EXPECT_EQ(options_->limits.messageSize, 100u);
+  EXPECT_EQ(options_->queue.limits.messageSize, 100u);
 }
 
 TEST_F(OptionsTest, NumbersAreDecimal) {
   ASSERT_EQ(parse("--queue a --discard --max-message-size 0100 --max-messages 010"), 0);
-  EXPECT_EQ(options_->limits.messageSize, 100u);
-  EXPECT_EQ(options_->limits.messages, 10u);
+  EXPECT_EQ(options_->queue.limits.messageSize, 100u);
+  EXPECT_EQ(options_->queue.limits.messages, 10u);
   for (const char* size : {"1.5M", "0x100", "1KX", "M", "64k ", "+64", "99999999999999999999"}) {
     EXPECT_EQ(parseWords({"korvexd", "--queue", "a", "--discard", "--max-message-size", size}), 2);
     EXPECT_THAT(err_.str(), HasSubstr("found '" + std::string(size) + "', expected"));

@@ -1,13 +1,13 @@
-#include "stream/BatchCheck.h"
+#include "korvex/receiver/BatchCheck.h"
 
 #include <gtest/gtest.h>
 
 #include "support/BatchBytes.h"
 
-using korvexd::BatchCheck;
+using korvex::receiver::BatchCheck;
 using test_support::BatchBytes;
 using test_support::Bytes;
-using Defect = korvexd::BatchCheck::Defect;
+using Defect = korvex::receiver::BatchCheck::Defect;
 
 namespace {
 

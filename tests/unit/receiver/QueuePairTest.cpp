@@ -11,23 +11,26 @@
 #include "korvex/receiver/SystemError.h"
 
 using korvex::MessageQueue;
-using korvexd::QueuePair;
+using korvex::receiver::QueuePair;
+using korvex::receiver::Limits;
+using korvex::receiver::Receiver;
 using test_support::queueExists;
 using testing::HasSubstr;
 
 namespace {
 
-constexpr MessageQueue::Limits kLimits{4, 300};
+constexpr Limits kLimits{4, 300};
+constexpr MessageQueue::Limits kQueueLimits{4, 300};
 constexpr mode_t kMode = 0600;
 
 class QueuePairTest : public testing::Test {
  protected:
-  std::unique_ptr<QueuePair> make(QueuePair::Existing existing = QueuePair::Existing::Refuse,
-                                  MessageQueue::Limits limits = kLimits, mode_t mode = kMode) {
+  std::unique_ptr<QueuePair> make(Receiver::Existing existing = Receiver::Existing::Refuse,
+                                  Limits limits = kLimits, mode_t mode = kMode) {
     return std::make_unique<QueuePair>(name_, limits, mode, existing);
   }
 
-  std::string refusal(QueuePair::Existing existing) {
+  std::string refusal(Receiver::Existing existing) {
     try {
       make(existing);
     } catch (const std::exception& error) {
@@ -38,7 +41,7 @@ class QueuePairTest : public testing::Test {
 
   /// Leaves an object under a name, as a dead daemon does.
   static void leave(const std::string& name) {
-    MessageQueue(name, kLimits, kMode);
+    MessageQueue(name, kQueueLimits, kMode);
     ASSERT_TRUE(queueExists(name));
   }
 
@@ -79,7 +82,7 @@ TEST_F(QueuePairTest, RemovesBothNamesAtItsEnd) {
 
 TEST_F(QueuePairTest, GivesThePermissionsAskedForWhateverTheUmask) {
   const mode_t before = ::umask(077);
-  const auto pair = make(QueuePair::Existing::Refuse, kLimits, 0660);
+  const auto pair = make(Receiver::Existing::Refuse, kLimits, 0660);
   ::umask(before);
   EXPECT_EQ(modeOf(name_), 0660u);
   EXPECT_EQ(modeOf(replies_), 0660u);
@@ -87,7 +90,7 @@ TEST_F(QueuePairTest, GivesThePermissionsAskedForWhateverTheUmask) {
 
 TEST_F(QueuePairTest, RefusesAnExistingQueueAndLeavesItAlone) {
   leave(name_);
-  EXPECT_EQ(refusal(QueuePair::Existing::Refuse),
+  EXPECT_EQ(refusal(Receiver::Existing::Refuse),
             "queue " + name_ + " exists already; --replace removes the queues of a dead daemon");
   EXPECT_TRUE(queueExists(name_));
   EXPECT_FALSE(queueExists(replies_) || temporaryNamesAreLeft());
@@ -95,7 +98,7 @@ TEST_F(QueuePairTest, RefusesAnExistingQueueAndLeavesItAlone) {
 
 TEST_F(QueuePairTest, RefusesAnExistingResponseQueue) {
   leave(replies_);
-  EXPECT_THAT(refusal(QueuePair::Existing::Refuse), HasSubstr(replies_ + " exists already"));
+  EXPECT_THAT(refusal(Receiver::Existing::Refuse), HasSubstr(replies_ + " exists already"));
   EXPECT_TRUE(queueExists(replies_));
   EXPECT_FALSE(queueExists(name_) || temporaryNamesAreLeft());
 }
@@ -105,35 +108,34 @@ TEST_F(QueuePairTest, ReplacesWhatADeadDaemonLeft) {
   leave(replies_);
   MessageQueue old(name_, MessageQueue::Clock::now());
   ASSERT_EQ(old.trySend("old", 3, 1), MessageQueue::Outcome::Done);
-  const auto pair = make(QueuePair::Existing::Replace);
-  EXPECT_EQ(pair->batches().view().messages(), 0u);
+  const auto pair = make(Receiver::Existing::Replace);
+  EXPECT_EQ(pair->batches().messages(), 0u);
   EXPECT_FALSE(old.view().isStillNamed(name_));
 }
 
 TEST_F(QueuePairTest, ReplacesNothingWhenNothingIsThere) {
-  EXPECT_NO_THROW(make(QueuePair::Existing::Replace));
+  EXPECT_NO_THROW(make(Receiver::Existing::Replace));
 }
 
 TEST_F(QueuePairTest, ReplacesAnObjectThatIsNoQueue) {
   const int file = ::shm_open(name_.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
   ASSERT_GE(file, 0);
   ::close(file);
-  EXPECT_NO_THROW(make(QueuePair::Existing::Replace));
+  EXPECT_NO_THROW(make(Receiver::Existing::Replace));
 }
 
 TEST_F(QueuePairTest, RefusesToReplaceWhatAnotherServes) {
   const auto served = make();
-  EXPECT_EQ(refusal(QueuePair::Existing::Replace),
+  EXPECT_EQ(refusal(Receiver::Existing::Replace),
             "queue " + name_ + " is served by another daemon");
-  EXPECT_TRUE(served->batches().view().isStillNamed(name_));
-  EXPECT_TRUE(served->replies().view().isStillNamed(replies_));
+  EXPECT_EQ(served->defect(), "");
 }
 
 TEST_F(QueuePairTest, RefusesToReplaceAPairOfWhichOneIsServed) {
   const auto served = make();
   ASSERT_TRUE(MessageQueue::remove(name_));
   leave(name_);
-  EXPECT_EQ(refusal(QueuePair::Existing::Replace),
+  EXPECT_EQ(refusal(Receiver::Existing::Replace),
             "queue " + replies_ + " is served by another daemon");
   EXPECT_TRUE(queueExists(name_)) << "nothing is removed before all is claimed";
 }
@@ -149,9 +151,9 @@ TEST_F(QueuePairTest, NeverRemovesWhatSomebodyElsePutInItsPlace) {
 
 TEST_F(QueuePairTest, SaysWhatAQueueNeedsForWhichThereIsNoRoom) {
   try {
-    make(QueuePair::Existing::Refuse, {1, std::size_t{1} << 46});
+    make(Receiver::Existing::Refuse, {1, std::size_t{1} << 46});
     FAIL() << "there is room for 64 TiB";
-  } catch (const korvexd::SystemError& error) {
+  } catch (const korvex::receiver::SystemError& error) {
     EXPECT_STREQ(error.what(), ("creating queue " + name_ +
                                 ", which needs 70368744177896 bytes of shared memory in /dev/shm: "
                                 "error 28 (No space left on device)")
@@ -160,6 +162,6 @@ TEST_F(QueuePairTest, SaysWhatAQueueNeedsForWhichThereIsNoRoom) {
 }
 
 TEST_F(QueuePairTest, LeavesNothingWhenTheSecondQueueCannotBeMade) {
-  EXPECT_ANY_THROW(make(QueuePair::Existing::Refuse, {1, std::size_t{1} << 46}));
+  EXPECT_ANY_THROW(make(Receiver::Existing::Refuse, {1, std::size_t{1} << 46}));
   EXPECT_FALSE(queueExists(name_) || queueExists(replies_) || temporaryNamesAreLeft());
 }

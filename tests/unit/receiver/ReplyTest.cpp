@@ -1,3 +1,4 @@
+#include "korvex/receiver/Receipt.h"
 #include "stream/Reply.h"
 
 #include <gtest/gtest.h>
@@ -10,11 +11,12 @@
 #include "support/SharedObject.h"
 
 using korvex::MessageQueue;
-using korvexd::Count;
-using korvexd::failureOf;
-using korvexd::QueuePair;
-using korvexd::Reply;
-using korvexd::ReplySender;
+using korvex::receiver::Count;
+using korvex::receiver::replyOf;
+using korvex::receiver::QueuePair;
+using korvex::receiver::Receiver;
+using korvex::receiver::Reply;
+using korvex::receiver::ReplySender;
 
 namespace {
 
@@ -22,7 +24,7 @@ class ReplySenderTest : public testing::Test {
  protected:
   /// Sends so many, the first with status 1.
   void send(unsigned count) {
-    for (unsigned i = 0; i < count; ++i) sender_.send(failureOf(++lastStatus_, "x"));
+    for (unsigned i = 0; i < count; ++i) sender_.send(replyOf(++lastStatus_, "x"));
   }
 
   /// The status of the next reply, 0 when there is none.
@@ -35,9 +37,9 @@ class ReplySenderTest : public testing::Test {
 
   std::string name_ = test_support::uniqueQueueName();
   test_support::QueueRemover remover_{name_};
-  QueuePair pair_{name_, {1, 100}, 0600, QueuePair::Existing::Refuse};
+  QueuePair pair_{name_, {1, 100}, 0600, Receiver::Existing::Refuse};
   MessageQueue producer_{name_ + "Response", MessageQueue::Clock::now()};
-  korvexd::Stats stats_;
+  korvex::receiver::Counters stats_;
   ReplySender sender_{pair_.replies(), stats_};
   ov_status_t lastStatus_ = 0;
 };
@@ -45,14 +47,15 @@ class ReplySenderTest : public testing::Test {
 }  // namespace
 
 TEST(Reply, ReceiptNamesBytesAndDigest) {
-  const Reply reply = korvexd::receiptOf(18446744073709551615u, std::string(32, 'f'));
+  const Reply reply = replyOf(
+      0, korvex::receiver::Receipt{18446744073709551615u, std::string(32, 'f')}.replyText());
   EXPECT_EQ(reply.status, 0u);
   EXPECT_STREQ(reply.message,
                "stored bytes=18446744073709551615 xxh128=ffffffffffffffffffffffffffffffff");
 }
 
 TEST(Reply, CutsALongTextAtItsEnd) {
-  const Reply reply = failureOf(5, "start" + std::string(200, 'x'));
+  const Reply reply = replyOf(5, "start" + std::string(200, 'x'));
   EXPECT_EQ(std::string(reply.message), "start" + std::string(122, 'x'));
 }
 
@@ -94,24 +97,24 @@ TEST_F(ReplySenderTest, WithdrawsWhatWasNotPickedUp) {
 
 TEST_F(ReplySenderTest, NoticesAProducerThatDiedWithTheLock) {
   if (!korvex_test::seesEveryThread()) GTEST_SKIP() << "no view of other PID namespaces";
-  EXPECT_NO_THROW(sender_.checkLock());
+  EXPECT_NO_THROW(pair_.replies().checkLock());
   test_support::dieHoldingLockOf(name_ + "Response");
-  EXPECT_THROW(sender_.checkLock(), korvexd::LockLost);
-  EXPECT_THROW(sender_.withdraw(), korvexd::LockLost);
-  EXPECT_THROW(send(1), korvexd::LockLost);
+  EXPECT_THROW(pair_.replies().checkLock(), korvex::receiver::LockLost);
+  EXPECT_THROW(sender_.withdraw(), korvex::receiver::LockLost);
+  EXPECT_THROW(send(1), korvex::receiver::LockLost);
 }
 
 TEST(LockWatch, LosesPatienceWithALivingOwnerAfterFiveSeconds) {
   const std::string name = test_support::uniqueQueueName();
   const test_support::QueueRemover remover(name);
   const MessageQueue queue(name, {1, 100}, 0600);
-  korvexd::LockWatch watch;
-  const auto start = korvexd::LockWatch::Clock::now();
+  korvex::receiver::LockWatch watch;
+  const auto start = korvex::receiver::LockWatch::Clock::now();
   const auto taken = MessageQueue::Outcome::LockTaken;
   using std::chrono::milliseconds;
   watch.note(taken, queue.view(), start);
   EXPECT_NO_THROW(watch.note(taken, queue.view(), start + milliseconds(4999)));
-  EXPECT_THROW(watch.note(taken, queue.view(), start + milliseconds(5000)), korvexd::LockLost);
+  EXPECT_THROW(watch.note(taken, queue.view(), start + milliseconds(5000)), korvex::receiver::LockLost);
   watch.note(MessageQueue::Outcome::NotReady, queue.view(), start + milliseconds(5000));
   EXPECT_NO_THROW(watch.note(taken, queue.view(), start + milliseconds(9000)));
 }
@@ -133,8 +136,8 @@ class ContendedLock : public testing::Test {
   const test_support::QueueRemover remover_{name_};
   const MessageQueue queue_{name_, {1, 100}, 0600};
   const korvex_test::QueueLock lock_{name_};
-  korvexd::LockWatch watch_;
-  const korvexd::LockWatch::Clock::time_point start_ = korvexd::LockWatch::Clock::now();
+  korvex::receiver::LockWatch watch_;
+  const korvex::receiver::LockWatch::Clock::time_point start_ = korvex::receiver::LockWatch::Clock::now();
   // Both live as long as the test.
   const pid_t one_ = ::getpid();
   const pid_t other_ = ::getppid();
@@ -147,7 +150,7 @@ TEST_F(ContendedLock, LeavesEachOwnerFiveSeconds) {
   noteOwner(one_, milliseconds(0));
   EXPECT_NO_THROW(noteOwner(other_, milliseconds(4999)));
   EXPECT_NO_THROW(noteOwner(other_, milliseconds(9998)));
-  EXPECT_THROW(noteOwner(other_, milliseconds(9999)), korvexd::LockLost);
+  EXPECT_THROW(noteOwner(other_, milliseconds(9999)), korvex::receiver::LockLost);
 }
 
 TEST_F(ContendedLock, IsGivenUpAfterAMinuteOfAnyOwners) {
@@ -155,5 +158,5 @@ TEST_F(ContendedLock, IsGivenUpAfterAMinuteOfAnyOwners) {
   for (int second = 0; second < 60; ++second) {
     ASSERT_NO_THROW(noteOwner(second % 2 == 0 ? one_ : other_, seconds(second))) << second;
   }
-  EXPECT_THROW(noteOwner(one_, seconds(60)), korvexd::LockLost);
+  EXPECT_THROW(noteOwner(one_, seconds(60)), korvex::receiver::LockLost);
 }

@@ -12,7 +12,7 @@
 #include "support/DaemonQueues.h"
 
 using korvex_test::RawQueue;
-using korvexd::StaleQueue;
+using korvex::receiver::StaleQueue;
 using test_support::queueExists;
 
 namespace {

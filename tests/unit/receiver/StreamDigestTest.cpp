@@ -1,11 +1,11 @@
-#include "send/StreamDigest.h"
+#include "korvex/receiver/StreamDigest.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
-using korvex::tool::StreamDigest;
+using korvex::receiver::StreamDigest;
 
 namespace {
 

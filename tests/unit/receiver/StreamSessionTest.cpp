@@ -5,11 +5,11 @@
 #include "korvex/Status.h"
 #include "korvex/receiver/SystemError.h"
 
-using korvexd::Count;
-using korvexd::Reply;
-using korvexd::Sink;
-using korvexd::StreamSession;
-using korvexd::StreamSummary;
+using korvex::receiver::Count;
+using korvex::receiver::Reply;
+using korvex::receiver::Sink;
+using korvex::receiver::StreamSession;
+using korvex::receiver::StreamSummary;
 using testing::HasSubstr;
 
 namespace {
@@ -41,7 +41,7 @@ class RecordingSink : public Sink {
   }
   void check() override { failOn(5, "asking the engine"); }
   void complete(const StreamSummary& summary,
-                const korvexd::StillFinishing& stillFinishing) override {
+                const korvex::receiver::StillFinishing& stillFinishing) override {
     failOn(2, "syncing data");
     fate_.mayGoOn = stillFinishing();
     fate_.complete = true;
@@ -56,7 +56,7 @@ class RecordingSink : public Sink {
 
  private:
   void failOn(int step, const char* doing) const {
-    if (failing_ == step) throw korvexd::SystemError(doing, ENOSPC);
+    if (failing_ == step) throw korvex::receiver::SystemError(doing, ENOSPC);
   }
 
   Fate& fate_;
@@ -76,7 +76,7 @@ class StreamSessionTest : public testing::Test {
   }
 
   std::unique_ptr<Sink> openSink() {
-    if (failing_ == 4) throw korvexd::SystemError("creating stream folder", EACCES);
+    if (failing_ == 4) throw korvex::receiver::SystemError("creating stream folder", EACCES);
     fates_.push_back(std::make_unique<Fate>());
     return std::make_unique<RecordingSink>(*fates_.back(), failing_);
   }
@@ -96,10 +96,10 @@ class StreamSessionTest : public testing::Test {
       0;  ///< the sink's step that fails: 1 write, 2 complete, 3 abandon, 4 open, 5 check
   bool isDaemonEnding_ = false;
   std::vector<std::unique_ptr<Fate>> fates_;
-  korvexd::Stats stats_;
-  korvexd::QueueLog log_{"q"};
+  korvex::receiver::Counters stats_;
+  korvex::receiver::Observer observer_;
   StreamSession session_{"q", [this](const std::string&, std::time_t) { return openSink(); },
-                         stats_, log_, [this] { return !isDaemonEnding_; }};
+                         stats_, observer_, [this] { return !isDaemonEnding_; }};
 };
 
 }  // namespace

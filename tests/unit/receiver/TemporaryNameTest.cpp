@@ -16,8 +16,8 @@
 #include "queue/MessageQueue.h"
 
 using korvex::MessageQueue;
-using korvexd::removeHalfMadeQueues;
-using korvexd::temporaryQueueName;
+using korvex::receiver::removeHalfMadeQueues;
+using korvex::receiver::temporaryQueueName;
 using test_support::queueExists;
 using testing::Contains;
 using testing::Not;

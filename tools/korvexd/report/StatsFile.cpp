@@ -39,7 +39,7 @@ void add(Sum& sum, const QueueStats& stats) {
   for (const receiver::CountName& name : receiver::kCountNames) {
     sum.counts[static_cast<std::size_t>(name.count)] += stats.counters->get(name.count);
   }
-  sum.captureFailures += stats.log->captureFailures();
+  if (stats.log != nullptr) sum.captureFailures += stats.log->captureFailures();
 }
 
 /// Anything else, /dev/stdout for example, would be swapped for a file.

@@ -16,7 +16,7 @@ namespace receiver = korvex::receiver;
 struct QueueStats {
   std::string queue;
   const receiver::Counters* counters;
-  const StreamLog* log;
+  const StreamLog* log = nullptr;  ///< none where nothing is captured
 };
 
 /// Keeps the counts of all queues as JSON in one file: {"total": {...}, "queues": {NAME: {...}}}.

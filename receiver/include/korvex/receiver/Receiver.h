@@ -41,7 +41,7 @@ class KORVEX_RECEIVER_EXPORT Receiver {
     Limits limits{8, 264 * 1024};  /// what keeps both sides at work with the largest records
     mode_t mode = 0600;           ///< of both queues, whatever the umask
     Existing existing = Existing::Refuse;
-    std::optional<std::chrono::seconds> idleTimeout;  ///< fails a silent stream; none: never
+    std::optional<std::chrono::seconds> idleTimeout = {};  ///< fails a silent stream; none: never
   };
 
   /// Makes the queues; they appear under their names when both are whole. The observer outlives the

@@ -28,7 +28,7 @@ std::string defectOf(const std::string& command) {
 std::string obstacleTo(const std::string& name) {
   try {
     return "found " + findProgram(name);
-  } catch (const korvexd::SystemError& error) {
+  } catch (const korvex::receiver::SystemError& error) {
     return error.what();
   }
 }

@@ -83,7 +83,7 @@ TEST(File, ThatCannotBeOpenedIsNamed) {
     try {
       open();
       FAIL() << "opened";
-    } catch (const korvexd::SystemError& error) {
+    } catch (const korvex::receiver::SystemError& error) {
       EXPECT_STREQ(error.what(), "opening it: error 2 (No such file or directory)");
     }
   }
@@ -94,7 +94,7 @@ TEST(File, OfAFolderIsAFolderAndNobodyElses) {
   const File opened = File::openFolder(folder.path(), "opening");
   EXPECT_EQ(::fcntl(opened.descriptor(), F_GETFD), FD_CLOEXEC);
   replaceFile(AT_FDCWD, folder / "file", "text", 0600, "writing");
-  EXPECT_THROW(File::openFolder(folder / "file", "opening"), korvexd::SystemError);
+  EXPECT_THROW(File::openFolder(folder / "file", "opening"), korvex::receiver::SystemError);
 }
 
 TEST(File, IsReplacedByANewOne) {
@@ -109,6 +109,6 @@ TEST(File, ThatCannotBeReplacedLeavesNothingTemporary) {
   const TemporaryFolder folder;
   folder.makeFolder("file");
   EXPECT_THROW(replaceFile(AT_FDCWD, folder / "file", "text", 0600, "writing"),
-               korvexd::SystemError);
+               korvex::receiver::SystemError);
   EXPECT_THAT(namesIn(folder.path()), ElementsAre("file"));
 }

@@ -11,7 +11,7 @@
 #include "support/TemporaryFolder.h"
 #include "korvexd/sink/DirectoryStore.h"
 #include "korvexd/os/File.h"
-#include "queues/QueuePair.h"
+#include "korvex/receiver/Receiver.h"
 #include "korvex/receiver/SystemError.h"
 
 using korvexd::renameWithoutReplacing;
@@ -54,7 +54,7 @@ class Rename : public testing::TestWithParam<int> {
   int rename(const std::string& from, const std::string& to) {
     try {
       renameWithoutReplacing(AT_FDCWD, folder_ / from, folder_ / to, "renaming");
-    } catch (const korvexd::SystemError& error) {
+    } catch (const korvex::receiver::SystemError& error) {
       return error.number();
     }
     return 0;
@@ -104,8 +104,8 @@ TEST_P(Rename, OfWhatIsNotThereFails) { EXPECT_EQ(rename("a", "b"), ENOENT); }
 TEST_P(Rename, PublishesQueues) {
   const std::string name = test_support::uniqueQueueName();
   const test_support::QueueRemover remover(name);
-  const korvexd::QueuePair pair(name, {4, 300}, 0600, korvexd::QueuePair::Existing::Refuse);
-  EXPECT_TRUE(pair.isStillNamed());
+  korvex::receiver::Observer silent;
+  const korvex::receiver::Receiver receiver({name, {4, 300}}, nullptr, silent);
   EXPECT_TRUE(test_support::queueExists(name) && test_support::queueExists(name + "Response"));
 }
 

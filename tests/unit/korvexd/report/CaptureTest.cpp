@@ -72,10 +72,10 @@ TEST(Capture, NeverReplacesACapturedMessage) {
   const TemporaryFolder folder;
   Capture capture(folder.path(), "q");
   store(capture, 1, "first");
-  EXPECT_THROW(store(capture, 1, "second"), korvexd::SystemError);
+  EXPECT_THROW(store(capture, 1, "second"), korvex::receiver::SystemError);
   EXPECT_EQ(contentsOf(folder / "q-00000001.batch"), "first");
 }
 
 TEST(Capture, NamesAMissingFolder) {
-  EXPECT_THROW(Capture("/nonexistent", "q"), korvexd::SystemError);
+  EXPECT_THROW(Capture("/nonexistent", "q"), korvex::receiver::SystemError);
 }

@@ -6,9 +6,10 @@
 #include "support/TemporaryFolder.h"
 #include "korvex/receiver/SystemError.h"
 
-using korvexd::Count;
-using korvexd::Stats;
+using korvex::receiver::Count;
+using korvex::receiver::Counters;
 using korvexd::StatsFile;
+using korvexd::StreamLog;
 using test_support::contentsOf;
 using test_support::namesIn;
 using test_support::TemporaryFolder;
@@ -22,15 +23,16 @@ class StatsFileTest : public testing::Test {
 
   TemporaryFolder folder_;
   std::string path_ = folder_ / "stats.json";
-  Stats one_;
-  Stats two_;
-  StatsFile file_{path_, {{"one", &one_}, {"two", &two_}}};
+  Counters one_;
+  Counters two_;
+  StreamLog log_{"q", std::nullopt};
+  StatsFile file_{path_, {{"one", &one_, &log_}, {"two", &two_, &log_}}};
 };
 
 }  // namespace
 
 TEST(Stats, StartAtZeroAndCount) {
-  Stats stats;
+  Counters stats;
   EXPECT_EQ(stats.get(Count::Bytes), 0u);
   stats.add(Count::Bytes, 5);
   stats.add(Count::Bytes, 6);
@@ -38,11 +40,17 @@ TEST(Stats, StartAtZeroAndCount) {
   EXPECT_EQ(stats.get(Count::Records), 0u);
 }
 
-TEST(Stats, NamesAreThoseOfTheFile) {
-  EXPECT_STREQ(nameOf(Count::StreamsOpened), "streams_opened");
-  EXPECT_STREQ(nameOf(Count::Bytes), "bytes");
-  EXPECT_STREQ(nameOf(Count::RepliesPending), "replies_pending");
-  EXPECT_STREQ(nameOf(Count::CaptureFailures), "capture_failures");
+TEST(Stats, EachCountHasItsOwnName) {
+  const std::vector<std::string> names = {
+      "streams_opened",  "streams_complete", "streams_incomplete", "records",
+      "dropped_records", "bytes",            "batches",            "bad_batches",
+      "replies_sent",    "replies_pending",  "replies_withdrawn",  "replies_lost",
+      "queue_replacements"};
+  ASSERT_EQ(korvex::receiver::kCounts, names.size());
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    EXPECT_EQ(korvex::receiver::kCountNames[i].count, static_cast<Count>(i));
+    EXPECT_EQ(korvex::receiver::kCountNames[i].name, names[i]);
+  }
 }
 
 TEST_F(StatsFileTest, HoldsEachQueueAndTheTotal) {
@@ -72,7 +80,7 @@ TEST_F(StatsFileTest, LeavesNothingTemporary) {
 }
 
 TEST_F(StatsFileTest, TellsQueuesApartWhoseNamesAreNoText) {
-  StatsFile file(path_, {{"\xff\"\n", &one_}, {"\xfe\"\n", &two_}});
+  StatsFile file(path_, {{"\xff\"\n", &one_, &log_}, {"\xfe\"\n", &two_, &log_}});
   file.update();
   EXPECT_TRUE(written()["queues"].contains("%FF%22%0A"));
   EXPECT_TRUE(written()["queues"].contains("%FE%22%0A"));
@@ -83,7 +91,7 @@ TEST(StatsFileErrors, NameTheFileAndTheSystemsError) {
   try {
     file.update();
     FAIL() << "written";
-  } catch (const korvexd::SystemError& error) {
+  } catch (const korvex::receiver::SystemError& error) {
     EXPECT_STREQ(error.what(),
                  "writing statistics to /nonexistent/stats.json: error 2 (No such file or "
                  "directory)");

@@ -19,10 +19,10 @@
 #include "korvex/receiver/SystemError.h"
 
 using korvexd::DirectoryStore;
-using korvexd::Sink;
-using korvexd::SinkFactory;
-using korvexd::StreamSummary;
-using korvexd::SystemError;
+using korvex::receiver::Sink;
+using korvex::receiver::SinkFactory;
+using korvex::receiver::StreamSummary;
+using korvex::receiver::SystemError;
 using test_support::contentsOf;
 using test_support::namesIn;
 using test_support::TemporaryFolder;
@@ -37,7 +37,7 @@ constexpr std::time_t kOpened = 1000000000;  // 2001-09-09 01:46:40 UTC
 
 const StreamSummary kSummary{"q", kOpened, kOpened + 60, 3, 1, 4, "0123456789abcdef"};
 
-const korvexd::StillFinishing kPatient = [] { return true; };
+const korvex::receiver::StillFinishing kPatient = [] { return true; };
 
 void writeText(Sink& sink, const std::string& text) {
   sink.write(reinterpret_cast<const unsigned char*>(text.data()), text.size());

@@ -22,7 +22,7 @@
 #include "korvex/receiver/SystemError.h"
 #include "unit/queue/SystemCalls.h"
 
-using korvexd::SystemError;
+using korvex::receiver::SystemError;
 using system_calls::failing;
 using system_calls::instead;
 using test_support::contentsOf;
@@ -38,8 +38,8 @@ namespace {
 constexpr std::time_t kOpened = 1000000000;  // 2001-09-09 01:46:40 UTC
 const char kStream[] = "q-20010909T014640Z-1";
 const char kPartial[] = "q-20010909T014640Z-1.partial";
-const korvexd::StreamSummary kSummary{"q", kOpened, kOpened + 60, 3, 1, 4, "0123456789abcdef"};
-const korvexd::StillFinishing kPatient = [] { return true; };
+const korvex::receiver::StreamSummary kSummary{"q", kOpened, kOpened + 60, 3, 1, 4, "0123456789abcdef"};
+const korvex::receiver::StillFinishing kPatient = [] { return true; };
 
 const unsigned char* bytesOf(const std::string& text) {
   return reinterpret_cast<const unsigned char*>(text.data());
@@ -78,9 +78,9 @@ class StoringCalls : public testing::Test {
   }
   ~StoringCalls() override { instead = {}; }
 
-  std::unique_ptr<korvexd::Sink> open() { return store_.open("q", kOpened); }
+  std::unique_ptr<korvex::receiver::Sink> open() { return store_.open("q", kOpened); }
 
-  static void write(korvexd::Sink& sink, const std::string& text) {
+  static void write(korvex::receiver::Sink& sink, const std::string& text) {
     sink.write(bytesOf(text), text.size());
   }
 
@@ -210,13 +210,13 @@ TEST_F(StoringCalls, GatherRecordsUntilTheyAreWorthAWrite) {
 }
 
 TEST_F(StoringCalls, ReplaceTheStatisticsAsAWhole) {
-  korvexd::Stats stats;
+  korvex::receiver::Counters stats;
   korvexd::StatsFile file(folder_ / "stats.json", {{"q", &stats}});
   file.update();
   calls_.clear();
   const std::string before = contentsOf(folder_ / "stats.json");
   std::ifstream reader(folder_ / "stats.json");
-  stats.add(korvexd::Count::Bytes, 12345);
+  stats.add(korvex::receiver::Count::Bytes, 12345);
   file.update();
   EXPECT_THAT(calls_,
               ElementsAre("remove stats.json.tmp", "open stats.json.tmp", "write stats.json.tmp",
@@ -229,7 +229,7 @@ TEST_F(StoringCalls, ReplaceTheStatisticsAsAWhole) {
 TEST_F(StoringCalls, NeverFollowALinkNorReachAnotherProgram) {
   open()->complete(kSummary, kPatient);
   korvexd::Capture(folder_.path(), "q").store(1, bytesOf("abc"), 3);
-  korvexd::Stats stats;
+  korvex::receiver::Counters stats;
   korvexd::StatsFile(folder_ / "stats.json", {{"q", &stats}}).update();
   ASSERT_EQ(flags_.size(),
             5u);  // a stream's folder, its data and manifest, a batch, the statistics
