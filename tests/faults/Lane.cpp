@@ -311,7 +311,7 @@ void Lane::sendNext(Clock::time_point served) {
 
 /// How often the daemon that runs now had to make its queues anew.
 std::size_t Lane::timesServedAnew() const {
-  static const std::string kLine = ": served anew";
+  static const std::string kLine = ": served again";
   const std::string said = daemon_->said();
   std::size_t times = 0;
   for (auto at = said.find(kLine); at != said.npos; at = said.find(kLine, at + 1)) ++times;

@@ -74,7 +74,7 @@ TEST_F(DaemonDeath, OfAProducerWithTheQueuesLockCostsOnlyThatPair) {
   const auto lost = writerInMidstream(queue_, 1);
   ASSERT_TRUE(eventually([&] { return streams(true).size() == 2; }));
   dieHoldingLockOf(queue_);
-  ASSERT_TRUE(awaitLog(*daemon, queue_ + ": served anew"));
+  ASSERT_TRUE(awaitLog(*daemon, queue_ + ": served again"));
   EXPECT_EQ(stream("abc"), kReceiptOfAbc);
   write(*untouched, "def");
   untouched->close();
@@ -100,7 +100,7 @@ TEST_F(DaemonDeath, OfAQueueThatIsCutInMidstreamCostsOnlyThatPair) {
   }
   ASSERT_TRUE(eventually([&] { return streams(true).size() == 2; }));
   ASSERT_EQ(::truncate(("/dev/shm/" + queue_).c_str(), 0), 0);
-  ASSERT_TRUE(awaitLog(*daemon, queue_ + ": served anew"));
+  ASSERT_TRUE(awaitLog(*daemon, queue_ + ": served again"));
   ::kill(producer, SIGKILL);
   ::waitpid(producer, nullptr, 0);
   EXPECT_EQ(stream("abc"), kReceiptOfAbc);
@@ -113,7 +113,7 @@ TEST_F(DaemonDeath, OfAQueueThatIsCutInMidstreamCostsOnlyThatPair) {
 TEST_F(DaemonDeath, OfAProducerWithTheResponseQueuesLockIsNoticedBeforeTheNextStream) {
   const auto daemon = start();
   dieHoldingLockOf(queue_ + "Response");
-  ASSERT_TRUE(awaitLog(*daemon, "served anew"));
+  ASSERT_TRUE(awaitLog(*daemon, "served again"));
   EXPECT_EQ(stream("abc"), kReceiptOfAbc);
   end(*daemon);
 }
@@ -122,7 +122,7 @@ TEST_F(DaemonDeath, HappensAgainAndAgain) {
   const auto daemon = start();
   for (unsigned time = 1; time <= 5; ++time) {
     dieHoldingLockOf(queue_);
-    ASSERT_TRUE(awaitLog(*daemon, "served anew", time));
+    ASSERT_TRUE(awaitLog(*daemon, "served again", time));
   }
   EXPECT_EQ(stream("abc"), kReceiptOfAbc);
   end(*daemon);

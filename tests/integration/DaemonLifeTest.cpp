@@ -143,7 +143,7 @@ TEST_F(DaemonLife, ServesWithoutStandardDescriptors) {
 TEST_F(DaemonLife, OffersItsQueueAnewWhenTheNameIsTakenAway) {
   const auto daemon = start();
   ASSERT_TRUE(korvex::MessageQueue::remove(queue_));
-  ASSERT_TRUE(awaitLog(*daemon, queue_ + ": served anew"));
+  ASSERT_TRUE(awaitLog(*daemon, queue_ + ": served again"));
   EXPECT_EQ(stream("abc"), "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950");
   end(*daemon);
 }

@@ -85,7 +85,7 @@ TEST_P(DaemonNamespaces, LivingLockOwnerKeepsItsStream) {
 TEST_P(DaemonNamespaces, DeadLockOwnerCostsOnlyThePair) {
   const auto daemon = startAt(GetParam().daemonIsAway);
   holderAt(GetParam().producerIsAway)->die();
-  ASSERT_TRUE(awaitLog(*daemon, "served anew"));
+  ASSERT_TRUE(awaitLog(*daemon, "served again"));
   EXPECT_EQ(stream("abc"), kReceiptOfAbc);
 }
 

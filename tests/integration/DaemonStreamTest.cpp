@@ -176,7 +176,7 @@ TEST_F(DaemonStream, IsIncompleteWhenItsQueuesAreLost) {
   to->flush_shm_buffer(kTimeout);
   ASSERT_TRUE(awaitCount("bytes", 3));
   ASSERT_TRUE(korvex::MessageQueue::remove(queue_));
-  ASSERT_TRUE(awaitLog(*daemon, queue_ + ": served anew"));
+  ASSERT_TRUE(awaitLog(*daemon, queue_ + ": served again"));
   ASSERT_EQ(streams(true).size(), 1u);
   EXPECT_EQ(manifestOf(streams(true)[0])["reason"],
             "its queues were lost: somebody removed or replaced their names");

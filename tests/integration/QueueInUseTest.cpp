@@ -99,14 +99,14 @@ class QueueInUseByDaemon : public DaemonFixture, public testing::WithParamInterf
   }
 
   void expectServiceAnew(Process& daemon) const {
-    ASSERT_TRUE(awaitLog(daemon, queue_ + ": served anew")) << daemon.errors();
+    ASSERT_TRUE(awaitLog(daemon, queue_ + ": served again")) << daemon.errors();
     EXPECT_THAT(daemon.errors(), testing::ContainsRegex(queue_ + ": the queues are lost: (" +
                                                         GetParam().lost + ")\n"));
     expectService();
   }
 
   void expectBlocked(Process& daemon, const std::string& place) const {
-    ASSERT_TRUE(awaitLog(daemon, queue_ + ": the queues cannot be made anew yet: queue " + place +
+    ASSERT_TRUE(awaitLog(daemon, queue_ + ": the queues cannot be made again yet: queue " + place +
                                      " exists already"))
         << daemon.errors();
     struct stat found = {};
@@ -142,9 +142,9 @@ TEST_F(DaemonFixture, NoticesThatTheNamesWereSwapped) {
                         RENAME_EXCHANGE),
             0);
   ASSERT_TRUE(awaitLog(*daemon, "the queues are lost: somebody removed or replaced their names"));
-  ASSERT_TRUE(awaitLog(*daemon, "cannot be made anew yet: queue " + queue_ + " exists already"));
+  ASSERT_TRUE(awaitLog(*daemon, "cannot be made again yet: queue " + queue_ + " exists already"));
   ::remove(pathOf(queue_).c_str());
   ::remove(pathOf(queue_ + "Response").c_str());
-  ASSERT_TRUE(awaitLog(*daemon, queue_ + ": served anew"));
+  ASSERT_TRUE(awaitLog(*daemon, queue_ + ": served again"));
   end(*daemon);
 }

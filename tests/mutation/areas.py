@@ -41,12 +41,13 @@ class Area:
 
 PROPERTY = "tests/property/korvex_property_tests"
 LIBRARY_GROUND = (r"(src|include|platform|cmake|tests/support)/.*|CMakeLists\.txt"
-                  r"|tests/(unit|property)/[^/]*(?<!Test)\.(h|cpp)")
-TOOLS_GROUND = (r"(src|include|platform|tools|cmake|tests/support|tests/integration/support)/.*"
+                  r"|tests/(unit|property)/([^/]*/)?[^/]*(?<!Test)\.(h|cpp)")
+TOOLS_GROUND = (r"(src|include|platform|receiver|tools|cmake|tests/support)/.*"
                 r"|CMakeLists\.txt|tests/unit/([^/]*/)?[^/]*(?<!Test)\.(h|cpp)")
 
 SEND_TESTS = Program("tests/integration/korvex_send_integration_tests")
 STRANGE_OBJECT_TESTS = Program("tests/integration/korvexd_strange_object_tests")
+EXEC_TESTS = Program("tests/integration/korvexd_exec_tests")
 DAEMON_TESTS = Program("tests/integration/korvexd_integration_tests")
 
 AREAS = (
@@ -60,26 +61,34 @@ AREAS = (
           (Program(PROPERTY, ("--gtest_filter=*KeptScript*", "--gtest_brief=1")),
            Program(PROPERTY, ("--gtest_fail_fast", "--gtest_brief=1"),
                    {"RC_PARAMS": "seed=1 max_success=200 noshrink=1"}))),
-         (Program("tests/unit/korvexd/korvexd_unit_tests"),
+         (Program("tests/unit/receiver/korvex_receiver_unit_tests"),
           Program("tests/unit/korvex/korvex_tool_unit_tests"),
           Program("tests/integration/korvex_strange_object_tests"),
           STRANGE_OBJECT_TESTS, DAEMON_TESTS, SEND_TESTS),
          LIBRARY_GROUND),
+    Area("receiver",
+         (r"receiver/.*\.(cpp|h)",),
+         90,
+         (tuple(tool_program(f"tests/unit/receiver/korvex_receiver_{name}_tests")
+                for name in ("unit", "stale_queue")),),
+         (DAEMON_TESTS, STRANGE_OBJECT_TESTS, EXEC_TESTS, SEND_TESTS),
+         TOOLS_GROUND),
     Area("daemon",
          (r"tools/korvexd/.*\.(cpp|h)",),
          90,
          (tuple(tool_program(f"tests/unit/korvexd/korvexd_{name}_tests")
                 for name in ("unit", "system_call")),
           tuple(tool_program(f"tests/unit/korvexd/korvexd_{name}_tests")
-                for name in ("rename", "writeback", "stale_queue"))),
-         (DAEMON_TESTS, Program("tests/integration/korvexd_failing_sink_tests"),
+                for name in ("rename", "writeback", "log_loss"))),
+         (DAEMON_TESTS, Program("tests/integration/korvexd_failing_sink_tests"), EXEC_TESTS,
           STRANGE_OBJECT_TESTS, SEND_TESTS),
          TOOLS_GROUND),
     Area("tool",
          (r"tools/(korvex|common)/.*\.(cpp|h)",),
          90,
          (tuple(tool_program(f"tests/unit/korvex/korvex_tool_{name}_tests")
-                for name in ("unit", "system_call")),),
+                for name in ("unit", "system_call")),
+          (tool_program("tests/unit/common/korvex_common_unit_tests"),)),
          (SEND_TESTS,),
          TOOLS_GROUND),
 )

@@ -8,7 +8,7 @@ import unittest
 from areas import AREAS
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
-FOLDERS = ("src", "include/korvex", "tools")
+FOLDERS = ("src", "include/korvex", "receiver", "tools")
 
 
 def sources():

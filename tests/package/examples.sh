@@ -50,3 +50,19 @@ for program in producer receipt reader; do
 done
 [ "$(ls -d "$work"/stored/* | grep -v '[.]partial$' | wc -l)" = 2 ] ||
   fail "a folder was streamed: $(ls "$work/stored")"
+
+# The daemon of the examples, with a producer of the examples.
+queue="korvex-example-daemon-$$"
+mkdir "$work/files"
+"$work/build/daemon" "$queue" "$work/files" &
+example=$!
+trap 'kill "$daemon" "$example"; wait "$daemon" "$example" || true; rm -rf "$work"' EXIT
+for _ in $(seq 3000); do
+  [ -e "/dev/shm/$queue" ] && break
+  sleep 0.02
+done
+"$work/build/receipt" "$queue" < "$work/line" > /dev/null
+"$work/build/producer" "$queue" < "$work" 2> /dev/null && fail "a folder was streamed"
+expect "the stored files" "$(ls "$work/files" | sed -E "s/^$queue-[0-9]+-//" | sort | tr '\n' ' ')" \
+  "1 2.partial "
+cmp "$work/line" "$work"/files/*-1 || fail "the example daemon stored something else"

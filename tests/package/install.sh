@@ -12,6 +12,9 @@ for name in korvex qmx; do
     [ -f "$LIBDIR/$file" ] || fail "$LIBDIR/$file is missing"
   done
 done
+for file in pkgconfig/korvex-receiver.pc libkorvex-receiver.so; do
+  [ -f "$LIBDIR/$file" ] || fail "$LIBDIR/$file is missing"
+done
 if grep -rl -e "$work" -e "$(realpath "$1")" "$LIBDIR/cmake" "$LIBDIR/pkgconfig"; then
   fail "the files above name the folder of the build or of the first installation"
 fi

@@ -6,7 +6,7 @@ dynamic() {
   readelf -d "$1" | sed -nE "s/.*\($2\).*\[(.*)\]$/\1/p"
 }
 
-for library in korvex qmx; do
+for library in korvex korvex-receiver qmx; do
   file=$LIBDIR/lib$library.so
   expect "the name in $file" "$(dynamic "$file" SONAME)" "lib$library.so.0.1"
   expect "the file behind $file" "$(basename "$(realpath "$file")")" "lib$library.so.0.1.0"

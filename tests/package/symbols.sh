@@ -8,7 +8,7 @@ exported_names() {
     sed -E 's/^[0-9a-f]+ . //; s/\(.*$//; s/\[abi:cxx11\]//' | sort -u
 }
 
-for library in korvex qmx; do
+for library in korvex korvex-receiver qmx; do
   exported_names "$LIBDIR/lib$library.so" > "$work/found"
   grep -v '^#' "$here/exported-$library.txt" | sort -u > "$work/expected"
   diff -u "$work/expected" "$work/found" ||
@@ -16,6 +16,9 @@ for library in korvex qmx; do
 done
 
 # A second version of the library in the same process defines other names.
-without_version=$(nm -D --defined-only "$LIBDIR/libkorvex.so" | grep -v '@@KORVEX_0\.1$' |
-  grep -vE ' A KORVEX_0\.1$' || true)
-[ -z "$without_version" ] || fail "libkorvex.so has names without its version: $without_version"
+for library in korvex korvex-receiver; do
+  node=$(tr a-z- A-Z_ <<< "$library")_0\\.1
+  without_version=$(nm -D --defined-only "$LIBDIR/lib$library.so" | grep -v "@@$node\$" |
+    grep -vE " A $node\$" || true)
+  [ -z "$without_version" ] || fail "lib$library.so has names without its version: $without_version"
+done

@@ -76,6 +76,11 @@ INSTANTIATE_TEST_SUITE_P(
                     Example{KORVEX_DOCS "/logger.md", KORVEX_EXAMPLES "/LoggerExample.cpp",
                             KORVEX_LOGGER_EXAMPLE}));
 
+TEST(ReceiverPage, QuotesTheExampleAsItIsCompiled) {
+  const std::string page = contentOf(KORVEX_DOCS "/receiver.md");
+  EXPECT_EQ(blockOf(page, "cpp"), contentOf(KORVEX_DOCS "/../examples/daemon.cpp"));
+}
+
 TEST(Readme, QuotesTheExamplesAsTheyAreCompiled) {
   const std::string readme = contentOf(KORVEX_DOCS "/../README.md");
   for (const char* const name : {"producer.cpp", "reader.cpp"}) {

@@ -1,4 +1,4 @@
-#include "send/InputReader.h"
+#include "InputReader.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

@@ -477,9 +477,9 @@ TEST(QueueViewFetch, FollowsNoNumberOutOfTheObject) {
   EXPECT_EQ(TwoMessages().fetchedAfterChange(kFirstMessageAt, size(4)), 0u);
   EXPECT_EQ(TwoMessages().fetchedAfterChange(kIndexAt + 3 * 8, size(1u << 20)), 0u);
   EXPECT_EQ(TwoMessages().fetchedAfterChange(kIndexAt + 3 * 8, size(~std::uint64_t{0})), 0u);
-  EXPECT_EQ(TwoMessages().fetchedAfterChange(kSlotOfFirstMessage, size(305)), 0u);
-  EXPECT_EQ(TwoMessages().fetchedAfterChange(kSlotOfFirstMessage, size(304)), 304u)
-      << "the object ends here";
+  EXPECT_EQ(TwoMessages().fetchedAfterChange(kSlotOfFirstMessage, size(301)), 0u);
+  EXPECT_EQ(TwoMessages().fetchedAfterChange(kSlotOfFirstMessage, size(300)), 300u)
+      << "the longest message";
 }
 
 TEST(QueueViewFetch, KeepsToEightMebibytesInAll) {

@@ -1,5 +1,7 @@
 #include "send/DaemonStream.h"
 
+#include <qmx/trace.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <exception>
@@ -12,7 +14,6 @@
 #include "common/Printable.h"
 #include "korvex/Status.h"
 #include "queue/Pause.h"
-#include "support/Trace.h"
 
 namespace korvex::tool {
 namespace {
@@ -139,7 +140,9 @@ void DaemonStream::flushIgnoringReply() {
       writer_->flush_shm_buffer(kStep);
     } catch (const Ov_ErrnoException& error) {
       if (!isReply(error)) return false;
-      if (isTracing()) __TraceA("%s: earlier reply: %s", "flushIgnoringReply", error.what());
+      if (*__qmxlog_trace_location() != 0) {
+        __TraceA("%s: earlier reply: %s", "flushIgnoringReply", error.what());
+      }
     } catch (const std::exception& error) {
       throwQueueError(error);
     }

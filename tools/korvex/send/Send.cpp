@@ -12,7 +12,7 @@
 
 #include "send/DaemonStream.h"
 #include "Failure.h"
-#include "send/InputReader.h"
+#include "InputReader.h"
 #include <korvex/receiver/Receipt.h>
 #include "send/SendReport.h"
 #include <korvex/receiver/StreamDigest.h>
