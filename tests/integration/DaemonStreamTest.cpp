@@ -141,7 +141,7 @@ TEST_F(DaemonStream, IsIncompleteWhenTheDaemonEnds) {
 
 TEST_F(DaemonStream, IsCompleteWhenItsCloseWasQueuedBeforeTheDaemonsEnd) {
   const auto daemon = start({"--max-messages", "64", "--max-message-size", "1M"});
-  daemon->signal(SIGSTOP);
+  daemon->freeze();
   const auto to = writer();
   to->open();
   for (int i = 0; i < 60; ++i) {
@@ -159,7 +159,7 @@ TEST_F(DaemonStream, IsCompleteWhenItsCloseWasQueuedBeforeTheDaemonsEnd) {
 // Its messages are lost with the queue, so the log must say so.
 TEST_F(DaemonStream, IsReportedWhenTheDaemonCannotTakeItAtItsEnd) {
   const auto daemon = start();
-  daemon->signal(SIGSTOP);
+  daemon->freeze();
   sendRaw(BatchBytes().record(0, 0).bytes());
   const test_support::LockHolder holder(queue_);
   daemon->signal(SIGTERM);

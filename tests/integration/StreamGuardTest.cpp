@@ -62,7 +62,7 @@ TEST_F(FailingProducer, CompletesNothingWhenItsStopFoundNoRoom) {
     const auto to = writer(queue_, 1);
     to->open();
     ASSERT_TRUE(test_support::eventually([this] { return streams(true).size() == 1; }));
-    daemon->signal(SIGSTOP);
+    daemon->freeze();
     {
       const StreamGuard guard(*to);
       to->flush_shm_buffer(kTimeout);  // takes the only place

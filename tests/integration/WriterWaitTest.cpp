@@ -25,7 +25,7 @@ class WriterWait : public DaemonFixture {
   /// A daemon that is stopped, so that its queue of one message fills.
   std::unique_ptr<Process> startStopped() {
     auto daemon = start({"--max-messages", "1"});
-    daemon->signal(SIGSTOP);
+    daemon->freeze();
     return daemon;
   }
 
@@ -178,7 +178,7 @@ TEST_F(WriterWait, CutShortByAKillHarmsNobody) {
     EXPECT_EQ(statusOf(sender), -SIGKILL);
     daemon->signal(SIGCONT);
     EXPECT_EQ(stream("abc"), "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950");
-    daemon->signal(SIGSTOP);
+    daemon->freeze();
   }
   daemon->signal(SIGCONT);
   end(*daemon);

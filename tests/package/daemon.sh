@@ -2,9 +2,13 @@
 # and runs.
 source "$(dirname "$0")/common.sh"
 
-cp -r "$1/tools" "$work/tools" # away from the rest of the tree
-cmake -S "$here/daemon" -B "$work/build" -G Ninja -DCMAKE_CXX_COMPILER="$2" \
+# Away from the rest of the tree, but always in the same place, for a compiler cache's sake.
+place=$PREFIX-daemon
+rm -rf "$place"
+mkdir -p "$place"
+cp -r "$1/tools" "$place/tools"
+cmake -S "$here/daemon" -B "$place/build" -G Ninja -DCMAKE_CXX_COMPILER="$2" \
   -DCMAKE_CXX_COMPILER_LAUNCHER="${3:-}" -DCMAKE_PREFIX_PATH="$PREFIX" \
-  -DKORVEX_TOOLS="$work/tools" > "$work/log" || fail "$(cat "$work/log")"
-cmake --build "$work/build" > "$work/log" || fail "$(tail -n 40 "$work/log")"
-"$work/build/korvexd" --version | grep -qx "korvexd outside" || fail "the daemon does not run"
+  -DKORVEX_TOOLS="$place/tools" > "$work/log" || fail "$(cat "$work/log")"
+cmake --build "$place/build" > "$work/log" || fail "$(tail -n 40 "$work/log")"
+"$place/build/korvexd" --version | grep -qx "korvexd outside" || fail "the daemon does not run"

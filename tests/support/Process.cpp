@@ -57,6 +57,12 @@ void Process::signal(int number) const {
   if (!ended_) ::kill(id_, number);
 }
 
+void Process::freeze() const {
+  signal(SIGSTOP);
+  siginfo_t stopped = {};
+  ::waitid(P_PID, static_cast<id_t>(id_), &stopped, WSTOPPED | WEXITED | WNOWAIT);
+}
+
 std::optional<int> Process::wait(std::chrono::milliseconds patience) {
   const auto hasEnded = [this] {
     readPipes();

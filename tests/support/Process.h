@@ -27,6 +27,9 @@ class Process {
   /// Sends it a signal.
   void signal(int number) const;
 
+  /// Sends SIGSTOP, and returns when it has stopped: a signal takes its time.
+  void freeze() const;
+
   /// Waits for its end. The exit code, minus the signal that killed it, or nothing when it still
   /// runs after that time.
   std::optional<int> wait(std::chrono::milliseconds patience = kPatience);

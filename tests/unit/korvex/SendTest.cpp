@@ -275,10 +275,11 @@ TEST_F(SendStream, TellsThatAFullQueueIsNotServed) {
   addFile("a", std::string(100000, 'x'));
   options.timeout = 1;
   std::promise<void> ended;
-  daemon.serve([&, stuck = false](FakeDaemon&, const FakeDaemon::Record& record) mutable {
+  const auto end = ended.get_future().share();
+  daemon.serve([&, end, stuck = false](FakeDaemon&, const FakeDaemon::Record& record) mutable {
     if (record.type != kData || stuck) return;
     stuck = true;
-    ended.get_future().wait();
+    end.wait();
   });
   EXPECT_EQ(send(), 1);
   ended.set_value();
@@ -328,12 +329,13 @@ TEST_F(SendStream, TakesTheReceiptOfADaemonThatEndsAfterIt) {
 TEST_F(SendStream, TakesAReceiptThatComesWhileTheQueueIsFull) {
   addFile("a", "abc");
   std::promise<void> ended;
-  daemon.serve([&](FakeDaemon& self, const FakeDaemon::Record& record) {
+  const auto end = ended.get_future().share();
+  daemon.serve([&, end](FakeDaemon& self, const FakeDaemon::Record& record) {
     if (record.type != kClose) return;
     self.fill();
     self.reply(0, kAbcReceipt);
     self.replaceQueues();
-    ended.get_future().wait();
+    end.wait();
   });
   EXPECT_EQ(send(), 0) << errors.str();
   ended.set_value();
@@ -343,8 +345,9 @@ TEST_F(SendStream, LeavesNoBatchesWhereNoReceiptComes) {
   addFile("a", "abc");
   options.receiptTimeout = 1;
   std::promise<void> ended;
-  daemon.serve([&](FakeDaemon&, const FakeDaemon::Record& record) {
-    if (record.type == kClose) ended.get_future().wait();
+  const auto end = ended.get_future().share();
+  daemon.serve([&, end](FakeDaemon&, const FakeDaemon::Record& record) {
+    if (record.type == kClose) end.wait();
   });
   EXPECT_EQ(send(), 3);
   EXPECT_EQ(daemon.waiting(), 0u);
@@ -396,12 +399,13 @@ TEST_F(SendStream, ASignalEndsTheWaitForRoom) {
   addFile("a", std::string(100000, 'x'));
   options.timeout = 2;
   std::promise<void> ended;
-  daemon.serve([&, stuck = false](FakeDaemon& self, const FakeDaemon::Record& record) mutable {
+  const auto end = ended.get_future().share();
+  daemon.serve([&, end, stuck = false](FakeDaemon& self, const FakeDaemon::Record& record) mutable {
     if (record.type != kData || stuck) return;
     stuck = true;
     self.awaitFull();
     stop.note(SIGINT);
-    ended.get_future().wait();
+    end.wait();
   });
   EXPECT_EQ(send(), 128 + SIGINT);
   ended.set_value();
@@ -411,12 +415,13 @@ TEST_F(SendStream, ASignalLeavesLittleTimeToTellTheDaemon) {
   addFile("a", std::string(100000, 'x'));
   options.timeout = 60;
   std::promise<void> ended;
-  daemon.serve([&, stuck = false](FakeDaemon& self, const FakeDaemon::Record& record) mutable {
+  const auto end = ended.get_future().share();
+  daemon.serve([&, end, stuck = false](FakeDaemon& self, const FakeDaemon::Record& record) mutable {
     if (record.type != kData || stuck) return;
     stuck = true;
     self.awaitFull();
     stop.note(SIGTERM);
-    ended.get_future().wait();
+    end.wait();
   });
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(send(), 128 + SIGTERM);
