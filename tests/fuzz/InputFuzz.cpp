@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "send/InputReader.h"
+#include "InputReader.h"
 #include "StopSignal.h"
 #include "fuzz/Input.h"
 

@@ -9,7 +9,7 @@
 #include <fstream>
 
 #include "Failure.h"
-#include "send/InputReader.h"
+#include "InputReader.h"
 #include "unit/queue/SystemCalls.h"
 
 namespace {

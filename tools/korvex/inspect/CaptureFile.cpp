@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "Failure.h"
-#include "send/InputReader.h"
+#include "InputReader.h"
 #include "common/Printable.h"
 #include "stream/BatchCheck.h"
 
