@@ -15,9 +15,9 @@
 #include <exception>
 #include <utility>
 
+#include "queue/NoCancellation.h"
 #include "queue/Pause.h"
 #include "queue/SignalsBlocked.h"
-#include "queue/NoCancellation.h"
 
 #ifndef BOOST_INTERPROCESS_ENABLE_TIMEOUT_WHEN_LOCKING
 #error "without the timeout a lock that a dead process kept holds every caller up for ever"
@@ -132,7 +132,7 @@ MessageQueue::MessageQueue(const std::string& name, Limits limits, mode_t mode) 
   const ipc::permissions permissions(static_cast<int>(mode));
   try {
     mapping_ = std::make_unique<Mapping>(ipc::create_only, name.c_str(), limits.messages,
-                                             limits.messageSize, permissions);
+                                         limits.messageSize, permissions);
     reserve(name, size);
     view_ = QueueView(name);
     if (view_.state() != QueueView::State::Sound) throwDamaged();

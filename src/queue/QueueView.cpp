@@ -23,7 +23,7 @@ namespace korvex {
 namespace {
 
 constexpr std::uint64_t kMostEntriesChecked = 65536;  // a hostile object may claim any number
-constexpr std::uint64_t kNoSlot = 0;  // where every object has its init word
+constexpr std::uint64_t kNoSlot = 0;                  // where every object has its init word
 constexpr std::size_t kCacheLine = 64;
 
 /// How many looks must find a free lock and odd fields before a queue counts as damaged. Between

@@ -25,7 +25,8 @@ inline unsigned char* putHeader(unsigned char* bytes, const qmx_shm_message_t& h
   const std::uint64_t typeAndLen = joined(header.type, header.len);
   const std::uint64_t sequence = header.sequence;
   const auto* const source = reinterpret_cast<const unsigned char*>(&header);
-  const __m128i middle = _mm_loadu_si128(reinterpret_cast<const __m128i*>(source + kSegmentCountOffset));
+  const __m128i middle =
+      _mm_loadu_si128(reinterpret_cast<const __m128i*>(source + kSegmentCountOffset));
   const __m128i last = _mm_loadu_si128(reinterpret_cast<const __m128i*>(source + kAlgParamsOffset));
   putBig64(putBig64(bytes, typeAndLen), sequence);
   // The 64-bit count has its two words the other way round as well.

@@ -8,10 +8,10 @@
 #include <qmx/log.h>
 
 #include "korvex/Status.h"
-#include "shm/ShmBatchInline.h"
 #include "queue/MessageQueue.h"
-#include "shm/ReplyText.h"
 #include "queue/NoCancellation.h"
+#include "shm/ReplyText.h"
+#include "shm/ShmBatchInline.h"
 #include "support/Text.h"
 #include "support/Trace.h"
 
@@ -258,8 +258,8 @@ void ShmWriter::endSegment() {
 void ShmWriter::write_data(const qmx_shm_message_t* header, const unsigned char* data,
                            unsigned int timeout, bool flush) {
   const AutoTrace scope("write_data");
-  trace("%s: write header.type =%d, len=%d, timeout=%us", "write_data", header->type,
-             header->len, timeout);
+  trace("%s: write header.type =%d, len=%d, timeout=%us", "write_data", header->type, header->len,
+        timeout);
   // Before the benchmark switch: a measured producer must fail where a real one would.
   if (header->len > MAX_SEGMENT_SIZE && header->segState != KORVEX_SEG_STATE_UNLIMITED) {
     refuseOversized(*header);

@@ -26,8 +26,8 @@ void trace(const char* format, Values... values) {
   if (isTracing()) __TraceA(format, values...);
 }
 
-/// As isTracing() without a call, for what takes no longer than a call does. False also when nobody has
-/// asked yet.
+/// As isTracing() without a call, for what takes no longer than a call does. False also when nobody
+/// has asked yet.
 inline bool isKnownUntraced() {
   const std::uint32_t* const flag = knownTraceFlag.load(std::memory_order_relaxed);
   return flag != nullptr && __atomic_load_n(flag, __ATOMIC_RELAXED) == 0;

@@ -9,8 +9,8 @@
 #include <cstring>
 #include <string>
 
-#include "korvex/receiver/Receipt.h"
 #include "fuzz/Input.h"
+#include "korvex/receiver/Receipt.h"
 #include "shm/ReplyText.h"
 #include "support/WireFormat.h"
 

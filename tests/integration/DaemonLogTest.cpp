@@ -10,8 +10,8 @@
 #include <sstream>
 
 #include "integration/DaemonFixture.h"
-#include "support/BatchBytes.h"
 #include "queue/MessageQueue.h"
+#include "support/BatchBytes.h"
 
 using test_support::BatchBytes;
 using test_support::eventually;

@@ -4,10 +4,10 @@
 #include <random>
 
 #include "integration/DaemonFixture.h"
-#include "support/BatchBytes.h"
 #include "korvex/Status.h"
-#include "support/LockHolder.h"
 #include "queue/MessageQueue.h"
+#include "support/BatchBytes.h"
+#include "support/LockHolder.h"
 #include "support/ThrownError.h"
 
 using test_support::BatchBytes;

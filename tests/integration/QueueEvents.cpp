@@ -8,8 +8,8 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "support/Queues.h"
 #include "support/DaemonQueues.h"
+#include "support/Queues.h"
 #include "support/SharedObject.h"
 
 namespace strange {

@@ -6,8 +6,8 @@
 #include "integration/QueueEvents.h"
 #include "integration/WriterStory.h"
 #include "support/Child.h"
-#include "support/Late.h"
 #include "support/DaemonQueues.h"
+#include "support/Late.h"
 
 using korvex_test::RawQueue;
 using strange::After;

@@ -12,12 +12,12 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 
+#include "queue/MessageQueue.h"
 #include "support/Await.h"
+#include "support/FakeDaemon.h"
 #include "support/Process.h"
 #include "support/Queues.h"
 #include "support/TemporaryFolder.h"
-#include "queue/MessageQueue.h"
-#include "support/FakeDaemon.h"
 
 namespace {
 

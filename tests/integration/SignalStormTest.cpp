@@ -10,11 +10,11 @@
 #include <thread>
 
 #include "integration/DaemonFixture.h"
+#include "korvex/Status.h"
+#include "support/DaemonQueues.h"
 #include "support/Late.h"
 #include "support/SharedCounter.h"
 #include "support/SignalStorm.h"
-#include "korvex/Status.h"
-#include "support/DaemonQueues.h"
 #include "support/ThrownError.h"
 
 using test_support::CutCall;

@@ -2,8 +2,8 @@
 
 #include <chrono>
 
-#include "support/Late.h"
 #include "qmx/error.h"
+#include "support/Late.h"
 
 namespace {
 

@@ -6,11 +6,11 @@
 #include <thread>
 
 #include "integration/DaemonFixture.h"
-#include "support/Late.h"
 #include "korvex/Status.h"
 #include "queue/QueueView.h"
 #include "support/Bytes.h"
 #include "support/DaemonQueues.h"
+#include "support/Late.h"
 #include "support/ThrownError.h"
 
 using test_support::eventually;

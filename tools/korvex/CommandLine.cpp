@@ -9,12 +9,12 @@
 #include <vector>
 
 #include "Failure.h"
-#include "send/FromCommand.h"
-#include "inspect/Inspect.h"
-#include "send/Send.h"
-#include "verify/Verify.h"
 #include "common/CommandLine.h"
 #include "common/Printable.h"
+#include "inspect/Inspect.h"
+#include "send/FromCommand.h"
+#include "send/Send.h"
+#include "verify/Verify.h"
 
 namespace korvex::tool {
 namespace {
@@ -76,7 +76,8 @@ Ending runCommand(int argumentCount, const char* const* arguments, const StopSig
   } catch (const CLI::ParseError& error) {
     // Help and version leave by the same way; only they end well.
     const bool isWrong = tool.exit(error, out, errors) != 0;
-    return {static_cast<int>(isWrong ? common::ExitCode::WrongUsage : common::ExitCode::Success), 0};
+    return {static_cast<int>(isWrong ? common::ExitCode::WrongUsage : common::ExitCode::Success),
+            0};
   }
   if (inspect->parsed()) return runInspect(inspectOptions, stop, out, errors);
   if (verify->parsed()) {

@@ -32,7 +32,8 @@ std::string timeLeftText(const ProgressState& state) {
   const double rate = rateOf(state);
   if (rate <= 0) return "-:--";
   const double left = static_cast<double>(*state.total - state.bytes) / rate;
-  return common::timeText(std::chrono::seconds(static_cast<long>(std::min(left, kLongestTimeLeft))));
+  return common::timeText(
+      std::chrono::seconds(static_cast<long>(std::min(left, kLongestTimeLeft))));
 }
 
 double shareOf(const ProgressState& state) {
@@ -55,8 +56,8 @@ std::string barText(const ProgressState& state, std::size_t length) {
 std::string knownLine(const ProgressState& state, std::size_t width) {
   const std::string percent = percentText(state);
   const std::string numbers = common::byteText(static_cast<double>(state.bytes)) + " of " +
-                              common::byteText(static_cast<double>(*state.total)) + ", " + rateText(state) +
-                              ", " + timeLeftText(state) + " left";
+                              common::byteText(static_cast<double>(*state.total)) + ", " +
+                              rateText(state) + ", " + timeLeftText(state) + " left";
   const std::size_t used = percent.size() + numbers.size() + kBarFrame;
   if (used + kShortestBar > width) return percent + numbers;
   return percent + barText(state, std::min(width - used, kLongestBar)) + numbers;

@@ -11,8 +11,8 @@
 #include <cerrno>
 #include <utility>
 
-#include "korvexd/sink/DiscardSink.h"
 #include "korvexd/os/Thread.h"
+#include "korvexd/sink/DiscardSink.h"
 
 namespace korvexd {
 namespace {
@@ -78,8 +78,7 @@ class ServerThreads {
 
 }  // namespace
 
-Daemon::Daemon(const Options& options)
-    : endSignals_(endSignals()), limits_(options.queue.limits) {
+Daemon::Daemon(const Options& options) : endSignals_(endSignals()), limits_(options.queue.limits) {
   prepareProcess(endSignals_);
   raiseDescriptorLimit();
   receiver::installBusErrorGuard();

@@ -10,11 +10,11 @@
 #include <thread>
 #include <vector>
 
-#include "korvexd/sink/DirectoryStore.h"
-#include "korvexd/exec/ExecStore.h"
 #include "korvexd/Options.h"
-#include "korvexd/report/StreamLog.h"
+#include "korvexd/exec/ExecStore.h"
 #include "korvexd/report/StatsFile.h"
+#include "korvexd/report/StreamLog.h"
+#include "korvexd/sink/DirectoryStore.h"
 
 namespace korvexd {
 

@@ -8,10 +8,10 @@
 #include <stdexcept>
 
 #include "common/CommandLine.h"
-#include "common/Printable.h"
-#include "korvexd/exec/CommandWords.h"
 #include "common/ExitCode.h"
+#include "common/Printable.h"
 #include "common/QueueName.h"
+#include "korvexd/exec/CommandWords.h"
 
 namespace korvexd {
 namespace {
@@ -26,8 +26,7 @@ constexpr int kOctal = 8;
 
 /// Words of a command line may hold anything, and a terminal obeys some of it.
 std::string complaint(const CLI::App* app, const CLI::Error& error) {
-  return printable(sentenceOf(*app, error)) +
-         "\nRun with --help for more information.\n";
+  return printable(sentenceOf(*app, error)) + "\nRun with --help for more information.\n";
 }
 
 /// What the command line says, as texts and numbers.

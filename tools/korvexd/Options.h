@@ -15,7 +15,7 @@ constexpr std::chrono::seconds kDefaultEngineTimeout{3600};
 
 /// What the daemon was asked to do; checked.
 struct Options {
-  std::vector<std::string> queues;  ///< without leading slash, no two that clash
+  std::vector<std::string> queues;             ///< without leading slash, no two that clash
   korvex::receiver::Receiver::Settings queue;  ///< of each queue; its name is left empty
   std::optional<std::string> output;
   std::vector<std::string> engine;  ///< the words of its command; without it and an output folder

@@ -6,12 +6,12 @@
 #include <iostream>
 #include <memory>
 
-#include "korvexd/Daemon.h"
 #include "common/ExitCode.h"
+#include "common/StandardDescriptors.h"
+#include "korvexd/Daemon.h"
+#include "korvexd/Options.h"
 #include "korvexd/exec/Keeper.h"
 #include "korvexd/report/LogSink.h"
-#include "korvexd/Options.h"
-#include "common/StandardDescriptors.h"
 
 namespace {
 

@@ -2,8 +2,7 @@
 
 namespace korvex::receiver {
 
-void LockWatch::note(MessageQueue::Outcome outcome, const QueueView& view,
-                     Clock::time_point now) {
+void LockWatch::note(MessageQueue::Outcome outcome, const QueueView& view, Clock::time_point now) {
   if (outcome != MessageQueue::Outcome::LockTaken) return outOfReachSince_.reset();
   noteTaken(view, now);
   if (now >= nextLook_) {

@@ -35,8 +35,7 @@ class LockWatch {
   static constexpr std::chrono::milliseconds kLookPeriod{200};
 
   /// Notes how an operation ended at this time. Throws LockLost when the queue is of no more use.
-  void note(MessageQueue::Outcome outcome, const QueueView& view,
-            Clock::time_point now);
+  void note(MessageQueue::Outcome outcome, const QueueView& view, Clock::time_point now);
 
  private:
   /// What changes when the lock is given back and taken again, in most cases.

@@ -4,21 +4,20 @@
 #include <cerrno>
 #include <utility>
 
-#include "queues/BusErrorGuard.h"
-#include "queues/QueueObject.h"
 #include "korvex/receiver/SystemError.h"
+#include "queues/BusErrorGuard.h"
 #include "queues/Leftovers.h"
+#include "queues/QueueObject.h"
 
 namespace korvex::receiver {
 namespace {
 
 /// The queue library's words alone would name neither the queue nor what it needs.
 [[noreturn]] void throwNotCreated(const std::string& name, Limits limits, int error) {
-  throw SystemError(
-      "creating queue " + name + ", which needs " +
-          std::to_string(QueueView::fileSize(limits.messages, limits.messageSize)) +
-          " bytes of shared memory in /dev/shm",
-      error);
+  throw SystemError("creating queue " + name + ", which needs " +
+                        std::to_string(QueueView::fileSize(limits.messages, limits.messageSize)) +
+                        " bytes of shared memory in /dev/shm",
+                    error);
 }
 
 }  // namespace
@@ -68,8 +67,7 @@ OwnedQueue::Outcome OwnedQueue::noted(Operation operation) {
 }
 
 OwnedQueue::Outcome OwnedQueue::receive(void* buffer, std::size_t capacity, std::size_t& size) {
-  return noted(
-      [&](MessageQueue& queue) { return queue.tryReceiveNext(buffer, capacity, size); });
+  return noted([&](MessageQueue& queue) { return queue.tryReceiveNext(buffer, capacity, size); });
 }
 
 OwnedQueue::Outcome OwnedQueue::send(const void* data, std::size_t size, unsigned priority) {

@@ -66,12 +66,10 @@ bool QueueObject::exists(const std::string& name) noexcept {
   return look(name, found) || errno != ENOENT;
 }
 
-void QueueObject::rename(const std::string& from, const std::string& to,
-                         const std::string& doing) {
+void QueueObject::rename(const std::string& from, const std::string& to, const std::string& doing) {
   const std::string source = pathOf(from);
   const std::string target = pathOf(to);
-  int result =
-      ::renameat2(AT_FDCWD, source.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE);
+  int result = ::renameat2(AT_FDCWD, source.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE);
   const bool isUnknown = result != 0 && (errno == EINVAL || errno == ENOSYS);
   if (isUnknown) result = linkAndUnlink(source.c_str(), target.c_str());
   if (result != 0) throw SystemError(doing, errno);

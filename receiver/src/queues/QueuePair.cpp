@@ -5,8 +5,8 @@
 #include <stdexcept>
 
 #include "queues/QueueObject.h"
-#include "stream/Reply.h"
 #include "queues/StaleQueue.h"
+#include "stream/Reply.h"
 
 namespace korvex::receiver {
 namespace {

@@ -6,8 +6,8 @@
 #include <string>
 
 #include "korvex/receiver/Receiver.h"
-#include "queues/OwnedQueue.h"
 #include "queue/MessageQueue.h"
+#include "queues/OwnedQueue.h"
 
 namespace korvex::receiver {
 
@@ -19,8 +19,7 @@ class QueuePair {
  public:
   /// Throws std::exception: a name is taken or served by another daemon, there is no room. Nothing
   /// is left behind then.
-  QueuePair(const std::string& name, Limits limits, mode_t mode,
-            Receiver::Existing existing);
+  QueuePair(const std::string& name, Limits limits, mode_t mode, Receiver::Existing existing);
 
   /// As OwnedQueue's, of either queue.
   std::string defect() {

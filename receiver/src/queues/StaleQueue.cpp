@@ -7,9 +7,9 @@
 #include <stdexcept>
 #include <utility>
 
-#include "queues/QueueObject.h"
 #include "korvex/receiver/SystemError.h"
 #include "queue/MessageQueue.h"
+#include "queues/QueueObject.h"
 
 namespace korvex::receiver {
 namespace {
@@ -49,8 +49,7 @@ StaleQueue::StaleQueue(std::string name) : name_(std::move(name)) {
     if (errno == ENOENT) return;
     throw SystemError("opening the existing queue " + name_, errno);
   }
-  if (!claim_.claim())
-    throw std::runtime_error("queue " + name_ + " is served by another daemon");
+  if (!claim_.claim()) throw std::runtime_error("queue " + name_ + " is served by another daemon");
   // Between the opening and the claim another daemon may have put its own queue there.
   if (!claim_.isNamed(name_))
     throw std::runtime_error("queue " + name_ + " was just replaced by another daemon");

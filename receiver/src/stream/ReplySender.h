@@ -4,9 +4,9 @@
 #include <cstddef>
 #include <deque>
 
+#include "korvex/receiver/Counters.h"
 #include "queues/OwnedQueue.h"
 #include "stream/Reply.h"
-#include "korvex/receiver/Counters.h"
 
 namespace korvex::receiver {
 
@@ -19,7 +19,8 @@ class ReplySender {
   static constexpr std::size_t kMostPending = 4;
 
   /// Both outlive the sender.
-  ReplySender(OwnedQueue& replies, Counters& counters) noexcept : replies_(replies), counters_(counters) {}
+  ReplySender(OwnedQueue& replies, Counters& counters) noexcept
+      : replies_(replies), counters_(counters) {}
 
   /// Whether something waits for room.
   bool isPending() const noexcept { return !pending_.empty(); }

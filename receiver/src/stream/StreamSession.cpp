@@ -34,8 +34,7 @@ std::string defectOf(const Header& header) {
 }  // namespace
 
 StreamSession::StreamSession(std::string queue, SinkFactory openSink, Counters& counters,
-                             Observer& observer,
-                             StillFinishing stillFinishing)
+                             Observer& observer, StillFinishing stillFinishing)
     : queue_(std::move(queue)),
       openSink_(std::move(openSink)),
       counters_(counters),

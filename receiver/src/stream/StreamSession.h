@@ -9,11 +9,11 @@
 #include <optional>
 #include <string>
 
-#include "korvex/receiver/Observer.h"
-#include "stream/Reply.h"
-#include "korvex/receiver/Sink.h"
 #include "korvex/receiver/Counters.h"
+#include "korvex/receiver/Observer.h"
+#include "korvex/receiver/Sink.h"
 #include "korvex/receiver/StreamDigest.h"
+#include "stream/Reply.h"
 
 namespace korvex::receiver {
 

@@ -6,11 +6,11 @@
 
 #include "support/HostileNames.h"
 
-using korvex_test::hostileNames;
 using korvex::common::fileNameOf;
 using korvex::common::jsonNameOf;
 using korvex::common::plainQueueName;
 using korvex::common::queueNameDefect;
+using korvex_test::hostileNames;
 
 TEST(QueueName, MayStartWithOneSlash) {
   EXPECT_EQ(queueNameDefect("/a"), "");

@@ -4,8 +4,8 @@
 #include <signal.h>
 
 #include "Failure.h"
-#include "support/FakeDaemon.h"
 #include "support/Await.h"
+#include "support/FakeDaemon.h"
 
 namespace {
 

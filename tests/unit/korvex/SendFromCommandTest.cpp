@@ -8,9 +8,9 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "support/FakeDaemon.h"
 #include "send/Send.h"
 #include "support/Await.h"
+#include "support/FakeDaemon.h"
 #include "support/TemporaryFolder.h"
 
 namespace {

@@ -15,8 +15,8 @@
 
 #include <korvex/ShmWriter.h>
 
-#include "support/FakeDaemon.h"
 #include "queue/QueueView.h"
+#include "support/FakeDaemon.h"
 #include "support/SharedObject.h"
 
 namespace {

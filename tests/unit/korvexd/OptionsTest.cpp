@@ -4,8 +4,8 @@
 
 #include <sstream>
 
-using korvexd::Options;
 using korvex::receiver::Receiver;
+using korvexd::Options;
 using testing::ElementsAre;
 using testing::HasSubstr;
 

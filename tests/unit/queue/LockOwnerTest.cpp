@@ -12,9 +12,9 @@
 #include <cstdint>
 #include <string>
 
-#include "support/LockHolder.h"
 #include "queue/QueueView.h"
 #include "support/DaemonQueues.h"
+#include "support/LockHolder.h"
 #include "support/Namespaces.h"
 #include "unit/queue/SystemCalls.h"
 

@@ -6,13 +6,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "korvex/receiver/SystemError.h"
 #include "support/Queues.h"
 #include "support/TemporaryFolder.h"
-#include "korvex/receiver/SystemError.h"
 
 using korvex::MessageQueue;
-using korvex::receiver::QueuePair;
 using korvex::receiver::Limits;
+using korvex::receiver::QueuePair;
 using korvex::receiver::Receiver;
 using test_support::queueExists;
 using testing::HasSubstr;

@@ -4,18 +4,18 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "support/Queues.h"
 #include "queues/QueuePair.h"
 #include "stream/ReplySender.h"
 #include "support/Namespaces.h"
+#include "support/Queues.h"
 #include "support/SharedObject.h"
 
 using korvex::MessageQueue;
 using korvex::receiver::Count;
-using korvex::receiver::replyOf;
 using korvex::receiver::QueuePair;
 using korvex::receiver::Receiver;
 using korvex::receiver::Reply;
+using korvex::receiver::replyOf;
 using korvex::receiver::ReplySender;
 
 namespace {
@@ -114,7 +114,8 @@ TEST(LockWatch, LosesPatienceWithALivingOwnerAfterFiveSeconds) {
   using std::chrono::milliseconds;
   watch.note(taken, queue.view(), start);
   EXPECT_NO_THROW(watch.note(taken, queue.view(), start + milliseconds(4999)));
-  EXPECT_THROW(watch.note(taken, queue.view(), start + milliseconds(5000)), korvex::receiver::LockLost);
+  EXPECT_THROW(watch.note(taken, queue.view(), start + milliseconds(5000)),
+               korvex::receiver::LockLost);
   watch.note(MessageQueue::Outcome::NotReady, queue.view(), start + milliseconds(5000));
   EXPECT_NO_THROW(watch.note(taken, queue.view(), start + milliseconds(9000)));
 }
@@ -137,7 +138,8 @@ class ContendedLock : public testing::Test {
   const MessageQueue queue_{name_, {1, 100}, 0600};
   const korvex_test::QueueLock lock_{name_};
   korvex::receiver::LockWatch watch_;
-  const korvex::receiver::LockWatch::Clock::time_point start_ = korvex::receiver::LockWatch::Clock::now();
+  const korvex::receiver::LockWatch::Clock::time_point start_ =
+      korvex::receiver::LockWatch::Clock::now();
   // Both live as long as the test.
   const pid_t one_ = ::getpid();
   const pid_t other_ = ::getppid();

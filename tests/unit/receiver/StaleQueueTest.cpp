@@ -8,11 +8,11 @@
 #include <memory>
 #include <stdexcept>
 
-#include "support/Queues.h"
 #include "support/DaemonQueues.h"
+#include "support/Queues.h"
 
-using korvex_test::RawQueue;
 using korvex::receiver::StaleQueue;
+using korvex_test::RawQueue;
 using test_support::queueExists;
 
 namespace {

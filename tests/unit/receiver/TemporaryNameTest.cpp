@@ -10,10 +10,10 @@
 
 #include <algorithm>
 
+#include "queue/MessageQueue.h"
 #include "support/Await.h"
 #include "support/Child.h"
 #include "support/Queues.h"
-#include "queue/MessageQueue.h"
 
 using korvex::MessageQueue;
 using korvex::receiver::removeHalfMadeQueues;

@@ -7,10 +7,10 @@
 
 #include "korvex/ShmBatch.h"
 #include "korvex/ShmWriter.h"
-#include "support/DaemonQueues.h"
 #include "support/AllocationCounter.h"
-#include "unit/shm/BatchBuilders.h"
+#include "support/DaemonQueues.h"
 #include "support/PlatformDouble.h"
+#include "unit/shm/BatchBuilders.h"
 
 using korvex::qmx_shm_message_t;
 using korvex::ShmBatch;

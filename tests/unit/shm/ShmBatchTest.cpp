@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "korvex/Status.h"
+#include "support/PlatformDouble.h"
 #include "support/ThrownError.h"
 #include "unit/shm/BatchBuilders.h"
-#include "support/PlatformDouble.h"
 
 // What the writer does with a batch. Reading and printing have a file of their own.
 

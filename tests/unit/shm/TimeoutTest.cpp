@@ -3,8 +3,8 @@
 #include "korvex/ShmWriter.h"
 #include "korvex/Status.h"
 #include "support/DaemonQueues.h"
-#include "support/ThrownError.h"
 #include "support/PlatformDouble.h"
+#include "support/ThrownError.h"
 
 using korvex::validateTimeout;
 

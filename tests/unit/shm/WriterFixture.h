@@ -14,8 +14,8 @@
 #include "korvex/ShmWriter.h"
 #include "support/Bytes.h"
 #include "support/DaemonQueues.h"
-#include "support/ThrownError.h"
 #include "support/PlatformDouble.h"
+#include "support/ThrownError.h"
 
 /// What the writer's tests have in common: a writer over queues of the queue library's own making,
 /// and the headers that it sends as short texts.

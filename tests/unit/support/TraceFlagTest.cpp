@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
-#include "support/Trace.h"
 #include "support/PlatformDouble.h"
+#include "support/Trace.h"
 
 using korvex::isKnownUntraced;
 using korvex::isTracing;

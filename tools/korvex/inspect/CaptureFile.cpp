@@ -6,10 +6,10 @@
 #include <string_view>
 #include <utility>
 
+#include <korvex/receiver/BatchCheck.h>
 #include "Failure.h"
 #include "InputReader.h"
 #include "common/Printable.h"
-#include <korvex/receiver/BatchCheck.h>
 
 namespace korvex::tool {
 namespace {

@@ -6,11 +6,11 @@
 
 #include <korvex/ShmBatch.h>
 
-#include "inspect/CaptureFile.h"
+#include <korvex/receiver/BatchCheck.h>
 #include "Failure.h"
+#include "inspect/CaptureFile.h"
 #include "inspect/InspectPrinter.h"
 #include "inspect/InspectSummary.h"
-#include <korvex/receiver/BatchCheck.h>
 
 namespace korvex::tool {
 namespace {

@@ -8,8 +8,8 @@
 
 #include <korvex/ShmBatch.h>
 
-#include "inspect/CaptureFile.h"
 #include "Failure.h"
+#include "inspect/CaptureFile.h"
 #include "inspect/InspectSummary.h"
 
 namespace korvex::tool {

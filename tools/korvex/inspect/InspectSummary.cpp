@@ -4,9 +4,9 @@
 #include <nlohmann/json.hpp>
 #include <numeric>
 
-#include "inspect/JsonLine.h"
-#include "common/Printable.h"
 #include <korvex/RecordType.h>
+#include "common/Printable.h"
+#include "inspect/JsonLine.h"
 
 namespace korvex::tool {
 namespace {
@@ -68,11 +68,11 @@ std::uint64_t InspectSummary::records() const {
 }
 
 std::string InspectSummary::text() const {
-  std::string text =
-      counted(files_, "file", "files") + ", " + counted(batches_, "batch", "batches") + " (" +
-      std::to_string(damaged_) + " damaged), " + counted(records(), "record", "records") + ", " +
-      counted(dataBytes_, "data byte", "data bytes") + ", " +
-      counted(recordsOfType_[kTypeOpen], "stream", "streams") + "\nrecords: ";
+  std::string text = counted(files_, "file", "files") + ", " +
+                     counted(batches_, "batch", "batches") + " (" + std::to_string(damaged_) +
+                     " damaged), " + counted(records(), "record", "records") + ", " +
+                     counted(dataBytes_, "data byte", "data bytes") + ", " +
+                     counted(recordsOfType_[kTypeOpen], "stream", "streams") + "\nrecords: ";
   for (std::size_t i = 0; i < kTypes; ++i) {
     text += (i == 0 ? "" : ", ") + std::to_string(recordsOfType_[i]) + " " + kTypeNames[i];
   }

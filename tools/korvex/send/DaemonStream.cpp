@@ -9,8 +9,8 @@
 #include <utility>
 #include <vector>
 
-#include "Failure.h"
 #include <korvex/receiver/Receipt.h>
+#include "Failure.h"
 #include "common/Printable.h"
 #include "korvex/Status.h"
 #include "queue/Pause.h"
@@ -373,7 +373,8 @@ bool DaemonStream::isReply(const Ov_ErrnoException& error) const {
 
 void DaemonStream::refuseForeignReply() const {
   if (!settings_.expectsReceipt || reply() == nullptr) return;
-  throwStreamFailed(EPROTO, "a reply for another stream arrived, \"" + common::printable(receiver::textOf(*reply())) +
+  throwStreamFailed(EPROTO, "a reply for another stream arrived, \"" +
+                                common::printable(receiver::textOf(*reply())) +
                                 "\": is another producer using this queue?");
 }
 
@@ -407,10 +408,11 @@ void DaemonStream::throwStreamFailed(ov_status_t status, const std::string& text
 
 void DaemonStream::throwTimedOut(const std::string& what) {
   isStoppable_ = false;
-  throwStreamFailed(kStatusTimedOut,
-                    "waited " + std::to_string(settings_.timeout.count()) + " s for " + what +
-                        (settings_.name.empty() ? "" : " on stream " + common::printable(settings_.name)) +
-                        ": the daemon is gone or does not keep up");
+  throwStreamFailed(
+      kStatusTimedOut,
+      "waited " + std::to_string(settings_.timeout.count()) + " s for " + what +
+          (settings_.name.empty() ? "" : " on stream " + common::printable(settings_.name)) +
+          ": the daemon is gone or does not keep up");
 }
 
 void DaemonStream::throwGone() {
@@ -433,7 +435,8 @@ void DaemonStream::throwQueueError(const std::exception& error) {
   const char* const hint = status == EACCES
                                ? "; korvexd's --mode and group decide which users may use its queue"
                                : "; korvexd must be running and serve this queue";
-  throw Failure(status, "queue " + quoted(settings_.queue) + ": " + common::printable(error.what()) + hint);
+  throw Failure(status,
+                "queue " + quoted(settings_.queue) + ": " + common::printable(error.what()) + hint);
 }
 
 }  // namespace korvex::tool

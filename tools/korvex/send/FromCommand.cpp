@@ -2,8 +2,8 @@
 
 #include <CLI/CLI.hpp>
 
-#include "send/Send.h"
 #include "common/CommandLine.h"
+#include "send/Send.h"
 
 namespace korvex::tool {
 namespace {

@@ -10,17 +10,17 @@
 #include <ostream>
 #include <utility>
 
-#include "send/DaemonStream.h"
-#include "Failure.h"
-#include "InputReader.h"
-#include "send/FromCommand.h"
-#include "send/SendReport.h"
-#include "send/SourceCommand.h"
 #include <korvex/receiver/Receipt.h>
 #include <korvex/receiver/StreamDigest.h>
+#include "Failure.h"
+#include "InputReader.h"
 #include "common/CommandLine.h"
 #include "common/Printable.h"
 #include "common/QueueName.h"
+#include "send/DaemonStream.h"
+#include "send/FromCommand.h"
+#include "send/SendReport.h"
+#include "send/SourceCommand.h"
 
 namespace korvex::tool {
 namespace {
@@ -82,7 +82,8 @@ SendReport SendRun::run() {
   } catch (const Interrupted& interrupted) {
     if (command_ != nullptr) command_->interrupt();
     if (daemon_) daemon_->stop(DaemonStream::StopWait::Short);
-    fail(common::ExitCode::Failed, EINTR, "interrupted by signal " + std::to_string(interrupted.signal));
+    fail(common::ExitCode::Failed, EINTR,
+         "interrupted by signal " + std::to_string(interrupted.signal));
     report_.exitCode = kSignalExitBase + interrupted.signal;
     report_.signal = interrupted.signal;
   } catch (const Failure& failure) {
@@ -206,7 +207,8 @@ void SendRun::fail(common::ExitCode exitCode, ov_status_t status, const std::str
 /// A name that no daemon can serve is a mistake in the command line, not a daemon that is away.
 std::string checkQueueName(const std::string& name) {
   const std::string defect = common::queueNameDefect(name);
-  return defect.empty() ? "" : "'" + common::printable(name) + "' cannot be a queue's name: " + defect;
+  return defect.empty() ? ""
+                        : "'" + common::printable(name) + "' cannot be a queue's name: " + defect;
 }
 
 void tell(const SendReport& report, const SendOptions& options, std::ostream& out,

@@ -8,9 +8,9 @@
 
 #include <qmx/error.h>
 
-#include "send/ChildProcess.h"
 #include "Input.h"
 #include "StopSignal.h"
+#include "send/ChildProcess.h"
 
 namespace korvex::tool {
 

@@ -25,7 +25,8 @@ constexpr std::string_view kTimeForm = "0000-00-00T00:00:00Z";  // 0 is any digi
 /// named.
 std::string quoted(const Json& value) {
   if (value.is_structured()) return std::string("an ") + value.type_name();
-  const std::string text = common::printable(value.dump(-1, ' ', false, Json::error_handler_t::replace));
+  const std::string text =
+      common::printable(value.dump(-1, ' ', false, Json::error_handler_t::replace));
   return text.size() <= kLongestQuote ? text : text.substr(0, kLongestQuote) + "...";
 }
 

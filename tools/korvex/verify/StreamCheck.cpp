@@ -8,10 +8,10 @@
 #include <optional>
 #include <system_error>
 
+#include <korvex/receiver/StreamDigest.h>
 #include "Failure.h"
 #include "common/Printable.h"
 #include "common/Sha256.h"
-#include <korvex/receiver/StreamDigest.h>
 
 namespace korvex::tool {
 namespace {

@@ -5,8 +5,8 @@
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
-#include "inspect/JsonLine.h"
 #include "common/Printable.h"
+#include "inspect/JsonLine.h"
 
 namespace korvex::tool {
 namespace {

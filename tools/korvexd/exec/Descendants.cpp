@@ -15,8 +15,8 @@
 #include <memory>
 #include <string>
 
-#include "korvexd/os/File.h"
 #include <korvex/receiver/SystemError.h>
+#include "korvexd/os/File.h"
 
 namespace korvexd {
 

@@ -11,9 +11,9 @@
 #include <vector>
 
 #include "korvexd/exec/EngineLog.h"
-#include "korvexd/os/File.h"
 #include "korvexd/exec/Keeper.h"
 #include "korvexd/exec/Keepers.h"
+#include "korvexd/os/File.h"
 
 namespace korvexd {
 

@@ -7,8 +7,8 @@
 #include <stdexcept>
 #include <utility>
 
-#include "korvexd/exec/ExecStore.h"
 #include <korvex/receiver/SystemError.h>
+#include "korvexd/exec/ExecStore.h"
 
 namespace korvexd {
 
@@ -112,7 +112,8 @@ void ExecSink::throwClosedInput() {
   throw EngineFailed(withLastError("the engine closed its input before the end"));
 }
 
-void ExecSink::complete(const receiver::StreamSummary&, const receiver::StillFinishing& stillFinishing) {
+void ExecSink::complete(const receiver::StreamSummary&,
+                        const receiver::StillFinishing& stillFinishing) {
   check();
   engine_->announceComplete();
   const auto deadline = Clock::now() + settings_.timeout + kPatienceAtTheEnd;

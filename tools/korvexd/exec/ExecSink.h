@@ -7,8 +7,8 @@
 #include <optional>
 #include <string>
 
-#include "korvexd/exec/Engine.h"
 #include <korvex/receiver/Sink.h>
+#include "korvexd/exec/Engine.h"
 
 namespace korvexd {
 
@@ -39,7 +39,8 @@ class ExecSink : public receiver::Sink {
 
   void write(const unsigned char* data, std::size_t size) override;
   void check() override;
-  void complete(const receiver::StreamSummary& summary, const receiver::StillFinishing& stillFinishing) override;
+  void complete(const receiver::StreamSummary& summary,
+                const receiver::StillFinishing& stillFinishing) override;
   void abandon(const receiver::StreamSummary& summary, const std::string& reason) override;
   std::string place() const override;
 

@@ -7,9 +7,9 @@
 #include <exception>
 #include <utility>
 
+#include "common/QueueName.h"
 #include "korvexd/exec/CommandWords.h"
 #include "korvexd/exec/ExecSink.h"
-#include "common/QueueName.h"
 
 namespace korvexd {
 
@@ -45,7 +45,9 @@ std::unique_ptr<receiver::Sink> ExecStore::open(const std::string& queue, std::t
   const Engine::Command command = {
       findProgram(settings_.command.front()),
       settings_.command,
-      {"KORVEX_QUEUE=" + queue, fmt::format("KORVEX_OPENED={:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(opened)), "KORVEX_STREAM=" + name},
+      {"KORVEX_QUEUE=" + queue,
+       fmt::format("KORVEX_OPENED={:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(opened)),
+       "KORVEX_STREAM=" + name},
       settings_.timeout};
   auto engine = std::make_unique<Engine>(keepers_, command, [name](const std::string& line) {
     spdlog::info("{}: engine: {}", name, line);

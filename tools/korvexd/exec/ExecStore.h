@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
+#include <korvex/receiver/Sink.h>
 #include "korvexd/exec/Engine.h"
 #include "korvexd/exec/Keepers.h"
-#include <korvex/receiver/Sink.h>
 
 namespace korvexd {
 

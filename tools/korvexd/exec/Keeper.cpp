@@ -22,8 +22,8 @@
 #include <string>
 #include <string_view>
 
-#include "korvexd/exec/Descendants.h"
 #include "common/ExitCode.h"
+#include "korvexd/exec/Descendants.h"
 
 namespace korvexd {
 namespace {

@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <filesystem>
 
-#include "common/QueueName.h"
 #include <korvex/receiver/SystemError.h>
+#include "common/QueueName.h"
 
 namespace korvexd {
 namespace {

@@ -7,8 +7,8 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
-#include "korvexd/os/File.h"
 #include "common/QueueName.h"
+#include "korvexd/os/File.h"
 
 namespace korvexd {
 namespace {

@@ -69,8 +69,8 @@ void StreamLog::queuesReplaced() noexcept {
 }
 
 void StreamLog::messagesLeft(std::size_t count) noexcept {
-  write(QueueLog::Kind::QueuePair, spdlog::level::warn,
-        "the daemon ends, messages not taken: {}", count);
+  write(QueueLog::Kind::QueuePair, spdlog::level::warn, "the daemon ends, messages not taken: {}",
+        count);
 }
 
 void StreamLog::update() {

@@ -4,8 +4,8 @@
 #include <korvex/receiver/Observer.h>
 
 #include <atomic>
-#include <mutex>
 #include <cstdint>
+#include <mutex>
 #include <optional>
 #include <string>
 

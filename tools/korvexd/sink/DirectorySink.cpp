@@ -9,9 +9,9 @@
 #include <string>
 #include <utility>
 
+#include <korvex/receiver/SystemError.h>
 #include "korvexd/sink/DirectoryStore.h"
 #include "korvexd/sink/Manifest.h"
-#include <korvex/receiver/SystemError.h>
 
 namespace korvexd {
 namespace {

@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "korvexd/os/File.h"
-#include "common/Sha256.h"
 #include <korvex/receiver/Sink.h>
+#include "common/Sha256.h"
+#include "korvexd/os/File.h"
 
 namespace korvexd {
 

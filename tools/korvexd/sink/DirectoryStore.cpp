@@ -8,9 +8,9 @@
 #include <cerrno>
 #include <stdexcept>
 
-#include "korvexd/sink/DirectorySink.h"
-#include "common/QueueName.h"
 #include <korvex/receiver/SystemError.h>
+#include "common/QueueName.h"
+#include "korvexd/sink/DirectorySink.h"
 
 namespace korvexd {
 namespace {
@@ -44,8 +44,8 @@ bool tryToMake(const File& parent, const std::string& name) {
 }
 
 /// In the folder that was made for it, which goes again when the rest cannot be made.
-std::unique_ptr<receiver::Sink> openSink(const std::shared_ptr<const File>& parent, const std::string& name,
-                               const std::string& path) {
+std::unique_ptr<receiver::Sink> openSink(const std::shared_ptr<const File>& parent,
+                                         const std::string& name, const std::string& path) {
   try {
     return std::make_unique<DirectorySink>(parent, name, path);
   } catch (const std::exception&) {
@@ -65,8 +65,8 @@ DirectoryStore::DirectoryStore(const std::string& path) : path_(path), folder_(o
 
 std::unique_ptr<receiver::Sink> DirectoryStore::open(const std::string& queue, std::time_t opened) {
   const std::shared_ptr<const File> folder = findFolder();
-  const std::string prefix = fmt::format("{}-{:%Y%m%dT%H%M%SZ}-", korvex::common::fileNameOf(queue),
-                                         fmt::gmtime(opened));
+  const std::string prefix =
+      fmt::format("{}-{:%Y%m%dT%H%M%SZ}-", korvex::common::fileNameOf(queue), fmt::gmtime(opened));
   for (;;) {
     const std::string name = prefix + std::to_string(++lastNumber_);
     if (tryToMake(*folder, name)) return openSink(folder, name, path_);

@@ -8,8 +8,8 @@
 #include <mutex>
 #include <string>
 
-#include "korvexd/os/File.h"
 #include <korvex/receiver/Sink.h>
+#include "korvexd/os/File.h"
 
 namespace korvexd {
 

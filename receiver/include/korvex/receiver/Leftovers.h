@@ -12,8 +12,8 @@ namespace korvex::receiver {
 /// returns their names. For the start of a daemon.
 ///
 /// A receiver makes its queues under temporary names; when its process is killed meanwhile, nobody
-/// would ever find these objects again. What cannot be looked at or removed is left alone, and so is
-/// everything where the system does not tell the namespace (no /proc).
+/// would ever find these objects again. What cannot be looked at or removed is left alone, and so
+/// is everything where the system does not tell the namespace (no /proc).
 KORVEX_RECEIVER_EXPORT std::vector<std::string> removeHalfMadeQueues();
 
 }  // namespace korvex::receiver

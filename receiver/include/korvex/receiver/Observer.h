@@ -13,9 +13,9 @@ namespace korvex::receiver {
 /// Hears what happens on one receiver's queues, for logs and alarms. The receiver itself logs
 /// nothing.
 ///
-/// Every operation does nothing until it is overridden; all are called on the receiver's thread, and
-/// what they take of its time is missing there. They are noexcept: an observer that fails must keep
-/// its failure to itself.
+/// Every operation does nothing until it is overridden; all are called on the receiver's thread,
+/// and what they take of its time is missing there. They are noexcept: an observer that fails must
+/// keep its failure to itself.
 ///
 /// Texts may hold bytes that a producer chose. Escape them before a terminal or a log sees them.
 class KORVEX_RECEIVER_EXPORT Observer {

@@ -15,10 +15,10 @@ namespace korvex::receiver {
 /// What can be seen of one queue in shared memory without taking its lock.
 ///
 /// The constructor looks at whatever lies under the name, in the way that cannot hang or crash: it
-/// may be absent, somebody else's, half made, cut short or no queue at all. The object that it found
-/// stays in view, even when its name is taken away. The numbers that follow the queue's life are
-/// plain reads of shared memory: hints, possibly old when they arrive. Good for deciding when to try
-/// something and for showing to people, never a reason to believe that something happened.
+/// may be absent, somebody else's, half made, cut short or no queue at all. The object that it
+/// found stays in view, even when its name is taken away. The numbers that follow the queue's life
+/// are plain reads of shared memory: hints, possibly old when they arrive. Good for deciding when
+/// to try something and for showing to people, never a reason to believe that something happened.
 ///
 /// While an object is cut short under a living view, reading it raises SIGBUS; see BusErrorGuard.h.
 /// Used by one thread at a time. Nothing here throws but std::bad_alloc.

@@ -18,9 +18,9 @@ using StillFinishing = std::function<bool()>;
 
 /// Where the data of one stream goes.
 ///
-/// Lives for one stream: any number of write(), then exactly one of complete() and abandon(), all on
-/// the receiver's thread. A sink that is destroyed before looks like the work of a daemon that died:
-/// what it leaves must not be taken for a complete stream.
+/// Lives for one stream: any number of write(), then exactly one of complete() and abandon(), all
+/// on the receiver's thread. A sink that is destroyed before looks like the work of a daemon that
+/// died: what it leaves must not be taken for a complete stream.
 ///
 /// Failures are exceptions derived from std::exception. The producer gets status 5 and the text, of
 /// which 127 characters arrive, and abandon() follows.

@@ -7,8 +7,8 @@
 #include <fstream>
 #include <stdexcept>
 
-#include "support/TemporaryFolder.h"
 #include "korvex/receiver/SystemError.h"
+#include "support/TemporaryFolder.h"
 
 using korvexd::findProgram;
 using korvexd::splitCommand;

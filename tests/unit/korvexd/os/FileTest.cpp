@@ -7,8 +7,8 @@
 
 #include <utility>
 
-#include "support/TemporaryFolder.h"
 #include "korvex/receiver/SystemError.h"
+#include "support/TemporaryFolder.h"
 
 using korvexd::File;
 using korvexd::replaceFile;

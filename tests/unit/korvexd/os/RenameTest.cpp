@@ -7,12 +7,12 @@
 #include <filesystem>
 #include <fstream>
 
-#include "support/Queues.h"
-#include "support/TemporaryFolder.h"
-#include "korvexd/sink/DirectoryStore.h"
-#include "korvexd/os/File.h"
 #include "korvex/receiver/Receiver.h"
 #include "korvex/receiver/SystemError.h"
+#include "korvexd/os/File.h"
+#include "korvexd/sink/DirectoryStore.h"
+#include "support/Queues.h"
+#include "support/TemporaryFolder.h"
 
 using korvexd::renameWithoutReplacing;
 using test_support::contentsOf;

@@ -2,8 +2,8 @@
 
 #include <gmock/gmock.h>
 
-#include "support/TemporaryFolder.h"
 #include "korvex/receiver/SystemError.h"
+#include "support/TemporaryFolder.h"
 
 using korvexd::Capture;
 using test_support::contentsOf;

@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "support/Await.h"
 #include "korvexd/report/LogWriter.h"
+#include "support/Await.h"
 
 using korvexd::LogWriter;
 using test_support::eventually;

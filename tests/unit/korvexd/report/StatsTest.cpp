@@ -3,8 +3,8 @@
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
-#include "support/TemporaryFolder.h"
 #include "korvex/receiver/SystemError.h"
+#include "support/TemporaryFolder.h"
 
 using korvex::receiver::Count;
 using korvex::receiver::Counters;
@@ -42,9 +42,10 @@ TEST(Stats, StartAtZeroAndCount) {
 
 TEST(Stats, EachCountHasItsOwnName) {
   const std::vector<std::string> names = {
-      "streams_opened",  "streams_complete", "streams_incomplete", "records",
-      "dropped_records", "bytes",            "batches",            "bad_batches",
-      "replies_sent",    "replies_pending",  "replies_withdrawn",  "replies_lost",
+      "streams_opened",    "streams_complete",  "streams_incomplete",
+      "records",           "dropped_records",   "bytes",
+      "batches",           "bad_batches",       "replies_sent",
+      "replies_pending",   "replies_withdrawn", "replies_lost",
       "queue_replacements"};
   ASSERT_EQ(korvex::receiver::kCounts, names.size());
   for (std::size_t i = 0; i < names.size(); ++i) {

@@ -11,18 +11,18 @@
 #include <functional>
 #include <nlohmann/json.hpp>
 
-#include "support/Child.h"
-#include "support/TemporaryFolder.h"
+#include "korvex/receiver/SystemError.h"
 #include "korvexd/sink/DirectorySink.h"
 #include "korvexd/sink/DirectoryStore.h"
 #include "korvexd/sink/DiscardSink.h"
-#include "korvex/receiver/SystemError.h"
+#include "support/Child.h"
+#include "support/TemporaryFolder.h"
 
-using korvexd::DirectoryStore;
 using korvex::receiver::Sink;
 using korvex::receiver::SinkFactory;
 using korvex::receiver::StreamSummary;
 using korvex::receiver::SystemError;
+using korvexd::DirectoryStore;
 using test_support::contentsOf;
 using test_support::namesIn;
 using test_support::TemporaryFolder;

@@ -14,12 +14,12 @@
 #include <string>
 #include <vector>
 
-#include "support/TemporaryFolder.h"
+#include "korvex/receiver/SystemError.h"
 #include "korvexd/report/Capture.h"
-#include "korvexd/sink/DirectoryStore.h"
 #include "korvexd/report/LogWriter.h"
 #include "korvexd/report/StatsFile.h"
-#include "korvex/receiver/SystemError.h"
+#include "korvexd/sink/DirectoryStore.h"
+#include "support/TemporaryFolder.h"
 #include "unit/queue/SystemCalls.h"
 
 using korvex::receiver::SystemError;
@@ -38,7 +38,8 @@ namespace {
 constexpr std::time_t kOpened = 1000000000;  // 2001-09-09 01:46:40 UTC
 const char kStream[] = "q-20010909T014640Z-1";
 const char kPartial[] = "q-20010909T014640Z-1.partial";
-const korvex::receiver::StreamSummary kSummary{"q", kOpened, kOpened + 60, 3, 1, 4, "0123456789abcdef"};
+const korvex::receiver::StreamSummary kSummary{"q", kOpened, kOpened + 60,      3,
+                                               1,   4,       "0123456789abcdef"};
 const korvex::receiver::StillFinishing kPatient = [] { return true; };
 
 const unsigned char* bytesOf(const std::string& text) {

@@ -6,9 +6,9 @@
 #include <utility>
 #include <vector>
 
-#include "support/TemporaryFolder.h"
 #include "korvexd/sink/DirectorySink.h"
 #include "korvexd/sink/DirectoryStore.h"
+#include "support/TemporaryFolder.h"
 
 using korvexd::DirectorySink;
 using testing::ElementsAre;
