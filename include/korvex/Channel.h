@@ -9,11 +9,14 @@
 namespace korvex {
 
 /// A named stream that can be closed. Created closed; only the implementation opens and closes it.
+/// Not copyable: an assignment would carry the open flag to a channel that was never opened.
 ///
 /// The order of the virtual operations, here and in ChannelWriter, is part of the binary interface.
 class KORVEX_EXPORT Channel {
  public:
   explicit Channel(const std::string& name);
+  Channel(const Channel&) = delete;
+  Channel& operator=(const Channel&) = delete;
 
   virtual void close() = 0;
   virtual ~Channel();

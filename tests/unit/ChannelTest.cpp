@@ -19,6 +19,9 @@ static_assert(std::has_virtual_destructor<Channel>::value, "deleted through the 
 static_assert(std::is_base_of<Channel, ChannelWriter>::value, "binary interface");
 static_assert(std::is_base_of<ChannelWriter, ShmWriter>::value, "binary interface");
 static_assert(!std::is_convertible<std::string, ShmWriter>::value, "a name is no writer");
+static_assert(!std::is_copy_constructible<ShmWriter>::value, "one writer per stream");
+static_assert(!std::is_copy_assignable<Channel>::value, "would open a closed channel");
+static_assert(!std::is_copy_assignable<ChannelWriter>::value, "would open a closed writer");
 static_assert(sizeof(Channel) == 48, "table pointer, open flag, name");
 static_assert(sizeof(ChannelWriter) == sizeof(Channel), "adds no members");
 
