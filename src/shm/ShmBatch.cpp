@@ -3,10 +3,10 @@
 #include <ostream>
 #include <sstream>
 
+#include "korvex/Status.h"
 #include "shm/BatchAppend.h"
 #include "support/Adler32.h"
 #include "support/BigEndian.h"
-#include "support/Status.h"
 #include "support/Text.h"
 #include "support/Trace.h"
 

@@ -5,9 +5,9 @@
 
 #include <qmx/string.h>
 
+#include "korvex/Status.h"
 #include "shm/HeaderBytes.h"
 #include "support/BigEndian.h"
-#include "support/Status.h"
 #include "support/Text.h"
 
 namespace korvex {

@@ -7,10 +7,10 @@
 
 #include <qmx/log.h>
 
+#include "korvex/Status.h"
 #include "shm/BatchAppend.h"
 #include "shm/MessageQueue.h"
 #include "shm/ReplyText.h"
-#include "support/Status.h"
 #include "support/Text.h"
 #include "support/Trace.h"
 

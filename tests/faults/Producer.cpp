@@ -1,6 +1,7 @@
 #include "Producer.h"
 
 #include <korvex/ShmWriter.h>
+#include <korvex/Status.h>
 #include <qmx/error.h>
 
 #include <algorithm>
@@ -21,7 +22,6 @@ using Clock = Call::Clock;
 constexpr std::chrono::milliseconds kReceiptPatience{400};
 constexpr std::chrono::milliseconds kReceiptPeriod{1};
 constexpr std::size_t kLargestPiece = 65536 - 1024;
-constexpr ov_status_t kStatusTimedOut = 15;
 
 bool isAskedToEnd() {
   sigset_t pending;
@@ -47,7 +47,7 @@ class Producer {
         sendStream(Pattern(load_.number + i, load_.size));
       }
     } catch (const Ov_ErrnoException& error) {
-      ending_.outcome = error.getStatus() == kStatusTimedOut ? "timed-out" : "failed";
+      ending_.outcome = error.getStatus() == korvex::kStatusTimedOut ? "timed-out" : "failed";
     } catch (const std::exception&) {
       // The queue is gone or broken. Which error it is, others look at.
       ending_.outcome = "failed";

@@ -10,6 +10,7 @@
 
 #include "Bytes.h"
 #include "StreamModel.h"
+#include "korvex/Status.h"
 #include "korvexd/StreamSession.h"
 
 using korvex_fuzz::Input;
@@ -200,7 +201,7 @@ class Run {
       require(std::strcmp(answer->message, SinkError().what()) == 0, "a failed sink's text");
     }
     if (expected == Answer::Refusal) {
-      require(answer->status == 32, "a refusal's status");
+      require(answer->status == korvex::kStatusCorrupt, "a refusal's status");
       require(std::strncmp(answer->message, refusal, std::strlen(refusal)) == 0,
               "a refusal's text");
     }

@@ -5,6 +5,7 @@
 
 #include "integration/DaemonFixture.h"
 #include "integration/support/BatchBytes.h"
+#include "korvex/Status.h"
 #include "shm/MessageQueue.h"
 #include "support/ThrownError.h"
 
@@ -143,7 +144,7 @@ TEST_F(DaemonStream, FailsInTheProducerWhenABatchIsDamaged) {
   to->open();
   sendRaw(BatchBytes().record(1, 2, "abc").set32(52, 0).bytes());
   const auto reply = awaitReply(*to);
-  EXPECT_EQ(reply.status, 32u);
+  EXPECT_EQ(reply.status, korvex::kStatusCorrupt);
   EXPECT_EQ(std::string(reply.message),
             "damaged batch: wrong header magic at offset 8: found 0x00000000, expected 0xaabbccdd");
   EXPECT_NO_THROW(to->close());
@@ -158,7 +159,7 @@ TEST_F(DaemonStream, FailsInTheProducerWhenRecordsComeOutOfOrder) {
   to->open();
   sendRaw(BatchBytes().record(1, 0, "abc").bytes());
   const auto reply = awaitReply(*to);
-  EXPECT_EQ(reply.status, 32u);
+  EXPECT_EQ(reply.status, korvex::kStatusCorrupt);
   EXPECT_STREQ(reply.message, "record type 1 sequence 0: expected a sequence above 0");
   end(*daemon);
 }

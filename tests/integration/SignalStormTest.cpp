@@ -13,6 +13,7 @@
 #include "integration/support/Late.h"
 #include "integration/support/SharedCounter.h"
 #include "integration/support/SignalStorm.h"
+#include "korvex/Status.h"
 #include "support/DaemonQueues.h"
 #include "support/ThrownError.h"
 
@@ -145,7 +146,8 @@ TEST_P(WriterUnderSignals, WaitsNeitherShorterNorLonger) {
   const Wait wait = test_support::againWhenLate([&] { return waitOf(to); },
                                                 [](const Wait& found) { return found.isLate(); });
   EXPECT_EQ(wait.error,
-            (ThrownError{15, "Timed out after waiting 2s to send data to korvexd on stream s"}));
+            (ThrownError{korvex::kStatusTimedOut,
+                         "Timed out after waiting 2s to send data to korvexd on stream s"}));
   // A machine that stood still may have let it begin in the midst of its first second.
   EXPECT_GE(wait.time, std::chrono::milliseconds(990));
   EXPECT_FALSE(wait.isLate());

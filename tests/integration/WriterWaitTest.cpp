@@ -7,6 +7,7 @@
 
 #include "integration/DaemonFixture.h"
 #include "integration/support/Late.h"
+#include "korvex/Status.h"
 #include "shm/QueueView.h"
 #include "support/Bytes.h"
 #include "support/DaemonQueues.h"
@@ -123,7 +124,8 @@ TEST_F(WriterWait, EndsAtTheDeadlineAndTheBatchIsSentLater) {
   to.open();
   to.writeSegment(reinterpret_cast<const unsigned char*>("abc"), 3);
   EXPECT_EQ(thrownBy([&] { to.flush_shm_buffer(1); }),
-            (ThrownError{15, "Timed out after waiting 1s to send data to korvexd on stream s"}));
+            (ThrownError{korvex::kStatusTimedOut,
+                         "Timed out after waiting 1s to send data to korvexd on stream s"}));
   queues.takeBatch();
   to.flush_shm_buffer(1);
   EXPECT_EQ(hexOf(queues.takeBatch()),
@@ -147,7 +149,8 @@ TEST_F(WriterWait, OfACloseThatMustMakeRoomFirstTakesTwoTimeoutsAtMost) {
   EXPECT_FALSE(close->isLate());
   EXPECT_TRUE(close->waitedAnew());
   EXPECT_EQ(close->error(),
-            (ThrownError{15, "Timed out after waiting 2s to send data to korvexd on stream s"}));
+            (ThrownError{korvex::kStatusTimedOut,
+                         "Timed out after waiting 2s to send data to korvexd on stream s"}));
   const std::vector<Bytes> batches = close->batchesAfterwards();
   EXPECT_EQ(hexOf(batches[0]),
             hex("ff00ee11 00000001 00000001 00000003 0000000000000002 0000000000000000 00000000"
@@ -162,7 +165,7 @@ TEST_F(WriterWait, EndsWithStatus15WhenTheDaemonIsKilled) {
   const pid_t sender = startSender(kShortTimeout);
   ASSERT_TRUE(awaitFullQueue());
   daemon->killNow();
-  EXPECT_EQ(statusOf(sender), 15);
+  EXPECT_EQ(statusOf(sender), static_cast<int>(korvex::kStatusTimedOut));
 }
 
 // A writer that waited inside the queue would leave the daemon hanging after the second such death.

@@ -11,6 +11,7 @@ compile() {
 compiler=$1
 headers=$(cd "$PREFIX/include" && ls korvex/*.h qmx/*.h)
 for header in korvex/ShmCommon.h korvex/ShmBatch.h korvex/Channel.h korvex/ShmWriter.h \
+  korvex/Status.h \
   qmx/error.h qmx/log.h qmx/sink.h qmx/string.h qmx/trace.h; do
   grep -qx "$header" <<< "$headers" || fail "$header is not installed"
 done

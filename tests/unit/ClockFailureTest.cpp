@@ -11,6 +11,7 @@
 #include <string>
 
 #include "korvex/ShmWriter.h"
+#include "korvex/Status.h"
 #include "support/Bytes.h"
 #include "support/DaemonQueues.h"
 #include "support/ThrownError.h"
@@ -149,7 +150,7 @@ TEST_P(WithoutClock, ARecordThatNeedsRoomIsNotStored) {
 
 TEST_P(WithoutClock, AnOpenThatFailsLeavesTheWriterClosedAndItsRecordInTheBatch) {
   expectClockError([&] { writer_->open(); });
-  EXPECT_EQ(thrownBy([&] { writer_->endSegment(); }).status, 44u);
+  EXPECT_EQ(thrownBy([&] { writer_->endSegment(); }).status, korvex::kStatusWrongState);
   EXPECT_EQ(flushedBatch(),
             hex("ff00ee11 00000001 00000000 00000000 0000000000000000 0000000000000000 00000001 "
                 "00000000 00000000 00000000 00000000 aabbccdd"));

@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "korvex/Status.h"
 #include "unit/WriterFixture.h"
 
 using korvex_test::DaemonQueues;
@@ -30,7 +31,7 @@ class MixedAlgorithms : public writer_test::Writer {
   /// The next segment is refused, which names these.
   void expectRefusal(int sequence, int lastState, int currentState) {
     expectError(
-        89,
+        korvex::kStatusDoesNotFit,
         "Could not write segment data for sequence " + std::to_string(sequence) +
             " because segment states are not homogeneous (last state=" + std::to_string(lastState) +
             ", current state=" + std::to_string(currentState) + ")",

@@ -1,5 +1,6 @@
 // Most segments take a short way into the batch. Whichever way one takes, the same comes of it.
 
+#include "korvex/Status.h"
 #include "unit/WriterFixture.h"
 
 using korvex_test::DaemonQueues;
@@ -21,7 +22,7 @@ class SegmentWays : public writer_test::Writer {
 
 TEST_F(SegmentWays, OversizedSegmentIsRefusedAlsoWhereItHasRoom) {
   writer().writeSegment(data_.data(), 131072);
-  expectError(85,
+  expectError(korvex::kStatusTooLarge,
               "Segment too large error.  Received segment of size 131073 bytes, but the maximum "
               "allowed segment size is 131072 bytes",
               [this] { writer().writeSegment(data_.data(), 131073); });

@@ -8,6 +8,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "korvex/Status.h"
 #include "support/ThrownError.h"
 #include "unit/BatchBuilders.h"
 #include "unit/PlatformDouble.h"
@@ -89,7 +90,7 @@ TEST(BatchMetaData, IsReadBigEndian) {
 TEST(BatchMetaData, LittleEndianMagicIsRefusedAndReported) {
   const Bytes bytes = bytesOf("11ee00ff 01000000");
   EXPECT_EQ(thrownBy([&] { ShmBatch::MetaData().deserializeFromBuffer(bytes.data()); }),
-            (ThrownError{32,
+            (ThrownError{korvex::kStatusCorrupt,
                          "Could not deserialize ShmBatch::MetaData from buffer because the magic "
                          "value 300810495 is corrupt (expected=4278251025)"}));
 }
@@ -123,13 +124,13 @@ TEST(BatchEntry, PlaceHolderHasAllHeaderFieldsZero) {
 
 TEST_F(ShmBatchConstruction, RefusesSevenBytes) {
   EXPECT_EQ(thrownBy([] { ShmBatch batch(7); }),
-            (ThrownError{9,
+            (ThrownError{korvex::kStatusInvalidArgument,
                          "Buffer size 7 is invalid because it is smaller than the minimum "
                          "required buffer size of 8"}));
 }
 
 TEST_F(ShmBatchConstruction, RefusesNoBytesAtAll) {
-  EXPECT_EQ(thrownBy([] { ShmBatch batch(0); }).status, 9u);
+  EXPECT_EQ(thrownBy([] { ShmBatch batch(0); }).status, korvex::kStatusInvalidArgument);
 }
 
 TEST_F(ShmBatchConstruction, EightBytesHoldTheMetaDataAlone) {
@@ -194,9 +195,10 @@ TEST(ShmBatchSizeCheck, AcceptsEightAndMore) {
 TEST(ShmBatchSizeCheck, RefusesEverySmallerSize) {
   for (unsigned long size = 0; size < 8; ++size) {
     EXPECT_EQ(thrownBy([&] { ShmBatch::validBufferSizeAssert(size); }),
-              (ThrownError{9, "Buffer size " + std::to_string(size) +
-                                  " is invalid because it is smaller than the minimum required "
-                                  "buffer size of 8"}));
+              (ThrownError{korvex::kStatusInvalidArgument,
+                           "Buffer size " + std::to_string(size) +
+                               " is invalid because it is smaller than the minimum required "
+                               "buffer size of 8"}));
   }
 }
 
@@ -252,7 +254,7 @@ TEST(ShmBatchPushBack, RefusedForRoomLeavesEveryByteAlone) {
   ShmBatch batch(8 + 48 + 3 + 47);
   batch.pushBack(record(1, "abc"));
   const std::string before = hexOf(batch.getRaw(), 106);
-  EXPECT_EQ(thrownBy([&] { batch.pushBack(record(2, "")); }).status, 4u);
+  EXPECT_EQ(thrownBy([&] { batch.pushBack(record(2, "")); }).status, korvex::kStatusNoRoom);
   EXPECT_EQ(hexOf(batch.getRaw(), 106), before);
   EXPECT_EQ(batch.getRawSize(), 59u);
   EXPECT_EQ(batch.getNumEntries(), 1u);
@@ -261,14 +263,14 @@ TEST(ShmBatchPushBack, RefusedForRoomLeavesEveryByteAlone) {
 TEST(ShmBatchPushBack, RefusesDataThatIsAnnouncedButNull) {
   ShmBatch batch(200);
   EXPECT_EQ(thrownBy([&] { batch.pushBack(recordWithoutData(3)); }),
-            (ThrownError{9,
+            (ThrownError{korvex::kStatusInvalidArgument,
                          "Invalid header; the specified length of data is 3 but the data pointer "
                          "is NULL"}));
 }
 
 TEST(ShmBatchPushBack, LooksForRoomBeforeItLooksAtTheData) {
   ShmBatch batch(56);
-  EXPECT_EQ(thrownBy([&] { batch.pushBack(recordWithoutData(1)); }).status, 4u);
+  EXPECT_EQ(thrownBy([&] { batch.pushBack(recordWithoutData(1)); }).status, korvex::kStatusNoRoom);
   EXPECT_EQ(hexOf(batch.getRaw(), 56), hex("ff00ee11") + std::string(104, '0'));
 }
 
@@ -318,7 +320,7 @@ TEST(ShmBatchRoom, LengthsNearFourGigabytesDoNotWrap) {
   for (const std::uint32_t length : {0xffffffd0u, 0xffffffd1u, 0xfffffff0u, 0xffffffffu}) {
     const ShmBatch::Entry entry(headerOf(1, length), &data);
     EXPECT_FALSE(batch.canStore(entry)) << length;
-    EXPECT_EQ(thrownBy([&] { batch.pushBack(entry); }).status, 4u) << length;
+    EXPECT_EQ(thrownBy([&] { batch.pushBack(entry); }).status, korvex::kStatusNoRoom) << length;
   }
   EXPECT_EQ(batch.getRawSize(), 8u);
 }

@@ -1,4 +1,5 @@
 #include "korvex/ShmWriter.h"
+#include "korvex/Status.h"
 #include "unit/WriterFixture.h"
 
 using korvex::qmx_shm_message_t;
@@ -48,9 +49,10 @@ TEST_F(WriterSegments, WorkedSequenceByteForByte) {
 TEST_F(WriterSegments, AreRefusedWhenNotOpen) {
   DaemonQueues queues;
   connect(queues);
-  expectError(44, "Could not write segment data because ShmWriter is not open",
+  expectError(korvex::kStatusWrongState,
+              "Could not write segment data because ShmWriter is not open",
               [&] { writer().writeSegment(data_.data(), 1); });
-  expectError(44, "Could not end segment data because ShmWriter is not open",
+  expectError(korvex::kStatusWrongState, "Could not end segment data because ShmWriter is not open",
               [&] { writer().endSegment(); });
   writer().stop(false);
   EXPECT_THAT(headersOf(queues.takeBatch()), ElementsAre("(1,4,0,0,0,1,0,0,0,2864434397)"));
@@ -60,7 +62,8 @@ TEST_F(WriterSegments, UnknownAlgorithmStopsDataButNotTheEnd) {
   DaemonQueues queues;
   openOn(queues);
   writer().setSegmentAlg(static_cast<korvex_seg_state_t>(2), 0, 0, 0);
-  expectError(44, "Could not write segment data because wrong algorithm has been set",
+  expectError(korvex::kStatusWrongState,
+              "Could not write segment data because wrong algorithm has been set",
               [&] { writer().writeSegment(data_.data(), 1); });
   writer().endSegment();
   EXPECT_THAT(flushedHeaders(queues), ElementsAre("(2,2,0,2,0,1,0,0,0,2864434397)"));
@@ -123,7 +126,7 @@ TEST_F(WriterLimits, LargestLimitedRecordPassesAndTheNextDoesNot) {
   DaemonQueues queues(200000);
   openOn(queues);
   EXPECT_NO_THROW(writer().writeSegment(data_.data(), 131072));
-  expectError(85,
+  expectError(korvex::kStatusTooLarge,
               "Segment too large error.  Received segment of size 131073 bytes, but the maximum "
               "allowed segment size is 131072 bytes",
               [&] { writer().writeSegment(data_.data(), 131073); });
@@ -172,7 +175,7 @@ TEST_F(WriterLimits, RecordTooLargeForAnyBatchFirstSendsAnEmptyOne) {
   DaemonQueues queues(8 + 48 + 100);
   connect(queues);
   const qmx_shm_message_t header = headerOf(9, 101);
-  expectError(89,
+  expectError(korvex::kStatusDoesNotFit,
               "Could not fit header (type=9) with data length 101 into the batch, even after batch "
               "has been flushed",
               [&] { writer().write_data(&header, data_.data(), kTimeout, false); });
@@ -191,7 +194,8 @@ TEST_F(WriterLimits, LengthNear32BitsIsRefusedNotWrapped) {
 TEST_F(WriterLimits, AnnouncedDataThatIsNullIsRefused) {
   DaemonQueues queues;
   openOn(queues);
-  expectError(9, "Invalid header; the specified length of data is 5 but the data pointer is NULL",
+  expectError(korvex::kStatusInvalidArgument,
+              "Invalid header; the specified length of data is 5 but the data pointer is NULL",
               [&] { writer().writeSegment(nullptr, 5); });
   EXPECT_THAT(flushedHeaders(queues), IsEmpty());
 }

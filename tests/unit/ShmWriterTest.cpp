@@ -4,6 +4,7 @@
 
 #include <boost/interprocess/exceptions.hpp>
 
+#include "korvex/Status.h"
 #include "unit/WriterFixture.h"
 
 using korvex::qmx_shm_message_t;
@@ -134,7 +135,8 @@ TEST_F(WriterLifecycle, FailedOpenLeavesTheWriterClosedAndTheSequenceAlone) {
   queues.reply(7, "disk full");
   expectError(7, "disk full", [&] { writer().open(); });
   queues.takeBatch();
-  expectError(44, "Could not write segment data because ShmWriter is not open",
+  expectError(korvex::kStatusWrongState,
+              "Could not write segment data because ShmWriter is not open",
               [&] { writer().writeSegment(data_.data(), 1); });
   writer().stop(false);
   EXPECT_THAT(headersOf(queues.takeBatch()), ElementsAre("(1,4,0,0,0,1,0,0,0,2864434397)"));
@@ -192,7 +194,8 @@ TEST_F(WriterFlush, TimedOutSendKeepsTheBatchForALaterOne) {
   writer().flush_shm_buffer(kTimeout);
   const qmx_shm_message_t header = headerOf(9, 3);
   writer().write_data(&header, data_.data(), kTimeout, false);
-  expectError(15, "Timed out after waiting 4294967295s to send data to korvexd on stream stream",
+  expectError(korvex::kStatusTimedOut,
+              "Timed out after waiting 4294967295s to send data to korvexd on stream stream",
               [&] { writer().flush_shm_buffer(kPastDeadline); });
   queues.takeBatch();
   EXPECT_THAT(flushedHeaders(queues), ElementsAre("(0,9,3,0,0,1,0,0,0,2864434397)"));
@@ -202,7 +205,7 @@ TEST_F(WriterFlush, LeavesTheStreamOutOfTheTextWhenItHasNoName) {
   DaemonQueues queues(4096, 1);
   connect(queues, "");
   writer().flush_shm_buffer(kTimeout);
-  expectError(15, "Timed out after waiting 0s to send data to korvexd",
+  expectError(korvex::kStatusTimedOut, "Timed out after waiting 0s to send data to korvexd",
               [&] { writer().flush_shm_buffer(0); });
 }
 
@@ -217,7 +220,8 @@ TEST_F(WriterFlush, StopTimeoutOfAllOnesIsADeadlineInThePast) {
   DaemonQueues queues(4096, 1);
   ShmWriter stopping("s", queues.name(), kTimeout, kPastDeadline, false);
   stopping.flush_shm_buffer(kTimeout);
-  expectError(15, "Timed out after waiting 4294967295s to send data to korvexd on stream s",
+  expectError(korvex::kStatusTimedOut,
+              "Timed out after waiting 4294967295s to send data to korvexd on stream s",
               [&] { stopping.stop(true); });
 }
 

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "korvex/ShmWriter.h"
+#include "korvex/Status.h"
 #include "support/DaemonQueues.h"
 #include "support/ThrownError.h"
 #include "unit/PlatformDouble.h"
@@ -16,21 +17,21 @@ TEST(ValidateTimeout, AcceptsOneSecondToOneDay) {
 
 TEST(ValidateTimeout, RefusesZero) {
   EXPECT_EQ(thrownBy([] { validateTimeout(0); }),
-            (ThrownError{9,
+            (ThrownError{korvex::kStatusInvalidArgument,
                          "Invalid timeout, specified value 0 was less than minimum allowed value "
                          "of 1"}));
 }
 
 TEST(ValidateTimeout, RefusesOneSecondMoreThanADay) {
   EXPECT_EQ(thrownBy([] { validateTimeout(86401); }),
-            (ThrownError{9,
+            (ThrownError{korvex::kStatusInvalidArgument,
                          "Invalid timeout, specified value 86401 was more than maximum allowed "
                          "value of 86400"}));
 }
 
 TEST(ValidateTimeout, ReportsTheLargestValueUnsigned) {
   EXPECT_EQ(thrownBy([] { validateTimeout(4294967295); }),
-            (ThrownError{9,
+            (ThrownError{korvex::kStatusInvalidArgument,
                          "Invalid timeout, specified value 4294967295 was more than maximum "
                          "allowed value of 86400"}));
 }

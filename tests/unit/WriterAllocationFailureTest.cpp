@@ -8,6 +8,7 @@
 #include <new>
 #include <string>
 
+#include "korvex/Status.h"
 #include "support/DaemonQueues.h"
 #include "support/ThrownError.h"
 #include "unit/AllocationFailures.h"
@@ -67,7 +68,10 @@ TEST_P(WriterAllocationFailures, ConstructingAWriterLeavesNoQueueMapped) {
 }
 
 TEST_P(WriterAllocationFailures, RefusingATimeout) {
-  EXPECT_GE(failEachOf([] { EXPECT_EQ(thrownBy([] { korvex::validateTimeout(0); }).status, 9u); }),
+  EXPECT_GE(failEachOf([] {
+              EXPECT_EQ(thrownBy([] { korvex::validateTimeout(0); }).status,
+                        korvex::kStatusInvalidArgument);
+            }),
             1u);
 }
 
@@ -128,7 +132,8 @@ TEST_P(WriterAllocationFailures, StreamOnAQueueWithRoomNeedsNoMemory) {
 TEST_P(WriterAllocationFailures, TimeoutKeepsTheBatch) {
   BlockedWriter blocked;
   const auto flush = [&] {
-    EXPECT_EQ(thrownBy([&] { blocked.writer.flush_shm_buffer(kPastDeadline); }).status, 15u);
+    EXPECT_EQ(thrownBy([&] { blocked.writer.flush_shm_buffer(kPastDeadline); }).status,
+              korvex::kStatusTimedOut);
   };
   EXPECT_GE(failEachOf(flush), 1u);
   blocked.queues.takeBatch();
@@ -139,8 +144,11 @@ TEST_P(WriterAllocationFailures, TimeoutKeepsTheBatch) {
 
 TEST_P(WriterAllocationFailures, StopThatTimesOutLeavesTheWriterOpen) {
   BlockedWriter blocked;
-  EXPECT_GE(
-      failEachOf([&] { EXPECT_EQ(thrownBy([&] { blocked.writer.stop(true); }).status, 15u); }), 1u);
+  EXPECT_GE(failEachOf([&] {
+              EXPECT_EQ(thrownBy([&] { blocked.writer.stop(true); }).status,
+                        korvex::kStatusTimedOut);
+            }),
+            1u);
   blocked.writer.endSegment();  // throws when closed
   blocked.queues.takeBatch();
 }
@@ -151,13 +159,13 @@ TEST_P(WriterAllocationFailures, RefusedRecordsAreNotStored) {
   header.len = korvex::MAX_SEGMENT_SIZE + 1;
   EXPECT_GE(failEachOf([&] {
               const auto write = [&] { blocked.writer.write_data(&header, nullptr, 0, false); };
-              EXPECT_EQ(thrownBy(write).status, 85u);
+              EXPECT_EQ(thrownBy(write).status, korvex::kStatusTooLarge);
             }),
             1u);
   header.len = 1;
   EXPECT_GE(failEachOf([&] {
               const auto write = [&] { blocked.writer.write_data(&header, nullptr, 0, false); };
-              EXPECT_EQ(thrownBy(write).status, 9u);
+              EXPECT_EQ(thrownBy(write).status, korvex::kStatusInvalidArgument);
             }),
             1u);
   blocked.queues.takeBatch();
@@ -172,7 +180,7 @@ TEST_P(WriterAllocationFailures, RecordLargerThanABatchIsRefused) {
   writer.open();
   EXPECT_GE(failEachOf([&] {
               const auto write = [&] { writer.writeSegment(data.data(), data.size()); };
-              EXPECT_EQ(thrownBy(write).status, 89u);
+              EXPECT_EQ(thrownBy(write).status, korvex::kStatusDoesNotFit);
             }),
             1u);
   writer.close();
@@ -182,10 +190,13 @@ TEST_P(WriterAllocationFailures, SegmentOperationsOfAClosedWriterAndAWrongAlgori
   DaemonQueues queues;
   ShmWriter writer("stream", queues.name(), kTimeout, 0, false);
   const auto write = [&] {
-    EXPECT_EQ(thrownBy([&] { writer.writeSegment(nullptr, 0); }).status, 44u);
+    EXPECT_EQ(thrownBy([&] { writer.writeSegment(nullptr, 0); }).status, korvex::kStatusWrongState);
   };
   EXPECT_GE(failEachOf(write), 1u);
-  EXPECT_GE(failEachOf([&] { EXPECT_EQ(thrownBy([&] { writer.endSegment(); }).status, 44u); }), 1u);
+  EXPECT_GE(failEachOf([&] {
+              EXPECT_EQ(thrownBy([&] { writer.endSegment(); }).status, korvex::kStatusWrongState);
+            }),
+            1u);
   writer.open();
   writer.setSegmentAlg(static_cast<korvex_seg_state_t>(2), 0, 0, 0);
   EXPECT_GE(failEachOf(write), 1u);

@@ -9,8 +9,8 @@
 #include "Failure.h"
 #include "Printable.h"
 #include "Receipt.h"
+#include "korvex/Status.h"
 #include "shm/Pause.h"
-#include "support/Status.h"
 #include "support/Trace.h"
 
 namespace korvex::tool {

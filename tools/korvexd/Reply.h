@@ -11,7 +11,7 @@ namespace korvexd {
 using Reply = korvex::qmx_shm_response_t;
 
 /// The daemon's own status for data that could not be stored. Damaged batches and streams that
-/// break the protocol have the library's status for corrupt data, 32.
+/// break the protocol have korvex::kStatusCorrupt.
 constexpr ov_status_t kStatusSinkFailed = 5;
 
 /// A stream is stored: status 0 and "stored bytes=N xxh128=HEX", which producers compare with their

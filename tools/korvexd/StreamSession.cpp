@@ -5,8 +5,8 @@
 #include <exception>
 #include <utility>
 
+#include "korvex/Status.h"
 #include "korvexd/RecordType.h"
-#include "support/Status.h"
 
 namespace korvexd {
 namespace {

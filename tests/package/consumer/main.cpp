@@ -2,6 +2,7 @@
 // error of the library by the platform's type.
 #include <korvex/ShmBatch.h>
 #include <korvex/ShmWriter.h>
+#include <korvex/Status.h>
 
 #include <iostream>
 #include <queue>
@@ -32,7 +33,7 @@ int main() {
     korvex::validateTimeout(0);
   } catch (const Ov_ErrnoException& error) {
     std::cout << "refused: " << error.getMessage() << std::endl;
-    return error.getStatus() == 9 ? 0 : 1;
+    return error.getStatus() == korvex::kStatusInvalidArgument ? 0 : 1;
   }
   return 1;
 }

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include "korvex/Status.h"
 #include "korvexd/SystemError.h"
 
 using korvexd::Count;
@@ -178,14 +179,14 @@ TEST_F(StreamSessionTest, RefusesASequenceThatGoesBack) {
 
 TEST_F(StreamSessionTest, RefusesTheOpenRecordsOwnNumber) {
   take(kOpen, 0);
-  EXPECT_EQ(take(kData, 0, "a")->status, 32u);
+  EXPECT_EQ(take(kData, 0, "a")->status, korvex::kStatusCorrupt);
 }
 
 TEST_F(StreamSessionTest, RefusesUnknownTypes) {
   take(kOpen, 0);
   expectFailure(take(5, 2), 32, "record type 5 sequence 2: unknown type, expected 0 to 4");
   take(kOpen, 0);
-  EXPECT_EQ(take(4294967295, 2)->status, 32u);
+  EXPECT_EQ(take(4294967295, 2)->status, korvex::kStatusCorrupt);
 }
 
 TEST_F(StreamSessionTest, RefusesDataOnRecordsThatCarryNone) {
@@ -196,7 +197,7 @@ TEST_F(StreamSessionTest, RefusesDataOnRecordsThatCarryNone) {
         "record type " + std::to_string(type) + " sequence 2: found 3 data bytes, expected none");
   }
   EXPECT_EQ(count(Count::StreamsIncomplete), 3u);
-  EXPECT_EQ(take(kOpen, 0, "x")->status, 32u);
+  EXPECT_EQ(take(kOpen, 0, "x")->status, korvex::kStatusCorrupt);
   EXPECT_EQ(fates_.size(), 3u) << "a refused open opens nothing";
 }
 
@@ -254,8 +255,8 @@ TEST_F(StreamSessionTest, NeverCompletesAStreamThatMissesABatch) {
 }
 
 TEST_F(StreamSessionTest, AnswersADamagedBatchOutsideOfAStreamAndGoesOn) {
-  EXPECT_EQ(session_.takeDamage("x")->status, 32u);
-  EXPECT_EQ(session_.takeDamage("x")->status, 32u);
+  EXPECT_EQ(session_.takeDamage("x")->status, korvex::kStatusCorrupt);
+  EXPECT_EQ(session_.takeDamage("x")->status, korvex::kStatusCorrupt);
   take(kOpen, 0);
   EXPECT_EQ(take(kClose, 2)->status, 0u);
 }
