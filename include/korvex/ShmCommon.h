@@ -54,7 +54,7 @@ struct KORVEX_EXPORT qmx_shm_message_t {
 };
 
 /// One diagnostic line, ten numbers in parentheses. Plain decimal digits, whatever the stream's
-/// flags and locale are; neither is changed.
+/// flags and locale are; neither is changed. A field width is spent without padding anything.
 KORVEX_EXPORT std::ostream& operator<<(std::ostream& stream, const qmx_shm_message_t& header);
 
 /// The daemon's reply. Travels as its raw 132 bytes, the status in host order.
@@ -65,8 +65,8 @@ struct KORVEX_EXPORT qmx_shm_response_t {
   /// All 132 bytes zero.
   qmx_shm_response_t();
 
-  /// Stores the status and as much of the text as fits with its NUL. The bytes behind the NUL keep
-  /// what they held.
+  /// Stores the status and as much of the text, never null, as fits with its NUL. The bytes behind
+  /// the NUL keep what they held.
   void assign(ov_status_t status, const char* text);
 };
 

@@ -1,19 +1,20 @@
 #include "korvex/ServerInfo.h"
 
-#include <boost/io/ios_state.hpp>
-
+#include <charconv>
 #include <ostream>
+#include <string_view>
 
 namespace korvex {
 namespace {
 
 constexpr std::uint8_t kFingerprintSha256 = 3;
 
-/// The "0x" is the label's, so that it is there exactly once and in lower case whatever the caller
-/// has set. The base must not leak: the numbers behind follow the caller's.
+/// The "0x" is the label's, and the digits are made without the stream: whatever base, case or
+/// grouping the caller has set reaches only the numbers behind.
 void printFlags(std::ostream& stream, unsigned int flags) {
-  const boost::io::ios_flags_saver restoreAtEnd(stream);
-  stream << ", Flags=0x" << std::hex << std::noshowbase << std::nouppercase << flags;
+  char digits[8];
+  const char* const end = std::to_chars(digits, digits + sizeof digits, flags, 16).ptr;
+  stream << ", Flags=0x" << std::string_view(digits, static_cast<std::size_t>(end - digits));
 }
 
 }  // namespace

@@ -28,15 +28,6 @@ void printEntry(std::ostream& stream, const ShmBatch::Entry& entry) {
   if (entry.header.len != 0) stream << ", crc=" << adler32(entry.data, entry.header.len);
 }
 
-/// Plain digits need a stream of the library's own; the caller's flags and locale stay out of it.
-/// It throws when memory runs out: half a text would look like a whole one.
-std::ostringstream plainStream() {
-  std::ostringstream stream;
-  stream.exceptions(std::ios::badbit);
-  stream.imbue(std::locale::classic());
-  return stream;
-}
-
 std::ostream& writeTo(std::ostream& stream, const std::string& text) {
   return stream.write(text.data(), static_cast<std::streamsize>(text.size()));
 }
@@ -137,12 +128,14 @@ void ShmBatch::clear() {
 }
 
 std::ostream& operator<<(std::ostream& stream, const ShmBatch::Entry& entry) {
+  stream.width(0);
   std::ostringstream text = plainStream();
   printEntry(text, entry);
   return writeTo(stream, text.str());
 }
 
 std::ostream& operator<<(std::ostream& stream, const ShmBatch& batch) {
+  stream.width(0);
   std::ostringstream text = plainStream();
   text << "ShmBatch: entries=" << batch.getNumEntries() << ", bufferSize=" << batch.bufferSize_
        << ", used=" << batch.usedSize_;

@@ -56,6 +56,7 @@ const unsigned char* qmx_shm_message_t::deserializeFromBuffer(const unsigned cha
 }
 
 std::ostream& operator<<(std::ostream& stream, const qmx_shm_message_t& header) {
+  stream.width(0);
   // The sequence leads, unlike in the bytes: a reader of a log looks for it first.
   const std::string text =
       textOf('(', header.sequence, ',', header.type, ',', header.len, ',', header.segState, ',',

@@ -9,14 +9,20 @@
 
 namespace korvex {
 
-/// The pieces, one after the other. Numbers are plain decimal digits: a global locale with grouping
-/// would otherwise put separators into error texts that programs compare. Running out of memory
-/// throws: a stream left to itself would give half a text.
-template <typename... Pieces>
-std::string textOf(const Pieces&... pieces) {
+/// A stream of the library's own. Numbers are plain decimal digits: a global locale with grouping
+/// would otherwise put separators into texts that programs compare. Running out of memory throws: a
+/// stream left to itself would give half a text.
+inline std::ostringstream plainStream() {
   std::ostringstream stream;
   stream.exceptions(std::ios::badbit);
   stream.imbue(std::locale::classic());
+  return stream;
+}
+
+/// The pieces, one after the other.
+template <typename... Pieces>
+std::string textOf(const Pieces&... pieces) {
+  std::ostringstream stream = plainStream();
   (stream << ... << pieces);
   return stream.str();
 }

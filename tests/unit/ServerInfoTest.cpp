@@ -8,6 +8,8 @@
 #include <stdexcept>
 #include <type_traits>
 
+#include "unit/StreamState.h"
+
 using korvex::ServerInfo;
 
 namespace {
@@ -339,6 +341,22 @@ TEST(ServerInfoPrinted, AWidthPadsNothingAndIsSpent) {
   std::ostringstream stream;
   stream << std::setfill('*') << std::left << std::setw(200) << freshRecord() << '|';
   EXPECT_EQ(stream.str(), std::string(kAlwaysThere) + ", fptype=1|");
+}
+
+TEST(ServerInfoPrinted, AWidthIsSpentWhenTheFirstStringIsEmpty) {
+  std::ostringstream stream;
+  stream << std::setfill('*') << std::setw(200) << ServerInfo("", "", "", "", "", "", "") << '|';
+  EXPECT_EQ(stream.str(),
+            "ServerName=, User=, AgentCfg=, CurrentRoute=, RecommendedRoute=, KeyDir=, fptype=1|");
+}
+
+TEST(ServerInfoPrinted, FlagsAreNotGroupedByTheStreamsLocale) {
+  std::ostringstream stream;
+  stream.imbue(groupingLocale());
+  ServerInfo info = recordWithNumbers();
+  info.setReconnectTimeout(30000);
+  stream << info;
+  EXPECT_THAT(stream.str(), testing::HasSubstr(", Flags=0xabcdef, ReconnectTimeout=30.000, "));
 }
 
 TEST(ServerInfoPrinted, GivesTheStreamBack) {

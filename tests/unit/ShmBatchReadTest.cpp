@@ -6,6 +6,7 @@
 #include <string>
 
 #include "korvex/ShmBatch.h"
+#include "korvex/Status.h"
 #include "support/ThrownError.h"
 #include "unit/BatchBuilders.h"
 #include "unit/StreamState.h"
@@ -77,14 +78,14 @@ TEST(ShmBatchGetEntry, RefusesTheIndexAfterTheLast) {
   batch.pushBack(record(1, "abc"));
   batch.pushBack(record(2, ""));
   EXPECT_EQ(thrownBy([&] { batch.getEntry(2); }),
-            (ThrownError{9,
+            (ThrownError{korvex::kStatusInvalidArgument,
                          "Cannot get entry because specified index 2 is outside the range of "
                          "available entries 2"}));
 }
 
 TEST(ShmBatchGetEntry, RefusesAnyIndexOfAnEmptyBatch) {
   EXPECT_EQ(thrownBy([] { ShmBatch(200).getEntry(0); }),
-            (ThrownError{9,
+            (ThrownError{korvex::kStatusInvalidArgument,
                          "Cannot get entry because specified index 0 is outside the range of "
                          "available entries 0"}));
 }
@@ -95,7 +96,7 @@ TEST(ShmBatchGetEntry, ComparesAll64BitsOfTheIndex) {
   EXPECT_EQ(thrownBy([&] { batch.getEntry(18446744073709551615u); }).message,
             "Cannot get entry because specified index 18446744073709551615 is outside the range "
             "of available entries 1");
-  EXPECT_EQ(thrownBy([&] { batch.getEntry(4294967296u); }).status, 9u);
+  EXPECT_EQ(thrownBy([&] { batch.getEntry(4294967296u); }).status, korvex::kStatusInvalidArgument);
 }
 
 TEST(ShmBatchGetEntry, IndexIsReportedInPlainDigitsUnderAnyLocale) {
@@ -109,20 +110,22 @@ TEST(ShmBatchGetEntry, ForgetsWhatWasCleared) {
   ShmBatch batch(200);
   batch.pushBack(record(1, "abc"));
   batch.clear();
-  EXPECT_EQ(thrownBy([&] { batch.getEntry(0); }).status, 9u);
+  EXPECT_EQ(thrownBy([&] { batch.getEntry(0); }).status, korvex::kStatusInvalidArgument);
 }
 
 TEST(ShmBatchGetEntry, RefusesAPlaceHolder) {
   ShmBatch batch(200);
   batch.pushBack(ShmBatch::Entry(nullptr));
-  EXPECT_EQ(thrownBy([&] { batch.getEntry(0); }), (ThrownError{32, kZeroMagicText}));
+  EXPECT_EQ(thrownBy([&] { batch.getEntry(0); }),
+            (ThrownError{korvex::kStatusCorrupt, kZeroMagicText}));
 }
 
 TEST(ShmBatchGetEntry, RefusesWhatLiesBehindADamagedHeader) {
   ShmBatch batch(200);
   batch.pushBack(ShmBatch::Entry(nullptr));
   batch.pushBack(record(1, "abc"));
-  EXPECT_EQ(thrownBy([&] { batch.getEntry(1); }), (ThrownError{32, kZeroMagicText}));
+  EXPECT_EQ(thrownBy([&] { batch.getEntry(1); }),
+            (ThrownError{korvex::kStatusCorrupt, kZeroMagicText}));
 }
 
 TEST(EntriesFromBuffer, AreReadInOrderFromHandWrittenBytes) {
@@ -183,7 +186,7 @@ TEST(EntriesFromBuffer, TheSizeIsNotHeldAgainstTheWalk) {
 TEST(EntriesFromBuffer, TooSmallABufferLeavesTheQueueAlone) {
   Entries entries = leftOver();
   EXPECT_EQ(thrownBy([&] { ShmBatch::getEntriesFromBuffer(entries, nullptr, 7); }),
-            (ThrownError{9,
+            (ThrownError{korvex::kStatusInvalidArgument,
                          "Buffer size 7 is invalid because it is smaller than the minimum "
                          "required buffer size of 8"}));
   EXPECT_EQ(contentsOf(entries), "77=left over");
@@ -194,7 +197,7 @@ TEST(EntriesFromBuffer, DamagedMetaDataLeavesTheQueueAlone) {
   Bytes bytes = twoRecords();
   bytes[0] = 0xfe;
   EXPECT_EQ(thrownBy([&] { readAll(entries, bytes); }),
-            (ThrownError{32,
+            (ThrownError{korvex::kStatusCorrupt,
                          "Could not deserialize ShmBatch::MetaData from buffer because the magic "
                          "value 4261473809 is corrupt (expected=4278251025)"}));
   EXPECT_EQ(contentsOf(entries), "77=left over");
@@ -204,7 +207,8 @@ TEST(EntriesFromBuffer, DamagedFirstHeaderLeavesTheQueueEmpty) {
   Entries entries = leftOver();
   Bytes bytes = twoRecords();
   std::fill_n(bytes.begin() + 8 + 44, 4, static_cast<unsigned char>(0));
-  EXPECT_EQ(thrownBy([&] { readAll(entries, bytes); }), (ThrownError{32, kZeroMagicText}));
+  EXPECT_EQ(thrownBy([&] { readAll(entries, bytes); }),
+            (ThrownError{korvex::kStatusCorrupt, kZeroMagicText}));
   EXPECT_TRUE(entries.empty());
 }
 
@@ -213,7 +217,7 @@ TEST(EntriesFromBuffer, DamagedLaterHeaderLeavesTheEntriesBeforeIt) {
   Bytes bytes = twoRecords();
   bytes[59 + 47] = 0xdc;
   EXPECT_EQ(thrownBy([&] { readAll(entries, bytes); }),
-            (ThrownError{32,
+            (ThrownError{korvex::kStatusCorrupt,
                          "Could not deserialize qmx_shm_message from buffer because the magic "
                          "value 2864434396 is corrupt (expected=2864434397)"}));
   EXPECT_EQ(contentsOf(entries), "1=abc");
@@ -260,6 +264,13 @@ TEST(EntryPrint, LeavesTheStreamsStateAlone) {
   EXPECT_EQ(stateOf(stream), before);
 }
 
+TEST(EntryPrint, WidthPadsNothingAndIsSpent) {
+  std::ostringstream stream = oddStream();
+  stream << record(1, "abc");
+  EXPECT_EQ(stream.str(), "type=1, len=3, crc=38600999");
+  EXPECT_EQ(stream.width(), 0);
+}
+
 TEST(ShmBatchPrint, EmptyBatchIsItsSizes) {
   EXPECT_EQ(printed(ShmBatch(8)), "ShmBatch: entries=0, bufferSize=8, used=8");
 }
@@ -295,11 +306,27 @@ TEST(ShmBatchPrint, LeavesTheStreamsStateAlone) {
   EXPECT_EQ(stateOf(stream), before);
 }
 
+TEST(ShmBatchPrint, WidthPadsNothingAndIsSpent) {
+  std::ostringstream stream = oddStream();
+  stream << ShmBatch(8);
+  EXPECT_EQ(stream.str(), "ShmBatch: entries=0, bufferSize=8, used=8");
+  EXPECT_EQ(stream.width(), 0);
+}
+
+TEST(ShmBatchPrint, WidthIsSpentByARefusedBatchAsWell) {
+  ShmBatch batch(200);
+  batch.pushBack(ShmBatch::Entry(nullptr));
+  std::ostringstream stream = oddStream();
+  EXPECT_EQ(thrownBy([&] { stream << batch; }).status, korvex::kStatusCorrupt);
+  EXPECT_EQ(stream.width(), 0);
+}
+
 TEST(ShmBatchPrint, PlaceHolderInTheBatchIsRefusedAndNothingPrinted) {
   ShmBatch batch(200);
   batch.pushBack(record(1, "abc"));
   batch.pushBack(ShmBatch::Entry(nullptr));
   std::ostringstream stream;
-  EXPECT_EQ(thrownBy([&] { stream << batch; }), (ThrownError{32, kZeroMagicText}));
+  EXPECT_EQ(thrownBy([&] { stream << batch; }),
+            (ThrownError{korvex::kStatusCorrupt, kZeroMagicText}));
   EXPECT_EQ(stream.str(), "");
 }

@@ -10,6 +10,7 @@
 #include <tuple>
 #include <type_traits>
 
+#include "korvex/Status.h"
 #include "support/Bytes.h"
 #include "support/ThrownError.h"
 #include "unit/StreamState.h"
@@ -183,7 +184,7 @@ TEST(MessageMagic, LittleEndianIsRefusedAndReported) {
   std::copy(swapped.begin(), swapped.end(), bytes.begin() + 44);
   qmx_shm_message_t header;
   EXPECT_EQ(thrownBy([&] { header.deserializeFromBuffer(bytes.data()); }),
-            (ThrownError{32,
+            (ThrownError{korvex::kStatusCorrupt,
                          "Could not deserialize qmx_shm_message from buffer because the magic "
                          "value 3721182122 is corrupt (expected=2864434397)"}));
 }
@@ -201,7 +202,7 @@ TEST(MessageMagic, RefusedHeaderKeepsAllThatWasRead) {
 TEST(MessageMagic, ZeroedBlockIsRefused) {
   const Bytes zeros(kHeaderSize);
   EXPECT_EQ(thrownBy([&] { qmx_shm_message_t().deserializeFromBuffer(zeros.data()); }),
-            (ThrownError{32,
+            (ThrownError{korvex::kStatusCorrupt,
                          "Could not deserialize qmx_shm_message from buffer because the magic "
                          "value 0 is corrupt (expected=2864434397)"}));
 }
@@ -255,6 +256,13 @@ TEST(MessagePrint, LeavesTheStreamsStateAlone) {
   const auto before = stateOf(stream);
   stream << qmx_shm_message_t();
   EXPECT_EQ(stateOf(stream), before);
+}
+
+TEST(MessagePrint, WidthPadsNothingAndIsSpent) {
+  std::ostringstream stream = oddStream();
+  stream << qmx_shm_message_t();
+  EXPECT_EQ(stream.str(), "(0,0,0,0,0,1,0,0,0,2864434397)");
+  EXPECT_EQ(stream.width(), 0);
 }
 
 TEST(MessagePrint, ReturnsItsStream) {
@@ -316,4 +324,15 @@ TEST(Response, EmptyTextReplacesTheFirstByteOnly) {
   response.assign(1, "abc");
   response.assign(0, "");
   EXPECT_EQ(std::string(response.message, 4), std::string("\0bc\0", 4));
+}
+
+// Programs elsewhere compare the numbers; everybody here uses the names.
+TEST(Status, NumbersNeverChange) {
+  EXPECT_EQ(korvex::kStatusNoRoom, 4u);
+  EXPECT_EQ(korvex::kStatusInvalidArgument, 9u);
+  EXPECT_EQ(korvex::kStatusTimedOut, 15u);
+  EXPECT_EQ(korvex::kStatusCorrupt, 32u);
+  EXPECT_EQ(korvex::kStatusWrongState, 44u);
+  EXPECT_EQ(korvex::kStatusTooLarge, 85u);
+  EXPECT_EQ(korvex::kStatusDoesNotFit, 89u);
 }

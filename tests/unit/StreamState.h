@@ -40,9 +40,10 @@ inline std::ostringstream oddStream() {
   return stream;
 }
 
-/// All that a caller has set on its stream, for comparing before and after.
+/// All that a caller has set on its stream, for comparing before and after. Not the width, which is
+/// for one item only.
 inline auto stateOf(const std::ios& stream) {
-  return std::make_tuple(stream.flags(), stream.width(), stream.fill(), stream.precision(),
+  return std::make_tuple(stream.flags(), stream.fill(), stream.precision(),
                          std::use_facet<std::numpunct<char>>(stream.getloc()).grouping());
 }
 
