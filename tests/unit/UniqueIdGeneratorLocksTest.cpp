@@ -1,6 +1,9 @@
 #include "korvex/UniqueIdGenerator.h"
 
 #include <dlfcn.h>
+#include <semaphore.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -8,6 +11,7 @@
 #include <array>
 #include <cstdlib>
 #include <new>
+#include <thread>
 #include <vector>
 
 // A program of its own: it takes the place of the system's mutex calls and of the allocator, which
@@ -25,6 +29,33 @@ struct Watch {
 
 thread_local Watch watch;
 thread_local bool isMemoryShort = false;
+
+/// Two threads that meet inside a lock: one stops with the first lock that it takes, until the
+/// other is about to take one.
+struct Meeting {
+  Meeting() {
+    ::sem_init(&hasLock, 0, 0);
+    ::sem_init(&mayGoOn, 0, 0);
+  }
+
+  sem_t hasLock;
+  sem_t mayGoOn;
+} meeting;
+
+thread_local bool stopsWithLock = false;
+thread_local bool letsOtherGoOn = false;
+
+void letOtherGoOn() {
+  if (letsOtherGoOn) ::sem_post(&meeting.mayGoOn);
+  letsOtherGoOn = false;
+}
+
+void stopWithLock() {
+  if (!stopsWithLock) return;
+  stopsWithLock = false;
+  ::sem_post(&meeting.hasLock);
+  ::sem_wait(&meeting.mayGoOn);
+}
 
 using MutexCall = int (*)(pthread_mutex_t*);
 
@@ -58,7 +89,10 @@ bool throwsInShortMemory(korvex::UniqueIdGenerator& generator, const std::string
 extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
   static const MutexCall systemLock = systemCall("pthread_mutex_lock");
   if (watch.isWatching && watch.used < watch.locked.size()) watch.locked[watch.used++] = mutex;
-  return systemLock(mutex);
+  letOtherGoOn();
+  const int result = systemLock(mutex);
+  stopWithLock();
+  return result;
 }
 
 extern "C" int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
@@ -101,5 +135,41 @@ TEST(UniqueIdLocks, ShortMemoryThrowsInsteadOfCuttingAnIdentifier) {
   auto* const inside = reinterpret_cast<pthread_mutex_t*>(&generator);
   EXPECT_EQ(pthread_mutex_trylock(inside), 0) << "the lock was kept";
   pthread_mutex_unlock(inside);
-  EXPECT_EQ(generator.generateId("job"), "job_1") << "a number is lost rather than given twice";
+  EXPECT_EQ(generator.generateId("job"), "job_0") << "a number that was never written is lost";
+}
+
+namespace {
+
+/// Draws in a child that is forked while another thread is inside `call` with its lock. 0, or the
+/// signal that ended a child which waited for ever.
+int signalOfChildForkedDuring(void (*call)()) {
+  std::thread other([call] {
+    stopsWithLock = true;
+    call();
+  });
+  ::sem_wait(&meeting.hasLock);
+  letsOtherGoOn = true;
+  const pid_t child = ::fork();
+  if (child == 0) {
+    ::alarm(10);
+    korvex::UniqueIdGenerator::getInstance()->generateId("child");
+    ::_exit(0);
+  }
+  letOtherGoOn();  // a fork that takes no lock has not
+  int status = -1;
+  ::waitpid(child, &status, 0);
+  other.join();
+  return WTERMSIG(status);
+}
+
+}  // namespace
+
+TEST(UniqueIdLocks, ChildForkedDuringADrawDraws) {
+  static korvex::UniqueIdGenerator* const ids = korvex::UniqueIdGenerator::getInstance();
+  EXPECT_EQ(signalOfChildForkedDuring([] { ids->generateId("job"); }), 0);
+  EXPECT_THAT(ids->generateId("parent"), testing::StartsWith("parent_")) << "the parent goes on";
+}
+
+TEST(UniqueIdLocks, ChildForkedDuringACallForTheInstanceDraws) {
+  EXPECT_EQ(signalOfChildForkedDuring([] { korvex::UniqueIdGenerator::getInstance(); }), 0);
 }
