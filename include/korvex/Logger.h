@@ -28,8 +28,9 @@ enum KorvxServerLoglevel : std::int32_t {
 /// throws std::logic_error before anything is written.
 ///
 /// The platform reads a finished line as a printf format once more, with no arguments left. To see
-/// one percent sign in the log, a message's format has four and a name has two; a text that may
-/// hold percent signs of its own must not be an argument.
+/// one percent sign in the log, a message's format has four and a name has two. A text that may
+/// hold percent signs of its own must not be an argument: its "%s" would read an argument that is
+/// not there, and may end the process.
 class KORVEX_EXPORT Logger final {
  public:
   explicit Logger(const std::string& name);

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <string>
 
+#include "Format.h"
 #include "Sink.h"
 #include "qmx/trace.h"
 
@@ -12,9 +13,11 @@ namespace {
 std::uint32_t traceFlag = 0;
 
 /// The format with its arguments; the bare format when they do not go together, as with a wide
-/// character that the locale cannot express. A raw line says more than none.
+/// character that the locale cannot express, and when it would store something. A raw line says
+/// more than none.
 std::string formatted(const char* format, std::va_list arguments) {
   if (format == nullptr) return "(null format)";
+  if (qmx::storesThroughArgument(format)) return format;
   std::va_list again;
   va_copy(again, arguments);
   const int length = std::vsnprintf(nullptr, 0, format, again);

@@ -76,6 +76,32 @@ TEST_F(Log, TextThatCannotBeFormattedIsWrittenRaw) {
   EXPECT_THAT(lines_, ElementsAre(FieldsAre(qmx::Level::Error, 5, "name %ls of %d")));
 }
 
+// The lines that a logger composes are such formats: in memory that can be written, without an
+// argument. Checked builds of the C library end the process at them.
+TEST_F(Log, FormatThatStoresSomethingIsWrittenRaw) {
+  void (*const volatile unchecked)(int, const char*, ...) =
+      WarningA;  // the compiler would refuse it
+  for (const std::string spelling :
+       {"100%name", "% n",    "%+n",  "%-n",    "%#n",       "%0n",   "%'n",  "%In",
+        "%5n",      "%*n",    "%.3n", "%.*n",   "%-08.3lln", "%hhn",  "%hn",  "%ln",
+        "%lln",     "%Ln",    "%qn",  "%jn",    "%zn",       "%Zn",   "%tn",  "%1$n",
+        "%2$*1$n",  "%1$lln", "%w8n", "%wf16n", "%%%n",      "%5%%n", "%y%n", "%%d %d %n"}) {
+    lines_.clear();
+    unchecked(1, spelling.c_str(), 0, 0, 0);
+    ASSERT_EQ(lines_.size(), 1u);
+    EXPECT_EQ(lines_[0].text, spelling);
+  }
+}
+
+TEST_F(Log, HarmlessPercentSignsBeforeAnNAreFormatted) {
+  InfoA(1, "%%n");
+  InfoA(1, "%%%%n %dn", 5);
+  InfoA(1, "%sn %c%%n", "a", 'b');
+  EXPECT_THAT(lines_, ElementsAre(FieldsAre(qmx::Level::Info, 1, "%n"),
+                                  FieldsAre(qmx::Level::Info, 1, "%%n 5n"),
+                                  FieldsAre(qmx::Level::Info, 1, "an b%n")));
+}
+
 TEST_F(Log, MissingFormatIsALine) {
   void (*const volatile unchecked)(int, const char*, ...) = InfoA;  // the compiler would refuse it
   unchecked(6, nullptr);
