@@ -17,7 +17,8 @@ namespace korvex {
 /// writer appends and clears; the daemon takes a received block apart with getEntriesFromBuffer.
 /// The buffer is allocated once and never grows. Not copyable; one thread at a time.
 ///
-/// Every error is an Ov_ErrnoException with an empty location and leaves the batch as it was.
+/// Every error is an Ov_ErrnoException (catch by reference) with a status of korvex/Status.h and an
+/// empty location, and leaves the batch as it was. Buffers must not be null.
 class KORVEX_EXPORT ShmBatch {
  public:
   /// The block at the start of a batch.
@@ -115,11 +116,12 @@ class KORVEX_EXPORT ShmBatch {
 };
 
 /// The record's type and length, and the Adler-32 (RFC 1950) of its data when there is any; of null
-/// data it is 1. Plain decimal digits.
+/// data it is 1. Plain decimal digits; a field width is spent without padding anything.
 KORVEX_EXPORT std::ostream& operator<<(std::ostream& stream, const ShmBatch::Entry& entry);
 
 /// One line: sizes, then every entry. Takes time in proportion to the square of the entries. Throws
-/// as getEntry does for a place holder in the batch, before anything is written.
+/// as getEntry does for a place holder in the batch, before anything is written. Digits and width
+/// as for an entry.
 KORVEX_EXPORT std::ostream& operator<<(std::ostream& stream, const ShmBatch& batch);
 
 }  // namespace korvex

@@ -29,11 +29,35 @@ class MessageQueue;
 /// later flush sends it), the daemon's own status and text when its reply carries one (the batch is
 /// gone then), the others as each operation says. What the queue library throws (a missing, foreign
 /// or broken queue) passes through as it is, derived from std::exception.
+///
+/// Statuses have names in korvex/Status.h. Catch by reference. What what() says of the queue
+/// library's errors:
+/// - absent, forbidden or misnamed: std::strerror of ENOENT, EACCES, EINVAL and the like
+/// - damaged or no queue: "the shared-memory object is not a sound message queue"
+/// - a lock that a dead process broke: "boost::interprocess::lock_exception", in every call from
+///   then on; the writer is of no more use
+///
+/// A timeout counts from the start of the current second, so it may be up to one second shorter: 1
+/// may fail at once. 0 and everything from 2^31 up do not wait.
+///
+/// When open(), close(), stop() or write_data() with `flush` throws 15, its record is in the batch
+/// if there was room for it: flush_shm_buffer() is the retry then, and the same call again appends
+/// a second record. Without room, 15 came from making some, and the record is not there; a caller
+/// that must know flushes first. All other calls send only to make room, so after 15 their record
+/// is never there; a segment's number is spent all the same.
+///
+/// A reply may belong to an earlier batch, so open() and close() may throw the daemon's error after
+/// their own record was sent. open() then leaves the writer closed, close() leaves it open. The
+/// stream has failed at the daemon: destroy the writer instead of calling again.
+///
+/// A forked child shares its parent's streams. It must not use inherited writers and must end with
+/// _exit() or exec: a destructor would close the parent's stream.
 class KORVEX_EXPORT ShmWriter : public ChannelWriter {
  public:
   /// Opens `msgQueueName` and its response queue, whose name ends in "Response". A queue that its
   /// daemon is just creating is waited for, up to `timeout`. The batch gets the size of the send
-  /// queue's largest message.
+  /// queue's largest message. Queue names have 1 to 247 characters, behind a leading slash or none,
+  /// and no other slash; `name`, for error texts, may be anything.
   ///
   /// Timeouts are in seconds. `timeout` must pass validateTimeout; `stopTimeout`, for stop(true),
   /// may be anything. With `perfBenchmarkEnabled` every record is dropped with a warning, to
@@ -42,6 +66,7 @@ class KORVEX_EXPORT ShmWriter : public ChannelWriter {
             unsigned int stopTimeout, bool perfBenchmarkEnabled);
 
   /// Closes the stream if it is open; an error of that is lost. To know, call close() yourself.
+  /// After a close() that threw, it sends a second close record.
   ~ShmWriter() override;
 
   /// Sends the open record and starts numbering anew. Does nothing when open.
@@ -60,8 +85,9 @@ class KORVEX_EXPORT ShmWriter : public ChannelWriter {
   void setSegmentAlg(korvex_seg_state_t state, unsigned long param1, unsigned long param2,
                      unsigned long param3) override;
 
-  /// Buffers one segment-data record with a copy of the data. Throws 44 when not open or with an
-  /// unknown algorithm, else as write_data.
+  /// Buffers one segment-data record with a copy of the data, which may be null when `length` is 0.
+  /// Lengths are cut to 32 bits. Throws 44 when not open or with an unknown algorithm, else as
+  /// write_data; then the record is not buffered, but its number is spent.
   void writeSegment(const unsigned char* data, unsigned long length) override;
 
   /// Buffers a segment-end record, unless the record before it was one. Throws 44 when not open.
@@ -70,9 +96,10 @@ class KORVEX_EXPORT ShmWriter : public ChannelWriter {
   /// Buffers a record with a header of the caller's own, sends the batch first when it does not fit
   /// and afterwards when `flush` is set. `timeout`, in seconds, holds for each send.
   ///
-  /// `header->len` bytes are copied from `data`. Throws 85 above MAX_SEGMENT_SIZE (unless the
-  /// header's segState lifts that limit), 89 when the record does not even fit an empty batch, 9
-  /// for announced data that is null.
+  /// `header` must not be null; it is sent as it is, its magic unseen. `header->len` bytes are
+  /// copied from `data`, which may be null when that is 0. Throws 85 above MAX_SEGMENT_SIZE (unless
+  /// the header's segState lifts that limit), 89 when the record does not even fit an empty batch,
+  /// 9 for announced data that is null.
   void write_data(const qmx_shm_message_t* header, const unsigned char* data, unsigned int timeout,
                   bool flush);
 

@@ -13,7 +13,7 @@ using ov_status_t = std::uint32_t;
 /// The platform's exception: a status for programs, a text for people, and where it arose.
 ///
 /// Its type information lives in the platform's shared library, so one catch clause serves every
-/// component of a process.
+/// component of a process. Catch it by reference: a copy takes memory, and may throw.
 class QMX_EXPORT Ov_ErrnoException : public std::exception {
  public:
   Ov_ErrnoException(ov_status_t status, const std::string& message, const std::string& location);
