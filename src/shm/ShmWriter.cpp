@@ -192,8 +192,8 @@ void ShmWriter::writeSegment(const unsigned char* data, unsigned long length) {
   if (!isKnownUntraced() || !isOrdinary(data, cut)) return writeSegmentInFull(data, length);
   prepareSegment(cut);
   storeIfOther(lastSegState_, segState_);
-  storeIfOther(lastHeaderType_, kTypeSegmentData);
   batch_->put(segmentHeader_, data, cut);
+  storeIfOther(lastHeaderType_, kTypeSegmentData);
 }
 
 void ShmWriter::writeSegmentInFull(const unsigned char* data, unsigned long length) {
