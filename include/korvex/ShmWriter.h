@@ -89,6 +89,7 @@ class KORVEX_EXPORT ShmWriter : public ChannelWriter {
   KORVEX_NO_EXPORT void fillAlgorithm();
   KORVEX_NO_EXPORT void prepareSegment(std::uint32_t length);
   KORVEX_NO_EXPORT bool isOrdinary(const unsigned char* data, std::uint32_t length) const;
+  KORVEX_NO_EXPORT void packSegment(const unsigned char* data) noexcept;
   KORVEX_NO_EXPORT void writeSegmentInFull(const unsigned char* data, unsigned long length);
   KORVEX_NO_EXPORT void writeFinalRecord(std::uint32_t type, unsigned int timeout);
   KORVEX_NO_EXPORT void finishSegment();

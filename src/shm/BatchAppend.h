@@ -29,7 +29,7 @@ inline void keepStoresApart() noexcept { std::atomic_signal_fence(std::memory_or
 
 /// For a record that has room, and data unless its length is 0. Commits after the copy: a producer
 /// that maps a file which shrinks may leave the copy by a jump, and refuses the record with that.
-inline void ShmBatch::put(const qmx_shm_message_t& header, const unsigned char* data,
+[[gnu::always_inline]] inline void ShmBatch::put(const qmx_shm_message_t& header, const unsigned char* data,
                           std::uint32_t length) noexcept {
   unsigned char* const place = putHeader(writePos_, header);
   if (length != 0) copyShort(place, data, length);
