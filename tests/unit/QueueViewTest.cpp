@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <fstream>
 #include <future>
@@ -27,7 +28,7 @@ using State = QueueView::State;
 
 namespace korvex {
 std::ostream& operator<<(std::ostream& stream, QueueView::State state) {
-  static const char* const names[] = {"Unreachable", "Unfinished", "Damaged", "Sound"};
+  static const char* const names[] = {"Unreachable", "Unfinished", "Damaged", "Busy", "Sound"};
   return stream << names[static_cast<int>(state)];
 }
 }  // namespace korvex
@@ -302,6 +303,77 @@ TEST(QueueViewUntrusted, NoticesWhenAQueueInUseIsOverwritten) {
   EXPECT_FALSE(isIntactAfterChange(kMessagesAt, size(5)));
   EXPECT_TRUE(isIntactAfterChange(kFirstMessageAt, size(3)));
   EXPECT_FALSE(isIntactAfterChange(kFirstMessageAt, size(4)));
+}
+
+namespace {
+
+/// A queue of 4 messages whose lock is taken in the middle of a change: the first place, counted
+/// down as it goes round, is the number of places for a moment.
+class QueueInChange {
+ public:
+  QueueInChange() { ::pthread_mutex_lock(lock_.mutex()); }
+  ~QueueInChange() { ::pthread_mutex_unlock(lock_.mutex()); }
+
+  const std::string& name() const { return object_.name(); }
+  const QueueView& view() const { return view_; }
+
+  void change(off_t offset, const Bytes& bytes) { object_.write(offset, bytes); }
+
+ private:
+  SharedObject object_{uniqueQueueName(), queueImage()};
+  QueueView view_{object_.name()};
+  QueueLock lock_{object_.name()};
+};
+
+}  // namespace
+
+TEST(QueueViewUntrusted, TakenLockExcusesWhatMessagesChange) {
+  for (const off_t place : {kFirstMessageAt, kMessagesAt, kIndexAt}) {
+    QueueInChange queue;
+    queue.change(place, size(5));
+    EXPECT_FALSE(queue.view().isIntact()) << place;
+    EXPECT_FALSE(queue.view().isDamaged()) << place;
+    EXPECT_EQ(QueueView(queue.name()).state(), State::Busy) << place;
+  }
+}
+
+TEST(QueueViewUntrusted, TakenLockExcusesNothingElse) {
+  for (const off_t place : {off_t{0}, kIndexPointerAt, kMaxMessagesAt, kMaxMessageSizeAt}) {
+    QueueInChange queue;
+    queue.change(place, size(5));
+    EXPECT_TRUE(queue.view().isDamaged()) << place;
+    EXPECT_EQ(QueueView(queue.name()).state(), State::Damaged) << place;
+  }
+}
+
+TEST(QueueViewUntrusted, FreeLockExcusesNothing) {
+  SharedObject object(uniqueQueueName(), queueImage());
+  const QueueView view(object.name());
+  EXPECT_FALSE(view.isDamaged());
+  object.write(kFirstMessageAt, size(4));
+  EXPECT_TRUE(view.isDamaged());
+}
+
+// As fast as they can: a look now and then falls between two of the peer's changes.
+TEST(QueueView, PeerThatGoesRoundNeverLooksDamaged) {
+  constexpr int kLooks = 300000;
+  const RawQueue queue(uniqueQueueName(), 4, 300);
+  const QueueView view(queue.name());
+  const QueueLock lock(queue.name());
+  std::atomic<bool> isDone{false};
+  std::thread peer([&] {
+    while (!isDone) {
+      ::pthread_mutex_lock(lock.mutex());
+      lock.field(kFirstMessageAt).store(4);
+      lock.field(kFirstMessageAt).store(3);
+      ::pthread_mutex_unlock(lock.mutex());
+    }
+  });
+  int damaged = 0;
+  for (int look = 0; look < kLooks; ++look) damaged += view.isDamaged();
+  isDone = true;
+  peer.join();
+  EXPECT_EQ(damaged, 0);
 }
 
 // Of a fresh queue the next message goes before the first entry, which is looked at as well.
