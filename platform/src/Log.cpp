@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <string>
 
+#include "NoCancellation.h"
 #include "Sink.h"
 #include "qmx/trace.h"
 
@@ -27,6 +28,7 @@ std::string formatted(const char* format, std::va_list arguments) {
 
 void writeFormatted(qmx::Level level, int code, const char* format,
                     std::va_list arguments) noexcept {
+  const qmx::NoCancellation noCancellation;
   try {
     qmx::write({level, code, formatted(format, arguments).c_str()});
   } catch (...) {

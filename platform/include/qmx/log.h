@@ -8,6 +8,7 @@ extern "C" {
 /// Each writes one line at its level. `code` is the caller's message number; -1 says that it has
 /// none. The format and its arguments are printf's; when they do not go together (a wide character
 /// that the locale cannot express), the format is written as it stands. Never throws, keeps errno.
+/// A thread that is cancelled meanwhile writes its line first.
 QMX_EXPORT void InfoA(int code, const char* format, ...) QMX_PRINTF_FORMAT(2, 3);
 QMX_EXPORT void AuthA(int code, const char* format, ...) QMX_PRINTF_FORMAT(2, 3);
 QMX_EXPORT void WarningA(int code, const char* format, ...) QMX_PRINTF_FORMAT(2, 3);
