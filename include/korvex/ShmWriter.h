@@ -24,16 +24,21 @@ class MessageQueue;
 /// Use: construct, open(), then per segment one or more writeSegment() and an endSegment(), then
 /// close(), or stop() when the stream failed. One thread at a time.
 ///
-/// Waiting for room on the send queue is the only place that blocks. Errors are Ov_ErrnoException
-/// with an empty location: 15 when the queue stayed full for the timeout (the batch is kept, so a
-/// later flush sends it), the daemon's own status and text when its reply carries one (the batch is
-/// gone then), the others as each operation says. What the queue library throws (a missing, foreign
-/// or broken queue) passes through as it is, derived from std::exception.
+/// What blocks: a send, for room until its timeout, and up to 250 ms more when the queue's lock is
+/// all that is in its way; the look for a reply, up to 20 ms, while that queue's lock is taken; the
+/// constructor. A thread may be cancelled (deferred) where a send or the constructor waits, and
+/// nowhere else: the batch stays as it was, and what the thread's destructors still send is tried
+/// once, without waiting for room.
+///
+/// Errors are Ov_ErrnoException with an empty location: 15 when the queue stayed full for the timeout
+/// (the batch is kept, so a later flush sends it), the daemon's own status and text when its reply
+/// carries one (the batch is gone then), the others as each operation says. What the queue library
+/// throws (a missing, foreign or broken queue) passes through as it is, derived from std::exception.
 class KORVEX_EXPORT ShmWriter : public ChannelWriter {
  public:
   /// Opens `msgQueueName` and its response queue, whose name ends in "Response". A queue that its
-  /// daemon is just creating is waited for, up to `timeout`. The batch gets the size of the send
-  /// queue's largest message.
+  /// daemon is just creating is waited for, up to `timeout` or 5 seconds. The batch gets the size
+  /// of the send queue's largest message.
   ///
   /// Timeouts are in seconds. `timeout` must pass validateTimeout; `stopTimeout`, for stop(true),
   /// may be anything. With `perfBenchmarkEnabled` every record is dropped with a warning, to
@@ -42,6 +47,7 @@ class KORVEX_EXPORT ShmWriter : public ChannelWriter {
             unsigned int stopTimeout, bool perfBenchmarkEnabled);
 
   /// Closes the stream if it is open; an error of that is lost. To know, call close() yourself.
+  /// Waits as close() does, and is not cancelled.
   ~ShmWriter() override;
 
   /// Sends the open record and starts numbering anew. Does nothing when open.
