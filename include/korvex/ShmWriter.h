@@ -30,10 +30,11 @@ class MessageQueue;
 /// nowhere else: the batch stays as it was, and what the thread's destructors still send is tried
 /// once, without waiting for room.
 ///
-/// Errors are Ov_ErrnoException with an empty location: 15 when the queue stayed full for the timeout
-/// (the batch is kept, so a later flush sends it), the daemon's own status and text when its reply
-/// carries one (the batch is gone then), the others as each operation says. What the queue library
-/// throws (a missing, foreign or broken queue) passes through as it is, derived from std::exception.
+/// Errors are Ov_ErrnoException with an empty location: 15 when the queue stayed full for the
+/// timeout (the batch is kept, so a later flush sends it), the daemon's own status and text when
+/// its reply carries one (the batch is gone then), the others as each operation says. What the
+/// queue library throws (a missing, foreign or broken queue) passes through as it is, derived from
+/// std::exception.
 class KORVEX_EXPORT ShmWriter : public ChannelWriter {
  public:
   /// Opens `msgQueueName` and its response queue, whose name ends in "Response". A queue that its

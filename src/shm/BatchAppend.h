@@ -23,14 +23,15 @@ inline bool ShmBatch::hasRoom(std::uint32_t length) const noexcept {
   return std::uint64_t{length} + kHeaderSize <= bufferSize_ - usedSize_;
 }
 
-/// Keeps the compiler from moving stores from one side to the other. A copy can fault, and a handler
-/// that jumps out of it must find nothing of what comes after.
+/// Keeps the compiler from moving stores from one side to the other. A copy can fault, and a
+/// handler that jumps out of it must find nothing of what comes after.
 inline void keepStoresApart() noexcept { std::atomic_signal_fence(std::memory_order_seq_cst); }
 
 /// For a record that has room, and data unless its length is 0. Commits after the copy: a producer
 /// that maps a file which shrinks may leave the copy by a jump, and refuses the record with that.
-[[gnu::always_inline]] inline void ShmBatch::put(const qmx_shm_message_t& header, const unsigned char* data,
-                          std::uint32_t length) noexcept {
+[[gnu::always_inline]] inline void ShmBatch::put(const qmx_shm_message_t& header,
+                                                 const unsigned char* data,
+                                                 std::uint32_t length) noexcept {
   unsigned char* const place = putHeader(writePos_, header);
   if (length != 0) copyShort(place, data, length);
   keepStoresApart();
