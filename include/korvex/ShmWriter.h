@@ -24,11 +24,17 @@ class MessageQueue;
 /// Use: construct, open(), then per segment one or more writeSegment() and an endSegment(), then
 /// close(), or stop() when the stream failed. One thread at a time.
 ///
-/// Waiting for room on the send queue is the only place that blocks. Errors are Ov_ErrnoException
-/// with an empty location: 15 when the queue stayed full for the timeout (the batch is kept, so a
-/// later flush sends it), the daemon's own status and text when its reply carries one (the batch is
-/// gone then), the others as each operation says. What the queue library throws (a missing, foreign
-/// or broken queue) passes through as it is, derived from std::exception.
+/// What blocks: a send, for room until its timeout, and up to 250 ms more when the queue's lock is
+/// all that is in its way; the look for a reply, while that queue's lock is taken, for 20 ms and
+/// rarely for 40; the constructor. A thread may be cancelled (deferred) where a send or the constructor waits, and
+/// nowhere else: the batch stays as it was, and what the thread's destructors still send is tried
+/// once, without waiting for room.
+///
+/// Errors are Ov_ErrnoException with an empty location: 15 when the queue stayed full for the
+/// timeout (the batch is kept, so a later flush sends it), the daemon's own status and text when
+/// its reply carries one (the batch is gone then), the others as each operation says. What the
+/// queue library throws (a missing, foreign or broken queue) passes through as it is, derived from
+/// std::exception.
 ///
 /// Statuses have names in korvex/Status.h. Catch by reference. What what() says of the queue
 /// library's errors:
@@ -55,9 +61,9 @@ class MessageQueue;
 class KORVEX_EXPORT ShmWriter : public ChannelWriter {
  public:
   /// Opens `msgQueueName` and its response queue, whose name ends in "Response". A queue that its
-  /// daemon is just creating is waited for, up to `timeout`. The batch gets the size of the send
-  /// queue's largest message. Queue names have 1 to 247 characters, behind a leading slash or none,
-  /// and no other slash; `name`, for error texts, may be anything.
+  /// daemon is just creating is waited for, up to `timeout` or 5 seconds. The batch gets the size
+  /// of the send queue's largest message. Queue names have 1 to 247 characters, behind a leading
+  /// slash or none, and no other slash; `name`, for error texts, may be anything.
   ///
   /// Timeouts are in seconds. `timeout` must pass validateTimeout; `stopTimeout`, for stop(true),
   /// may be anything. With `perfBenchmarkEnabled` every record is dropped with a warning, to
@@ -67,6 +73,7 @@ class KORVEX_EXPORT ShmWriter : public ChannelWriter {
 
   /// Closes the stream if it is open; an error of that is lost. To know, call close() yourself.
   /// After a close() that threw, it sends a second close record.
+  /// Waits as close() does, and is not cancelled.
   ~ShmWriter() override;
 
   /// Sends the open record and starts numbering anew. Does nothing when open.
@@ -116,6 +123,7 @@ class KORVEX_EXPORT ShmWriter : public ChannelWriter {
   KORVEX_NO_EXPORT void fillAlgorithm();
   KORVEX_NO_EXPORT void prepareSegment(std::uint32_t length);
   KORVEX_NO_EXPORT bool isOrdinary(const unsigned char* data, std::uint32_t length) const;
+  KORVEX_NO_EXPORT void packSegment(const unsigned char* data) noexcept;
   KORVEX_NO_EXPORT void writeSegmentInFull(const unsigned char* data, unsigned long length);
   KORVEX_NO_EXPORT void writeFinalRecord(std::uint32_t type, unsigned int timeout);
   KORVEX_NO_EXPORT void finishSegment();

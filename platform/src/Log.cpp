@@ -5,6 +5,7 @@
 #include <string>
 
 #include "Format.h"
+#include "NoCancellation.h"
 #include "Sink.h"
 #include "qmx/trace.h"
 
@@ -30,6 +31,7 @@ std::string formatted(const char* format, std::va_list arguments) {
 
 void writeFormatted(qmx::Level level, int code, const char* format,
                     std::va_list arguments) noexcept {
+  const qmx::NoCancellation noCancellation;
   try {
     qmx::write({level, code, formatted(format, arguments).c_str()});
   } catch (...) {

@@ -10,6 +10,7 @@
 
 #include "Destination.h"
 #include "Layout.h"
+#include "NoCancellation.h"
 
 namespace qmx {
 namespace {
@@ -58,7 +59,11 @@ class Turn {
   const std::lock_guard<std::mutex> lock_;
 };
 
-void replace(std::unique_ptr<Destination> next) {
+/// `make` returns the next destination, or throws.
+template <typename Make>
+void replaceBy(Make make) {
+  const NoCancellation noCancellation;
+  std::unique_ptr<Destination> next = make();
   const Turn turn;
   current().destination = std::move(next);
 }
@@ -93,14 +98,18 @@ void write(const Line& line) noexcept {
 
 void reportLostLine() noexcept { std::fputs("qmx: a line was lost: out of memory\n", stderr); }
 
-void logToStandardError() { replace(standardError()); }
+void logToStandardError() { replaceBy(standardError); }
 
-void logToFile(const std::string& path) { replace(file(path)); }
+void logToFile(const std::string& path) {
+  replaceBy([&] { return file(path); });
+}
 
-void logToSystemLog(const std::string& identity) { replace(systemLog(identity)); }
+void logToSystemLog(const std::string& identity) {
+  replaceBy([&] { return systemLog(identity); });
+}
 
 void logToCallback(std::function<void(const Line&)> receiver) {
-  replace(callback(std::move(receiver)));
+  replaceBy([&] { return callback(std::move(receiver)); });
 }
 
 }  // namespace qmx

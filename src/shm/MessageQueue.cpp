@@ -1,11 +1,13 @@
 #include "shm/MessageQueue.h"
 
+#include <cxxabi.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <boost/interprocess/ipc/message_queue.hpp>
@@ -15,6 +17,7 @@
 #include <utility>
 
 #include "shm/Pause.h"
+#include "support/NoCancellation.h"
 
 #ifndef BOOST_INTERPROCESS_ENABLE_TIMEOUT_WHEN_LOCKING
 #error "without the timeout a lock that a dead process kept holds every caller up for ever"
@@ -28,6 +31,10 @@ namespace ipc = boost::interprocess;
 
 constexpr std::chrono::milliseconds kLongestSleep{4};
 
+/// How long one attempt waits for the lock.
+constexpr std::chrono::milliseconds kLockPatience{
+    BOOST_INTERPROCESS_TIMEOUT_WHEN_LOCKING_DURATION_MS};
+
 /// From this release on, a lock that was found broken is left alone. Before, it stays taken by the
 /// caller, and the thread's list of robust locks keeps pointing into the mapping.
 constexpr bool kBrokenLockPinsMapping = BOOST_VERSION < 107800;
@@ -39,6 +46,24 @@ constexpr bool kBrokenLockPinsMapping = BOOST_VERSION < 107800;
 [[noreturn]] void throwDamaged() {
   throw ipc::interprocess_exception(ipc::error_info(ipc::corrupted_error),
                                     "the shared-memory object is not a sound message queue");
+}
+
+[[noreturn]] void throwBusy() {
+  throw ipc::interprocess_exception(ipc::error_info(ipc::timeout_when_locking_error),
+                                    "the message queue's lock stayed taken");
+}
+
+/// Set in a thread that is cancelled while it waits. It can be cancelled only once: a further wait,
+/// by the destructors on its stack, would keep those who join it.
+thread_local bool isThreadCancelled = false;
+
+void wait(Pause& pause, MessageQueue::Clock::time_point deadline) {
+  try {
+    pause.wait(deadline);
+  } catch (const abi::__forced_unwind&) {
+    isThreadCancelled = true;
+    throw;
+  }
 }
 
 /// Keeps signals waiting, for this thread, while it lives.
@@ -117,6 +142,7 @@ MessageQueue::MessageQueue(const std::string& name, Clock::time_point deadline) 
 }
 
 MessageQueue::MessageQueue(const std::string& name, Limits limits, mode_t mode) {
+  const NoCancellation noCancellation;
   const off_t size = fileSizeOf(limits);
   if (size == 0) throw ipc::interprocess_exception(ipc::error_info(ipc::size_error));
   tryRoom(name, size);
@@ -143,19 +169,40 @@ MessageQueue::~MessageQueue() {
 
 void MessageQueue::open(const std::string& name, Clock::time_point deadline) {
   Pause pause(kLongestSleep);
-  for (;;) {
-    view_ = QueueView(name);
-    if (view_.state() == QueueView::State::Unreachable) throwSystemError(view_.systemError());
-    if (view_.state() == QueueView::State::Damaged) throwDamaged();
-    if (view_.state() == QueueView::State::Sound) {
-      transport_ = std::make_unique<Transport>(ipc::open_only, name.c_str());
-      // The library opens by name; only what the view holds has been looked at.
-      if (view_.isStillNamed(name)) return;
-      transport_.reset();
+  while (!isOpenedAtOnce(name)) {
+    if (Clock::now() >= deadline) {
+      view_.state() == QueueView::State::Busy ? throwBusy() : throwDamaged();
     }
-    if (Clock::now() >= deadline) throwDamaged();
-    pause.wait(deadline);
+    wait(pause, deadline);
   }
+}
+
+/// False when there is no more than the promise of a queue yet.
+bool MessageQueue::isOpenedAtOnce(const std::string& name) {
+  const NoCancellation noCancellation;
+  view_ = QueueView(name);
+  if (view_.state() == QueueView::State::Unreachable) throwSystemError(view_.systemError());
+  if (view_.state() == QueueView::State::Damaged) throwDamaged();
+  if (view_.state() != QueueView::State::Sound) return false;
+  transport_ = std::make_unique<Transport>(ipc::open_only, name.c_str());
+  // The library opens by name; only what the view holds has been looked at.
+  if (view_.isStillNamed(name)) return true;
+  transport_.reset();
+  return false;
+}
+
+/// Whether somebody with the lock keeps the queue from looking intact for as long as an attempt may
+/// wait for the lock. The library believes whatever lies there, and would follow damage out of the
+/// mapping.
+bool MessageQueue::isChanging(QueueView::Use use) const {
+  if (view_.isIntact(use)) return false;
+  const NoCancellation noCancellation;  // as little as in the library's own wait for the lock
+  const auto end = Clock::now() + kLockPatience;
+  for (Pause pause(kLongestSleep); !view_.isIntact(use); pause.wait(end)) {
+    if (view_.isDamaged(use)) throwDamaged();
+    if (Clock::now() >= end) return true;
+  }
+  return false;
 }
 
 /// Runs one operation that takes the lock, and sorts its errors: a lock that is merely taken is an
@@ -163,8 +210,7 @@ void MessageQueue::open(const std::string& name, Clock::time_point deadline) {
 template <typename Operation>
 MessageQueue::Outcome MessageQueue::attempt(QueueView::Use use, Operation operation) {
   if (transport_->broken) std::rethrow_exception(transport_->broken);
-  // The library believes whatever lies there, and would follow it out of the mapping.
-  if (!view_.isIntact(use)) throwDamaged();
+  if (isChanging(use)) return Outcome::LockTaken;
   try {
     return operation(transport_->queue) ? Outcome::Done : Outcome::NotReady;
   } catch (const ipc::lock_exception&) {  // GCOVR_EXCL_BR_LINE: the library throws its own only
@@ -209,18 +255,29 @@ MessageQueue::Outcome MessageQueue::tryLock() {
 
 bool MessageQueue::sendBefore(const void* data, std::size_t size, unsigned priority,
                               Clock::time_point deadline) {
+  const auto start = Clock::now();
+  const auto due = isThreadCancelled ? start : std::max(deadline, start);
   Pause pause(kLongestSleep);
   // The looks without the lock spare both ends a fight for it, which costs more than the copy. They
   // may be old, so that an attempt follows whatever they say.
-  const auto looksBusy = [this] { return view_.looksFull() || view_.looksLocked(); };
-  while (looksBusy() && pause.isSpinning()) pause.wait(deadline);
-  while (trySend(data, size, priority) != Outcome::Done) {
-    if (Clock::now() >= deadline) return false;
+  while (looksBusy() && pause.isSpinning()) wait(pause, due);
+  for (;;) {
+    const Outcome outcome = trySend(data, size, priority);
+    if (outcome == Outcome::Done) return true;
+    if (isTooLate(outcome, due)) return false;
     do {
-      pause.wait(deadline);
-    } while (looksBusy() && Clock::now() < deadline);
+      wait(pause, due);
+    } while (looksBusy() && Clock::now() < due);
   }
-  return true;
+}
+
+/// Whether it is time to give up after this outcome. A lock that is taken does not say whether
+/// there is room, and is given back in a moment unless its owner is gone.
+bool MessageQueue::isTooLate(Outcome outcome, Clock::time_point due) const noexcept {
+  const auto late = Clock::now() - due;
+  if (late < Clock::duration::zero()) return false;
+  return outcome == Outcome::NotReady || view_.looksFull() || late >= kLockGrace - kLockPatience ||
+         view_.isLockOwnerGone();
 }
 
 bool MessageQueue::remove(const std::string& name) noexcept {

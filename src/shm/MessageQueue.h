@@ -20,6 +20,9 @@ namespace korvex {
 ///
 /// Errors are the queue library's own exceptions, derived from std::exception. After one that says
 /// that the lock is broken for good, every further operation throws the same.
+///
+/// A thread may be cancelled (deferred, as is the default) where it waits, and nowhere else; the
+/// queue is as it was then. What such a thread still sends while its stack unwinds is tried once.
 /// Used by one thread at a time.
 class MessageQueue {
  public:
@@ -28,7 +31,8 @@ class MessageQueue {
   enum class Outcome {
     Done,
     NotReady,  ///< full when sending, empty when receiving
-    LockTaken  ///< somebody held the queue's lock for longer than any healthy peer does
+    LockTaken  ///< somebody held the queue's lock for longer than any healthy peer does, or holds
+               ///< it in the middle of a change
   };
 
   /// How many messages a queue holds, and of how many bytes at most.
@@ -37,8 +41,9 @@ class MessageQueue {
     std::size_t messageSize;
   };
 
-  /// Opens an existing queue. One that is still being made is waited for until the deadline; one
-  /// that is absent, damaged or no queue at all is refused at once.
+  /// Opens an existing queue. One that is still being made, or looks damaged while somebody has its
+  /// lock, is waited for until the deadline; one that is absent, damaged or no queue at all is
+  /// refused at once.
   MessageQueue(const std::string& name, Clock::time_point deadline);
 
   /// Creates a queue that must not exist yet, with exactly these permissions whatever the umask,
@@ -49,8 +54,13 @@ class MessageQueue {
 
   std::size_t maxMessageSize() const noexcept { return view_.maxMessageSize(); }
 
-  /// Sends as soon as there is room. False when there was none until the deadline, or nobody could
-  /// get the queue's lock. Tries at least once, also when the deadline has passed.
+  /// How much longer than its deadline a send may take while the lock alone is in its way. Callers
+  /// are promised a quarter of a second; the rest is for a busy machine.
+  static constexpr std::chrono::milliseconds kLockGrace{200};
+
+  /// Sends as soon as there is room. False when there was none until the deadline. Tries at least
+  /// once, even when the deadline has passed: a lock that is merely taken then is waited for, up to
+  /// kLockGrace, unless its owner is gone.
   bool sendBefore(const void* data, std::size_t size, unsigned priority,
                   Clock::time_point deadline);
 
@@ -77,6 +87,10 @@ class MessageQueue {
   struct Transport;
 
   void open(const std::string& name, Clock::time_point deadline);
+  bool isOpenedAtOnce(const std::string& name);
+  bool isChanging(QueueView::Use use) const;
+  bool looksBusy() const noexcept { return view_.looksFull() || view_.looksLocked(); }
+  bool isTooLate(Outcome outcome, Clock::time_point due) const noexcept;
   template <typename Operation>
   Outcome attempt(QueueView::Use use, Operation operation);
 

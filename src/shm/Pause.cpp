@@ -21,7 +21,7 @@ void spin() noexcept {
 
 bool Pause::isSpinning() const noexcept { return step_ < kSpins; }
 
-void Pause::wait(Clock::time_point deadline) noexcept {
+void Pause::wait(Clock::time_point deadline) {
   const unsigned step = step_;
   if (step < kSpins + kYields + kMostDoublings) ++step_;
   if (step < kSpins) return spin();

@@ -17,8 +17,8 @@ class Pause {
 
   explicit Pause(std::chrono::microseconds longestSleep) noexcept : longestSleep_(longestSleep) {}
 
-  /// Waits one step. A sleep does not go past the deadline.
-  void wait(Clock::time_point deadline) noexcept;
+  /// Waits one step. A sleep does not go past the deadline, and the thread may be cancelled in it.
+  void wait(Clock::time_point deadline);
 
   /// Whether the next step is a spin, which gives the processor to nobody else.
   bool isSpinning() const noexcept;

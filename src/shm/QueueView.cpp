@@ -14,7 +14,10 @@
 #include <cstdio>
 #include <cstring>
 #include <limits>
+#include <optional>
 #include <utility>
+
+#include "support/NoCancellation.h"
 
 namespace korvex {
 namespace {
@@ -41,6 +44,11 @@ constexpr std::uint64_t kSlotAlignment = 8;
 constexpr std::uint64_t kMostEntriesChecked = 65536;  // a hostile object may claim any number
 constexpr std::uint64_t kSmallestQueue = 240;         // one message of one byte
 constexpr std::size_t kCacheLine = 64;
+
+/// How many looks must find a free lock and odd fields before a queue counts as damaged. Between
+/// two reads of one look somebody may have taken the lock, changed a field twice and released the
+/// lock; that this happens in each of several looks is out of the question.
+constexpr unsigned kLooksUntilDamaged = 3;
 
 /// Pages that are at hand twice count twice in the process's memory, so not for any number of
 /// queues.
@@ -81,11 +89,18 @@ Integer load(const unsigned char* window, std::size_t offset) noexcept {
   return __atomic_load_n(reinterpret_cast<const Integer*>(window + offset), __ATOMIC_ACQUIRE);
 }
 
-bool isSound(const Header& header, std::uint64_t fileSize) {
-  const std::uint64_t messages = header.size(kMaxMessagesOffset);
+/// What the creator fixed for as long as the queue lives.
+bool areLimitsSound(const Header& header, std::uint64_t fileSize) {
   return header.size(kIndexPointerOffset) == kIndexPointer &&
-         QueueView::fileSize(messages, header.size(kMaxMessageSizeOffset)) == fileSize &&
-         header.size(kMessagesOffset) <= messages && header.size(kFirstMessageOffset) < messages;
+         QueueView::fileSize(header.size(kMaxMessagesOffset), header.size(kMaxMessageSizeOffset)) ==
+             fileSize;
+}
+
+/// What every message changes. The queue library counts the first place down from the number of
+/// places when it goes round, and a build without optimisation stores that number for a moment.
+bool isFillSound(const Header& header) {
+  const std::uint64_t messages = header.size(kMaxMessagesOffset);
+  return header.size(kMessagesOffset) <= messages && header.size(kFirstMessageOffset) < messages;
 }
 
 constexpr std::uint64_t slotSizeFor(std::uint64_t messageSize) {
@@ -127,7 +142,8 @@ class Slots {
   std::uint64_t slotSize_;
 };
 
-bool readSize(int file, std::uint64_t offset, std::uint64_t& value) {
+template <typename Integer>
+bool readNumber(int file, std::uint64_t offset, Integer& value) {
   return ::pread(file, &value, sizeof value, static_cast<off_t>(offset)) == ssize_t{sizeof value};
 }
 
@@ -139,24 +155,36 @@ bool areSlotsSound(int file, const Header& header) {
   for (std::uint64_t entry = 0; entry < std::min(messages, kMostEntriesChecked); ++entry) {
     std::uint64_t value = 0;
     std::uint64_t length = 0;
-    if (!readSize(file, Slots::entryOffset(entry), value)) return false;
+    if (!readNumber(file, Slots::entryOffset(entry), value)) return false;
     const std::uint64_t target = Slots::target(entry, value);
-    if (!slots.startAt(target) || !readSize(file, target, length) || !slots.hold(length))
+    if (!slots.startAt(target) || !readNumber(file, target, length) || !slots.hold(length))
       return false;
   }
   return true;
 }
 
-QueueView::State judge(const Header& header, std::uint64_t fileSize) {
+/// Whether the lock was taken when the header was read, or is now.
+bool isLocked(int file, const Header& header) {
+  std::uint32_t now = 0;
+  return header.word(kLockWordOffset) != 0 || (readNumber(file, kLockWordOffset, now) && now != 0);
+}
+
+/// What a look makes of an object. Nothing when it found odd fields under a free lock: only another
+/// look tells whether they stay.
+std::optional<QueueView::State> judge(int file, const Header& header, std::uint64_t fileSize) {
   switch (header.word(kInitWordOffset)) {
     case kUninitialized:
     case kInitializing:
       return QueueView::State::Unfinished;
     case kInitialized:
-      return isSound(header, fileSize) ? QueueView::State::Sound : QueueView::State::Damaged;
+      break;
     default:
       return QueueView::State::Damaged;
   }
+  if (!areLimitsSound(header, fileSize)) return QueueView::State::Damaged;
+  if (isFillSound(header) && areSlotsSound(file, header)) return QueueView::State::Sound;
+  if (isLocked(file, header)) return QueueView::State::Busy;
+  return std::nullopt;
 }
 
 /// Closes on every way out.
@@ -182,6 +210,7 @@ class File {
 /// The letter that the system gives a thread's state; 0 when it gives none. Allocates nothing: it
 /// is asked for by loops that poll.
 char stateOfThread(pid_t thread) noexcept {
+  const NoCancellation noCancellation;
   char path[32];
   std::snprintf(path, sizeof path, "/proc/%d/stat", thread);
   const int file = ::open(path, O_RDONLY | O_CLOEXEC);
@@ -205,6 +234,7 @@ bool isThreadGone(pid_t thread) noexcept {
 }  // namespace
 
 QueueView::QueueView(const std::string& name) noexcept {
+  const NoCancellation noCancellation;
   const File file(name);
   if (file.isOpen()) {
     look(file.descriptor());
@@ -250,26 +280,32 @@ void QueueView::look(int file) noexcept {
     state_ = State::Unfinished;
     return;
   }
-  unsigned char bytes[kHeaderEnd] = {};
-  if (fileSize < kSmallestQueue || ::pread(file, bytes, kHeaderEnd, 0) != ssize_t{kHeaderEnd})
-    return;
-  const Header header(bytes);
-  state_ = judge(header, fileSize);
-  if (state_ == State::Sound && !areSlotsSound(file, header)) state_ = State::Damaged;
-  if (state_ != State::Sound) return;
+  if (fileSize < kSmallestQueue) return;
+  device_ = found.st_dev;
+  inode_ = found.st_ino;
+  for (unsigned looks = 0; looks < kLooksUntilDamaged; ++looks) {
+    unsigned char bytes[kHeaderEnd] = {};
+    if (::pread(file, bytes, kHeaderEnd, 0) != ssize_t{kHeaderEnd}) return;
+    const Header header(bytes);
+    const std::optional<State> seen = judge(file, header, fileSize);
+    if (!seen) continue;
+    state_ = *seen;
+    if (state_ != State::Sound) return;
+    maxMessages_ = header.size(kMaxMessagesOffset);
+    maxMessageSize_ = header.size(kMaxMessageSizeOffset);
+    return keepWindow(file, fileSize);
+  }
+}
 
-  void* const window = ::mmap(nullptr, fileSize, PROT_READ, MAP_SHARED, file, 0);
+void QueueView::keepWindow(int file, std::size_t size) noexcept {
+  void* const window = ::mmap(nullptr, size, PROT_READ, MAP_SHARED, file, 0);
   if (window == MAP_FAILED) {
-    state_ = State::Unreachable;
+    *this = QueueView();
     systemError_ = errno;
     return;
   }
   window_ = static_cast<const unsigned char*>(window);
-  windowSize_ = fileSize;
-  maxMessages_ = header.size(kMaxMessagesOffset);
-  maxMessageSize_ = header.size(kMaxMessageSizeOffset);
-  device_ = found.st_dev;
-  inode_ = found.st_ino;
+  windowSize_ = size;
 }
 
 /// By the path, because a process that has no descriptor left must not take its queue for gone.
@@ -299,15 +335,17 @@ bool QueueView::leadsToSlot(std::size_t entry) const noexcept {
   return slots.startAt(target) && slots.hold(number(target));
 }
 
-bool QueueView::isIntact(Use use) const noexcept {
+bool QueueView::areLimitsIntact() const noexcept {
+  return load<std::uint32_t>(window_, kInitWordOffset) == kInitialized &&
+         number(kIndexPointerOffset) == kIndexPointer &&
+         number(kMaxMessagesOffset) == maxMessages_ &&
+         number(kMaxMessageSizeOffset) == maxMessageSize_;
+}
+
+bool QueueView::isFillIntact(Use use) const noexcept {
   const auto stored = number(kMessagesOffset);
   const auto first = number(kFirstMessageOffset);
-  if (load<std::uint32_t>(window_, kInitWordOffset) != kInitialized ||
-      number(kIndexPointerOffset) != kIndexPointer || number(kMaxMessagesOffset) != maxMessages_ ||
-      number(kMaxMessageSizeOffset) != maxMessageSize_ || stored > maxMessages_ ||
-      first >= maxMessages_) {
-    return false;
-  }
+  if (stored > maxMessages_ || first >= maxMessages_) return false;
   // The next message goes before the first entry, which is looked at for its priority; the one
   // taken next is the last. The two numbers may be of different moments, but any pair of numbers
   // in range leads to entries that are sound in a sound queue.
@@ -316,6 +354,18 @@ bool QueueView::isIntact(Use use) const noexcept {
   const std::size_t last =
       next + stored < maxMessages_ ? next + stored : next + stored - maxMessages_;
   return use == Use::Send || leadsToSlot(last);
+}
+
+bool QueueView::isIntact(Use use) const noexcept { return areLimitsIntact() && isFillIntact(use); }
+
+bool QueueView::isDamaged(Use use) const noexcept {
+  for (unsigned looks = 0; looks < kLooksUntilDamaged; ++looks) {
+    if (!areLimitsIntact()) return true;
+    // Before and after: whoever holds it at either moment may have changed what was seen between.
+    const bool wasLocked = looksLocked();
+    if (isFillIntact(use) || wasLocked || looksLocked()) return false;
+  }
+  return true;
 }
 
 std::size_t QueueView::messages() const noexcept { return number(kMessagesOffset); }

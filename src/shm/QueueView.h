@@ -23,6 +23,7 @@ class QueueView {
     Unreachable,  ///< cannot be opened: absent, forbidden, a bad name; systemError() says why
     Unfinished,   ///< looks like a queue that its creator is still making
     Damaged,      ///< nothing that the queue library could use
+    Busy,         ///< looks damaged, but its lock is taken: somebody may just be changing it
     Sound
   };
 
@@ -58,8 +59,13 @@ class QueueView {
 
   /// Whether the queue still is what it was at the first look, as far as the next message goes: its
   /// limits are the same, and what this use would touch lies inside the object. Costs a few reads;
-  /// only while the state is sound. Says nothing about the moment after.
+  /// only while the state is sound. Says nothing about the moment after. A sound queue may look
+  /// otherwise while the lock is taken: its peers change one field after the other.
   bool isIntact(Use use = Use::Either) const noexcept;
+
+  /// Whether the queue is not intact, and not because somebody with the lock is changing it. Only
+  /// while the state is sound.
+  bool isDamaged(Use use = Use::Either) const noexcept;
 
   // Hints, each one plain read of shared memory. Only while the state is sound.
   std::size_t messages() const noexcept;
@@ -79,7 +85,10 @@ class QueueView {
 
  private:
   void look(int file) noexcept;
+  void keepWindow(int file, std::size_t size) noexcept;
   void release() noexcept;
+  bool areLimitsIntact() const noexcept;
+  bool isFillIntact(Use use) const noexcept;
   bool leadsToSlot(std::size_t indexEntry) const noexcept;
   pid_t lockOwner() const noexcept;
   std::uint64_t number(std::size_t offset) const noexcept;

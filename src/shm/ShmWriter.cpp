@@ -11,6 +11,7 @@
 #include "shm/BatchAppend.h"
 #include "shm/MessageQueue.h"
 #include "shm/ReplyText.h"
+#include "support/NoCancellation.h"
 #include "support/Text.h"
 #include "support/Trace.h"
 
@@ -26,6 +27,9 @@ constexpr std::uint32_t kTypeStop = 4;
 constexpr unsigned int kMinTimeout = 1;
 constexpr unsigned int kMaxTimeout = 86400;
 constexpr unsigned int kSendPriority = 1;
+
+/// A daemon makes a queue in an instant; one that is half-made for longer was left by a dead one.
+constexpr std::chrono::seconds kLongestOpening{5};
 constexpr int kNoMessageCode = -1;
 
 // The process that takes the batches, as the timeout's text names it.
@@ -84,7 +88,8 @@ ShmWriter::ShmWriter(const std::string& streamName, const std::string& msgQueueN
       segAlgParam3_(0) {
   const AutoTrace trace("ShmWriter");
   validateTimeout(timeout);
-  const auto deadline = MessageQueue::Clock::now() + std::chrono::seconds(timeout);
+  const auto deadline =
+      MessageQueue::Clock::now() + std::min(std::chrono::seconds(timeout), kLongestOpening);
   if (isTracing()) __TraceA("%s: opening send message queue", "ShmWriter");
   sendQueue_ = std::make_unique<MessageQueue>(msgQueueName_, deadline);
   if (isTracing()) __TraceA("%s: opening message response queue", "ShmWriter");
@@ -95,6 +100,7 @@ ShmWriter::ShmWriter(const std::string& streamName, const std::string& msgQueueN
 }
 
 ShmWriter::~ShmWriter() {
+  const NoCancellation noCancellation;
   const AutoTrace trace("~ShmWriter");
   if (!isOpen) return;
   try {
@@ -192,8 +198,15 @@ void ShmWriter::writeSegment(const unsigned char* data, unsigned long length) {
   if (!isKnownUntraced() || !isOrdinary(data, cut)) return writeSegmentInFull(data, length);
   prepareSegment(cut);
   storeIfOther(lastSegState_, segState_);
-  storeIfOther(lastHeaderType_, kTypeSegmentData);
+  if (!isCopiedInPlace(cut)) return packSegment(data);
   batch_->put(segmentHeader_, data, cut);
+  storeIfOther(lastHeaderType_, kTypeSegmentData);
+}
+
+/// The end of the short way when the copy is a call.
+void ShmWriter::packSegment(const unsigned char* data) noexcept {
+  batch_->put(segmentHeader_, data, segmentHeader_.len);
+  storeIfOther(lastHeaderType_, kTypeSegmentData);
 }
 
 void ShmWriter::writeSegmentInFull(const unsigned char* data, unsigned long length) {

@@ -7,6 +7,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cstdint>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
@@ -79,6 +81,11 @@ class QueueLock {
 
   pthread_mutex_t* mutex() const {
     return reinterpret_cast<pthread_mutex_t*>(static_cast<char*>(window_) + kMutexOffset);
+  }
+
+  /// A number in the queue's header.
+  std::atomic<std::uint64_t>& field(off_t offset) const {
+    return *reinterpret_cast<std::atomic<std::uint64_t>*>(static_cast<char*>(window_) + offset);
   }
 
   /// Takes the lock in a thread that ends without releasing it.

@@ -24,6 +24,8 @@ namespace ipc = boost::interprocess;
 
 namespace {
 
+constexpr off_t kFirstMessageAt = 184;
+
 const Clock::time_point kPast = Clock::time_point::min();
 
 Clock::time_point inAMinute() { return Clock::now() + std::chrono::minutes(1); }
@@ -216,6 +218,33 @@ TEST(MessageQueueUntrusted, OverwrittenQueueIsNotTouched) {
   EXPECT_EQ(errorCodeOf([&] { queue.tryReceive(buffer, sizeof buffer, size); }),
             ipc::corrupted_error);
   EXPECT_EQ(errorCodeOf([&] { queue.tryLock(); }), ipc::corrupted_error);
+}
+
+// A build of the queue library without optimisation stores the number of places as the first place
+// for a moment, under the lock.
+TEST(MessageQueueUntrusted, ChangeUnderTheLockIsALockThatIsTaken) {
+  const RawQueue raw(uniqueQueueName(), 4, 10);
+  MessageQueue queue(raw.name(), kPast);
+  const QueueLock lock(raw.name());
+  ::pthread_mutex_lock(lock.mutex());
+  lock.field(kFirstMessageAt).store(4);
+  char buffer[10];
+  std::size_t size = 0;
+  EXPECT_EQ(queue.trySend("a", 1, 1), Outcome::LockTaken);
+  EXPECT_EQ(queue.tryReceive(buffer, sizeof buffer, size), Outcome::LockTaken);
+  EXPECT_EQ(queue.tryReceiveNext(buffer, sizeof buffer, size), Outcome::LockTaken);
+  EXPECT_EQ(queue.tryLock(), Outcome::LockTaken);
+  EXPECT_FALSE(queue.sendBefore("a", 1, 1, kPast));
+  lock.field(kFirstMessageAt).store(3);
+  ::pthread_mutex_unlock(lock.mutex());
+  EXPECT_EQ(queue.trySend("a", 1, 1), Outcome::Done);
+}
+
+TEST(MessageQueueUntrusted, ChangeThatStaysUnderAFreeLockIsDamage) {
+  const RawQueue raw(uniqueQueueName(), 4, 10);
+  MessageQueue queue(raw.name(), kPast);
+  QueueLock(raw.name()).field(kFirstMessageAt).store(4);
+  EXPECT_EQ(errorCodeOf([&] { queue.sendBefore("a", 1, 1, inAMinute()); }), ipc::corrupted_error);
 }
 
 TEST(MessageQueueReceive, TakesTheHighestPriorityFirst) {

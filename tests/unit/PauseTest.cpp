@@ -3,11 +3,15 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sched.h>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
 #include <functional>
 #include <memory>
 #include <string>
@@ -16,12 +20,14 @@
 #include "korvex/ShmWriter.h"
 #include "shm/MessageQueue.h"
 #include "support/DaemonQueues.h"
+#include "support/SharedObject.h"
 
 using korvex::MessageQueue;
 using korvex::Pause;
 using korvex::ShmWriter;
 using korvex_test::DaemonQueues;
 using korvex_test::RawQueue;
+using korvex_test::SharedObject;
 using korvex_test::uniqueQueueName;
 using std::chrono::hours;
 using std::chrono::microseconds;
@@ -36,7 +42,35 @@ namespace {
 constexpr long long kNanoseconds = 1000000000;
 
 std::vector<std::string> steps;
-std::function<void()> meanwhile;  // what happens while somebody sleeps
+std::function<void()> meanwhile;    // what happens while somebody sleeps
+std::function<bool()> lockIsTaken;  // whether the next attempt at a lock is in vain
+std::atomic<long long> skipped{0};  // how far the steady clock is ahead, in nanoseconds
+
+/// While it lives, sleeps and waits for locks take no time, and the clock moves on by what they
+/// would have taken.
+class QuickTime {
+ public:
+  QuickTime() { isOn = true; }
+  ~QuickTime() {
+    isOn = false;
+    meanwhile = nullptr;
+    lockIsTaken = nullptr;
+  }
+  QuickTime(const QuickTime&) = delete;
+  QuickTime& operator=(const QuickTime&) = delete;
+
+  Pause::Clock::duration passed() const { return Pause::Clock::now() - start_; }
+
+  static void skip(long long nanoseconds) {
+    if (isOn) skipped += nanoseconds;
+  }
+
+ private:
+  static inline bool isOn = false;
+  const Pause::Clock::time_point start_ = Pause::Clock::now();
+};
+
+constexpr long long kLockPatience = 20000000;
 
 }  // namespace
 
@@ -46,9 +80,25 @@ extern "C" int sched_yield() noexcept {
 }
 
 extern "C" int nanosleep(const timespec* wanted, timespec*) {
-  steps.push_back("sleep " + std::to_string(wanted->tv_sec * kNanoseconds + wanted->tv_nsec));
+  const long long nanoseconds = wanted->tv_sec * kNanoseconds + wanted->tv_nsec;
+  steps.push_back("sleep " + std::to_string(nanoseconds));
+  QuickTime::skip(nanoseconds);
   if (meanwhile) meanwhile();
   return 0;
+}
+
+extern "C" int clock_gettime(clockid_t clock, timespec* now) noexcept {
+  const int result = static_cast<int>(::syscall(SYS_clock_gettime, clock, now));
+  const long long nanoseconds = now->tv_nsec + (clock == CLOCK_MONOTONIC ? skipped.load() : 0);
+  now->tv_sec += nanoseconds / kNanoseconds;
+  now->tv_nsec = nanoseconds % kNanoseconds;
+  return result;
+}
+
+extern "C" int pthread_mutex_timedlock(pthread_mutex_t* mutex, const timespec*) noexcept {
+  if (!lockIsTaken || !lockIsTaken()) return ::pthread_mutex_lock(mutex);
+  QuickTime::skip(kLockPatience);
+  return ETIMEDOUT;
 }
 
 namespace {
@@ -189,4 +239,77 @@ TEST(ShmWriterConstruction, WaitsForAQueueThatIsBeingMade) {
   EXPECT_NO_THROW(ShmWriter("stream", name, 60, 0, false));
   meanwhile = nullptr;
   EXPECT_EQ(sleeps, 3);
+}
+
+// A queue that was left half-made is not worth the timeout of a day.
+TEST(ShmWriterConstruction, WaitsFiveSecondsAtMost) {
+  constexpr unsigned kDay = 86400;
+  const std::string name = uniqueQueueName();
+  const SharedObject unfinished(name);
+  const QuickTime time;
+  meanwhile = [&] {
+    if (time.passed() > seconds(10)) ::shm_unlink(name.c_str());  // ends the wait, too late
+  };
+  EXPECT_ANY_THROW(ShmWriter("stream", name, kDay, 0, false));
+  EXPECT_GE(time.passed(), seconds(5));
+  EXPECT_LT(time.passed(), seconds(6));
+}
+
+TEST(ShmWriterConstruction, WaitsNoLongerThanTheTimeout) {
+  const SharedObject unfinished(uniqueQueueName());
+  const QuickTime time;
+  EXPECT_ANY_THROW(ShmWriter("stream", unfinished.name(), 1, 0, false));
+  EXPECT_GE(time.passed(), seconds(1));
+  EXPECT_LT(time.passed(), seconds(2));
+}
+
+namespace {
+
+/// A send whose deadline has passed, on a queue whose lock is taken.
+class SendAtTheDeadline : public testing::Test {
+ protected:
+  bool send() { return queue_.sendBefore("a", 1, 1, Pause::Clock::now()); }
+
+  /// The lock is had at this attempt; 0 for never.
+  void takeLockUntil(int attempt) {
+    lockIsTaken = [this, attempt] { return ++attempts_ != attempt; };
+  }
+
+  RawQueue raw_{uniqueQueueName(), 1, 8};
+  MessageQueue queue_{raw_.name(), Pause::Clock::now()};
+  const QuickTime time_;
+  int attempts_ = 0;
+};
+
+}  // namespace
+
+TEST_F(SendAtTheDeadline, WaitsForALockThatIsTakenForAMoment) {
+  takeLockUntil(6);
+  EXPECT_TRUE(send());
+  EXPECT_EQ(attempts_, 6);
+}
+
+TEST_F(SendAtTheDeadline, GivesUpOnALockWithinAQuarterOfASecond) {
+  takeLockUntil(0);
+  EXPECT_FALSE(send());
+  EXPECT_GE(time_.passed(), milliseconds(180));
+  EXPECT_LE(attempts_, 12) << "of 20 ms each";
+}
+
+TEST_F(SendAtTheDeadline, DoesNotWaitOnAFullQueue) {
+  raw_.post("b", 1);
+  EXPECT_FALSE(send());
+  takeLockUntil(0);
+  EXPECT_FALSE(send());
+  EXPECT_EQ(attempts_, 1);
+}
+
+TEST(ShmWriterStop, IsSentAtOnceAlthoughTheLockIsTaken) {
+  DaemonQueues queues(4096, 4);
+  ShmWriter writer("stream", queues.name(), 60, 0, false);
+  const QuickTime time;
+  lockIsTaken = [attempts = 0]() mutable { return ++attempts <= 3; };
+  EXPECT_NO_THROW(writer.stop(true));
+  lockIsTaken = nullptr;
+  EXPECT_EQ(queues.send().waiting(), 1u);
 }

@@ -8,8 +8,10 @@
 #include <boost/interprocess/exceptions.hpp>
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "shm/MessageQueue.h"
 #include "shm/QueueView.h"
@@ -99,17 +101,93 @@ TEST_F(QueueViewCalls, ObjectThatTellsNothingOfItselfIsDamaged) {
 
 TEST_F(QueueViewCalls, EveryReadThatComesShortMeansDamaged) {
   const RawQueue queue(uniqueQueueName(), 4, 300);
-  constexpr int kReads = 9;  // the header, and entry and length of each slot
-  for (int shortRead = 0; shortRead <= kReads; ++shortRead) {
-    int reads = 0;
-    instead.pread = [&](int file, void* bytes, std::size_t size, off_t offset) {
-      const bool isShort = reads++ == shortRead;
+  std::vector<off_t> places;
+  instead.pread = [&](int file, void* bytes, std::size_t size, off_t offset) {
+    places.push_back(offset);
+    return system_calls::pread(file, bytes, size, offset);
+  };
+  ASSERT_EQ(QueueView(queue.name()).state(), State::Sound);
+  ASSERT_EQ(places.size(), 9u) << "the header, and entry and length of each slot";
+  for (const off_t place : places) {
+    instead.pread = [place](int file, void* bytes, std::size_t size, off_t offset) {
       const ssize_t read = system_calls::pread(file, bytes, size, offset);
-      return isShort ? read - 1 : read;
+      return offset == place ? read - 1 : read;
     };
-    const State expected = shortRead == kReads ? State::Sound : State::Damaged;
-    EXPECT_EQ(QueueView(queue.name()).state(), expected) << "read " << shortRead;
+    EXPECT_EQ(QueueView(queue.name()).state(), State::Damaged) << "read at " << place;
   }
+}
+
+namespace {
+
+constexpr off_t kLockWordAt = 48;
+constexpr off_t kFirstMessageAt = 184;
+
+template <typename Value>
+void overwrite(const std::string& name, off_t offset, Value value) {
+  const int file = system_calls::shmOpen(name.c_str(), O_RDWR, 0);
+  EXPECT_EQ(::pwrite(file, &value, sizeof value, offset), ssize_t{sizeof value});
+  ::close(file);
+}
+
+/// What a peer does to the first place of a queue of 4 messages in the middle of a change.
+void goRound(const std::string& name) { overwrite(name, kFirstMessageAt, std::uint64_t{4}); }
+void endRound(const std::string& name) { overwrite(name, kFirstMessageAt, std::uint64_t{3}); }
+
+/// Runs something before each read of the header, with the number of that read from 1 on.
+template <typename Before>
+void beforeHeaderReads(Before before) {
+  instead.pread = [before, reads = 0](int file, void* bytes, std::size_t size,
+                                      off_t offset) mutable {
+    if (offset == 0) before(++reads);
+    return system_calls::pread(file, bytes, size, offset);
+  };
+}
+
+}  // namespace
+
+// A peer takes the lock after the first read of the header.
+TEST_F(QueueViewCalls, LockThatIsTakenAfterTheLookExcusesItToo) {
+  const RawQueue queue(uniqueQueueName(), 4, 300);
+  goRound(queue.name());
+  instead.pread = [&](int file, void* bytes, std::size_t size, off_t offset) {
+    const ssize_t read = system_calls::pread(file, bytes, size, offset);
+    if (offset == 0) overwrite(queue.name(), kLockWordAt, std::uint32_t{1});
+    return read;
+  };
+  EXPECT_EQ(QueueView(queue.name()).state(), State::Busy);
+}
+
+// A peer takes and releases the lock between the reads of one look, and is seen in between.
+TEST_F(QueueViewCalls, OddLookUnderAFreeLockIsFollowedByAnother) {
+  const RawQueue queue(uniqueQueueName(), 4, 300);
+  for (int odd = 1; odd <= 3; ++odd) {
+    goRound(queue.name());
+    beforeHeaderReads([&](int read) {
+      if (read > odd) endRound(queue.name());
+    });
+    EXPECT_EQ(QueueView(queue.name()).state(), odd < 3 ? State::Sound : State::Damaged) << odd;
+  }
+}
+
+TEST_F(MessageQueueCalls, QueueThatIsBeingChangedIsWaitedFor) {
+  const RawQueue queue(uniqueQueueName(), 4, 300);
+  goRound(queue.name());
+  overwrite(queue.name(), kLockWordAt, std::uint32_t{1});
+  beforeHeaderReads([&](int read) {
+    if (read != 3) return;
+    endRound(queue.name());
+    overwrite(queue.name(), kLockWordAt, std::uint32_t{0});
+  });
+  const auto deadline = MessageQueue::Clock::now() + std::chrono::hours(1);
+  EXPECT_EQ(MessageQueue(queue.name(), deadline).maxMessageSize(), 300u);
+}
+
+TEST_F(MessageQueueCalls, QueueThatStaysInAChangeIsALockErrorAtTheDeadline) {
+  const RawQueue queue(uniqueQueueName(), 4, 300);
+  goRound(queue.name());
+  overwrite(queue.name(), kLockWordAt, std::uint32_t{1});
+  EXPECT_EQ(errorOf([&] { MessageQueue(queue.name(), MessageQueue::Clock::now()); }).code,
+            ipc::timeout_when_locking_error);
 }
 
 TEST_F(QueueViewCalls, ObjectThatCannotBeMappedIsUnreachable) {

@@ -27,7 +27,7 @@ using State = QueueView::State;
 
 namespace korvex {
 std::ostream& operator<<(std::ostream& stream, QueueView::State state) {
-  static const char* const names[] = {"Unreachable", "Unfinished", "Damaged", "Sound"};
+  static const char* const names[] = {"Unreachable", "Unfinished", "Damaged", "Busy", "Sound"};
   return stream << names[static_cast<int>(state)];
 }
 }  // namespace korvex
@@ -302,6 +302,55 @@ TEST(QueueViewUntrusted, NoticesWhenAQueueInUseIsOverwritten) {
   EXPECT_FALSE(isIntactAfterChange(kMessagesAt, size(5)));
   EXPECT_TRUE(isIntactAfterChange(kFirstMessageAt, size(3)));
   EXPECT_FALSE(isIntactAfterChange(kFirstMessageAt, size(4)));
+}
+
+namespace {
+
+/// A queue of 4 messages whose lock is taken in the middle of a change: the first place, counted
+/// down as it goes round, is the number of places for a moment.
+class QueueInChange {
+ public:
+  QueueInChange() { ::pthread_mutex_lock(lock_.mutex()); }
+  ~QueueInChange() { ::pthread_mutex_unlock(lock_.mutex()); }
+
+  const std::string& name() const { return object_.name(); }
+  const QueueView& view() const { return view_; }
+
+  void change(off_t offset, const Bytes& bytes) { object_.write(offset, bytes); }
+
+ private:
+  SharedObject object_{uniqueQueueName(), queueImage()};
+  QueueView view_{object_.name()};
+  QueueLock lock_{object_.name()};
+};
+
+}  // namespace
+
+TEST(QueueViewUntrusted, TakenLockExcusesWhatMessagesChange) {
+  for (const off_t place : {kFirstMessageAt, kMessagesAt, kIndexAt}) {
+    QueueInChange queue;
+    queue.change(place, size(5));
+    EXPECT_FALSE(queue.view().isIntact()) << place;
+    EXPECT_FALSE(queue.view().isDamaged()) << place;
+    EXPECT_EQ(QueueView(queue.name()).state(), State::Busy) << place;
+  }
+}
+
+TEST(QueueViewUntrusted, TakenLockExcusesNothingElse) {
+  for (const off_t place : {off_t{0}, kIndexPointerAt, kMaxMessagesAt, kMaxMessageSizeAt}) {
+    QueueInChange queue;
+    queue.change(place, size(5));
+    EXPECT_TRUE(queue.view().isDamaged()) << place;
+    EXPECT_EQ(QueueView(queue.name()).state(), State::Damaged) << place;
+  }
+}
+
+TEST(QueueViewUntrusted, FreeLockExcusesNothing) {
+  SharedObject object(uniqueQueueName(), queueImage());
+  const QueueView view(object.name());
+  EXPECT_FALSE(view.isDamaged());
+  object.write(kFirstMessageAt, size(4));
+  EXPECT_TRUE(view.isDamaged());
 }
 
 // Of a fresh queue the next message goes before the first entry, which is looked at as well.

@@ -202,6 +202,14 @@ TEST(ShmBatchSizeCheck, RefusesEverySmallerSize) {
   }
 }
 
+// Whatever wrote over the block's magic: the next record puts all of the block right.
+TEST(ShmBatchPushBack, WritesTheWholeMetaDataBlock) {
+  ShmBatch batch(1000);
+  const_cast<unsigned char*>(batch.getRaw())[1] = 0x77;
+  batch.pushBack(record(1, "abc"));
+  EXPECT_EQ(hexOf(batch.getRaw(), 8), hex("ff00ee11 00000001"));
+}
+
 TEST(ShmBatchPushBack, PacksRecordsBackToBack) {
   ShmBatch batch(200);
   batch.pushBack(record(1, "abc"));

@@ -5,6 +5,7 @@
 #include <boost/interprocess/exceptions.hpp>
 
 #include "korvex/Status.h"
+#include "support/SharedObject.h"
 #include "unit/WriterFixture.h"
 
 using korvex::qmx_shm_message_t;
@@ -378,4 +379,20 @@ TEST_F(WriterTrace, DisabledScopeCostsOneFlagRead) {
   platform_double::reset();
   { const AutoTrace trace("scope"); }
   EXPECT_EQ(platform_double::flagReads(), 1u);
+}
+
+// The batch is on its way: what is not known of the reply queue yet must not fail the call.
+TEST_F(WriterReply, QueueInTheMiddleOfAChangeIsLookedAtLater) {
+  constexpr off_t kFirstMessageAt = 184;
+  DaemonQueues queues;
+  connect(queues);
+  const korvex_test::QueueLock lock(queues.response().name());
+  ::pthread_mutex_lock(lock.mutex());
+  lock.field(kFirstMessageAt).store(4);
+  EXPECT_NO_THROW(writer().open());
+  lock.field(kFirstMessageAt).store(0);
+  ::pthread_mutex_unlock(lock.mutex());
+  EXPECT_EQ(queues.send().waiting(), 1u);
+  queues.reply(7, "late");
+  expectError(7, "late", [&] { writer().close(); });
 }

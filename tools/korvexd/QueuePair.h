@@ -30,9 +30,9 @@ class QueuePair {
   /// Whether both queues have the size that producers expect.
   bool isWhole() const noexcept { return replies_.isWhole() && batches_.isWhole(); }
 
-  /// Whether both queues hold what a queue holds.
+  /// Whether both queues hold what a queue holds, or may just be changing it.
   bool isIntact() const noexcept {
-    return replies_.view().isIntact() && batches_.view().isIntact();
+    return !replies_.view().isDamaged() && !batches_.view().isDamaged();
   }
 
   OwnedQueue& batches() noexcept { return batches_; }

@@ -12,7 +12,8 @@
 /// escaped: one log call is one line. Every function may be called from any thread at any time: a
 /// line goes wholly to the sink that was set when it was written, and when a function returns, the
 /// sink before it is no longer in use. A line that the sink cannot take (a full disk, a receiver
-/// that throws) goes to standard error; log calls never throw.
+/// that throws) goes to standard error; log calls never throw. No call of this header, of log.h or
+/// of trace.h is a cancellation point, a receiver's work included.
 namespace qmx {
 
 enum class Level { Trace, Info, Auth, Warning, Error };

@@ -1,7 +1,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <qmx/log.h>
 #include <qmx/sink.h>
+#include <qmx/trace.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -169,6 +171,61 @@ TEST_F(SinkThreads, ReceiverMayFork) {
   qmx::logToFile(file_);
   InfoA(1, "b");
   EXPECT_EQ(linesOf(file_).size(), 1u);
+}
+
+/// Runs the work in a thread that is cancelled at its first chance, which is behind the work.
+void runCancelled(const std::function<void()>& work) {
+  bool isDone = false;
+  std::thread([&] {
+    ::pthread_cancel(::pthread_self());
+    work();
+    isDone = true;
+    ::pthread_testcancel();
+    isDone = false;
+  }).join();
+  EXPECT_TRUE(isDone);
+}
+
+/// The same in a child, which a thread that may not be unwound would end.
+void runCancelledInChild(const std::function<void()>& work) {
+  runInChild([&] {
+    runCancelled(work);
+    if (testing::Test::HasFailure()) ::_exit(1);
+  });
+}
+
+TEST_F(SinkThreads, CancelledThreadWritesItsLineFirst) {
+  const StandardErrorInto standardError(other_);
+  runCancelledInChild([] { WarningA(1, "a"); });
+  runCancelledInChild([this] {
+    qmx::logToFile(file_);
+    InfoA(1, "b");
+    __TraceA("c");
+  });
+  EXPECT_THAT(sortedTexts(), testing::ElementsAre("a", "b", "c"));
+}
+
+TEST_F(SinkThreads, CancelledThreadFinishesTheReceiver) {
+  runCancelledInChild([] {
+    bool isFinished = false;
+    qmx::logToCallback([&](const qmx::Line&) {
+      ::pthread_testcancel();
+      isFinished = true;
+    });
+    ErrorA(1, "a");
+    qmx::logToStandardError();
+    if (!isFinished) ::_exit(1);
+  });
+}
+
+TEST_F(SinkThreads, CancelledThreadReplacesTheSinkWhole) {
+  runCancelledInChild([this] {
+    qmx::logToFile(file_);
+    qmx::logToFile(other_);
+    InfoA(1, "a");
+  });
+  EXPECT_EQ(linesOf(file_).size(), 0u);
+  EXPECT_EQ(linesOf(other_).size(), 1u);
 }
 
 }  // namespace
