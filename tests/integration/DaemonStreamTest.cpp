@@ -164,7 +164,7 @@ TEST_F(DaemonStream, IsReportedWhenTheDaemonCannotTakeItAtItsEnd) {
   daemon->signal(SIGTERM);
   daemon->signal(SIGCONT);
   EXPECT_EQ(daemon->wait(), 0);
-  EXPECT_THAT(daemon->errors(), HasSubstr(queue_ + ": the daemon ends, 1 messages were not taken"));
+  EXPECT_THAT(daemon->errors(), HasSubstr(queue_ + ": the daemon ends, messages not taken: 1"));
 }
 
 TEST_F(DaemonStream, FailsInTheProducerWhenABatchIsDamaged) {

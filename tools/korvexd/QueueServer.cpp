@@ -78,7 +78,7 @@ void QueueServer::takeRest() {
 void QueueServer::reportUntaken() const {
   const std::size_t untaken = pair_->batches().view().messages();
   if (untaken == 0) return;
-  spdlog::warn("{}: the daemon ends, {} messages were not taken", queue(), untaken);
+  spdlog::warn("{}: the daemon ends, messages not taken: {}", queue(), untaken);
 }
 
 /// Tries one message. An empty queue whose lock is taken is tried as well: the one who holds the
