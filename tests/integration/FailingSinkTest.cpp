@@ -128,7 +128,9 @@ TEST_P(FailingSink, IsToldAtEveryCallAndTheNextStreamIsStored) {
       EXPECT_TRUE(awaitLog(*daemon, " bytes, " + place + "\n")) << "the log must say so";
     }
     ASSERT_EQ(storedMeanwhile(), "");
-    if (call <= kOpeningCalls) EXPECT_THAT(streams(true), IsEmpty());
+    if (call <= kOpeningCalls) {
+      EXPECT_THAT(streams(true), IsEmpty());
+    }
     EXPECT_THAT(send().message, StartsWith("stored bytes=700000 "));
     ASSERT_NE(storedMeanwhile(), "");
   }
