@@ -1,7 +1,6 @@
 #include "shm/QueueView.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -17,6 +16,7 @@
 #include <optional>
 #include <utility>
 
+#include "shm/LockOwner.h"
 #include "support/NoCancellation.h"
 
 namespace korvex {
@@ -207,30 +207,6 @@ class File {
   int descriptor_;
 };
 
-/// The letter that the system gives a thread's state; 0 when it gives none. Allocates nothing: it
-/// is asked for by loops that poll.
-char stateOfThread(pid_t thread) noexcept {
-  const NoCancellation noCancellation;
-  char path[32];
-  std::snprintf(path, sizeof path, "/proc/%d/stat", thread);
-  const int file = ::open(path, O_RDONLY | O_CLOEXEC);
-  if (file < 0) return 0;
-  char text[128] = {};
-  const ssize_t size = ::read(file, text, sizeof text - 1);
-  ::close(file);
-  // "pid (name) state ...", and the name may hold anything, parentheses too.
-  const char* const nameEnd = size > 0 ? std::strrchr(text, ')') : nullptr;
-  return nameEnd != nullptr && nameEnd[1] == ' ' ? nameEnd[2] : '\0';
-}
-
-/// A process that was killed stays a zombie until its parent asks for it; its locks are lost all
-/// the same.
-bool isThreadGone(pid_t thread) noexcept {
-  if (::kill(thread, 0) != 0 && errno == ESRCH) return true;
-  const char state = stateOfThread(thread);
-  return state == 'Z' || state == 'X';
-}
-
 }  // namespace
 
 QueueView::QueueView(const std::string& name) noexcept {
@@ -409,7 +385,7 @@ bool QueueView::looksLocked() const noexcept {
 
 bool QueueView::isLockOwnerGone() const noexcept {
   const pid_t owner = lockOwner();
-  if (owner <= 0 || !isThreadGone(owner)) return false;
+  if (owner <= 0 || !korvex::isLockOwnerGone(owner)) return false;
   // A healthy owner may have given the lock back and ended between the two looks.
   return looksLocked() && lockOwner() == owner;
 }

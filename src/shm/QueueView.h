@@ -80,7 +80,10 @@ class QueueView {
   /// the object says, nothing can come of it.
   std::size_t fetchNext() noexcept;
 
-  /// Whether the lock is held by a thread that no longer lives in this process's PID namespace.
+  /// The thread that holds the lock, by its id in its own PID namespace; 0 when nobody does.
+  pid_t lockOwner() const noexcept;
+
+  /// Whether the lock's owner is certainly dead; see LockOwner.h. False where that cannot be known.
   bool isLockOwnerGone() const noexcept;
 
  private:
@@ -90,7 +93,6 @@ class QueueView {
   bool areLimitsIntact() const noexcept;
   bool isFillIntact(Use use) const noexcept;
   bool leadsToSlot(std::size_t indexEntry) const noexcept;
-  pid_t lockOwner() const noexcept;
   std::uint64_t number(std::size_t offset) const noexcept;
   bool isFetchable() noexcept;
 

@@ -120,6 +120,17 @@ TEST_F(DaemonLife, EndsOnSighupToo) {
   EXPECT_FALSE(test_support::queueExists(queue_));
 }
 
+// As nohup starts it, or a script in the background.
+TEST_F(DaemonLife, LeavesSignalsIgnoredThatItsStarterIgnores) {
+  Process daemon({"/bin/sh", "-c", "trap '' INT QUIT HUP; exec \"$0\" \"$@\"", KORVEXD_PROGRAM,
+                  "--queue", queue_, "--output", output_});
+  ASSERT_TRUE(awaitServing(daemon));
+  for (const int number : {SIGINT, SIGQUIT, SIGHUP}) daemon.signal(number);
+  EXPECT_EQ(daemon.wait(std::chrono::milliseconds(300)), std::nullopt);
+  EXPECT_EQ(stream("abc"), "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950");
+  end(daemon);
+}
+
 // Its messages would otherwise be written into the first file that it opens: a queue.
 TEST_F(DaemonLife, ServesWithoutStandardDescriptors) {
   const Process daemon({"/bin/sh", "-c", "exec \"$0\" \"$@\" <&- >&- 2>&-", KORVEXD_PROGRAM,

@@ -14,6 +14,7 @@ using test_support::namesIn;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::MatchesRegex;
+using testing::StartsWith;
 using testing::UnorderedElementsAre;
 namespace fs = std::filesystem;
 
@@ -98,7 +99,7 @@ TEST_P(DaemonUnderUmask, GivesQueuesThePermissionsAskedFor) {
   end(*daemon);
 }
 
-INSTANTIATE_TEST_SUITE_P(Masks, DaemonUnderUmask, testing::Values(0, 022, 077),
+INSTANTIATE_TEST_SUITE_P(Masks, DaemonUnderUmask, testing::Values(0, 022, 077, 0277, 0477, 0777),
                          [](const auto& mask) { return "Umask" + std::to_string(mask.param); });
 
 TEST_F(DaemonSecurity, NeverWritesStatisticsThroughALink) {
@@ -147,15 +148,22 @@ TEST_F(DaemonSecurity, CapturesThroughNoPlantedLinkOrPipe) {
   EXPECT_EQ(contentsOf(treasure_), "gold");
 }
 
-// Its folder is held open, so what takes its name is not written to.
-TEST_F(DaemonSecurity, StoresInItsOwnFolderWhateverTakesItsName) {
+// Neither where nobody would look for it, nor in what has taken its folder's name.
+TEST_F(DaemonSecurity, StoresNowhereWhileItsFolderIsMovedAway) {
   const auto daemon = startWith({});
   fs::rename(output_, folder_ / "moved");
   fs::create_directory_symlink(folder_ / "elsewhere", output_);
+  const auto to = writer();
+  to->open();
+  const auto reply = awaitReply(*to);
+  EXPECT_EQ(reply.status, 5u);
+  EXPECT_THAT(reply.message, StartsWith("output folder was moved, replaced or unmounted: "));
+  EXPECT_THAT(namesIn(folder_ / "elsewhere"), ElementsAre());
+  EXPECT_THAT(namesIn(folder_ / "moved"), ElementsAre());
+  fs::remove(output_);
+  fs::rename(folder_ / "moved", output_);
   EXPECT_EQ(stream("abc"), kReceiptOfAbc);
   end(*daemon);
-  EXPECT_THAT(namesIn(folder_ / "elsewhere"), ElementsAre());
-  EXPECT_EQ(namesIn(folder_ / "moved").size(), 1u);
 }
 
 namespace {

@@ -6,6 +6,7 @@
 #include "integration/DaemonFixture.h"
 #include "integration/support/BatchBytes.h"
 #include "korvex/Status.h"
+#include "integration/support/LockHolder.h"
 #include "shm/MessageQueue.h"
 #include "support/ThrownError.h"
 
@@ -138,6 +139,35 @@ TEST_F(DaemonStream, IsIncompleteWhenTheDaemonEnds) {
   EXPECT_EQ(stats()["total"]["streams_incomplete"], 1);
 }
 
+TEST_F(DaemonStream, IsCompleteWhenItsCloseWasQueuedBeforeTheDaemonsEnd) {
+  const auto daemon = start({"--max-messages", "64", "--max-message-size", "1M"});
+  daemon->signal(SIGSTOP);
+  const auto to = writer();
+  to->open();
+  for (int i = 0; i < 60; ++i) {
+    write(*to, std::string(100000, 'x'));
+    to->flush_shm_buffer(kTimeout);
+  }
+  to->close();
+  daemon->signal(SIGTERM);
+  daemon->signal(SIGCONT);
+  EXPECT_EQ(daemon->wait(), 0);
+  EXPECT_THAT(awaitReply(*to).message, HasSubstr("stored bytes=6000000 "));
+  EXPECT_EQ(streams(false).size(), 1u) << daemon->errors();
+}
+
+// Its messages are lost with the queue, so the log must say so.
+TEST_F(DaemonStream, IsReportedWhenTheDaemonCannotTakeItAtItsEnd) {
+  const auto daemon = start();
+  daemon->signal(SIGSTOP);
+  sendRaw(BatchBytes().record(0, 0).bytes());
+  const test_support::LockHolder holder(queue_);
+  daemon->signal(SIGTERM);
+  daemon->signal(SIGCONT);
+  EXPECT_EQ(daemon->wait(), 0);
+  EXPECT_THAT(daemon->errors(), HasSubstr(queue_ + ": the daemon ends, messages not taken: 1"));
+}
+
 TEST_F(DaemonStream, FailsInTheProducerWhenABatchIsDamaged) {
   const auto daemon = start();
   const auto to = writer();
@@ -171,7 +201,10 @@ TEST_F(DaemonStream, FailsInTheProducerWhenItCannotBeStored) {
   to->open();
   const auto reply = awaitReply(*to);
   EXPECT_EQ(reply.status, 5u);
-  EXPECT_STREQ(reply.message, "creating stream folder: error 2 (No such file or directory)");
+  EXPECT_EQ(std::string(reply.message),
+            "opening output folder " + output_ + ": error 2 (No such file or directory)");
+  std::filesystem::create_directory(output_);
+  EXPECT_THAT(stream("abc"), HasSubstr("stored bytes=3")) << "there is a new folder";
   end(*daemon);
 }
 

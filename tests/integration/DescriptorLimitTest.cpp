@@ -74,6 +74,7 @@ TEST_F(DescriptorLimit, FailsTheStreamsThatItMeetsAndNoOther) {
   const auto reply = awaitReply(*to);
   EXPECT_EQ(reply.status, 5u);
   EXPECT_STREQ(reply.message, "opening stream folder: error 24 (Too many open files)");
+  EXPECT_THAT(streams(true), IsEmpty());
   setLimit(*daemon, kEnough);
   EXPECT_EQ(stream("abc"), "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950");
   end(*daemon);

@@ -24,6 +24,7 @@ constexpr std::size_t kPieceSize = 100000;
 // Making the folder, opening it, making the data file, four writes, its sync; the manifest's open,
 // write, sync and rename; the folder's sync and rename, the parent's sync.
 constexpr int kCalls = 15;
+constexpr int kOpeningCalls = 3;  ///< what a stream does not open without
 
 /// What a producer hears, whenever it hears it.
 korvex::qmx_shm_response_t outcomeOf(korvex::ShmWriter& writer, const std::string& text,
@@ -127,6 +128,9 @@ TEST_P(FailingSink, IsToldAtEveryCallAndTheNextStreamIsStored) {
       EXPECT_TRUE(awaitLog(*daemon, " bytes, " + place + "\n")) << "the log must say so";
     }
     ASSERT_EQ(storedMeanwhile(), "");
+    if (call <= kOpeningCalls) {
+      EXPECT_THAT(streams(true), IsEmpty());
+    }
     EXPECT_THAT(send().message, StartsWith("stored bytes=700000 "));
     ASSERT_NE(storedMeanwhile(), "");
   }

@@ -6,6 +6,7 @@
 
 using testing::EndsWith;
 using testing::HasSubstr;
+using testing::Not;
 
 namespace {
 
@@ -46,7 +47,7 @@ TEST_F(FewThreads, NoneForAQueueEndsTheDaemonInOrder) {
   for (const int threads : {1, 2}) {
     Process daemon = runWith(threads);
     EXPECT_EQ(daemon.wait(), 1);
-    EXPECT_THAT(daemon.errors(), HasSubstr("serving " + other_ + ","));
+    EXPECT_THAT(daemon.errors(), Not(HasSubstr("serving "))) << "nobody would serve them";
     EXPECT_THAT(daemon.errors(),
                 EndsWith("starting the thread of queue " + queues[threads - 1] + kNoMore));
     expectNoQueues(daemon);

@@ -3,19 +3,24 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
-#include <cstring>
 #include <string>
 
+#include "integration/support/LockHolder.h"
 #include "shm/QueueView.h"
 #include "support/DaemonQueues.h"
+#include "support/Namespaces.h"
 #include "unit/SystemCalls.h"
 
 using korvex::QueueView;
 using korvex_test::RawQueue;
+using korvex_test::seesEveryThread;
 using korvex_test::uniqueQueueName;
 using system_calls::failing;
 using system_calls::instead;
@@ -33,6 +38,17 @@ void overwrite(const std::string& name, off_t offset, Value value) {
   ::close(file);
 }
 
+/// A descriptor that this text can be read from.
+int fileOf(const std::string& text) {
+  const int file = ::memfd_create("text", MFD_CLOEXEC);
+  EXPECT_EQ(::pwrite(file, text.data(), text.size(), 0), static_cast<ssize_t>(text.size()));
+  return file;
+}
+
+int systemsOpen(const char* path) {
+  return static_cast<int>(::syscall(SYS_openat, AT_FDCWD, path, O_RDONLY | O_CLOEXEC));
+}
+
 /// A queue whose lock names an owner, and what the system says of that.
 class LockOwner : public testing::Test {
  protected:
@@ -48,15 +64,8 @@ class LockOwner : public testing::Test {
   ~LockOwner() override { instead = {}; }
 
   void systemTells(const std::string& text) {
-    instead.open = [](const char* path) {
-      EXPECT_STREQ(path, "/proc/4711/stat");
-      return 999;  // any number: nothing real is read
-    };
-    instead.read = [text](int, void* bytes, std::size_t size) {
-      EXPECT_LT(text.size(), size);
-      EXPECT_LT(size, 128u) << "the last byte ends the text";
-      std::memcpy(bytes, text.data(), text.size());
-      return static_cast<ssize_t>(text.size());
+    instead.open = [text](const char* path) {
+      return std::string(path) == "/proc/4711/stat" ? fileOf(text) : systemsOpen(path);
     };
   }
 
@@ -66,9 +75,38 @@ class LockOwner : public testing::Test {
   RawQueue queue_{uniqueQueueName(), 4, 300};
 };
 
+/// One whose death can be known at all.
+class ProvenLockOwner : public LockOwner {
+ protected:
+  void SetUp() override {
+    if (!seesEveryThread()) GTEST_SKIP() << "threads of other PID namespaces cannot be seen";
+  }
+};
+
+/// One that lives in another PID namespace than this test.
+class ForeignLockOwner : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (!test_support::canMakePidNamespace()) GTEST_SKIP() << "no PID namespace of one's own";
+  }
+
+  bool isGone() const { return QueueView(queue_.name()).isLockOwnerGone(); }
+
+  RawQueue queue_{uniqueQueueName(), 4, 300};
+};
+
+/// A child that has ended and that nobody has asked for.
+pid_t makeZombie() {
+  const pid_t child = ::fork();
+  if (child == 0) ::_exit(0);
+  siginfo_t ended = {};
+  EXPECT_EQ(::waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOWAIT), 0);
+  return child;
+}
+
 }  // namespace
 
-TEST_F(LockOwner, IsGoneAsAZombieAndWhenDead) {
+TEST_F(ProvenLockOwner, IsGoneAsAZombieAndWhenDead) {
   systemTells("4711 (a) Z 1 ");
   EXPECT_TRUE(isGone());
   systemTells("4711 (a) X 1 ");
@@ -82,7 +120,7 @@ TEST_F(LockOwner, LivesInEveryOtherState) {
   }
 }
 
-TEST_F(LockOwner, MayHaveAnyName) {
+TEST_F(ProvenLockOwner, MayHaveAnyName) {
   systemTells("4711 (a) Z) S 1 ");
   EXPECT_FALSE(isGone());
   systemTells("4711 (a) S) Z 1 ");
@@ -100,7 +138,7 @@ TEST_F(LockOwner, LivesWhenTheSystemTellsNothingThatCanBeUnderstood) {
   EXPECT_FALSE(isGone());
 }
 
-TEST_F(LockOwner, IsGoneWhenThereIsNoSuchProcessOnly) {
+TEST_F(ProvenLockOwner, IsGoneWhenThereIsNoSuchProcessOnly) {
   systemTells("4711 (a) S 1 ");
   instead.kill = [](pid_t, int) { return failing(ESRCH); };
   EXPECT_TRUE(isGone());
@@ -114,16 +152,22 @@ TEST_F(LockOwner, IsNotGoneBecauseOfAnErrorBefore) {
   EXPECT_FALSE(isGone());
 }
 
-TEST_F(LockOwner, IsReadFromDescriptorZeroToo) {
+TEST_F(ProvenLockOwner, IsReadFromDescriptorZeroToo) {
   systemTells("4711 (a) Z 1 ");
-  instead.open = [](const char*) { return STDIN_FILENO; };
+  instead.open = [whole = instead.open](const char* path) {
+    if (std::string(path) != "/proc/4711/stat") return whole(path);
+    const int file = whole(path);
+    ::dup2(file, STDIN_FILENO);
+    ::close(file);
+    return STDIN_FILENO;
+  };
   const int saved = ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 10);
   EXPECT_TRUE(isGone()) << "and closes it";
   ::dup2(saved, STDIN_FILENO);
   ::close(saved);
 }
 
-TEST_F(LockOwner, MayBeTheFirstProcess) {
+TEST_F(ProvenLockOwner, MayBeTheFirstProcess) {
   overwrite(queue_.name(), kLockOwnerAt, pid_t{1});
   instead.kill = [](pid_t, int) { return failing(ESRCH); };
   EXPECT_TRUE(isGone());
@@ -165,4 +209,26 @@ TEST_F(LockOwner, IsNobodyWhenNoneIsNamed) {
   EXPECT_FALSE(isGone());
   overwrite(queue_.name(), kLockOwnerAt, pid_t{-1});
   EXPECT_FALSE(isGone());
+}
+
+TEST_F(ForeignLockOwner, LivesThoughItsNumberIsFreeHere) {
+  const pid_t id = test_support::freeProcessId();
+  test_support::LockHolder holder(queue_.name(), id);
+  EXPECT_FALSE(isGone());
+}
+
+TEST_F(ForeignLockOwner, LivesThoughItsNumberIsAZombiesHere) {
+  const pid_t zombie = makeZombie();
+  {
+    test_support::LockHolder holder(queue_.name(), zombie);
+    EXPECT_FALSE(isGone());
+  }
+  ::waitpid(zombie, nullptr, 0);
+}
+
+TEST_F(ForeignLockOwner, IsGoneOnceNoNamespaceHasItsNumber) {
+  if (!seesEveryThread()) GTEST_SKIP() << "threads of other PID namespaces cannot be seen";
+  test_support::LockHolder holder(queue_.name(), test_support::freeProcessId());
+  holder.die();
+  EXPECT_TRUE(isGone());
 }

@@ -2,6 +2,7 @@
 
 #include <signal.h>
 #include <spdlog/spdlog.h>
+#include <sys/stat.h>
 #include <time.h>
 
 #include <cerrno>
@@ -17,19 +18,30 @@ namespace {
 
 constexpr timespec kStatsInterval{1, 0};
 
+/// Readable by the daemon's user alone, unless a mode is asked for. A mask from outside could keep
+/// the daemon out of its own folders.
+constexpr mode_t kModeMask = 077;
+
+bool isIgnored(int signal) {
+  struct sigaction action = {};
+  return ::sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
+
+/// A shell ignores SIGINT for jobs in the background, nohup ignores SIGHUP. Blocked, they would
+/// come all the same.
 sigset_t endSignals() {
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGTERM);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGHUP);  // its terminal is gone; queues must not be left behind
+  if (!isIgnored(SIGINT)) sigaddset(&signals, SIGINT);
+  if (!isIgnored(SIGHUP)) sigaddset(&signals, SIGHUP);  // queues must not outlive the terminal
   return signals;
 }
 
 /// Before any thread starts, so that all of them inherit it and the signals reach awaitSignal().
-void prepareSignals() {
-  const sigset_t signals = endSignals();
-  ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+void prepareProcess(const sigset_t& endSignals) {
+  ::umask(kModeMask);
+  ::pthread_sigmask(SIG_BLOCK, &endSignals, nullptr);
   ::signal(SIGPIPE, SIG_IGN);
   ::signal(SIGXFSZ, SIG_IGN);  // a file that may not grow is an error of that write, like others
 }
@@ -57,17 +69,12 @@ class ServerThreads {
 
 }  // namespace
 
-Daemon::Daemon(const Options& options) {
-  prepareSignals();
+Daemon::Daemon(const Options& options) : endSignals_(endSignals()), limits_(options.limits) {
+  prepareProcess(endSignals_);
   installCutGuard();
   if (options.output) store_.emplace(*options.output);
   createServers(options);
   if (options.statsFile) createStatsFile(*options.statsFile);
-  // Only now: who reads this line may rely on everything else.
-  for (const auto& server : servers_) {
-    spdlog::info("serving {}, {} messages of {} bytes", server->queue(), options.limits.messages,
-                 options.limits.messageSize);
-  }
 }
 
 void Daemon::createStatsFile(const std::string& path) {
@@ -99,16 +106,24 @@ void Daemon::run() {
   {
     ServerThreads threads(stop_);
     for (const auto& server : servers_) threads.start(*server);
+    announceServing();
     awaitSignal();
   }
   updateStats();
   servers_.clear();
 }
 
+/// Only when everything else is done: the reader of these lines relies on it.
+void Daemon::announceServing() const {
+  for (const auto& server : servers_) {
+    spdlog::info("serving {}, {} messages of {} bytes", server->queue(), limits_.messages,
+                 limits_.messageSize);
+  }
+}
+
 /// A second signal stays blocked and changes nothing.
 void Daemon::awaitSignal() {
-  const sigset_t signals = endSignals();
-  while (::sigtimedwait(&signals, nullptr, &kStatsInterval) < 0) updateStats();
+  while (::sigtimedwait(&endSignals_, nullptr, &kStatsInterval) < 0) updateStats();
 }
 
 void Daemon::updateStats() noexcept {

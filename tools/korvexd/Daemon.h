@@ -1,6 +1,8 @@
 #ifndef KORVEXD_DAEMON_H
 #define KORVEXD_DAEMON_H
 
+#include <signal.h>
+
 #include <atomic>
 #include <memory>
 #include <optional>
@@ -18,11 +20,13 @@ namespace korvexd {
 /// The whole daemon: one thread for each queue, and the calling one for signals and statistics.
 class Daemon {
  public:
-  /// Creates the queues. Blocks SIGTERM and SIGINT for the process, ignores SIGPIPE and SIGXFSZ.
-  /// Throws std::exception when something cannot be made; no queue is left then.
+  /// Creates the queues. Changes the process: SIGTERM, SIGINT and SIGHUP are blocked, SIGPIPE and
+  /// SIGXFSZ ignored, and the file mode mask is 077. Throws std::exception when something cannot be
+  /// made; no queue is left then.
   explicit Daemon(const Options& options);
 
-  /// Serves until SIGTERM or SIGINT comes. Open streams end as incomplete, the queues are removed.
+  /// Serves until SIGTERM comes, or SIGINT or SIGHUP where they were not ignored at the start. What
+  /// producers have sent by then is taken, open streams end as incomplete, the queues are removed.
   /// Throws SystemError when there is no thread for a queue.
   void run();
 
@@ -30,9 +34,12 @@ class Daemon {
   SinkFactory sinkFactory();
   void createServers(const Options& options);
   void createStatsFile(const std::string& path);
+  void announceServing() const;
   void awaitSignal();
   void updateStats() noexcept;
 
+  const sigset_t endSignals_;
+  const korvex::MessageQueue::Limits limits_;
   std::optional<DirectoryStore> store_;
   std::vector<std::unique_ptr<QueueServer>> servers_;
   std::optional<StatsFile> statsFile_;

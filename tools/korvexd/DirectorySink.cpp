@@ -5,8 +5,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <stdexcept>
+#include <string>
 #include <utility>
 
+#include "korvexd/DirectoryStore.h"
 #include "korvexd/Manifest.h"
 #include "korvexd/SystemError.h"
 
@@ -23,15 +26,13 @@ const char kWritingManifest[] = "writing manifest";
 
 }  // namespace
 
-DirectorySink::DirectorySink(const File& parent, std::string name, const std::string& path)
-    : parent_(parent),
-      name_(std::move(name)),
-      path_(path + "/" + name_),
-      folder_(File::openAt(parent.descriptor(), name_ + kPartialSuffix, O_RDONLY | O_DIRECTORY, 0,
-                           "opening stream folder")),
-      data_(File::openAt(folder_.descriptor(), kDataName, O_WRONLY | O_CREAT | O_EXCL, kFileMode,
-                         "creating data file")) {
+DirectorySink::DirectorySink(std::shared_ptr<const File> parent, std::string name, std::string path)
+    : parent_(std::move(parent)), name_(std::move(name)), path_(std::move(path)) {
   gathered_.reserve(kGatherSize);
+  folder_ = File::openAt(parent_->descriptor(), partialName(), O_RDONLY | O_DIRECTORY, 0,
+                         "opening stream folder");
+  data_ = File::openAt(folder_.descriptor(), kDataName, O_WRONLY | O_CREAT | O_EXCL, kFileMode,
+                       "creating data file");
 }
 
 void DirectorySink::write(const unsigned char* data, std::size_t size) {
@@ -63,15 +64,34 @@ void DirectorySink::writeData(const unsigned char* data, std::size_t size) {
 void DirectorySink::complete(const StreamSummary& summary) {
   writeGathered();
   if (::fdatasync(data_.descriptor()) != 0) throw SystemError("syncing data", errno);
-  replaceFile(folder_.descriptor(), kManifestName, manifestOf(summary, sha256_.hex(), ""),
-              kFileMode, kWritingManifest);
+  const File manifest =
+      replaceFile(folder_.descriptor(), kManifestName, manifestOf(summary, sha256_.hex(), ""),
+                  kFileMode, kWritingManifest);
   folder_.sync("syncing stream folder");
+  checkPlaces(manifest);
   publish();
 }
 
+/// What was written is held open. Somebody may have removed or exchanged it under its name since,
+/// and the name is what the producer is promised.
+void DirectorySink::checkPlaces(const File& manifest) const {
+  const auto expect = [](const char* what, const File& file, int folder, const std::string& name) {
+    if (file.isNamed(folder, name, File::Links::Refuse)) return;
+    throw std::runtime_error(std::string(what) + " was removed or exchanged: " + name);
+  };
+  if (!parent_->isNamed(AT_FDCWD, path_, File::Links::Follow)) throwOutputMoved(path_);
+  expect("stream folder", folder_, parent_->descriptor(), partialName());
+  expect("data file", data_, folder_.descriptor(), kDataName);
+  expect("manifest", manifest, folder_.descriptor(), kManifestName);
+  const std::uint64_t size = data_.size("looking at data");
+  if (size == written_) return;
+  throw std::runtime_error("data file was changed: found " + std::to_string(size) +
+                           " bytes, expected " + std::to_string(written_));
+}
+
 void DirectorySink::publish() {
-  const std::string partial = name_ + kPartialSuffix;
-  const int parent = parent_.descriptor();
+  const std::string partial = partialName();
+  const int parent = parent_->descriptor();
   renameWithoutReplacing(parent, partial, name_, "renaming stream folder");
   if (::fsync(parent) == 0) {
     isFinal_ = true;

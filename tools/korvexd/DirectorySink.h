@@ -2,6 +2,7 @@
 #define KORVEXD_DIRECTORY_SINK_H
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -24,30 +25,32 @@ class DirectorySink : public Sink {
   /// left for the close, where the producer waits for its receipt.
   static constexpr std::uint64_t kWritebackSize = std::uint64_t{64} << 20;
 
-  /// Takes over the empty folder NAME.partial in `parent`, which outlives the sink. `path` is what
-  /// people call the parent.
-  DirectorySink(const File& parent, std::string name, const std::string& path);
+  /// Takes over the empty folder NAME.partial in `parent`, and leaves it empty when it throws.
+  /// `path` leads to the parent.
+  DirectorySink(std::shared_ptr<const File> parent, std::string name, std::string path);
 
   void write(const unsigned char* data, std::size_t size) override;
   void complete(const StreamSummary& summary) override;
   void abandon(const StreamSummary& summary, const std::string& reason) override;
-  std::string place() const override { return path_ + (isFinal_ ? "" : kPartialSuffix); }
+  std::string place() const override { return path_ + "/" + (isFinal_ ? name_ : partialName()); }
 
  private:
   void writeGathered();
   void writeData(const unsigned char* data, std::size_t size);
+  void checkPlaces(const File& manifest) const;
   void publish();
+  std::string partialName() const { return name_ + kPartialSuffix; }
 
-  const File& parent_;
+  std::shared_ptr<const File> parent_;
   std::string name_;
   std::string path_;
   bool isFinal_ = false;
-  File folder_;
-  File data_;
   Sha256 sha256_;
   std::uint64_t written_ = 0;
   std::uint64_t onTheWay_ = 0;           ///< of them, to the disk
   std::vector<unsigned char> gathered_;  ///< small records, until they are worth a write
+  File folder_;
+  File data_;  ///< made last: nothing is left in the folder when something cannot be made
 };
 
 }  // namespace korvexd

@@ -2,8 +2,10 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <stdexcept>
 
 #include "korvexd/DirectorySink.h"
 #include "korvexd/Names.h"
@@ -15,28 +17,66 @@ namespace {
 
 constexpr mode_t kFolderMode = 0700;
 
-}  // namespace
+std::shared_ptr<const File> openOutput(const std::string& path) {
+  auto folder =
+      std::make_shared<const File>(File::openFolder(path, "opening output folder " + path));
+  // Said at the start, not by each stream.
+  if (::faccessat(folder->descriptor(), ".", W_OK | X_OK, AT_EACCESS) != 0) {
+    throw SystemError("making streams in output folder " + path, errno);
+  }
+  return folder;
+}
 
-DirectoryStore::DirectoryStore(const std::string& path)
-    : path_(path), folder_(File::openFolder(path, "opening output folder " + path)) {}
+bool isRemoved(const File& folder) {
+  struct stat found = {};
+  return ::fstat(folder.descriptor(), &found) == 0 && found.st_nlink == 0;
+}
 
-std::unique_ptr<Sink> DirectoryStore::open(const std::string& queue, std::time_t opened) {
-  const std::string prefix = fileNameOf(queue) + "-" + utcForFileName(opened) + "-";
-  for (;;) {
-    const std::string name = prefix + std::to_string(++lastNumber_);
-    if (tryToMake(name)) return std::make_unique<DirectorySink>(folder_, name, path_);
+/// False when the name is in use. The numbers start again with every daemon, so an earlier one may
+/// have used it within the same second.
+bool tryToMake(const File& parent, const std::string& name) {
+  struct stat found = {};
+  if (::fstatat(parent.descriptor(), name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0) return false;
+  const std::string partial = name + DirectorySink::kPartialSuffix;
+  if (::mkdirat(parent.descriptor(), partial.c_str(), kFolderMode) == 0) return true;
+  if (errno != EEXIST) throw SystemError("creating stream folder", errno);
+  return false;
+}
+
+/// In the folder that was made for it, which goes again when the rest cannot be made.
+std::unique_ptr<Sink> openSink(const std::shared_ptr<const File>& parent, const std::string& name,
+                               const std::string& path) {
+  try {
+    return std::make_unique<DirectorySink>(parent, name, path);
+  } catch (const std::exception&) {
+    const std::string partial = name + DirectorySink::kPartialSuffix;
+    ::unlinkat(parent->descriptor(), partial.c_str(), AT_REMOVEDIR);
+    throw;
   }
 }
 
-/// False when the name is in use. The numbers start anew with every daemon, so an earlier one may
-/// have used it within the same second.
-bool DirectoryStore::tryToMake(const std::string& name) const {
-  struct stat found = {};
-  if (::fstatat(folder_.descriptor(), name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0) return false;
-  const std::string partial = name + DirectorySink::kPartialSuffix;
-  if (::mkdirat(folder_.descriptor(), partial.c_str(), kFolderMode) == 0) return true;
-  if (errno != EEXIST) throw SystemError("creating stream folder", errno);
-  return false;
+}  // namespace
+
+void throwOutputMoved(const std::string& path) {
+  throw std::runtime_error("output folder was moved, replaced or unmounted: " + path);
+}
+
+DirectoryStore::DirectoryStore(const std::string& path) : path_(path), folder_(openOutput(path)) {}
+
+std::unique_ptr<Sink> DirectoryStore::open(const std::string& queue, std::time_t opened) {
+  const std::shared_ptr<const File> folder = findFolder();
+  const std::string prefix = fileNameOf(queue) + "-" + utcForFileName(opened) + "-";
+  for (;;) {
+    const std::string name = prefix + std::to_string(++lastNumber_);
+    if (tryToMake(*folder, name)) return openSink(folder, name, path_);
+  }
+}
+
+std::shared_ptr<const File> DirectoryStore::findFolder() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  if (folder_->isNamed(AT_FDCWD, path_, File::Links::Follow)) return folder_;
+  if (!isRemoved(*folder_)) throwOutputMoved(path_);
+  return folder_ = openOutput(path_);
 }
 
 }  // namespace korvexd

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <ctime>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "korvexd/File.h"
@@ -13,22 +14,31 @@
 namespace korvexd {
 
 /// The folder that streams are stored in, one folder for each, named
-/// QUEUE-yyyymmddThhmmssZ-NUMBER. Outlives its sinks. Any thread may open streams.
+/// QUEUE-yyyymmddThhmmssZ-NUMBER. Any thread may open streams.
+///
+/// The folder is held open. While its path leads elsewhere (it was renamed, or something is mounted
+/// there), no stream is stored: people would not find it. Once it was removed, the folder that has
+/// its path then takes its place.
 class DirectoryStore {
  public:
-  /// The folder must exist. Throws SystemError.
+  /// The folder must exist, and things can be made in it. Throws SystemError.
   explicit DirectoryStore(const std::string& path);
 
-  /// Makes a folder under a name that was never used here. Throws SystemError.
+  /// Makes a folder under a name that was never used here. Throws std::exception; nothing is left
+  /// then.
   std::unique_ptr<Sink> open(const std::string& queue, std::time_t opened);
 
  private:
-  bool tryToMake(const std::string& name) const;
+  std::shared_ptr<const File> findFolder();
 
-  std::string path_;
-  File folder_;
+  const std::string path_;
+  std::mutex mutex_;
+  std::shared_ptr<const File> folder_;  ///< guarded by the mutex
   std::atomic<std::uint64_t> lastNumber_{0};
 };
+
+/// The path of the output folder leads to another one than it did. Throws std::runtime_error.
+[[noreturn]] void throwOutputMoved(const std::string& path);
 
 }  // namespace korvexd
 

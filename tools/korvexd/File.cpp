@@ -63,6 +63,20 @@ File File::openFolder(const std::string& path, const std::string& doing) {
   return folder;
 }
 
+bool File::isNamed(int folder, const std::string& name, Links links) const noexcept {
+  struct stat here = {};
+  struct stat there = {};
+  const int flags = links == Links::Follow ? 0 : AT_SYMLINK_NOFOLLOW;
+  return ::fstat(descriptor_, &here) == 0 && ::fstatat(folder, name.c_str(), &there, flags) == 0 &&
+         here.st_dev == there.st_dev && here.st_ino == there.st_ino;
+}
+
+std::uint64_t File::size(const std::string& doing) const {
+  struct stat found = {};
+  if (::fstat(descriptor_, &found) != 0) throw SystemError(doing, errno);
+  return static_cast<std::uint64_t>(found.st_size);
+}
+
 void File::writeAll(const void* data, std::size_t size, const std::string& doing) {
   const auto* rest = static_cast<const unsigned char*>(data);
   while (size > 0) {
@@ -78,7 +92,7 @@ void File::sync(const std::string& doing) {
   if (::fsync(descriptor_) != 0) throw SystemError(doing, errno);
 }
 
-void replaceFile(int folder, const std::string& name, const std::string& text, mode_t mode,
+File replaceFile(int folder, const std::string& name, const std::string& text, mode_t mode,
                  const std::string& doing) {
   const std::string temporary = name + kTemporarySuffix;
   // One that a crash left behind, or that somebody planted, must not be written through.
@@ -90,6 +104,7 @@ void replaceFile(int folder, const std::string& name, const std::string& text, m
     if (::renameat(folder, temporary.c_str(), folder, name.c_str()) != 0) {
       throw SystemError(doing, errno);
     }
+    return file;
   } catch (const SystemError&) {
     ::unlinkat(folder, temporary.c_str(), 0);
     throw;

@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 namespace korvexd {
@@ -28,6 +29,15 @@ class File {
 
   int descriptor() const noexcept { return descriptor_; }
 
+  /// What to do with a symbolic link in the last part of a name.
+  enum class Links { Follow, Refuse };
+
+  /// Whether `name` in a folder (or AT_FDCWD) leads here, not elsewhere or nowhere.
+  bool isNamed(int folder, const std::string& name, Links links) const noexcept;
+
+  /// Its size now. Throws SystemError.
+  std::uint64_t size(const std::string& doing) const;
+
   /// Writes everything, in as many steps as the system takes.
   void writeAll(const void* data, std::size_t size, const std::string& doing);
 
@@ -38,8 +48,9 @@ class File {
   int descriptor_ = -1;
 };
 
-/// Replaces or creates `name` in `folder` with this text, synced; never half of it is seen.
-void replaceFile(int folder, const std::string& name, const std::string& text, mode_t mode,
+/// Replaces or creates `name` in `folder` with this text, synced; never half of it is seen. Gives
+/// the file that has the name now.
+File replaceFile(int folder, const std::string& name, const std::string& text, mode_t mode,
                  const std::string& doing);
 
 /// Gives a file or a folder in `folder` (or AT_FDCWD) another name there. Fails with EEXIST when

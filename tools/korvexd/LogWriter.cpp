@@ -18,17 +18,25 @@
 namespace korvexd {
 namespace {
 
+/// Lines that are in no log, for one reason.
+struct Loss {
+  const char* reason;
+  std::uint64_t lines = 0;
+};
+
 /// As every other line of the log.
-std::string noticeOf(std::uint64_t lost) {
-  const std::string text = std::to_string(lost) + " log lines are missing here: nobody read them";
+std::string noticeOf(const Loss& loss) {
+  const std::string text =
+      std::to_string(loss.lines) + " log lines are missing here: " + loss.reason;
   spdlog::memory_buf_t line;
   spdlog::pattern_formatter().format(spdlog::details::log_msg("korvexd", spdlog::level::warn, text),
                                      line);
   return {line.data(), line.size()};
 }
 
-/// What cannot be written has nowhere else to go.
-void writeAll(int descriptor, const std::string& line) noexcept {
+/// How much was written: less than everything when the system refuses, because the disk is full or
+/// the reader is gone.
+std::size_t writeAll(int descriptor, const std::string& line) noexcept {
   const char* rest = line.data();
   std::size_t size = line.size();
   while (size > 0) {
@@ -41,9 +49,10 @@ void writeAll(int descriptor, const std::string& line) noexcept {
       pollfd ready = {descriptor, POLLOUT, 0};
       ::poll(&ready, 1, -1);
     } else if (errno != EINTR) {
-      return;
+      break;
     }
   }
+  return line.size() - size;
 }
 
 /// Keeps every signal from the calling thread as long as it exists.
@@ -68,14 +77,18 @@ struct LogWriter::State {
   explicit State(int file) : descriptor(file) {}
 
   void run() noexcept;
-  std::string next() noexcept;
+  void writeNext(std::unique_lock<std::mutex>& lock) noexcept;
+  bool report(Loss& loss, std::unique_lock<std::mutex>& lock) noexcept;
+  bool write(const std::string& text, std::unique_lock<std::mutex>& lock) noexcept;
 
   const int descriptor;
   std::mutex mutex;
   std::condition_variable changed;
   std::condition_variable ended;
   std::deque<std::string> lines;
-  std::uint64_t lost = 0;
+  Loss unwritten{"they could not be written"};
+  Loss unread{"nobody read them"};
+  bool isCut = false;  ///< what was written last has no line feed; the thread's alone
   bool isOver = false;
   bool hasEnded = false;
 };
@@ -85,29 +98,46 @@ void LogWriter::State::run() noexcept {
   for (;;) {
     changed.wait(lock, [this] { return isOver || !lines.empty(); });
     if (lines.empty()) break;
-    const std::string line = next();
-    lock.unlock();
-    writeAll(descriptor, line);
-    lock.lock();
+    writeNext(lock);
   }
+  if (report(unwritten, lock)) report(unread, lock);
   hasEnded = true;
   ended.notify_all();
 }
 
-/// What to write now. The lines that were lost were older than those that are there.
-std::string LogWriter::State::next() noexcept {
-  if (lost != 0) {
-    try {
-      std::string notice = noticeOf(lost);
-      lost = 0;
-      return notice;
-    } catch (const std::exception&) {
-      // No memory just now; it is said before a later line.
-    }
+/// What is missing comes first: it was older than the lines that are there, and more may be missing
+/// after each notice. Where no notice can be written, the next line is not tried.
+void LogWriter::State::writeNext(std::unique_lock<std::mutex>& lock) noexcept {
+  bool canWrite = true;
+  while (canWrite && (unwritten.lines != 0 || unread.lines != 0)) {
+    canWrite = report(unwritten, lock) && report(unread, lock);
   }
-  std::string line = std::move(lines.front());
+  const std::string line = std::move(lines.front());
   lines.pop_front();
-  return line;
+  if (!canWrite || !write(line, lock)) ++unwritten.lines;
+}
+
+/// False when the notice could not be written; it is tried again before a later line.
+bool LogWriter::State::report(Loss& loss, std::unique_lock<std::mutex>& lock) noexcept {
+  if (loss.lines == 0) return true;
+  const std::uint64_t reported = loss.lines;
+  try {
+    if (!write(noticeOf(loss), lock)) return false;
+  } catch (const std::exception&) {
+    return false;  // no memory just now
+  }
+  loss.lines -= reported;
+  return true;
+}
+
+/// Releases the lock meanwhile, for those who log.
+bool LogWriter::State::write(const std::string& text, std::unique_lock<std::mutex>& lock) noexcept {
+  lock.unlock();
+  if (isCut) isCut = writeAll(descriptor, "\n") == 0;
+  const std::size_t written = isCut ? 0 : writeAll(descriptor, text);
+  if (written != 0) isCut = written < text.size();
+  lock.lock();
+  return written == text.size();
 }
 
 LogWriter::LogWriter(int descriptor, std::chrono::milliseconds patience)
@@ -136,12 +166,12 @@ void LogWriter::add(std::string line) noexcept {
   try {
     state_->lines.push_back(std::move(line));
   } catch (const std::exception&) {
-    ++state_->lost;
+    ++state_->unread.lines;
     return;
   }
   if (state_->lines.size() > kMostLines) {
     state_->lines.pop_front();
-    ++state_->lost;
+    ++state_->unread.lines;
   }
   state_->changed.notify_one();
 }

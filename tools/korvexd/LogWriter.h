@@ -13,7 +13,9 @@ namespace korvexd {
 /// reader: a pipe that nobody reads, a terminal that is held, a disk that hangs.
 ///
 /// Lines keep their order. While the reader does not keep up, the oldest of kMostLines gives way to
-/// the newest, and a line in their place says how many are missing. The thread takes no signals.
+/// the newest. A line that cannot be written, on a full disk for example, is not tried again. A
+/// line in place of the missing ones says how many they are, as soon as it can be written. The
+/// thread takes no signals.
 class LogWriter {
  public:
   static constexpr std::size_t kMostLines = 8192;

@@ -48,7 +48,37 @@ void QueueServer::run(const std::atomic<bool>& stop) noexcept {
       replacePair(error.what());
     }
   }
+  drain();
   session_.end("the daemon ended");
+}
+
+/// A producer may have closed its stream already.
+void QueueServer::drain() noexcept {
+  if (pair_ == nullptr) return;
+  try {
+    surviveCut([this] {
+      takeRest();
+      reportUntaken();
+    });
+  } catch (const std::exception& error) {
+    replacePair(error.what());
+  }
+}
+
+/// No more than there are now: producers may go on sending.
+void QueueServer::takeRest() {
+  const auto deadline = LockWatch::Clock::now() + kDrainPatience;
+  pause_.reset();
+  std::size_t rest = pair_->batches().view().messages();
+  while (rest > 0 && LockWatch::Clock::now() < deadline) {
+    if (tryTakeMessage()) --rest;
+  }
+}
+
+void QueueServer::reportUntaken() const {
+  const std::size_t untaken = pair_->batches().view().messages();
+  if (untaken == 0) return;
+  spdlog::warn("{}: the daemon ends, messages not taken: {}", queue(), untaken);
 }
 
 /// Tries one message. An empty queue whose lock is taken is tried as well: the one who holds the
@@ -62,13 +92,22 @@ void QueueServer::step() {
     watchQueues();
     return pause();
   }
+  tryTakeMessage();
+}
+
+/// Pauses when there was none to be had.
+bool QueueServer::tryTakeMessage() {
   OwnedQueue& batches = pair_->batches();
   std::size_t size = 0;
   const auto outcome = batches.queue().tryReceiveNext(message_.data(), message_.size(), size);
   lockWatch_.note(outcome, batches.view(), LockWatch::Clock::now());
-  if (outcome != MessageQueue::Outcome::Done) return pause();
+  if (outcome != MessageQueue::Outcome::Done) {
+    pause();
+    return false;
+  }
   pause_.reset();
   takeMessage(size);
+  return true;
 }
 
 bool QueueServer::isIdle() const noexcept {

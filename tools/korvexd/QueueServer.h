@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -27,6 +28,10 @@ namespace korvexd {
 /// removed and made anew; the stream on it ends as incomplete.
 class QueueServer {
  public:
+  /// What takes longer than this at the end is a disk or a producer that hangs; a supervisor kills
+  /// a daemon after ten seconds or more.
+  static constexpr std::chrono::seconds kDrainPatience{3};
+
   struct Settings {
     std::string queue;
     korvex::MessageQueue::Limits limits;
@@ -39,7 +44,8 @@ class QueueServer {
   /// Creates the queues. Throws std::exception when that fails.
   explicit QueueServer(const Settings& settings);
 
-  /// Serves until `stop` is set; the message at hand is finished. Call it in a thread of its own.
+  /// Serves until `stop` is set, then takes the messages that are in the queue at that moment, for
+  /// kDrainPatience at most, and logs how many it did not take. Call it in a thread of its own.
   void run(const std::atomic<bool>& stop) noexcept;
 
   const std::string& queue() const noexcept { return settings_.queue; }
@@ -48,6 +54,10 @@ class QueueServer {
  private:
   void open(QueuePair::Existing existing);
   void step();
+  void drain() noexcept;
+  void takeRest();
+  void reportUntaken() const;
+  bool tryTakeMessage();
   bool isIdle() const noexcept;
   void watchQueues();
   void takeMessage(std::size_t size);

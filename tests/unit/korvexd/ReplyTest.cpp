@@ -1,10 +1,13 @@
 #include "korvexd/Reply.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "integration/support/Queues.h"
 #include "korvexd/QueuePair.h"
 #include "korvexd/ReplySender.h"
+#include "support/Namespaces.h"
+#include "support/SharedObject.h"
 
 using korvex::MessageQueue;
 using korvexd::Count;
@@ -90,6 +93,7 @@ TEST_F(ReplySenderTest, WithdrawsWhatWasNotPickedUp) {
 }
 
 TEST_F(ReplySenderTest, NoticesAProducerThatDiedWithTheLock) {
+  if (!korvex_test::seesEveryThread()) GTEST_SKIP() << "no view of other PID namespaces";
   EXPECT_NO_THROW(sender_.checkLock());
   test_support::dieHoldingLockOf(name_ + "Response");
   EXPECT_THROW(sender_.checkLock(), korvexd::LockLost);
@@ -110,4 +114,46 @@ TEST(LockWatch, LosesPatienceWithALivingOwnerAfterFiveSeconds) {
   EXPECT_THROW(watch.note(taken, queue.view(), start + milliseconds(5000)), korvexd::LockLost);
   watch.note(MessageQueue::Outcome::NotReady, queue.view(), start + milliseconds(5000));
   EXPECT_NO_THROW(watch.note(taken, queue.view(), start + milliseconds(9000)));
+}
+
+namespace {
+
+/// A lock that is never to be had, held by whom a test says.
+class ContendedLock : public testing::Test {
+ protected:
+  /// Finds the lock taken by the thread so long after the start.
+  void noteOwner(pid_t thread, std::chrono::milliseconds after) {
+    auto& lock = lock_.mutex()->__data;
+    lock.__lock = 1;
+    lock.__owner = thread;
+    watch_.note(MessageQueue::Outcome::LockTaken, queue_.view(), start_ + after);
+  }
+
+  const std::string name_ = test_support::uniqueQueueName();
+  const test_support::QueueRemover remover_{name_};
+  const MessageQueue queue_{name_, {1, 100}, 0600};
+  const korvex_test::QueueLock lock_{name_};
+  korvexd::LockWatch watch_;
+  const korvexd::LockWatch::Clock::time_point start_ = korvexd::LockWatch::Clock::now();
+  // Both live as long as the test.
+  const pid_t one_ = ::getpid();
+  const pid_t other_ = ::getppid();
+};
+
+}  // namespace
+
+TEST_F(ContendedLock, LeavesEachOwnerFiveSeconds) {
+  using std::chrono::milliseconds;
+  noteOwner(one_, milliseconds(0));
+  EXPECT_NO_THROW(noteOwner(other_, milliseconds(4999)));
+  EXPECT_NO_THROW(noteOwner(other_, milliseconds(9998)));
+  EXPECT_THROW(noteOwner(other_, milliseconds(9999)), korvexd::LockLost);
+}
+
+TEST_F(ContendedLock, IsGivenUpAfterAMinuteOfAnyOwners) {
+  using std::chrono::seconds;
+  for (int second = 0; second < 60; ++second) {
+    ASSERT_NO_THROW(noteOwner(second % 2 == 0 ? one_ : other_, seconds(second))) << second;
+  }
+  EXPECT_THROW(noteOwner(one_, seconds(60)), korvexd::LockLost);
 }

@@ -6,8 +6,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
+#include <fstream>
+#include <functional>
 #include <nlohmann/json.hpp>
 
+#include "integration/support/Child.h"
 #include "integration/support/TemporaryFolder.h"
 #include "korvexd/DirectorySink.h"
 #include "korvexd/DirectoryStore.h"
@@ -23,6 +27,9 @@ using test_support::contentsOf;
 using test_support::namesIn;
 using test_support::TemporaryFolder;
 using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -300,5 +307,159 @@ TEST(DirectoryStoreErrors, NameAMissingFolder) {
   } catch (const SystemError& error) {
     EXPECT_STREQ(error.what(),
                  "opening output folder /nonexistent: error 2 (No such file or directory)");
+  }
+}
+
+namespace {
+
+/// What the call threw; empty for nothing.
+std::string failureOf(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (const std::exception& error) {
+    return error.what();
+  }
+  return "";
+}
+
+/// What somebody does to an open stream, and what its close says of it.
+struct Meddling {
+  const char* name;
+  std::function<void(const std::string& partial)> act;
+  const char* failure;
+};
+
+void writeFile(const std::string& path, const std::string& text) {
+  std::ofstream(path, std::ios::trunc) << text;
+}
+
+void replaceFolder(const std::string& path) {
+  fs::rename(path, path + ".moved");
+  fs::create_directory(path);
+}
+
+class MeddledSink : public DirectorySinkTest, public testing::WithParamInterface<Meddling> {};
+
+INSTANTIATE_TEST_SUITE_P(
+    , MeddledSink,
+    testing::Values(
+        Meddling{"DataRemoved", [](const auto& partial) { fs::remove(partial + "/data"); },
+                 "data file was removed or exchanged: data"},
+        Meddling{"DataExchanged",
+                 [](const auto& partial) {
+                   fs::rename(partial + "/data", partial + "/other");
+                   writeFile(partial + "/data", "abc");
+                 },
+                 "data file was removed or exchanged: data"},
+        Meddling{"DataALink",
+                 [](const auto& partial) {
+                   fs::rename(partial + "/data", partial + "/other");
+                   fs::create_symlink("other", partial + "/data");
+                 },
+                 "data file was removed or exchanged: data"},
+        Meddling{"DataGrown", [](const auto& partial) { fs::resize_file(partial + "/data", 4); },
+                 "data file was changed: found 4 bytes, expected 3"},
+        Meddling{"FolderRemoved", [](const auto& partial) { fs::remove_all(partial); }, ""},
+        Meddling{"FolderMoved",
+                 [](const auto& partial) { fs::rename(partial, partial + ".moved"); },
+                 "stream folder was removed or exchanged: q-20010909T014640Z-1.partial"},
+        Meddling{"FolderExchanged", replaceFolder,
+                 "stream folder was removed or exchanged: q-20010909T014640Z-1.partial"},
+        Meddling{"OutputMoved",
+                 [](const auto& partial) { replaceFolder(fs::path(partial).parent_path()); },
+                 "output folder was moved, replaced or unmounted: "}),
+    [](const auto& meddling) { return std::string(meddling.param.name); });
+
+}  // namespace
+
+TEST_P(MeddledSink, GetsNoFinalName) {
+  const TemporaryFolder parent;
+  const std::string output = parent.makeFolder("out");
+  DirectoryStore store(output);
+  const auto sink = store.open("q", kOpened);
+  writeText(*sink, "abc");
+  GetParam().act(output + "/" + kPartial);
+  const std::string failure = failureOf([&] { sink->complete(kSummary); });
+  EXPECT_NE(failure, "");
+  EXPECT_THAT(failure, HasSubstr(GetParam().failure));
+  EXPECT_FALSE(fs::exists(output + "/" + kFinal) || fs::exists(output + ".moved/" + kFinal));
+}
+
+namespace {
+
+/// A store whose folder is moved about.
+class MovedOutput : public testing::Test {
+ protected:
+  std::string openingFails() {
+    return failureOf([this] { store_.open("q", kOpened); });
+  }
+
+  void expectStored() {
+    const auto sink = store_.open("q", kOpened);
+    sink->complete(kSummary);
+    EXPECT_TRUE(fs::exists(sink->place())) << sink->place();
+  }
+
+  const TemporaryFolder parent_;
+  const std::string path_ = parent_.makeFolder("out");
+  const std::string moved_ = parent_ / "moved";
+  DirectoryStore store_{path_};
+};
+
+}  // namespace
+
+TEST_F(MovedOutput, TakesNoStreamsUntilItIsBack) {
+  const std::string expected = "output folder was moved, replaced or unmounted: " + path_;
+  fs::rename(path_, moved_);
+  EXPECT_EQ(openingFails(), expected);
+  fs::create_directory(path_);
+  EXPECT_EQ(openingFails(), expected);
+  EXPECT_THAT(namesIn(path_), IsEmpty());
+  EXPECT_THAT(namesIn(moved_), IsEmpty());
+  fs::remove(path_);
+  fs::rename(moved_, path_);
+  expectStored();
+}
+
+TEST_F(MovedOutput, IsReplacedByANewOneOnceItIsRemoved) {
+  fs::remove(path_);
+  EXPECT_EQ(openingFails(),
+            "opening output folder " + path_ + ": error 2 (No such file or directory)");
+  fs::create_directory(path_);
+  expectStored();
+}
+
+TEST_F(MovedOutput, MayBeReachedByALink) {
+  fs::rename(path_, moved_);
+  fs::create_directory_symlink(moved_, path_);
+  expectStored();
+}
+
+TEST(UnwritableOutput, IsAnErrorAtTheStart) {
+  const TemporaryFolder parent;
+  fs::permissions(parent.path(), fs::perms(0755));
+  const std::string output = parent.makeFolder("out");
+  fs::permissions(output, fs::perms(0555));
+  const std::string failure = test_support::resultOfChild([&] {
+    test_support::dropPrivileges();
+    return failureOf([&] { DirectoryStore store(output); });
+  });
+  EXPECT_EQ(failure,
+            "making streams in output folder " + output + ": error 13 (Permission denied)");
+}
+
+TEST_F(DirectorySinkTest, LeavesNothingWhenItCannotBeMade) {
+  rlimit before = {};
+  ::getrlimit(RLIMIT_NOFILE, &before);
+  const int lowest = ::dup(STDERR_FILENO);
+  ::close(lowest);
+  for (const int more : {0, 1}) {
+    rlimit limit = before;
+    limit.rlim_cur = static_cast<rlim_t>(lowest + more);
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+    const std::string failure = failureOf([this] { open(); });
+    ::setrlimit(RLIMIT_NOFILE, &before);
+    EXPECT_THAT(failure, HasSubstr("error 24 (Too many open files)"));
+    EXPECT_THAT(namesIn(folder_.path()), IsEmpty());
   }
 }

@@ -1,0 +1,160 @@
+#include "shm/LockOwner.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "support/NoCancellation.h"
+
+namespace korvex {
+namespace {
+
+/// The inode of the initial PID namespace, fixed by the kernel. Every thread has an id there.
+constexpr ino_t kInitialNamespace = 0xEFFFFFFC;
+
+constexpr char kZombie = 'Z';
+constexpr char kDead = 'X';
+constexpr int kDecimal = 10;
+
+/// The fields of /proc/.../status that are looked at come within its first hundreds of bytes.
+constexpr std::size_t kStatusSize = 2048;
+
+/// Reads the start of a file of /proc. False, with the reason in errno, when there is nothing.
+template <std::size_t Size>
+bool readFile(const char* path, char (&text)[Size]) noexcept {
+  const int file = ::open(path, O_RDONLY | O_CLOEXEC);
+  if (file < 0) return false;
+  errno = 0;
+  const ssize_t size = ::read(file, text, Size - 1);
+  ::close(file);
+  text[size > 0 ? size : 0] = '\0';
+  return size > 0;
+}
+
+/// The letter that the system gives a thread's state; 0 when it gives none.
+char stateHere(pid_t thread) noexcept {
+  char path[32];
+  char text[128];
+  std::snprintf(path, sizeof path, "/proc/%d/stat", thread);
+  if (!readFile(path, text)) return '\0';
+  // "pid (name) state ...", and the name may hold anything, even parentheses.
+  const char* const nameEnd = std::strrchr(text, ')');
+  return nameEnd != nullptr && nameEnd[1] == ' ' ? nameEnd[2] : '\0';
+}
+
+bool isOver(char state) noexcept { return state == kZombie || state == kDead; }
+
+/// A process that was killed stays a zombie until its parent asks for it; its locks are lost all
+/// the same.
+bool livesHere(pid_t thread) noexcept {
+  if (::kill(thread, 0) != 0 && errno == ESRCH) return false;
+  return !isOver(stateHere(thread));
+}
+
+/// What the system says of a thread wherever it lives.
+class Status {
+ public:
+  enum class Reading { Done, ThreadEnded, Refused };
+
+  /// `folder` is the thread's in /proc.
+  Reading read(const char* folder) noexcept {
+    char path[80];
+    std::snprintf(path, sizeof path, "%s/status", folder);
+    if (!readFile(path, text_)) {
+      return errno == ENOENT || errno == ESRCH ? Reading::ThreadEnded : Reading::Refused;
+    }
+    ids_ = field("\nNSpid:\t");
+    state_ = field("\nState:\t");
+    const bool isWhole = state_ != nullptr && ids_ != nullptr && std::strchr(ids_, '\n') != nullptr;
+    return isWhole ? Reading::Done : Reading::Refused;
+  }
+
+  bool isAlive() const noexcept { return !isOver(*state_); }
+
+  /// Whether the thread has more than one id: the one here and those of namespaces below.
+  bool isForeign() const noexcept { return std::strcspn(ids_, "\t") < std::strcspn(ids_, "\n"); }
+
+  /// The id in the thread's own namespace, the last one on the line.
+  pid_t ownId() const noexcept {
+    const char* last = ids_;
+    for (const char* at = ids_; *at != '\n' && *at != '\0'; ++at) {
+      if (*at == '\t') last = at + 1;
+    }
+    return static_cast<pid_t>(std::strtol(last, nullptr, kDecimal));
+  }
+
+ private:
+  const char* field(const char* name) const noexcept {
+    const char* const at = std::strstr(text_, name);
+    return at == nullptr ? nullptr : at + std::strlen(name);
+  }
+
+  char text_[kStatusSize];
+  const char* ids_ = nullptr;
+  const char* state_ = nullptr;
+};
+
+struct CloseFolder {
+  void operator()(DIR* folder) const noexcept { ::closedir(folder); }
+};
+using Folder = std::unique_ptr<DIR, CloseFolder>;
+
+/// Looks at each entry of a folder that is a number. False as soon as `look` says so, or when the
+/// folder cannot be read to its end.
+template <typename Look>
+bool everyNumberIn(const char* path, Look look) noexcept {
+  const Folder folder(::opendir(path));
+  if (folder == nullptr) return errno == ENOENT;  // a process that has just ended
+  for (;;) {
+    errno = 0;
+    const dirent* const entry = ::readdir(folder.get());
+    if (entry == nullptr) return errno == 0 || errno == ENOENT || errno == ESRCH;
+    const long number = std::strtol(entry->d_name, nullptr, kDecimal);
+    if (number > 0 && !look(number)) return false;
+  }
+}
+
+/// Whether no living thread of this process has the id. Threads of one process share a namespace,
+/// so those of ours need no look: they were asked for by their id already.
+bool isNoThreadOf(long process, pid_t id) noexcept {
+  char folder[32];
+  std::snprintf(folder, sizeof folder, "/proc/%ld", process);
+  Status status;
+  const auto reading = status.read(folder);
+  if (reading != Status::Reading::Done) return reading == Status::Reading::ThreadEnded;
+  if (!status.isForeign()) return true;
+  std::snprintf(folder, sizeof folder, "/proc/%ld/task", process);
+  return everyNumberIn(folder, [&](long thread) {
+    char path[64];
+    std::snprintf(path, sizeof path, "/proc/%ld/task/%ld", process, thread);
+    const auto found = status.read(path);
+    if (found != Status::Reading::Done) return found == Status::Reading::ThreadEnded;
+    return !status.isAlive() || status.ownId() != id;
+  });
+}
+
+/// The first process is another user's to everybody but root, so it is hidden where any is.
+bool seesEveryProcess() noexcept {
+  struct stat found = {};
+  Status first;
+  return ::stat("/proc/self/ns/pid", &found) == 0 && found.st_ino == kInitialNamespace &&
+         first.read("/proc/1") == Status::Reading::Done;
+}
+
+}  // namespace
+
+bool isLockOwnerGone(pid_t thread) noexcept {
+  const NoCancellation noCancellation;
+  if (livesHere(thread) || !seesEveryProcess()) return false;
+  return everyNumberIn("/proc", [thread](long process) { return isNoThreadOf(process, thread); });
+}
+
+}  // namespace korvex

@@ -1,0 +1,54 @@
+#ifndef TESTS_INTEGRATION_SUPPORT_LOCK_HOLDER_H
+#define TESTS_INTEGRATION_SUPPORT_LOCK_HOLDER_H
+
+#include <sys/types.h>
+
+#include <string>
+
+#include "support/SharedObject.h"
+
+namespace test_support {
+
+/// Whether this process may make PID namespaces.
+bool canMakePidNamespace();
+
+/// An id that no process here has, but one in a young namespace soon can have.
+pid_t freeProcessId();
+
+/// A living process that has a queue's lock until it is asked to give it back. Killed when the
+/// object goes.
+class LockHolder {
+ public:
+  /// In this process's PID namespace.
+  explicit LockHolder(const std::string& queue);
+
+  /// In a namespace of its own, where the holder has this id.
+  LockHolder(const std::string& queue, pid_t ownId);
+
+  ~LockHolder();
+  LockHolder(const LockHolder&) = delete;
+  LockHolder& operator=(const LockHolder&) = delete;
+
+  /// Waits until somebody else has waited for the lock in vain. False when nobody did.
+  bool awaitOthersTry() const;
+
+  void release();
+
+  /// With the lock in its hands.
+  void die();
+
+ private:
+  void start(unsigned long namespaceFlags, pid_t ownId);
+  [[noreturn]] void holdHere() const;
+  [[noreturn]] void holdAs(pid_t ownId) const;
+  bool awaitWaiter() const;
+
+  korvex_test::QueueLock lock_;
+  int wishes_[2];   ///< to the holder
+  int answers_[2];  ///< from it
+  pid_t process_ = -1;
+};
+
+}  // namespace test_support
+
+#endif

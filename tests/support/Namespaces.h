@@ -1,0 +1,20 @@
+#ifndef TESTS_SUPPORT_NAMESPACES_H
+#define TESTS_SUPPORT_NAMESPACES_H
+
+#include <sys/stat.h>
+
+namespace korvex_test {
+
+/// The inode of the PID namespace that every thread of the system has an id in.
+constexpr ino_t kInitialPidNamespace = 0xEFFFFFFC;
+
+/// Whether this process sees every thread of the system. Elsewhere the death of a lock's owner
+/// cannot be known.
+inline bool seesEveryThread() {
+  struct stat found = {};
+  return ::stat("/proc/self/ns/pid", &found) == 0 && found.st_ino == kInitialPidNamespace;
+}
+
+}  // namespace korvex_test
+
+#endif
