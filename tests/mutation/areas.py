@@ -11,8 +11,8 @@ from programs import Program
 
 
 def unit_program(path):
-    # Unchanged, none takes more than a tenth of a second. This limit does not depend on how busy the
-    # machine is.
+    # Unchanged, none takes more than a tenth of a second. This limit does not depend on how busy
+    # the machine is.
     return Program(path, ("--gtest_fail_fast", "--gtest_brief=1"), core_seconds=3)
 
 
@@ -53,7 +53,8 @@ AREAS = (
     Area("library",
          (r"src/.*\.(cpp|h)", r"include/korvex/[^/]*\.h"),
          95,
-         (tuple(unit_program(f"tests/unit/korvex_{name}_tests") for name in ("unit", "system_call")),
+         (tuple(unit_program(f"tests/unit/korvex_{name}_tests")
+                for name in ("unit", "system_call")),
           tuple(unit_program(f"tests/unit/korvex_{name}_tests")
                 for name in ("lock", "pause", "allocation", "reservation")),
           (Program(PROPERTY, ("--script", "tests/property/scripts/*.script")),

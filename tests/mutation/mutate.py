@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Changes the library, the daemon and the tool in many small ways, one at a time, and sees whether a test notices.
+"""Changes library, daemon and tool in many small ways, one at a time; sees whether a test notices.
 
 Ends with 0 when enough mutants are killed and every survivor is explained, else with 1. The report
 is build/mutation/report.md; report.json holds every mutant.

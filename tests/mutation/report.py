@@ -95,7 +95,8 @@ class Report:
         return enough and not self.unexplained()
 
     def summary(self):
-        parts = [f"{area.name}: {killed_text(self.counts_of(area))} (wanted: {area.wanted_percent} %)"
+        parts = [f"{area.name}: {killed_text(self.counts_of(area))} "
+                 f"(wanted: {area.wanted_percent} %)"
                  for area in AREAS if total_of(self.counts_of(area))]
         return "; ".join([*parts, f"{self.counts[SURVIVED]} survived, "
                           f"{len(self.unexplained())} of them without an explanation",

@@ -43,8 +43,9 @@ def tree_files(root):
 
 
 class Workshop:
-    """One job's copy, for the mutants of these areas. Made once; later runs only bring it up to date.
+    """One job's copy, for the mutants of these areas.
 
+    Made once; later runs only bring it up to date.
     `needs_slow_tests` tells whether a mutant that the quick tests let live goes to the slow ones.
     """
 
