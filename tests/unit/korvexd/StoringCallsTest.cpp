@@ -194,6 +194,20 @@ TEST_F(StoringCalls, OfAnIncompleteStreamNeverGiveItsFinalName) {
                                   "write stream.partial/data"));
 }
 
+TEST_F(StoringCalls, GatherRecordsUntilTheyAreWorthAWrite) {
+  const auto sink = open();
+  calls_.clear();
+  write(*sink, std::string(100000, 'x'));
+  write(*sink, std::string(162144, 'x'));
+  EXPECT_THAT(calls_, ElementsAre()) << "256 KiB, not one byte more";
+  write(*sink, "x");
+  EXPECT_THAT(calls_, ElementsAre("write stream.partial/data"));
+  write(*sink, std::string(262143, 'x'));
+  EXPECT_EQ(calls_.size(), 1u);
+  write(*sink, std::string(262144, 'x'));
+  EXPECT_EQ(calls_.size(), 3u) << "what was gathered, then what is large";
+}
+
 TEST_F(StoringCalls, ReplaceTheStatisticsAsAWhole) {
   korvexd::Stats stats;
   korvexd::StatsFile file(folder_ / "stats.json", {{"q", &stats}});
