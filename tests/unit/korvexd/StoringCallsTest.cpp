@@ -270,6 +270,19 @@ TEST_F(StoringCalls, LeaveNoTemporaryFileWhenTheLastOneFails) {
   EXPECT_THAT(namesIn(folder_ / kPartial), ElementsAre("data"));
 }
 
+TEST_F(StoringCalls, ThatDoNotReachTheDiskLeaveTheStreamPartial) {
+  for (int failing = 1; failing <= 4; ++failing) {
+    const auto sink = open();
+    instead.sync = [rest = failing](int file) mutable {
+      return --rest == 0 ? system_calls::failing(EIO) : system_calls::sync(file);
+    };
+    EXPECT_EQ(errorOf([&] { sink->complete(kSummary); }), EIO) << failing;
+  }
+  for (const std::string& name : namesIn(folder_.path())) {
+    EXPECT_EQ(fs::path(name).extension(), ".partial");
+  }
+}
+
 TEST_F(StoringCalls, FindAnotherNameWhenOneIsTakenMeanwhile) {
   instead.mkdirat = [isFirst = true](int folder, const char* name, mode_t mode) mutable {
     if (std::exchange(isFirst, false)) return failing(EEXIST);
