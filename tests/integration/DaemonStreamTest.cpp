@@ -168,6 +168,39 @@ TEST_F(DaemonStream, IsReportedWhenTheDaemonCannotTakeItAtItsEnd) {
   EXPECT_THAT(daemon->errors(), HasSubstr(queue_ + ": the daemon ends, messages not taken: 1"));
 }
 
+TEST_F(DaemonStream, IsIncompleteWhenItsQueuesAreLost) {
+  const auto daemon = start({"--stats", statsFile_});
+  const auto to = writer();
+  to->open();
+  write(*to, "abc");
+  to->flush_shm_buffer(kTimeout);
+  ASSERT_TRUE(awaitCount("bytes", 3));
+  ASSERT_TRUE(korvex::MessageQueue::remove(queue_));
+  ASSERT_TRUE(awaitLog(*daemon, queue_ + ": served anew"));
+  ASSERT_EQ(streams(true).size(), 1u);
+  EXPECT_EQ(manifestOf(streams(true)[0])["reason"],
+            "its queues were lost: somebody removed or replaced their names");
+  EXPECT_TRUE(awaitCount("streams_incomplete", 1));
+  EXPECT_EQ(stream("abc"), "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950");
+  end(*daemon);
+}
+
+TEST_F(DaemonStream, LeavesNoDescriptorOpen) {
+  const auto daemon = start();
+  const std::string descriptors = "/proc/" + std::to_string(daemon->id()) + "/fd";
+  stream("abc");
+  const auto before = namesIn(descriptors);
+  for (int i = 0; i < 5; ++i) {
+    const auto to = writer();
+    to->open();
+    write(*to, "incomplete");
+    to->stop(false);
+    stream("complete");
+  }
+  EXPECT_EQ(namesIn(descriptors), before);
+  end(*daemon);
+}
+
 TEST_F(DaemonStream, FailsInTheProducerWhenABatchIsDamaged) {
   const auto daemon = start();
   const auto to = writer();

@@ -4,6 +4,7 @@ import hashlib
 import json
 import re
 
+from areas import AREAS, area_of
 from report import Tried
 from workshop import EQUIVALENT, INVALID, SURVIVED, Verdict, tree_files
 
@@ -11,10 +12,7 @@ from workshop import EQUIVALENT, INVALID, SURVIVED, Verdict, tree_files
 DECISIVE = ("src/", "include/", "platform/", "tools/", "tests/", "cmake/", "CMakeLists.txt")
 WITHOUT_INFLUENCE = "tests/mutation/survivors.json"
 
-# What the quick tests depend on beside the file that a test is written in.
-GROUND = re.compile(r"(src|include|platform|cmake|tests/support)/.*|CMakeLists\.txt"
-                    r"|tests/(unit|property)/[^/]*(?<!Test)\.(h|cpp)")
-QUICK_TESTS = re.compile(r"tests/(unit|property)/[^/]*Test\.cpp")
+QUICK_TESTS = re.compile(r"tests/(unit|property)/([^/]*/)?[^/]*Test\.cpp")
 TEST = re.compile(r"^TEST(?:_F|_P)?\((\w+),\s*(\w+)\)", re.MULTILINE)
 KILLER = re.compile(r"\w+: (?:\w+/)?(\w+\.\w+)(?:/\w+)?")
 
@@ -32,9 +30,10 @@ class Tree:
     def __init__(self, contents):
         decisive = {name: content for name, content in contents.items()
                     if name.startswith(DECISIVE) and name != WITHOUT_INFLUENCE}
-        ground = {name: content for name, content in decisive.items() if GROUND.fullmatch(name)}
         self.whole = digest_of(decisive)
-        self.ground = digest_of(ground)
+        self.grounds = {area.name: digest_of({name: content for name, content in decisive.items()
+                                              if re.fullmatch(area.ground, name)})
+                        for area in AREAS}
         self.tests = {}
         for name, content in decisive.items():
             if QUICK_TESTS.fullmatch(name):
@@ -53,7 +52,8 @@ class Tree:
         """
         if known["whole"] == self.whole:
             return True
-        if known["ground"] != self.ground:
+        area = area_of(file).name
+        if known["grounds"][area] != self.grounds[area]:
             return False
         if verdict.outcome == SURVIVED:
             return is_explained

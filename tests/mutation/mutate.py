@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Changes the library in many small ways, one at a time, and sees whether a test notices.
+"""Changes library, daemon and tool in many small ways, one at a time; sees whether a test notices.
 
 Ends with 0 when enough mutants are killed and every survivor is explained, else with 1. The report
 is build/mutation/report.md; report.json holds every mutant.
@@ -15,15 +15,15 @@ import sys
 import threading
 import time
 
+from areas import AREAS, area_of
 from journal import Journal, Tree
 from mutants import all_mutants
 from report import Explanations, Report, Tried
-from workshop import SPARED, SURVIVED, Workshop
+from workshop import SPARED, SURVIVED, Workshop, tree_files
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 OUTPUT = ROOT / "build/mutation"
 EXPLANATIONS = pathlib.Path(__file__).parent / "survivors.json"
-WANTED_PERCENT = 95
 BUNDLE = 25
 
 
@@ -45,13 +45,12 @@ def parse(arguments):
     return parser.parse_args(arguments)
 
 
-def library_files(root):
-    found = [*root.glob("src/**/*.cpp"), *root.glob("src/**/*.h"), *root.glob("include/korvex/*.h")]
-    return sorted(str(path.relative_to(root)) for path in found)
+def source_files(root):
+    return sorted(name for name in tree_files(root) if area_of(name))
 
 
 def chosen_files(only):
-    files = library_files(ROOT)
+    files = source_files(ROOT)
     if not only:
         return files
     for wanted in only:
@@ -118,8 +117,8 @@ class Run:
             print(f"{len(self.tried)}/{self._count} {verdict.outcome:10} {place}: {what}", flush=True)
 
 
-def prepare(options, needs_slow_tests, tree):
-    workshops = [Workshop(ROOT, OUTPUT / f"job-{number}", options.quick, needs_slow_tests)
+def prepare(options, areas, needs_slow_tests, tree):
+    workshops = [Workshop(ROOT, OUTPUT / f"job-{number}", areas, options.quick, needs_slow_tests)
                  for number in range(1, options.jobs + 1)]
     for number, workshop in enumerate(workshops, 1):
         print(f"building copy {number} of {options.jobs}", flush=True)
@@ -155,7 +154,7 @@ def show(mutants):
 
 def reported(run, mutants, explanations):
     """Whether all is well; says so."""
-    report = Report(run.tried, explanations, WANTED_PERCENT)
+    report = Report(run.tried, explanations)
     report.write(OUTPUT)
     print(report.summary())
     missing = len(mutants) - len(run.tried)
@@ -185,7 +184,8 @@ def main():
     journal = Journal(OUTPUT / "journal.jsonl", tree, options.resume, explained)
     run = Run(mutants, journal, deadline, needs_slow_tests)
     if len(run.tried) < len(mutants):
-        try_all(run, prepare(options, needs_slow_tests, tree))
+        areas = [area for area in AREAS if any(area.has(mutant.file) for mutant in mutants)]
+        try_all(run, prepare(options, areas, needs_slow_tests, tree))
     return 0 if reported(run, mutants, explanations) else 1
 
 

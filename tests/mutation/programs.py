@@ -19,7 +19,8 @@ MOST_MEMORY = 8 << 30
 
 @dataclass(frozen=True)
 class Program:
-    """A test program with its arguments, relative to the build folder."""
+    """A test program, relative to the build folder. An argument with a "*" stands for the sources
+    that match it."""
 
     path: str
     arguments: tuple = ()
@@ -29,6 +30,16 @@ class Program:
     @property
     def name(self):
         return pathlib.PurePath(self.path).name
+
+    def command(self, source, build):
+        return [build / self.path, *(word for argument in self.arguments
+                                     for word in expanded(argument, source))]
+
+
+def expanded(argument, source):
+    if "*" not in argument:
+        return [argument]
+    return sorted(str(path) for path in source.glob(argument))
 
 
 @dataclass(frozen=True)
@@ -77,15 +88,15 @@ def end_group(process):
         pass
 
 
-def run(program, build, patience, environment=None):
+def run(program, source, build, patience, environment=None):
     """Runs it in a session and a temporary folder of its own; both are gone afterwards."""
-    path = build / program.path
+    command = program.command(source, build)
     scratch = tempfile.mkdtemp(prefix="korvex-mutation-")
     started = time.monotonic()
     since = time.time() - 1
     is_late = False
     variables = dict(os.environ, TMPDIR=scratch, **program.environment, **(environment or {}))
-    process = subprocess.Popen([path, *program.arguments], cwd=path.parent, env=variables,
+    process = subprocess.Popen(command, cwd=command[0].parent, env=variables,
                                stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                stderr=subprocess.STDOUT, start_new_session=True,
                                preexec_fn=lambda: limit(program.core_seconds))

@@ -4,6 +4,7 @@ import json
 from collections import Counter
 from dataclasses import dataclass
 
+from areas import AREAS
 from workshop import EQUIVALENT, INVALID, KILLED, SURVIVED
 
 OUTCOMES = (KILLED, SURVIVED, EQUIVALENT, INVALID)
@@ -24,6 +25,18 @@ class Tried:
         if verdict.outcome == SURVIVED:
             record["explanation"] = reason
         return record
+
+
+def total_of(counts):
+    return counts[KILLED] + counts[SURVIVED]
+
+
+def share_of(counts):
+    return 100 * counts[KILLED] / total_of(counts) if total_of(counts) else 100
+
+
+def killed_text(counts):
+    return f"{counts[KILLED]} of {total_of(counts)} mutants killed, {share_of(counts):.1f} %"
 
 
 class Explanations:
@@ -62,9 +75,8 @@ class Explanations:
 class Report:
     """All that were tried in one run."""
 
-    def __init__(self, tried, explanations, wanted):
+    def __init__(self, tried, explanations):
         self._tried = sorted(tried, key=lambda each: each.mutant.number)
-        self.wanted = wanted
         self.counts = Counter(each.verdict.outcome for each in tried)
         self.reasons = {each.mutant: explanations.of(each.mutant) for each in self.survivors()}
         self.unused = explanations.unused({each.mutant.file for each in tried})
@@ -75,28 +87,27 @@ class Report:
     def unexplained(self):
         return [each for each in self.survivors() if not self.reasons[each.mutant]]
 
-    @property
-    def total(self):
-        return self.counts[KILLED] + self.counts[SURVIVED]
-
-    @property
-    def share(self):
-        return 100 * self.counts[KILLED] / self.total if self.total else 100
+    def counts_of(self, area):
+        return Counter(each.verdict.outcome for each in self._tried if area.has(each.mutant.file))
 
     def is_good(self):
-        return self.share >= self.wanted and not self.unexplained()
+        enough = all(share_of(self.counts_of(area)) >= area.wanted_percent for area in AREAS)
+        return enough and not self.unexplained()
 
     def summary(self):
-        return (f"{self.counts[KILLED]} of {self.total} mutants killed, {self.share:.1f} % "
-                f"(wanted: {self.wanted} %); {self.counts[SURVIVED]} survived, "
-                f"{len(self.unexplained())} of them without an explanation; "
-                f"{self.counts[EQUIVALENT]} make the same machine code and "
-                f"{self.counts[INVALID]} do not compile, both outside the total")
+        parts = [f"{area.name}: {killed_text(self.counts_of(area))} "
+                 f"(wanted: {area.wanted_percent} %)"
+                 for area in AREAS if total_of(self.counts_of(area))]
+        return "; ".join([*parts, f"{self.counts[SURVIVED]} survived, "
+                          f"{len(self.unexplained())} of them without an explanation",
+                          f"{self.counts[EQUIVALENT]} make the same machine code and "
+                          f"{self.counts[INVALID]} do not compile, both outside the totals"])
 
     def write(self, folder):
         folder.mkdir(parents=True, exist_ok=True)
         (folder / "report.md").write_text(self._markdown())
-        document = {"killed": self.counts[KILLED], "total": self.total, "percent": self.share,
+        document = {"killed": self.counts[KILLED], "total": total_of(self.counts),
+                    "percent": share_of(self.counts),
                     "outcomes": dict(self.counts),
                     "mutants": [each.as_record(self.reasons.get(each.mutant, ""))
                                 for each in self._tried]}

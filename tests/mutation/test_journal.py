@@ -14,7 +14,8 @@ from workshop import EQUIVALENT, INVALID, KILLED, SURVIVED, Verdict
 FILES = {"src/a.cpp": b"int a;", "tools/b.cpp": b"int b;", "docs/c.md": b"c",
          "tests/mutation/survivors.json": b"[]",
          "tests/unit/OneTest.cpp": b"TEST(One, Works) {}\nTEST_F(One, Fails) {}\n",
-         "tests/unit/OtherTest.cpp": b"TEST_P(Other, Works) {}\n"}
+         "tests/unit/OtherTest.cpp": b"TEST_P(Other, Works) {}\n",
+         "tests/unit/korvexd/StoreTest.cpp": b"TEST_F(Store, Works) {}\n"}
 KILLED_BY_ONE = Verdict(KILLED, "korvex_unit_tests: One.Fails", 1)
 KILLED_BY_OTHER = Verdict(KILLED, "korvex_unit_tests: Each/Other.Works/3", 1)
 KILLED_SLOWLY = Verdict(KILLED, "korvexd_integration_tests: Daemon.Works", 1)
@@ -62,6 +63,25 @@ class Trees(unittest.TestCase):
     def test_with_more_tests_may_use_more_of_a_header(self):
         self.assertEqual(self.kept({"tests/unit/MoreTest.cpp": b""}, "src/a.h"),
                          [KILLED_BY_ONE, KILLED_BY_OTHER])
+
+
+class TreesOfTheTools(unittest.TestCase):
+    KILLED = Verdict(KILLED, "korvexd_unit_tests: Store.Works", 1)
+
+    def is_kept(self, changed):
+        tree = Tree({**FILES, **changed})
+        return tree.keeps("tools/korvexd/b.cpp", self.KILLED, vars(Tree(FILES)), False)
+
+    def test_with_more_tests_keep_what_was_killed(self):
+        self.assertTrue(self.is_kept({"tests/unit/MoreTest.cpp": b"TEST(More, Works) {}"}))
+
+    def test_that_differ_have_nothing_in_common(self):
+        self.assertFalse(self.is_kept({"src/a.cpp": b"int d;"}))
+        self.assertFalse(self.is_kept({"tools/b.cpp": b"int d;"}))
+        self.assertFalse(self.is_kept({"tests/unit/SystemCalls.cpp": b""}))
+
+    def test_with_a_changed_test_try_again_what_it_killed(self):
+        self.assertFalse(self.is_kept({"tests/unit/korvexd/StoreTest.cpp": b""}))
 
 
 class Journals(unittest.TestCase):

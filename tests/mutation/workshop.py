@@ -12,7 +12,8 @@ import time
 from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass
 
-from programs import Program, run
+from areas import area_of
+from programs import run
 
 KILLED, SURVIVED, INVALID, EQUIVALENT = "killed", "survived", "invalid", "equivalent"
 
@@ -24,27 +25,6 @@ SHORTEST_PATIENCE = 8
 PATIENCE_FACTOR = 10
 LONGEST_PATIENCE = 180
 SHARDS = 6
-
-def unit_program(name):
-    # Unchanged, none takes more than a tenth of a second. This limit does not depend on how busy the
-    # machine is.
-    return Program(f"tests/unit/korvex_{name}_tests", ("--gtest_fail_fast", "--gtest_brief=1"),
-                   core_seconds=3)
-
-
-# Those that kill most come first; linking the others is spared then.
-UNIT_PROGRAMS = [unit_program(name) for name in ("unit", "system_call")]
-SPECIAL_UNIT_PROGRAMS = [unit_program(name) for name in ("lock", "pause", "allocation", "reservation")]
-PROPERTY = "tests/property/korvex_property_tests"
-PROPERTY_CASES = {"RC_PARAMS": "seed=1 max_success=200 noshrink=1"}
-SLOW_PROGRAMS = [
-    Program("tests/unit/korvexd/korvexd_unit_tests"),
-    Program("tests/unit/korvex/korvex_tool_unit_tests"),
-    Program("tests/integration/korvex_strange_object_tests"),
-    Program("tests/integration/korvexd_strange_object_tests"),
-    Program("tests/integration/korvexd_integration_tests"),
-    Program("tests/integration/korvex_send_integration_tests"),
-]
 
 
 @dataclass(frozen=True)
@@ -63,14 +43,16 @@ def tree_files(root):
 
 
 class Workshop:
-    """One job's copy. Made once; later runs only bring it up to date.
+    """One job's copy, for the mutants of these areas.
 
+    Made once; later runs only bring it up to date.
     `needs_slow_tests` tells whether a mutant that the quick tests let live goes to the slow ones.
     """
 
-    def __init__(self, root, folder, is_quick, needs_slow_tests):
+    def __init__(self, root, folder, areas, is_quick, needs_slow_tests):
         self.root = root
-        self._slow_programs = [] if is_quick else SLOW_PROGRAMS
+        self._areas = areas
+        self._is_quick = is_quick
         self._needs_slow_tests = needs_slow_tests
         self.source = folder / "source"
         self.build = folder / "build"
@@ -85,31 +67,36 @@ class Workshop:
         """Builds everything and sees all tests pass; not again in a tree where they once did."""
         self._copy_tree()
         self._configure()
-        scripts = sorted(str(path) for path in self.source.glob("tests/property/scripts/*.script"))
-        self.stages = [
-            UNIT_PROGRAMS,
-            SPECIAL_UNIT_PROGRAMS,
-            [Program(PROPERTY, ("--script", *scripts)),
-             Program(PROPERTY, ("--gtest_fail_fast", "--gtest_brief=1"), PROPERTY_CASES)]]
-        quick = [program for stage in self.stages for program in stage]
-        self._all_programs = [program.path for program in quick + self._slow_programs]
-        failed = self._make(self._all_programs, jobs)
+        failed = self._make(self._all_paths(), jobs)
         if failed:
             raise SystemExit("the tree does not build:\n" + failed)
-        proof = [fingerprint, len(self._all_programs)]
+        proof = [fingerprint, *self._all_paths()]
         if not self._is_proved(proof):
-            self._prove(quick, proof)
+            self._prove(proof)
+
+    def _quick_programs(self):
+        return list(dict.fromkeys(program for area in self._areas for stage in area.stages
+                                  for program in stage))
+
+    def _slow_programs(self, areas):
+        return [] if self._is_quick else list(dict.fromkeys(
+            program for area in areas for program in area.slow))
+
+    def _all_paths(self):
+        programs = self._quick_programs() + self._slow_programs(self._areas)
+        return list(dict.fromkeys(program.path for program in programs))
 
     def _is_proved(self, proof):
         known = json.loads(self._proof.read_text()) if self._proof.is_file() else {}
         self._patience = known.get("patience", {})
         return known.get("proof") == proof
 
-    def _prove(self, quick, proof):
+    def _prove(self, proof):
         self._patience = {}
-        for program in quick:
-            self._note_time(program, run(program, self.build, LONGEST_PATIENCE))
-        for (program, _), ending in zip(self._shards(), self._run_shards()):
+        for program in self._quick_programs():
+            self._note_time(program, run(program, self.source, self.build, LONGEST_PATIENCE))
+        shards = self._shards(self._areas)
+        for (program, _), ending in zip(shards, self._run_shards(shards)):
             self._note_time(program, ending)
         self._proof.write_text(json.dumps({"proof": proof, "patience": self._patience}))
 
@@ -158,15 +145,16 @@ class Workshop:
     def _leave_file_of_another(self, mutant):
         """Builds the file before anew, so that its objects are the original's again."""
         if self._changed not in (None, mutant.file):
-            self._make(self._all_programs)
+            self._make(self._all_paths())
         self._changed = mutant.file
 
     def _judge(self, mutant):
-        for stage in self.stages:
+        area = area_of(mutant.file)
+        for stage in area.stages:
             failed = self._make([program.path for program in stage])
             if failed:
                 return INVALID, first_error(failed)
-            if stage is self.stages[0] and self._has_same_objects(mutant.file):
+            if stage is area.stages[0] and self._has_same_objects(mutant.file):
                 return EQUIVALENT, "the same machine code without optimisation"
             for program in stage:
                 complaint = self._complaint(program)
@@ -174,38 +162,39 @@ class Workshop:
                     return KILLED, complaint
         if self._is_same_optimised(mutant):
             return EQUIVALENT, "the same machine code with optimisation"
-        return self._judge_slowly() if self._needs_slow_tests(mutant) else (SURVIVED, SPARED)
+        return self._judge_slowly(area) if self._needs_slow_tests(mutant) else (SURVIVED, SPARED)
 
     def _complaint(self, program):
         """A busy machine is no mistake of the mutant's: who was late gets twice the time once."""
-        ending = run(program, self.build, self._patience[program.path])
+        ending = run(program, self.source, self.build, self._patience[program.path])
         if ending.is_late:
-            ending = run(program, self.build, 2 * self._patience[program.path])
+            ending = run(program, self.source, self.build, 2 * self._patience[program.path])
         return ending.complaint
 
-    def _judge_slowly(self):
-        failed = self._make(self._all_programs)
+    def _judge_slowly(self, area):
+        failed = self._make(self._all_paths())
         if failed:
             return INVALID, first_error(failed)
         # These wait for other processes, and much runs at once: only what fails again counts.
-        for shard, ending in zip(self._shards(), self._run_shards()):
+        shards = self._shards([area])
+        for shard, ending in zip(shards, self._run_shards(shards)):
             if ending.complaint and self._run_shard(shard).complaint:
                 return KILLED, ending.complaint
         return SURVIVED, ""
 
-    def _run_shards(self):
+    def _run_shards(self, shards):
         """All at once: they mostly wait."""
         with ThreadPoolExecutor(2 * SHARDS) as pool:
-            return list(pool.map(self._run_shard, self._shards()))
+            return list(pool.map(self._run_shard, shards))
 
-    def _shards(self):
+    def _shards(self, areas):
         return [(program, {"GTEST_TOTAL_SHARDS": str(SHARDS), "GTEST_SHARD_INDEX": str(index)})
-                for program in self._slow_programs for index in range(SHARDS)]
+                for program in self._slow_programs(areas) for index in range(SHARDS)]
 
     def _run_shard(self, shard):
         program, environment = shard
         patience = self._patience.get(program.path, LONGEST_PATIENCE)
-        return run(program, self.build, patience, environment)
+        return run(program, self.source, self.build, patience, environment)
 
     def _units(self, file):
         """The compile commands of what includes the file, by object."""

@@ -5,6 +5,7 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <stdio.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -46,6 +47,51 @@ int lstat(const char* path, struct stat* found) {
 ssize_t pread(int file, void* bytes, std::size_t size, off_t offset) {
   static auto* const call = systems<ssize_t(int, void*, std::size_t, off_t)>("pread");
   return call(file, bytes, size, offset);
+}
+
+int open(const char* path, int flags) {
+  static auto* const call = systems<int(const char*, int, ...)>("open");
+  return call(path, flags);
+}
+
+ssize_t read(int file, void* bytes, std::size_t size) {
+  static auto* const call = systems<ssize_t(int, void*, std::size_t)>("read");
+  return call(file, bytes, size);
+}
+
+int poll(pollfd* files, nfds_t count, int milliseconds) {
+  static auto* const call = systems<int(pollfd*, nfds_t, int)>("poll");
+  return call(files, count, milliseconds);
+}
+
+ssize_t write(int file, const void* bytes, std::size_t size) {
+  static auto* const call = systems<ssize_t(int, const void*, std::size_t)>("write");
+  return call(file, bytes, size);
+}
+
+int openat(int folder, const char* name, int flags, mode_t mode) {
+  static auto* const call = systems<int(int, const char*, int, ...)>("openat");
+  return call(folder, name, flags, mode);
+}
+
+int mkdirat(int folder, const char* name, mode_t mode) {
+  static auto* const call = systems<int(int, const char*, mode_t)>("mkdirat");
+  return call(folder, name, mode);
+}
+
+int unlinkat(int folder, const char* name) {
+  static auto* const call = systems<int(int, const char*, int)>("unlinkat");
+  return call(folder, name, 0);
+}
+
+int sync(int file) {
+  static auto* const call = systems<int(int)>("fsync");
+  return call(file);
+}
+
+int rename(int folder, const char* from, const char* to) {
+  static auto* const call = systems<int(int, const char*, int, const char*)>("renameat");
+  return call(folder, from, folder, to);
 }
 
 int failing(int error) {
@@ -100,9 +146,7 @@ int open(const char* path, int flags, ...) {
 }
 
 ssize_t read(int file, void* bytes, std::size_t size) {
-  if (instead.read) return instead.read(file, bytes, size);
-  static auto* const call = systems<ssize_t(int, void*, std::size_t)>("read");
-  return call(file, bytes, size);
+  return instead.read ? instead.read(file, bytes, size) : system_calls::read(file, bytes, size);
 }
 
 int kill(pid_t process, int signal) noexcept {
@@ -115,5 +159,54 @@ int madvise(void* memory, std::size_t size, int advice) noexcept {
   if (instead.madvise) return instead.madvise(memory, size, advice);
   static auto* const call = systems<int(void*, std::size_t, int)>("madvise");
   return call(memory, size, advice);
+}
+
+int poll(pollfd* files, nfds_t count, int milliseconds) {
+  if (instead.poll) return instead.poll(files, count, milliseconds);
+  return system_calls::poll(files, count, milliseconds);
+}
+
+ssize_t write(int file, const void* bytes, std::size_t size) {
+  return instead.write ? instead.write(file, bytes, size) : system_calls::write(file, bytes, size);
+}
+
+int openat(int folder, const char* name, int flags, ...) {
+  std::va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+  va_end(arguments);
+  if (instead.openat) return instead.openat(folder, name, flags, mode);
+  return system_calls::openat(folder, name, flags, mode);
+}
+
+int mkdirat(int folder, const char* name, mode_t mode) noexcept {
+  if (instead.mkdirat) return instead.mkdirat(folder, name, mode);
+  return system_calls::mkdirat(folder, name, mode);
+}
+
+int unlinkat(int folder, const char* name, int flags) noexcept {
+  if (instead.unlinkat && flags == 0) return instead.unlinkat(folder, name);
+  static auto* const call = systems<int(int, const char*, int)>("unlinkat");
+  return call(folder, name, flags);
+}
+
+int fsync(int file) { return instead.sync ? instead.sync(file) : system_calls::sync(file); }
+
+int fdatasync(int file) {
+  if (instead.sync) return instead.sync(file);
+  static auto* const call = systems<int(int)>("fdatasync");
+  return call(file);
+}
+
+int renameat(int from, const char* name, int to, const char* newName) noexcept {
+  if (instead.rename) return instead.rename(from, name, newName);
+  static auto* const call = systems<int(int, const char*, int, const char*)>("renameat");
+  return call(from, name, to, newName);
+}
+
+int renameat2(int from, const char* name, int to, const char* newName, unsigned flags) noexcept {
+  if (instead.rename) return instead.rename(from, name, newName);
+  static auto* const call = systems<int(int, const char*, int, const char*, unsigned)>("renameat2");
+  return call(from, name, to, newName, flags);
 }
 }

@@ -1,6 +1,7 @@
 #ifndef TESTS_UNIT_SYSTEM_CALLS_H
 #define TESTS_UNIT_SYSTEM_CALLS_H
 
+#include <poll.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 
@@ -23,6 +24,13 @@ struct Instead {
   std::function<ssize_t(int file, void* bytes, std::size_t size)> read;
   std::function<int(pid_t process, int signal)> kill;
   std::function<int(void* memory, std::size_t size, int advice)> madvise;
+  std::function<int(pollfd* files, nfds_t count, int milliseconds)> poll;
+  std::function<ssize_t(int file, const void* bytes, std::size_t size)> write;
+  std::function<int(int folder, const char* name, int flags, mode_t mode)> openat;
+  std::function<int(int folder, const char* name, mode_t mode)> mkdirat;
+  std::function<int(int folder, const char* name)> unlinkat;
+  std::function<int(int file)> sync;  ///< of the data alone or of everything
+  std::function<int(int folder, const char* from, const char* to)> rename;  ///< in one folder
 };
 
 extern Instead instead;
@@ -33,6 +41,15 @@ int posixFallocate(int file, off_t offset, off_t size);
 int fstat(int file, struct stat* found);
 int lstat(const char* path, struct stat* found);
 ssize_t pread(int file, void* bytes, std::size_t size, off_t offset);
+int open(const char* path, int flags);
+ssize_t read(int file, void* bytes, std::size_t size);
+int poll(pollfd* files, nfds_t count, int milliseconds);
+ssize_t write(int file, const void* bytes, std::size_t size);
+int openat(int folder, const char* name, int flags, mode_t mode);
+int mkdirat(int folder, const char* name, mode_t mode);
+int unlinkat(int folder, const char* name);
+int sync(int file);
+int rename(int folder, const char* from, const char* to);
 
 /// Sets errno and gives what a failing call does.
 int failing(int error);

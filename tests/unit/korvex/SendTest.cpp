@@ -9,8 +9,13 @@
 #include <fstream>
 #include <future>
 #include <sstream>
+#include <thread>
+#include <utility>
+
+#include <korvex/ShmWriter.h>
 
 #include "FakeDaemon.h"
+#include "shm/QueueView.h"
 
 namespace {
 
@@ -190,6 +195,22 @@ TEST_F(SendStream, IsNotHurtByAnEarlierError) {
   EXPECT_EQ(send(), 0);
 }
 
+TEST_F(SendStream, WaitsUntilAnEarlierStreamHasItsReply) {
+  addFile("a", "abc");
+  korvex::ShmWriter earlier("earlier", daemon.queue(), 20, 20, false);
+  earlier.open();
+  earlier.close();
+  const korvex::QueueView queue(daemon.queue());
+  daemon.serve([&, isEarlier = true](FakeDaemon& self, const FakeDaemon::Record& record) mutable {
+    if (record.type != kClose) return;
+    if (!std::exchange(isEarlier, false)) return self.reply(0, kAbcReceipt);
+    // Slow to store it: the sender has come meanwhile, and sent something.
+    while (queue.messages() == 0) std::this_thread::yield();
+    self.reply(5, "an earlier stream's disk was full");
+  });
+  EXPECT_EQ(send(), 0) << errors.str();
+}
+
 TEST_F(SendStream, RefusesAReceiptBeforeTheData) {
   addFile("a", "abc");
   daemon.serve(replyTo(kOpen, 0, kAbcReceipt));
@@ -225,6 +246,13 @@ TEST_F(SendStream, TellsAnErrorOfTheDaemonAndStops) {
                               "' failed: status 5: cannot create the stream's file\n");
   daemon.finish();
   EXPECT_EQ(daemon.types(), "04");
+}
+
+TEST_F(SendStream, ShowsNoControlCharacterOfAnErrorOfTheDaemon) {
+  addFile("a", "abc");
+  daemon.serve(replyTo(kOpen, 5, "disk\x1b[2J\a full"));
+  EXPECT_EQ(send(), 1);
+  EXPECT_THAT(errors.str(), HasSubstr("status 5: disk\\x1b[2J\\x07 full\n"));
 }
 
 TEST_F(SendStream, TellsAnErrorThatComesInsteadOfTheReceipt) {
@@ -348,6 +376,24 @@ TEST_F(SendStream, ASignalEndsTheWaitForRoom) {
     ended.get_future().wait();
   });
   EXPECT_EQ(send(), 128 + SIGINT);
+  ended.set_value();
+}
+
+TEST_F(SendStream, ASignalLeavesLittleTimeToTellTheDaemon) {
+  addFile("a", std::string(100000, 'x'));
+  options.timeout = 60;
+  std::promise<void> ended;
+  daemon.serve([&, stuck = false](FakeDaemon& self, const FakeDaemon::Record& record) mutable {
+    if (record.type != kData || stuck) return;
+    stuck = true;
+    self.awaitFull();
+    stop.note(SIGTERM);
+    ended.get_future().wait();
+  });
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(send(), 128 + SIGTERM);
+  // Two seconds are meant. Whoever sent the signal waits, and a supervisor not for long.
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
   ended.set_value();
 }
 

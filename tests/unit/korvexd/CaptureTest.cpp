@@ -46,10 +46,23 @@ TEST(Capture, GoesOnAfterTheNumbersOfAnEarlierDaemon) {
   EXPECT_EQ(Capture(folder.path(), "q").lastNumber(), 41u);
 }
 
+TEST(Capture, GoesOnAfterNumbersOfMoreDigitsThanUsual) {
+  const TemporaryFolder folder;
+  Capture capture(folder.path(), "q");
+  for (const std::uint64_t number : {99999999u, 100000000u, 4000000000u}) {
+    store(capture, number, "x");
+    EXPECT_EQ(Capture(folder.path(), "q").lastNumber(), number);
+  }
+  store(capture, 999999999999999999u, "x");
+  EXPECT_EQ(Capture(folder.path(), "q").lastNumber(), 999999999999999999u);
+}
+
 TEST(CaptureUntrusted, IgnoresFilesOfOtherNames) {
   const TemporaryFolder folder;
-  for (const char* name : {"q-1.batch", "q-0000000x.batch", "q-00000007.txt", "r-00000008.batch",
-                           "q-99999999999999999999.batch", "q-.batch"}) {
+  for (const char* name :
+       {"q-1.batch", "q-0000000x.batch", "q-00000007.txt", "r-00000008.batch",
+        "q-1000000000000000000.batch", "q-99999999999999999999.batch", "q-.batch",
+        "q-1234567.batch", "p-00000008.batch", "q-00000009.batches"}) {
     folder.makeFolder(name);
   }
   EXPECT_EQ(Capture(folder.path(), "q").lastNumber(), 0u);

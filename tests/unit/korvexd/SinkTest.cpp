@@ -137,6 +137,14 @@ TEST_P(EverySink, CanBeDestroyedWithoutEnd) {
   writeText(*sink, "abc");
 }
 
+TEST_P(EverySink, LeavesNoDescriptorOpen) {
+  const std::size_t before = namesIn("/proc/self/fd").size();
+  open_("q", kOpened)->complete(kSummary);
+  open_("q", kOpened)->abandon(kSummary, "why");
+  open_("q", kOpened);
+  EXPECT_EQ(namesIn("/proc/self/fd").size(), before);
+}
+
 TEST_P(EverySink, ServesStreamsAtTheSameTime) {
   const auto one = open_("q", kOpened);
   const auto two = open_("q", kOpened);

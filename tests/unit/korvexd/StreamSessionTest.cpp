@@ -272,6 +272,36 @@ TEST_F(StreamSessionTest, ANewOpenEndsTheOldStreamSilently) {
   EXPECT_EQ(fate(1).data, "b");
 }
 
+TEST_F(StreamSessionTest, OnlyTheStreamThatCutAnotherOffMayHaveNoGaps) {
+  take(kOpen, 0);
+  take(kOpen, 0);
+  EXPECT_EQ(take(kClose, 2)->status, 0u);
+  take(kOpen, 0);
+  EXPECT_FALSE(take(kData, 7, "a"));
+  EXPECT_EQ(take(kClose, 8)->status, 0u);
+  take(kOpen, 0);
+  take(kOpen, 0);
+  expectFailure(take(kData, 7, "a"), 32,
+                "record type 1 sequence 7: expected sequence 2; two producers on one queue?");
+}
+
+TEST_F(StreamSessionTest, CountsEachStreamForItself) {
+  take(kOpen, 0);
+  take(kData, 2, "abc");
+  take(kClose, 3);
+  take(kOpen, 0);
+  take(kClose, 2);
+  EXPECT_EQ(fate(1).summary.bytes, 0u);
+  EXPECT_EQ(fate(1).summary.segments, 0u);
+  EXPECT_EQ(fate(1).summary.records, 2u);
+  take(kOpen, 0);
+  take(kData, 2, "abc");
+  session_.end("cut off in a segment");
+  take(kOpen, 0);
+  take(kClose, 2);
+  EXPECT_EQ(fate(3).summary.segments, 0u);
+}
+
 TEST_F(StreamSessionTest, AStopLeavesTheStreamIncompleteWithoutReply) {
   take(kOpen, 0);
   take(kData, 2, "a");

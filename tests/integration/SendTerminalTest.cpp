@@ -1,0 +1,216 @@
+// What the command-line tool writes where: to a terminal, to what is none, to a pipe without
+// reader.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <stdlib.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "integration/DaemonFixture.h"
+
+using test_support::eventually;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+using testing::StartsWith;
+
+namespace {
+
+const std::string kToStart = "\r";
+const std::string kEraseRest = "\x1b[K";
+
+// Nothing is sent before there is enough for a record, or the input ends.
+const char kLine[] = "0 B, 0 B/s, [0-9]+:[0-9]+";
+
+/// A terminal and what was written to it. Like every terminal it turns "\n" into "\r\n".
+class Terminal {
+ public:
+  explicit Terminal(unsigned short columns)
+      : master_(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK)) {
+    EXPECT_EQ(::grantpt(master_), 0);
+    EXPECT_EQ(::unlockpt(master_), 0);
+    name_ = ::ptsname(master_);
+    // Open as long as the object is, or the end of one program would end the terminal.
+    slave_ = ::open(name_.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+    const winsize size = {24, columns, 0, 0};
+    EXPECT_EQ(::ioctl(slave_, TIOCSWINSZ, &size), 0);
+  }
+  ~Terminal() {
+    ::close(slave_);
+    ::close(master_);
+  }
+  Terminal(const Terminal&) = delete;
+  Terminal& operator=(const Terminal&) = delete;
+
+  const std::string& name() const { return name_; }
+
+  const std::string& text() {
+    char bytes[4096];
+    for (ssize_t size = 0; (size = ::read(master_, bytes, sizeof bytes)) > 0;) {
+      text_.append(bytes, static_cast<std::size_t>(size));
+    }
+    return text_;
+  }
+
+  /// The lines that were drawn in one place so far, the empty ones that erase them too.
+  std::vector<std::string> drawings() {
+    std::vector<std::string> found;
+    const std::string& all = text();
+    for (std::size_t at = 0, end; (end = all.find(kEraseRest, at)) != std::string::npos;) {
+      const std::size_t start = all.rfind(kToStart, end) + kToStart.size();
+      found.push_back(all.substr(start, end - start));
+      at = end + kEraseRest.size();
+    }
+    return found;
+  }
+
+ private:
+  int master_;
+  int slave_;
+  std::string name_;
+  std::string text_;
+};
+
+/// A sender whose input is a pipe that a test holds open.
+class Sender {
+ public:
+  Sender(const std::string& pipe, const std::string& queue, const std::string& redirection,
+         const std::string& target)
+      : process_({"/bin/sh", "-c",
+                  "exec \"$0\" send --queue \"$1\" \"$2\" " + redirection + "\"$3\"",
+                  KORVEX_PROGRAM, queue, pipe, target}),
+        input_(::open(pipe.c_str(), O_WRONLY | O_CLOEXEC)) {
+    EXPECT_EQ(::write(input_, "abc", 3), 3);
+  }
+  ~Sender() { closeInput(); }
+  Sender(const Sender&) = delete;
+  Sender& operator=(const Sender&) = delete;
+
+  test_support::Process& process() { return process_; }
+
+  /// Lets it end. Its exit code.
+  int finish() {
+    closeInput();
+    return process_.wait().value_or(-1);
+  }
+
+ private:
+  void closeInput() {
+    if (input_ >= 0) ::close(std::exchange(input_, -1));
+  }
+
+  test_support::Process process_;
+  int input_;
+};
+
+class SendTerminal : public DaemonFixture {
+ protected:
+  std::string makePipe(const std::string& name) const {
+    EXPECT_EQ(::mkfifo((folder_ / name).c_str(), 0600), 0);
+    return folder_ / name;
+  }
+
+  std::unique_ptr<Sender> sendTo(Terminal& terminal, const std::string& queue) const {
+    return std::make_unique<Sender>(makePipe("terminal"), queue, "2>", terminal.name());
+  }
+
+  /// Waits until a line was drawn so many times.
+  static bool awaitDrawings(Terminal& terminal, std::size_t count) {
+    return eventually([&] { return terminal.drawings().size() >= count; });
+  }
+};
+
+/// The exit code of a shell's line. In it "$0" is the tool, "$1" the queue, "$2" a descriptor of a
+/// pipe that nobody reads any more.
+int runWithUnreadPipe(const std::string& line, const std::string& queue, std::string& errors) {
+  int ends[2];
+  EXPECT_EQ(::pipe(ends), 0);
+  ::close(ends[0]);
+  const std::string words = "printf abc | " + line;
+  test_support::Process process(
+      {"/bin/sh", "-c", words, KORVEX_PROGRAM, queue, "/dev/fd/" + std::to_string(ends[1])});
+  ::close(ends[1]);
+  const int code = process.wait().value_or(-1);
+  errors = process.errors();
+  return code;
+}
+
+}  // namespace
+
+TEST_F(SendTerminal, ShowsTheProgressAndTakesItAwayAtTheEnd) {
+  const auto daemon = start();
+  Terminal terminal(80);
+  const auto sender = sendTo(terminal, queue_);
+  ASSERT_TRUE(awaitDrawings(terminal, 1));
+  EXPECT_THAT(terminal.drawings()[0], MatchesRegex(kLine));
+  EXPECT_EQ(sender->finish(), 0);
+  EXPECT_THAT(terminal.text(), HasSubstr(kToStart + kEraseRest + "sent 3 bytes in 1 segments, "));
+  end(*daemon);
+}
+
+TEST_F(SendTerminal, ShowsAFailureInPlaceOfTheProgress) {
+  const auto daemon = start();
+  Terminal terminal(80);
+  const auto sender = sendTo(terminal, queue_);
+  ASSERT_TRUE(awaitDrawings(terminal, 1));
+  sender->process().signal(SIGTERM);
+  EXPECT_EQ(sender->process().wait(), -SIGTERM);
+  EXPECT_THAT(terminal.text(),
+              HasSubstr(kToStart + kEraseRest + "korvex: interrupted by signal 15\r\n"));
+  end(*daemon);
+}
+
+TEST_F(SendTerminal, ShowsNoMoreThanFits) {
+  const auto daemon = start();
+  Terminal terminal(8);
+  const auto sender = sendTo(terminal, queue_);
+  ASSERT_TRUE(awaitDrawings(terminal, 1));
+  EXPECT_EQ(terminal.drawings()[0].size(), 7u) << "the last column stays empty";
+  EXPECT_THAT(terminal.drawings()[0], StartsWith("0 B, "));
+  EXPECT_EQ(sender->finish(), 0);
+  end(*daemon);
+}
+
+TEST_F(SendTerminal, ThatDoesNotKnowItsWidthIsTakenForAUsualOne) {
+  const auto daemon = start();
+  Terminal terminal(0);
+  const auto sender = sendTo(terminal, queue_);
+  ASSERT_TRUE(awaitDrawings(terminal, 1));
+  EXPECT_THAT(terminal.drawings()[0], MatchesRegex(kLine));
+  EXPECT_EQ(sender->finish(), 0);
+  end(*daemon);
+}
+
+// A second sender, on a terminal, shows when there was time enough to draw.
+TEST_F(SendTerminal, IsNeededForTheProgress) {
+  const std::string other = test_support::uniqueQueueName();
+  const test_support::QueueRemover remover(other);
+  const auto daemon = start({"--queue", other});
+  Sender sender(makePipe("none"), queue_, "2>", folder_ / "errors");
+  Terminal terminal(80);
+  const auto clock = sendTo(terminal, other);
+  ASSERT_TRUE(awaitDrawings(terminal, 3));
+  EXPECT_THAT(test_support::contentsOf(folder_ / "errors"), IsEmpty());
+  EXPECT_EQ(clock->finish(), 0);
+  EXPECT_EQ(sender.finish(), 0);
+  EXPECT_THAT(test_support::contentsOf(folder_ / "errors"), StartsWith("sent 3 bytes "));
+  end(*daemon);
+}
+
+TEST_F(SendTerminal, ThatWentDoesNotSpoilAVerifiedStream) {
+  const auto daemon = start();
+  std::string errors;
+  EXPECT_EQ(runWithUnreadPipe("\"$0\" send --queue \"$1\" 2>&${2##*/}", queue_, errors), 0);
+  EXPECT_EQ(streams(false).size(), 1u);
+  end(*daemon);
+}
+
+TEST_F(SendTerminal, ThatWentIsAFailureOfTheResultThatWasAskedFor) {
+  const auto daemon = start();
+  std::string errors;
+  EXPECT_EQ(runWithUnreadPipe("\"$0\" send --queue \"$1\" --json >&${2##*/}", queue_, errors), 1);
+  EXPECT_EQ(errors, "korvex: cannot write the result to standard output: Broken pipe\n");
+  end(*daemon);
+}

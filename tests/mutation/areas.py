@@ -1,0 +1,90 @@
+"""Which sources are changed, and which test programs should notice.
+
+The one place to adapt when files move. An area's tests are tried in the order of its stages; what
+those let live goes to the slow programs.
+"""
+
+import re
+from dataclasses import dataclass
+
+from programs import Program
+
+
+def unit_program(path):
+    # Unchanged, none takes more than a tenth of a second. This limit does not depend on how busy
+    # the machine is.
+    return Program(path, ("--gtest_fail_fast", "--gtest_brief=1"), core_seconds=3)
+
+
+def tool_program(path):
+    # These wait for other threads and for files, so only the patience limits them.
+    return Program(path, ("--gtest_fail_fast", "--gtest_brief=1"))
+
+
+@dataclass(frozen=True)
+class Area:
+    """Sources that the same programs test."""
+
+    name: str
+    sources: tuple  # patterns of paths
+    wanted_percent: int
+    stages: tuple   # of programs, those that kill most first: linking the others is spared then
+    slow: tuple
+    ground: str     # what the verdicts of the stages depend on beside the file of a test
+
+    def programs(self):
+        return [program for stage in self.stages for program in stage] + list(self.slow)
+
+    def has(self, name):
+        return any(re.fullmatch(pattern, name) for pattern in self.sources)
+
+
+PROPERTY = "tests/property/korvex_property_tests"
+LIBRARY_GROUND = (r"(src|include|platform|cmake|tests/support)/.*|CMakeLists\.txt"
+                  r"|tests/(unit|property)/[^/]*(?<!Test)\.(h|cpp)")
+TOOLS_GROUND = (r"(src|include|platform|tools|cmake|tests/support|tests/integration/support)/.*"
+                r"|CMakeLists\.txt|tests/unit/([^/]*/)?[^/]*(?<!Test)\.(h|cpp)")
+
+SEND_TESTS = Program("tests/integration/korvex_send_integration_tests")
+STRANGE_OBJECT_TESTS = Program("tests/integration/korvexd_strange_object_tests")
+DAEMON_TESTS = Program("tests/integration/korvexd_integration_tests")
+
+AREAS = (
+    Area("library",
+         (r"src/.*\.(cpp|h)", r"include/korvex/[^/]*\.h"),
+         95,
+         (tuple(unit_program(f"tests/unit/korvex_{name}_tests")
+                for name in ("unit", "system_call")),
+          tuple(unit_program(f"tests/unit/korvex_{name}_tests")
+                for name in ("lock", "pause", "allocation", "reservation")),
+          (Program(PROPERTY, ("--script", "tests/property/scripts/*.script")),
+           Program(PROPERTY, ("--gtest_fail_fast", "--gtest_brief=1"),
+                   {"RC_PARAMS": "seed=1 max_success=200 noshrink=1"}))),
+         (Program("tests/unit/korvexd/korvexd_unit_tests"),
+          Program("tests/unit/korvex/korvex_tool_unit_tests"),
+          Program("tests/integration/korvex_strange_object_tests"),
+          STRANGE_OBJECT_TESTS, DAEMON_TESTS, SEND_TESTS),
+         LIBRARY_GROUND),
+    Area("daemon",
+         (r"tools/korvexd/.*\.(cpp|h)",),
+         90,
+         (tuple(tool_program(f"tests/unit/korvexd/korvexd_{name}_tests")
+                for name in ("unit", "system_call")),
+          tuple(tool_program(f"tests/unit/korvexd/korvexd_{name}_tests")
+                for name in ("rename", "writeback", "stale_queue"))),
+         (DAEMON_TESTS, Program("tests/integration/korvexd_failing_sink_tests"),
+          STRANGE_OBJECT_TESTS, SEND_TESTS),
+         TOOLS_GROUND),
+    Area("tool",
+         (r"tools/korvex/.*\.(cpp|h)",),
+         90,
+         (tuple(tool_program(f"tests/unit/korvex/korvex_tool_{name}_tests")
+                for name in ("unit", "system_call")),),
+         (SEND_TESTS,),
+         TOOLS_GROUND),
+)
+
+
+def area_of(name):
+    """The area of a source; None for a file that nobody changes."""
+    return next((area for area in AREAS if area.has(name)), None)

@@ -1,0 +1,42 @@
+#!/usr/bin/python3
+"""Every source is tried, by programs that exist; a file that moves must not be forgotten."""
+
+import pathlib
+import re
+import unittest
+
+from areas import AREAS
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
+FOLDERS = ("src", "include/korvex", "tools")
+
+
+def sources():
+    return sorted(str(path.relative_to(ROOT)) for folder in FOLDERS
+                  for path in (ROOT / folder).rglob("*") if path.suffix in (".cpp", ".h"))
+
+
+class Areas(unittest.TestCase):
+    def test_hold_every_source_once(self):
+        for name in sources():
+            self.assertEqual(sum(area.has(name) for area in AREAS), 1, name)
+
+    def test_have_no_pattern_that_matches_nothing(self):
+        for area in AREAS:
+            for pattern in area.sources:
+                self.assertTrue(any(re.fullmatch(pattern, name) for name in sources()), pattern)
+
+    def test_name_programs_that_are_built(self):
+        for area in AREAS:
+            for program in area.programs():
+                lists = ROOT / pathlib.PurePath(program.path).parent / "CMakeLists.txt"
+                self.assertRegex(lists.read_text(), rf"NAME {program.name}\b", program.path)
+
+    def test_know_that_their_sources_decide(self):
+        for area in AREAS:
+            for name in filter(area.has, sources()):
+                self.assertRegex(name, area.ground)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,126 @@
+// The calls that read the input, where the system interrupts them or has nothing to give.
+
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <deque>
+#include <filesystem>
+#include <fstream>
+
+#include "Failure.h"
+#include "InputReader.h"
+#include "unit/SystemCalls.h"
+
+namespace {
+
+using korvex::tool::Failure;
+using korvex::tool::InputReader;
+using korvex::tool::StopSignal;
+using system_calls::failing;
+using system_calls::instead;
+using testing::HasSubstr;
+
+/// A pipe with three bytes and an end, or a file with them.
+class InputCalls : public testing::Test {
+ protected:
+  InputCalls() {
+    std::string name = (std::filesystem::temp_directory_path() / "korvex-input-XXXXXX").string();
+    folder_ = ::mkdtemp(name.data());
+    file_ = folder_ / "file";
+    std::ofstream(file_) << "abc";
+    EXPECT_EQ(::pipe(ends_), 0);
+    EXPECT_EQ(::write(ends_[1], "abc", 3), 3);
+    ::close(ends_[1]);
+    pipe_ = "/proc/self/fd/" + std::to_string(ends_[0]);
+  }
+  ~InputCalls() override {
+    instead = {};
+    ::close(ends_[0]);
+    std::filesystem::remove_all(folder_);
+  }
+
+  /// The next reads fail with these errors, those after them work.
+  void failReads(std::deque<int> errors) {
+    instead.read = [errors](int file, void* bytes, std::size_t size) mutable -> ssize_t {
+      if (errors.empty()) return system_calls::read(file, bytes, size);
+      const int error = errors.front();
+      errors.pop_front();
+      return failing(error);
+    };
+  }
+
+  std::string contentOf(const std::string& name) const {
+    InputReader reader({name}, stop_);
+    EXPECT_TRUE(reader.openNext());
+    unsigned char buffer[10];
+    return std::string(buffer, buffer + reader.fill(buffer, sizeof buffer));
+  }
+
+  std::string failureOf(const std::string& name) const {
+    try {
+      contentOf(name);
+    } catch (const Failure& failure) {
+      return failure.what();
+    }
+    return "";
+  }
+
+  StopSignal stop_;
+  std::filesystem::path folder_;
+  std::string file_;
+  std::string pipe_;
+  int ends_[2];
+};
+
+}  // namespace
+
+TEST_F(InputCalls, ThatAreInterruptedWhileReadingAreMadeAgain) {
+  failReads({EINTR, EINTR});
+  EXPECT_EQ(contentOf(file_), "abc");
+}
+
+TEST_F(InputCalls, ThatFindNothingYetAreMadeAgain) {
+  failReads({EAGAIN});
+  EXPECT_EQ(contentOf(pipe_), "abc");
+}
+
+TEST_F(InputCalls, ThatFailWhileReadingNameTheFile) {
+  failReads({EIO});
+  EXPECT_EQ(failureOf(file_), "cannot read '" + file_ + "': Input/output error");
+}
+
+TEST_F(InputCalls, ThatAreInterruptedWhileOpeningAreMadeAgain) {
+  InputReader reader({file_}, stop_);
+  int opened = 0;
+  instead.open = [&](const char* path) {
+    return ++opened < 3 ? failing(EINTR) : system_calls::open(path, 0);
+  };
+  EXPECT_TRUE(reader.openNext());
+  EXPECT_EQ(opened, 3);
+}
+
+TEST_F(InputCalls, ThatFailWhileOpeningNameTheFile) {
+  InputReader reader({file_}, stop_);
+  instead.open = [](const char*) { return failing(EMFILE); };
+  EXPECT_THROW(reader.openNext(), Failure);
+}
+
+TEST_F(InputCalls, ThatAreInterruptedWhileWaitingAreMadeAgain) {
+  instead.poll = [count = 0](pollfd* files, nfds_t number, int milliseconds) mutable {
+    return ++count < 3 ? failing(EINTR) : system_calls::poll(files, number, milliseconds);
+  };
+  EXPECT_EQ(contentOf(pipe_), "abc");
+}
+
+TEST_F(InputCalls, ThatFailWhileWaitingNameTheFile) {
+  instead.poll = [](pollfd*, nfds_t, int) { return failing(ENOMEM); };
+  EXPECT_EQ(failureOf(pipe_), "cannot read '" + pipe_ + "': Cannot allocate memory");
+}
+
+TEST_F(InputCalls, ThatShortenAReadAreMadeAgain) {
+  instead.read = [](int file, void* bytes, std::size_t size) {
+    return system_calls::read(file, bytes, size == 0 ? 0 : 1);
+  };
+  EXPECT_EQ(contentOf(file_), "abc");
+}
