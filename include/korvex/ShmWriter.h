@@ -24,6 +24,10 @@ class MessageQueue;
 /// Use: construct, open(), then per segment one or more writeSegment() and an endSegment(), then
 /// close(), or stop() when the stream failed. One thread at a time.
 ///
+/// The destructor closes an open stream, and the daemon takes what it has by then for complete. On
+/// the way out of an error call stop() first: `catch (...) { writer.stop(true); throw; }`, or leave
+/// it to a StreamGuard.
+///
 /// Waiting for room on the send queue is the only place that blocks. Errors are Ov_ErrnoException
 /// with an empty location: 15 when the queue stayed full for the timeout (the batch is kept, so a
 /// later flush sends it), the daemon's own status and text when its reply carries one (the batch is
