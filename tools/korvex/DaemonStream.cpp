@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "Failure.h"
-#include "Printable.h"
 #include "Receipt.h"
+#include "common/Printable.h"
 #include "shm/Pause.h"
 #include "support/Status.h"
 #include "support/Trace.h"

@@ -12,7 +12,7 @@
 #include <system_error>
 
 #include "Failure.h"
-#include "Printable.h"
+#include "common/Printable.h"
 
 namespace korvex::tool {
 namespace {
