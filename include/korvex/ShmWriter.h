@@ -24,11 +24,15 @@ class MessageQueue;
 /// Use: construct, open(), then per segment one or more writeSegment() and an endSegment(), then
 /// close(), or stop() when the stream failed. One thread at a time.
 ///
+/// The destructor closes an open stream, and the daemon takes what it has by then for complete. On
+/// the way out of an error call stop() first: `catch (...) { writer.stop(true); throw; }`, or leave
+/// it to a StreamGuard.
+///
 /// What blocks: a send, for room until its timeout, and up to 250 ms more when the queue's lock is
 /// all that is in its way; the look for a reply, while that queue's lock is taken, for 20 ms and
-/// rarely for 40; the constructor. A thread may be cancelled (deferred) where a send or the constructor waits, and
-/// nowhere else: the batch stays as it was, and what the thread's destructors still send is tried
-/// once, without waiting for room.
+/// rarely for 40; the constructor. A thread may be cancelled (deferred) where a send or the
+/// constructor waits, and nowhere else: the batch stays as it was, and what the thread's destructors
+/// still send is tried once, without waiting for room.
 ///
 /// Errors are Ov_ErrnoException with an empty location: 15 when the queue stayed full for the
 /// timeout (the batch is kept, so a later flush sends it), the daemon's own status and text when

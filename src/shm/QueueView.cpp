@@ -187,6 +187,12 @@ std::optional<QueueView::State> judge(int file, const Header& header, std::uint6
   return std::nullopt;
 }
 
+/// What a creator that was killed leaves: zeros, but for the word that says how far it came.
+bool isBlank(const unsigned char* header, std::size_t size) {
+  return header[0] <= kInitialized + 1 &&
+         std::all_of(header + 1, header + size, [](unsigned char byte) { return byte == 0; });
+}
+
 /// Closes on every way out.
 class File {
  public:
@@ -291,6 +297,18 @@ bool QueueView::isStillNamed(const std::string& name) const noexcept {
   struct stat found = {};
   return static_cast<std::size_t>(length) < sizeof path && ::lstat(path, &found) == 0 &&
          found.st_dev == device_ && found.st_ino == inode_;
+}
+
+bool QueueView::canBeQueue(int file) noexcept {
+  struct stat found = {};
+  if (::fstat(file, &found) != 0 || !S_ISREG(found.st_mode)) return false;
+  unsigned char bytes[kHeaderEnd] = {};
+  const ssize_t size = ::pread(file, bytes, kHeaderEnd, 0);
+  if (size < 0) return false;
+  if (Header(bytes).size(kIndexPointerOffset) == kIndexPointer) return true;
+  // Zeros are what many programs' objects begin with; a queue has them before its header is made.
+  const bool hasHeaderSize = static_cast<std::uint64_t>(found.st_size) >= kSmallestQueue;
+  return isBlank(bytes, kHeaderEnd) && (size <= ssize_t{kIndexPointerOffset} || hasHeaderSize);
 }
 
 std::size_t QueueView::fileSize(std::size_t messages, std::size_t messageSize) noexcept {

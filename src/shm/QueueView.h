@@ -50,6 +50,10 @@ class QueueView {
   /// replaced it: what is sent to it then is read by nobody.
   bool isStillNamed(const std::string& name) const noexcept;
 
+  /// Whether an open file can be a queue: a sound one, one that is still being made, or what
+  /// became of one when it was cut or overwritten in part. For those who remove it.
+  static bool canBeQueue(int file) noexcept;
+
   /// The size of a queue's object with these limits, in bytes; 0 when that is none or too much.
   static std::size_t fileSize(std::size_t messages, std::size_t messageSize) noexcept;
 

@@ -128,7 +128,7 @@ class Run {
     source_.restart();
     failOnce(Step::None);
     {
-      StreamSession session("q", factory_, stats_);
+      StreamSession session("q", factory_, stats_, log_);
       while (!input.isEmpty()) step(session, input);
     }
     model_.end();
@@ -231,6 +231,7 @@ class Run {
   Seen seen_;
   StreamModel model_;
   korvexd::Stats stats_;
+  korvexd::QueueLog log_{"q"};
   const korvexd::SinkFactory factory_ = [this](const std::string&, std::time_t) {
     seen_.failIf(Step::Opening);
     return std::make_unique<WatchedSink>(seen_);

@@ -16,7 +16,7 @@
 #include "integration/support/Process.h"
 #include "integration/support/Queues.h"
 #include "integration/support/TemporaryFolder.h"
-#include "shm/QueueView.h"
+#include "shm/MessageQueue.h"
 #include "unit/korvex/FakeDaemon.h"
 
 namespace {
@@ -269,6 +269,29 @@ TEST_F(SendCommand, FailsAtOnceWhenTheDaemonEndsWhileAPipeIsSilent) {
   ::close(writer);
   EXPECT_EQ(result.code, 1);
   EXPECT_THAT(result.errors, HasSubstr("removed or replaced"));
+}
+
+TEST_F(SendCommand, FailsAtOnceWhenTheDaemonEndsBeforeAPipeHasAWriter) {
+  startStoringDaemon();
+  const std::string pipe = folder / "pipe";
+  ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+  Process sender(sendCommand({"--timeout", "86400", pipe}));
+  ASSERT_TRUE(eventually([this] { return !namesIn(stored).empty(); }));
+  daemon->signal(SIGTERM);
+  const Result result = resultOf(sender);
+  EXPECT_EQ(result.code, 1);
+  EXPECT_THAT(result.errors, HasSubstr("removed or replaced"));
+}
+
+TEST_F(SendCommand, IsNotHurtByRepliesThatWaitInTheDaemon) {
+  startDaemon({"--discard"});
+  korvex::MessageQueue batches(queue, korvex::MessageQueue::Clock::now());
+  for (int i = 0; i < 30; ++i) {
+    const auto deadline = korvex::MessageQueue::Clock::now() + test_support::kPatience;
+    ASSERT_TRUE(batches.sendBefore("bad", 3, 1, deadline));
+  }
+  const Result result = send({file("a", "abc")});
+  EXPECT_EQ(result.code, 0) << result.errors;
 }
 
 TEST_F(SendCommand, IsNeverVerifiedByADaemonThatDiedBeforeTheReceipt) {

@@ -62,6 +62,8 @@ std::string notReplaced(const std::string& found) {
   return "queue NAME cannot be replaced: found " + found + ", expected a queue that a daemon left";
 }
 
+const std::string kAnotherFile = notReplaced("another file");
+
 Place bytes(const Bytes& content) {
   return [content](const std::string& name) -> Holder {
     return std::make_shared<SharedObject>(name, content);
@@ -297,14 +299,14 @@ const std::vector<Kind>& kinds() {
       same("OneByteOfACreatorThatFailed", bytes({3}), kNoQueue),
       same("TwoBytesThatLookReady", bytes({2, 0}), kNoQueue),
       same("Zeros4", bytes(Bytes(4)), kNoQueue),
-      same("ZerosOfAHeader", bytes(Bytes(kIndex)), kNoQueue),
+      same("ZerosOfAHeader", bytes(Bytes(kIndex)), kNoQueue, kAnotherFile),
       same("ZerosOfTheSmallestQueue", bytes(Bytes(240)), kNoQueue),
       same("ZerosOfAQueue", bytes(Bytes(kQueueSize)), kNoQueue),
       same("ZerosOfAPage", bytes(Bytes(4096)), kNoQueue),
-      same("AllOnes", bytes(Bytes(kQueueSize, 0xff)), kNoQueue),
-      same("Text", bytes(text()), kNoQueue),
-      same("Noise", bytes(noise()), kNoQueue),
-      same("QueueOf32Bits", bytes(queueOf32Bits()), kNoQueue),
+      same("AllOnes", bytes(Bytes(kQueueSize, 0xff)), kNoQueue, kAnotherFile),
+      same("Text", bytes(text()), kNoQueue, kAnotherFile),
+      same("Noise", bytes(noise()), kNoQueue, kAnotherFile),
+      same("QueueOf32Bits", bytes(queueOf32Bits()), kNoQueue, kAnotherFile),
 
       // The word that says how far the creator came.
       same("NeverInitialized", word(0), kNoQueue),
@@ -339,10 +341,10 @@ const std::vector<Kind>& kinds() {
       same("MostStored", number(kStored, kAllOnes), kNoQueue),
       same("FirstBehindTheIndex", number(kFirst, kMessages), kNoQueue),
       same("FirstFarAway", number(kFirst, kAllOnes), kNoQueue),
-      same("IndexNowhere", number(kIndexPointer, 0), kNoQueue),
-      same("IndexInTheHeader", number(kIndexPointer, 184), kNoQueue),
-      same("IndexBehindItsPlace", number(kIndexPointer, 200), kNoQueue),
-      same("IndexFarAway", number(kIndexPointer, kAllOnes), kNoQueue),
+      same("IndexNowhere", number(kIndexPointer, 0), kNoQueue, kAnotherFile),
+      same("IndexInTheHeader", number(kIndexPointer, 184), kNoQueue, kAnotherFile),
+      same("IndexBehindItsPlace", number(kIndexPointer, 200), kNoQueue, kAnotherFile),
+      same("IndexFarAway", number(kIndexPointer, kAllOnes), kNoQueue, kAnotherFile),
       same("FirstEntryLeadsNowhere", number(kIndex, 0), kNoQueue),
       same("EntryLeadsIntoTheHeader", number(kIndex, std::uint64_t{0} - kIndex), kNoQueue),
       same("EntryLeadsBesideASlot", number(kIndex, 33), kNoQueue),

@@ -23,3 +23,30 @@ status=0
 "$work/build/producer" "korvex-no-queue-$$" < /dev/null 2> "$work/errors" || status=$?
 expect "the producer's exit code" "$status" 1
 expect "the producer's error" "$(cat "$work/errors")" "producer: No such file or directory"
+
+# What the producers do with a daemon, and with an input that cannot be read.
+queue="korvex-examples-$$"
+mkdir "$work/stored"
+"$PREFIX/bin/korvexd" --queue "$queue" --output "$work/stored" 2> "$work/log" &
+daemon=$!
+trap 'kill "$daemon"; wait "$daemon" || true; rm -rf "$work"' EXIT
+for _ in $(seq 3000); do
+  grep -q "serving $queue," "$work/log" && break
+  sleep 0.02
+done
+
+head -c 300000 /dev/zero | tr '\0' x > "$work/line" # longer than a record may be
+"$work/build/producer" "$queue" < "$work/line"
+expect "the receipt" "$("$work/build/receipt" "$queue" < "$work/line")" \
+  "stored bytes=300000 xxh128=$(sed -n 's/.* 300000 bytes .* xxh128 \([0-9a-f]*\),.*/\1/p' "$work/log" | head -n 1)"
+expect "the data of the line" "$(cat "$work"/stored/*-1/data | cmp - "$work/line" && echo same)" same
+expect "the data of the file" "$(cat "$work"/stored/*-2/data | cmp - "$work/line" && echo same)" same
+
+for program in producer receipt reader; do
+  status=0
+  "$work/build/$program" "$queue" < "$work" > /dev/null 2> "$work/errors" || status=$?
+  expect "the exit code of $program when its input is a folder" "$status" 1
+  grep -q "^$program: .*Is a directory" "$work/errors" || fail "$program: $(cat "$work/errors")"
+done
+[ "$(ls -d "$work"/stored/* | grep -v '[.]partial$' | wc -l)" = 2 ] ||
+  fail "a folder was streamed: $(ls "$work/stored")"

@@ -4,13 +4,13 @@
 
 #include <cerrno>
 #include <ostream>
-#include <sstream>
 #include <string>
 #include <system_error>
 #include <vector>
 
 #include "Failure.h"
-#include "Printable.h"
+#include "common/CommandLine.h"
+#include "common/Printable.h"
 
 namespace korvex::tool {
 namespace {
@@ -35,15 +35,11 @@ std::string unguarded(std::string word) {
 
 /// What the parser says of words that may hold anything, for people.
 std::string complaint(const CLI::App* tool, const CLI::Error& error) {
-  std::istringstream lines(CLI::FailureMessage::simple(tool, error));
-  std::string text;
-  for (std::string line; std::getline(lines, line);) {
-    for (std::size_t at = 0; (at = line.find(kGuard, at)) != std::string::npos; ++at) {
-      if (needsGuard(line[at + 1])) line.erase(at, 1);
-    }
-    text += printable(line) + "\n";
+  std::string text = sentenceOf(*tool, error);
+  for (std::size_t at = 0; (at = text.find(kGuard, at)) != std::string::npos; ++at) {
+    if (needsGuard(text[at + 1])) text.erase(at, 1);
   }
-  return text;
+  return printable(text) + "\nRun with --help for more information.\n";
 }
 
 void parse(CLI::App& tool, int argumentCount, const char* const* arguments) {

@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "Failure.h"
-#include "Printable.h"
 #include "Receipt.h"
+#include "common/Printable.h"
 #include "korvex/Status.h"
 #include "shm/Pause.h"
 #include "support/Trace.h"
@@ -16,22 +16,30 @@
 namespace korvex::tool {
 namespace {
 
-constexpr unsigned kStopTimeout = 2;  // seconds: a person is waiting, or a supervisor with a limit
-constexpr std::size_t kBatchOverhead = 8 + 48;  // the metadata block and one record's header
-constexpr unsigned kPollTimeout = 1;
+constexpr std::chrono::seconds kStopPatience{2};  // a person waits, or a supervisor with a limit
+
+/// Seconds that the writer may wait in one call, where it sees no signal.
+constexpr unsigned kStep = 1;
+
+constexpr std::size_t kBatchHeader = 8;
+constexpr std::size_t kRecordHeader = 48;
+constexpr std::size_t kBatchOverhead = kBatchHeader + kRecordHeader;
 constexpr int kOpenAttempts = 3;
 constexpr std::chrono::milliseconds kWatchPeriod{10};
 constexpr std::chrono::milliseconds kLongestSleep{4};
-constexpr std::chrono::microseconds kShortestPoll{100};
-constexpr std::chrono::microseconds kLongestPoll{50000};
-
-unsigned secondsOf(std::chrono::seconds time) { return static_cast<unsigned>(time.count()); }
 
 std::string quoted(const std::string& name) { return "'" + printable(name) + "'"; }
 
 std::unique_ptr<ShmWriter> makeWriter(const DaemonStream::Settings& settings) {
-  return std::make_unique<ShmWriter>(settings.name, settings.queue, secondsOf(settings.timeout),
-                                     kStopTimeout, false);
+  return std::make_unique<ShmWriter>(settings.name, settings.queue, kStep, kStep, false);
+}
+
+bool isHalfMade(const std::string& queue) {
+  return QueueView(queue).state() == QueueView::State::Unfinished;
+}
+
+bool isEmpty(const qmx_shm_response_t& reply) {
+  return reply.status == 0 && reply.message[0] == '\0';
 }
 
 /// A writer closes an open stream when it is destroyed, and a close record would tell the daemon
@@ -57,71 +65,103 @@ DaemonStream::DaemonStream(Settings settings, const StopSignal& stop)
 }
 
 DaemonStream::~DaemonStream() {
-  if (!isClosed_ && writer_) keepForEver(std::move(writer_));
+  if (!isWriterClosed_ && writer_) keepForEver(std::move(writer_));
 }
 
-/// A fresh writer, and views of the very queues that it has.
+/// A fresh writer, and a view and replies of the very queues that it has.
 void DaemonStream::openQueues() {
+  const std::string replyName = getMessageQueueResponseName(settings_.queue);
   for (int attempts = 0; attempts < kOpenAttempts; ++attempts) {
+    awaitQueuesMade();
     sendView_ = QueueView(settings_.queue);
-    replyView_ = QueueView(getMessageQueueResponseName(settings_.queue));
-    attempt([this] { writer_ = makeWriter(settings_); });
+    attempt([&] {
+      writer_ = makeWriter(settings_);
+      replies_ = std::make_unique<MessageQueue>(replyName, Clock::now());
+    });
     // What had the name before and after the writer looked is what the writer has.
-    if (sendView_.isStillNamed(settings_.queue) &&
-        replyView_.isStillNamed(getMessageQueueResponseName(settings_.queue))) {
-      return;
-    }
+    if (isStillServed() && replies_->view().isStillNamed(replyName)) return;
   }
   throwGone();
 }
 
-/// The daemon may still be storing what an earlier sender gave up waiting for. Its reply comes
-/// then, and must not be met by this stream: once an empty batch was taken, everything before it is
-/// done.
-void DaemonStream::letEarlierStreamEnd() {
-  awaitRoom();
-  flushIgnoringReply();
-  awaitAllTaken("the daemon to finish an earlier stream");
+/// The writer would wait as well, but not for a signal.
+void DaemonStream::awaitQueuesMade() {
+  const auto deadline = Clock::now() + settings_.timeout;
+  Pause pause(kLongestSleep);
+  while (isHalfMade(settings_.queue) || isHalfMade(getMessageQueueResponseName(settings_.queue))) {
+    stop_.throwIfReceived();
+    if (Clock::now() >= deadline) {
+      throwQueueError(std::runtime_error("it was not finished within " +
+                                         std::to_string(settings_.timeout.count()) + " s"));
+    }
+    pause.wait(deadline);
+  }
 }
 
-/// Each empty batch brings one reply back. What the replies say is of no concern to this stream.
+/// The daemon may still be storing what an earlier sender gave up waiting for, and have replies for
+/// which there was no room. This stream must meet none of them. Batches are taken in order, so once
+/// an empty one was taken, everything before it is done and answered. Before the daemon takes a
+/// batch it sends what waits: with room for it, and two more batches taken, nothing waits any
+/// more. Two, because it may have tried just before there was room and taken the first one then.
+void DaemonStream::letEarlierStreamEnd() {
+  flushIgnoringReply();
+  awaitAllTaken("the daemon to take the first batch");
+  withdrawOldReplies();
+  flushIgnoringReply();
+  flushIgnoringReply();
+  awaitAllTaken("the daemon to take the first batches");
+  withdrawOldReplies();
+}
+
 void DaemonStream::withdrawOldReplies() {
   // Bounded: somebody may be filling the queue meanwhile.
-  for (std::size_t left = replyView_.maxMessages(); left > 0 && replyView_.messages() > 0; --left) {
-    awaitRoom();
-    flushIgnoringReply();
+  const QueueView& view = replies_->view();
+  for (std::size_t left = 2 * view.maxMessages(); left > 0 && view.messages() > 0; --left) {
+    stop_.throwIfReceived();
+    attempt([this] {
+      qmx_shm_response_t oldReply;
+      std::size_t size = 0;
+      replies_->tryReceive(&oldReply, sizeof oldReply, size);
+    });
   }
 }
 
 void DaemonStream::flushIgnoringReply() {
-  try {
-    writer_->flush_shm_buffer(kPollTimeout);
-  } catch (const Ov_ErrnoException& oldReply) {
-    if (isTracing()) {
-      __TraceA("%s: reply of an earlier stream: %s", "withdrawOldReplies", oldReply.what());
+  sendPatiently([this] {
+    try {
+      writer_->flush_shm_buffer(kStep);
+    } catch (const Ov_ErrnoException& error) {
+      if (!isReply(error)) return false;
+      if (isTracing()) __TraceA("%s: earlier reply: %s", "flushIgnoringReply", error.what());
+    } catch (const std::exception& error) {
+      throwQueueError(error);
     }
-  } catch (const std::exception& error) {
-    throwQueueError(error);
-  }
+    return true;
+  });
 }
 
 void DaemonStream::open() {
   letEarlierStreamEnd();
-  withdrawOldReplies();
   openQueues();  // a fresh writer remembers no reply
-  awaitRoom();
-  isStoppable_ = true;
-  attempt([this] { writer_->open(); });
-  awaitRoom();
-  attempt([this] { writer_->flush_shm_buffer(secondsOf(settings_.timeout)); });
-  awaitOpenTaken();
+  sendOpenRecord();
+  flush();
+  // When nothing waits any more, the empty batch behind the open record was taken, so the open
+  // record was dealt with.
+  awaitAllTaken("the daemon to take the open record");
   takeReplies();
   refuseForeignReply();
 }
 
-/// The batches are taken in order. When nothing waits any more, the empty batch behind the open
-/// record was taken, so the open record was dealt with.
-void DaemonStream::awaitOpenTaken() { awaitAllTaken("the daemon to take the open record"); }
+/// A record that found no room stays in its writer's batch, and a writer that opens again puts a
+/// second one behind it. So each attempt has a fresh one.
+void DaemonStream::sendOpenRecord() {
+  sendPatiently([this, isAgain = false]() mutable {
+    if (std::exchange(isAgain, true)) openQueues();
+    isStoppable_ = true;
+    return isStoppable_ = attempt([this] { writer_->open(); });
+  });
+  batchSize_ = 0;
+}
 
 void DaemonStream::awaitAllTaken(const char* what) {
   const auto deadline = Clock::now() + settings_.timeout;
@@ -136,13 +176,45 @@ void DaemonStream::awaitAllTaken(const char* what) {
 
 void DaemonStream::write(const unsigned char* data, std::size_t size) {
   watch();
-  awaitRoom();
-  attempt([&] { writer_->writeSegment(data, size); });
+  makeRoomFor(size);
+  if (!attempt([&] { writer_->writeSegment(data, size); })) throwTimedOut("room");
 }
 
 void DaemonStream::endSegment() {
-  awaitRoom();
-  attempt([this] { writer_->endSegment(); });
+  makeRoomFor(0);
+  if (!attempt([this] { writer_->endSegment(); })) throwTimedOut("room");
+}
+
+/// Sends the batch when the next record would not fit: the writer would do so as well, but wait for
+/// room where it sees no signal, and lose the record in the end.
+void DaemonStream::makeRoomFor(std::size_t dataSize) {
+  const std::size_t added = kRecordHeader + dataSize;
+  if (kBatchHeader + batchSize_ + added > sendView_.maxMessageSize()) flush();
+  batchSize_ += added;
+}
+
+void DaemonStream::flush() {
+  sendPatiently([this] { return tryFlush(); });
+}
+
+bool DaemonStream::tryFlush() {
+  const bool isSent = attempt([this] { writer_->flush_shm_buffer(kStep); });
+  if (isSent) batchSize_ = 0;
+  return isSent;
+}
+
+/// Sends until there was room for it, in steps between which signals and the queue's name are
+/// looked at. `send` returns whether there was room.
+template <typename Send>
+void DaemonStream::sendPatiently(Send send) {
+  const auto deadline = Clock::now() + settings_.timeout;
+  for (;;) {
+    awaitRoom(deadline);
+    if (send()) return;
+    stop_.throwIfReceived();
+    checkStillServed();
+    if (Clock::now() >= deadline) throwTimedOut("room");
+  }
 }
 
 void DaemonStream::watch() {
@@ -164,41 +236,73 @@ void DaemonStream::close() {
   // just ended, must not become a complete stream.
   stop_.throwIfReceived();
   look();
-  awaitRoom();
-  attempt([this] { writer_->close(); });
-  isClosed_ = true;
+  makeRoomFor(0);
+  sendCloseRecord();
   isStoppable_ = false;
+}
+
+/// A close record that found no room stays in the batch, while the writer stays open.
+void DaemonStream::sendCloseRecord() {
+  sendPatiently([this, isAgain = false]() mutable {
+    if (std::exchange(isAgain, true)) return tryFlush();
+    return isWriterClosed_ = attempt([this] { writer_->close(); });
+  });
 }
 
 std::optional<std::string> DaemonStream::awaitReceipt(std::chrono::seconds limit) {
   const auto deadline = Clock::now() + limit;
-  for (auto pause = kShortestPoll;; pause = std::min(2 * pause, kLongestPoll)) {
+  Pause pause(kLongestSleep);
+  for (;;) {
     stop_.throwIfReceived();
     // The name first: a daemon that answers and then ends leaves its answer in the old queue.
-    const bool isServed = sendView_.isStillNamed(settings_.queue);
+    const bool isServed = isStillServed();
     takeReplies();
-    if (!hasReply()) poll();
-    if (hasReply()) return std::string(textOf(writer_->getResponse()));
+    if (reply() != nullptr) return std::string(textOf(*reply()));
     if (!isServed) throwGone();
     if (Clock::now() >= deadline) return std::nullopt;
-    pauseForReply(pause);
+    pause.wait(deadline);
   }
 }
 
 void DaemonStream::stop(StopWait wait) noexcept {
   if (!isStoppable_) return;
   isStoppable_ = false;
+  const auto patience = wait == StopWait::Short ? kStopPatience : settings_.timeout;
   try {
-    writer_->stop(wait == StopWait::Short);
+    sendStopRecord(Clock::now() + patience, wait);
   } catch (const std::exception&) {
     // The stream has failed already, and that is told. The daemon notices at the next open record.
   }
 }
 
+/// The batch first, so that the record has room in the next one.
+void DaemonStream::sendStopRecord(Clock::time_point deadline, StopWait wait) {
+  if (batchSize_ > 0 && !flushBefore(deadline, wait)) return;
+  try {
+    writer_->stop(true);
+  } catch (const Ov_ErrnoException& error) {
+    if (!isReply(error)) flushBefore(deadline, wait);
+  }
+}
+
+/// Whether the batch was sent in time; what the daemon replies no longer matters.
+bool DaemonStream::flushBefore(Clock::time_point deadline, StopWait wait) {
+  while (isStillServed()) {
+    try {
+      writer_->flush_shm_buffer(kStep);
+      return true;
+    } catch (const Ov_ErrnoException& error) {
+      if (isReply(error)) return true;
+    }
+    const bool isHurried = wait == StopWait::Ordinary && stop_.received() != 0;
+    if (isHurried || Clock::now() >= deadline) break;
+  }
+  return false;
+}
+
 /// The writer would wait as well, but neither for a signal nor with an eye on the queue's name.
-void DaemonStream::awaitRoom() {
+void DaemonStream::awaitRoom(Clock::time_point deadline) {
   if (!sendView_.looksFull()) return;
-  const auto deadline = Clock::now() + settings_.timeout;
   auto nextCheck = Clock::now() + kWatchPeriod;
   Pause pause(kLongestSleep);
   do {
@@ -212,39 +316,31 @@ void DaemonStream::awaitRoom() {
   } while (sendView_.looksFull());
 }
 
-/// Waits until a reply seems to be there, at most as long as the pause.
-void DaemonStream::pauseForReply(std::chrono::microseconds longest) const {
-  const auto end = Clock::now() + longest;
-  Pause pause(kLongestSleep);
-  while (replyView_.messages() == 0 && stop_.received() == 0 && Clock::now() < end) {
-    pause.wait(end);
-  }
-}
-
 /// Takes what seems to be there, up to the reply that the stream will be judged by.
 void DaemonStream::takeReplies() {
-  for (std::size_t left = replyView_.maxMessages(); left > 0 && replyView_.messages() > 0; --left) {
-    if (settings_.expectsReceipt && hasReply()) return;
-    poll();
+  const QueueView& view = replies_->view();
+  for (std::size_t left = view.maxMessages(); left > 0 && view.messages() > 0; --left) {
+    if (settings_.expectsReceipt && reply() != nullptr) return;
+    takeReply();
   }
 }
 
-/// Sends the batch as it stands, mostly an empty one, for the reply that comes with it.
-void DaemonStream::poll() {
-  if (sendView_.looksFull()) return;
-  attempt([this] {
-    try {
-      writer_->flush_shm_buffer(kPollTimeout);
-    } catch (const Ov_ErrnoException& error) {
-      if (isReply(error)) throw;
-      // No room after all. The batch is kept, and the reply will wait.
-    }
-  });
+void DaemonStream::takeReply() {
+  qmx_shm_response_t received;
+  std::size_t size = 0;
+  auto outcome = MessageQueue::Outcome::NotReady;
+  attempt([&] { outcome = replies_->tryReceive(&received, sizeof received, size); });
+  if (outcome != MessageQueue::Outcome::Done) return;
+  if (received.status != 0) {
+    throwStreamFailed(received.status, printable(textOf(received)));
+  }
+  reply_ = received;
 }
 
-bool DaemonStream::hasReply() const {
-  const qmx_shm_response_t& reply = writer_->getResponse();
-  return reply.status != 0 || reply.message[0] != '\0';
+/// The reply that has come, if any: fetched here, or by the writer with one of its batches.
+const qmx_shm_response_t* DaemonStream::reply() const {
+  if (!isEmpty(reply_)) return &reply_;
+  return isEmpty(writer_->getResponse()) ? nullptr : &writer_->getResponse();
 }
 
 bool DaemonStream::isReply(const Ov_ErrnoException& error) const {
@@ -253,23 +349,28 @@ bool DaemonStream::isReply(const Ov_ErrnoException& error) const {
 }
 
 void DaemonStream::refuseForeignReply() const {
-  if (!settings_.expectsReceipt || !hasReply()) return;
-  throwStreamFailed(EPROTO, "a reply for another stream arrived, \"" +
-                                printable(textOf(writer_->getResponse())) +
+  if (!settings_.expectsReceipt || reply() == nullptr) return;
+  throwStreamFailed(EPROTO, "a reply for another stream arrived, \"" + printable(textOf(*reply())) +
                                 "\": is another producer using this queue?");
 }
 
+bool DaemonStream::isStillServed() const { return sendView_.isStillNamed(settings_.queue); }
+
 void DaemonStream::checkStillServed() {
-  if (!sendView_.isStillNamed(settings_.queue)) throwGone();
+  if (!isStillServed()) throwGone();
 }
 
-/// Runs an operation of the writer and tells its errors in this tool's words.
+/// Runs an operation on the queues and tells its errors in this tool's words. False when there was
+/// no room.
 template <typename Operation>
-void DaemonStream::attempt(Operation operation) {
+bool DaemonStream::attempt(Operation operation) {
   try {
     operation();
+    return true;
   } catch (const Ov_ErrnoException& error) {
-    if (!writer_ || !isReply(error)) isStoppable_ = false;
+    const bool isAnswer = writer_ && isReply(error);
+    if (!isAnswer && error.getStatus() == kStatusTimedOut) return false;
+    if (!isAnswer) isStoppable_ = false;
     throwStreamFailed(error.getStatus(), printable(error.getMessage()));
   } catch (const std::exception& error) {
     throwQueueError(error);
@@ -283,9 +384,10 @@ void DaemonStream::throwStreamFailed(ov_status_t status, const std::string& text
 
 void DaemonStream::throwTimedOut(const std::string& what) {
   isStoppable_ = false;
-  throwStreamFailed(kStatusTimedOut, "waited " + std::to_string(settings_.timeout.count()) +
-                                         " s for " + what +
-                                         ": the daemon is gone or does not keep up");
+  throwStreamFailed(kStatusTimedOut,
+                    "waited " + std::to_string(settings_.timeout.count()) + " s for " + what +
+                        (settings_.name.empty() ? "" : " on stream " + printable(settings_.name)) +
+                        ": the daemon is gone or does not keep up");
 }
 
 void DaemonStream::throwGone() {
@@ -305,8 +407,10 @@ void DaemonStream::throwQueueError(const std::exception& error) {
   const auto status = view.state() == QueueView::State::Unreachable
                           ? static_cast<ov_status_t>(view.systemError())
                           : kStatusCorrupt;
-  throw Failure(status, "queue " + quoted(settings_.queue) + ": " + printable(error.what()) +
-                            "; korvexd must be running and serve this queue");
+  const char* const hint = status == EACCES
+                               ? "; korvexd's --mode and group decide which users may use its queue"
+                               : "; korvexd must be running and serve this queue";
+  throw Failure(status, "queue " + quoted(settings_.queue) + ": " + printable(error.what()) + hint);
 }
 
 }  // namespace korvex::tool

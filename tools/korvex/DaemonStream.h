@@ -10,20 +10,24 @@
 #include <korvex/ShmWriter.h>
 
 #include "StopSignal.h"
-#include "shm/QueueView.h"
+#include "shm/MessageQueue.h"
 
 namespace korvex::tool {
 
 /// One stream to the daemon, with the care that makes the daemon's receipt worth something.
 ///
 /// A queue pair outlives its streams, so a reply in it may answer an earlier one. Before the stream
-/// opens, such replies are taken away; after it, the daemon is waited for until it has taken the
-/// open record, from which moment on it sends nothing of the past. While data flows, the queue's
-/// name is looked at: a daemon that went leaves an object behind that swallows everything.
+/// opens, such replies are taken away, those too that still wait in the daemon for room. While data
+/// flows, the queue's name is looked at: a daemon that went leaves an object behind that swallows
+/// everything.
+///
+/// Replies are fetched from the response queue itself. A writer alone would have to send an empty
+/// batch for each look, and would fill the queue while the daemon stores a stream.
 ///
 /// Order: construct, open(), then write() and endSegment(), then close() and awaitReceipt(); or
-/// stop() when something went wrong. Waiting ends at the timeout, on a signal (Interrupted) and
-/// when the queue is replaced. Whatever fails throws a Failure; then only stop() makes sense.
+/// stop() when something went wrong. Waiting ends at the timeout, when the queue is replaced, and
+/// on a signal (Interrupted), within a second at the latest. Whatever fails throws a Failure; then
+/// only stop() makes sense.
 class DaemonStream {
  public:
   struct Settings {
@@ -68,22 +72,31 @@ class DaemonStream {
   using Clock = std::chrono::steady_clock;
 
   void openQueues();
+  void awaitQueuesMade();
   void letEarlierStreamEnd();
   void withdrawOldReplies();
   void flushIgnoringReply();
-  void awaitRoom();
-  void awaitOpenTaken();
+  void sendOpenRecord();
+  void sendCloseRecord();
+  void sendStopRecord(Clock::time_point deadline, StopWait wait);
+  bool flushBefore(Clock::time_point deadline, StopWait wait);
+  void makeRoomFor(std::size_t dataSize);
+  void flush();
+  bool tryFlush();
+  template <typename Send>
+  void sendPatiently(Send send);
+  void awaitRoom(Clock::time_point deadline);
   void awaitAllTaken(const char* what);
   void look();
-  void pauseForReply(std::chrono::microseconds longest) const;
   void takeReplies();
-  void poll();
+  void takeReply();
   void refuseForeignReply() const;
-  bool hasReply() const;
+  const qmx_shm_response_t* reply() const;
   bool isReply(const Ov_ErrnoException& error) const;
+  bool isStillServed() const;
   void checkStillServed();
   template <typename Operation>
-  void attempt(Operation operation);
+  bool attempt(Operation operation);
   [[noreturn]] void throwStreamFailed(ov_status_t status, const std::string& text) const;
   [[noreturn]] void throwTimedOut(const std::string& what);
   [[noreturn]] void throwGone();
@@ -92,12 +105,14 @@ class DaemonStream {
   Settings settings_;
   const StopSignal& stop_;
   std::unique_ptr<ShmWriter> writer_;
+  std::unique_ptr<MessageQueue> replies_;
+  qmx_shm_response_t reply_;  ///< the one that was fetched here; all zero before
   QueueView sendView_;
-  QueueView replyView_;
   std::size_t largestPiece_ = 0;
+  std::size_t batchSize_ = 0;  ///< at most what the writer's batch has
   Clock::time_point nextWatch_;
-  bool isStoppable_ = false;  ///< the daemon may have an open stream, and listens
-  bool isClosed_ = false;
+  bool isStoppable_ = false;     ///< the daemon may have an open stream, and listens
+  bool isWriterClosed_ = false;  ///< it sends no close record when it is destroyed
 };
 
 }  // namespace korvex::tool

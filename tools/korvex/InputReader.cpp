@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,7 +12,7 @@
 #include <system_error>
 
 #include "Failure.h"
-#include "Printable.h"
+#include "common/Printable.h"
 
 namespace korvex::tool {
 namespace {
@@ -39,19 +40,36 @@ struct stat statusOf(const std::string& name) {
   return status;
 }
 
+/// Somebody else opened it: perhaps for writing only, perhaps a socket that leads nowhere.
+void proveInputReadable(const std::string& name, mode_t mode) {
+  if ((::fcntl(STDIN_FILENO, F_GETFL) & O_ACCMODE) == O_WRONLY) throwUnreadable(name, EBADF);
+  if (!S_ISSOCK(mode)) return;
+  char byte = 0;
+  const ssize_t got = ::recv(STDIN_FILENO, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+  if (got < 0 && errno != EAGAIN) throwUnreadable(name, errno);
+}
+
 void proveReadable(const std::string& name, mode_t mode) {
-  if (name == kStandardInput) {
-    // Somebody else opened it, perhaps for writing only.
-    if ((::fcntl(STDIN_FILENO, F_GETFL) & O_ACCMODE) == O_WRONLY) throwUnreadable(name, EBADF);
-    return;
-  }
-  if (!S_ISREG(mode)) {
+  if (name == kStandardInput) return proveInputReadable(name, mode);
+  if (S_ISFIFO(mode)) {
     if (::access(name.c_str(), R_OK) != 0) throwUnreadable(name, errno);
     return;
   }
-  const int file = ::open(name.c_str(), kOpenFlags);
+  // A terminal may wait for its line; a drive without a medium is to say so.
+  const int file = ::open(name.c_str(), kOpenFlags | (S_ISCHR(mode) ? O_NONBLOCK : 0));
   if (file < 0) throwUnreadable(name, errno);
   ::close(file);
+}
+
+bool isPipe(const std::string& name) {
+  struct stat status = {};
+  return ::stat(name.c_str(), &status) == 0 && S_ISFIFO(status.st_mode);
+}
+
+/// A pipe without a writer would be waited for here, where nobody sees what becomes of the daemon.
+int openInput(const std::string& name) {
+  if (name == kStandardInput) return STDIN_FILENO;
+  return ::open(name.c_str(), kOpenFlags | (isPipe(name) ? O_NONBLOCK : 0));
 }
 
 /// What is left of a regular file: standard input may have been read in part before.
@@ -92,8 +110,8 @@ bool InputReader::openNext() {
 void InputReader::openFile(const std::string& name) {
   do {
     stop_.throwIfReceived();
-    file_ = name == kStandardInput ? STDIN_FILENO : ::open(name.c_str(), kOpenFlags);
-  } while (file_ < 0 && errno == EINTR);  // a pipe without a writer blocks here
+    file_ = openInput(name);
+  } while (file_ < 0 && errno == EINTR);
   struct stat status = {};
   if (file_ < 0 || ::fstat(file_, &status) != 0) throwUnreadable(name, errno);
   waits_ = !S_ISREG(status.st_mode);

@@ -18,8 +18,9 @@ namespace korvex::tool {
 /// text. A signal throws Interrupted, also while a pipe is waited for.
 class InputReader {
  public:
-  /// Proves as far as possible that every file can be read: what is missing, forbidden or a
-  /// directory throws. Pipes are not opened for that, since their writers would notice.
+  /// Proves as far as possible that every file can be read: what is missing, forbidden, a
+  /// directory, a socket or a device that cannot be opened throws. Pipes are not opened for that,
+  /// since their writers would notice.
   /// No names mean standard input. Both the list and the signal are used as long as the reader.
   InputReader(const std::vector<std::string>& names, const StopSignal& stop);
   ~InputReader();

@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <ostream>
 
-#include "Printable.h"
+#include "common/Printable.h"
 
 namespace korvex::tool {
 namespace {

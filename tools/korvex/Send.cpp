@@ -13,10 +13,11 @@
 #include "DaemonStream.h"
 #include "Failure.h"
 #include "InputReader.h"
-#include "Printable.h"
 #include "Receipt.h"
 #include "SendReport.h"
 #include "StreamDigest.h"
+#include "common/CommandLine.h"
+#include "common/Printable.h"
 #include "korvexd/Names.h"
 
 namespace korvex::tool {
@@ -207,18 +208,20 @@ CLI::App* declareSend(CLI::App& tool, SendOptions& options) {
   send->add_option("--name", options.name, "A name for the stream in error texts")
       ->type_name("STREAM");
   send->add_option("--timeout", options.timeout, "How long the daemon may take nothing, in seconds")
+      ->transform(wholeNumber)
       ->check(CLI::Range(kMinTimeout, kMaxTimeout))
       ->type_name("SECONDS")
       ->capture_default_str();
   send->add_option("--segment-size", options.segmentSize,
                    "Data bytes of a segment; K, M, G and T are powers of 1024")
-      ->transform(CLI::AsSizeValue(false))
+      ->transform(byteCount)
       ->check(CLI::Range(std::uint64_t{1}, kMaxSegmentSize))
       ->type_name("BYTES")
       ->capture_default_str();
   CLI::Option* const receiptTimeout =
       send->add_option("--receipt-timeout", options.receiptTimeout,
                        "How long to wait for the daemon's receipt, in seconds")
+          ->transform(wholeNumber)
           ->check(CLI::Range(kMinTimeout, kMaxTimeout))
           ->type_name("SECONDS")
           ->capture_default_str();

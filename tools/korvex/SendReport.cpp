@@ -5,7 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "Printable.h"
+#include "common/Printable.h"
 
 namespace korvex::tool {
 namespace {

@@ -2,6 +2,7 @@
 
 #include <signal.h>
 #include <spdlog/spdlog.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <time.h>
 
@@ -46,6 +47,14 @@ void prepareProcess(const sigset_t& endSignals) {
   ::signal(SIGXFSZ, SIG_IGN);  // a file that may not grow is an error of that write, like others
 }
 
+/// Each queue has several descriptors, and the usual soft limit is for programs that use select().
+void raiseDescriptorLimit() {
+  rlimit limit = {};
+  if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = limit.rlim_max;
+  ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 /// One thread for each server. They have ended when it goes.
 class ServerThreads {
  public:
@@ -71,6 +80,7 @@ class ServerThreads {
 
 Daemon::Daemon(const Options& options) : endSignals_(endSignals()), limits_(options.limits) {
   prepareProcess(endSignals_);
+  raiseDescriptorLimit();
   installCutGuard();
   if (options.output) store_.emplace(*options.output);
   createServers(options);

@@ -7,11 +7,12 @@
 #include <mutex>
 #include <string>
 
+#include "common/Printable.h"
 #include "korvexd/LogWriter.h"
 
 namespace korvexd {
 
-/// Gives a logger's lines to a LogWriter.
+/// Gives a logger's lines to a LogWriter, each on one line: names of queues may hold anything.
 class LogSink : public spdlog::sinks::base_sink<std::mutex> {
  public:
   LogSink(int descriptor, std::chrono::milliseconds patience) : writer_(descriptor, patience) {}
@@ -19,7 +20,11 @@ class LogSink : public spdlog::sinks::base_sink<std::mutex> {
  protected:
   void sink_it_(const spdlog::details::log_msg& message) override {
     spdlog::memory_buf_t line;
-    formatter_->format(message, line);
+    spdlog::details::log_msg harmless = message;
+    const std::string text =
+        korvex::tool::printable({message.payload.data(), message.payload.size()});
+    harmless.payload = text;
+    formatter_->format(harmless, line);
     writer_.add(std::string(line.data(), line.size()));
   }
 

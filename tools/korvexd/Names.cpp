@@ -25,6 +25,18 @@ void appendEncoded(std::string& text, char character) {
   text += kHexDigits[byte & 15];
 }
 
+std::string percentEscaped(const std::string& text) {
+  std::string escaped;
+  for (const char character : text) {
+    if (character == '%') {
+      appendEncoded(escaped, character);
+    } else {
+      escaped += character;
+    }
+  }
+  return escaped;
+}
+
 }  // namespace
 
 std::string plainQueueName(const std::string& name) {
@@ -62,7 +74,7 @@ std::string fileNameOf(const std::string& queue) {
 std::string jsonNameOf(const std::string& queue) {
   try {
     nlohmann::json(queue).dump();
-    return queue;
+    return percentEscaped(queue);
   } catch (const nlohmann::json::type_error&) {
     return fileNameOf(queue);
   }

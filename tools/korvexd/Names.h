@@ -22,8 +22,8 @@ std::string plainQueueName(const std::string& name);
 /// and a leading dot become %XX. Different queues have different file names.
 std::string fileNameOf(const std::string& queue);
 
-/// The queue's name in JSON: itself where it is UTF-8, else as in file names, for JSON cannot hold
-/// other bytes and names must stay different.
+/// The queue's name in JSON: itself where it is UTF-8, but for % as %25; else as in file names, for
+/// JSON cannot hold other bytes. Different queues have different names there.
 std::string jsonNameOf(const std::string& queue);
 
 }  // namespace korvexd

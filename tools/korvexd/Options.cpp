@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <ostream>
 
+#include "common/CommandLine.h"
+#include "common/Printable.h"
 #include "korvexd/ExitCode.h"
 #include "korvexd/Names.h"
 
@@ -17,6 +19,12 @@ constexpr std::size_t kSmallestMessage = 57;  // a batch with one record of one 
 constexpr std::size_t kLargestMessage = std::size_t{1} << 30;
 constexpr mode_t kModeNeeded = 0600;
 constexpr int kOctal = 8;
+
+/// Words of a command line may hold anything, and a terminal obeys some of it.
+std::string complaint(const CLI::App* app, const CLI::Error& error) {
+  return korvex::tool::printable(korvex::tool::sentenceOf(*app, error)) +
+         "\nRun with --help for more information.\n";
+}
 
 /// What the command line says, as texts and numbers.
 struct Arguments {
@@ -63,11 +71,12 @@ void addQueueOptions(CLI::App& app, Arguments& found) {
       ->check(checkMode)
       ->type_name("OCTAL");
   app.add_option("--max-messages", found.messages, "Messages that a queue holds")
+      ->transform(korvex::tool::wholeNumber)
       ->check(CLI::Range(std::size_t{1}, kMostMessages))
       ->capture_default_str();
   app.add_option("--max-message-size", found.messageSize,
-                 "Bytes of the largest message; K and M may follow")
-      ->transform(CLI::AsSizeValue(false))
+                 "Bytes of the largest message; K, M, G or T may follow")
+      ->transform(korvex::tool::byteCount)
       ->check(CLI::Range(kSmallestMessage, kLargestMessage))
       ->capture_default_str();
 }
@@ -134,6 +143,7 @@ void refuseLongFileNames(const Options& options) {
 ParsedOptions parseOptions(int argc, const char* const* argv, std::ostream& out,
                            std::ostream& err) {
   CLI::App app("Receives streams from producers on this machine.", "korvexd");
+  app.failure_message(complaint);
   Arguments found;
   addQueueOptions(app, found);
   addDataOptions(app, found);

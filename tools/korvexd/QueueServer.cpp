@@ -24,7 +24,8 @@ constexpr std::chrono::seconds kWatchPeriod{1};
 
 QueueServer::QueueServer(const Settings& settings)
     : settings_(settings),
-      session_(settings.queue, settings.openSink, stats_),
+      log_(settings.queue),
+      session_(settings.queue, settings.openSink, stats_, log_),
       pause_(kLongestPause),
       message_(settings.limits.messageSize) {
   if (settings.captureFolder) {
@@ -50,6 +51,7 @@ void QueueServer::run(const std::atomic<bool>& stop) noexcept {
   }
   drain();
   session_.end("the daemon ended");
+  log_.finish();
 }
 
 /// A producer may have closed its stream already.
@@ -121,6 +123,7 @@ void QueueServer::watchQueues() {
   const auto now = LockWatch::Clock::now();
   if (now < nextLook_) return;
   nextLook_ = now + kWatchPeriod;
+  log_.update();
   if (!pair_->isStillNamed()) throw std::runtime_error("somebody removed or replaced their names");
   if (!pair_->isWhole()) throw std::runtime_error("somebody changed the size of their memory");
   if (!pair_->isIntact()) throw std::runtime_error("somebody overwrote their memory");
@@ -153,7 +156,8 @@ void QueueServer::answer(const StreamSession::Answer& answer) {
 
 void QueueServer::refuseBatch(const std::string& defect) {
   stats_.add(Count::BadBatches);
-  spdlog::warn("{}: batch {} is damaged: {}", queue(), batchNumber_, defect);
+  log_.write(QueueLog::Kind::DamagedBatch, spdlog::level::warn,
+             "batch " + std::to_string(batchNumber_) + " is damaged: " + defect);
   answer(session_.takeDamage(defect));
 }
 
@@ -170,7 +174,7 @@ void QueueServer::capture(std::size_t size) noexcept {
 }
 
 void QueueServer::replacePair(const std::string& reason) noexcept {
-  spdlog::warn("{}: the queues are lost: {}", queue(), reason);
+  log_.write(QueueLog::Kind::QueuePair, spdlog::level::warn, "the queues are lost: " + reason);
   stats_.add(Count::QueueReplacements);
   session_.end("its queues were lost: " + reason);
   replies_.reset();
@@ -184,10 +188,11 @@ void QueueServer::reopen() noexcept {
   try {
     open(QueuePair::Existing::Refuse);
     reopenFailed_ = false;
-    spdlog::info("{}: served anew", queue());
+    log_.write(QueueLog::Kind::QueuePair, spdlog::level::info, "served anew");
   } catch (const std::exception& error) {
     if (!std::exchange(reopenFailed_, true)) {
-      spdlog::error("{}: the queues cannot be made anew yet: {}", queue(), error.what());
+      log_.write(QueueLog::Kind::QueuePair, spdlog::level::err,
+                 std::string("the queues cannot be made anew yet: ") + error.what());
     }
     pause();
   }

@@ -14,6 +14,7 @@
 
 #include "korvexd/Capture.h"
 #include "korvexd/LockWatch.h"
+#include "korvexd/QueueLog.h"
 #include "korvexd/QueuePair.h"
 #include "korvexd/ReplySender.h"
 #include "korvexd/Stats.h"
@@ -71,6 +72,7 @@ class QueueServer {
 
   const Settings settings_;
   Stats stats_;
+  QueueLog log_;
   StreamSession session_;
   std::optional<Capture> capture_;
   std::unique_ptr<QueuePair> pair_;  ///< none while it cannot be made

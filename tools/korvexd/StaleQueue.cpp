@@ -22,15 +22,17 @@ const char* kindOf(mode_t mode) {
   return "a device";
 }
 
+[[noreturn]] void throwNotReplaced(const std::string& name, const std::string& found) {
+  throw std::runtime_error("queue " + name + " cannot be replaced: found " + found +
+                           ", expected a queue that a daemon left");
+}
+
 /// A daemon leaves files of its own user behind. Anything else was put there by somebody, for a
 /// reason that only a person can know.
 void refuseForeign(const std::string& name) {
   struct stat found = {};
   if (!lookAtQueueObject(name, found)) return;
-  if (!S_ISREG(found.st_mode)) {
-    throw std::runtime_error("queue " + name + " cannot be replaced: found " +
-                             kindOf(found.st_mode) + ", expected a queue that a daemon left");
-  }
+  if (!S_ISREG(found.st_mode)) throwNotReplaced(name, kindOf(found.st_mode));
   if (found.st_uid != ::geteuid()) {
     throw std::runtime_error("queue " + name + " cannot be replaced: found one of user " +
                              std::to_string(found.st_uid) + ", expected one of user " +
@@ -52,6 +54,7 @@ StaleQueue::StaleQueue(std::string name) : name_(std::move(name)) {
   // Between the opening and the claim another daemon may have put its own queue there.
   if (!isQueueObjectNamed(claim_, name_))
     throw std::runtime_error("queue " + name_ + " was just replaced by another daemon");
+  if (!korvex::QueueView::canBeQueue(claim_.descriptor())) throwNotReplaced(name_, "another file");
 }
 
 void StaleQueue::remove() {

@@ -11,7 +11,7 @@ namespace korvexd {
 class StaleQueue {
  public:
   /// Throws std::runtime_error when a living daemon serves the queue, or when what lies there
-  /// cannot be a daemon's of this user.
+  /// cannot be a daemon's of this user, a file that never was a queue for example.
   explicit StaleQueue(std::string name);
 
   /// Removes the name. Throws SystemError.

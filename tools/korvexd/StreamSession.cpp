@@ -1,7 +1,5 @@
 #include "korvexd/StreamSession.h"
 
-#include <spdlog/spdlog.h>
-
 #include <exception>
 #include <utility>
 
@@ -35,8 +33,8 @@ std::string defectOf(const Header& header) {
 
 }  // namespace
 
-StreamSession::StreamSession(std::string queue, SinkFactory openSink, Stats& stats)
-    : queue_(std::move(queue)), openSink_(std::move(openSink)), stats_(stats) {}
+StreamSession::StreamSession(std::string queue, SinkFactory openSink, Stats& stats, QueueLog& log)
+    : queue_(std::move(queue)), openSink_(std::move(openSink)), stats_(stats), log_(log) {}
 
 StreamSession::~StreamSession() { end("abandoned"); }
 
@@ -170,8 +168,10 @@ StreamSession::Answer StreamSession::takeClose(const Header& header) {
     return answer;
   }
   stats_.add(Count::StreamsComplete);
-  spdlog::info("{}: stream complete, {} bytes in {} segments, xxh128 {}, {}", queue_, whole.bytes,
-               whole.segments, whole.xxh128, sink_->place());
+  log_.write(QueueLog::Kind::Stream, spdlog::level::info,
+             "stream complete, " + std::to_string(whole.bytes) + " bytes in " +
+                 std::to_string(whole.segments) + " segments, xxh128 " + whole.xxh128 + ", " +
+                 sink_->place());
   sink_.reset();
   endWith(header);
   return receiptOf(whole.bytes, whole.xxh128);
@@ -200,7 +200,7 @@ StreamSession::Answer StreamSession::fail(ov_status_t status, const std::string&
   if (state_ == State::Open) {
     leaveIncomplete(text);
   } else {
-    spdlog::warn("{}: {}", queue_, text);
+    log_.write(QueueLog::Kind::RefusedRecord, spdlog::level::warn, text);
   }
   state_ = State::Failed;
   return failureOf(status, text);
@@ -215,7 +215,8 @@ void StreamSession::leaveIncomplete(const std::string& reason) {
   stats_.add(Count::StreamsIncomplete);
   if (sink_ != nullptr) abandonSink(reason);
   const std::string place = sink_ == nullptr ? "nothing stored" : sink_->place();
-  spdlog::info("{}: stream incomplete ({}), {} bytes, {}", queue_, reason, bytes_, place);
+  log_.write(QueueLog::Kind::Stream, spdlog::level::info,
+             "stream incomplete (" + reason + "), " + std::to_string(bytes_) + " bytes, " + place);
   sink_.reset();
 }
 
@@ -223,7 +224,8 @@ void StreamSession::abandonSink(const std::string& reason) {
   try {
     sink_->abandon(summary(), reason);
   } catch (const std::exception& error) {
-    spdlog::warn("{}: marking the stream incomplete: {}", queue_, error.what());
+    log_.write(QueueLog::Kind::SinkTrouble, spdlog::level::warn,
+               std::string("marking the stream incomplete: ") + error.what());
   }
 }
 

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 
+#include "korvexd/QueueLog.h"
 #include "korvexd/Reply.h"
 #include "korvexd/Sink.h"
 #include "korvexd/Stats.h"
@@ -28,8 +29,8 @@ class StreamSession {
   /// What the producer must be told, if anything.
   using Answer = std::optional<Reply>;
 
-  /// `stats` outlives the session.
-  StreamSession(std::string queue, SinkFactory openSink, Stats& stats);
+  /// `stats` and `log` outlive the session.
+  StreamSession(std::string queue, SinkFactory openSink, Stats& stats, QueueLog& log);
 
   /// Ends an open stream as incomplete.
   ~StreamSession();
@@ -72,6 +73,7 @@ class StreamSession {
   const std::string queue_;
   const SinkFactory openSink_;
   Stats& stats_;
+  QueueLog& log_;
   State state_ = State::Idle;
   std::unique_ptr<Sink> sink_;
   Xxh128 digest_;

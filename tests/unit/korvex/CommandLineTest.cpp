@@ -74,6 +74,8 @@ TEST(SendOptionsParsing, SuffixesArePowersOf1024) {
   EXPECT_EQ(parse("--queue q --segment-size 128K").segmentSize, 131072u);
   EXPECT_EQ(parse("--queue q --segment-size 2m").segmentSize, 2097152u);
   EXPECT_EQ(parse("--queue q --segment-size 1GiB").segmentSize, 1073741824u);
+  EXPECT_EQ(parse("--queue q --segment-size 010").segmentSize, 10u);
+  EXPECT_EQ(parse("--queue q --timeout 010").timeout, 10u);
   EXPECT_EQ(parse("--queue q --segment-size 1T").segmentSize, 1099511627776u);
 }
 
@@ -116,12 +118,26 @@ TEST_F(CommandLine, RefusesAnUnknownOption) {
 }
 
 TEST_F(CommandLine, RefusesTimeoutsOutOfRange) {
-  for (const char* timeout : {"0", "86401", "-1", "abc", "4294967297", ""}) {
+  for (const char* timeout : {"0", "86401", "4294967297"}) {
     errors.str("");
     EXPECT_EQ(runSend({"--timeout", timeout}), 2) << timeout;
     EXPECT_THAT(errors.str(),
                 HasSubstr("--timeout: Value " + std::string(timeout) + " not in range 1 to 86400"));
   }
+}
+
+TEST_F(CommandLine, RefusesTimeoutsThatAreNoNumber) {
+  for (const char* timeout : {"-1", "abc", "1.5", "0x10", ""}) {
+    errors.str("");
+    EXPECT_EQ(runSend({"--timeout", timeout}), 2) << timeout;
+    EXPECT_THAT(errors.str(), HasSubstr("--timeout: found '" + std::string(timeout) +
+                                        "', expected a whole number"));
+  }
+}
+
+TEST_F(CommandLine, NamesUnexpectedWordsInTheirOrder) {
+  EXPECT_EQ(run({"one", "two\n", "three"}), 2);
+  EXPECT_THAT(errors.str(), HasSubstr("not expected: one two\\x0a three\n"));
 }
 
 TEST_F(CommandLine, RefusesReceiptTimeoutsOutOfRange) {
@@ -138,7 +154,7 @@ TEST_F(CommandLine, RefusesSegmentSizesOutOfRange) {
 }
 
 TEST_F(CommandLine, RefusesWhatIsNoSize) {
-  for (const char* size : {"-1", "1X", "", "99999999999999999999", "16777216E"}) {
+  for (const char* size : {"-1", "1X", "1.5M", "", "99999999999999999999", "16777216E"}) {
     errors.str("");
     EXPECT_EQ(runSend({"--segment-size", size}), 2) << size;
     EXPECT_THAT(errors.str(), HasSubstr("--segment-size")) << size;

@@ -88,6 +88,12 @@ std::string FakeDaemon::segments() const {
   return text;
 }
 
+void FakeDaemon::fill() {
+  const unsigned char emptyBatch[] = {0xff, 0x00, 0xee, 0x11, 0, 0, 0, 0};
+  while (requests_->trySend(emptyBatch, sizeof emptyBatch, 1) == MessageQueue::Outcome::Done) {
+  }
+}
+
 void FakeDaemon::awaitFull() const {
   await([this] { return requests_->view().looksFull(); });
 }
@@ -114,6 +120,7 @@ void FakeDaemon::takeBatches(const Reaction& reaction) {
 }
 
 void FakeDaemon::takeBatch(const unsigned char* bytes, std::size_t size, const Reaction& reaction) {
+  ++batches_;
   std::queue<ShmBatch::Entry> entries;
   ShmBatch::getEntriesFromBuffer(entries, bytes, size);
   for (; !entries.empty(); entries.pop()) {

@@ -54,8 +54,17 @@ class FakeDaemon {
   /// The data of the records so far, a "|" for each segment end.
   std::string segments() const;
 
+  /// Fills the queue with empty batches; for the reaction.
+  void fill();
+
+  /// Batches that nobody has taken yet.
+  std::size_t waiting() const { return requests_->view().messages(); }
+
   /// Waits until the queue has no room left; for the reaction.
   void awaitFull() const;
+
+  /// How many batches have been taken.
+  std::size_t batches() const { return batches_; }
 
   /// Waits until a record of the type has come.
   void awaitRecord(std::uint32_t type) const;
@@ -71,6 +80,7 @@ class FakeDaemon {
   std::vector<std::unique_ptr<MessageQueue>> successors_;
   mutable std::mutex mutex_;
   std::vector<Record> records_;
+  std::atomic<std::size_t> batches_{0};
   std::atomic<bool> isEnding_{false};
   std::thread thread_;
 };

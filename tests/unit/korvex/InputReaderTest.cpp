@@ -4,7 +4,10 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -256,6 +259,59 @@ TEST_F(InputReaderFiles, RefusesAStandardInputThatIsForWritingOnly) {
   Pipe pipe;
   const StandardInput input(pipe.ends[1]);
   EXPECT_EQ(refusal({}, EBADF), "cannot read standard input: Bad file descriptor");
+}
+
+TEST_F(InputReaderFiles, RefusesASocket) {
+  const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address = {AF_UNIX, {}};
+  path("socket").copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(::bind(socket, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ::close(socket);
+  EXPECT_EQ(refusal({path("socket")}, ENXIO),
+            "cannot read '" + path("socket") + "': No such device or address");
+}
+
+TEST_F(InputReaderFiles, RefusesASocketAsStandardInputThatLeadsNowhere) {
+  const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const StandardInput input(socket);
+  ::close(socket);
+  EXPECT_THAT(refusal({}, ENOTCONN), HasSubstr("cannot read standard input: "));
+}
+
+TEST_F(InputReaderFiles, ReadsASocketAsStandardInput) {
+  int ends[2];
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+  const StandardInput input(ends[0]);
+  ::close(ends[0]);
+  InputReader reader({}, stop);
+  ASSERT_EQ(::write(ends[1], "abc", 3), 3);
+  ::close(ends[1]);
+  ASSERT_TRUE(reader.openNext());
+  EXPECT_EQ(fill(reader, 10), "abc");
+}
+
+TEST_F(InputReaderFiles, RefusesADeviceThatIsNotThere) {
+  const dev_t unassigned = ::makedev(60, 200);  // for local use
+  if (::mknod(path("device").c_str(), S_IFCHR | 0600, unassigned) != 0) {
+    GTEST_SKIP() << "this user may make no devices";
+  }
+  EXPECT_EQ(refusal({path("device")}, ENXIO),
+            "cannot read '" + path("device") + "': No such device or address");
+}
+
+TEST_F(InputReaderFiles, CallsTheIdleActionUntilAPipeHasAWriter) {
+  const std::string name = pipe("p");
+  InputReader reader({name}, stop);
+  int calls = 0;
+  reader.whenIdle([&] {
+    if (++calls < 2) return;
+    const int writer = ::open(name.c_str(), O_WRONLY | O_CLOEXEC);
+    EXPECT_EQ(::write(writer, "abc", 3), 3);
+    ::close(writer);
+  });
+  ASSERT_TRUE(reader.openNext());
+  EXPECT_EQ(fill(reader, 10), "abc");
+  EXPECT_EQ(calls, 2);
 }
 
 TEST_F(InputReaderFiles, RefusesAForbiddenFile) {

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -16,6 +17,7 @@
 
 #include "FakeDaemon.h"
 #include "shm/QueueView.h"
+#include "support/SharedObject.h"
 
 namespace {
 
@@ -323,6 +325,32 @@ TEST_F(SendStream, TakesTheReceiptOfADaemonThatEndsAfterIt) {
   EXPECT_EQ(send(), 0);
 }
 
+TEST_F(SendStream, TakesAReceiptThatComesWhileTheQueueIsFull) {
+  addFile("a", "abc");
+  std::promise<void> ended;
+  daemon.serve([&](FakeDaemon& self, const FakeDaemon::Record& record) {
+    if (record.type != kClose) return;
+    self.fill();
+    self.reply(0, kAbcReceipt);
+    self.replaceQueues();
+    ended.get_future().wait();
+  });
+  EXPECT_EQ(send(), 0) << errors.str();
+  ended.set_value();
+}
+
+TEST_F(SendStream, LeavesNoBatchesWhereNoReceiptComes) {
+  addFile("a", "abc");
+  options.receiptTimeout = 1;
+  std::promise<void> ended;
+  daemon.serve([&](FakeDaemon&, const FakeDaemon::Record& record) {
+    if (record.type == kClose) ended.get_future().wait();
+  });
+  EXPECT_EQ(send(), 3);
+  EXPECT_EQ(daemon.waiting(), 0u);
+  ended.set_value();
+}
+
 TEST_F(SendStream, OpensNothingWhenAFileIsMissing) {
   addFile("a", "abc");
   options.files.push_back(folder / "missing");
@@ -395,6 +423,67 @@ TEST_F(SendStream, ASignalLeavesLittleTimeToTellTheDaemon) {
   // Two seconds are meant. Whoever sent the signal waits, and a supervisor not for long.
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
   ended.set_value();
+}
+
+TEST_F(SendStream, ASignalEndsTheWaitForAHalfMadeQueue) {
+  const korvex_test::SharedObject halfMade("korvex-test-half-made-" + std::to_string(::getpid()));
+  addFile("a", "abc");
+  options.queue = halfMade.name();
+  options.timeout = 3;
+  stop.note(SIGTERM);
+  EXPECT_EQ(send(), 128 + SIGTERM) << errors.str();
+}
+
+TEST_F(SendStream, TellsThatAQueueIsNeverFinished) {
+  const korvex_test::SharedObject halfMade("korvex-test-half-made-" + std::to_string(::getpid()));
+  addFile("a", "abc");
+  options.queue = halfMade.name();
+  options.timeout = 1;
+  EXPECT_EQ(send(), 1);
+  EXPECT_EQ(errors.str(), "korvex: queue '" + halfMade.name() +
+                              "': it was not finished within 1 s; korvexd must be running and "
+                              "serve this queue\n");
+}
+
+TEST_F(SendStream, ASignalEndsTheWaitForTheLock) {
+  const std::string pipe = folder / "pipe";
+  ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+  options.files.push_back(pipe);
+  options.timeout = 5;
+  daemon.serve(staySilent);
+  const auto noted = std::async(std::launch::async, [&] {
+    const int writer = ::open(pipe.c_str(), O_WRONLY | O_CLOEXEC);  // the stream is open then
+    korvex_test::QueueLock(daemon.queue()).takeAndDie();
+    EXPECT_EQ(::write(writer, "abc", 3), 3);
+    ::close(writer);
+    // Most likely in the middle of the wait; the result is the same at any other moment.
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    stop.note(SIGTERM);
+  });
+  EXPECT_EQ(send(), 128 + SIGTERM) << errors.str();
+}
+
+TEST_F(SendStream, TellsThatTheLockStaysTaken) {
+  addFile("a", std::string(100000, 'x'));
+  options.timeout = 1;
+  options.name = "photos";
+  daemon.serve([isDone = false](FakeDaemon& self, const FakeDaemon::Record& record) mutable {
+    if (record.type != kData || std::exchange(isDone, true)) return;
+    korvex_test::QueueLock(self.queue()).takeAndDie();
+  });
+  EXPECT_EQ(send(), 1);
+  EXPECT_THAT(errors.str(), HasSubstr("status 15: waited 1 s for room on stream photos: "));
+}
+
+TEST_F(SendStream, ManySmallSegmentsShareBatches) {
+  addFile("a", std::string(2000, 'x'));
+  options.segmentSize = 1;
+  options.noReceipt = true;
+  daemon.serve(staySilent);
+  EXPECT_EQ(send(), 0);
+  daemon.finish();
+  EXPECT_EQ(daemon.segments().size(), 4000u);
+  EXPECT_LT(daemon.batches(), 60u);  // 97 bytes for each segment, in messages of 4096
 }
 
 TEST_F(SendStream, QuietTellsNothingOnSuccess) {

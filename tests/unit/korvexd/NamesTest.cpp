@@ -73,9 +73,18 @@ TEST(FileNameUntrusted, DiffersForDifferentNames) {
 }
 
 TEST(JsonName, IsTheNameWhereJsonCanHoldIt) {
-  for (const char* name : {"a", "a b\n\"", "%FF", "\xc3\xa4", "\xf0\x9f\x92\xbe"}) {
+  for (const char* name : {"a", "a b\n\"", "\xc3\xa4", "\xf0\x9f\x92\xbe"}) {
     EXPECT_EQ(jsonNameOf(name), name);
   }
+}
+
+TEST(JsonName, DiffersForDifferentNames) {
+  EXPECT_EQ(jsonNameOf("\xff"), "%FF");
+  EXPECT_EQ(jsonNameOf("%FF"), "%25FF");
+  std::set<std::string> found;
+  const std::set<std::string> names(hostileNames().begin(), hostileNames().end());
+  for (const std::string& name : names) found.insert(jsonNameOf(name));
+  EXPECT_EQ(found.size(), names.size());
 }
 
 TEST(JsonName, IsTheFileNameElse) {

@@ -75,6 +75,22 @@ TEST_F(OptionsTest, SizesMayCarryAUnit) {
   EXPECT_EQ(options_->limits.messageSize, 100u);
 }
 
+TEST_F(OptionsTest, NumbersAreDecimal) {
+  ASSERT_EQ(parse("--queue a --discard --max-message-size 0100 --max-messages 010"), 0);
+  EXPECT_EQ(options_->limits.messageSize, 100u);
+  EXPECT_EQ(options_->limits.messages, 10u);
+  for (const char* size : {"1.5M", "0x100", "1KX", "M", "64k ", "+64", "99999999999999999999"}) {
+    EXPECT_EQ(parseWords({"korvexd", "--queue", "a", "--discard", "--max-message-size", size}), 2);
+    EXPECT_THAT(err_.str(), HasSubstr("found '" + std::string(size) + "', expected"));
+  }
+  expectWrong("--queue a --discard --max-message-size 99999999999T", "expected less");
+}
+
+TEST_F(OptionsTest, NamesUnexpectedWordsInOrderAndHarmless) {
+  EXPECT_EQ(parseWords({"korvexd", "--queue", "a", "--discard", "one", "two\n\x1b"}), 2);
+  EXPECT_THAT(err_.str(), HasSubstr("not expected: one two\\x0a\\x1b\n"));
+}
+
 TEST_F(OptionsTest, NeedsAQueue) { expectWrong("--discard", "--queue is required"); }
 
 TEST_F(OptionsTest, NeedsExactlyOnePlaceForTheData) {

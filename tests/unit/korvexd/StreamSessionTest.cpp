@@ -91,8 +91,9 @@ class StreamSessionTest : public testing::Test {
   int failing_ = 0;  ///< the sink's step that fails: 1 write, 2 complete, 3 abandon, 4 open
   std::vector<std::unique_ptr<Fate>> fates_;
   korvexd::Stats stats_;
+  korvexd::QueueLog log_{"q"};
   StreamSession session_{"q", [this](const std::string&, std::time_t) { return openSink(); },
-                         stats_};
+                         stats_, log_};
 };
 
 }  // namespace

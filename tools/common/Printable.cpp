@@ -1,4 +1,4 @@
-#include "Printable.h"
+#include "common/Printable.h"
 
 #include <array>
 #include <cstdio>

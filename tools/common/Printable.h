@@ -1,5 +1,5 @@
-#ifndef KORVEX_TOOL_PRINTABLE_H
-#define KORVEX_TOOL_PRINTABLE_H
+#ifndef KORVEX_COMMON_PRINTABLE_H
+#define KORVEX_COMMON_PRINTABLE_H
 
 #include <chrono>
 #include <cstdint>
