@@ -8,7 +8,7 @@ from report.figures import size_text
 COLOURS = ["#1f77b4", "#ff7f0e", "#2ca02c", "#d62728", "#9467bd", "#8c564b", "#e377c2", "#7f7f7f",
            "#bcbd22", "#17becf"]
 DASHES = ["none", "6 3"]  # the second for the series after all colours
-WIDTH, HEIGHT = 900, 480
+WIDTH, HEIGHT = 960, 480
 LEFT, RIGHT, TOP, BOTTOM = 64, 590, 36, 420
 LEGEND = RIGHT + 16
 ROW = 22
@@ -73,7 +73,7 @@ def _series(index, label, points, x_scale, y_scale):
     dots = "".join(f"M{x} {y}h0" for x, y in places)
     row = TOP + 8 + 16 * index
     return [_path(line, colour, dash), _path(bars, colour),
-            _path(dots, colour, extra=' stroke-width="5" stroke-linecap="round"'),
+            _path(dots, colour, extra=' class="dots"'),
             _path(f"M{LEGEND} {row}h24", colour, dash), _text(LEGEND + 30, row + 4, label)]
 
 
@@ -104,6 +104,7 @@ def _text(x, y, text, anchor="start", turned=""):
 def _write(path, height, parts):
     head = (f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {WIDTH} {height}" '
             'font-family="sans-serif" font-size="12">\n'
-            '<style>path{fill:none;stroke-width:1.3}</style>\n'
+            '<style>path{fill:none;stroke-width:1.3}'
+            '.dots{stroke-width:5;stroke-linecap:round}</style>\n'
             '<rect width="100%" height="100%" fill="#fff"/>\n')
     path.write_text(head + "\n".join(parts) + "\n</svg>\n")
