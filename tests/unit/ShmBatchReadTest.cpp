@@ -295,7 +295,7 @@ TEST(ShmBatchPrint, LeavesTheStreamsStateAlone) {
   EXPECT_EQ(stateOf(stream), before);
 }
 
-TEST(ShmBatchPrint, PlaceHolderInTheBatchIsRefusedAndNothingPrinted) {
+TEST(ShmBatchPrint, PlaceHolderInTheBatchPrintsNothing) {
   ShmBatch batch(200);
   batch.pushBack(record(1, "abc"));
   batch.pushBack(ShmBatch::Entry(nullptr));
