@@ -227,6 +227,6 @@ def plot(results, folder):
         names.append(f"growth-{name}.svg")
     steps = _steps(results["stream"])
     plots.lines(folder / "growth-stream.svg", "One stream", "bytes so far", "ns per record",
-                [("time per record", [(step["bytes"],) + (step["ns_per_record"],) * 3
+                [("time per record", [(step["bytes"] // MIB * MIB,) + (step["ns_per_record"],) * 3
                                       for step in steps])], logarithmic_y=False)
     return names + ["growth-stream.svg"]

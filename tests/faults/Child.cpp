@@ -13,7 +13,7 @@
 #include <thread>
 #include <utility>
 
-namespace korvex_faults {
+namespace korvex::test {
 namespace {
 
 constexpr std::chrono::milliseconds kPeriod{1};
@@ -73,4 +73,4 @@ std::string Child::said() const {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-}  // namespace korvex_faults
+}  // namespace korvex::test

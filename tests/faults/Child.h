@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace korvex_faults {
+namespace korvex::test {
 
 /// A program that was started, with its standard output or error going to a file. Killed and
 /// reaped when the object goes.
@@ -45,6 +45,6 @@ class Child {
   int code_ = 0;
 };
 
-}  // namespace korvex_faults
+}  // namespace korvex::test
 
 #endif

@@ -7,7 +7,7 @@
 #include <sstream>
 #include <thread>
 
-namespace korvex_faults {
+namespace korvex::test {
 namespace {
 
 namespace fs = std::filesystem;
@@ -342,4 +342,4 @@ void Lane::end() {
   lookAtSharedMemory();
 }
 
-}  // namespace korvex_faults
+}  // namespace korvex::test

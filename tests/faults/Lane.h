@@ -17,7 +17,7 @@
 #include "Producer.h"
 #include "Stalls.h"
 
-namespace korvex_faults {
+namespace korvex::test {
 
 /// Outcomes that are told even when they never came: they say how much a run has proved.
 inline const std::string kLateInStall = "  late, machine stalled";
@@ -125,6 +125,6 @@ class Lane {
   Tally tally_;
 };
 
-}  // namespace korvex_faults
+}  // namespace korvex::test
 
 #endif

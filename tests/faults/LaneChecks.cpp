@@ -6,7 +6,7 @@
 #include "Lane.h"
 #include "Pattern.h"
 
-namespace korvex_faults {
+namespace korvex::test {
 namespace {
 
 namespace fs = std::filesystem;
@@ -119,4 +119,4 @@ std::vector<fs::path> Lane::leftInSharedMemory() const {
   return left;
 }
 
-}  // namespace korvex_faults
+}  // namespace korvex::test

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <cstring>
 
-namespace korvex_faults {
+namespace korvex::test {
 
 /// The bytes of one stream, known from its number and length alone. Both are its first 16 bytes, so
 /// that whatever was stored can be told to be that stream, whole and equal, or not.
@@ -45,6 +45,6 @@ class Pattern {
   std::uint64_t size_;
 };
 
-}  // namespace korvex_faults
+}  // namespace korvex::test
 
 #endif

@@ -14,7 +14,7 @@
 #include "Pattern.h"
 #include "StreamDigest.h"
 
-namespace korvex_faults {
+namespace korvex::test {
 namespace {
 
 using Clock = Call::Clock;
@@ -143,4 +143,4 @@ int produce(const Load& load) {
   return std::cout ? 0 : 1;
 }
 
-}  // namespace korvex_faults
+}  // namespace korvex::test

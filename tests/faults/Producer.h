@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace korvex_faults {
+namespace korvex::test {
 
 /// What a producer of the harness sends: `streams` streams of `size` bytes each, numbered from
 /// `number` on, each one only after the receipt of the one before.
@@ -51,6 +51,6 @@ std::istream& operator>>(std::istream& in, Ending& ending);
 /// Runs the load in this process and prints how it ended.
 int produce(const Load& load);
 
-}  // namespace korvex_faults
+}  // namespace korvex::test
 
 #endif

@@ -5,7 +5,7 @@
 #include <chrono>
 #include <thread>
 
-namespace korvex_faults {
+namespace korvex::test {
 
 /// Watches the machine itself: a thread that asks for short sleeps and sees how much longer they
 /// get. A call that came back late while the whole machine stood still proves nothing.
@@ -45,6 +45,6 @@ class Stalls {
   std::thread thread_;
 };
 
-}  // namespace korvex_faults
+}  // namespace korvex::test
 
 #endif

@@ -11,7 +11,7 @@
 
 #include "Lane.h"
 
-using namespace korvex_faults;
+using namespace korvex::test;
 
 namespace {
 
@@ -103,7 +103,7 @@ int main(int argc, char** argv) try {
   app.add_option("--streams", load.streams, "How many streams it sends");
   app.add_option("--size", load.size, "Bytes of each");
   CLI11_PARSE(app, argc, argv);
-  if (*produce) return korvex_faults::produce(load);
+  if (*produce) return korvex::test::produce(load);
   options.hasOnly = !only->empty();
   // First of all, so that a run that somebody has to end can be repeated as well.
   std::printf("seed %llu\n", static_cast<unsigned long long>(options.seed));

@@ -9,13 +9,13 @@
 #include <string>
 #include <vector>
 
-#include "Bytes.h"
 #include "InputReader.h"
 #include "StopSignal.h"
+#include "fuzz/Input.h"
 
+using korvex::test::Input;
+using korvex::test::require;
 using korvex::tool::InputReader;
-using korvex_fuzz::Input;
-using korvex_fuzz::require;
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <iterator>
 #include <vector>
 
-#include "Bytes.h"
+#include "fuzz/Input.h"
 
 namespace {
 

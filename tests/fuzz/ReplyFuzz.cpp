@@ -9,28 +9,24 @@
 #include <cstring>
 #include <string>
 
-#include "Bytes.h"
 #include "Receipt.h"
+#include "fuzz/Input.h"
 #include "shm/ReplyText.h"
+#include "support/WireFormat.h"
 
 using korvex::ShmWriter;
-using korvex_fuzz::Input;
-using korvex_fuzz::require;
+using namespace korvex::test;
 
 namespace {
 
 namespace ipc = boost::interprocess;
 
-constexpr std::size_t kTextSize = 128;
-constexpr std::size_t kReplySize = sizeof(std::uint32_t) + kTextSize;
 constexpr int kMostSteps = 3;  // of an input; each costs several turns on a queue
 constexpr std::size_t kMostReplies = kMostSteps;
-constexpr std::size_t kMetaData = 8;
-constexpr std::size_t kHeader = 48;
 constexpr unsigned char kRecordData[] = {1, 2, 3, 4};
-constexpr std::size_t kRecordSize = kHeader + sizeof kRecordData;
+constexpr std::size_t kRecordSize = kHeaderSize + sizeof kRecordData;
 constexpr std::size_t kMostRecords = 2;
-constexpr std::size_t kBatchSize = kMetaData + kMostRecords * kRecordSize;
+constexpr std::size_t kBatchSize = kMetaDataSize + kMostRecords * kRecordSize;
 constexpr unsigned kTimeout = 1;  // never waited for: the daemon's end takes every batch at once
 
 /// Reads a receipt in the slowest and plainest way there is.
@@ -61,8 +57,8 @@ struct Reply {
   }
   std::string text() const {
     const char* const begin = reinterpret_cast<const char*>(bytes) + sizeof(std::uint32_t);
-    const void* const end = std::memchr(begin, '\0', kTextSize);
-    return {begin, end == nullptr ? begin + kTextSize : static_cast<const char*>(end)};
+    const void* const end = std::memchr(begin, '\0', kReplyTextSize);
+    return {begin, end == nullptr ? begin + kReplyTextSize : static_cast<const char*>(end)};
   }
 };
 
@@ -94,7 +90,7 @@ class WriterModel {
 
   /// False when the operation ends with an error, the daemon's.
   bool flush() {
-    sizes_[sent_++] = kMetaData + records_ * kRecordSize;
+    sizes_[sent_++] = kMetaDataSize + records_ * kRecordSize;
     records_ = 0;
     if (replyCount_ == 0) return true;
     response_ = replies_[0];

@@ -8,23 +8,19 @@
 #include <memory>
 #include <string>
 
-#include "Bytes.h"
-#include "StreamModel.h"
+#include "fuzz/Input.h"
 #include "korvex/Status.h"
 #include "korvexd/StreamSession.h"
+#include "support/StreamModel.h"
+#include "support/WireFormat.h"
 
-using korvex_fuzz::Input;
-using korvex_fuzz::require;
-using korvex_fuzz::StreamModel;
+using namespace korvex::test;
 using korvexd::Count;
 using korvexd::StreamSession;
 using korvexd::StreamSummary;
 using Step = StreamModel::Step;
 
 namespace {
-
-constexpr std::uint32_t kOpen = 0;
-constexpr std::uint32_t kData = 1;
 
 constexpr std::size_t kSizes[] = {11, 1, 0, 300};  // the last needs more than the digest's buffer
 constexpr std::size_t kLargest = 300;

@@ -57,7 +57,7 @@ AREAS = (
                 for name in ("unit", "system_call")),
           tuple(unit_program(f"tests/unit/korvex_{name}_tests")
                 for name in ("lock", "pause", "allocation", "reservation")),
-          (Program(PROPERTY, ("--script", "tests/property/scripts/*.script")),
+          (Program(PROPERTY, ("--gtest_filter=*KeptScript*", "--gtest_brief=1")),
            Program(PROPERTY, ("--gtest_fail_fast", "--gtest_brief=1"),
                    {"RC_PARAMS": "seed=1 max_success=200 noshrink=1"}))),
          (Program("tests/unit/korvexd/korvexd_unit_tests"),

@@ -1,9 +1,14 @@
 #ifndef TESTS_PROPERTY_BATCH_LANGUAGE_H
 #define TESTS_PROPERTY_BATCH_LANGUAGE_H
 
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "property/Item.h"
 #include "property/World.h"
 
-namespace property {
+namespace korvex::test {
 
 /// What can be done with a batch and its records.
 ///
@@ -16,6 +21,43 @@ const Language& batchLanguage();
 /// Stands for "as it is in the batch".
 constexpr std::uint64_t kAsItIs = std::uint64_t{1} << 32;
 
-}  // namespace property
+/// The language's meaning: which operation it is, and how its outcome is shown.
+class BatchWorld : public World {
+ protected:
+  /// A batch from outside.
+  struct Look {
+    std::uint64_t count;
+    std::uint64_t used;
+    bool isEmpty;
+    Bytes raw;
+  };
+
+ private:
+  void act(const Operation& operation) final;
+  void actOnBatch(const Operation& operation);
+  void showState() final;
+
+  /// Nothing without a batch.
+  virtual std::optional<Look> look() const = 0;
+  virtual std::vector<Item> queue() const = 0;
+
+  virtual void setGrouping(bool isOn) = 0;
+  virtual void makeBatch(std::uint64_t size) = 0;
+  virtual void printEntry(const Item& item, std::uint64_t style) = 0;
+  virtual void packHeader(const Header& header, std::uint64_t style) = 0;
+  virtual void packMetaData(std::uint32_t magic, std::uint32_t count) = 0;
+  virtual void push(const Item& item) = 0;
+  virtual void pushPlaceholder(const Item& data) = 0;
+  virtual void clear() = 0;
+  virtual bool canStore(std::uint32_t length) = 0;
+
+  /// The entry, and the offset of its data.
+  virtual std::pair<Item, std::size_t> entry(std::uint64_t index) = 0;
+  virtual void read(std::uint64_t size, std::optional<std::uint32_t> magic,
+                    std::optional<std::uint32_t> count) = 0;
+  virtual void print(std::uint64_t style) = 0;
+};
+
+}  // namespace korvex::test
 
 #endif

@@ -1,33 +1,19 @@
 #ifndef TESTS_PROPERTY_BATCH_MODEL_H
 #define TESTS_PROPERTY_BATCH_MODEL_H
 
+#include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
-#include "property/Wire.h"
+#include "property/BatchLanguage.h"
 
-namespace property {
-
-/// What the models throw where the library throws: the error as text.
-struct Failure {
-  std::string text;
-};
-
-[[noreturn]] void fail(std::uint32_t status, const std::string& message);
-
-/// A record and its data, or the null pointer in place of them.
-struct Item {
-  Record record;
-  Bytes data;
-  bool isNull;
-};
-
-/// The item that an operation's header and `data` arguments describe.
-Item itemOf(const Operation& operation);
+namespace korvex::test {
 
 /// How a batch must behave, byte by byte, written as plainly as possible.
-class BatchModel {
+class ModelBatch {
  public:
-  explicit BatchModel(std::uint64_t size);
+  explicit ModelBatch(std::uint64_t size);
 
   static void assertSize(std::uint64_t size);
 
@@ -35,22 +21,54 @@ class BatchModel {
   void push(const Item& item);
   void clear();
 
-  /// Bytes that are left for entries.
+  /// Bytes that remain for entries.
   std::uint64_t room() const { return raw_.size() - used_; }
 
-  std::uint64_t count() const { return count_; }
+  std::uint32_t count() const { return count_; }
   const Bytes& raw() const { return raw_; }
-  Bytes used() const { return raw_.substr(0, used_); }
+  Bytes used() const { return Bytes(raw_.data(), raw_.data() + used_); }
 
  private:
-  void put(std::size_t offset, const Bytes& bytes) { raw_.replace(offset, bytes.size(), bytes); }
+  void put(std::size_t offset, const Bytes& bytes);
   void putMetaData();
 
   Bytes raw_;
-  std::size_t used_ = 8;
+  std::size_t used_ = kMetaDataSize;
   std::uint32_t count_ = 0;
 };
 
-}  // namespace property
+/// How a batch and its records must behave when they are written, read and printed.
+class BatchModel : public BatchWorld {
+ public:
+  /// A read must stay inside the batch: its reader trusts the count and the lengths that it finds.
+  bool permits(const Operation& operation) const override;
+
+  /// Bytes that remain, and all of them; 0 without a batch.
+  std::uint64_t room() const { return batch_ ? batch_->room() : 0; }
+  std::uint64_t size() const { return batch_ ? batch_->raw().size() : 0; }
+  std::uint64_t count() const { return batch_ ? batch_->count() : 0; }
+
+ private:
+  std::optional<Look> look() const override;
+  std::vector<Item> queue() const override { return queue_; }
+  void setGrouping(bool) override {}  // no locale reaches a digit
+  void makeBatch(std::uint64_t size) override;
+  void printEntry(const Item& item, std::uint64_t style) override;
+  void packHeader(const Header& header, std::uint64_t style) override;
+  void packMetaData(std::uint32_t magic, std::uint32_t count) override;
+  void push(const Item& item) override { batch_->push(item); }
+  void pushPlaceholder(const Item& data) override;
+  void clear() override { batch_->clear(); }
+  bool canStore(std::uint32_t length) override { return batch_->canStore(length); }
+  std::pair<Item, std::size_t> entry(std::uint64_t index) override;
+  void read(std::uint64_t size, std::optional<std::uint32_t> magic,
+            std::optional<std::uint32_t> count) override;
+  void print(std::uint64_t style) override;
+
+  std::optional<ModelBatch> batch_;
+  std::vector<Item> queue_;
+};
+
+}  // namespace korvex::test
 
 #endif

@@ -5,7 +5,7 @@
 #include <ostream>
 #include <stdexcept>
 
-namespace property {
+namespace korvex::test {
 namespace {
 
 constexpr char kHexDigits[] = "0123456789abcdef";
@@ -227,4 +227,4 @@ std::vector<Script> simplerScripts(const Script& script) {
   return simpler;
 }
 
-}  // namespace property
+}  // namespace korvex::test

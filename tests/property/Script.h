@@ -15,7 +15,7 @@
 ///
 /// Arguments are unsigned decimal numbers; one that is left out has its usual value. A text comes
 /// last, in double quotes; what is not printable is written as \xNN.
-namespace property {
+namespace korvex::test {
 
 struct Parameter {
   const char* name;
@@ -76,6 +76,6 @@ Script parseScript(std::istream& stream, const std::vector<const Language*>& lan
 /// values, then shorter texts.
 std::vector<Script> simplerScripts(const Script& script);
 
-}  // namespace property
+}  // namespace korvex::test
 
 #endif

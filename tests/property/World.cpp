@@ -1,22 +1,22 @@
 #include "property/World.h"
 
+#include <qmx/error.h>
+
 #include <algorithm>
+#include <boost/interprocess/exceptions.hpp>
 #include <sstream>
 
-#include "property/Isolated.h"
-
-namespace property {
+namespace korvex::test {
 namespace {
+
+std::string errorText(std::uint32_t status, const std::string& message,
+                      const std::string& location) {
+  return "error " + std::to_string(status) + " '" + message + "' at '" + location + "'";
+}
 
 std::string hexAround(const Bytes& bytes, std::size_t offset) {
   constexpr std::size_t kShown = 16;
-  std::ostringstream stream;
-  stream << std::hex;
-  for (std::size_t i = offset; i < std::min(bytes.size(), offset + kShown); ++i) {
-    const auto byte = static_cast<unsigned char>(bytes[i]);
-    stream << (byte >> 4) << (byte & 15) << ' ';
-  }
-  return stream.str();
+  return hexOf(bytes.data() + offset, std::min(bytes.size() - offset, kShown));
 }
 
 std::string blockDifference(const Bytes& expected, const Bytes& found) {
@@ -27,13 +27,7 @@ std::string blockDifference(const Bytes& expected, const Bytes& found) {
          "\n  found    " + std::to_string(found.size()) + from + hexAround(found, offset) + '\n';
 }
 
-}  // namespace
-
-std::string textOfError(std::uint32_t status, const std::string& message,
-                        const std::string& location) {
-  return "error " + std::to_string(status) + " '" + message + "' at '" + location + "'";
-}
-
+/// Empty when both are the same, else where they differ.
 std::string difference(const Seen& expected, const Seen& found) {
   if (expected.text != found.text) {
     return "  expected " + expected.text + "\n  found    " + found.text + '\n';
@@ -43,16 +37,37 @@ std::string difference(const Seen& expected, const Seen& found) {
            std::to_string(found.blocks.size()) + " blocks\n";
   }
   for (std::size_t i = 0; i < expected.blocks.size(); ++i) {
-    if (expected.blocks[i] != found.blocks[i]) {
-      return "  block " + std::to_string(i) + '\n' +
-             blockDifference(expected.blocks[i], found.blocks[i]);
-    }
+    if (expected.blocks[i] == found.blocks[i]) continue;
+    return "  block " + std::to_string(i) + '\n' +
+           blockDifference(expected.blocks[i], found.blocks[i]);
   }
   return "";
 }
 
-std::string firstDifference(const Script& script, World& library, Model& model) {
-  noteScript(script);
+}  // namespace
+
+void fail(std::uint32_t status, const std::string& message) {
+  throw Failure{errorText(status, message, "")};
+}
+
+Seen World::perform(const Operation& operation) {
+  seen_ = {};
+  try {
+    act(operation);
+  } catch (const Failure& failure) {
+    say(failure.text);
+  } catch (const Ov_ErrnoException& error) {
+    say(errorText(error.getStatus(), error.getMessage(), error.getLocation()));
+  } catch (const boost::interprocess::interprocess_exception& error) {
+    say("queue error " + std::to_string(error.get_error_code()));
+  } catch (const std::exception& error) {
+    say(std::string("unexpected exception: ") + error.what());
+  }
+  showState();
+  return seen_;
+}
+
+std::string firstDifference(const Script& script, World& library, World& model) {
   for (std::size_t i = 0; i < script.operations.size(); ++i) {
     const Operation& operation = script.operations[i];
     if (!model.permits(operation)) continue;
@@ -66,4 +81,4 @@ std::string firstDifference(const Script& script, World& library, Model& model) 
   return "";
 }
 
-}  // namespace property
+}  // namespace korvex::test

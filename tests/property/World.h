@@ -6,10 +6,16 @@
 #include <vector>
 
 #include "property/Script.h"
+#include "support/Bytes.h"
 
-namespace property {
+namespace korvex::test {
 
-using Bytes = std::string;
+/// What a model throws where the library throws.
+struct Failure {
+  std::string text;
+};
+
+[[noreturn]] void fail(std::uint32_t status, const std::string& message);
 
 /// Everything that a caller could see of one operation: errors, results, and the state afterwards.
 /// The library and the model must show the same.
@@ -18,29 +24,31 @@ struct Seen {
   std::vector<Bytes> blocks;  ///< messages, buffers: what is too long to be read as text
 };
 
-/// Empty when both are the same, else where they differ.
-std::string difference(const Seen& expected, const Seen& found);
-
-std::string textOfError(std::uint32_t status, const std::string& message,
-                        const std::string& location);
-
 /// Something that scripts can be run against: the library itself, or the model of it.
 class World {
  public:
   virtual ~World() = default;
-  virtual Seen perform(const Operation& operation) = 0;
-};
 
-/// The model also knows what must not be done, because the caller's promises would be broken.
-class Model : public World {
- public:
+  Seen perform(const Operation& operation);
+
+  /// A model knows what must not be done, because the caller's promises would be broken.
   virtual bool permits(const Operation&) const { return true; }
+
+ protected:
+  void say(const std::string& text) { seen_.text += text; }
+  void show(const Bytes& block) { seen_.blocks.push_back(block); }
+
+ private:
+  virtual void act(const Operation& operation) = 0;
+  virtual void showState() = 0;
+
+  Seen seen_;
 };
 
 /// Runs the script against both and returns the first difference with the line at fault; empty when
 /// there is none.
-std::string firstDifference(const Script& script, World& library, Model& model);
+std::string firstDifference(const Script& script, World& library, World& model);
 
-}  // namespace property
+}  // namespace korvex::test
 
 #endif

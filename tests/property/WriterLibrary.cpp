@@ -2,15 +2,15 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <boost/interprocess/ipc/message_queue.hpp>
-
-#include <qmx/error.h>
+#include <ctime>
+#include <limits>
 
 #include "korvex/ShmWriter.h"
-#include "property/LibraryRecord.h"
 #include "unit/PlatformDouble.h"
 
-namespace property {
+namespace korvex::test {
 namespace {
 
 namespace ipc = boost::interprocess;
@@ -19,155 +19,120 @@ namespace ipc = boost::interprocess;
 const std::string kQueueName = "korvex-property-" + std::to_string(::getpid());
 const std::string kReplyQueueName = kQueueName + "Response";
 
-}  // namespace
+// Even the longest timeout, 2^31 - 1 seconds, ends in 1970.
+constexpr std::time_t kLate = std::numeric_limits<int>::min();
 
-/// The daemon's end of a queue: makes it, removes it, never waits.
-class WriterLibrary::Queue {
+std::atomic<unsigned> clockReadings{0};
+
+/// Makes a queue, removes it, never waits.
+class RealQueue : public QueueEnd {
  public:
-  Queue(const std::string& name, QueueLimits limits)
+  RealQueue(const std::string& name, QueueLimits limits)
       : name_(name),
         queue_(ipc::create_only, name.c_str(), limits.messages, limits.messageSize,
                ipc::permissions(0600)) {}
-  ~Queue() { ipc::message_queue::remove(name_.c_str()); }
-  Queue(const Queue&) = delete;
-  Queue& operator=(const Queue&) = delete;
+  ~RealQueue() override { ipc::message_queue::remove(name_.c_str()); }
 
-  std::size_t messages() { return queue_.get_num_msg(); }
-  std::size_t messageSize() const { return queue_.get_max_msg_size(); }
+  std::size_t messages() const override { return queue_.get_num_msg(); }
+  std::size_t messageSize() const override { return queue_.get_max_msg_size(); }
 
-  bool send(const Bytes& bytes, unsigned priority) {
-    return queue_.try_send(bytes.data(), bytes.size(), priority);
+  bool send(const QueueMessage& message) override {
+    return queue_.try_send(message.bytes.data(), message.bytes.size(), message.priority);
   }
 
-  bool take(Bytes& bytes, unsigned& priority) {
-    bytes.resize(messageSize());
+  std::optional<QueueMessage> take() override {
+    QueueMessage message{0, Bytes(messageSize())};
     ipc::message_queue::size_type size = 0;
-    if (!queue_.try_receive(&bytes[0], bytes.size(), size, priority)) return false;
-    bytes.resize(size);
-    return true;
+    if (!queue_.try_receive(message.bytes.data(), message.bytes.size(), size, message.priority)) {
+      return std::nullopt;
+    }
+    message.bytes.resize(size);
+    return message;
   }
 
  private:
   std::string name_;
-  ipc::message_queue queue_;
+  mutable ipc::message_queue queue_;
 };
+
+std::unique_ptr<QueueEnd> made(const std::string& name, std::optional<QueueLimits> limits) {
+  return limits ? std::make_unique<RealQueue>(name, *limits) : nullptr;
+}
+
+}  // namespace
 
 void WriterLibrary::removeLeftQueues() {
   ipc::message_queue::remove(kQueueName.c_str());
   ipc::message_queue::remove(kReplyQueueName.c_str());
 }
 
-WriterLibrary::WriterLibrary() { removeLeftQueues(); }
+unsigned WriterLibrary::clockReads() { return clockReadings; }
+
+WriterLibrary::WriterLibrary() {
+  removeLeftQueues();
+  platform_double::reset();
+}
 
 WriterLibrary::~WriterLibrary() = default;
 
-Seen WriterLibrary::perform(const Operation& operation) {
-  seen_ = {};
-  platform_double::reset();
-  std::string error;
-  try {
-    act(operation);
-  } catch (const Ov_ErrnoException& raised) {
-    error = textOfError(raised.getStatus(), raised.getMessage(), raised.getLocation());
-  } catch (const ipc::interprocess_exception& raised) {
-    error = "queue error " + std::to_string(raised.get_error_code());
-  } catch (const std::exception& raised) {
-    error = std::string("unexpected exception: ") + raised.what();
-  }
+std::optional<Bytes> WriterLibrary::response() const {
+  if (!writer_) return std::nullopt;
+  const auto* const bytes = reinterpret_cast<const unsigned char*>(&writer_->getResponse());
+  return Bytes(bytes, bytes + sizeof(qmx_shm_response_t));
+}
+
+std::string WriterLibrary::logged() {
+  std::string text;
   for (const platform_double::Call& call : platform_double::calls()) {
-    seen_.text += call.function + ' ' + std::to_string(call.code) + ' ' + call.text;
+    text += call.function + ' ' + std::to_string(call.code) + ' ' + call.text;
   }
-  seen_.text += error;
-  addState();
-  return seen_;
+  platform_double::reset();
+  return text;
 }
 
-void WriterLibrary::addState() {
-  for (const auto* queue : {&sendQueue_, &replyQueue_}) {
-    seen_.text += *queue ? ", queue holds " + std::to_string((*queue)->messages()) : ", no queue";
-  }
-  seen_.text += writer_ ? ", writer" : ", no writer";
-  if (!writer_) return;
-  const korvex::qmx_shm_response_t& response = writer_->getResponse();
-  seen_.blocks.emplace_back(reinterpret_cast<const char*>(&response), sizeof response);
-}
-
-void WriterLibrary::act(const Operation& operation) {
-  const std::string verb = operation.verb->name;
-  if (verb == "queues") return makeQueues(operation);
-  if (verb == "construct") return construct(operation);
-  if (verb == "reply") {
-    if (!replyQueue_) return;
-    const Bytes reply = replyOf(operation, replyQueue_->messageSize());
-    replyQueue_->send(reply, operation.low("priority"));
-    return;
-  }
-  if (verb == "locale") return locale_.set(operation["grouping"] != 0);
-  if (verb == "take") return take();
-  if (verb == "drain") {
-    while (sendQueue_ && sendQueue_->messages() > 0) take();
-    return;
-  }
-  if (verb == "fill") {
-    while (sendQueue_ && sendQueue_->send(kForeignMessage, operation.low("priority"))) {
-    }
-    return;
-  }
-  if (writer_) actOnWriter(operation);
-}
-
-void WriterLibrary::actOnWriter(const Operation& operation) {
-  const std::string verb = operation.verb->name;
-  if (verb == "destroy") return writer_.reset();
-  if (verb == "open") return writer_->open();
-  if (verb == "close") return writer_->close();
-  if (verb == "stop") return writer_->stop(operation["useStopTimeout"] != 0);
-  if (verb == "algorithm") {
-    const auto state = static_cast<korvex_seg_state_t>(operation.low("state"));
-    return writer_->setSegmentAlg(state, operation["p1"], operation["p2"], operation["p3"]);
-  }
-  if (verb == "segment") {
-    const LibraryData data(operation.low("length"), operation["data"]);
-    return writer_->writeSegment(data.pointer(), operation["length"]);
-  }
-  if (verb == "end") return writer_->endSegment();
-  if (verb == "write") return write(operation);
-  if (verb == "flush") return writer_->flush_shm_buffer(operation.low("timeout"));
-  throw std::logic_error("nobody knows " + verb);
-}
-
-void WriterLibrary::makeQueues(const Operation& operation) {
-  writer_.reset();
+void WriterLibrary::makeQueues(std::optional<QueueLimits> send, std::optional<QueueLimits> reply) {
   sendQueue_.reset();
   replyQueue_.reset();
-  if (operation["missing"] != 1) {
-    sendQueue_ = std::make_unique<Queue>(kQueueName, sendLimitsOf(operation));
-  }
-  if (operation["missing"] != 2) {
-    replyQueue_ = std::make_unique<Queue>(kReplyQueueName, replyLimitsOf(operation));
-  }
+  sendQueue_ = made(kQueueName, send);
+  replyQueue_ = made(kReplyQueueName, reply);
 }
 
-void WriterLibrary::construct(const Operation& operation) {
-  writer_.reset();
-  writer_ = std::make_unique<korvex::ShmWriter>(
-      operation.text, kQueueName, operation.low("timeout"), operation.low("stopTimeout"),
-      operation["benchmark"] != 0);
+void WriterLibrary::construct(const WriterSettings& settings) {
+  writer_ = std::make_unique<ShmWriter>(settings.name, kQueueName, settings.timeout,
+                                        settings.stopTimeout, settings.isBenchmark);
 }
 
-void WriterLibrary::write(const Operation& operation) {
-  const Record record = recordOf(operation);
-  const LibraryData data(record.len, operation["data"]);
-  const korvex::qmx_shm_message_t header = libraryRecord(record);
-  writer_->write_data(&header, data.pointer(), operation.low("timeout"), operation["flush"] != 0);
+void WriterLibrary::destroy() { writer_.reset(); }
+
+void WriterLibrary::open() { writer_->open(); }
+
+void WriterLibrary::close() { writer_->close(); }
+
+void WriterLibrary::stop(bool useStopTimeout) { writer_->stop(useStopTimeout); }
+
+void WriterLibrary::setAlgorithm(const Algorithm& algorithm) {
+  writer_->setSegmentAlg(static_cast<korvex_seg_state_t>(algorithm.state), algorithm.parameters[0],
+                         algorithm.parameters[1], algorithm.parameters[2]);
 }
 
-void WriterLibrary::take() {
-  Bytes bytes;
-  unsigned priority = 0;
-  if (!sendQueue_ || !sendQueue_->take(bytes, priority)) return;
-  seen_.text += "message of priority " + std::to_string(priority) + "; ";
-  seen_.blocks.push_back(bytes);
+void WriterLibrary::writeSegment(const Item& item, std::uint64_t length) {
+  writer_->writeSegment(pointerTo(item), length);
 }
 
-}  // namespace property
+void WriterLibrary::endSegment() { writer_->endSegment(); }
+
+void WriterLibrary::write(const Item& item, std::uint32_t timeout, bool flush) {
+  const qmx_shm_message_t header = libraryHeader(item.header);
+  writer_->write_data(&header, pointerTo(item), timeout, flush);
+}
+
+void WriterLibrary::flush(std::uint32_t timeout) { writer_->flush_shm_buffer(timeout); }
+
+}  // namespace korvex::test
+
+// The program's own definition comes before the C library's.
+extern "C" std::time_t time(std::time_t* place) noexcept {
+  ++korvex::test::clockReadings;
+  if (place != nullptr) *place = korvex::test::kLate;
+  return korvex::test::kLate;
+}

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+namespace korvex::test {
+
 /// Bytes as the tests write them down: hexadecimal digits, grouped by spaces as it pleases.
 using Bytes = std::vector<unsigned char>;
 
@@ -39,5 +41,13 @@ inline std::string hexOf(const unsigned char* bytes, std::size_t size) {
 }
 
 inline std::string hexOf(const Bytes& bytes) { return hexOf(bytes.data(), bytes.size()); }
+
+}  // namespace korvex::test
+
+// The tests' short words for these.
+using korvex::test::Bytes;
+using korvex::test::bytesOf;
+using korvex::test::hex;
+using korvex::test::hexOf;
 
 #endif

@@ -7,14 +7,13 @@
 #include <boost/interprocess/ipc/message_queue.hpp>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <stdexcept>
 #include <string>
 #include <utility>
 
-#include "support/Bytes.h"
+#include "support/WireFormat.h"
 
-namespace korvex_test {
+namespace korvex::test {
 
 /// A name that no other test, process or run uses.
 inline std::string uniqueQueueName(const std::string& hint = "test") {
@@ -65,8 +64,6 @@ class RawQueue {
 /// The pair of queues that a daemon offers to one producer.
 class DaemonQueues {
  public:
-  static constexpr std::size_t kReplySize = 132;
-
   explicit DaemonQueues(std::size_t messageSize = 4096, std::size_t messages = 4,
                         std::size_t replySize = kReplySize)
       : name_(uniqueQueueName()),
@@ -78,11 +75,8 @@ class DaemonQueues {
   RawQueue& response() { return response_; }
   Bytes takeBatch() { return send_.take().bytes; }
 
-  /// Posts a reply as 132 raw bytes, the status in host order.
   void reply(std::uint32_t status, const std::string& text) {
-    Bytes bytes(kReplySize, 0);
-    std::memcpy(bytes.data(), &status, sizeof status);
-    std::memcpy(bytes.data() + sizeof status, text.data(), text.size());
+    const Bytes bytes = replyBytes(status, text);
     response_.post(bytes.data(), bytes.size());
   }
 
@@ -92,6 +86,10 @@ class DaemonQueues {
   RawQueue response_;
 };
 
-}  // namespace korvex_test
+}  // namespace korvex::test
+
+namespace korvex_test {  // the name by which older tests know it
+using namespace korvex::test;
+}
 
 #endif

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-namespace korvex_test {
+namespace korvex::test {
 
 /// Queue names that are allowed, and that try to leave a folder, to hide, to be taken for something
 /// else, or to break what they are written into. Each may also be a name's beginning or end.
@@ -38,6 +38,10 @@ inline const std::vector<std::string>& hostileNames() {
   return names;
 }
 
-}  // namespace korvex_test
+}  // namespace korvex::test
+
+namespace korvex_test {  // the name by which older tests know it
+using namespace korvex::test;
+}
 
 #endif

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdint>
 #include <fstream>
 #include <iterator>
@@ -17,9 +18,10 @@
 #include <thread>
 #include <vector>
 
-#include "support/DaemonQueues.h"
+#include "support/Bytes.h"
+#include "support/QueueFields.h"
 
-namespace korvex_test {
+namespace korvex::test {
 
 /// A shared-memory object with any content, as a dying or hostile process may leave one. Removed at
 /// the end.
@@ -66,8 +68,6 @@ inline Bytes bytesOfObject(const std::string& name) { return bytesOfFile("/dev/s
 /// The lock of an existing queue, for tests that take it and never give it back.
 class QueueLock {
  public:
-  static constexpr std::size_t kMutexOffset = 48;
-
   explicit QueueLock(const std::string& name) {
     const int file = ::shm_open(name.c_str(), O_RDWR, 0);
     if (file < 0) throw std::system_error(errno, std::generic_category(), name);
@@ -80,7 +80,7 @@ class QueueLock {
   QueueLock& operator=(const QueueLock&) = delete;
 
   pthread_mutex_t* mutex() const {
-    return reinterpret_cast<pthread_mutex_t*>(static_cast<char*>(window_) + kMutexOffset);
+    return reinterpret_cast<pthread_mutex_t*>(static_cast<char*>(window_) + kLockWordAt);
   }
 
   /// A number in the queue's header.
@@ -104,10 +104,14 @@ class QueueLock {
   }
 
  private:
-  static constexpr std::size_t kWindow = 208;
+  static constexpr std::size_t kWindow = kIndexAt;
   void* window_;
 };
 
-}  // namespace korvex_test
+}  // namespace korvex::test
+
+namespace korvex_test {  // the name by which older tests know it
+using namespace korvex::test;
+}
 
 #endif

@@ -6,6 +6,8 @@
 
 #include <qmx/error.h>
 
+namespace korvex::test {
+
 /// What a call threw, to be compared as a whole: EXPECT_EQ(thrownBy(call), (ThrownError{9,
 /// "text"})).
 struct ThrownError {
@@ -34,5 +36,10 @@ ThrownError thrownBy(Call call) {
   }
   return {0, "(nothing was thrown)"};
 }
+
+}  // namespace korvex::test
+
+using korvex::test::thrownBy;
+using korvex::test::ThrownError;
 
 #endif

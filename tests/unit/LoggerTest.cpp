@@ -128,7 +128,7 @@ TEST_F(LoggerLog, FourPercentSignsAreOneInTheLog) {
   EXPECT_EQ(calls()[0].text, "50%::f: 100%");
 }
 
-TEST_F(LoggerLog, PercentSignsInNamesReachThePlatformAsTheyAre) {
+TEST_F(LoggerLog, PercentSignsInNamesReachThePlatformUnchanged) {
   Logger("a%").log(LOGLEVEL_INFO, "b%%", 1, "m");
   EXPECT_THAT(calls(), ElementsAre(Handed("InfoA", 1, "a%::b%%: m")));
 }
@@ -174,7 +174,7 @@ TEST_F(LoggerTrace, AnyFlagButZeroIsOn) {
   EXPECT_EQ(calls().size(), 1u);
 }
 
-TEST_F(LoggerTrace, ReadsTheFlagOnceAndFormatsNothingWhileTracingIsOff) {
+TEST_F(LoggerTrace, FormatsNothingWhileTracingIsOff) {
   int formatted = -1;
   logger.logTrace("open", "abc%n", &formatted);
   EXPECT_EQ(formatted, -1);
@@ -188,7 +188,7 @@ TEST_F(LoggerTrace, ReadsTheFlagTwiceWhileTracingIsOn) {
   EXPECT_EQ(platform_double::flagReads(), 2u);
 }
 
-TEST_F(LoggerTrace, DropsTheLineWhenTracingEndsWhileItIsComposed) {
+TEST_F(LoggerTrace, DropsTheLineWhenTracingEndsMeanwhile) {
   platform_double::setTracing(true);
   platform_double::switchOffAtFlagRead(2);
   int formatted = -1;
@@ -197,7 +197,7 @@ TEST_F(LoggerTrace, DropsTheLineWhenTracingEndsWhileItIsComposed) {
   EXPECT_THAT(calls(), IsEmpty());
 }
 
-TEST_F(LoggerTrace, TakesANullFunctionNameOnlyWhileTracingIsOff) {
+TEST_F(LoggerTrace, TakesANullNameOnlyWhileTracingIsOff) {
   EXPECT_NO_THROW(logger.logTrace(nullptr, "m"));
   platform_double::setTracing(true);
   EXPECT_THROW(logger.logTrace(nullptr, "m"), std::logic_error);

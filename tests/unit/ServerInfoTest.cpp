@@ -62,7 +62,7 @@ class ShortBuffer : public std::streambuf {
 
 }  // namespace
 
-TEST(ServerInfoType, IsAPlainValueThatIsMadeFromSevenStringsOnly) {
+TEST(ServerInfoType, IsAPlainValueMadeFromSevenStrings) {
   static_assert(!std::is_default_constructible<ServerInfo>::value, "has no empty state");
   static_assert(!std::is_polymorphic<ServerInfo>::value, "nothing overrides it");
   static_assert(std::is_copy_constructible<ServerInfo>::value, "");
@@ -70,7 +70,7 @@ TEST(ServerInfoType, IsAPlainValueThatIsMadeFromSevenStringsOnly) {
                 "a hand-written copy or destructor would have switched the move off");
 }
 
-TEST(ServerInfoType, GettersAndSettersHaveTheTypesThatCallersWereBuiltWith) {
+TEST(ServerInfoType, AccessorsHaveTheTypesCallersWereBuiltWith) {
   static_assert(std::is_same<decltype(&ServerInfo::getServerName),
                              const std::string& (ServerInfo::*)() const>::value,
                 "");
@@ -287,7 +287,7 @@ TEST(ServerInfoPrinted, StringsAreNeitherQuotedNorEscaped) {
   EXPECT_THAT(printed(info), testing::StartsWith("ServerName=a, User=b, User=\"\n, AgentCfg="));
 }
 
-TEST(ServerInfoPrinted, TheBaseOfTheStreamHoldsForAllNumbersButTheFlags) {
+TEST(ServerInfoPrinted, AllNumbersButTheFlagsFollowTheStreamsBase) {
   std::ostringstream hexadecimal;
   hexadecimal << std::hex << recordWithNumbers();
   EXPECT_THAT(hexadecimal.str(),
@@ -327,7 +327,7 @@ TEST(ServerInfoPrinted, LeavesTheFlagsOfTheStreamAlone) {
   EXPECT_EQ(set.flags(), before);
 }
 
-TEST(ServerInfoPrinted, LeavesTheFlagsAloneWhenTheStreamThrowsInTheMiddle) {
+TEST(ServerInfoPrinted, LeavesTheFlagsAloneWhenTheStreamThrows) {
   const int upToTheLabel = static_cast<int>(std::string(kAlwaysThere).size()) + 10;
   ShortBuffer buffer(upToTheLabel);
   std::ostream stream(&buffer);

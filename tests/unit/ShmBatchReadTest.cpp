@@ -321,7 +321,7 @@ TEST(ShmBatchPrint, WidthIsSpentByARefusedBatchAsWell) {
   EXPECT_EQ(stream.width(), 0);
 }
 
-TEST(ShmBatchPrint, PlaceHolderInTheBatchIsRefusedAndNothingPrinted) {
+TEST(ShmBatchPrint, PlaceHolderInTheBatchPrintsNothing) {
   ShmBatch batch(200);
   batch.pushBack(record(1, "abc"));
   batch.pushBack(ShmBatch::Entry(nullptr));

@@ -283,7 +283,7 @@ TEST(ShmBatchPushBack, LooksForRoomBeforeItLooksAtTheData) {
 }
 
 // The header goes in before the data pointer is checked: odd, relied upon, kept.
-TEST(ShmBatchPushBack, RefusedNullDataLeavesItsHeaderBehindTheUsedBytes) {
+TEST(ShmBatchPushBack, RefusedNullDataLeavesItsHeaderBehind) {
   ShmBatch batch(200);
   batch.pushBack(record(2, ""));
   EXPECT_THROW(batch.pushBack(recordWithoutData(3)), Ov_ErrnoException);

@@ -159,7 +159,7 @@ TEST_F(FileSink, AppendsToWhatIsThere) {
   EXPECT_EQ(textOf(linesOf(file_)[1]), "a");
 }
 
-TEST_F(FileSink, FileThatCannotBeOpenedIsNamedAndChangesNothing) {
+TEST_F(FileSink, FileThatCannotBeOpenedIsNamed) {
   qmx::logToFile(file_);
   const std::string missing = folder_.path("absent/lines");
   try {
@@ -221,7 +221,7 @@ TEST_F(FailingSink, LineForAFullDiskGoesToStandardError) {
   EXPECT_EQ(textOf(linesOf(file_)[0]), "kept\\n");
 }
 
-TEST_F(FailingSink, LineForAReceiverThatThrowsGoesToStandardError) {
+TEST_F(FailingSink, LineForAThrowingReceiverGoesToStandardError) {
   qmx::logToCallback([](const qmx::Line&) { throw std::runtime_error("no"); });
   InfoA(1, "kept");
   InfoA(1, "kept too");

@@ -19,7 +19,7 @@ class SystemLog : public testing::Test {
   ~SystemLog() override { qmx::logToStandardError(); }
 };
 
-TEST_F(SystemLog, IsOpenedWithTheIdentityAndAddsTheProcessId) {
+TEST_F(SystemLog, IsOpenedWithIdentityAndProcessId) {
   InfoA(7, "hello");
   EXPECT_THAT(syslog_double::take(),
               ElementsAre("open producer option=1 facility=8", "6: INFO code=7 hello"));

@@ -1,18 +1,18 @@
-#include "property/Script.h"
+#include "property/Property.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <sstream>
 #include <stdexcept>
 
-#include "property/BatchScripts.h"
-#include "property/Isolated.h"
-#include "property/Property.h"
-#include "property/WriterScripts.h"
+#include "property/WriterLibrary.h"
 
-namespace property {
+namespace korvex::test {
 namespace {
 
 const Language& toyLanguage() {
@@ -21,9 +21,10 @@ const Language& toyLanguage() {
   return language;
 }
 
-Script parsed(const std::string& text) {
+Script parsed(const std::string& text,
+              const std::vector<const Language*>& languages = {&toyLanguage()}) {
   std::istringstream stream(text);
-  return parseScript(stream, {&toyLanguage()});
+  return parseScript(stream, languages);
 }
 
 std::string refusalOf(const std::string& text) {
@@ -84,47 +85,59 @@ TEST(Script, ShrinksTowardsUsualValues) {
                                       "language toy\ngo far=7\n", "language toy\ngo far=8\n"}));
 }
 
-TEST(Script, ShrinksAsLongAsItFails) {
-  const Script script = parsed("language toy\ngo\nsay loud=9 text=\"abcd\"\ngo far=2\n");
-  const auto fails = [](const Script& tried) {
-    return textOf(tried).find("say") != std::string::npos && !tried.operations.empty() &&
-           textOf(tried.operations.back()).compare(0, 6, "go far") == 0 &&
-           tried.operations.back()["far"] < 4;
-  };
-  EXPECT_EQ(textOf(smallest(script, fails)), "language toy\nsay\ngo far=3\n");
-}
-
-TEST(Isolated, TellsHowTheChildEnded) {
+TEST(RunInChild, TellsHowTheChildEnded) {
   EXPECT_EQ(runInChild([] { return true; }), Ending::Good);
   EXPECT_EQ(runInChild([] { return false; }), Ending::Bad);
   EXPECT_EQ(runInChild([]() -> bool { std::_Exit(1); }), Ending::Crashed);
   EXPECT_EQ(runInChild([] { return ::raise(SIGKILL) == 0; }), Ending::Crashed);
 }
 
-TEST(Isolated, KnowsWhichScriptTheChildRan) {
-  const Script script = parsed("language toy\ngo far=8\n");
-  runInChild([&script]() -> bool {
-    noteScript(script);
-    std::_Exit(1);
-  });
-  EXPECT_EQ(notedScript(), "language toy\ngo far=8\n");
-}
+class RandomScript : public testing::TestWithParam<MakeScript> {};
 
-template <typename MakeScript>
-void expectThatPrintedScriptsReplay(MakeScript makeScript) {
+INSTANTIATE_TEST_SUITE_P(All, RandomScript, testing::Values(batchScript, writerScript),
+                         [](const testing::TestParamInfo<MakeScript>& made) {
+                           return made.param == batchScript ? "Batch" : "Writer";
+                         });
+
+TEST_P(RandomScript, IsReadBackAsItWasPrinted) {
   constexpr int kSize = 100;
   for (std::uint64_t seed = 0; seed < 200; ++seed) {
-    Dice dice{rc::Random(seed)};
-    const std::string text = textOf(makeScript(dice, kSize));
-    std::istringstream stream(text);
-    EXPECT_EQ(textOf(parseScript(stream, knownLanguages())), text) << "seed " << seed;
+    const std::string text = textOf(GetParam()(rc::Random(seed), kSize));
+    EXPECT_EQ(textOf(parsed(text, knownLanguages())), text) << "seed " << seed;
   }
 }
 
-TEST(Script, IsReadBackAsItWasPrinted) {
-  expectThatPrintedScriptsReplay(writerScript);
-  expectThatPrintedScriptsReplay(batchScript);
+// RC_PARAMS sets how many scripts are run and from which seed, as in
+// RC_PARAMS="max_success=1000000 seed=7": a million scripts, the long form.
+TEST_P(RandomScript, LibraryAndModelAgree) {
+  EXPECT_TRUE(holds("the library does what its model does", GetParam()));
+}
+
+TEST(WriterModel, MeetsNoDeadlineAhead) {
+  const unsigned before = WriterLibrary::clockReads();
+  const Script script = parsed("language writer\nqueues\nconstruct\nopen\n", knownLanguages());
+  EXPECT_EQ(replay(script), "");
+  EXPECT_GT(WriterLibrary::clockReads(), before);
+}
+
+/// The scripts that once told library and model apart. A new one is a file beside them.
+class KeptScript : public testing::TestWithParam<std::filesystem::path> {};
+
+std::vector<std::filesystem::path> keptScripts() {
+  const std::filesystem::directory_iterator files(KORVEX_PROPERTY_SCRIPTS);
+  return {begin(files), end(files)};
+}
+
+INSTANTIATE_TEST_SUITE_P(All, KeptScript, testing::ValuesIn(keptScripts()), [](const auto& file) {
+  std::string name = file.param.stem();
+  std::replace(name.begin(), name.end(), '-', '_');
+  return name;
+});
+
+TEST_P(KeptScript, LibraryAndModelAgree) {
+  std::ifstream file(GetParam());
+  EXPECT_TRUE(agree(parseScript(file, knownLanguages())));
 }
 
 }  // namespace
-}  // namespace property
+}  // namespace korvex::test

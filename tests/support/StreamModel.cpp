@@ -1,16 +1,13 @@
-#include "StreamModel.h"
+#include "support/StreamModel.h"
 
 #include <xxhash.h>
 
 #include <cstdio>
 
-namespace korvex_fuzz {
-namespace {
+#include "support/WireFormat.h"
 
-constexpr std::uint32_t kOpen = 0;
-constexpr std::uint32_t kData = 1;
-constexpr std::uint32_t kClose = 3;
-constexpr std::uint32_t kStop = 4;
+namespace korvex::test {
+namespace {
 
 bool isSound(const StreamModel::Record& record) {
   return record.type <= kStop && (record.type == kData || record.size == 0);
@@ -153,4 +150,4 @@ std::string StreamModel::receipt() const {
   return {text, static_cast<std::size_t>(size)};
 }
 
-}  // namespace korvex_fuzz
+}  // namespace korvex::test

@@ -1,8 +1,8 @@
-#include "property/GlobalLocale.h"
+#include "property/LibraryTools.h"
 
 #include <locale>
 
-namespace property {
+namespace korvex::test {
 namespace {
 
 class Grouping : public std::numpunct<char> {
@@ -17,4 +17,4 @@ void GlobalLocale::set(bool grouping) {
   std::locale::global(grouping ? std::locale(classic, new Grouping) : classic);
 }
 
-}  // namespace property
+}  // namespace korvex::test

@@ -1,17 +1,14 @@
-#ifndef KORVEX_TESTS_FUZZ_STREAM_MODEL_H
-#define KORVEX_TESTS_FUZZ_STREAM_MODEL_H
+#ifndef TESTS_SUPPORT_STREAM_MODEL_H
+#define TESTS_SUPPORT_STREAM_MODEL_H
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
 
-namespace korvex_fuzz {
+namespace korvex::test {
 
 /// What the daemon must make of the records of one queue, written from the protocol alone: what it
-/// answers, what it stores and what it counts.
-///
-/// The model of the hostile producer's test knows messages and whole streams only, and its sinks
-/// never fail. This one is exact after every record and takes no memory for one.
+/// answers, what it stores and what it counts. Exact after every record; takes no memory for one.
 class StreamModel {
  public:
   struct Record {
@@ -92,6 +89,6 @@ class StreamModel {
   std::string data_;
 };
 
-}  // namespace korvex_fuzz
+}  // namespace korvex::test
 
 #endif

@@ -1,12 +1,12 @@
-#ifndef KORVEX_TESTS_FUZZ_BYTES_H
-#define KORVEX_TESTS_FUZZ_BYTES_H
+#ifndef TESTS_FUZZ_INPUT_H
+#define TESTS_FUZZ_INPUT_H
 
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 
-namespace korvex_fuzz {
+namespace korvex::test {
 
 /// Ends the process, which both the fuzzer and the replay report with the input at hand.
 inline void require(bool holds, const char* what) {
@@ -48,7 +48,7 @@ class Input {
   std::size_t left_;
 };
 
-}  // namespace korvex_fuzz
+}  // namespace korvex::test
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size);
 

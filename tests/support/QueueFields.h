@@ -1,0 +1,39 @@
+#ifndef TESTS_SUPPORT_QUEUE_FIELDS_H
+#define TESTS_SUPPORT_QUEUE_FIELDS_H
+
+#include <sys/types.h>
+
+#include <cstdint>
+
+/// Where things are in the shared-memory object of a message queue, for tests that overwrite them.
+///
+///     0    state word: 2 once the queue is whole
+///     16   index pointer: the index's place, counted from here
+///     24   most messages
+///     32   most bytes of a message
+///     40   messages that wait
+///     48   the lock: its word, and at 56 the thread that holds it
+///     184  which of the index's entries is the first
+///     208  the index: 8 bytes per message
+///     then the slots: 16 bytes and the message, rounded up to 8
+namespace korvex::test {
+
+constexpr off_t kStateWordAt = 0;
+constexpr off_t kIndexPointerAt = 16;
+constexpr off_t kMaxMessagesAt = 24;
+constexpr off_t kMaxMessageSizeAt = 32;
+constexpr off_t kMessagesAt = 40;
+constexpr off_t kLockWordAt = 48;
+constexpr off_t kLockOwnerAt = 56;
+constexpr off_t kFirstMessageAt = 184;
+constexpr off_t kIndexAt = 208;
+constexpr off_t kIndexEntrySize = 8;
+constexpr off_t kSlotHeaderSize = 16;
+
+constexpr off_t slotsAt(off_t messages) { return kIndexAt + messages * kIndexEntrySize; }
+
+constexpr off_t slotSize(off_t messageSize) { return kSlotHeaderSize + (messageSize + 7) / 8 * 8; }
+
+}  // namespace korvex::test
+
+#endif
