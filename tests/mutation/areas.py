@@ -76,7 +76,7 @@ AREAS = (
           STRANGE_OBJECT_TESTS, SEND_TESTS),
          TOOLS_GROUND),
     Area("tool",
-         (r"tools/korvex/.*\.(cpp|h)",),
+         (r"tools/(korvex|common)/.*\.(cpp|h)",),
          90,
          (tuple(tool_program(f"tests/unit/korvex/korvex_tool_{name}_tests")
                 for name in ("unit", "system_call")),),
