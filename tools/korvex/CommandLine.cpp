@@ -9,6 +9,9 @@
 #include <vector>
 
 #include "Failure.h"
+#include "Inspect.h"
+#include "Send.h"
+#include "Verify.h"
 #include "common/CommandLine.h"
 #include "common/Printable.h"
 
@@ -55,12 +58,16 @@ void parse(CLI::App& tool, int argumentCount, const char* const* arguments) {
 
 Ending runCommand(int argumentCount, const char* const* arguments, const StopSignal& stop,
                   const Progress& progress, std::ostream& out, std::ostream& errors) {
-  CLI::App tool("Sends data through korvex's queues in shared memory.", "korvex");
+  CLI::App tool("Sends data to korvexd, and looks at what it captured and stored.", "korvex");
   tool.set_version_flag("--version", KORVEX_VERSION);
   tool.failure_message(complaint);
   tool.require_subcommand(0, 1);  // so that an unknown word is named, not called missing
   SendOptions sendOptions;
   declareSend(tool, sendOptions);
+  InspectOptions inspectOptions;
+  const CLI::App* const inspect = declareInspect(tool, inspectOptions);
+  VerifyOptions verifyOptions;
+  const CLI::App* const verify = declareVerify(tool, verifyOptions);
   try {
     parse(tool, argumentCount, arguments);
     if (tool.get_subcommands().empty()) throw CLI::RequiredError::Subcommand(1);
@@ -68,6 +75,10 @@ Ending runCommand(int argumentCount, const char* const* arguments, const StopSig
     // Help and version leave by the same way; only they end well.
     const bool isWrong = tool.exit(error, out, errors) != 0;
     return {static_cast<int>(isWrong ? ExitCode::WrongUsage : ExitCode::Success), 0};
+  }
+  if (inspect->parsed()) return runInspect(inspectOptions, stop, out, errors);
+  if (verify->parsed()) {
+    return runVerify(verifyOptions, stop, verifyOptions.quiet ? Progress() : progress, out, errors);
   }
   return runSend(sendOptions, stop, sendOptions.quiet ? Progress() : progress, out, errors);
 }

@@ -3,8 +3,8 @@
 
 #include <iosfwd>
 
+#include "Ending.h"
 #include "Progress.h"
-#include "Send.h"
 #include "StopSignal.h"
 
 namespace korvex::tool {

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "Ending.h"
 #include "Progress.h"
 #include "StopSignal.h"
 
@@ -27,12 +28,6 @@ struct SendOptions {
   bool quiet = false;
   bool json = false;
   std::vector<std::string> files;
-};
-
-/// How a command ended. With a signal, the process is to end by that signal.
-struct Ending {
-  int exitCode;
-  int signal;
 };
 
 /// Declares the subcommand; `options` is filled when the command line is parsed.

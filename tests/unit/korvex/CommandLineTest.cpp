@@ -5,6 +5,8 @@
 
 #include <sstream>
 
+#include "Send.h"
+
 namespace {
 
 using korvex::tool::declareSend;

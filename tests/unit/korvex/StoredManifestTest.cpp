@@ -1,0 +1,147 @@
+#include "StoredManifest.h"
+
+#include <gmock/gmock.h>
+
+#include <nlohmann/json.hpp>
+
+#include "Failure.h"
+
+namespace {
+
+using korvex::tool::Failure;
+using korvex::tool::parseManifest;
+using nlohmann::json;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+const std::string kSha256 = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
+const std::string kXxh128 = "06b05ab6733a618578af5f94892f3950";
+
+json manifest() {
+  return {{"format", 1},
+          {"queue", "q"},
+          {"state", "complete"},
+          {"reason", ""},
+          {"bytes", 3},
+          {"segments", 1},
+          {"records", 4},
+          {"sha256", kSha256},
+          {"xxh128", kXxh128},
+          {"opened", "2026-11-21T00:56:23Z"},
+          {"closed", "2026-11-21T00:56:24Z"}};
+}
+
+std::string defectOf(const std::string& text) {
+  try {
+    parseManifest(text);
+  } catch (const Failure& failure) {
+    return failure.what();
+  }
+  return "";
+}
+
+std::string defectWith(const std::string& name, const json& value) {
+  json changed = manifest();
+  changed[name] = value;
+  return defectOf(changed.dump());
+}
+
+}  // namespace
+
+TEST(StoredManifest, ReadsWhatADaemonWrites) {
+  const auto found = parseManifest(manifest().dump());
+  EXPECT_TRUE(found.isComplete);
+  EXPECT_EQ(found.bytes, 3u);
+  EXPECT_EQ(found.sha256, kSha256);
+  EXPECT_EQ(found.xxh128, kXxh128);
+}
+
+TEST(StoredManifest, ReadsWhyAStreamIsIncomplete) {
+  json incomplete = manifest();
+  incomplete["state"] = "incomplete";
+  incomplete["reason"] = "the daemon ended";
+  const auto found = parseManifest(incomplete.dump());
+  EXPECT_FALSE(found.isComplete);
+  EXPECT_EQ(found.reason, "the daemon ended");
+}
+
+TEST(StoredManifest, IgnoresMembersOfLaterVersions) { EXPECT_EQ(defectWith("more", {1, 2}), ""); }
+
+TEST(StoredManifest, TakesTheLargestNumber) {
+  EXPECT_EQ(defectWith("bytes", 18446744073709551615u), "");
+}
+
+TEST(StoredManifestUntrusted, RefusesEveryMemberThatIsMissing) {
+  const json whole = manifest();
+  for (const auto& member : whole.items()) {
+    json cut = manifest();
+    cut.erase(member.key());
+    EXPECT_EQ(defectOf(cut.dump()), member.key() + " is missing");
+  }
+}
+
+TEST(StoredManifestUntrusted, RefusesEveryMemberOfAnotherKind) {
+  const json whole = manifest();
+  for (const auto& member : whole.items()) {
+    for (const json& value : {json(), json(true), json(-1), json(1.5), json::array(),
+                              json::object(), json(std::string(100, 'x'))}) {
+      const bool isAnyText = member.key() == "queue" || member.key() == "reason";
+      if (isAnyText && value.is_string()) continue;
+      EXPECT_THAT(defectWith(member.key(), value), StartsWith(member.key() + " is ")) << value;
+    }
+  }
+}
+
+TEST(StoredManifestUntrusted, NamesWhatItFoundAndExpected) {
+  EXPECT_EQ(defectWith("format", 2), "format is 2, expected 1");
+  EXPECT_EQ(defectWith("bytes", -1), "bytes is -1, expected a number from 0 to 2^64 - 1");
+  EXPECT_EQ(defectWith("state", "done"),
+            "state is \"done\", expected \"complete\" or \"incomplete\"");
+  EXPECT_EQ(defectWith("queue", json::array()), "queue is an array, expected a text");
+  EXPECT_EQ(defectWith("xxh128", "\x1b"),
+            "xxh128 is \"\\u001b\", expected 32 lower-case hex digits");
+  EXPECT_EQ(defectWith("opened", "now"),
+            "opened is \"now\", expected a time such as \"2026-11-21T00:56:23Z\"");
+}
+
+TEST(StoredManifestUntrusted, RefusesDigestsThatAreNotHex) {
+  const std::string shorter = kSha256.substr(1);
+  for (const std::string& text : {shorter, kSha256 + "0", "A" + shorter, "g" + shorter}) {
+    EXPECT_THAT(defectWith("sha256", text), HasSubstr("expected 64 lower-case hex digits"));
+  }
+}
+
+TEST(StoredManifestUntrusted, RefusesTimesOfAnotherForm) {
+  for (const char* text : {"2026-11-21 00:56:23Z", "2026-11-21T00:56:23", "2026-11-21T00:56:2aZ",
+                           "2026-11-21T00:56:23ZZ", ""}) {
+    EXPECT_THAT(defectWith("closed", text), HasSubstr("expected a time")) << text;
+  }
+}
+
+TEST(StoredManifestUntrusted, RefusesWhatIsNoObject) {
+  EXPECT_EQ(defectOf("[]"), "it is an array, expected an object");
+  EXPECT_EQ(defectOf("null"), "it is null, expected an object");
+}
+
+TEST(StoredManifestUntrusted, RefusesWhatIsNoJson) {
+  for (const std::string& text :
+       {std::string(), std::string("{"), std::string("\0", 1), std::string("\xff"),
+        std::string("{} x"), std::string(R"({"bytes":1e999})")}) {
+    EXPECT_THAT(defectOf(text), StartsWith("no JSON: ")) << text;
+  }
+}
+
+TEST(StoredManifestUntrusted, RefusesNumbersAbove64Bits) {
+  std::string text = manifest().dump();
+  text.replace(text.find("\"bytes\":3"), 9, "\"bytes\":18446744073709551616");
+  EXPECT_THAT(defectOf(text), StartsWith("bytes is 1.8446744073709552e+19, expected a number"));
+}
+
+TEST(StoredManifestUntrusted, OutlivesDeepNesting) {
+  const std::string deep = std::string(400000, '[') + std::string(400000, ']');
+  EXPECT_EQ(defectOf(deep), "it is an array, expected an object");
+  std::string inside = manifest().dump();
+  inside.replace(inside.find("\"bytes\":3"), 9, "\"bytes\":" + deep);
+  EXPECT_THAT(defectOf(inside), StartsWith("bytes is an array"));
+  EXPECT_THAT(defectOf(std::string(1000000, '[')), StartsWith("no JSON: "));
+}

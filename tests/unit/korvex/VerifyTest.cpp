@@ -1,0 +1,301 @@
+#include "Verify.h"
+
+#include <gmock/gmock.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "integration/support/TemporaryFolder.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+using korvex::tool::Ending;
+using korvex::tool::Progress;
+using korvex::tool::runVerify;
+using korvex::tool::StopSignal;
+using korvex::tool::VerifyOptions;
+using nlohmann::json;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::Not;
+using testing::StartsWith;
+
+// Of "abc", from the digests' own definitions.
+const std::string kSha256 = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
+const std::string kXxh128 = "06b05ab6733a618578af5f94892f3950";
+const std::string kStream = "q-20261121T005623Z-1";
+
+json goodManifest() {
+  return {{"format", 1},
+          {"queue", "q"},
+          {"state", "complete"},
+          {"reason", ""},
+          {"bytes", 3},
+          {"segments", 1},
+          {"records", 4},
+          {"sha256", kSha256},
+          {"xxh128", kXxh128},
+          {"opened", "2026-11-21T00:56:23Z"},
+          {"closed", "2026-11-21T00:56:24Z"}};
+}
+
+void writeFile(const std::string& path, const std::string& content) {
+  std::ofstream(path, std::ios::binary) << content;
+}
+
+/// A store of streams that hold "abc".
+class Verify : public testing::Test {
+ protected:
+  /// Makes a stream and gives its path.
+  std::string stream(const std::string& name, const json& manifest = goodManifest()) const {
+    const std::string path = store_.makeFolder(name);
+    writeFile(path + "/data", "abc");
+    writeFile(path + "/manifest.json", manifest.dump());
+    return path;
+  }
+
+  std::string damagedWith(const std::string& member, const json& value) {
+    json manifest = goodManifest();
+    manifest[member] = value;
+    stream(kStream, manifest);
+    return verifyDamaged();
+  }
+
+  /// What is said of the only stream, which is damaged.
+  std::string verifyDamaged() {
+    options_.quiet = true;
+    const std::string text = verify();
+    EXPECT_EQ(ending_.exitCode, 1);
+    const std::string start = "damaged   " + store_ / kStream + ": ";
+    EXPECT_THAT(text, StartsWith(start));
+    return text.substr(std::min(text.size(), start.size()));
+  }
+
+  std::string verify(std::vector<std::string> folders = {}) {
+    if (folders.empty()) folders.push_back(store_.path());
+    options_.folders = folders;
+    out_.str("");
+    errors_.str("");
+    ending_ = runVerify(options_, stop_, Progress(), out_, errors_);
+    return out_.str();
+  }
+
+  json verifyAsJson() {
+    options_.json = true;
+    return json::parse(verify());
+  }
+
+  test_support::TemporaryFolder store_;
+  VerifyOptions options_;
+  StopSignal stop_;
+  std::ostringstream out_;
+  std::ostringstream errors_;
+  Ending ending_ = {-1, -1};
+};
+
+}  // namespace
+
+TEST_F(Verify, FindsAWholeStreamComplete) {
+  stream(kStream);
+  EXPECT_THAT(verify(), MatchesRegex("complete  " + store_ / kStream +
+                                     "\n1 complete, 0 damaged, 0 partial, 0 foreign; 3 bytes in "
+                                     "[0-9.]+ s, .*/s\n"));
+  EXPECT_EQ(ending_.exitCode, 0);
+  EXPECT_EQ(errors_.str(), "");
+}
+
+TEST_F(Verify, ListsEverythingSortedByName) {
+  for (const char* name : {"q-20261121T005623Z-3", "q-20261121T005623Z-1", "q-20261121T005623Z-2"})
+    stream(name);
+  stream("renamed");
+  stream("z.partial");
+  store_.makeFolder("empty");
+  writeFile(store_ / "notes", "x");
+  const std::string at = store_.path() + "/";
+  for (const unsigned jobs : {1U, 2U, 16U}) {
+    options_.jobs = jobs;
+    EXPECT_THAT(verify(),
+                StartsWith("foreign   " + at + "empty\nforeign   " + at + "notes\n" + "complete  " +
+                           at + "q-20261121T005623Z-1\n" + "complete  " + at +
+                           "q-20261121T005623Z-2\n" + "complete  " + at + "q-20261121T005623Z-3\n" +
+                           "complete  " + at + "renamed\npartial   " + at +
+                           "z.partial: stored, but its folder did not get its final "
+                           "name\n4 complete, 0 damaged, 1 partial, 2 foreign; 12 "));
+    EXPECT_EQ(ending_.exitCode, 0);
+  }
+}
+
+TEST_F(Verify, TakesAFolderThatIsAStream) {
+  const std::string path = stream(kStream);
+  fs::create_directory_symlink(path, store_ / "link");
+  for (const std::string& name : {path, path + "/", path + "/.", store_ / "link"}) {
+    EXPECT_THAT(verify({name}), StartsWith("complete  " + name + "\n1 complete"));
+  }
+}
+
+TEST_F(Verify, NamesBothDigestsOfChangedData) {
+  writeFile(stream(kStream) + "/data", "abd");
+  EXPECT_THAT(verifyDamaged(),
+              MatchesRegex("sha256: found [0-9a-f]+, expected " + kSha256 +
+                           "; xxh128: found [0-9a-f]+, expected " + kXxh128 + "\n"));
+}
+
+TEST_F(Verify, NamesTheDigestThatIsWrong) {
+  EXPECT_THAT(damagedWith("sha256", std::string(64, '0')),
+              "sha256: found " + kSha256 + ", expected " + std::string(64, '0') + "\n");
+  EXPECT_THAT(damagedWith("xxh128", std::string(32, '0')),
+              "xxh128: found " + kXxh128 + ", expected " + std::string(32, '0') + "\n");
+}
+
+TEST_F(Verify, QuickLeavesTheSlowDigestOut) {
+  json manifest = goodManifest();
+  manifest["sha256"] = std::string(64, '0');
+  stream(kStream, manifest);
+  options_.quick = true;
+  EXPECT_THAT(verify(), StartsWith("complete  "));
+  manifest["xxh128"] = std::string(32, '0');
+  stream(kStream, manifest);
+  EXPECT_THAT(verifyDamaged(), StartsWith("xxh128: "));
+}
+
+TEST_F(Verify, NamesAWrongSize) {
+  EXPECT_EQ(damagedWith("bytes", 4), "size: found 3 bytes, expected 4 bytes\n");
+  EXPECT_EQ(damagedWith("bytes", 2), "size: found 3 bytes, expected 2 bytes\n");
+}
+
+TEST_F(Verify, NamesWhatIsMissing) {
+  fs::remove(stream(kStream) + "/data");
+  EXPECT_EQ(verifyDamaged(), "data: No such file or directory\n");
+  fs::remove(store_ / kStream + "/manifest.json");
+  EXPECT_EQ(verifyDamaged(), "manifest: No such file or directory\n");
+}
+
+TEST_F(Verify, RefusesAFinalNameForAnIncompleteStream) {
+  EXPECT_EQ(damagedWith("state", "incomplete"),
+            "manifest: state is \"incomplete\", expected \"complete\"\n");
+}
+
+TEST_F(Verify, SaysWhyAStreamIsPartial) {
+  json manifest = goodManifest();
+  manifest["state"] = "incomplete";
+  manifest["reason"] = "the daemon\x1b[2J ended";
+  const std::string path = stream(kStream + ".partial", manifest);
+  EXPECT_THAT(verify(), StartsWith("partial   " + path + ": the daemon\\x1b[2J ended\n"));
+  EXPECT_EQ(ending_.exitCode, 0);
+  EXPECT_THAT(verify({path}), StartsWith("partial   "));
+  fs::remove(path + "/manifest.json");
+  EXPECT_THAT(verify(), HasSubstr(": still open, or its daemon died: no manifest\n"));
+  writeFile(path + "/manifest.json", "{");
+  EXPECT_THAT(verify(), HasSubstr(": manifest: no JSON: "));
+  EXPECT_EQ(ending_.exitCode, 0);
+}
+
+TEST_F(Verify, ReportsAFolderThatCannotBeRead) {
+  stream(kStream);
+  EXPECT_THAT(verify({store_ / "nowhere", store_.path()}), HasSubstr("1 complete, 0 damaged"));
+  EXPECT_EQ(errors_.str(),
+            "korvex: cannot read folder '" + store_ / "nowhere" + "': No such file or directory\n");
+  EXPECT_EQ(ending_.exitCode, 1);
+}
+
+TEST_F(Verify, WritesAJsonObject) {
+  stream("\xff");
+  writeFile(stream(kStream) + "/data", "ab");
+  const json found = verifyAsJson();
+  const json problem = {{"what", "size"}, {"message", "found 2 bytes, expected 3 bytes"}};
+  EXPECT_EQ(found["streams"][0], json({{"path", store_ / kStream},
+                                       {"state", "damaged"},
+                                       {"bytes", 0},
+                                       {"note", ""},
+                                       {"problems", json::array({problem})}}));
+  EXPECT_EQ(found["streams"][1], json({{"path", store_ / "\\xff"},
+                                       {"state", "complete"},
+                                       {"bytes", 3},
+                                       {"note", ""},
+                                       {"problems", json::array()}}));
+  const json numbers = {{"complete", 1},  {"damaged", 1}, {"partial", 0},   {"foreign", 0},
+                        {"unchecked", 0}, {"bytes", 3},   {"quick", false}, {"exitCode", 1}};
+  for (const auto& member : numbers.items()) {
+    EXPECT_EQ(found[member.key()], member.value()) << member.key();
+  }
+  EXPECT_EQ(found["errors"], json::array());
+}
+
+TEST_F(Verify, LeavesTheRestUncheckedAtASignal) {
+  stream(kStream);
+  stop_.note(SIGINT);
+  const json found = verifyAsJson();
+  EXPECT_EQ(found["streams"][0]["state"], "unchecked");
+  EXPECT_EQ(found["exitCode"], 130);
+  EXPECT_EQ(errors_.str(), "korvex: interrupted by signal 2\n");
+  EXPECT_EQ(ending_.signal, SIGINT);
+}
+
+TEST_F(Verify, ReadsStreamsWithoutDataAndWithMuch) {
+  json empty = goodManifest();
+  empty["bytes"] = 0;
+  empty["sha256"] = "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
+  empty["xxh128"] = "99aa06d3014798d86001c324468d497f";
+  writeFile(stream(kStream, empty) + "/data", "");
+  EXPECT_THAT(verify(), HasSubstr("1 complete"));
+  // One million of "a", which the standard gives an own digest for.
+  json much = goodManifest();
+  much["bytes"] = 1000000;
+  much["sha256"] = "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0";
+  writeFile(stream(kStream, much) + "/data", std::string(1000000, 'a'));
+  EXPECT_THAT(verifyDamaged(), StartsWith("xxh128: "));
+}
+
+TEST_F(Verify, ListsOnlyDamageWhenQuiet) {
+  stream(kStream);
+  stream("x.partial");
+  options_.quiet = true;
+  EXPECT_EQ(verify(), "");
+  EXPECT_EQ(ending_.exitCode, 0);
+}
+
+TEST_F(Verify, ShowsNoControlCharacterOfAName) {
+  writeFile(store_ / "\x1b[2J", "");
+  EXPECT_THAT(verify(), HasSubstr("/\\x1b[2J\n"));
+  EXPECT_THAT(out_.str(), Not(HasSubstr("\x1b")));
+}
+
+TEST_F(Verify, FollowsNoLink) {
+  const std::string path = stream(kStream);
+  for (const char* name : {"data", "manifest.json"}) {
+    fs::rename(path + "/" + name, store_ / "kept");
+    fs::create_symlink(store_ / "kept", path + "/" + name);
+    EXPECT_THAT(verifyDamaged(), HasSubstr(": it is a symbolic link\n"));
+    fs::rename(store_ / "kept", path + "/" + name);
+  }
+  fs::rename(path, store_ / "kept");
+  fs::create_directory_symlink(store_ / "kept", path);
+  EXPECT_EQ(verifyDamaged(), "folder: it is a link or no folder\n");
+}
+
+TEST_F(Verify, WaitsForNoPipe) {
+  const std::string path = stream(kStream);
+  for (const char* name : {"data", "manifest.json"}) {
+    fs::remove(path + "/" + name);
+    ASSERT_EQ(::mkfifo((path + "/" + name).c_str(), 0600), 0);
+    EXPECT_THAT(verifyDamaged(), HasSubstr(": it is no regular file\n"));
+  }
+}
+
+TEST_F(Verify, RefusesAManifestOfAnySize) {
+  const std::string path = stream(kStream) + "/manifest.json";
+  ASSERT_EQ(::truncate(path.c_str(), off_t{1} << 40), 0);
+  EXPECT_EQ(verifyDamaged(),
+            "manifest: larger than any manifest: expected at most 1048576 bytes\n");
+}
+
+TEST_F(Verify, NamesTheMemberOfABadManifest) {
+  EXPECT_THAT(damagedWith("xxh128", 7), StartsWith("manifest: xxh128 is 7, expected 32 "));
+}
