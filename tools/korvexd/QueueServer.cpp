@@ -19,12 +19,13 @@ using korvex::MessageQueue;
 constexpr std::chrono::milliseconds kLongestPause{25};
 
 constexpr std::chrono::seconds kWatchPeriod{1};
+constexpr std::chrono::seconds kFinishingPeriod{5};
 
 }  // namespace
 
 QueueServer::QueueServer(const Settings& settings)
     : settings_(settings),
-      session_(settings.queue, settings.openSink, stats_),
+      session_(settings.queue, settings.openSink, stats_, [this] { return stillFinishing(); }),
       pause_(kLongestPause),
       message_(settings.limits.messageSize) {
   if (settings.captureFolder) {
@@ -41,6 +42,7 @@ void QueueServer::open(QueuePair::Existing existing) {
 }
 
 void QueueServer::run(const std::atomic<bool>& stop) noexcept {
+  stop_ = &stop;
   while (!stop) {
     try {
       surviveCut([this] { step(); });
@@ -60,6 +62,7 @@ void QueueServer::step() {
     // Noticed now, it costs nobody a stream: found only at the next open record, it would.
     replies_->checkLock();
     watchQueues();
+    watchStream();
     return pause();
   }
   OwnedQueue& batches = pair_->batches();
@@ -68,7 +71,9 @@ void QueueServer::step() {
   lockWatch_.note(outcome, batches.view(), LockWatch::Clock::now());
   if (outcome != MessageQueue::Outcome::Done) return pause();
   pause_.reset();
+  nextFinishing_ = LockWatch::Clock::now() + kFinishingPeriod;
   takeMessage(size);
+  lastSign_ = LockWatch::Clock::now();  // after it: a slow sink is not the producer's silence
 }
 
 bool QueueServer::isIdle() const noexcept {
@@ -85,6 +90,32 @@ void QueueServer::watchQueues() {
   if (!pair_->isStillNamed()) throw std::runtime_error("somebody removed or replaced their names");
   if (!pair_->isWhole()) throw std::runtime_error("somebody changed the size of their memory");
   if (!pair_->isIntact()) throw std::runtime_error("somebody overwrote their memory");
+}
+
+/// Any batch is a sign of life, an empty one too.
+void QueueServer::watchStream() {
+  answer(session_.checkSink());
+  const auto& limit = settings_.idleTimeout;
+  if (!limit || LockWatch::Clock::now() - lastSign_ < *limit) return;
+  answer(session_.takeSilence(*limit));
+}
+
+/// A queue that is lost meanwhile is noticed afterwards, when the receipt is sent.
+bool QueueServer::stillFinishing() noexcept {
+  try {
+    surviveCut([this] { sayFinishing(); });
+  } catch (const std::exception&) {
+    nextFinishing_ = LockWatch::Clock::time_point::max();
+  }
+  return stop_ == nullptr || !*stop_;
+}
+
+/// Never more than one, so that there is room for the receipt.
+void QueueServer::sayFinishing() {
+  const auto now = LockWatch::Clock::now();
+  if (now < nextFinishing_) return;
+  nextFinishing_ = now + kFinishingPeriod;
+  if (replies_->isAllTaken()) replies_->send(finishingReply());
 }
 
 void QueueServer::pause() noexcept { pause_.wait(LockWatch::Clock::now() + kLongestPause); }

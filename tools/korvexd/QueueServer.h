@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -34,6 +35,7 @@ class QueueServer {
     QueuePair::Existing existing;
     SinkFactory openSink;
     std::optional<std::string> captureFolder;
+    std::optional<std::chrono::seconds> idleTimeout;  ///< of a stream; none: it may be silent
   };
 
   /// Creates the queues. Throws std::exception when that fails.
@@ -50,6 +52,9 @@ class QueueServer {
   void step();
   bool isIdle() const noexcept;
   void watchQueues();
+  void watchStream();
+  bool stillFinishing() noexcept;
+  void sayFinishing();
   void takeMessage(std::size_t size);
   void takeRecords(std::size_t size);
   void answer(const StreamSession::Answer& answer);
@@ -68,6 +73,9 @@ class QueueServer {
   LockWatch lockWatch_;
   korvex::Pause pause_;
   LockWatch::Clock::time_point nextLook_{};
+  LockWatch::Clock::time_point lastSign_{};       ///< of a producer's life
+  LockWatch::Clock::time_point nextFinishing_{};  ///< when the producer hears of it again
+  const std::atomic<bool>* stop_ = nullptr;
   std::vector<unsigned char> message_;
   std::queue<korvex::ShmBatch::Entry> records_;
   std::uint64_t batchNumber_ = 0;

@@ -3,6 +3,7 @@
 
 #include <korvex/ShmBatch.h>
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -28,8 +29,10 @@ class StreamSession {
   /// What the producer must be told, if anything.
   using Answer = std::optional<Reply>;
 
-  /// `stats` outlives the session.
-  StreamSession(std::string queue, SinkFactory openSink, Stats& stats);
+  /// `stats` outlives the session. `stillFinishing` is for sinks that take long to finish.
+  StreamSession(
+      std::string queue, SinkFactory openSink, Stats& stats,
+      StillFinishing stillFinishing = [] { return true; });
 
   /// Ends an open stream as incomplete.
   ~StreamSession();
@@ -41,6 +44,12 @@ class StreamSession {
 
   /// A batch could not be read, so an open stream misses records.
   Answer takeDamage(const std::string& defect);
+
+  /// Nothing came just now: looks whether the sink of an open stream is still well.
+  Answer checkSink();
+
+  /// Nothing came for so long that an open stream fails.
+  Answer takeSilence(std::chrono::seconds silence);
 
   /// Ends an open stream as incomplete, for a reason outside of it.
   void end(const std::string& reason);
@@ -72,6 +81,7 @@ class StreamSession {
   const std::string queue_;
   const SinkFactory openSink_;
   Stats& stats_;
+  const StillFinishing stillFinishing_;
   State state_ = State::Idle;
   std::unique_ptr<Sink> sink_;
   Xxh128 digest_;

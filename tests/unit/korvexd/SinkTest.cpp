@@ -30,6 +30,8 @@ constexpr std::time_t kOpened = 1000000000;  // 2001-09-09 01:46:40 UTC
 
 const StreamSummary kSummary{"q", kOpened, kOpened + 60, 3, 1, 4, "0123456789abcdef"};
 
+const korvexd::StillFinishing kPatient = [] { return true; };
+
 void writeText(Sink& sink, const std::string& text) {
   sink.write(reinterpret_cast<const unsigned char*>(text.data()), text.size());
 }
@@ -112,11 +114,11 @@ TEST_P(EverySink, CompletesAStreamOfSmallAndLargeWrites) {
   const auto sink = open_("q", kOpened);
   writeText(*sink, "small");
   writeText(*sink, std::string(3000000, 'x'));
-  EXPECT_NO_THROW(sink->complete(kSummary));
+  EXPECT_NO_THROW(sink->complete(kSummary, kPatient));
 }
 
 TEST_P(EverySink, CompletesAStreamWithoutData) {
-  EXPECT_NO_THROW(open_("q", kOpened)->complete(kSummary));
+  EXPECT_NO_THROW(open_("q", kOpened)->complete(kSummary, kPatient));
 }
 
 TEST_P(EverySink, AbandonsAStream) {
@@ -133,8 +135,8 @@ TEST_P(EverySink, CanBeDestroyedWithoutEnd) {
 TEST_P(EverySink, ServesStreamsAtTheSameTime) {
   const auto one = open_("q", kOpened);
   const auto two = open_("q", kOpened);
-  EXPECT_NO_THROW(two->complete(kSummary));
-  EXPECT_NO_THROW(one->complete(kSummary));
+  EXPECT_NO_THROW(two->complete(kSummary, kPatient));
+  EXPECT_NO_THROW(one->complete(kSummary, kPatient));
 }
 
 TEST_F(DirectorySinkTest, NamesTheFolderWhenTheStreamIsComplete) {
@@ -142,7 +144,7 @@ TEST_F(DirectorySinkTest, NamesTheFolderWhenTheStreamIsComplete) {
   EXPECT_THAT(namesIn(folder_.path()), ElementsAre(kPartial));
   EXPECT_EQ(sink->place(), folder_ / kPartial);
   writeText(*sink, "abc");
-  sink->complete(kSummary);
+  sink->complete(kSummary, kPatient);
   EXPECT_THAT(namesIn(folder_.path()), ElementsAre(kFinal));
   EXPECT_THAT(namesIn(folder_ / kFinal), ElementsAre("data", "manifest.json"));
   EXPECT_EQ(contentsOf(file(kFinal, "data")), "abc");
@@ -152,7 +154,7 @@ TEST_F(DirectorySinkTest, NamesTheFolderWhenTheStreamIsComplete) {
 TEST_F(DirectorySinkTest, WritesAManifest) {
   const auto sink = open();
   writeText(*sink, "abc");
-  sink->complete(kSummary);
+  sink->complete(kSummary, kPatient);
   EXPECT_EQ(contentsOf(file(kFinal, "manifest.json")),
             "{\n"
             "  \"format\": 1,\n"
@@ -177,7 +179,7 @@ TEST_F(DirectorySinkTest, KeepsTheOrderOfWritesOfAllSizes) {
     writeText(*sink, piece);
     expected += piece;
   }
-  sink->complete(kSummary);
+  sink->complete(kSummary, kPatient);
   EXPECT_TRUE(contentsOf(file(kFinal, "data")) == expected);
 }
 
@@ -208,10 +210,10 @@ TEST_F(DirectorySinkTest, ACrashLeavesThePartialFolder) {
 }
 
 TEST_F(DirectorySinkTest, NeverUsesANameTwice) {
-  open()->complete(kSummary);
+  open()->complete(kSummary, kPatient);
   open()->abandon(kSummary, "x");
   DirectoryStore restarted(folder_.path());
-  restarted.open("q", kOpened)->complete(kSummary);
+  restarted.open("q", kOpened)->complete(kSummary, kPatient);
   EXPECT_THAT(namesIn(folder_.path()),
               ElementsAre(kFinal, "q-20010909T014640Z-2.partial", "q-20010909T014640Z-3"));
 }
@@ -219,7 +221,7 @@ TEST_F(DirectorySinkTest, NeverUsesANameTwice) {
 TEST_F(DirectorySinkTest, RefusesToReplaceAFinalNameThatAppearedMeanwhile) {
   const auto sink = open();
   folder_.makeFolder(kFinal);
-  EXPECT_THROW(sink->complete(kSummary), SystemError);
+  EXPECT_THROW(sink->complete(kSummary, kPatient), SystemError);
   EXPECT_THAT(namesIn(folder_ / kFinal), ElementsAre());
   sink->abandon(kSummary, "name taken");
   EXPECT_EQ(manifest(kPartial)["state"], "incomplete");
@@ -228,7 +230,7 @@ TEST_F(DirectorySinkTest, RefusesToReplaceAFinalNameThatAppearedMeanwhile) {
 TEST_F(DirectorySinkTest, NeverFollowsAPlantedLink) {
   TemporaryFolder elsewhere;
   ASSERT_EQ(::symlink(elsewhere.path().c_str(), (folder_ / kPartial).c_str()), 0);
-  open()->complete(kSummary);
+  open()->complete(kSummary, kPatient);
   EXPECT_THAT(namesIn(elsewhere.path()), ElementsAre());
   EXPECT_THAT(namesIn(folder_.path()), ElementsAre(kPartial, "q-20010909T014640Z-2"));
 }
@@ -239,7 +241,7 @@ TEST_F(DirectorySinkTest, NeverWritesTheManifestThroughAPlantedLink) {
   for (const char* name : {"manifest.json", "manifest.json.tmp"}) {
     ASSERT_EQ(::symlink((elsewhere / "victim").c_str(), file(kPartial, name).c_str()), 0);
   }
-  sink->complete(kSummary);
+  sink->complete(kSummary, kPatient);
   EXPECT_THAT(namesIn(elsewhere.path()), ElementsAre());
   EXPECT_EQ(manifest(kFinal)["state"], "complete");
 }
@@ -247,7 +249,7 @@ TEST_F(DirectorySinkTest, NeverWritesTheManifestThroughAPlantedLink) {
 TEST_F(DirectorySinkTest, SharesWithNobodyWhateverTheUmask) {
   for (const mode_t mask : {0U, 022U, 077U}) {
     const mode_t before = ::umask(mask);
-    open("m" + std::to_string(mask))->complete(kSummary);
+    open("m" + std::to_string(mask))->complete(kSummary, kPatient);
     ::umask(before);
   }
   for (const std::string& name : namesIn(folder_.path())) {
@@ -277,19 +279,19 @@ TEST_F(DirectorySinkTest, ReportsGatheredDataThatCannotBeWrittenAtTheEnd) {
   const auto sink = open();
   writeText(*sink, std::string(1000, 'x'));
   const FileSizeLimit limit(100);
-  EXPECT_THROW(sink->complete(kSummary), SystemError);
+  EXPECT_THROW(sink->complete(kSummary, kPatient), SystemError);
   EXPECT_THAT(namesIn(folder_.path()), ElementsAre(kPartial));
 }
 
 TEST_F(DirectorySinkTest, EncodesTheQueuesName) {
-  open("../a b")->complete(kSummary);
+  open("../a b")->complete(kSummary, kPatient);
   EXPECT_THAT(namesIn(folder_.path()), ElementsAre("%2E.%2Fa%20b-20010909T014640Z-1"));
 }
 
 TEST_F(DirectorySinkTest, WritesAValidManifestForAnyName) {
   StreamSummary summary = kSummary;
   summary.queue = "\xff\"\n";
-  open()->complete(summary);
+  open()->complete(summary, kPatient);
   EXPECT_EQ(manifest(kFinal)["state"], "complete");
 }
 

@@ -37,7 +37,7 @@ class RecordingSink : public Sink {
     failOn(1, "writing data");
     fate_.data.append(data, data + size);
   }
-  void complete(const StreamSummary& summary) override {
+  void complete(const StreamSummary& summary, const korvexd::StillFinishing&) override {
     failOn(2, "syncing data");
     fate_.complete = true;
     fate_.summary = summary;
