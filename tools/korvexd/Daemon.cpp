@@ -61,6 +61,10 @@ Daemon::Daemon(const Options& options) {
   prepareSignals();
   installCutGuard();
   if (options.output) store_.emplace(*options.output);
+  if (!options.engine.empty()) {
+    engines_.emplace(ExecStore::Settings{options.engine, options.engineTimeout,
+                                         [this] { return stop_.load(); }});
+  }
   createServers(options);
   if (options.statsFile) createStatsFile(*options.statsFile);
   // Only now: who reads this line may rely on everything else.
@@ -78,6 +82,11 @@ void Daemon::createStatsFile(const std::string& path) {
 }
 
 SinkFactory Daemon::sinkFactory() {
+  if (engines_) {
+    return [this](const std::string& queue, std::time_t opened) {
+      return engines_->open(queue, opened);
+    };
+  }
   if (!store_) {
     return [](const std::string&, std::time_t) { return std::make_unique<DiscardSink>(); };
   }
@@ -90,8 +99,9 @@ void Daemon::createServers(const Options& options) {
     spdlog::info("removed {}, half made by a daemon that was killed", name);
   }
   for (const std::string& queue : options.queues) {
-    servers_.push_back(std::make_unique<QueueServer>(QueueServer::Settings{
-        queue, options.limits, options.mode, options.existing, sinkFactory(), options.capture}));
+    servers_.push_back(std::make_unique<QueueServer>(
+        QueueServer::Settings{queue, options.limits, options.mode, options.existing, sinkFactory(),
+                              options.capture, options.idleTimeout}));
   }
 }
 
@@ -108,7 +118,12 @@ void Daemon::run() {
 /// A second signal stays blocked and changes nothing.
 void Daemon::awaitSignal() {
   const sigset_t signals = endSignals();
-  while (::sigtimedwait(&signals, nullptr, &kStatsInterval) < 0) updateStats();
+  while (::sigtimedwait(&signals, nullptr, &kStatsInterval) < 0) doRegularly();
+}
+
+void Daemon::doRegularly() noexcept {
+  if (engines_) engines_->tidyUp();
+  updateStats();
 }
 
 void Daemon::updateStats() noexcept {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "korvexd/DirectoryStore.h"
+#include "korvexd/ExecStore.h"
 #include "korvexd/Options.h"
 #include "korvexd/QueueServer.h"
 #include "korvexd/StatsFile.h"
@@ -31,9 +32,11 @@ class Daemon {
   void createServers(const Options& options);
   void createStatsFile(const std::string& path);
   void awaitSignal();
+  void doRegularly() noexcept;
   void updateStats() noexcept;
 
   std::optional<DirectoryStore> store_;
+  std::optional<ExecStore> engines_;
   std::vector<std::unique_ptr<QueueServer>> servers_;
   std::optional<StatsFile> statsFile_;
   bool statsFailed_ = false;
