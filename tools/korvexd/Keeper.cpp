@@ -22,7 +22,7 @@
 #include <string>
 #include <string_view>
 
-#include "korvexd/ChildProcesses.h"
+#include "korvexd/Descendants.h"
 #include "korvexd/ExitCode.h"
 
 namespace korvexd {
@@ -54,12 +54,10 @@ void resetSignals() {
   ::sigprocmask(SIG_SETMASK, &none, nullptr);
 }
 
-/// In the engine's process, up to its program. A keeper that is killed takes it along; that does
-/// for most engines what the daemon does for all.
-[[noreturn]] void becomeEngine(char** arguments, pid_t keeper, int failures) {
+/// In the engine's process, up to its program. It is not asked to die with its keeper: it would die
+/// alone, and to what it has started that could be the end of a stream.
+[[noreturn]] void becomeEngine(char** arguments, int failures) {
   ::setpgid(0, 0);
-  ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (::getppid() != keeper) ::_exit(kCannotExecute);
   resetSignals();
   ::execv(arguments[kProgramArgument], arguments + kFirstWord);
   const int error = errno;
@@ -133,14 +131,12 @@ void EngineKeeper::prepare() {
 bool EngineKeeper::start() {
   std::array<int, 2> failures = {-1, -1};
   const bool isReady = signals_ >= 0 && nothing_ >= 0 && ::pipe2(failures.data(), O_CLOEXEC) == 0;
-  const pid_t self = ::getpid();
   if (isReady) engine_ = ::fork();
-  if (engine_ == 0) becomeEngine(arguments_, self, failures[1]);
+  if (engine_ == 0) becomeEngine(arguments_, failures[1]);
   if (engine_ < 0) {
     report(Event::NotStarted, errno);
     return false;
   }
-  ::setpgid(engine_, engine_);  // whoever comes first; it must be so before anybody kills the group
   ::close(failures[1]);
   const int error = awaitProgram(failures[0]);
   ::close(failures[0]);
@@ -229,15 +225,13 @@ void EngineKeeper::clearSignals() const {
   }
 }
 
-/// What the engine has orphaned ends unseen. The engine itself stays a zombie for now, so that
-/// nothing else gets the name of its process group before that is killed.
+/// What the engine has orphaned ends unseen.
 void EngineKeeper::reap() {
   clearSignals();
   for (;;) {
     siginfo_t end = {};
-    if (::waitid(P_ALL, 0, &end, WEXITED | WNOHANG | WNOWAIT) != 0 || end.si_pid == 0) return;
+    if (::waitid(P_ALL, 0, &end, WEXITED | WNOHANG) != 0 || end.si_pid == 0) return;
     if (end.si_pid == engine_) return reportEnd(end);
-    ::waitpid(end.si_pid, nullptr, 0);
   }
 }
 
@@ -271,14 +265,13 @@ int EngineKeeper::unreadBytes() const {
 /// write end goes with this process, so nothing of the engine sees the end of its input before.
 /// Whatever loses its parent becomes a child of this process, so this reaches all in the end.
 void EngineKeeper::bury() {
-  ::kill(-engine_, SIGKILL);
   for (milliseconds pause = kFirstPause;; pause = std::min(2 * pause, kLongestPause)) {
     clearSignals();
     pid_t ended = 0;
     while ((ended = ::waitpid(-1, nullptr, WNOHANG)) > 0) {
     }
     if (ended < 0) return;  // no child is left
-    for (const pid_t child : childrenOfThisProcess()) ::kill(child, SIGKILL);
+    killDescendantsExcept({});
     pollfd another = {signals_, POLLIN, 0};
     ::poll(&another, 1, static_cast<int>(pause.count()));
   }

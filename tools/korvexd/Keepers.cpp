@@ -3,15 +3,11 @@
 #include <signal.h>
 #include <sys/wait.h>
 
-#include <vector>
-
-#include "korvexd/ChildProcesses.h"
+#include "korvexd/Descendants.h"
 
 namespace korvexd {
 
-Keepers::Keepers() {
-  const std::vector<pid_t> before = childrenOfThisProcess();
-  others_.insert(before.begin(), before.end());
+Keepers::Keepers() : others_(childrenOfThisProcess()) {
   ::signal(SIGCHLD, SIG_DFL);  // ignored, it would make keepers vanish with their exit codes
   adoptDescendants();
 }
@@ -34,17 +30,11 @@ Keepers::End Keepers::reap(pid_t keeper) noexcept {
                                                                           : End::Killed;
 }
 
-/// Children that nobody else waits for: their ids cannot be another's by now.
 bool Keepers::killOrphans() {
   const std::lock_guard<std::mutex> lock(mutex_);
-  bool isDone = true;
-  for (const pid_t child : childrenOfThisProcess()) {
-    if (others_.count(child) != 0) continue;
-    isDone = false;  // its own children come next, when it is gone
-    ::kill(child, SIGKILL);
-    ::waitpid(child, nullptr, WNOHANG);
-  }
-  return isDone;
+  const std::set<pid_t> killed = killDescendantsExcept(others_);
+  for (const pid_t child : killed) ::waitpid(child, nullptr, WNOHANG);
+  return killed.empty();
 }
 
 }  // namespace korvexd

@@ -21,6 +21,12 @@ constexpr std::chrono::milliseconds kLongestPause{25};
 constexpr std::chrono::seconds kWatchPeriod{1};
 constexpr std::chrono::seconds kFinishingPeriod{5};
 
+bool holdsNoRecord(const std::vector<unsigned char>& batch, std::size_t size) {
+  std::queue<korvex::ShmBatch::Entry> records;
+  korvex::ShmBatch::getEntriesFromBuffer(records, batch.data(), size);
+  return records.empty();
+}
+
 }  // namespace
 
 QueueServer::QueueServer(const Settings& settings)
@@ -58,6 +64,7 @@ void QueueServer::run(const std::atomic<bool>& stop) noexcept {
 void QueueServer::step() {
   if (pair_ == nullptr) return reopen();
   if (replies_->isPending()) replies_->sendPending();
+  if (nextSize_) return takeNextMessage();
   if (isIdle()) {
     // Noticed now, it costs nobody a stream: found only at the next open record, it would.
     replies_->checkLock();
@@ -65,15 +72,18 @@ void QueueServer::step() {
     watchStream();
     return pause();
   }
-  OwnedQueue& batches = pair_->batches();
   std::size_t size = 0;
-  const auto outcome = batches.queue().tryReceiveNext(message_.data(), message_.size(), size);
-  lockWatch_.note(outcome, batches.view(), LockWatch::Clock::now());
-  if (outcome != MessageQueue::Outcome::Done) return pause();
+  if (!receive(message_, size)) return pause();
   pause_.reset();
-  nextFinishing_ = LockWatch::Clock::now() + kFinishingPeriod;
+  noteMessage(message_, size);
   takeMessage(size);
-  lastSign_ = LockWatch::Clock::now();  // after it: a slow sink is not the producer's silence
+}
+
+bool QueueServer::receive(std::vector<unsigned char>& message, std::size_t& size) {
+  OwnedQueue& batches = pair_->batches();
+  const auto outcome = batches.queue().tryReceiveNext(message.data(), message.size(), size);
+  lockWatch_.note(outcome, batches.view(), LockWatch::Clock::now());
+  return outcome == MessageQueue::Outcome::Done;
 }
 
 bool QueueServer::isIdle() const noexcept {
@@ -103,7 +113,10 @@ void QueueServer::watchStream() {
 /// A queue that is lost meanwhile is noticed afterwards, when the receipt is sent.
 bool QueueServer::stillFinishing() noexcept {
   try {
-    surviveCut([this] { sayFinishing(); });
+    surviveCut([this] {
+      takeEmptyBatches();
+      sayFinishing();
+    });
   } catch (const std::exception&) {
     nextFinishing_ = LockWatch::Clock::time_point::max();
   }
@@ -118,15 +131,40 @@ void QueueServer::sayFinishing() {
   if (replies_->isAllTaken()) replies_->send(finishingReply());
 }
 
+/// A producer that waits for its receipt sends empty batches, and gets a reply with each that finds
+/// room. Anything else has to wait.
+void QueueServer::takeEmptyBatches() {
+  next_.resize(message_.size());
+  std::size_t size = 0;
+  while (!nextSize_ && !isIdle() && receive(next_, size)) {
+    noteMessage(next_, size);
+    const bool isEmpty = BatchCheck(next_.data(), size).ok() && holdsNoRecord(next_, size);
+    if (!isEmpty) nextSize_ = size;
+  }
+}
+
+void QueueServer::takeNextMessage() {
+  message_.swap(next_);
+  takeMessage(*std::exchange(nextSize_, std::nullopt));
+}
+
 void QueueServer::pause() noexcept { pause_.wait(LockWatch::Clock::now() + kLongestPause); }
 
-void QueueServer::takeMessage(std::size_t size) {
+void QueueServer::noteMessage(const std::vector<unsigned char>& message, std::size_t size) {
   ++batchNumber_;
   stats_.add(Count::Batches);
-  if (capture_) capture(size);
+  if (capture_) capture(message, size);
+}
+
+void QueueServer::takeMessage(std::size_t size) {
+  nextFinishing_ = LockWatch::Clock::now() + kFinishingPeriod;
   const BatchCheck check(message_.data(), size);
-  if (!check.ok()) return refuseBatch(check.text());
-  takeRecords(size);
+  if (check.ok()) {
+    takeRecords(size);
+  } else {
+    refuseBatch(check.text());
+  }
+  lastSign_ = LockWatch::Clock::now();  // after it: a slow sink is not the producer's silence
 }
 
 void QueueServer::takeRecords(std::size_t size) {
@@ -149,9 +187,9 @@ void QueueServer::refuseBatch(const std::string& defect) {
   answer(session_.takeDamage(defect));
 }
 
-void QueueServer::capture(std::size_t size) noexcept {
+void QueueServer::capture(const std::vector<unsigned char>& message, std::size_t size) noexcept {
   try {
-    capture_->store(batchNumber_, message_.data(), size);
+    capture_->store(batchNumber_, message.data(), size);
   } catch (const std::exception& error) {
     // Said once; a full disk would otherwise fill the log as well.
     if (stats_.get(Count::CaptureFailures) == 0) {
@@ -168,6 +206,7 @@ void QueueServer::replacePair(const std::string& reason) noexcept {
   replies_.reset();
   pair_.reset();
   stats_.set(Count::RepliesPending, 0);
+  nextSize_.reset();
   pause_.reset();
 }
 

@@ -55,11 +55,15 @@ class QueueServer {
   void watchStream();
   bool stillFinishing() noexcept;
   void sayFinishing();
+  void takeEmptyBatches();
+  void takeNextMessage();
+  bool receive(std::vector<unsigned char>& message, std::size_t& size);
+  void noteMessage(const std::vector<unsigned char>& message, std::size_t size);
   void takeMessage(std::size_t size);
   void takeRecords(std::size_t size);
   void answer(const StreamSession::Answer& answer);
   void refuseBatch(const std::string& defect);
-  void capture(std::size_t size) noexcept;
+  void capture(const std::vector<unsigned char>& message, std::size_t size) noexcept;
   void replacePair(const std::string& reason) noexcept;
   void reopen() noexcept;
   void pause() noexcept;
@@ -77,6 +81,8 @@ class QueueServer {
   LockWatch::Clock::time_point nextFinishing_{};  ///< when the producer hears of it again
   const std::atomic<bool>* stop_ = nullptr;
   std::vector<unsigned char> message_;
+  std::vector<unsigned char> next_;      ///< came while the sink was finishing
+  std::optional<std::size_t> nextSize_;  ///< none while it is empty
   std::queue<korvex::ShmBatch::Entry> records_;
   std::uint64_t batchNumber_ = 0;
   bool reopenFailed_ = false;
