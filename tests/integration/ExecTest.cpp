@@ -113,7 +113,7 @@ TEST_F(ExecTest, StartsTheEngineWithoutTheDaemonsWaysWithSignals) {
 }
 
 TEST_F(ExecTest, GivesTheEngineNothingButTheStandardDescriptors) {
-  const auto daemon = startExec(script(R"(cat >/dev/null; ls /proc/$$/fd >"$0/open")"));
+  const auto daemon = startExec(script(R"(cat >/dev/null; ls /proc/$$/fd | cat >"$0/open")"));
   EXPECT_STREQ(replyTo("abc").message, kReceiptOfAbc);
   EXPECT_EQ(written("open"), "0\n1\n2\n");
 }
@@ -221,6 +221,21 @@ TEST_F(ExecTest, TellsAProducerThatTheEngineIsFinishing) {
     to->flush_shm_buffer(kTimeout);
     return to->getResponse().message == std::string(kReceiptOfAbc);
   })) << to->getResponse().message;
+}
+
+TEST_F(ExecTest, KeepsTheNextStreamWaitingWhileTheEngineFinishes) {
+  const auto daemon = startExec(
+      script("\"$1\" \"$0\"; echo >\"$0/ended\"; until [ -e \"$0/go\" ]; do sleep 0.02; done") +
+      " " + recorder());
+  const auto first = openStream("abc");
+  first->close();
+  ASSERT_TRUE(awaitFile("ended"));
+  const auto second = openStream("def");
+  second->flush_shm_buffer(kTimeout);
+  second->close();
+  makeFile("go");
+  EXPECT_TRUE(eventually([&] { return stored().size() == 2; }));
+  EXPECT_TRUE(awaitLog(*daemon, "stream complete", 2));
 }
 
 TEST_F(ExecTest, KillsAnEngineThatNeverFinishes) {
