@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <exception>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -19,6 +20,7 @@ namespace {
 constexpr unsigned kStopTimeout = 2;  // seconds: a person is waiting, or a supervisor with a limit
 constexpr std::size_t kBatchOverhead = 8 + 48;  // the metadata block and one record's header
 constexpr unsigned kPollTimeout = 1;
+constexpr std::string_view kFinishing = "finishing";
 constexpr int kOpenAttempts = 3;
 constexpr std::chrono::milliseconds kWatchPeriod{10};
 constexpr std::chrono::milliseconds kLongestSleep{4};
@@ -171,13 +173,15 @@ void DaemonStream::close() {
 }
 
 std::optional<std::string> DaemonStream::awaitReceipt(std::chrono::seconds limit) {
-  const auto deadline = Clock::now() + limit;
+  auto deadline = Clock::now() + limit;
   for (auto pause = kShortestPoll;; pause = std::min(2 * pause, kLongestPoll)) {
     stop_.throwIfReceived();
     // The name first: a daemon that answers and then ends leaves its answer in the old queue.
     const bool isServed = sendView_.isStillNamed(settings_.queue);
+    const bool hasNews = replyView_.messages() > 0;
     takeReplies();
     if (!hasReply()) poll();
+    if (hasNews && isFinishing()) deadline = Clock::now() + limit;
     if (hasReply()) return std::string(textOf(writer_->getResponse()));
     if (!isServed) throwGone();
     if (Clock::now() >= deadline) return std::nullopt;
@@ -244,7 +248,13 @@ void DaemonStream::poll() {
 
 bool DaemonStream::hasReply() const {
   const qmx_shm_response_t& reply = writer_->getResponse();
-  return reply.status != 0 || reply.message[0] != '\0';
+  return (reply.status != 0 || reply.message[0] != '\0') && !isFinishing();
+}
+
+/// The daemon has everything and is alive, but what stores the stream takes its time.
+bool DaemonStream::isFinishing() const {
+  const qmx_shm_response_t& reply = writer_->getResponse();
+  return reply.status == 0 && textOf(reply) == kFinishing;
 }
 
 bool DaemonStream::isReply(const Ov_ErrnoException& error) const {

@@ -80,6 +80,7 @@ class DaemonStream {
   void poll();
   void refuseForeignReply() const;
   bool hasReply() const;
+  bool isFinishing() const;
   bool isReply(const Ov_ErrnoException& error) const;
   void checkStillServed();
   template <typename Operation>
