@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <ostream>
 
 #include "integration/ExecFixture.h"
 #include "shm/MessageQueue.h"
@@ -26,6 +27,8 @@ struct Kind {
   const char* name;
   const char* script;  ///< $0 is the folder, $1 the recorder; empty for the recorder alone
 };
+
+std::ostream& operator<<(std::ostream& out, const Kind& kind) { return out << kind.name; }
 
 const Kind kKinds[] = {
     {"Plain", ""},
@@ -189,7 +192,7 @@ TEST_F(ExecOneDeath, MayComeToTheDaemonAtAnyMoment) {
 TEST_F(ExecOneDeath, OfTheDaemonLetsAnEngineFinish) {
   const auto daemon = startExec(
       script(R"sh("$1" "$0"; echo >"$0/ended"; until [ -e "$0/go" ]; do sleep 0.02; done; )sh"
-             R"sh(echo much to say; echo >"$0/finished")sh") +
+             R"sh(yes | head -c 200000; echo >"$0/finished")sh") +
       " " + recorder());
   const auto to = openStream("abc");
   to->close();
