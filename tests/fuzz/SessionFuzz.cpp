@@ -90,7 +90,7 @@ class WatchedSink : public korvexd::Sink {
     seen_.failIf(Step::Writing);
     seen_.data.append(reinterpret_cast<const char*>(data), size);
   }
-  void complete(const StreamSummary& summary) override {
+  void complete(const StreamSummary& summary, const korvexd::StillFinishing&) override {
     require(!isDone_, "completed once");
     seen_.failIf(Step::Completing);
     note(summary);

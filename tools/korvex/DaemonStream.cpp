@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <exception>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -24,6 +25,7 @@ constexpr unsigned kStep = 1;
 constexpr std::size_t kBatchHeader = 8;
 constexpr std::size_t kRecordHeader = 48;
 constexpr std::size_t kBatchOverhead = kBatchHeader + kRecordHeader;
+constexpr std::string_view kFinishing = "finishing";
 constexpr int kOpenAttempts = 3;
 constexpr std::chrono::milliseconds kWatchPeriod{10};
 constexpr std::chrono::milliseconds kLongestSleep{4};
@@ -40,6 +42,11 @@ bool isHalfMade(const std::string& queue) {
 
 bool isEmpty(const qmx_shm_response_t& reply) {
   return reply.status == 0 && reply.message[0] == '\0';
+}
+
+/// The daemon has everything and is alive, but what stores the stream takes its time.
+bool isFinishing(const qmx_shm_response_t& reply) {
+  return reply.status == 0 && textOf(reply) == kFinishing;
 }
 
 /// A writer closes an open stream when it is destroyed, and a close record would tell the daemon
@@ -250,7 +257,7 @@ void DaemonStream::sendCloseRecord() {
 }
 
 std::optional<std::string> DaemonStream::awaitReceipt(std::chrono::seconds limit) {
-  const auto deadline = Clock::now() + limit;
+  lastSign_ = Clock::now();
   Pause pause(kLongestSleep);
   for (;;) {
     stop_.throwIfReceived();
@@ -259,8 +266,8 @@ std::optional<std::string> DaemonStream::awaitReceipt(std::chrono::seconds limit
     takeReplies();
     if (reply() != nullptr) return std::string(textOf(*reply()));
     if (!isServed) throwGone();
-    if (Clock::now() >= deadline) return std::nullopt;
-    pause.wait(deadline);
+    if (Clock::now() >= lastSign_ + limit) return std::nullopt;
+    pause.wait(lastSign_ + limit);
   }
 }
 
@@ -334,13 +341,18 @@ void DaemonStream::takeReply() {
   if (received.status != 0) {
     throwStreamFailed(received.status, printable(textOf(received)));
   }
-  reply_ = received;
+  if (isFinishing(received)) {
+    lastSign_ = Clock::now();
+  } else {
+    reply_ = received;
+  }
 }
 
 /// The reply that has come, if any: fetched here, or by the writer with one of its batches.
 const qmx_shm_response_t* DaemonStream::reply() const {
   if (!isEmpty(reply_)) return &reply_;
-  return isEmpty(writer_->getResponse()) ? nullptr : &writer_->getResponse();
+  const qmx_shm_response_t& met = writer_->getResponse();
+  return isEmpty(met) || isFinishing(met) ? nullptr : &met;
 }
 
 bool DaemonStream::isReply(const Ov_ErrnoException& error) const {

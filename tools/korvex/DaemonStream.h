@@ -111,6 +111,7 @@ class DaemonStream {
   std::size_t largestPiece_ = 0;
   std::size_t batchSize_ = 0;  ///< at most what the writer's batch has
   Clock::time_point nextWatch_;
+  Clock::time_point lastSign_;  ///< of life while the stream is being stored
   bool isStoppable_ = false;     ///< the daemon may have an open stream, and listens
   bool isWriterClosed_ = false;  ///< it sends no close record when it is destroyed
 };

@@ -83,6 +83,10 @@ Daemon::Daemon(const Options& options) : endSignals_(endSignals()), limits_(opti
   raiseDescriptorLimit();
   installCutGuard();
   if (options.output) store_.emplace(*options.output);
+  if (!options.engine.empty()) {
+    engines_.emplace(ExecStore::Settings{options.engine, options.engineTimeout,
+                                         [this] { return stop_.load(); }});
+  }
   createServers(options);
   if (options.statsFile) createStatsFile(*options.statsFile);
 }
@@ -95,6 +99,11 @@ void Daemon::createStatsFile(const std::string& path) {
 }
 
 SinkFactory Daemon::sinkFactory() {
+  if (engines_) {
+    return [this](const std::string& queue, std::time_t opened) {
+      return engines_->open(queue, opened);
+    };
+  }
   if (!store_) {
     return [](const std::string&, std::time_t) { return std::make_unique<DiscardSink>(); };
   }
@@ -107,8 +116,9 @@ void Daemon::createServers(const Options& options) {
     spdlog::info("removed {}, half made by a daemon that was killed", name);
   }
   for (const std::string& queue : options.queues) {
-    servers_.push_back(std::make_unique<QueueServer>(QueueServer::Settings{
-        queue, options.limits, options.mode, options.existing, sinkFactory(), options.capture}));
+    servers_.push_back(std::make_unique<QueueServer>(
+        QueueServer::Settings{queue, options.limits, options.mode, options.existing, sinkFactory(),
+                              options.capture, options.idleTimeout}));
   }
 }
 
@@ -133,7 +143,12 @@ void Daemon::announceServing() const {
 
 /// A second signal stays blocked and changes nothing.
 void Daemon::awaitSignal() {
-  while (::sigtimedwait(&endSignals_, nullptr, &kStatsInterval) < 0) updateStats();
+  while (::sigtimedwait(&endSignals_, nullptr, &kStatsInterval) < 0) doRegularly();
+}
+
+void Daemon::doRegularly() noexcept {
+  if (engines_) engines_->tidyUp();
+  updateStats();
 }
 
 void Daemon::updateStats() noexcept {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "korvexd/DirectoryStore.h"
+#include "korvexd/ExecStore.h"
 #include "korvexd/Options.h"
 #include "korvexd/QueueServer.h"
 #include "korvexd/StatsFile.h"
@@ -36,11 +37,13 @@ class Daemon {
   void createStatsFile(const std::string& path);
   void announceServing() const;
   void awaitSignal();
+  void doRegularly() noexcept;
   void updateStats() noexcept;
 
   const sigset_t endSignals_;
   const korvex::MessageQueue::Limits limits_;
   std::optional<DirectoryStore> store_;
+  std::optional<ExecStore> engines_;
   std::vector<std::unique_ptr<QueueServer>> servers_;
   std::optional<StatsFile> statsFile_;
   bool statsFailed_ = false;

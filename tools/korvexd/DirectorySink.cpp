@@ -61,7 +61,7 @@ void DirectorySink::writeData(const unsigned char* data, std::size_t size) {
   onTheWay_ = written_;
 }
 
-void DirectorySink::complete(const StreamSummary& summary) {
+void DirectorySink::complete(const StreamSummary& summary, const StillFinishing&) {
   writeGathered();
   if (::fdatasync(data_.descriptor()) != 0) throw SystemError("syncing data", errno);
   const File manifest =

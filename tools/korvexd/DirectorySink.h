@@ -30,7 +30,7 @@ class DirectorySink : public Sink {
   DirectorySink(std::shared_ptr<const File> parent, std::string name, std::string path);
 
   void write(const unsigned char* data, std::size_t size) override;
-  void complete(const StreamSummary& summary) override;
+  void complete(const StreamSummary& summary, const StillFinishing& stillFinishing) override;
   void abandon(const StreamSummary& summary, const std::string& reason) override;
   std::string place() const override { return path_ + "/" + (isFinal_ ? name_ : partialName()); }
 

@@ -9,7 +9,7 @@ namespace korvexd {
 class DiscardSink : public Sink {
  public:
   void write(const unsigned char*, std::size_t) override {}
-  void complete(const StreamSummary&) override {}
+  void complete(const StreamSummary&, const StillFinishing&) override {}
   void abandon(const StreamSummary&, const std::string&) override {}
   std::string place() const override { return "discarded"; }
 };

@@ -5,9 +5,11 @@
 
 #include <algorithm>
 #include <ostream>
+#include <stdexcept>
 
 #include "common/CommandLine.h"
 #include "common/Printable.h"
+#include "korvexd/CommandWords.h"
 #include "korvexd/ExitCode.h"
 #include "korvexd/Names.h"
 
@@ -17,6 +19,7 @@ namespace {
 constexpr std::size_t kMostMessages = 65536;
 constexpr std::size_t kSmallestMessage = 57;  // a batch with one record of one byte
 constexpr std::size_t kLargestMessage = std::size_t{1} << 30;
+constexpr long kLongestTimeout = 7L * 24 * 3600;
 constexpr mode_t kModeNeeded = 0600;
 constexpr int kOctal = 8;
 
@@ -34,6 +37,9 @@ struct Arguments {
   std::size_t messages = kDefaultMessages;
   std::size_t messageSize = kDefaultMessageSize;
   std::string output;
+  std::string command;
+  long engineTimeout = kDefaultEngineTimeout.count();
+  long idleTimeout = 0;
   bool discard = false;
   std::string capture;
   std::string statsFile;
@@ -58,6 +64,15 @@ std::string checkMode(const std::string& text) {
 
 std::string checkPath(const std::string& path) {
   return path.empty() ? "expected a path, found nothing" : "";
+}
+
+std::string checkCommand(const std::string& text) {
+  try {
+    splitCommand(text);
+    return "";
+  } catch (const std::invalid_argument& error) {
+    return "found '" + text + "': " + error.what();
+  }
 }
 
 void addQueueOptions(CLI::App& app, Arguments& found) {
@@ -86,8 +101,21 @@ void addDataOptions(CLI::App& app, Arguments& found) {
   sink->add_option("--output", found.output, "Store each stream as a folder in DIR")
       ->check(checkPath)
       ->type_name("DIR");
+  sink->add_option("--exec", found.command,
+                   "Give each stream to COMMAND as its standard input; no shell runs")
+      ->check(checkCommand)
+      ->type_name("COMMAND");
   sink->add_flag("--discard", found.discard, "Forget the data");
   sink->require_option(1);
+  app.add_option("--exec-timeout", found.engineTimeout,
+                 "Seconds that COMMAND may take to finish, or take nothing")
+      ->check(CLI::Range(1L, kLongestTimeout))
+      ->type_name("SECONDS")
+      ->capture_default_str();
+  app.add_option("--idle-timeout", found.idleTimeout,
+                 "Seconds that a stream may be silent; without it for ever")
+      ->check(CLI::Range(1L, kLongestTimeout))
+      ->type_name("SECONDS");
   app.add_option("--capture", found.capture, "Keep every message as it came in DIR")
       ->check(checkPath)
       ->type_name("DIR");
@@ -109,6 +137,9 @@ Options optionsOf(const Arguments& found) {
   }
   options.limits = {found.messages, found.messageSize};
   options.output = givenText(found.output);
+  if (!found.command.empty()) options.engine = splitCommand(found.command);
+  options.engineTimeout = std::chrono::seconds(found.engineTimeout);
+  if (found.idleTimeout != 0) options.idleTimeout = std::chrono::seconds(found.idleTimeout);
   options.capture = givenText(found.capture);
   options.statsFile = givenText(found.statsFile);
   return options;
@@ -128,7 +159,7 @@ void refuseClashes(const std::vector<std::string>& queues) {
 }
 
 void refuseLongFileNames(const Options& options) {
-  if (!options.output && !options.capture) return;
+  if (!options.output && !options.capture && options.engine.empty()) return;
   for (const std::string& queue : options.queues) {
     const std::size_t length = fileNameOf(queue).size();
     if (length <= kLongestFileName) continue;

@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstddef>
 #include <iosfwd>
 #include <optional>
@@ -18,6 +19,7 @@ namespace korvexd {
 constexpr std::size_t kDefaultMessages = 8;
 constexpr std::size_t kDefaultMessageSize = std::size_t{264} * 1024;
 constexpr mode_t kDefaultMode = 0600;
+constexpr std::chrono::seconds kDefaultEngineTimeout{3600};
 
 /// What the daemon was asked to do; checked.
 struct Options {
@@ -25,7 +27,11 @@ struct Options {
   QueuePair::Existing existing = QueuePair::Existing::Refuse;
   mode_t mode = kDefaultMode;
   korvex::MessageQueue::Limits limits{kDefaultMessages, kDefaultMessageSize};
-  std::optional<std::string> output;  ///< the data is discarded without one
+  std::optional<std::string> output;
+  std::vector<std::string> engine;  ///< the words of its command; without it and an output folder
+                                    ///< the data is discarded
+  std::chrono::seconds engineTimeout = kDefaultEngineTimeout;
+  std::optional<std::chrono::seconds> idleTimeout;
   std::optional<std::string> capture;
   std::optional<std::string> statsFile;
 };

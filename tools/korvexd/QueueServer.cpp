@@ -19,13 +19,20 @@ using korvex::MessageQueue;
 constexpr std::chrono::milliseconds kLongestPause{25};
 
 constexpr std::chrono::seconds kWatchPeriod{1};
+constexpr std::chrono::seconds kFinishingPeriod{5};
+
+bool holdsNoRecord(const std::vector<unsigned char>& batch, std::size_t size) {
+  std::queue<korvex::ShmBatch::Entry> records;
+  korvex::ShmBatch::getEntriesFromBuffer(records, batch.data(), size);
+  return records.empty();
+}
 
 }  // namespace
 
 QueueServer::QueueServer(const Settings& settings)
     : settings_(settings),
       log_(settings.queue),
-      session_(settings.queue, settings.openSink, stats_, log_),
+      session_(settings.queue, settings.openSink, stats_, log_, [this] { return stillFinishing(); }),
       pause_(kLongestPause),
       message_(settings.limits.messageSize) {
   if (settings.captureFolder) {
@@ -42,6 +49,7 @@ void QueueServer::open(QueuePair::Existing existing) {
 }
 
 void QueueServer::run(const std::atomic<bool>& stop) noexcept {
+  stop_ = &stop;
   while (!stop) {
     try {
       surviveCut([this] { step(); });
@@ -88,10 +96,12 @@ void QueueServer::reportUntaken() const {
 void QueueServer::step() {
   if (pair_ == nullptr) return reopen();
   if (replies_->isPending()) replies_->sendPending();
+  if (nextSize_) return takeNextMessage();
   if (isIdle()) {
     // Noticed now, it costs nobody a stream: found only at the next open record, it would.
     replies_->checkLock();
     watchQueues();
+    watchStream();
     return pause();
   }
   tryTakeMessage();
@@ -99,17 +109,22 @@ void QueueServer::step() {
 
 /// Pauses when there was none to be had.
 bool QueueServer::tryTakeMessage() {
-  OwnedQueue& batches = pair_->batches();
   std::size_t size = 0;
-  const auto outcome = batches.queue().tryReceiveNext(message_.data(), message_.size(), size);
-  lockWatch_.note(outcome, batches.view(), LockWatch::Clock::now());
-  if (outcome != MessageQueue::Outcome::Done) {
+  if (!receive(message_, size)) {
     pause();
     return false;
   }
   pause_.reset();
+  noteMessage(message_, size);
   takeMessage(size);
   return true;
+}
+
+bool QueueServer::receive(std::vector<unsigned char>& message, std::size_t& size) {
+  OwnedQueue& batches = pair_->batches();
+  const auto outcome = batches.queue().tryReceiveNext(message.data(), message.size(), size);
+  lockWatch_.note(outcome, batches.view(), LockWatch::Clock::now());
+  return outcome == MessageQueue::Outcome::Done;
 }
 
 bool QueueServer::isIdle() const noexcept {
@@ -129,15 +144,69 @@ void QueueServer::watchQueues() {
   if (!pair_->isIntact()) throw std::runtime_error("somebody overwrote their memory");
 }
 
+/// Any batch is a sign of life, an empty one too.
+void QueueServer::watchStream() {
+  answer(session_.checkSink());
+  const auto& limit = settings_.idleTimeout;
+  if (!limit || LockWatch::Clock::now() - lastSign_ < *limit) return;
+  answer(session_.takeSilence(*limit));
+}
+
+/// A queue that is lost meanwhile is noticed afterwards, when the receipt is sent.
+bool QueueServer::stillFinishing() noexcept {
+  try {
+    surviveCut([this] {
+      takeEmptyBatches();
+      sayFinishing();
+    });
+  } catch (const std::exception&) {
+    nextFinishing_ = LockWatch::Clock::time_point::max();
+  }
+  return stop_ == nullptr || !*stop_;
+}
+
+/// Never more than one, so that there is room for the receipt.
+void QueueServer::sayFinishing() {
+  const auto now = LockWatch::Clock::now();
+  if (now < nextFinishing_) return;
+  nextFinishing_ = now + kFinishingPeriod;
+  if (replies_->isAllTaken()) replies_->send(finishingReply());
+}
+
+/// A producer that waits for its receipt sends empty batches, and gets a reply with each that finds
+/// room. Anything else has to wait.
+void QueueServer::takeEmptyBatches() {
+  next_.resize(message_.size());
+  std::size_t size = 0;
+  while (!nextSize_ && !isIdle() && receive(next_, size)) {
+    noteMessage(next_, size);
+    const bool isEmpty = BatchCheck(next_.data(), size).ok() && holdsNoRecord(next_, size);
+    if (!isEmpty) nextSize_ = size;
+  }
+}
+
+void QueueServer::takeNextMessage() {
+  message_.swap(next_);
+  takeMessage(*std::exchange(nextSize_, std::nullopt));
+}
+
 void QueueServer::pause() noexcept { pause_.wait(LockWatch::Clock::now() + kLongestPause); }
 
-void QueueServer::takeMessage(std::size_t size) {
+void QueueServer::noteMessage(const std::vector<unsigned char>& message, std::size_t size) {
   ++batchNumber_;
   stats_.add(Count::Batches);
-  if (capture_) capture(size);
+  if (capture_) capture(message, size);
+}
+
+void QueueServer::takeMessage(std::size_t size) {
+  nextFinishing_ = LockWatch::Clock::now() + kFinishingPeriod;
   const BatchCheck check(message_.data(), size);
-  if (!check.ok()) return refuseBatch(check.text());
-  takeRecords(size);
+  if (check.ok()) {
+    takeRecords(size);
+  } else {
+    refuseBatch(check.text());
+  }
+  lastSign_ = LockWatch::Clock::now();  // after it: a slow sink is not the producer's silence
 }
 
 void QueueServer::takeRecords(std::size_t size) {
@@ -161,9 +230,9 @@ void QueueServer::refuseBatch(const std::string& defect) {
   answer(session_.takeDamage(defect));
 }
 
-void QueueServer::capture(std::size_t size) noexcept {
+void QueueServer::capture(const std::vector<unsigned char>& message, std::size_t size) noexcept {
   try {
-    capture_->store(batchNumber_, message_.data(), size);
+    capture_->store(batchNumber_, message.data(), size);
   } catch (const std::exception& error) {
     // Said once; a full disk would otherwise fill the log as well.
     if (stats_.get(Count::CaptureFailures) == 0) {
@@ -180,6 +249,7 @@ void QueueServer::replacePair(const std::string& reason) noexcept {
   replies_.reset();
   pair_.reset();
   stats_.set(Count::RepliesPending, 0);
+  nextSize_.reset();
   pause_.reset();
 }
 

@@ -40,6 +40,7 @@ class QueueServer {
     QueuePair::Existing existing;
     SinkFactory openSink;
     std::optional<std::string> captureFolder;
+    std::optional<std::chrono::seconds> idleTimeout;  ///< of a stream; none: it may be silent
   };
 
   /// Creates the queues. Throws std::exception when that fails.
@@ -61,11 +62,18 @@ class QueueServer {
   bool tryTakeMessage();
   bool isIdle() const noexcept;
   void watchQueues();
+  void watchStream();
+  bool stillFinishing() noexcept;
+  void sayFinishing();
+  void takeEmptyBatches();
+  void takeNextMessage();
+  bool receive(std::vector<unsigned char>& message, std::size_t& size);
+  void noteMessage(const std::vector<unsigned char>& message, std::size_t size);
   void takeMessage(std::size_t size);
   void takeRecords(std::size_t size);
   void answer(const StreamSession::Answer& answer);
   void refuseBatch(const std::string& defect);
-  void capture(std::size_t size) noexcept;
+  void capture(const std::vector<unsigned char>& message, std::size_t size) noexcept;
   void replacePair(const std::string& reason) noexcept;
   void reopen() noexcept;
   void pause() noexcept;
@@ -80,7 +88,12 @@ class QueueServer {
   LockWatch lockWatch_;
   korvex::Pause pause_;
   LockWatch::Clock::time_point nextLook_{};
+  LockWatch::Clock::time_point lastSign_{};       ///< of a producer's life
+  LockWatch::Clock::time_point nextFinishing_{};  ///< when the producer hears of it again
+  const std::atomic<bool>* stop_ = nullptr;
   std::vector<unsigned char> message_;
+  std::vector<unsigned char> next_;      ///< came while the sink was finishing
+  std::optional<std::size_t> nextSize_;  ///< none while it is empty
   std::queue<korvex::ShmBatch::Entry> records_;
   std::uint64_t batchNumber_ = 0;
   bool reopenFailed_ = false;

@@ -18,6 +18,9 @@ constexpr ov_status_t kStatusSinkFailed = 5;
 /// own count and digest.
 Reply receiptOf(std::uint64_t bytes, const std::string& xxh128);
 
+/// The stream is closed and all of it was taken; its sink takes long to finish. Status 0.
+Reply finishingReply();
+
 /// A failure. A text above 127 characters is cut, so what matters comes first.
 Reply failureOf(ov_status_t status, const std::string& text);
 

@@ -28,6 +28,9 @@ class ReplySender {
   /// Sends, after everything that waits already.
   void send(const Reply& reply);
 
+  /// Whether the producer has picked up everything so far.
+  bool isAllTaken() const noexcept { return !isPending() && replies_.view().messages() == 0; }
+
   /// Tries again what waits.
   void sendPending();
 

@@ -33,8 +33,13 @@ std::string defectOf(const Header& header) {
 
 }  // namespace
 
-StreamSession::StreamSession(std::string queue, SinkFactory openSink, Stats& stats, QueueLog& log)
-    : queue_(std::move(queue)), openSink_(std::move(openSink)), stats_(stats), log_(log) {}
+StreamSession::StreamSession(std::string queue, SinkFactory openSink, Stats& stats, QueueLog& log,
+                             StillFinishing stillFinishing)
+    : queue_(std::move(queue)),
+      openSink_(std::move(openSink)),
+      stats_(stats),
+      log_(log),
+      stillFinishing_(std::move(stillFinishing)) {}
 
 StreamSession::~StreamSession() { end("abandoned"); }
 
@@ -161,7 +166,7 @@ void StreamSession::finishSegment() {
 StreamSession::Answer StreamSession::takeClose(const Header& header) {
   const StreamSummary whole = summary();
   try {
-    sink_->complete(whole);
+    sink_->complete(whole, stillFinishing_);
   } catch (const std::exception& error) {
     const Answer answer = fail(kStatusSinkFailed, error.what());
     endWith(header);
@@ -188,6 +193,22 @@ StreamSession::Answer StreamSession::takeDamage(const std::string& defect) {
   const std::string text = "damaged batch: " + defect;
   if (state_ == State::Open) return fail(korvex::kStatusCorrupt, text);
   return failureOf(korvex::kStatusCorrupt, text);
+}
+
+StreamSession::Answer StreamSession::checkSink() {
+  if (state_ != State::Open) return {};
+  try {
+    sink_->check();
+  } catch (const std::exception& error) {
+    return fail(kStatusSinkFailed, error.what());
+  }
+  return {};
+}
+
+StreamSession::Answer StreamSession::takeSilence(std::chrono::seconds silence) {
+  if (state_ != State::Open) return {};
+  return fail(kStatusSinkFailed,
+              "nothing came for " + std::to_string(silence.count()) + " seconds");
 }
 
 /// Drops a record that breaks the protocol, and with it the stream.

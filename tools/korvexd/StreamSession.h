@@ -3,6 +3,7 @@
 
 #include <korvex/ShmBatch.h>
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -29,8 +30,10 @@ class StreamSession {
   /// What the producer must be told, if anything.
   using Answer = std::optional<Reply>;
 
-  /// `stats` and `log` outlive the session.
-  StreamSession(std::string queue, SinkFactory openSink, Stats& stats, QueueLog& log);
+  /// `stats` and `log` outlive the session. `stillFinishing` is for sinks that take long to finish.
+  StreamSession(
+      std::string queue, SinkFactory openSink, Stats& stats, QueueLog& log,
+      StillFinishing stillFinishing = [] { return true; });
 
   /// Ends an open stream as incomplete.
   ~StreamSession();
@@ -42,6 +45,12 @@ class StreamSession {
 
   /// A batch could not be read, so an open stream misses records.
   Answer takeDamage(const std::string& defect);
+
+  /// Nothing came just now: looks whether the sink of an open stream is still well.
+  Answer checkSink();
+
+  /// Nothing came for so long that an open stream fails.
+  Answer takeSilence(std::chrono::seconds silence);
 
   /// Ends an open stream as incomplete, for a reason outside of it.
   void end(const std::string& reason);
@@ -74,6 +83,7 @@ class StreamSession {
   const SinkFactory openSink_;
   Stats& stats_;
   QueueLog& log_;
+  const StillFinishing stillFinishing_;
   State state_ = State::Idle;
   std::unique_ptr<Sink> sink_;
   Xxh128 digest_;

@@ -8,6 +8,7 @@
 
 #include "korvexd/Daemon.h"
 #include "korvexd/ExitCode.h"
+#include "korvexd/Keeper.h"
 #include "korvexd/LogSink.h"
 #include "korvexd/Options.h"
 #include "support/StandardDescriptors.h"
@@ -42,6 +43,7 @@ bool startLog() {
 
 int main(int argc, char** argv) {
   using namespace korvexd;
+  if (isKeeper(argc, argv)) return runKeeper(argc, argv);
   korvex::occupyStandardDescriptors();
   const ParsedOptions parsed = parseOptions(argc, argv, std::cout, std::cerr);
   if (!parsed.options) return parsed.exitCode;

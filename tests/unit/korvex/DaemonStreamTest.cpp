@@ -58,6 +58,19 @@ TEST_F(DaemonStreamTo, IsNotClosedAfterASignal) {
   EXPECT_EQ(daemon.types(), "0");
 }
 
+TEST_F(DaemonStreamTo, WaitsForTheReceiptWhileTheDaemonIsFinishing) {
+  FakeDaemon daemon;
+  daemon.serve([](FakeDaemon& fake, const FakeDaemon::Record& record) {
+    if (record.type != 3) return;
+    for (int i = 0; i < 3; ++i) fake.reply(0, "finishing");
+    fake.reply(0, "the receipt");
+  });
+  DaemonStream stream(settings(daemon), stop);
+  stream.open();
+  stream.close();
+  EXPECT_EQ(stream.awaitReceipt(std::chrono::seconds(60)).value_or("none"), "the receipt");
+}
+
 TEST_F(DaemonStreamTo, IsStoppedOnceAtMost) {
   FakeDaemon daemon;
   daemon.serve(staySilent);

@@ -68,6 +68,29 @@ TEST_F(OptionsTest, TakesEverything) {
   EXPECT_EQ(*options_->statsFile, "file");
 }
 
+TEST_F(OptionsTest, TakesAnEngineAsTheWordsOfItsCommand) {
+  ASSERT_EQ(parseWords({"korvexd", "--queue", "a", "--exec", "restic --tag 'a b'"}), 0);
+  EXPECT_THAT(options_->engine, ElementsAre("restic", "--tag", "a b"));
+  EXPECT_EQ(options_->engineTimeout.count(), 3600);
+  EXPECT_FALSE(options_->idleTimeout || options_->output);
+  ASSERT_EQ(parse("--queue a --exec x --exec-timeout 5 --idle-timeout 6"), 0);
+  EXPECT_EQ(options_->engineTimeout.count(), 5);
+  EXPECT_EQ(options_->idleTimeout->count(), 6);
+}
+
+TEST_F(OptionsTest, RefusesACommandThatIsNone) {
+  expectWrong("--queue a --exec 'x", "found ''x': the quote ' at character 1 is never closed");
+  EXPECT_EQ(parseWords({"korvexd", "--queue", "a", "--exec", ""}), 2);
+  EXPECT_THAT(err_.str(), HasSubstr("found '': found no word, expected a command"));
+}
+
+TEST_F(OptionsTest, RefusesTimesOutsideTheirRange) {
+  for (const char* time : {"0", "-1", "604801", "x"}) {
+    expectWrong(std::string("--queue a --exec x --exec-timeout ") + time, "--exec-timeout");
+    expectWrong(std::string("--queue a --discard --idle-timeout ") + time, "--idle-timeout");
+  }
+}
+
 TEST_F(OptionsTest, SizesMayCarryAUnit) {
   ASSERT_EQ(parse("--queue a --discard --max-message-size 2M"), 0);
   EXPECT_EQ(options_->limits.messageSize, 2097152u);
@@ -94,8 +117,9 @@ TEST_F(OptionsTest, NamesUnexpectedWordsInOrderAndHarmless) {
 TEST_F(OptionsTest, NeedsAQueue) { expectWrong("--discard", "--queue is required"); }
 
 TEST_F(OptionsTest, NeedsExactlyOnePlaceForTheData) {
-  expectWrong("--queue a", "--output,--discard");
-  expectWrong("--queue a --discard --output x", "--output,--discard");
+  expectWrong("--queue a", "--output,--exec,--discard");
+  expectWrong("--queue a --discard --output x", "--output,--exec,--discard");
+  expectWrong("--queue a --exec x --output x", "--output,--exec,--discard");
 }
 
 TEST_F(OptionsTest, RefusesWhatIsNoMode) {
@@ -133,6 +157,7 @@ TEST_F(OptionsTest, RefusesQueuesThatWouldShareAName) {
 TEST_F(OptionsTest, RefusesNamesTooLongForFilesOnlyWhereFilesAreMade) {
   const std::string name(201, 'a');
   ASSERT_EQ(parse("--discard --queue " + name), 0);
+  expectWrong("--exec x --queue " + name, "a file name of 201 characters");
   expectWrong("--output x --queue " + name, "a file name of 201 characters");
   expectWrong("--discard --capture x --queue " + name, "a file name of 201 characters");
 }

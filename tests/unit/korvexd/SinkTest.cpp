@@ -37,6 +37,8 @@ constexpr std::time_t kOpened = 1000000000;  // 2001-09-09 01:46:40 UTC
 
 const StreamSummary kSummary{"q", kOpened, kOpened + 60, 3, 1, 4, "0123456789abcdef"};
 
+const korvexd::StillFinishing kPatient = [] { return true; };
+
 void writeText(Sink& sink, const std::string& text) {
   sink.write(reinterpret_cast<const unsigned char*>(text.data()), text.size());
 }
@@ -119,11 +121,11 @@ TEST_P(EverySink, CompletesAStreamOfSmallAndLargeWrites) {
   const auto sink = open_("q", kOpened);
   writeText(*sink, "small");
   writeText(*sink, std::string(3000000, 'x'));
-  EXPECT_NO_THROW(sink->complete(kSummary));
+  EXPECT_NO_THROW(sink->complete(kSummary, kPatient));
 }
 
 TEST_P(EverySink, CompletesAStreamWithoutData) {
-  EXPECT_NO_THROW(open_("q", kOpened)->complete(kSummary));
+  EXPECT_NO_THROW(open_("q", kOpened)->complete(kSummary, kPatient));
 }
 
 TEST_P(EverySink, AbandonsAStream) {
@@ -148,8 +150,8 @@ TEST_P(EverySink, LeavesNoDescriptorOpen) {
 TEST_P(EverySink, ServesStreamsAtTheSameTime) {
   const auto one = open_("q", kOpened);
   const auto two = open_("q", kOpened);
-  EXPECT_NO_THROW(two->complete(kSummary));
-  EXPECT_NO_THROW(one->complete(kSummary));
+  EXPECT_NO_THROW(two->complete(kSummary, kPatient));
+  EXPECT_NO_THROW(one->complete(kSummary, kPatient));
 }
 
 TEST_F(DirectorySinkTest, NamesTheFolderWhenTheStreamIsComplete) {
@@ -157,7 +159,7 @@ TEST_F(DirectorySinkTest, NamesTheFolderWhenTheStreamIsComplete) {
   EXPECT_THAT(namesIn(folder_.path()), ElementsAre(kPartial));
   EXPECT_EQ(sink->place(), folder_ / kPartial);
   writeText(*sink, "abc");
-  sink->complete(kSummary);
+  sink->complete(kSummary, kPatient);
   EXPECT_THAT(namesIn(folder_.path()), ElementsAre(kFinal));
   EXPECT_THAT(namesIn(folder_ / kFinal), ElementsAre("data", "manifest.json"));
   EXPECT_EQ(contentsOf(file(kFinal, "data")), "abc");
@@ -167,7 +169,7 @@ TEST_F(DirectorySinkTest, NamesTheFolderWhenTheStreamIsComplete) {
 TEST_F(DirectorySinkTest, WritesAManifest) {
   const auto sink = open();
   writeText(*sink, "abc");
-  sink->complete(kSummary);
+  sink->complete(kSummary, kPatient);
   EXPECT_EQ(contentsOf(file(kFinal, "manifest.json")),
             "{\n"
             "  \"format\": 1,\n"
@@ -192,7 +194,7 @@ TEST_F(DirectorySinkTest, KeepsTheOrderOfWritesOfAllSizes) {
     writeText(*sink, piece);
     expected += piece;
   }
-  sink->complete(kSummary);
+  sink->complete(kSummary, kPatient);
   EXPECT_TRUE(contentsOf(file(kFinal, "data")) == expected);
 }
 
@@ -223,10 +225,10 @@ TEST_F(DirectorySinkTest, ACrashLeavesThePartialFolder) {
 }
 
 TEST_F(DirectorySinkTest, NeverUsesANameTwice) {
-  open()->complete(kSummary);
+  open()->complete(kSummary, kPatient);
   open()->abandon(kSummary, "x");
   DirectoryStore restarted(folder_.path());
-  restarted.open("q", kOpened)->complete(kSummary);
+  restarted.open("q", kOpened)->complete(kSummary, kPatient);
   EXPECT_THAT(namesIn(folder_.path()),
               ElementsAre(kFinal, "q-20010909T014640Z-2.partial", "q-20010909T014640Z-3"));
 }
@@ -234,7 +236,7 @@ TEST_F(DirectorySinkTest, NeverUsesANameTwice) {
 TEST_F(DirectorySinkTest, RefusesToReplaceAFinalNameThatAppearedMeanwhile) {
   const auto sink = open();
   folder_.makeFolder(kFinal);
-  EXPECT_THROW(sink->complete(kSummary), SystemError);
+  EXPECT_THROW(sink->complete(kSummary, kPatient), SystemError);
   EXPECT_THAT(namesIn(folder_ / kFinal), ElementsAre());
   sink->abandon(kSummary, "name taken");
   EXPECT_EQ(manifest(kPartial)["state"], "incomplete");
@@ -243,7 +245,7 @@ TEST_F(DirectorySinkTest, RefusesToReplaceAFinalNameThatAppearedMeanwhile) {
 TEST_F(DirectorySinkTest, NeverFollowsAPlantedLink) {
   TemporaryFolder elsewhere;
   ASSERT_EQ(::symlink(elsewhere.path().c_str(), (folder_ / kPartial).c_str()), 0);
-  open()->complete(kSummary);
+  open()->complete(kSummary, kPatient);
   EXPECT_THAT(namesIn(elsewhere.path()), ElementsAre());
   EXPECT_THAT(namesIn(folder_.path()), ElementsAre(kPartial, "q-20010909T014640Z-2"));
 }
@@ -254,7 +256,7 @@ TEST_F(DirectorySinkTest, NeverWritesTheManifestThroughAPlantedLink) {
   for (const char* name : {"manifest.json", "manifest.json.tmp"}) {
     ASSERT_EQ(::symlink((elsewhere / "victim").c_str(), file(kPartial, name).c_str()), 0);
   }
-  sink->complete(kSummary);
+  sink->complete(kSummary, kPatient);
   EXPECT_THAT(namesIn(elsewhere.path()), ElementsAre());
   EXPECT_EQ(manifest(kFinal)["state"], "complete");
 }
@@ -262,7 +264,7 @@ TEST_F(DirectorySinkTest, NeverWritesTheManifestThroughAPlantedLink) {
 TEST_F(DirectorySinkTest, SharesWithNobodyWhateverTheUmask) {
   for (const mode_t mask : {0U, 022U, 077U}) {
     const mode_t before = ::umask(mask);
-    open("m" + std::to_string(mask))->complete(kSummary);
+    open("m" + std::to_string(mask))->complete(kSummary, kPatient);
     ::umask(before);
   }
   for (const std::string& name : namesIn(folder_.path())) {
@@ -292,19 +294,19 @@ TEST_F(DirectorySinkTest, ReportsGatheredDataThatCannotBeWrittenAtTheEnd) {
   const auto sink = open();
   writeText(*sink, std::string(1000, 'x'));
   const FileSizeLimit limit(100);
-  EXPECT_THROW(sink->complete(kSummary), SystemError);
+  EXPECT_THROW(sink->complete(kSummary, kPatient), SystemError);
   EXPECT_THAT(namesIn(folder_.path()), ElementsAre(kPartial));
 }
 
 TEST_F(DirectorySinkTest, EncodesTheQueuesName) {
-  open("../a b")->complete(kSummary);
+  open("../a b")->complete(kSummary, kPatient);
   EXPECT_THAT(namesIn(folder_.path()), ElementsAre("%2E.%2Fa%20b-20010909T014640Z-1"));
 }
 
 TEST_F(DirectorySinkTest, WritesAValidManifestForAnyName) {
   StreamSummary summary = kSummary;
   summary.queue = "\xff\"\n";
-  open()->complete(summary);
+  open()->complete(summary, kPatient);
   EXPECT_EQ(manifest(kFinal)["state"], "complete");
 }
 

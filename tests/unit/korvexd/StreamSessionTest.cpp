@@ -27,6 +27,7 @@ struct Fate {
   std::string reason;  ///< of an abandoned one
   StreamSummary summary = {};
   bool isGone = false;
+  bool mayGoOn = true;  ///< as the one who completes it says
 };
 
 class RecordingSink : public Sink {
@@ -38,8 +39,11 @@ class RecordingSink : public Sink {
     failOn(1, "writing data");
     fate_.data.append(data, data + size);
   }
-  void complete(const StreamSummary& summary) override {
+  void check() override { failOn(5, "asking the engine"); }
+  void complete(const StreamSummary& summary,
+                const korvexd::StillFinishing& stillFinishing) override {
     failOn(2, "syncing data");
+    fate_.mayGoOn = stillFinishing();
     fate_.complete = true;
     fate_.summary = summary;
   }
@@ -88,12 +92,14 @@ class StreamSessionTest : public testing::Test {
 
   std::uint64_t count(Count which) const { return stats_.get(which); }
 
-  int failing_ = 0;  ///< the sink's step that fails: 1 write, 2 complete, 3 abandon, 4 open
+  int failing_ =
+      0;  ///< the sink's step that fails: 1 write, 2 complete, 3 abandon, 4 open, 5 check
+  bool isDaemonEnding_ = false;
   std::vector<std::unique_ptr<Fate>> fates_;
   korvexd::Stats stats_;
   korvexd::QueueLog log_{"q"};
   StreamSession session_{"q", [this](const std::string&, std::time_t) { return openSink(); },
-                         stats_, log_};
+                         stats_, log_, [this] { return !isDaemonEnding_; }};
 };
 
 }  // namespace
@@ -406,6 +412,38 @@ TEST_F(StreamSessionTest, EndsAnOpenStreamFromOutside) {
   EXPECT_EQ(fate().reason, "the daemon ended");
   session_.end("again");
   EXPECT_EQ(count(Count::StreamsIncomplete), 1u);
+}
+
+TEST_F(StreamSessionTest, LetsASlowSinkAskWhetherToGoOn) {
+  take(kOpen, 0);
+  take(kClose, 2);
+  EXPECT_TRUE(fate().mayGoOn);
+  isDaemonEnding_ = true;
+  take(kOpen, 0);
+  take(kClose, 2);
+  EXPECT_FALSE(fate(1).mayGoOn);
+}
+
+TEST_F(StreamSessionTest, NoticesBetweenRecordsThatASinkFailed) {
+  EXPECT_FALSE(session_.checkSink()) << "no stream";
+  take(kOpen, 0);
+  EXPECT_FALSE(session_.checkSink());
+  failing_ = 5;
+  expectFailure(session_.checkSink(), 5, "asking the engine: error 28 (No space left on device)");
+  EXPECT_TRUE(fate().isGone);
+  EXPECT_FALSE(session_.checkSink()) << "told once";
+  EXPECT_FALSE(take(kClose, 2));
+  EXPECT_FALSE(session_.checkSink());
+}
+
+TEST_F(StreamSessionTest, FailsAStreamThatIsSilentForTooLong) {
+  EXPECT_FALSE(session_.takeSilence(std::chrono::seconds(60))) << "no stream";
+  take(kOpen, 0);
+  expectFailure(session_.takeSilence(std::chrono::seconds(60)), 5, "nothing came for 60 seconds");
+  EXPECT_EQ(fate().reason, "nothing came for 60 seconds");
+  EXPECT_FALSE(session_.takeSilence(std::chrono::seconds(60))) << "told once";
+  EXPECT_FALSE(take(kData, 2, "a"));
+  EXPECT_FALSE(take(kClose, 3)) << "no receipt";
 }
 
 TEST_F(StreamSessionTest, CountsWhatItTook) {

@@ -1,0 +1,26 @@
+#ifndef TESTS_INTEGRATION_SUPPORT_ENGINE_PROCESSES_H
+#define TESTS_INTEGRATION_SUPPORT_ENGINE_PROCESSES_H
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace test_support {
+
+/// The living processes that a daemon has started for streams of this queue, its keepers too, and
+/// all that these have started, whatever became of their parents.
+std::vector<pid_t> processesFor(const std::string& queue);
+
+/// The keepers among them.
+std::vector<pid_t> keepersFor(const std::string& queue);
+
+/// The children of a process, zombies too.
+std::vector<pid_t> childrenOf(pid_t parent);
+
+/// How many descriptors a process has open.
+std::size_t descriptorsOf(pid_t process);
+
+}  // namespace test_support
+
+#endif

@@ -1,0 +1,143 @@
+#include "korvexd/Descendants.h"
+
+#include <dirent.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "korvexd/File.h"
+#include "korvexd/SystemError.h"
+
+namespace korvexd {
+namespace {
+
+constexpr int kMostRounds = 100;  // for those that cannot be stopped, because they hang in a call
+constexpr timespec kPause{0, 1000000};
+
+struct Process {
+  pid_t parent = 0;  ///< 0 when it is gone
+  char state = 'X';
+};
+
+using Processes = std::map<pid_t, Process>;
+
+bool operator==(const Process& left, const Process& right) {
+  return left.parent == right.parent && left.state == right.state;
+}
+
+/// "PID (NAME) STATE PARENT ...", and the name may hold brackets and blanks of its own.
+Process lookAt(const std::string& process) {
+  std::ifstream file("/proc/" + process + "/stat", std::ios::binary);
+  const std::string text(std::istreambuf_iterator<char>(file), {});
+  const std::size_t name = text.rfind(") ");
+  const std::size_t state = name + 2;
+  if (name == std::string::npos || state + 2 >= text.size()) return {};
+  const long parent = std::strtol(text.c_str() + state + 2, nullptr, 10);
+  return {static_cast<pid_t>(parent), text[state]};
+}
+
+bool isProcess(const char* name) { return *name >= '1' && *name <= '9'; }
+
+Processes allProcesses() {
+  const std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir("/proc"), ::closedir);
+  if (folder == nullptr) throw SystemError("opening /proc", errno);
+  Processes all;
+  while (const dirent* const entry = ::readdir(folder.get())) {
+    if (!isProcess(entry->d_name)) continue;
+    const auto id = static_cast<pid_t>(std::strtol(entry->d_name, nullptr, 10));
+    all[id] = lookAt(entry->d_name);
+  }
+  return all;
+}
+
+void addDescendants(const Processes& all, pid_t ancestor, const std::set<pid_t>& spared,
+                    Processes& found) {
+  for (const auto& [id, process] : all) {
+    if (process.parent != ancestor || spared.count(id) != 0) continue;
+    found[id] = process;
+    addDescendants(all, id, spared, found);
+  }
+}
+
+Processes descendantsExcept(const std::set<pid_t>& spared) {
+  Processes found;
+  addDescendants(allProcesses(), ::getpid(), spared, found);
+  return found;
+}
+
+/// To this very process: while the descriptor is held, a process that got the same id is another
+/// one, and then it has another parent. Where the system knows no such descriptors, a child cannot
+/// be mistaken, and its descendants hardly.
+void signalTo(pid_t id, const Process& process, int number) {
+  const File held(static_cast<int>(::syscall(SYS_pidfd_open, id, 0U)));
+  if (held.descriptor() < 0) {
+    if (errno == ENOSYS) ::kill(id, number);
+    return;
+  }
+  if (lookAt(std::to_string(id)).parent != process.parent) return;
+  ::syscall(SYS_pidfd_send_signal, held.descriptor(), number, nullptr, 0U);
+}
+
+bool isStill(const Process& process) {
+  return std::string("TtZX").find(process.state) != std::string::npos;
+}
+
+/// Whether there was one that moved. The signal works when it is next to do so.
+bool stopThoseThatMove(const Processes& processes) {
+  bool doesMove = false;
+  for (const auto& [id, process] : processes) {
+    if (isStill(process)) continue;
+    doesMove = true;
+    signalTo(id, process, SIGSTOP);
+  }
+  return doesMove;
+}
+
+/// One that was about to fork may have done so behind the eyes of a single look.
+Processes stoppedDescendantsExcept(const std::set<pid_t>& spared) {
+  Processes before;
+  for (int round = 0;; ++round) {
+    Processes now = descendantsExcept(spared);
+    const bool doesMove = stopThoseThatMove(now);
+    if (now.empty() || round == kMostRounds || (!doesMove && now == before)) return now;
+    before = std::move(now);
+    if (doesMove) ::nanosleep(&kPause, nullptr);
+  }
+}
+
+}  // namespace
+
+void adoptDescendants() {
+  if (::prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0) != 0) {
+    throw SystemError("becoming the parent of orphaned processes", errno);
+  }
+}
+
+std::set<pid_t> childrenOfThisProcess() {
+  std::set<pid_t> children;
+  for (const auto& [id, process] : allProcesses()) {
+    if (process.parent == ::getpid()) children.insert(id);
+  }
+  return children;
+}
+
+std::set<pid_t> killDescendantsExcept(const std::set<pid_t>& spared) {
+  std::set<pid_t> children;
+  for (const auto& [id, process] : stoppedDescendantsExcept(spared)) {
+    signalTo(id, process, SIGKILL);
+    if (process.parent == ::getpid()) children.insert(id);
+  }
+  return children;
+}
+
+}  // namespace korvexd

@@ -1,0 +1,107 @@
+#ifndef KORVEXD_ENGINE_H
+#define KORVEXD_ENGINE_H
+
+#include <sys/types.h>
+
+#include <array>
+#include <chrono>
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "korvexd/EngineLog.h"
+#include "korvexd/File.h"
+#include "korvexd/Keeper.h"
+#include "korvexd/Keepers.h"
+
+namespace korvexd {
+
+/// The daemon's end of one engine: its input, what it has to say, and its keeper.
+///
+/// Nothing here waits longer than it is told to. Unless announceComplete() was called, the input is
+/// held open until nothing of the engine is left. Used by one thread at a time.
+class Engine {
+ public:
+  struct Command {
+    std::string program;  ///< a path
+    std::vector<std::string> words;
+    std::vector<std::string> variables;  ///< NAME=VALUE, beside those of this process
+    std::chrono::seconds timeout;        ///< to finish after the end of its input
+  };
+
+  enum class For { News, Room };
+
+  /// Starts the keeper, which starts the engine. `keepers` outlives the engine. Throws SystemError.
+  Engine(Keepers& keepers, const Command& command, EngineLog::Print print);
+
+  /// The keeper kills what it may not finish, and is left to do so.
+  ~Engine() = default;
+  Engine(const Engine&) = delete;
+  Engine& operator=(const Engine&) = delete;
+
+  /// Writes what its input has room for, and returns how much that was. Throws SystemError, EPIPE
+  /// when the engine has closed its input.
+  std::size_t offer(const unsigned char* data, std::size_t size);
+
+  /// Waits for room in its input or for news, at most so long, and takes the news. Whether there is
+  /// room, if that was the question.
+  bool wait(For what, std::chrono::milliseconds longest);
+
+  /// Takes news without waiting.
+  void look() { wait(For::News, std::chrono::milliseconds(0)); }
+
+  /// Whether its program runs, or has run; else look at end().
+  bool hasStarted() const noexcept { return hasStarted_; }
+
+  /// What the keeper said of its end; once it is there, everything the engine wrote is in the log.
+  const std::optional<keeper::Report>& end() const noexcept { return end_; }
+
+  /// Whether its keeper is no longer there. Without an end(), somebody has killed it.
+  bool isAlone() const noexcept { return isAlone_; }
+
+  /// All data has been taken: ends the input, and the engine may finish whatever becomes of this
+  /// process.
+  void announceComplete() noexcept;
+
+  /// Has it killed, with everything that it has started.
+  void kill() noexcept;
+
+  /// Whether nothing of it is left, its keeper included. Kills what a dead keeper has left.
+  bool isGone();
+
+  /// The last line that it wrote to its standard error.
+  std::string lastError() const { return errorLog_.lastLine(); }
+
+ private:
+  struct Pipe {
+    File reader;
+    File writer;
+  };
+
+  static Pipe makePipe();
+  void spawn(const Command& command, const Pipe& input, const Pipe& output, const Pipe& errors,
+             const File& control);
+  void send(keeper::Order order) const noexcept;
+  void takeReports();
+  void take(const keeper::Report& report);
+  void readRest();
+  static bool readSome(File& from, EngineLog& log);
+
+  Keepers& keepers_;
+  pid_t keeper_ = -1;
+  File input_;
+  File output_;
+  File errors_;
+  File control_;
+  EngineLog outputLog_;
+  EngineLog errorLog_;
+  bool hasStarted_ = false;
+  std::optional<keeper::Report> end_;
+  bool isAlone_ = false;
+  Keepers::End keeperEnd_ = Keepers::End::NotYet;
+};
+
+}  // namespace korvexd
+
+#endif

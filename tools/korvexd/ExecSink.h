@@ -1,0 +1,67 @@
+#ifndef KORVEXD_EXEC_SINK_H
+#define KORVEXD_EXEC_SINK_H
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "korvexd/Engine.h"
+#include "korvexd/Sink.h"
+
+namespace korvexd {
+
+class ExecStore;
+
+/// Gives a stream to an engine, a process that reads it as its standard input.
+///
+/// The stream is stored when the engine has read all of it, seen its end, and exited with 0. In
+/// every other case the engine is killed and gone before its input ends, for to an engine the end
+/// of its input is the end of a whole stream.
+class ExecSink : public Sink {
+ public:
+  struct Settings {
+    std::string stream;   ///< its name
+    std::string program;  ///< for people
+    std::chrono::seconds timeout;
+    std::function<bool()> isEnding;
+  };
+
+  /// `store` outlives the sink.
+  ExecSink(ExecStore& store, std::unique_ptr<Engine> engine, Settings settings);
+  ~ExecSink() override;
+
+  /// Waits until the engine's program runs. Throws SystemError when it cannot.
+  void awaitStart();
+
+  void write(const unsigned char* data, std::size_t size) override;
+  void check() override;
+  void complete(const StreamSummary& summary, const StillFinishing& stillFinishing) override;
+  void abandon(const StreamSummary& summary, const std::string& reason) override;
+  std::string place() const override;
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  std::size_t offer(const unsigned char* data, std::size_t size);
+  void awaitRoom();
+  void throwIfItEnded();
+  [[noreturn]] void throwClosedInput();
+  [[noreturn]] void throwEnd() const;
+  void noteEnding(bool isEnding);
+  bool isOutOfPatience() const;
+  std::string withLastError(const std::string& text) const;
+  std::string defectOfEnd() const;
+  void letGo() noexcept;
+
+  ExecStore& store_;
+  std::unique_ptr<Engine> engine_;  ///< none when it is gone, or somebody else looks after it
+  const Settings settings_;
+  bool mayFinish_ = false;  ///< all of its input is there, and the daemon has other things to do
+  std::optional<Clock::time_point> endingSince_;
+};
+
+}  // namespace korvexd
+
+#endif

@@ -1,0 +1,80 @@
+#include "korvexd/ExecStore.h"
+
+#include <spdlog/spdlog.h>
+
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+#include "korvexd/CommandWords.h"
+#include "korvexd/ExecSink.h"
+#include "korvexd/Names.h"
+#include "korvexd/Utc.h"
+
+namespace korvexd {
+namespace {
+
+constexpr std::uint64_t kNanosecondsPerSecond = 1000000000;
+
+std::uint64_t nanosecondsNow() {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  return static_cast<std::uint64_t>(
+      std::chrono::duration_cast<std::chrono::nanoseconds>(now).count());
+}
+
+bool isGone(Engine& engine) noexcept {
+  try {
+    return engine.isGone();
+  } catch (const std::exception&) {
+    return false;  // no memory, no descriptor: asked again
+  }
+}
+
+}  // namespace
+
+ExecStore::ExecStore(Settings settings) : settings_(std::move(settings)) {
+  findProgram(settings_.command.front());
+}
+
+/// Looked for each time, for programs come and go.
+std::unique_ptr<Sink> ExecStore::open(const std::string& queue, std::time_t opened) {
+  tidyUp();
+  const std::string name = nameFor(queue, opened);
+  const Engine::Command command = {
+      findProgram(settings_.command.front()),
+      settings_.command,
+      {"KORVEX_QUEUE=" + queue, "KORVEX_OPENED=" + utcText(opened), "KORVEX_STREAM=" + name},
+      settings_.timeout};
+  auto engine = std::make_unique<Engine>(keepers_, command, [name](const std::string& line) {
+    spdlog::info("{}: engine: {}", name, line);
+  });
+  auto sink = std::make_unique<ExecSink>(
+      *this, std::move(engine),
+      ExecSink::Settings{name, settings_.command.front(), settings_.timeout, settings_.isEnding});
+  sink->awaitStart();
+  return sink;
+}
+
+/// Ends in the nanoseconds of its second, where a count would begin again with each daemon.
+std::string ExecStore::nameFor(const std::string& queue, std::time_t opened) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  lastNumber_ = std::max(lastNumber_ + 1, nanosecondsNow());
+  // With a digit in front that is taken off again, all have as many.
+  const std::string number =
+      std::to_string(kNanosecondsPerSecond + lastNumber_ % kNanosecondsPerSecond);
+  return fileNameOf(queue) + "-" + utcForFileName(opened) + "-" + number.substr(1);
+}
+
+void ExecStore::lookAfter(std::unique_ptr<Engine> engine) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  dying_.push_back(std::move(engine));
+}
+
+void ExecStore::tidyUp() noexcept {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  const auto end = std::remove_if(dying_.begin(), dying_.end(),
+                                  [](const auto& engine) { return isGone(*engine); });
+  dying_.erase(end, dying_.end());
+}
+
+}  // namespace korvexd

@@ -1,0 +1,53 @@
+#ifndef KORVEXD_EXEC_STORE_H
+#define KORVEXD_EXEC_STORE_H
+
+#include <chrono>
+#include <cstdint>
+#include <ctime>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "korvexd/Engine.h"
+#include "korvexd/Keepers.h"
+#include "korvexd/Sink.h"
+
+namespace korvexd {
+
+/// Starts an engine for each stream, and looks after those that take long to die. One in a process;
+/// outlives its sinks. Any thread may use it.
+class ExecStore {
+ public:
+  struct Settings {
+    std::vector<std::string> command;  ///< not empty
+    std::chrono::seconds timeout;      ///< for an engine that takes nothing or does not finish
+    std::function<bool()> isEnding;    ///< whether the process is to end soon
+  };
+
+  /// Throws SystemError, if the program cannot be found for example.
+  explicit ExecStore(Settings settings);
+
+  /// Starts an engine. Throws SystemError when it does not run.
+  std::unique_ptr<Sink> open(const std::string& queue, std::time_t opened);
+
+  /// Takes over an engine that was ordered to die and has not yet.
+  void lookAfter(std::unique_ptr<Engine> engine);
+
+  /// Lets go of those that are gone by now. To be called now and then.
+  void tidyUp() noexcept;
+
+ private:
+  std::string nameFor(const std::string& queue, std::time_t opened);
+
+  const Settings settings_;
+  Keepers keepers_;
+  std::mutex mutex_;
+  std::uint64_t lastNumber_ = 0;
+  std::vector<std::unique_ptr<Engine>> dying_;
+};
+
+}  // namespace korvexd
+
+#endif
