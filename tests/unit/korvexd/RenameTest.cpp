@@ -111,7 +111,9 @@ TEST_P(Rename, PublishesQueues) {
 
 TEST_P(Rename, PublishesStreams) {
   korvexd::DirectoryStore store(folder_.path());
-  store.open("q", 1000000000)->complete({"q", 1000000000, 1000000060, 0, 0, 0, "0"});
+  store.open("q", 1000000000)->complete({"q", 1000000000, 1000000060, 0, 0, 0, "0"}, [] {
+    return true;
+  });
   EXPECT_THAT(namesIn(folder_.path()), ElementsAre("q-20010909T014640Z-1"));
 }
 

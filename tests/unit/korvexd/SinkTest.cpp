@@ -141,7 +141,7 @@ TEST_P(EverySink, CanBeDestroyedWithoutEnd) {
 
 TEST_P(EverySink, LeavesNoDescriptorOpen) {
   const std::size_t before = namesIn("/proc/self/fd").size();
-  open_("q", kOpened)->complete(kSummary);
+  open_("q", kOpened)->complete(kSummary, kPatient);
   open_("q", kOpened)->abandon(kSummary, "why");
   open_("q", kOpened);
   EXPECT_EQ(namesIn("/proc/self/fd").size(), before);
@@ -389,7 +389,7 @@ TEST_P(MeddledSink, GetsNoFinalName) {
   const auto sink = store.open("q", kOpened);
   writeText(*sink, "abc");
   GetParam().act(output + "/" + kPartial);
-  const std::string failure = failureOf([&] { sink->complete(kSummary); });
+  const std::string failure = failureOf([&] { sink->complete(kSummary, kPatient); });
   EXPECT_NE(failure, "");
   EXPECT_THAT(failure, HasSubstr(GetParam().failure));
   EXPECT_FALSE(fs::exists(output + "/" + kFinal) || fs::exists(output + ".moved/" + kFinal));
@@ -406,7 +406,7 @@ class MovedOutput : public testing::Test {
 
   void expectStored() {
     const auto sink = store_.open("q", kOpened);
-    sink->complete(kSummary);
+    sink->complete(kSummary, kPatient);
     EXPECT_TRUE(fs::exists(sink->place())) << sink->place();
   }
 

@@ -39,6 +39,7 @@ constexpr std::time_t kOpened = 1000000000;  // 2001-09-09 01:46:40 UTC
 const char kStream[] = "q-20010909T014640Z-1";
 const char kPartial[] = "q-20010909T014640Z-1.partial";
 const korvexd::StreamSummary kSummary{"q", kOpened, kOpened + 60, 3, 1, 4, "0123456789abcdef"};
+const korvexd::StillFinishing kPatient = [] { return true; };
 
 const unsigned char* bytesOf(const std::string& text) {
   return reinterpret_cast<const unsigned char*>(text.data());
@@ -161,7 +162,7 @@ TEST_F(StoringCalls, OfAStreamAreInTheOrderThatSurvivesACrash) {
   const auto sink = open();
   write(*sink, std::string(300000, 'x'));
   write(*sink, "abc");
-  sink->complete(kSummary);
+  sink->complete(kSummary, kPatient);
   EXPECT_THAT(calls_,
               ElementsAre("make stream.partial",                         //
                           "open stream.partial",                         //
@@ -226,7 +227,7 @@ TEST_F(StoringCalls, ReplaceTheStatisticsAsAWhole) {
 }
 
 TEST_F(StoringCalls, NeverFollowALinkNorReachAnotherProgram) {
-  open()->complete(kSummary);
+  open()->complete(kSummary, kPatient);
   korvexd::Capture(folder_.path(), "q").store(1, bytesOf("abc"), 3);
   korvexd::Stats stats;
   korvexd::StatsFile(folder_ / "stats.json", {{"q", &stats}}).update();
@@ -258,7 +259,7 @@ TEST_F(StoringCalls, NeverWriteTheManifestIntoAFileThatAppeared) {
     std::ofstream(folder_ / "victim") << "precious";
     fs::create_hard_link(folder_ / "victim", folder_ / kPartial + "/manifest.json.tmp");
   });
-  EXPECT_EQ(errorOf([&] { sink->complete(kSummary); }), EEXIST);
+  EXPECT_EQ(errorOf([&] { sink->complete(kSummary, kPatient); }), EEXIST);
   EXPECT_EQ(contentsOf(folder_ / "victim"), "precious");
   EXPECT_THAT(namesIn(folder_.path()), ElementsAre(kPartial, "victim"));
 }
@@ -266,7 +267,7 @@ TEST_F(StoringCalls, NeverWriteTheManifestIntoAFileThatAppeared) {
 TEST_F(StoringCalls, LeaveNoTemporaryFileWhenTheLastOneFails) {
   const auto sink = open();
   instead.rename = [](int, const char*, const char*) { return failing(EIO); };
-  EXPECT_EQ(errorOf([&] { sink->complete(kSummary); }), EIO);
+  EXPECT_EQ(errorOf([&] { sink->complete(kSummary, kPatient); }), EIO);
   EXPECT_THAT(namesIn(folder_ / kPartial), ElementsAre("data"));
 }
 
@@ -276,7 +277,7 @@ TEST_F(StoringCalls, ThatDoNotReachTheDiskLeaveTheStreamPartial) {
     instead.sync = [rest = failing](int file) mutable {
       return --rest == 0 ? system_calls::failing(EIO) : system_calls::sync(file);
     };
-    EXPECT_EQ(errorOf([&] { sink->complete(kSummary); }), EIO) << failing;
+    EXPECT_EQ(errorOf([&] { sink->complete(kSummary, kPatient); }), EIO) << failing;
   }
   for (const std::string& name : namesIn(folder_.path())) {
     EXPECT_EQ(fs::path(name).extension(), ".partial");
@@ -309,7 +310,7 @@ TEST_F(ReluctantSystem, StoresEveryByteOfAStream) {
   write(*sink, small);
   write(*sink, large);
   write(*sink, small);
-  sink->complete(kSummary);
+  sink->complete(kSummary, kPatient);
   EXPECT_TRUE(dataOf(kStream) == small + large + small);
 }
 

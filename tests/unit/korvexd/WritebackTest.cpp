@@ -50,7 +50,7 @@ class Writeback : public testing::Test {
     const std::vector<unsigned char> piece(pieceSize, 'x');
     std::uint64_t size = 0;
     for (; size < mebibytes * kMebibyte; size += pieceSize) sink->write(piece.data(), pieceSize);
-    sink->complete({"q", 0, 0, size, 1, 3, ""});
+    sink->complete({"q", 0, 0, size, 1, 3, ""}, [] { return true; });
     return fs::file_size(sink->place() + "/data");
   }
 
