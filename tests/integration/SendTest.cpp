@@ -87,7 +87,7 @@ class SendCommand : public testing::Test {
   }
 
   void startDaemon(const Words& sink) {
-    Words command = {KORVEXD_PROGRAM, "--queue", queue};
+    Words command = {KORVEXD_PROGRAM, "--queue", queue, "--stats", statistics};
     command.insert(command.end(), sink.begin(), sink.end());
     daemon = std::make_unique<Process>(command);
     ASSERT_TRUE(eventually([this] { return isServed(queue); }));
@@ -116,13 +116,18 @@ class SendCommand : public testing::Test {
   }
 
   /// Waits until the sender and the daemon are at work.
+  /// Waits until the daemon has taken data.
   void awaitFlow() const {
-    const korvex::QueueView view(queue);
-    ASSERT_TRUE(eventually([&] { return view.messages() > 1; }));
+    ASSERT_TRUE(eventually([this] {
+      std::ifstream file(statistics);
+      const auto stats = nlohmann::json::parse(file, nullptr, false);
+      return !stats.is_discarded() && stats["total"]["bytes"] > 0;
+    }));
   }
 
   test_support::TemporaryFolder folder;
   std::string stored = folder.makeFolder("stored");
+  std::string statistics = folder / "statistics";
   std::string queue = test_support::uniqueQueueName();
   test_support::QueueRemover remover{queue};
   std::unique_ptr<Process> daemon;
