@@ -1,0 +1,54 @@
+#ifndef TESTS_INTEGRATION_ENGINES_ENGINES_H
+#define TESTS_INTEGRATION_ENGINES_ENGINES_H
+
+#include <ostream>
+
+namespace test_support {
+
+/// A real backup engine: how it stores a stream, and how its own tools show what it has stored.
+///
+/// The scripts run in the store's folder, the daemon too.
+struct Engine {
+  const char* name;
+  const char* program;
+  const char* server;   ///< what the engine stores in, when that is a server; it writes its URL
+  const char* prepare;  ///< makes an empty store
+  const char* command;  ///< for `korvexd --exec`
+  const char* list;     ///< writes the name of each thing stored, a line each
+  const char* restore;  ///< writes the bytes of the one with the name $1
+  const char* check;    ///< fails when the store is damaged
+};
+
+inline std::ostream& operator<<(std::ostream& out, const Engine& engine) {
+  return out << engine.name;
+}
+
+inline constexpr const char* kResticBackup =
+    "restic backup --quiet --no-cache --stdin --stdin-filename data";
+inline constexpr const char* kResticList = "restic list snapshots --no-cache --no-lock";
+inline constexpr const char* kResticRestore = "restic dump --no-cache --no-lock \"$1\" data";
+// One that is killed leaves its lock.
+inline constexpr const char* kResticCheck =
+    "restic unlock --no-cache && restic check --quiet --no-cache";
+
+inline constexpr Engine kEngines[] = {
+    {"Restic", "restic", "", "restic init --quiet --no-cache", kResticBackup, kResticList,
+     kResticRestore, kResticCheck},
+    {"ResticOverRest", "restic", "exec rclone serve restic --addr 127.0.0.1:0 .",
+     "restic init --quiet --no-cache", kResticBackup, kResticList, kResticRestore, kResticCheck},
+    {"Borg", "borg", "", "borg init --encryption none",
+     R"(sh -c 'exec borg create "::$KORVEX_STREAM" -')", "borg list --short",
+     R"(borg extract --stdout "::$1")", "borg check"},
+    {"RcloneToAPath", "rclone", "", ":",
+     R"(sh -c 'rclone rcat "$KORVEX_STREAM.partial" && )"
+     R"(mv "$KORVEX_STREAM.partial" "$KORVEX_STREAM"')",
+     "find . -type f ! -name '*.partial*'", R"(cat "$1")", ":"},
+    {"Zstd", "zstd", "", ":",
+     R"(sh -c 'zstd -qo "$KORVEX_STREAM.partial" && mv "$KORVEX_STREAM.partial" )"
+     R"("$KORVEX_STREAM.zst"')",
+     "find . -name '*.zst'", R"(zstd -dc "$1")", "find . -name '*.zst' -exec zstd -tq {} +"},
+};
+
+}  // namespace test_support
+
+#endif
