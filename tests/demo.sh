@@ -34,7 +34,7 @@ start_daemon() { # option...
   "$kDaemon" --queue "$kQueue" "$@" &
   daemon=$!
   for _ in $(seq 200); do
-    [ -e "/dev/shm/${kQueue}Response" ] && return
+    [ -e "/dev/shm/$kQueue" ] && return
     kill -0 "$daemon" 2>/dev/null || fail "the daemon ended early"
     sleep 0.02
   done

@@ -37,8 +37,8 @@ inline constexpr Engine kEngines[] = {
     {"ResticOverRest", "restic", "exec rclone serve restic --addr 127.0.0.1:0 .",
      "restic init --quiet --no-cache", kResticBackup, kResticList, kResticRestore, kResticCheck},
     {"Borg", "borg", "", "borg init --encryption none",
-     R"(sh -c 'exec borg create "::$KORVEX_STREAM" -')", "borg list --short",
-     R"(borg extract --stdout "::$1")", "borg check"},
+     R"(sh -c 'exec borg create --checkpoint-interval 0 "::$KORVEX_STREAM" -')",
+     "borg list --short --consider-checkpoints", R"(borg extract --stdout "::$1")", "borg check"},
     {"RcloneToAPath", "rclone", "", ":",
      R"(sh -c 'rclone rcat "$KORVEX_STREAM.partial" && )"
      R"(mv "$KORVEX_STREAM.partial" "$KORVEX_STREAM"')",
