@@ -28,9 +28,8 @@ inline constexpr const char* kResticBackup =
     "restic backup --quiet --no-cache --stdin --stdin-filename data";
 inline constexpr const char* kResticList = "restic list snapshots --no-cache --no-lock";
 inline constexpr const char* kResticRestore = "restic dump --no-cache --no-lock \"$1\" data";
-// One that is killed leaves its lock.
-inline constexpr const char* kResticCheck =
-    "restic unlock --no-cache && restic check --quiet --no-cache";
+// Without a lock, for one that was killed has left its own.
+inline constexpr const char* kResticCheck = "restic check --quiet --no-cache --no-lock";
 
 inline constexpr Engine kEngines[] = {
     {"Restic", "restic", "", "", "restic init --quiet --no-cache", kResticBackup, kResticList,

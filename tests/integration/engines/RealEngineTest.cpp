@@ -203,11 +203,11 @@ const Ending kEndings[] = {
      [](Scene& scene) {
        scene.producer.killNow();
        EXPECT_TRUE(eventually([&] {
-         return scene.daemon.errors().find("nothing came for 3 seconds") != std::string::npos;
+         return scene.daemon.errors().find("nothing came for 2 seconds") != std::string::npos;
        }));
      },
      "",
-     {"--idle-timeout", "3"}},
+     {"--idle-timeout", "2"}},
     {"DeathOfTheDaemon", [](Scene& scene) { scene.daemon.killNow(); }, "", {}},
     {"EndOfTheDaemon",
      [](Scene& scene) {
