@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Streams real files through the library to the daemon and proves that every byte arrived.
+# Streams real files through the library to the daemon, into folders and into a backup engine, and
+# proves that every byte arrived and that nothing of a stream that failed was kept.
 #   tests/demo.sh BUILD_FOLDER
 set -euo pipefail
 
@@ -7,59 +8,130 @@ readonly kBuild=$1
 readonly kKorvex=$kBuild/tools/korvex/korvex
 readonly kDaemon=$kBuild/tools/korvexd/korvexd
 readonly kQueue=korvex-demo-$$
+readonly kCut=20M  # how far the producer comes that fails: far into the engine
+readonly kTree=(docs examples include platform src tests tools)
 
 folder=$(mktemp -d)
 daemon=
+producer=
 finish() {
-  if [ -n "$daemon" ]; then
-    kill "$daemon" 2>/dev/null || true
-    wait "$daemon" 2>/dev/null || true
-  fi
+  for process in $producer $daemon; do
+    kill "$process" 2>/dev/null || true
+    wait "$process" 2>/dev/null || true
+  done
   rm -rf "$folder"
 }
 trap finish EXIT
 
-await_queue() {
-  for _ in $(seq 200); do
-    [ -e "/dev/shm/$kQueue" ] && return
-    kill -0 "$daemon" 2>/dev/null || { echo "demo: the daemon ended early" >&2; exit 1; }
-    sleep 0.02
-  done
-  echo "demo: the daemon offered no queue within 4 s" >&2
+fail() {
+  echo "demo: $*" >&2
   exit 1
 }
-
 say() { printf '\n== %s\n' "$*"; }
 
-mkdir "$folder/stored"
-say "start the daemon: korvexd --queue $kQueue --output DIR"
-"$kDaemon" --queue "$kQueue" --output "$folder/stored" &
-daemon=$!
-await_queue
+start_daemon() { # option...
+  say "start the daemon: korvexd --queue $kQueue ${*@Q}"
+  "$kDaemon" --queue "$kQueue" "$@" &
+  daemon=$!
+  for _ in $(seq 200); do
+    [ -e "/dev/shm/$kQueue" ] && return
+    kill -0 "$daemon" 2>/dev/null || fail "the daemon ended early"
+    sleep 0.02
+  done
+  fail "the daemon offered no queue within 4 s"
+}
 
-# Files of this tree, and one of 1 GiB that no two runs share.
-head -c 1G /dev/urandom >"$folder/random"
-readonly kFiles=("$kKorvex" "$kBuild/src/libkorvex.so" README.md "$folder/random")
+stop_daemon() {
+  say "stop the daemon"
+  kill "$daemon"
+  wait "$daemon"
+  daemon=
+  [ ! -e "/dev/shm/$kQueue" ] || fail "the queue is still there"
+}
 
-say "send ${#kFiles[@]} files as one stream: korvex send --queue $kQueue FILE..."
-"$kKorvex" send --queue "$kQueue" "${kFiles[@]}"
+into_folders() {
+  mkdir "$folder/stored"
+  start_daemon --output "$folder/stored"
 
-say "send a pipe as a second stream: cat ... | korvex send --queue $kQueue"
-cat "${kFiles[@]}" | "$kKorvex" send --queue "$kQueue" --quiet
+  # Files of this tree, and one of 1 GiB that no two runs share.
+  head -c 1G /dev/urandom >"$folder/random"
+  local files=("$kKorvex" "$kBuild/src/libkorvex.so" README.md "$folder/random")
 
-say "compare every byte with what the daemon stored"
-streams=0
-for stream in "$folder"/stored/*; do
-  case $stream in *.partial) echo "demo: $stream is not complete" >&2; exit 1 ;; esac
-  cat "${kFiles[@]}" | cmp - "$stream/data"
-  echo "identical: $(stat -c %s "$stream/data") bytes in $(basename "$stream")"
-  streams=$((streams + 1))
-done
-[ "$streams" = 2 ] || { echo "demo: $streams streams stored, expected 2" >&2; exit 1; }
+  say "send ${#files[@]} files as one stream: korvex send --queue $kQueue FILE..."
+  "$kKorvex" send --queue "$kQueue" "${files[@]}"
 
-say "stop the daemon"
-kill "$daemon"
-wait "$daemon"
-daemon=
-[ ! -e "/dev/shm/$kQueue" ] || { echo "demo: the queue is still there" >&2; exit 1; }
-echo "every byte arrived"
+  say "send a pipe as a second stream: cat ... | korvex send --queue $kQueue"
+  cat "${files[@]}" | "$kKorvex" send --queue "$kQueue" --quiet
+
+  say "compare every byte with what the daemon stored"
+  local streams=0 stream
+  for stream in "$folder"/stored/*; do
+    case $stream in *.partial) fail "$stream is not complete" ;; esac
+    cat "${files[@]}" | cmp - "$stream/data"
+    echo "identical: $(stat -c %s "$stream/data") bytes in $(basename "$stream")"
+    streams=$((streams + 1))
+  done
+  [ "$streams" = 2 ] || fail "$streams streams stored, expected 2"
+  stop_daemon
+}
+
+expect_snapshots() { # number
+  restic snapshots
+  local found
+  found=$(restic list snapshots | wc -l)
+  [ "$found" = "$1" ] || fail "restic holds $found snapshots, expected $1"
+}
+
+into_an_engine() {
+  export RESTIC_REPOSITORY=$folder/repository RESTIC_PASSWORD=demo
+  export RESTIC_CACHE_DIR=$folder/cache
+  say "make a restic repository: restic init"
+  restic init --quiet
+  start_daemon --exec 'restic backup --quiet --stdin --stdin-filename tree.tar'
+
+  say "send the sources to restic: tar -c ${kTree[*]} | korvex send --queue $kQueue"
+  tar -c "${kTree[@]}" | "$kKorvex" send --queue "$kQueue"
+  expect_snapshots 1
+
+  say "restore and compare: restic dump latest tree.tar | tar -x; diff -r"
+  mkdir "$folder/restored"
+  restic dump latest tree.tar | tar -x -C "$folder/restored"
+  local part
+  for part in "${kTree[@]}"; do diff -r "$part" "$folder/restored/$part"; done
+  echo "identical: $(find "$folder/restored" -type f | wc -l) files"
+}
+
+# Waits in the middle of its input, as behind a command that hangs.
+fail_half_way() {
+  say "a producer gives up after $kCut: SIGTERM to korvex send"
+  mkfifo "$folder/pipe"
+  "$kKorvex" send --queue "$kQueue" "$folder/pipe" &
+  producer=$!
+  exec 3<>"$folder/pipe"
+  head -c "$kCut" "$folder/random" >&3
+  kill "$producer"
+  local code=0
+  wait "$producer" || code=$?
+  producer=
+  exec 3>&-
+  [ "$code" = 143 ] || fail "korvex send ended with $code, expected 143 (SIGTERM)"
+
+  stop_daemon
+  say "restic has nothing of it: still one snapshot, and a clean repository"
+  expect_snapshots 1
+  restic unlock
+  restic check --quiet
+  echo "restic check: clean"
+}
+
+compare_with_a_pipe() {
+  say "the same through a plain pipe: restic keeps a cut stream as a whole snapshot"
+  (head -c "$kCut" "$folder/random" && exit 1) | restic backup --quiet --stdin || true
+  expect_snapshots 2
+}
+
+into_folders
+into_an_engine
+fail_half_way
+compare_with_a_pipe
+say "through korvex, every byte arrived, and nothing of the stream that failed was kept"
