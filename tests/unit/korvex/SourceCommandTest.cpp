@@ -322,6 +322,13 @@ TEST_F(CommandThatLeavesChildren, FailsAtOnceWithItsExitCode) {
   EXPECT_TRUE(awaitEndOf("child"));
 }
 
+TEST_F(CommandThatLeavesChildren, HasThoseKilledThatDoNotEnd) {
+  grace = milliseconds(1);
+  failureOf("trap '' TERM; sleep 1000 & echo $! >\"$0/child\"; exit 4");
+  EXPECT_EQ(command->settle()->exitCode, 4);
+  EXPECT_TRUE(awaitEndOf("child"));
+}
+
 TEST_F(CommandThatLeavesChildren, FailsWhenTheirOutputNeverEnds) {
   timeout = milliseconds(1);
   EXPECT_EQ(failureOf("sleep 1000 & echo $! >\"$0/child\""),
@@ -332,11 +339,12 @@ TEST_F(CommandThatLeavesChildren, FailsWhenTheirOutputNeverEnds) {
 }
 
 TEST_F(CommandThatLeavesChildren, LeavesThoseAloneThatDoNotWrite) {
-  EXPECT_EQ(outputOf("sleep 1000 >&- & echo $! >\"$0/child\""), "");
+  EXPECT_EQ(outputOf("(: <\"$0/go\"; echo >\"$0/done\") >&- &"), "");
   command.reset();
-  const pid_t child = std::stoi(contentsOf(folder / "child"));
-  EXPECT_EQ(::kill(child, SIGKILL), 0);
-  EXPECT_TRUE(awaitEndOf("child"));
+  EXPECT_TRUE(eventually([this] {
+    go();
+    return std::filesystem::exists(folder / "done");
+  }));
 }
 
 TEST_F(CommandThatIsInterrupted, GetsTheSignalThatCame) {
