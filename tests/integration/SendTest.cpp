@@ -115,7 +115,6 @@ class SendCommand : public testing::Test {
     return streams.empty() ? "" : contentsOf(stored + "/" + streams.front() + "/data");
   }
 
-  /// Waits until the sender and the daemon are at work.
   /// Waits until the daemon has taken data.
   void awaitFlow() const {
     ASSERT_TRUE(eventually([this] {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Failure.h"
+#include "FromCommand.h"
 #include "Inspect.h"
 #include "Send.h"
 #include "Verify.h"
@@ -24,8 +25,7 @@ bool needsGuard(char first) { return first == '[' || first == kGuard; }
 
 /// The parser takes a word in brackets for a list, and a file called [] for no file at all. Words
 /// that begin like that are guarded from it by a byte in front.
-std::vector<std::string> guarded(int argumentCount, const char* const* arguments) {
-  std::vector<std::string> words(arguments, arguments + argumentCount);
+std::vector<std::string> guarded(std::vector<std::string> words) {
   for (std::string& word : words) {
     if (needsGuard(word[0])) word.insert(0, 1, kGuard);
   }
@@ -45,15 +45,15 @@ std::string complaint(const CLI::App* tool, const CLI::Error& error) {
   return printable(text) + "\nRun with --help for more information.\n";
 }
 
-void parse(CLI::App& tool, int argumentCount, const char* const* arguments) {
+void parse(CLI::App& tool, std::vector<std::string> words) {
   for (CLI::App* const command : tool.get_subcommands([](CLI::App*) { return true; })) {
     for (CLI::Option* const option : command->get_options()) option->transform(unguarded);
   }
-  const std::vector<std::string> words = guarded(argumentCount, arguments);
+  words = guarded(std::move(words));
   std::vector<const char*> pointers;
   pointers.reserve(words.size());
   for (const std::string& word : words) pointers.push_back(word.c_str());
-  tool.parse(argumentCount, pointers.data());
+  tool.parse(static_cast<int>(pointers.size()), pointers.data());
 }
 
 Ending runCommand(int argumentCount, const char* const* arguments, const StopSignal& stop,
@@ -63,13 +63,15 @@ Ending runCommand(int argumentCount, const char* const* arguments, const StopSig
   tool.failure_message(complaint);
   tool.require_subcommand(0, 1);  // so that an unknown word is named, not called missing
   SendOptions sendOptions;
-  declareSend(tool, sendOptions);
+  const CLI::App* const send = declareSend(tool, sendOptions);
   InspectOptions inspectOptions;
   const CLI::App* const inspect = declareInspect(tool, inspectOptions);
   VerifyOptions verifyOptions;
   const CLI::App* const verify = declareVerify(tool, verifyOptions);
+  std::vector<std::string> words(arguments, arguments + argumentCount);
+  sendOptions.command = cutCommand(*send, words);
   try {
-    parse(tool, argumentCount, arguments);
+    parse(tool, std::move(words));
     if (tool.get_subcommands().empty()) throw CLI::RequiredError::Subcommand(1);
   } catch (const CLI::ParseError& error) {
     // Help and version leave by the same way; only they end well.

@@ -206,8 +206,10 @@ void DaemonStream::flush() {
 
 bool DaemonStream::tryFlush() {
   const bool isSent = attempt([this] { writer_->flush_shm_buffer(kStep); });
-  if (isSent) batchSize_ = 0;
-  return isSent;
+  if (!isSent) return false;
+  batchSize_ = 0;
+  lastSent_ = Clock::now();
+  return true;
 }
 
 /// Sends until there was room for it, in steps between which signals and the queue's name are
@@ -230,6 +232,12 @@ void DaemonStream::watch() {
   if (now < nextWatch_) return;
   nextWatch_ = now + kWatchPeriod;
   look();
+  if (now >= lastSent_ + settings_.keepAlive) giveSignOfLife();
+}
+
+/// While the daemon still has something to take, it is not waiting for a sign.
+void DaemonStream::giveSignOfLife() {
+  if (sendView_.messages() == 0) flush();
 }
 
 void DaemonStream::look() {

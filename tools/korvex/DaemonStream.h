@@ -35,6 +35,7 @@ class DaemonStream {
     std::string name;              ///< the stream's name, for error texts; may be empty
     std::chrono::seconds timeout;  ///< 1 second to 1 day
     bool expectsReceipt;           ///< without, replies with status 0 are not looked at
+    std::chrono::milliseconds keepAlive{10000};  ///< of silence before watch() sends something
   };
 
   enum class StopWait { Short, Ordinary };
@@ -56,8 +57,9 @@ class DaemonStream {
   void write(const unsigned char* data, std::size_t size);
   void endSegment();
 
-  /// Sees whether the daemon is still there and has nothing to say. Cheap: looks a hundred times a
-  /// second at most.
+  /// Sees whether the daemon is still there and has nothing to say, and sends what there is, if
+  /// only an empty batch, when nothing was sent for long: a daemon may end silent streams. Cheap:
+  /// looks a hundred times a second at most.
   void watch();
 
   void close();
@@ -88,6 +90,7 @@ class DaemonStream {
   void awaitRoom(Clock::time_point deadline);
   void awaitAllTaken(const char* what);
   void look();
+  void giveSignOfLife();
   void takeReplies();
   void takeReply();
   void refuseForeignReply() const;
@@ -111,7 +114,8 @@ class DaemonStream {
   std::size_t largestPiece_ = 0;
   std::size_t batchSize_ = 0;  ///< at most what the writer's batch has
   Clock::time_point nextWatch_;
-  Clock::time_point lastSign_;  ///< of life while the stream is being stored
+  Clock::time_point lastSent_;
+  Clock::time_point lastSign_;   ///< of life while the stream is being stored
   bool isStoppable_ = false;     ///< the daemon may have an open stream, and listens
   bool isWriterClosed_ = false;  ///< it sends no close record when it is destroyed
 };

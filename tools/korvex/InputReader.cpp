@@ -19,7 +19,6 @@ namespace {
 
 const std::string kStandardInput = "-";
 constexpr int kPipeSize = 1 << 20;
-constexpr std::chrono::milliseconds kIdlePeriod{500};
 constexpr int kOpenFlags = O_RDONLY | O_CLOEXEC | O_NOCTTY;
 
 std::string titleOf(const std::string& name) {
@@ -150,10 +149,11 @@ void InputReader::waitForInput() {
   pollfd ends[] = {{file_, POLLIN, 0}, {stop_.descriptor(), POLLIN, 0}};
   for (;;) {
     const int ready = ::poll(ends, 2, static_cast<int>(kIdlePeriod.count()));
+    const int error = errno;
     stop_.throwIfReceived();
+    if (ready < 0 && error != EINTR) throwUnreadable(names_[next_ - 1], error);
+    pulse();
     if (ready > 0) return;
-    if (ready < 0 && errno != EINTR) throwUnreadable(names_[next_ - 1], errno);
-    if (ready == 0 && idle_) idle_();
   }
 }
 

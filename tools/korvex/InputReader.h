@@ -3,11 +3,11 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "Input.h"
 #include "StopSignal.h"
 
 namespace korvex::tool {
@@ -16,29 +16,22 @@ namespace korvex::tool {
 ///
 /// A file that cannot be read throws a Failure that names it, with the system's error number and
 /// text. A signal throws Interrupted, also while a pipe is waited for.
-class InputReader {
+class InputReader : public Input {
  public:
   /// Proves as far as possible that every file can be read: what is missing, forbidden, a
   /// directory, a socket or a device that cannot be opened throws. Pipes are not opened for that,
   /// since their writers would notice.
   /// No names mean standard input. Both the list and the signal are used as long as the reader.
   InputReader(const std::vector<std::string>& names, const StopSignal& stop);
-  ~InputReader();
+  ~InputReader() override;
   InputReader(const InputReader&) = delete;
   InputReader& operator=(const InputReader&) = delete;
 
   /// The bytes to come as the files are now; unknown when one of them is no regular file.
-  std::optional<std::uint64_t> totalBytes() const { return totalBytes_; }
+  std::optional<std::uint64_t> totalBytes() const override { return totalBytes_; }
 
-  /// Called twice a second while a pipe has nothing to read.
-  void whenIdle(std::function<void()> action) { idle_ = std::move(action); }
-
-  /// Goes on to the next file. False after the last.
-  bool openNext();
-
-  /// Reads until the buffer is full or the present file ends, and returns the number of bytes.
-  /// Fewer than `size` mean that the file has ended.
-  std::size_t fill(unsigned char* buffer, std::size_t size);
+  bool openNext() override;
+  std::size_t fill(unsigned char* buffer, std::size_t size) override;
 
  private:
   void addSize(const std::string& name);
@@ -49,7 +42,6 @@ class InputReader {
 
   std::vector<std::string> names_;
   const StopSignal& stop_;
-  std::function<void()> idle_;
   std::optional<std::uint64_t> totalBytes_ = 0;
   std::size_t next_ = 0;
   int file_ = -1;

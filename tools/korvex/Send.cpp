@@ -12,9 +12,11 @@
 
 #include "DaemonStream.h"
 #include "Failure.h"
+#include "FromCommand.h"
 #include "InputReader.h"
 #include "Receipt.h"
 #include "SendReport.h"
+#include "SourceCommand.h"
 #include "StreamDigest.h"
 #include "common/CommandLine.h"
 #include "common/Printable.h"
@@ -55,8 +57,9 @@ class SendRun {
 
  private:
   void stream();
-  void sendAll(InputReader& input);
-  void sendFile(InputReader& input, std::size_t pieceSize);
+  Input& openInput();
+  void sendAll(Input& input);
+  void sendPart(Input& input, std::size_t pieceSize);
   void endSegment();
   void verify();
   void fail(ExitCode exitCode, ov_status_t status, const std::string& message);
@@ -65,6 +68,8 @@ class SendRun {
   const StopSignal& stop_;
   Progress& progress_;
   Clock::time_point start_;
+  std::unique_ptr<Input> input_;
+  SourceCommand* command_ = nullptr;  ///< the input, when it is one
   std::unique_ptr<DaemonStream> daemon_;
   StreamDigest digest_;
   Buffer buffer_;
@@ -75,6 +80,7 @@ SendReport SendRun::run() {
   try {
     stream();
   } catch (const Interrupted& interrupted) {
+    if (command_ != nullptr) command_->interrupt();
     if (daemon_) daemon_->stop(DaemonStream::StopWait::Short);
     fail(ExitCode::Failed, EINTR, "interrupted by signal " + std::to_string(interrupted.signal));
     report_.exitCode = kSignalExitBase + interrupted.signal;
@@ -84,6 +90,7 @@ SendReport SendRun::run() {
   } catch (const std::exception& error) {
     fail(ExitCode::Failed, EIO, error.what());
   }
+  if (command_ != nullptr) report_.command = command_->settle();
   const Receipt sent = digest_.expected();
   report_.bytes = sent.bytes;
   report_.xxh128 = sent.xxh128;
@@ -92,16 +99,19 @@ SendReport SendRun::run() {
 }
 
 void SendRun::stream() {
-  InputReader input(options_.files, stop_);
+  Input& input = openInput();
   daemon_ = std::make_unique<DaemonStream>(
       DaemonStream::Settings{options_.queue, options_.name, std::chrono::seconds(options_.timeout),
-                             !options_.noReceipt},
+                             !options_.noReceipt, options_.keepAlive},
       stop_);
+  if (command_ != nullptr) command_->start();
   try {
     daemon_->open();
     sendAll(input);
+    input.finish();
     daemon_->close();
   } catch (const Failure&) {
+    if (command_ != nullptr) command_->interrupt();
     // Not a close record: the daemon must see that the stream is broken off.
     daemon_->stop(DaemonStream::StopWait::Ordinary);
     throw;
@@ -109,7 +119,20 @@ void SendRun::stream() {
   verify();
 }
 
-void SendRun::sendAll(InputReader& input) {
+Input& SendRun::openInput() {
+  if (options_.fromCommand) {
+    auto command = std::make_unique<SourceCommand>(
+        SourceCommand::Settings{options_.command, std::chrono::seconds(options_.commandTimeout)},
+        stop_);
+    command_ = command.get();
+    input_ = std::move(command);
+  } else {
+    input_ = std::make_unique<InputReader>(options_.files, stop_);
+  }
+  return *input_;
+}
+
+void SendRun::sendAll(Input& input) {
   const auto pieceSize = static_cast<std::size_t>(
       std::min<std::uint64_t>(daemon_->largestPiece(), options_.segmentSize));
   buffer_ = allocatePages(pieceSize);
@@ -118,12 +141,12 @@ void SendRun::sendAll(InputReader& input) {
     daemon_->watch();
     progress_.show(digest_.bytes(), Clock::now());
   });
-  while (input.openNext()) sendFile(input, pieceSize);
+  while (input.openNext()) sendPart(input, pieceSize);
 }
 
 /// A segment is sent in pieces that are small enough to stay in the processor's cache from the read
 /// over the digest to the copy into the batch.
-void SendRun::sendFile(InputReader& input, std::size_t pieceSize) {
+void SendRun::sendPart(Input& input, std::size_t pieceSize) {
   std::uint64_t inSegment = 0;
   for (bool isMore = true; isMore;) {
     const auto wanted = static_cast<std::size_t>(
@@ -229,6 +252,7 @@ CLI::App* declareSend(CLI::App& tool, SendOptions& options) {
       ->excludes(receiptTimeout);
   send->add_flag("--quiet", options.quiet, "Tell errors only");
   send->add_flag("--json", options.json, "Write the result to standard output as a JSON object");
+  declareFromCommand(*send, options);
   send->add_option("FILE", options.files, "Files to send; - or none is standard input");
   return send;
 }

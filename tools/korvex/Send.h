@@ -27,7 +27,11 @@ struct SendOptions {
   bool noReceipt = false;
   bool quiet = false;
   bool json = false;
+  std::chrono::milliseconds keepAlive{10000};  ///< not on the command line
   std::vector<std::string> files;
+  bool fromCommand = false;
+  unsigned commandTimeout = 60;      ///< seconds
+  std::vector<std::string> command;  ///< and its arguments
 };
 
 /// Declares the subcommand; `options` is filled when the command line is parsed.

@@ -16,6 +16,11 @@ std::string secondsText(double seconds) {
   return text.data();
 }
 
+nlohmann::ordered_json objectOf(const ProcessEnd& end) {
+  if (end.signal == 0) return {{"exitCode", end.exitCode}};
+  return {{"signal", signalName(end.signal)}};
+}
+
 }  // namespace
 
 std::string SendReport::summary() const {
@@ -24,12 +29,12 @@ std::string SendReport::summary() const {
 }
 
 std::string SendReport::json() const {
-  const nlohmann::ordered_json object = {
-      {"bytes", bytes},      {"segments", segments},
-      {"seconds", seconds},  {"bytesPerSecond", bytesPerSecond()},
-      {"xxh128", xxh128},    {"verified", isVerified},
-      {"status", status},    {"message", message},
-      {"exitCode", exitCode}};
+  nlohmann::ordered_json object = {{"bytes", bytes},      {"segments", segments},
+                                   {"seconds", seconds},  {"bytesPerSecond", bytesPerSecond()},
+                                   {"xxh128", xxh128},    {"verified", isVerified},
+                                   {"status", status},    {"message", message},
+                                   {"exitCode", exitCode}};
+  if (command) object["command"] = objectOf(*command);
   // A file name in the message may be no text at all; that must not cost the whole result.
   return object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }

@@ -2,9 +2,12 @@
 #define KORVEX_TOOL_SEND_REPORT_H
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include <qmx/error.h>
+
+#include "ChildProcess.h"
 
 namespace korvex::tool {
 
@@ -18,7 +21,8 @@ struct SendReport {
   ov_status_t status = 0;
   std::string message;
   int exitCode = 0;
-  int signal = 0;  ///< what ended it; 0 for none
+  int signal = 0;                     ///< what ended it; 0 for none
+  std::optional<ProcessEnd> command;  ///< how the command ended that the data came from
 
   double bytesPerSecond() const { return seconds > 0 ? static_cast<double>(bytes) / seconds : 0; }
 

@@ -5,6 +5,7 @@
 
 #include "Failure.h"
 #include "FakeDaemon.h"
+#include "integration/support/Await.h"
 
 namespace {
 
@@ -19,6 +20,16 @@ const unsigned char kByte[] = {'x'};
 struct DaemonStreamTo : testing::Test {
   DaemonStream::Settings settings(const FakeDaemon& daemon) const {
     return {daemon.queue(), "", std::chrono::seconds(60), true};
+  }
+
+  /// Watches as an idle sender does. False when the condition never held.
+  template <typename Condition>
+  static bool watchUntil(DaemonStream& stream, Condition condition) {
+    const auto isMet = [&] {
+      stream.watch();
+      return condition();
+    };
+    return test_support::eventually(isMet);
   }
 
   StopSignal stop;
@@ -42,6 +53,44 @@ TEST_F(DaemonStreamTo, OpensOnlyWhenTheDaemonHasTakenTheOpenRecord) {
   DaemonStream stream(settings(daemon), stop);
   stream.open();
   EXPECT_EQ(daemon.types(), "0");
+}
+
+TEST_F(DaemonStreamTo, KeepsASilentStreamAliveWithEmptyBatches) {
+  FakeDaemon daemon;
+  daemon.serve(staySilent);
+  auto lively = settings(daemon);
+  lively.keepAlive = std::chrono::milliseconds(1);
+  DaemonStream stream(lively, stop);
+  stream.open();
+  const std::size_t before = daemon.batches();
+  EXPECT_TRUE(watchUntil(stream, [&] { return daemon.batches() >= before + 3; }));
+  EXPECT_EQ(daemon.types(), "0");
+}
+
+TEST_F(DaemonStreamTo, SendsWhatThereIsAsASignOfLife) {
+  FakeDaemon daemon;
+  daemon.serve(staySilent);
+  auto lively = settings(daemon);
+  lively.keepAlive = std::chrono::milliseconds(1);
+  DaemonStream stream(lively, stop);
+  stream.open();
+  stream.write(kByte, sizeof kByte);
+  EXPECT_TRUE(watchUntil(stream, [&] { return daemon.segments() == "x"; }));
+}
+
+TEST_F(DaemonStreamTo, LeavesAQueueAloneThatIsNotEmptied) {
+  FakeDaemon daemon;
+  daemon.serve(staySilent);
+  auto lively = settings(daemon);
+  lively.keepAlive = std::chrono::milliseconds(0);
+  DaemonStream stream(lively, stop);
+  stream.open();
+  daemon.finish();
+  EXPECT_TRUE(watchUntil(stream, [&] { return daemon.waiting() == 1; }));
+  // Each look is at least 10 ms after the one before, so the second one has looked.
+  const auto later = std::chrono::steady_clock::now() + std::chrono::milliseconds(20);
+  watchUntil(stream, [&] { return std::chrono::steady_clock::now() > later; });
+  EXPECT_EQ(daemon.waiting(), 1u);
 }
 
 TEST_F(DaemonStreamTo, IsNotClosedAfterASignal) {

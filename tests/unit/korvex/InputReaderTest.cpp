@@ -235,7 +235,7 @@ TEST_F(InputReaderFiles, CallsTheIdleActionWhileAPipeIsSilent) {
   });
   ASSERT_TRUE(reader.openNext());
   EXPECT_EQ(fill(reader, 3), "");
-  EXPECT_EQ(calls, 2);
+  EXPECT_GE(calls, 2);
 }
 
 TEST_F(InputReaderFiles, NamesAMissingFile) {
@@ -304,14 +304,26 @@ TEST_F(InputReaderFiles, CallsTheIdleActionUntilAPipeHasAWriter) {
   InputReader reader({name}, stop);
   int calls = 0;
   reader.whenIdle([&] {
-    if (++calls < 2) return;
+    if (++calls != 2) return;
     const int writer = ::open(name.c_str(), O_WRONLY | O_CLOEXEC);
     EXPECT_EQ(::write(writer, "abc", 3), 3);
     ::close(writer);
   });
   ASSERT_TRUE(reader.openNext());
   EXPECT_EQ(fill(reader, 10), "abc");
-  EXPECT_EQ(calls, 2);
+  EXPECT_GE(calls, 2);
+}
+
+TEST_F(InputReaderFiles, CallsTheIdleActionWhileAPipeTrickles) {
+  Pipe pipe;
+  const StandardInput input(pipe.ends[0]);
+  InputReader reader({}, stop);
+  int calls = 0;
+  reader.whenIdle([&] { ++calls; });
+  pipe.write("abc");
+  ASSERT_TRUE(reader.openNext());
+  EXPECT_EQ(fill(reader, 3), "abc");
+  EXPECT_EQ(calls, 1) << "although there was something to read all the time";
 }
 
 TEST_F(InputReaderFiles, RefusesAForbiddenFile) {

@@ -1,0 +1,77 @@
+#include "FromCommand.h"
+
+#include <CLI/CLI.hpp>
+
+#include "Send.h"
+#include "common/CommandLine.h"
+
+namespace korvex::tool {
+namespace {
+
+const std::string kFlag = "--from-command";
+const std::string kEndOfOptions = "--";
+constexpr unsigned kMinTimeout = 1;
+constexpr unsigned kMaxTimeout = 86400;
+
+bool isOption(const std::string& word) { return word.size() > 1 && word.front() == '-'; }
+
+/// Whether the word is an option whose value is the next word.
+bool takesNextWord(const CLI::App& send, const std::string& word) {
+  const CLI::Option* const option = send.get_option_no_throw(word);
+  return option != nullptr && option->get_items_expected_min() > 0;
+}
+
+/// The place after the last word of the tool's own; the number of words when there is no command.
+std::size_t commandBegin(const CLI::App& send, const std::vector<std::string>& words) {
+  bool hasFlag = false;
+  for (std::size_t i = 2; i < words.size(); ++i) {
+    if (words[i] == kEndOfOptions) return hasFlag ? i : words.size();
+    if (!isOption(words[i]) && hasFlag) return i;
+    if (words[i] == kFlag) hasFlag = true;
+    if (takesNextWord(send, words[i])) ++i;
+  }
+  return words.size();
+}
+
+void check(const SendOptions& options) {
+  if (!options.fromCommand) return;
+  if (!options.files.empty()) {
+    throw CLI::ValidationError(kFlag, "found the file '" + options.files.front() +
+                                          "' in front of it, expected only a command after it");
+  }
+  if (options.command.empty()) {
+    throw CLI::ValidationError(kFlag, "expected a command after it, found nothing");
+  }
+  if (options.command.front().empty()) {
+    throw CLI::ValidationError(kFlag, "the command's name is empty");
+  }
+}
+
+}  // namespace
+
+void declareFromCommand(CLI::App& send, SendOptions& options) {
+  CLI::Option* const flag = send.add_flag(
+      kFlag, options.fromCommand,
+      "Run a command and send its output: all words from the first that is no option, or after --");
+  send.add_option("--command-timeout", options.commandTimeout,
+                  "How long a command may go on without output, or its output without it, in "
+                  "seconds")
+      ->needs(flag)
+      ->transform(wholeNumber)
+      ->check(CLI::Range(kMinTimeout, kMaxTimeout))
+      ->type_name("SECONDS")
+      ->capture_default_str();
+  send.final_callback([&options] { check(options); });
+}
+
+std::vector<std::string> cutCommand(const CLI::App& send, std::vector<std::string>& words) {
+  if (words.size() < 2 || words[1] != send.get_name()) return {};
+  const std::size_t begin = commandBegin(send, words);
+  const auto first = words.begin() + static_cast<std::ptrdiff_t>(begin);
+  const bool isMarked = first != words.end() && *first == kEndOfOptions;
+  std::vector<std::string> command(isMarked ? first + 1 : first, words.end());
+  words.erase(first, words.end());
+  return command;
+}
+
+}  // namespace korvex::tool
