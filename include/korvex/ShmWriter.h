@@ -44,6 +44,7 @@ class MessageQueue;
 /// library's errors:
 /// - absent, forbidden or misnamed: std::strerror of ENOENT, EACCES, EINVAL and the like
 /// - damaged or no queue: "the shared-memory object is not a sound message queue"
+/// - damaged or just being changed, while it is opened: "the message queue's lock stayed taken"
 /// - a lock that a dead process broke: "boost::interprocess::lock_exception", in every call from
 ///   then on; the writer is of no more use
 ///

@@ -51,6 +51,7 @@ const char* pathOf(int file) {
 struct LibraryError {
   int code;
   int systemError;
+  std::string text;
 };
 
 template <typename Call>
@@ -58,9 +59,9 @@ LibraryError errorOf(Call call) {
   try {
     call();
   } catch (const ipc::interprocess_exception& error) {
-    return {error.get_error_code(), error.get_native_error()};
+    return {error.get_error_code(), error.get_native_error(), error.what()};
   }
-  return {ipc::no_error, 0};
+  return {ipc::no_error, 0, ""};
 }
 
 /// Which number a descriptor would get now: the same again when none was kept meanwhile.
@@ -186,8 +187,9 @@ TEST_F(MessageQueueCalls, QueueThatStaysInAChangeIsALockErrorAtTheDeadline) {
   const RawQueue queue(uniqueQueueName(), 4, 300);
   goRound(queue.name());
   overwrite(queue.name(), kLockWordAt, std::uint32_t{1});
-  EXPECT_EQ(errorOf([&] { MessageQueue(queue.name(), MessageQueue::Clock::now()); }).code,
-            ipc::timeout_when_locking_error);
+  const auto error = errorOf([&] { MessageQueue(queue.name(), MessageQueue::Clock::now()); });
+  EXPECT_EQ(error.code, ipc::timeout_when_locking_error);
+  EXPECT_EQ(error.text, "the message queue's lock stayed taken");
 }
 
 TEST_F(QueueViewCalls, ObjectThatCannotBeMappedIsUnreachable) {
