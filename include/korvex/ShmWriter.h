@@ -81,7 +81,7 @@ class KORVEX_EXPORT ShmWriter : public ChannelWriter {
   /// Waits as close() does, and is not cancelled.
   ~ShmWriter() override;
 
-  /// Sends the open record and starts numbering anew. Does nothing when open.
+  /// Sends the open record and starts numbering from 0. Does nothing when open.
   void open() override;
 
   /// Sends what is buffered and the close record. Does nothing when not open; stays open when the

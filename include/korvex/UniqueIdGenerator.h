@@ -12,7 +12,7 @@ namespace korvex {
 
 /// Hands out identifiers that are unique within one process: a prefix, "_" and a running number.
 ///
-/// All components of a process draw from the one generator that getInstance() gives, also when they
+/// All components of a process draw from the one generator that getInstance() gives, even when they
 /// live in different shared libraries, and all prefixes share its one sequence. Identifiers say
 /// nothing about the process or the time: two processes draw the same ones. Once loaded, the
 /// library stays in the process: closing it does not start the sequence again.
@@ -23,7 +23,7 @@ class KORVEX_EXPORT UniqueIdGenerator {
  public:
   /// The process's generator, made on the first call. Never null; do not delete it.
   ///
-  /// A forked child may draw from it, also when other threads of its parent were drawing at that
+  /// A forked child may draw from it, even when other threads of its parent were drawing at that
   /// moment; the child counts on from where the parent was. Other generators have no such care.
   static UniqueIdGenerator* getInstance();
 

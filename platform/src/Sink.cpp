@@ -38,7 +38,7 @@ Current& current() {
 // child with a guard that nobody ever releases.
 [[maybe_unused]] const Current& madeAtLoad = current();
 
-// A child that was forked while another thread wrote a line would find the lock taken for ever.
+// A child that was forked while another thread wrote a line would find the lock taken forever.
 void lockForFork() {
   if (!insideDestination) current().mutex.lock();
 }

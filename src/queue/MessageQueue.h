@@ -16,7 +16,7 @@ namespace korvex {
 ///
 /// Knows nothing of batches. Never enters the queue's condition variables: a peer that dies inside
 /// one takes down everybody else there. Waiting is done out here, by trying again after short
-/// pauses. Never waits for ever on the queue's lock either, which a dead peer may have kept.
+/// pauses. Never waits forever on the queue's lock either, which a dead peer may have kept.
 ///
 /// Errors are the queue library's own exceptions, derived from std::exception. After one that says
 /// that the lock is broken for good, every further operation throws the same.

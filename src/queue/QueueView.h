@@ -11,7 +11,7 @@ namespace korvex {
 
 /// What can be seen of a queue's shared memory without touching its lock.
 ///
-/// The queue library opens whatever lies under a name: it waits for ever for a half-made object and
+/// The queue library opens whatever lies under a name: it waits forever for a half-made object and
 /// maps a cut one, to crash later. So the object is looked at first. The layout is the one that the
 /// library has had, unchanged, from release 1.63 to 1.81 on x86-64.
 ///

@@ -12,7 +12,7 @@ namespace korvex {
 inline std::atomic<const std::uint32_t*> knownTraceFlag{nullptr};
 
 /// Whether trace lines are wanted now. Another thread may switch at any time, so the flag is read
-/// atomically, and asked for anew each time.
+/// atomically, and asked for again each time.
 inline bool isTracing() {
   const std::uint32_t* const flag = __qmxlog_trace_location();
   knownTraceFlag.store(flag, std::memory_order_relaxed);
@@ -26,7 +26,7 @@ void trace(const char* format, Values... values) {
   if (isTracing()) __TraceA(format, values...);
 }
 
-/// As isTracing() without a call, for what takes no longer than a call does. False also when nobody
+/// As isTracing() without a call, for what takes no longer than a call does. Also false when nobody
 /// has asked yet.
 inline bool isKnownUntraced() {
   const std::uint32_t* const flag = knownTraceFlag.load(std::memory_order_relaxed);

@@ -16,7 +16,7 @@ pthread_mutex_t singletonLock = PTHREAD_MUTEX_INITIALIZER;
 }  // namespace
 
 /// Takes both locks of the process's generator over a fork. A child that was forked while another
-/// thread held one would find it taken for ever.
+/// thread held one would find it taken forever.
 ///
 /// Always the outer lock first. Nobody else holds one while it waits for the other, so this cannot
 /// lock anybody out. Made while the library is loaded: the first draw would be too late.

@@ -288,7 +288,7 @@ void Lane::awaitSurvivors() {
 
 /// The next stream must be taken within a second of the daemon's service. One that was begun on
 /// queues that a dead producer had locked is lost with them; then the next one's second begins when
-/// the daemon has made them anew.
+/// the daemon has made them again.
 void Lane::sendNext(Clock::time_point served) {
   const auto end = Clock::now() + 5 * kServedPatience;
   std::size_t renewals = timesServedAnew();
@@ -309,7 +309,7 @@ void Lane::sendNext(Clock::time_point served) {
   complain("the next stream took " + std::to_string(msOf(taken)) + " ms");
 }
 
-/// How often the daemon that runs now had to make its queues anew.
+/// How often the daemon that runs now had to make its queues again.
 std::size_t Lane::timesServedAnew() const {
   static const std::string kLine = ": served again";
   const std::string said = daemon_->said();

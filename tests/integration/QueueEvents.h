@@ -11,7 +11,7 @@ namespace strange {
 /// What becomes of a daemon's pair of queues.
 enum class After {
   Untouched,   ///< nothing: it goes on serving
-  ServedAnew,  ///< it makes both queues anew
+  ServedAnew,  ///< it makes both queues again
   Blocked      ///< it would, but something that is not its own lies there
 };
 

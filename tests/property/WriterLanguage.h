@@ -11,7 +11,7 @@ namespace korvex::test {
 
 /// What a producer and the daemon at the other end can do.
 ///
-/// `queues` makes both queues anew (`missing` 1: no send queue, 2: no response queue) and
+/// `queues` makes both queues again (`missing` 1: no send queue, 2: no response queue) and
 /// `construct` a writer on them, whose name is the text; both destroy the writer before. `take`,
 /// `drain`, `fill` and `reply` are the daemon's side; `locale` is the process's own. What needs a
 /// writer does nothing without one.

@@ -86,7 +86,7 @@ Ending runCommand(int argumentCount, const char* const* arguments, const StopSig
   return runSend(sendOptions, stop, sendOptions.quiet ? Progress() : progress, out, errors);
 }
 
-/// What somebody asked for and did not get is a failure, also when the disk is full that it was to
+/// What somebody asked for and did not get is a failure, even when the disk is full that it was to
 /// go to.
 Ending withOutput(Ending ending, std::ostream& out, std::ostream& errors) {
   if (out) errno = 0;

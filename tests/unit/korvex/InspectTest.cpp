@@ -46,7 +46,7 @@ class Inspect : public testing::Test {
     return write("q-0000000" + std::to_string(number) + ".batch", batch.bytes());
   }
 
-  /// Runs the command anew; gives what it wrote, with the folder's name taken out.
+  /// Runs the command again; gives what it wrote, with the folder's name taken out.
   std::string inspect(const std::vector<std::string>& files) {
     options_.files = files;
     out_.str("");

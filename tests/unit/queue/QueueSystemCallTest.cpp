@@ -212,7 +212,7 @@ TEST_F(QueueViewCalls, NameCountsAsTakenOverWhenItsObjectCannotBeLookedAt) {
   EXPECT_FALSE(view.isStillNamed(queue.name()));
 }
 
-// Numbers of files are given anew on each device.
+// Each device has inode numbers of its own.
 TEST_F(QueueViewCalls, SameNumberOnAnotherDeviceIsAnotherObject) {
   const RawQueue queue(uniqueQueueName(), 4, 300);
   const QueueView view(queue.name());

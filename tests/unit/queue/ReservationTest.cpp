@@ -42,7 +42,7 @@ TEST(Reservation, IsTriedAgainWhenASignalCutsItShort) {
   }
 }
 
-// Each would make the system start anew, which takes long for a large queue.
+// Each would make the system start again, which takes long for a large queue.
 TEST(Reservation, MakesSignalsWaitMeanwhile) {
   const std::string name = korvex_test::uniqueQueueName("reservation");
   interruptedCalls = 0;

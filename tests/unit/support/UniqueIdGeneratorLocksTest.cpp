@@ -141,7 +141,7 @@ TEST(UniqueIdLocks, ShortMemoryThrowsInsteadOfCuttingAnIdentifier) {
 namespace {
 
 /// Draws in a child that is forked while another thread is inside `call` with its lock. 0, or the
-/// signal that ended a child which waited for ever.
+/// signal that ended a child which waited forever.
 int signalOfChildForkedDuring(void (*call)()) {
   std::thread other([call] {
     stopsWithLock = true;

@@ -22,7 +22,7 @@ class Capture {
   /// The highest number that an earlier daemon used for this queue, else 0. Go on from there.
   std::uint64_t lastNumber() const noexcept { return lastNumber_; }
 
-  /// Throws SystemError, also when the number is in use.
+  /// Throws SystemError, even when the number is in use.
   void store(std::uint64_t number, const unsigned char* untrusted, std::size_t size);
 
  private:
