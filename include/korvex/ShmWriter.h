@@ -31,8 +31,9 @@ class MessageQueue;
 /// What blocks: a send, for room until its timeout, and up to 250 ms more when the queue's lock is
 /// all that is in its way; the look for a reply, while that queue's lock is taken, for 20 ms and
 /// rarely for 40; the constructor. A thread may be cancelled (deferred) where a send or the
-/// constructor waits, and nowhere else: the batch stays as it was, and what the thread's
-/// destructors still send is tried once, without waiting for room.
+/// constructor waits, and nowhere else as long as the platform's log calls keep to qmx/trace.h: the
+/// batch stays as it was, and what the thread's destructors still send does not wait for room. A
+/// thread that is cancelled elsewhere waits in the destructor as close() does.
 ///
 /// Errors are Ov_ErrnoException with an empty location: 15 when the queue stayed full for the
 /// timeout (the batch is kept, so a later flush sends it), the daemon's own status and text when

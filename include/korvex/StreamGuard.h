@@ -1,6 +1,8 @@
 #ifndef KORVEX_STREAM_GUARD_H
 #define KORVEX_STREAM_GUARD_H
 
+#include <pthread.h>
+
 #include "korvex/ShmWriter.h"
 
 namespace korvex {
@@ -21,16 +23,19 @@ class StreamGuard {
  public:
   explicit StreamGuard(ShmWriter& stream) noexcept : stream_(&stream) {}
 
-  /// Sends a stop record unless close() succeeded, and waits up to the writer's stop timeout. Never
-  /// throws: when the record cannot be sent either, it has used up its number, and the daemon takes
-  /// no close behind such a gap.
+  /// Sends a stop record unless close() succeeded, and waits up to the writer's stop timeout; a
+  /// thread is not cancelled meanwhile. Never throws: when the record cannot be sent either, it has
+  /// used up its number, and the daemon takes no close behind such a gap.
   ~StreamGuard() {
     if (stream_ == nullptr) return;
+    int before = PTHREAD_CANCEL_ENABLE;
+    ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
     try {
       stream_->stop(true);
     } catch (...) {
       // The error that led here is the one to report.
     }
+    ::pthread_setcancelstate(before, nullptr);
   }
 
   StreamGuard(const StreamGuard&) = delete;

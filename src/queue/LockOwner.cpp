@@ -24,8 +24,9 @@ constexpr char kZombie = 'Z';
 constexpr char kDead = 'X';
 constexpr int kDecimal = 10;
 
-/// The fields of /proc/.../status that are looked at come within its first hundreds of bytes.
-constexpr std::size_t kStatusSize = 2048;
+/// The fields of /proc/.../status that are looked at come behind the list of groups, which has room
+/// for more than a thousand here. Of a process with more nothing is known.
+constexpr std::size_t kStatusSize = std::size_t{16} * 1024;
 
 /// Reads the start of a file of /proc. False, with the reason in errno, when there is nothing.
 template <std::size_t Size>

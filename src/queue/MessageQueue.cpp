@@ -244,10 +244,10 @@ bool MessageQueue::sendBefore(const void* data, std::size_t size, unsigned prior
   // The looks without the lock spare both ends a fight for it, which costs more than the copy. They
   // may be old, so that an attempt follows whatever they say.
   while (looksBusy() && pause.isSpinning()) wait(pause, due);
-  for (;;) {
+  for (bool hasAskedForOwner = false;;) {
     const Outcome outcome = trySend(data, size, priority);
     if (outcome == Outcome::Done) return true;
-    if (isTooLate(outcome, due)) return false;
+    if (isTooLate(outcome, due, hasAskedForOwner)) return false;
     do {
       wait(pause, due);
     } while (looksBusy() && Clock::now() < due);
@@ -255,12 +255,14 @@ bool MessageQueue::sendBefore(const void* data, std::size_t size, unsigned prior
 }
 
 /// Whether it is time to give up after this outcome. A lock that is taken does not say whether
-/// there is room, and is given back in a moment unless its owner is gone.
-bool MessageQueue::isTooLate(Outcome outcome, Clock::time_point due) const noexcept {
-  const auto late = Clock::now() - due;
-  if (late < Clock::duration::zero()) return false;
-  return outcome == Outcome::NotReady || view_.looksFull() || late >= kLockGrace - kLockPatience ||
-         view_.isLockOwnerGone();
+/// there is room, and is given back in a moment unless its owner is gone. Asking for the owner may
+/// take a look at every process, so it is done once.
+bool MessageQueue::isTooLate(Outcome outcome, Clock::time_point due,
+                             bool& hasAskedForOwner) const noexcept {
+  if (Clock::now() < due) return false;
+  if (outcome == Outcome::NotReady || view_.looksFull()) return true;
+  if (!std::exchange(hasAskedForOwner, true) && view_.isLockOwnerGone()) return true;
+  return Clock::now() - due >= kLockGrace - kLockPatience;
 }
 
 bool MessageQueue::remove(const std::string& name) noexcept {

@@ -90,7 +90,7 @@ class MessageQueue {
   bool isOpenedAtOnce(const std::string& name);
   bool isChanging(QueueView::Use use) const;
   bool looksBusy() const noexcept { return view_.looksFull() || view_.looksLocked(); }
-  bool isTooLate(Outcome outcome, Clock::time_point due) const noexcept;
+  bool isTooLate(Outcome outcome, Clock::time_point due, bool& hasAskedForOwner) const noexcept;
   template <typename Operation>
   Outcome attempt(QueueView::Use use, Operation operation);
 

@@ -57,6 +57,7 @@ inline void keepStoresApart() noexcept { std::atomic_signal_fence(std::memory_or
                                                  const unsigned char* data,
                                                  std::uint32_t length) noexcept {
   unsigned char* const place = putHeader(writePos_, header);
+  keepStoresApart();  // what the caller has stored stays stored, the record's number above all
   if (length != 0) copyShort(place, data, length);
   keepStoresApart();
   writePos_ = place + length;

@@ -10,45 +10,46 @@ namespace {
 // this unit reads it.
 [[maybe_unused]] const std::string KorvexdProcessName = "korvexd";
 
-// Of getInstance() alone, out here because forks take it too.
-pthread_mutex_t singletonLock = PTHREAD_MUTEX_INITIALIZER;
-
 }  // namespace
 
-/// Takes both locks of the process's generator over a fork. A child that was forked while another
-/// thread held one would find it taken forever.
+/// Gives a forked child both locks of the process's generator as new: one that another thread held
+/// at that moment would stay taken forever.
 ///
-/// Always the outer lock first. Nobody else holds one while it waits for the other, so this cannot
-/// lock anybody out. Made while the library is loaded: the first draw would be too late.
+/// The parent takes neither for it. A thread may draw while it holds a lock of its own that another
+/// fork handler wants, and the two would wait for each other. The counter is one aligned word, so
+/// it is whole at any moment. Made while the library is loaded, and the generator with it: a first
+/// call that a fork interrupts would leave the compiler's guard taken as well.
 class UniqueIdGenerator::ForkGuard {
  public:
-  ForkGuard() { ::pthread_atfork(lockBoth, unlockBoth, unlockBoth); }
-
-  static UniqueIdGenerator* guarded;  ///< under singletonLock; null before the first getInstance()
-
- private:
-  static void lockBoth() {
-    ::pthread_mutex_lock(&singletonLock);
-    if (guarded != nullptr) ::pthread_mutex_lock(&guarded->mutex_);
+  ForkGuard() {
+    getInstance();
+    ::pthread_atfork(nullptr, nullptr, renewLocks);
   }
 
-  static void unlockBoth() {
-    if (guarded != nullptr) ::pthread_mutex_unlock(&guarded->mutex_);
-    ::pthread_mutex_unlock(&singletonLock);
+  static pthread_mutex_t* singletonLock;
+  static UniqueIdGenerator* generator;
+
+ private:
+  static void renewLocks() {
+    ::pthread_mutex_init(singletonLock, nullptr);
+    ::pthread_mutex_init(&generator->mutex_, nullptr);
   }
 
   static const ForkGuard madeAtLoad;
 };
 
-UniqueIdGenerator* UniqueIdGenerator::ForkGuard::guarded = nullptr;
+pthread_mutex_t* UniqueIdGenerator::ForkGuard::singletonLock = nullptr;
+UniqueIdGenerator* UniqueIdGenerator::ForkGuard::generator = nullptr;
 const UniqueIdGenerator::ForkGuard UniqueIdGenerator::ForkGuard::madeAtLoad;
 
 UniqueIdGenerator* UniqueIdGenerator::getInstance() {
+  static pthread_mutex_t singletonLock = PTHREAD_MUTEX_INITIALIZER;
   // The compiler guards the first construction as well; the lock on every call is on top of that,
-  // on purpose: it holds wherever the library is built, also without that guard.
+  // on purpose: it holds wherever the library is built, even without that guard.
   const AutoLock lock(&singletonLock);
   static UniqueIdGenerator instance;  // GCOVR_EXCL_BR_LINE: under the lock nobody is first but us
-  ForkGuard::guarded = &instance;
+  ForkGuard::singletonLock = &singletonLock;
+  ForkGuard::generator = &instance;
   return &instance;
 }
 

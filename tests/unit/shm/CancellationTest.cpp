@@ -8,9 +8,11 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 
 #include "korvex/ShmWriter.h"
+#include "korvex/StreamGuard.h"
 #include "queue/MessageQueue.h"
 #include "support/Bytes.h"
 #include "support/DaemonQueues.h"
@@ -173,5 +175,23 @@ TEST(Cancellation, OfOneThreadLeavesTheOthersTheirWaits) {
     writer.open();  // fills the queue
     EXPECT_EQ(endOfCancelled([&] { writer.flush_shm_buffer(kDay); }), "cancelled");
     EXPECT_EQ(endOfCancelled([&] { writer.flush_shm_buffer(kDay); }), "cancelled");
+  });
+}
+
+TEST(Cancellation, OfAGuardThatStopsComesBehindItsWait) {
+  inAChild([] {
+    DaemonQueues queues(4096, 1);
+    ShmWriter writer("stream", queues.name(), kDay, 1, false);
+    writer.open();  // fills the queue
+    const auto fail = [&] {
+      try {
+        const korvex::StreamGuard guard(writer);
+        throw std::runtime_error("the input is damaged");
+      } catch (const std::runtime_error&) {
+      }
+      ::pthread_testcancel();
+    };
+    EXPECT_EQ(endOfCancelled(fail), "cancelled");
+    queues.takeBatch();
   });
 }

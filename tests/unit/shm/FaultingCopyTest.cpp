@@ -65,8 +65,8 @@ class ShrunkFile {
   unsigned char* pages_;
 };
 
-// Short ones are copied without a call, from 16 to 32 bytes; the last byte of each is gone.
-constexpr std::uint32_t kLengths[] = {1, 5, 16, 17, 31, 32, 33, 100, 3000};
+// Short ones are copied without a call, from 16 to 128 bytes; the last byte of each is gone.
+constexpr std::uint32_t kLengths[] = {1, 5, 16, 17, 31, 32, 33, 100, 127, 128, 129, 3000};
 
 /// The ways of a segment into the batch.
 enum class Way { Short, Traced };

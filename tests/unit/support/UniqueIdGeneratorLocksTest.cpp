@@ -173,3 +173,17 @@ TEST(UniqueIdLocks, ChildForkedDuringADrawDraws) {
 TEST(UniqueIdLocks, ChildForkedDuringACallForTheInstanceDraws) {
   EXPECT_EQ(signalOfChildForkedDuring([] { korvex::UniqueIdGenerator::getInstance(); }), 0);
 }
+
+// A thread that draws while it holds the lock of another fork handler would wait for the fork, and
+// the fork for it.
+TEST(UniqueIdLocks, ForkTakesNoneOfThem) {
+  auto* const inside = reinterpret_cast<pthread_mutex_t*>(korvex::UniqueIdGenerator::getInstance());
+  const auto ofCall = locksTakenIn([] { korvex::UniqueIdGenerator::getInstance(); });
+  const auto ofFork = locksTakenIn([] {
+    const pid_t child = ::fork();
+    if (child == 0) ::_exit(0);
+    ::waitpid(child, nullptr, 0);
+  });
+  EXPECT_THAT(ofFork, testing::Not(testing::Contains(inside)));
+  EXPECT_THAT(ofFork, testing::Not(testing::Contains(ofCall.at(0))));
+}
