@@ -1,4 +1,4 @@
-// daemon QUEUE FOLDER: stores each stream as a file, under its final name only when it is complete.
+// daemon QUEUE FOLDER: a file for each stream, called .partial until it is whole. Syncs nothing.
 #include <korvex/receiver/Receiver.h>
 
 #include <csignal>
@@ -7,7 +7,6 @@
 #include <iostream>
 
 using namespace korvex::receiver;
-
 std::atomic<bool> stop{false};
 
 struct FileSink : Sink {
@@ -19,7 +18,8 @@ struct FileSink : Sink {
   }
   void complete(const StreamSummary&, const StillFinishing&) override {
     file.close();
-    std::filesystem::rename(path + ".partial", path);
+    std::filesystem::create_hard_link(path + ".partial", path);  // never replaces
+    std::filesystem::remove(path + ".partial");
   }
   void abandon(const StreamSummary&, const std::string&) override {}  // its name says enough
 

@@ -70,13 +70,17 @@ void QueueServer::takeRest() {
   const auto deadline = Clock::now() + kDrainPatience;
   pause_.reset();
   std::size_t rest = pair_->batches().messages();
-  while (rest > 0 && Clock::now() < deadline) {
-    if (tryTakeMessage()) --rest;
+  while ((nextSize_ || rest > 0) && Clock::now() < deadline) {
+    if (nextSize_) {
+      takeNextMessage();
+    } else if (tryTakeMessage()) {
+      --rest;
+    }
   }
 }
 
 void QueueServer::reportUntaken() {
-  const std::size_t untaken = pair_->batches().messages();
+  const std::size_t untaken = pair_->batches().messages() + (nextSize_ ? 1 : 0);
   if (untaken > 0) observer_.messagesLeft(untaken);
 }
 
@@ -169,8 +173,8 @@ void QueueServer::takeEmptyBatches() {
   next_.resize(message_.size());
   std::size_t size = 0;
   while (!nextSize_ && !isIdle() && receive(next_, size)) {
-    const bool isEmpty = BatchCheck(next_.data(), size).ok() && holdsNoRecord(next_, size);
-    if (!isEmpty) nextSize_ = size;
+    nextSize_ = size;  // kept, should memory run out here
+    if (BatchCheck(next_.data(), size).ok() && holdsNoRecord(next_, size)) nextSize_.reset();
   }
 }
 

@@ -5,10 +5,14 @@
 namespace korvex::receiver {
 namespace {
 
-void onBusError(int number) {
-  if (busErrorRecovery != nullptr) ::siglongjmp(*busErrorRecovery, 1);
-  // Nothing of ours: the instruction runs once more and ends the process as ever.
-  ::signal(number, SIG_DFL);
+struct sigaction before = {};  ///< what the host does about SIGBUS
+
+void onBusError(int number, siginfo_t* info, void*) {
+  const bool isFault = info->si_code > 0;  // not one that a process has sent
+  if (isFault && busErrorRecovery != nullptr) ::siglongjmp(*busErrorRecovery, 1);
+  // Nothing of ours: it comes once more, and finds the host's own way.
+  ::sigaction(number, &before, nullptr);
+  if (!isFault) ::raise(number);
 }
 
 }  // namespace
@@ -21,9 +25,9 @@ void throwMemoryLost() {
 
 void installBusErrorGuard() {
   struct sigaction action = {};
-  action.sa_handler = onBusError;
-  action.sa_flags = SA_NODEFER;  // the handler is left by a jump, which restores no signal mask
-  ::sigaction(SIGBUS, &action, nullptr);
+  action.sa_sigaction = onBusError;
+  action.sa_flags = SA_SIGINFO | SA_NODEFER;  // left by a jump, which restores no signal mask
+  ::sigaction(SIGBUS, &action, &before);
 }
 
 }  // namespace korvex::receiver

@@ -46,4 +46,6 @@ std::size_t QueueStatus::messages() const noexcept { return view_->queue.message
 
 bool QueueStatus::looksLocked() const noexcept { return view_->queue.looksLocked(); }
 
+pid_t QueueStatus::lockOwner() const noexcept { return view_->queue.lockOwner(); }
+
 }  // namespace korvex::receiver

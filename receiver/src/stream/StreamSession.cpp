@@ -1,6 +1,7 @@
 #include "stream/StreamSession.h"
 
 #include <exception>
+#include <stdexcept>
 #include <utility>
 
 #include "korvex/Status.h"
@@ -31,6 +32,15 @@ std::string defectOf(const Header& header) {
   return "";
 }
 
+/// Only people read it: a sink that cannot say where its data is has stored it all the same.
+std::string placeOf(const Sink* sink) noexcept {
+  try {
+    return sink == nullptr ? "" : sink->place();
+  } catch (const std::exception&) {
+    return "";
+  }
+}
+
 }  // namespace
 
 StreamSession::StreamSession(std::string queue, SinkFactory openSink, Counters& counters,
@@ -59,6 +69,7 @@ StreamSession::Answer StreamSession::takeOpen(const Header& header) {
   startStream(header);
   try {
     sink_ = openSink_(queue_, opened_);
+    if (sink_ == nullptr) throw std::logic_error("the daemon made no sink for the stream");
   } catch (const std::exception& error) {
     return fail(kStatusSinkFailed, error.what());
   }
@@ -171,7 +182,7 @@ StreamSession::Answer StreamSession::takeClose(const Header& header) {
     return answer;
   }
   counters_.add(Count::StreamsComplete);
-  observer_.streamComplete(whole, sink_->place());
+  observer_.streamComplete(whole, placeOf(sink_.get()));
   sink_.reset();
   endWith(header);
   return replyOf(0, Receipt{whole.bytes, whole.xxh128}.replyText());
@@ -230,7 +241,7 @@ void StreamSession::end(const std::string& reason) {
 void StreamSession::leaveIncomplete(const std::string& reason) {
   counters_.add(Count::StreamsIncomplete);
   if (sink_ != nullptr) abandonSink(reason);
-  observer_.streamIncomplete(summary(), reason, sink_ == nullptr ? "" : sink_->place());
+  observer_.streamIncomplete(summary(), reason, placeOf(sink_.get()));
   sink_.reset();
 }
 

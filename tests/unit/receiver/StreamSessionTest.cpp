@@ -52,7 +52,10 @@ class RecordingSink : public Sink {
     fate_.summary = summary;
     failOn(3, "writing manifest");
   }
-  std::string place() const override { return "here"; }
+  std::string place() const override {
+    failOn(6, "finding the place");
+    return "here";
+  }
 
  private:
   void failOn(int step, const char* doing) const {
@@ -76,6 +79,7 @@ class StreamSessionTest : public testing::Test {
   }
 
   std::unique_ptr<Sink> openSink() {
+    if (failing_ == 7) return nullptr;
     if (failing_ == 4) throw korvex::receiver::SystemError("creating stream folder", EACCES);
     fates_.push_back(std::make_unique<Fate>());
     return std::make_unique<RecordingSink>(*fates_.back(), failing_);
@@ -92,8 +96,9 @@ class StreamSessionTest : public testing::Test {
 
   std::uint64_t count(Count which) const { return stats_.get(which); }
 
-  int failing_ =
-      0;  ///< the sink's step that fails: 1 write, 2 complete, 3 abandon, 4 open, 5 check
+  // The step that fails: 1 write, 2 complete, 3 abandon, 4 open, 5 check, 6 place, 7 open with
+  // none.
+  int failing_ = 0;
   bool isDaemonEnding_ = false;
   std::vector<std::unique_ptr<Fate>> fates_;
   korvex::receiver::Counters stats_;
@@ -455,4 +460,19 @@ TEST_F(StreamSessionTest, CountsWhatItTook) {
   EXPECT_EQ(count(Count::StreamsIncomplete), 0u);
   EXPECT_EQ(count(Count::Records), 3u);
   EXPECT_EQ(count(Count::Bytes), 3u);
+}
+
+TEST_F(StreamSessionTest, IsCompleteThoughItsSinkCannotSayWhere) {
+  failing_ = 6;
+  take(kOpen, 0);
+  const auto receipt = take(kClose, 2);
+  ASSERT_TRUE(receipt.has_value());
+  EXPECT_EQ(receipt->status, 0u);
+  EXPECT_TRUE(fate().complete);
+  EXPECT_EQ(fate().reason, "");
+}
+
+TEST_F(StreamSessionTest, FailsWhenThereIsNoSinkForIt) {
+  failing_ = 7;
+  expectFailure(take(kOpen, 0), 5, "the daemon made no sink for the stream");
 }

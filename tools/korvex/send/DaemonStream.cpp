@@ -255,8 +255,9 @@ void DaemonStream::close() {
   stop_.throwIfReceived();
   look();
   makeRoomFor(0);
-  sendCloseRecord();
+  // From here on a close record may be in the batch, and a stop behind it would send it first.
   isStoppable_ = false;
+  sendCloseRecord();
 }
 
 /// A close record that found no room stays in the batch, while the writer stays open.

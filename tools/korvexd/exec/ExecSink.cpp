@@ -67,7 +67,10 @@ void ExecSink::write(const unsigned char* data, std::size_t size) {
     const std::size_t taken = offer(data, size);
     data += taken;
     size -= taken;
-    if (size > 0 && taken == 0) awaitRoom();
+    if (size == 0) return;
+    throwIfOutOfPatience();  // an engine that takes a little all the time never lets it wait for
+                             // room
+    if (taken == 0) awaitRoom();
   }
 }
 
@@ -85,12 +88,16 @@ void ExecSink::awaitRoom() {
   const auto deadline = Clock::now() + settings_.timeout;
   while (!engine_->wait(Engine::For::Room, kLongestWait)) {
     throwIfItEnded();
-    noteEnding(settings_.isEnding());
-    if (isOutOfPatience()) throw EngineFailed("the daemon ended");
+    throwIfOutOfPatience();
     if (Clock::now() >= deadline) {
       throw EngineFailed("the engine took nothing for " + secondsText(settings_.timeout));
     }
   }
+}
+
+void ExecSink::throwIfOutOfPatience() {
+  noteEnding(settings_.isEnding());
+  if (isOutOfPatience()) throw EngineFailed("the daemon ended");
 }
 
 void ExecSink::check() {

@@ -50,6 +50,7 @@ class ExecSink : public receiver::Sink {
   std::size_t offer(const unsigned char* data, std::size_t size);
   void awaitRoom();
   void throwIfItEnded();
+  void throwIfOutOfPatience();
   [[noreturn]] void throwClosedInput();
   [[noreturn]] void throwEnd() const;
   void noteEnding(bool isEnding);

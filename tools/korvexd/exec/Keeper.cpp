@@ -17,6 +17,7 @@
 #include <chrono>
 #include <climits>
 #include <cstdlib>
+#include <exception>
 #include <iostream>
 #include <optional>
 #include <string>
@@ -274,7 +275,11 @@ void EngineKeeper::bury() {
     while ((ended = ::waitpid(-1, nullptr, WNOHANG)) > 0) {
     }
     if (ended < 0) return;  // no child is left
-    killDescendantsExcept({});
+    try {
+      killDescendantsExcept({});
+    } catch (const std::exception&) {
+      // No descriptor or no memory right now. Ending here would end the engine's input: try again.
+    }
     pollfd another = {signals_, POLLIN, 0};
     ::poll(&another, 1, static_cast<int>(pause.count()));
   }

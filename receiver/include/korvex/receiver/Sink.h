@@ -46,7 +46,8 @@ class KORVEX_RECEIVER_EXPORT Sink {
   /// incomplete.
   virtual void abandon(const StreamSummary& summary, const std::string& reason) = 0;
 
-  /// For observers: where the data is, or what became of it. Empty by default.
+  /// For observers: where the data is, or what became of it. Empty by default, and when it
+  /// throws.
   virtual std::string place() const;
 };
 
