@@ -62,3 +62,11 @@ TEST_F(DaemonSignal, OfAFileThatMayNotGrowCostsOnlyThatStream) {
   EXPECT_THAT(outcomeOf(kLargestFile), HasSubstr("stored bytes=100000 "));
   end(*daemon);
 }
+
+// Only a fault of its own queues is the daemon's to survive; who sends the signal means the
+// process.
+TEST_F(DaemonSignal, ThatSomebodySendsForAFaultEndsIt) {
+  const auto daemon = start();
+  daemon->signal(SIGBUS);
+  EXPECT_EQ(daemon->wait(), -SIGBUS);
+}
