@@ -4,8 +4,8 @@
 
 #include "integration/DaemonFixture.h"
 
-using test_support::dieHoldingLockOf;
-using test_support::eventually;
+using korvex::test::dieHoldingLockOf;
+using korvex::test::eventually;
 using testing::HasSubstr;
 
 namespace {
@@ -66,8 +66,8 @@ TEST_F(DaemonDeath, OfAProducerLeavesItsStreamIncompleteAndTheNextIsServed) {
 }
 
 TEST_F(DaemonDeath, OfAProducerWithTheQueuesLockCostsOnlyThatPair) {
-  const std::string other = test_support::uniqueQueueName();
-  const test_support::QueueRemover remover(other);
+  const std::string other = korvex::test::uniqueQueueName();
+  const korvex::test::QueueRemover remover(other);
   const auto daemon = start({"--queue", other});
   ASSERT_TRUE(awaitLog(*daemon, "serving " + other));
   const auto untouched = writerInMidstream(other);
@@ -81,13 +81,13 @@ TEST_F(DaemonDeath, OfAProducerWithTheQueuesLockCostsOnlyThatPair) {
   EXPECT_THAT(awaitReply(*untouched).message, HasSubstr("stored bytes=6"));
   EXPECT_EQ(streams(true).size(), 1u);
   end(*daemon);
-  EXPECT_FALSE(test_support::queueExists(queue_) || test_support::queueExists(other));
+  EXPECT_FALSE(korvex::test::queueExists(queue_) || korvex::test::queueExists(other));
 }
 
 // The producer is not promised to live; the daemon and everybody else on it are.
 TEST_F(DaemonDeath, OfAQueueThatIsCutInMidstreamCostsOnlyThatPair) {
-  const std::string other = test_support::uniqueQueueName();
-  const test_support::QueueRemover remover(other);
+  const std::string other = korvex::test::uniqueQueueName();
+  const korvex::test::QueueRemover remover(other);
   const auto daemon = start({"--queue", other});
   ASSERT_TRUE(awaitLog(*daemon, "serving " + other));
   const auto untouched = writerInMidstream(other);

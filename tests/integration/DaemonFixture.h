@@ -17,7 +17,7 @@
 /// A daemon to start, a queue's name and folders to work with.
 class DaemonFixture : public testing::Test {
  protected:
-  using Process = test_support::Process;
+  using Process = korvex::test::Process;
 
   static constexpr unsigned kTimeout = 20;
 
@@ -38,7 +38,7 @@ class DaemonFixture : public testing::Test {
 
   /// Waits until the daemon has logged this text so many times.
   static bool awaitLog(Process& daemon, const std::string& text, unsigned times = 1) {
-    return test_support::eventually([&] {
+    return korvex::test::eventually([&] {
       unsigned found = 0;
       const std::string& log = daemon.errors();
       for (auto at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++found;
@@ -66,7 +66,7 @@ class DaemonFixture : public testing::Test {
   /// Asks again and again until a reply is there.
   static korvex::qmx_shm_response_t awaitReply(korvex::ShmWriter& from) {
     korvex::qmx_shm_response_t reply;
-    test_support::eventually([&] {
+    korvex::test::eventually([&] {
       try {
         from.flush_shm_buffer(kTimeout);
       } catch (const Ov_ErrnoException&) {
@@ -92,7 +92,7 @@ class DaemonFixture : public testing::Test {
   std::vector<std::string> streams(bool partial) const {
     static const std::string suffix = ".partial";
     std::vector<std::string> found;
-    for (const std::string& name : test_support::namesIn(output_)) {
+    for (const std::string& name : korvex::test::namesIn(output_)) {
       const bool isPartial = name.size() > suffix.size() &&
                              name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0;
       if (isPartial == partial) found.push_back(name);
@@ -101,27 +101,27 @@ class DaemonFixture : public testing::Test {
   }
 
   std::string dataOf(const std::string& streamName) const {
-    return test_support::contentsOf(output_ + "/" + streamName + "/data");
+    return korvex::test::contentsOf(output_ + "/" + streamName + "/data");
   }
 
   nlohmann::json manifestOf(const std::string& streamName) const {
     return nlohmann::json::parse(
-        test_support::contentsOf(output_ + "/" + streamName + "/manifest.json"));
+        korvex::test::contentsOf(output_ + "/" + streamName + "/manifest.json"));
   }
 
   /// The names in shared memory of queues that a daemon did not finish.
   static std::vector<std::string> unfinishedQueuesOf(const Process& daemon) {
     const std::string prefix = ".korvexd-" + std::to_string(daemon.id()) + "-";
     std::vector<std::string> found;
-    for (const std::string& name : test_support::namesIn("/dev/shm"))
+    for (const std::string& name : korvex::test::namesIn("/dev/shm"))
       if (name.rfind(prefix, 0) == 0) found.push_back(name);
     return found;
   }
 
-  test_support::TemporaryFolder folder_;
+  korvex::test::TemporaryFolder folder_;
   std::string output_ = folder_.makeFolder("out");
-  std::string queue_ = test_support::uniqueQueueName();
-  test_support::QueueRemover remover_{queue_};
+  std::string queue_ = korvex::test::uniqueQueueName();
+  korvex::test::QueueRemover remover_{queue_};
 };
 
 #endif

@@ -4,7 +4,7 @@
 #include "integration/DaemonFixture.h"
 #include "queue/MessageQueue.h"
 
-using test_support::queueExists;
+using korvex::test::queueExists;
 using testing::HasSubstr;
 
 namespace {
@@ -74,7 +74,7 @@ TEST_F(DaemonLife, ReplacesTheQueuesOfAKilledDaemon) {
 
 TEST_F(DaemonLife, RemovesTheFirstQueueWhenASecondCannotBeMade) {
   const auto other = start();
-  const std::string mine = test_support::uniqueQueueName();
+  const std::string mine = korvex::test::uniqueQueueName();
   EXPECT_EQ(run({"--queue", mine, "--queue", queue_, "--discard"}), 1);
   EXPECT_FALSE(queueExists(mine) || queueExists(mine + "Response"));
   end(*other);
@@ -98,15 +98,15 @@ TEST_F(DaemonLife, TellsWrongUsageFromFailure) {
 
 TEST_F(DaemonLife, KeepsHostileQueueNamesInsideItsFolders) {
   const std::string capture = folder_.makeFolder("cap");
-  const std::string base = test_support::uniqueQueueName();
+  const std::string base = korvex::test::uniqueQueueName();
   for (const std::string& name : {"..%2f" + base, ".hidden " + base, base + "\n\xff\"*"}) {
-    const test_support::QueueRemover remover(name);
+    const korvex::test::QueueRemover remover(name);
     Process daemon({KORVEXD_PROGRAM, "--queue", name, "--output", output_, "--capture", capture});
     ASSERT_TRUE(awaitLog(daemon, "serving"));
     EXPECT_THAT(stream(name, "abc"), HasSubstr("stored bytes=3"));
     end(daemon);
   }
-  EXPECT_EQ(test_support::namesIn(folder_.path()), (std::vector<std::string>{"cap", "out"}));
+  EXPECT_EQ(korvex::test::namesIn(folder_.path()), (std::vector<std::string>{"cap", "out"}));
   EXPECT_EQ(streams(false).size(), 3u);
   for (const char* name : {"a/b", "../a", "..", ".", "", "/", "/tmp/a"}) {
     EXPECT_EQ(run({"--queue", name, "--discard"}), 2) << name;
@@ -117,7 +117,7 @@ TEST_F(DaemonLife, EndsOnSighupToo) {
   const auto daemon = start();
   daemon->signal(SIGHUP);
   EXPECT_EQ(daemon->wait(), 0);
-  EXPECT_FALSE(test_support::queueExists(queue_));
+  EXPECT_FALSE(korvex::test::queueExists(queue_));
 }
 
 // As nohup starts it, or a script in the background.
@@ -135,7 +135,7 @@ TEST_F(DaemonLife, LeavesSignalsIgnoredThatItsStarterIgnores) {
 TEST_F(DaemonLife, ServesWithoutStandardDescriptors) {
   const Process daemon({"/bin/sh", "-c", "exec \"$0\" \"$@\" <&- >&- 2>&-", KORVEXD_PROGRAM,
                         "--queue", queue_, "--output", output_});
-  ASSERT_TRUE(test_support::eventually([&] { return test_support::queueExists(queue_); }));
+  ASSERT_TRUE(korvex::test::eventually([&] { return korvex::test::queueExists(queue_); }));
   EXPECT_EQ(stream("abc"), "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950");
   EXPECT_EQ(stream("abc"), "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950");
 }

@@ -13,8 +13,8 @@
 #include "queue/MessageQueue.h"
 #include "support/BatchBytes.h"
 
-using test_support::BatchBytes;
-using test_support::eventually;
+using korvex::test::BatchBytes;
+using korvex::test::eventually;
 using testing::HasSubstr;
 
 namespace {
@@ -24,7 +24,7 @@ const char kReceiptOfAbc[] = "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f
 /// Has the daemon say something about each of so many messages, and then about a stream.
 void sendTalkative(const std::string& queueName, unsigned batches, const BatchBytes& stream) {
   korvex::MessageQueue queue(queueName, korvex::MessageQueue::Clock::now());
-  const auto deadline = korvex::MessageQueue::Clock::now() + test_support::kPatience;
+  const auto deadline = korvex::MessageQueue::Clock::now() + korvex::test::kPatience;
   for (unsigned i = 0; i < batches; ++i) ASSERT_TRUE(queue.sendBefore("bad", 3, 1, deadline));
   const auto& bytes = stream.bytes();
   ASSERT_TRUE(queue.sendBefore(bytes.data(), bytes.size(), 1, deadline));
@@ -54,7 +54,7 @@ class UnreadLog : public DaemonFixture {
                                         output_};
     command.insert(command.end(), more.begin(), more.end());
     auto daemon = std::make_unique<Process>(command);
-    EXPECT_TRUE(eventually([this] { return test_support::queueExists(queue_); }));
+    EXPECT_TRUE(eventually([this] { return korvex::test::queueExists(queue_); }));
     return daemon;
   }
 
@@ -69,7 +69,7 @@ TEST_F(UnreadLog, HoldsUpNeitherStreamsNorTheEnd) {
   EXPECT_EQ(streams(false).size(), 20u);
   daemon->signal(SIGTERM);
   EXPECT_EQ(daemon->wait(), 0);
-  EXPECT_FALSE(test_support::queueExists(queue_) || test_support::queueExists(queue_ + "Response"));
+  EXPECT_FALSE(korvex::test::queueExists(queue_) || korvex::test::queueExists(queue_ + "Response"));
 }
 
 TEST_F(UnreadLog, HoldsUpNoDaemonThatCannotStart) {
@@ -101,7 +101,7 @@ TEST_F(DaemonFixture, CountsDamagedBatchesInsteadOfLoggingEach) {
 
 TEST_F(DaemonFixture, LogsAHostileQueueNameOnOneLine) {
   const std::string hostile = queue_ + "\n\x1b[2J";
-  const test_support::QueueRemover remover(hostile);
+  const korvex::test::QueueRemover remover(hostile);
   Process daemon({KORVEXD_PROGRAM, "--discard", "--queue", hostile});
   EXPECT_TRUE(awaitLog(daemon, "serving " + queue_ + "\\x0a\\x1b[2J, "));
   end(daemon);
@@ -112,11 +112,11 @@ TEST_F(DaemonFixture, RaisesItsSoftLimitOfDescriptors) {
   std::vector<std::string> command = {
       "/bin/sh",        "-c", "ulimit -Sn 40; exec \"$@\"", "sh", KORVEXD_PROGRAM, "--discard",
       "--max-messages", "1"};
-  std::vector<std::unique_ptr<test_support::QueueRemover>> removers;
+  std::vector<std::unique_ptr<korvex::test::QueueRemover>> removers;
   for (int i = 0; i < 30; ++i) {
     const std::string name = queue_ + "-" + std::to_string(i);
     command.insert(command.end(), {"--queue", name});
-    removers.push_back(std::make_unique<test_support::QueueRemover>(name));
+    removers.push_back(std::make_unique<korvex::test::QueueRemover>(name));
   }
   Process daemon(command);
   EXPECT_TRUE(awaitLog(daemon, "serving " + queue_ + "-29,")) << daemon.errors();

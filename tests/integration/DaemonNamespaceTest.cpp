@@ -13,9 +13,9 @@
 #include "support/Child.h"
 #include "support/LockHolder.h"
 
-using test_support::eventually;
-using test_support::isRoot;
-using test_support::LockHolder;
+using korvex::test::eventually;
+using korvex::test::isRoot;
+using korvex::test::LockHolder;
 using testing::HasSubstr;
 using testing::Not;
 namespace fs = std::filesystem;
@@ -40,7 +40,7 @@ struct Places {
 class DaemonNamespace : public DaemonFixture {
  protected:
   void SetUp() override {
-    if (!test_support::canMakePidNamespace()) GTEST_SKIP() << "no PID namespace of one's own";
+    if (!korvex::test::canMakePidNamespace()) GTEST_SKIP() << "no PID namespace of one's own";
   }
 
   std::unique_ptr<Process> startAt(bool isAway, const std::string& messageSize = "264K") {
@@ -53,7 +53,7 @@ class DaemonNamespace : public DaemonFixture {
 
   std::unique_ptr<LockHolder> holderAt(bool isAway) const {
     if (!isAway) return std::make_unique<LockHolder>(queue_);
-    return std::make_unique<LockHolder>(queue_, test_support::freeProcessId());
+    return std::make_unique<LockHolder>(queue_, korvex::test::freeProcessId());
   }
 };
 
@@ -126,13 +126,13 @@ constexpr int kIdsOfDaemon = 30;
 /// Runs a task in a namespace where its process has an id that the daemon's namespace has not.
 /// Whether it came to its end.
 bool succeedsAway(const std::function<void()>& task) {
-  const std::string result = test_support::resultOfChild([&] {
+  const std::string result = korvex::test::resultOfChild([&] {
     if (::unshare(isRoot() ? CLONE_NEWPID : CLONE_NEWPID | CLONE_NEWUSER) != 0) return "stays";
     const pid_t init = ::fork();
     int status = 0;
     if (init != 0) return ::waitpid(init, &status, 0) == init && status == 0 ? "ended" : "lost";
-    for (int i = 0; i < kIdsOfDaemon; ++i) test_support::resultOfChild([] { return ""; });
-    ::_exit(test_support::resultOfChild([&] { return task(), "done"; }) == "done" ? 0 : 1);
+    for (int i = 0; i < kIdsOfDaemon; ++i) korvex::test::resultOfChild([] { return ""; });
+    ::_exit(korvex::test::resultOfChild([&] { return task(), "done"; }) == "done" ? 0 : 1);
   });
   return result == "ended";
 }

@@ -7,7 +7,7 @@
 
 #include "integration/DaemonFixture.h"
 
-using test_support::eventually;
+using korvex::test::eventually;
 using testing::AnyOf;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -75,7 +75,7 @@ TEST_F(DaemonRace, ForAStaleQueueIsWonByExactlyOne) {
     expectLost(isOneServing ? *other : *one);
     EXPECT_EQ(stream("abc"), "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950");
     winner.killNow();
-    EXPECT_TRUE(test_support::queueExists(queue_) &&
-                test_support::queueExists(queue_ + "Response"));
+    EXPECT_TRUE(korvex::test::queueExists(queue_) &&
+                korvex::test::queueExists(queue_ + "Response"));
   }
 }

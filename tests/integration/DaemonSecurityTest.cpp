@@ -9,8 +9,8 @@
 #include "integration/DaemonFixture.h"
 #include "support/HostileNames.h"
 
-using test_support::contentsOf;
-using test_support::namesIn;
+using korvex::test::contentsOf;
+using korvex::test::namesIn;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::MatchesRegex;
@@ -50,7 +50,7 @@ class DaemonSecurity : public DaemonFixture {
   std::string refusal(const std::vector<std::string>& more) {
     const auto daemon = startOnly(more);
     EXPECT_EQ(daemon->wait(), 1);
-    EXPECT_FALSE(test_support::queueExists(queue_));
+    EXPECT_FALSE(korvex::test::queueExists(queue_));
     return daemon->errors();
   }
 
@@ -80,7 +80,7 @@ TEST_P(DaemonUnderUmask, GivesExactPermissions) {
   to->open();
   write(*to, "abc");
   to->flush_shm_buffer(kTimeout);
-  ASSERT_TRUE(test_support::eventually([this] { return streams(true).size() == 1; }));
+  ASSERT_TRUE(korvex::test::eventually([this] { return streams(true).size() == 1; }));
   EXPECT_EQ(accessOf(output_ + "/" + streams(true)[0]), "0700");
   to->close();
   EXPECT_STREQ(awaitReply(*to).message, kReceiptOfAbc);
@@ -173,7 +173,7 @@ class HostileNames : public DaemonSecurity {
  protected:
   HostileNames() {
     // The names must be this test's own, so a part of each is harmless.
-    for (const std::string& hostile : korvex_test::hostileNames()) {
+    for (const std::string& hostile : korvex::test::hostileNames()) {
       names_.push_back(hostile + own_);
       names_.push_back(own_ + hostile);
     }

@@ -6,7 +6,7 @@
 
 #include "integration/DaemonFixture.h"
 
-using test_support::eventually;
+using korvex::test::eventually;
 using testing::HasSubstr;
 using testing::SizeIs;
 
@@ -25,7 +25,7 @@ class DaemonSignal : public DaemonFixture {
         std::vector<std::string>{"/bin/sh", "-c", "exec \"$@\" 2>&" + std::to_string(ends[1]), "sh",
                                  KORVEXD_PROGRAM, "--queue", queue_, "--output", output_});
     ::close(ends[1]);
-    EXPECT_TRUE(eventually([this] { return test_support::queueExists(queue_); }));
+    EXPECT_TRUE(eventually([this] { return korvex::test::queueExists(queue_); }));
     return daemon;
   }
 

@@ -10,11 +10,11 @@
 #include "support/LockHolder.h"
 #include "support/ThrownError.h"
 
-using test_support::BatchBytes;
-using test_support::Bytes;
-using test_support::contentsOf;
-using test_support::eventually;
-using test_support::namesIn;
+using korvex::test::BatchBytes;
+using korvex::test::Bytes;
+using korvex::test::contentsOf;
+using korvex::test::eventually;
+using korvex::test::namesIn;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
@@ -26,7 +26,7 @@ class DaemonStream : public DaemonFixture {
   /// Sends a message that no writer would.
   void sendRaw(const Bytes& bytes) const {
     korvex::MessageQueue queue(queue_, korvex::MessageQueue::Clock::now());
-    const auto deadline = korvex::MessageQueue::Clock::now() + test_support::kPatience;
+    const auto deadline = korvex::MessageQueue::Clock::now() + korvex::test::kPatience;
     ASSERT_TRUE(queue.sendBefore(bytes.data(), bytes.size(), 1, deadline));
   }
 
@@ -88,8 +88,8 @@ TEST_F(DaemonStream, IsAcknowledgedWhenItIsDiscarded) {
 }
 
 TEST_F(DaemonStream, RunsOnSeveralQueuesAtOnce) {
-  const std::string second = test_support::uniqueQueueName();
-  const test_support::QueueRemover remover(second);
+  const std::string second = korvex::test::uniqueQueueName();
+  const korvex::test::QueueRemover remover(second);
   const auto daemon = start({"--queue", second});
   ASSERT_TRUE(awaitLog(*daemon, "serving " + second));
   auto other = std::async(std::launch::async, [&] { return stream(second, someBytes(90000, 1)); });
@@ -161,7 +161,7 @@ TEST_F(DaemonStream, IsReportedWhenTheDaemonCannotTakeItAtItsEnd) {
   const auto daemon = start();
   daemon->freeze();
   sendRaw(BatchBytes().record(0, 0).bytes());
-  const test_support::LockHolder holder(queue_);
+  const korvex::test::LockHolder holder(queue_);
   daemon->signal(SIGTERM);
   daemon->signal(SIGCONT);
   EXPECT_EQ(daemon->wait(), 0);

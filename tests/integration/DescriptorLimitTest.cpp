@@ -7,7 +7,7 @@
 
 #include "integration/DaemonFixture.h"
 
-using test_support::eventually;
+using korvex::test::eventually;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
@@ -58,8 +58,8 @@ TEST_F(DescriptorLimit, KeepsADaemonFromStartingOrDoesNotMatter) {
       EXPECT_THAT(daemon.errors(), HasSubstr(kTooMany));
       ++refusals;
     }
-    EXPECT_FALSE(test_support::queueExists(queue_) ||
-                 test_support::queueExists(queue_ + "Response"));
+    EXPECT_FALSE(korvex::test::queueExists(queue_) ||
+                 korvex::test::queueExists(queue_ + "Response"));
     EXPECT_THAT(unfinishedQueuesOf(daemon), IsEmpty());
   }
   EXPECT_GE(refusals, 3u);

@@ -12,8 +12,8 @@
 #include "integration/ExecFixture.h"
 #include "queue/MessageQueue.h"
 
-using test_support::childrenOf;
-using test_support::eventually;
+using korvex::test::childrenOf;
+using korvex::test::eventually;
 using testing::IsEmpty;
 using testing::SizeIs;
 using testing::StartsWith;
@@ -61,12 +61,12 @@ class ExecDeath : public ExecFixture, public testing::WithParamInterface<Kind> {
   void sendDamage() const {
     korvex::MessageQueue queue(queue_, korvex::MessageQueue::Clock::now());
     ASSERT_TRUE(queue.sendBefore("bad", 3, 1,
-                                 korvex::MessageQueue::Clock::now() + test_support::kPatience));
+                                 korvex::MessageQueue::Clock::now() + korvex::test::kPatience));
   }
 
   /// What waits in the input of the stream's engine.
   int bytesInPipe() const {
-    const auto keepers = test_support::keepersFor(queue_);
+    const auto keepers = korvex::test::keepersFor(queue_);
     if (keepers.empty()) return 0;
     const std::string path = "/proc/" + std::to_string(keepers[0]) + "/fd/4";
     const int pipe = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
@@ -241,8 +241,8 @@ TEST_F(ExecOneDeath, OrderlyOfTheDaemonLeavesAnEngineToFinish) {
 }
 
 TEST_F(ExecOneDeath, OfAKeeperTouchesNoOtherStream) {
-  const std::string other = test_support::uniqueQueueName();
-  const test_support::QueueRemover remover(other);
+  const std::string other = korvex::test::uniqueQueueName();
+  const korvex::test::QueueRemover remover(other);
   const auto daemon = startExec(recorderCommand(), {"--queue", other});
   ASSERT_TRUE(awaitLog(*daemon, "serving " + other));
   const auto untouched = writer(other);

@@ -51,9 +51,9 @@ class ExecFixture : public DaemonFixture {
   }
 
   bool awaitRecorded(const std::string& text) const {
-    return test_support::eventually([&] {
+    return korvex::test::eventually([&] {
       const auto names = unfinished();
-      return !names.empty() && test_support::contentsOf(output_ + "/" + names.back()) == text;
+      return !names.empty() && korvex::test::contentsOf(output_ + "/" + names.back()) == text;
     });
   }
 
@@ -81,7 +81,7 @@ class ExecFixture : public DaemonFixture {
   }
 
   bool awaitFile(const std::string& name) const {
-    return test_support::eventually([&] { return hasFile(name); });
+    return korvex::test::eventually([&] { return hasFile(name); });
   }
 
   bool hasFile(const std::string& name) const {
@@ -92,17 +92,17 @@ class ExecFixture : public DaemonFixture {
   /// The first word in a file, as a process id.
   pid_t processIn(const std::string& name) const {
     EXPECT_TRUE(awaitFile(name));
-    return std::stoi(test_support::contentsOf(output_ + "/" + name));
+    return std::stoi(korvex::test::contentsOf(output_ + "/" + name));
   }
 
   pid_t keeper() const {
-    const auto keepers = test_support::keepersFor(queue_);
+    const auto keepers = korvex::test::keepersFor(queue_);
     EXPECT_EQ(keepers.size(), 1u);
     return keepers.empty() ? 0 : keepers.front();
   }
 
   bool awaitNoProcess() const {
-    return test_support::eventually([&] { return test_support::processesFor(queue_).empty(); });
+    return korvex::test::eventually([&] { return korvex::test::processesFor(queue_).empty(); });
   }
 
  private:

@@ -8,9 +8,9 @@
 #include "integration/ExecFixture.h"
 #include "queue/MessageQueue.h"
 
-using test_support::childrenOf;
-using test_support::descriptorsOf;
-using test_support::eventually;
+using korvex::test::childrenOf;
+using korvex::test::descriptorsOf;
+using korvex::test::eventually;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -39,7 +39,7 @@ class ExecTest : public ExecFixture {
   }
 
   std::string written(const std::string& name) const {
-    return test_support::contentsOf(output_ + "/" + name);
+    return korvex::test::contentsOf(output_ + "/" + name);
   }
 
   static unsigned linesWith(const std::string& text, const std::string& words) {
@@ -178,7 +178,7 @@ TEST_F(ExecTest, RefusesToStartWithoutAProgram) {
     Process daemon({KORVEXD_PROGRAM, "--queue", queue_, "--exec", command});
     EXPECT_EQ(daemon.wait(), 1) << command;
     EXPECT_THAT(daemon.errors(), HasSubstr(text));
-    EXPECT_FALSE(test_support::queueExists(queue_));
+    EXPECT_FALSE(korvex::test::queueExists(queue_));
   }
 }
 

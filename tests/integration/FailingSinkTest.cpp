@@ -10,9 +10,9 @@
 #include "support/Child.h"
 #include "support/FailingCalls.h"
 
-using test_support::FailingCalls;
-using test_support::FailureOrder;
-using test_support::Process;
+using korvex::test::FailingCalls;
+using korvex::test::FailureOrder;
+using korvex::test::Process;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
@@ -37,7 +37,7 @@ korvex::qmx_shm_response_t outcomeOf(korvex::ShmWriter& writer, const std::strin
     }
     writer.endSegment();
     writer.close();
-    test_support::eventually([&] {
+    korvex::test::eventually([&] {
       writer.flush_shm_buffer(timeout);
       return writer.getResponse().message[0] != 0;
     });
@@ -146,7 +146,7 @@ class FullDisk : public DaemonFixture {
   std::unique_ptr<Process> startOnSmallDisk() {
     const std::string script = "mount -t tmpfs -o size=256k none \"$0\" || exit 99; exec \"$@\"";
     auto daemon = std::make_unique<Process>(std::vector<std::string>{
-        "/usr/bin/unshare", test_support::isRoot() ? "-m" : "-Urm", "/bin/sh", "-c", script,
+        "/usr/bin/unshare", korvex::test::isRoot() ? "-m" : "-Urm", "/bin/sh", "-c", script,
         output_, KORVEXD_PROGRAM, "--queue", queue_, "--output", output_});
     if (!awaitServing(*daemon)) return nullptr;
     output_ = "/proc/" + std::to_string(daemon->id()) + "/root" + output_;
@@ -155,7 +155,7 @@ class FullDisk : public DaemonFixture {
 };
 
 bool canMount() {
-  Process trial({"/usr/bin/unshare", test_support::isRoot() ? "-m" : "-Urm", "/bin/sh", "-c",
+  Process trial({"/usr/bin/unshare", korvex::test::isRoot() ? "-m" : "-Urm", "/bin/sh", "-c",
                  "mount -t tmpfs none /mnt"});
   return trial.wait() == 0;
 }

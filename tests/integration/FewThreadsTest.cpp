@@ -23,14 +23,14 @@ class FewThreads : public DaemonFixture {
 
   void expectNoQueues(const Process& daemon) const {
     for (const std::string& queue : {queue_, other_}) {
-      EXPECT_FALSE(test_support::queueExists(queue));
-      EXPECT_FALSE(test_support::queueExists(queue + "Response"));
+      EXPECT_FALSE(korvex::test::queueExists(queue));
+      EXPECT_FALSE(korvex::test::queueExists(queue + "Response"));
     }
     EXPECT_THAT(unfinishedQueuesOf(daemon), testing::IsEmpty());
   }
 
-  std::string other_ = test_support::uniqueQueueName();
-  test_support::QueueRemover otherRemover_{other_};
+  std::string other_ = korvex::test::uniqueQueueName();
+  korvex::test::QueueRemover otherRemover_{other_};
 };
 
 }  // namespace

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace hostile {
+namespace korvex::test::hostile {
 namespace {
 
 constexpr std::uint32_t kOpen = 0;
@@ -205,4 +205,4 @@ bool Model::isInPlace(const Record& record) const {
   return record.sequence > sequence_ && (record.sequence == next || mayLeaveGap);
 }
 
-}  // namespace hostile
+}  // namespace korvex::test::hostile

@@ -10,10 +10,10 @@
 
 #include "support/BatchBytes.h"
 
-namespace hostile {
+namespace korvex::test::hostile {
 
-using test_support::BatchBytes;
-using test_support::Bytes;
+using korvex::test::BatchBytes;
+using korvex::test::Bytes;
 
 /// Messages that no writer sends, most of them nearly right, and wholly right streams in between.
 ///
@@ -79,6 +79,6 @@ class Model {
   std::string data_;
 };
 
-}  // namespace hostile
+}  // namespace korvex::test::hostile
 
 #endif

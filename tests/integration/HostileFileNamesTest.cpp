@@ -16,7 +16,7 @@ namespace {
 class HostileFileNames : public DaemonFixture {
  protected:
   HostileFileNames() {
-    for (const std::string& name : korvex_test::hostileNames()) {
+    for (const std::string& name : korvex::test::hostileNames()) {
       if (name != "-") names_.push_back(name);  // which is standard input
     }
   }
@@ -63,7 +63,7 @@ TEST_F(HostileFileNames, AreNothingButNames) {
   EXPECT_EQ(sender.output() + sender.errors(), "");
   ASSERT_EQ(streams(false).size(), 1u);
   EXPECT_TRUE(dataOf(streams(false)[0]) == all);
-  EXPECT_EQ(test_support::namesIn(files).size(), names_.size()) << "nothing came or went";
+  EXPECT_EQ(korvex::test::namesIn(files).size(), names_.size()) << "nothing came or went";
   end(*daemon);
 }
 

@@ -12,8 +12,8 @@
 #include "integration/HostileBatches.h"
 #include "support/SharedCounter.h"
 
-using test_support::contentsOf;
-using test_support::eventually;
+using korvex::test::contentsOf;
+using korvex::test::eventually;
 using testing::IsEmpty;
 using testing::StartsWith;
 using RawQueue = boost::interprocess::message_queue;
@@ -36,7 +36,7 @@ bool succeeds(Operation operation) {
   }
 }
 
-void post(RawQueue& queue, const hostile::Bytes& message) {
+void post(RawQueue& queue, const korvex::test::hostile::Bytes& message) {
   const auto tryToSend = [&] { return queue.try_send(message.data(), message.size(), 0); };
   if (!eventually([&] { return succeeds(tryToSend); })) ::_exit(1);
 }
@@ -62,12 +62,12 @@ class HostileProducer : public DaemonFixture {
     hostile_ = ::fork();
     if (hostile_ != 0) return;
     RawQueue queue(boost::interprocess::open_only, other_.c_str());
-    hostile::Batches batches(kSeed);
+    korvex::test::hostile::Batches batches(kSeed);
     for (unsigned i = 0; i < kMessages; ++i) {
       post(queue, batches.next());
       sent_.raise();
     }
-    post(queue, hostile::Batches::last());
+    post(queue, korvex::test::hostile::Batches::last());
     ::_exit(0);
   }
 
@@ -118,19 +118,19 @@ class HostileProducer : public DaemonFixture {
     return data;
   }
 
-  const std::string other_ = test_support::uniqueQueueName();
-  const test_support::QueueRemover otherRemover_{other_};
+  const std::string other_ = korvex::test::uniqueQueueName();
+  const korvex::test::QueueRemover otherRemover_{other_};
   const std::string statsFile_ = folder_ / "stats";
-  test_support::SharedCounter sent_;
+  korvex::test::SharedCounter sent_;
   pid_t hostile_ = -1;
 };
 
 /// What must have become of the hostile messages.
-hostile::Model expectedOfHostile() {
-  hostile::Model model;
-  hostile::Batches batches(kSeed);
+korvex::test::hostile::Model expectedOfHostile() {
+  korvex::test::hostile::Model model;
+  korvex::test::hostile::Batches batches(kSeed);
   for (unsigned i = 0; i < kMessages; ++i) model.take(batches.next());
-  model.take(hostile::Batches::last());
+  model.take(korvex::test::hostile::Batches::last());
   return model;
 }
 
@@ -152,10 +152,10 @@ TEST_F(HostileProducer, HarmsNobodyAndHasNothingStoredThatIsNotWhollyRight) {
   EXPECT_EQ(stream(other_, "abc"), "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950");
   end(*daemon);
   for (const std::string& name : {queue_, queue_ + "Response", other_, other_ + "Response"})
-    EXPECT_FALSE(test_support::queueExists(name)) << name;
+    EXPECT_FALSE(korvex::test::queueExists(name)) << name;
   EXPECT_THAT(unfinishedQueuesOf(*daemon), IsEmpty());
 
-  const hostile::Model model = expectedOfHostile();
+  const korvex::test::hostile::Model model = expectedOfHostile();
   std::vector<std::string> right = model.complete();
   right.push_back("abc");
   EXPECT_EQ(storedOf(other_), right);

@@ -45,7 +45,7 @@ class InspectAndVerify : public DaemonFixture {
 
   std::vector<std::string> captures() const {
     std::vector<std::string> paths;
-    for (const std::string& name : test_support::namesIn(captured_)) {
+    for (const std::string& name : korvex::test::namesIn(captured_)) {
       paths.push_back(captured_ + "/" + name);
     }
     return paths;
@@ -91,7 +91,7 @@ TEST_F(InspectAndVerify, ShowsWhatTheDaemonCaptured) {
 TEST_F(InspectAndVerify, FindsACaptureThatWasCut) {
   streamAll({"hello"});
   for (const std::string& path : captures()) {
-    const std::string bytes = test_support::contentsOf(path);
+    const std::string bytes = korvex::test::contentsOf(path);
     std::ofstream(path, std::ios::binary) << bytes.substr(0, bytes.size() - 1);
   }
   const Result found = inspect({});
@@ -128,7 +128,7 @@ TEST_F(InspectAndVerify, ReportsAnOpenStreamAsPartial) {
   open->open();
   write(*open, "hello");
   open->flush_shm_buffer(kTimeout);
-  ASSERT_TRUE(test_support::eventually([this] { return streams(true).size() == 1; }));
+  ASSERT_TRUE(korvex::test::eventually([this] { return streams(true).size() == 1; }));
   const Result running = run({"verify", output_});
   EXPECT_EQ(running.code, 0);
   EXPECT_THAT(running.output, HasSubstr(".partial: still open, or its daemon died: no manifest\n"));
@@ -145,7 +145,7 @@ TEST_F(InspectAndVerify, EndByTheSignalThatInterruptsThem) {
   Process process({KORVEX_PROGRAM, "inspect", pipe});
   // Succeeds once the tool has opened the pipe; then it waits for bytes that nobody writes.
   int writer = -1;
-  ASSERT_TRUE(test_support::eventually([&] {
+  ASSERT_TRUE(korvex::test::eventually([&] {
     writer = ::open(pipe.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
     return writer >= 0;
   }));

@@ -12,7 +12,7 @@
 #include "support/Queues.h"
 #include "support/SharedObject.h"
 
-namespace strange {
+namespace korvex::test::strange {
 namespace {
 
 using Happen = std::function<void(const std::string&)>;
@@ -157,7 +157,7 @@ const std::vector<Event>& events() {
 
       {"LockOfAllOnes", [](const std::string& name) { write(name, kLock, Bytes(kLockSize, 0xff)); },
        kLockBroken, kLockBroken, "boost::interprocess::lock_exception", After::ServedAnew},
-      {"LockOfADeadProcess", test_support::dieHoldingLockOf,
+      {"LockOfADeadProcess", korvex::test::dieHoldingLockOf,
        "open: status 15: Timed out after waiting 1s to send data to korvexd on stream test", kWorks,
        "a process died with the queue's lock", After::ServedAnew},
       {"LockTakenByNobody", word(kLock, 1),
@@ -167,4 +167,4 @@ const std::vector<Event>& events() {
   return table;
 }
 
-}  // namespace strange
+}  // namespace korvex::test::strange

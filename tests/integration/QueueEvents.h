@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace strange {
+namespace korvex::test::strange {
 
 /// What becomes of a daemon's pair of queues.
 enum class After {
@@ -32,6 +32,6 @@ inline void PrintTo(const Event& event, std::ostream* stream) { *stream << event
 /// The table.
 const std::vector<Event>& events();
 
-}  // namespace strange
+}  // namespace korvex::test::strange
 
 #endif

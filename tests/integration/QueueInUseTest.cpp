@@ -9,10 +9,10 @@
 #include "support/DaemonQueues.h"
 #include "support/Late.h"
 
-using korvex_test::RawQueue;
-using strange::After;
-using strange::Event;
-using test_support::queueExists;
+using korvex::test::queueExists;
+using korvex::test::RawQueue;
+using korvex::test::strange::After;
+using korvex::test::strange::Event;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -53,16 +53,16 @@ class QueueInUseByWriter : public testing::TestWithParam<Event> {
   template <typename PlaceOf>
   static std::string storyOf(PlaceOf placeOf) {
     const auto tell = [&] {
-      const std::string queue = korvex_test::uniqueQueueName("in-use");
+      const std::string queue = korvex::test::uniqueQueueName("in-use");
       const Queues queues(queue);
       return told(queue, placeOf(queue));
     };
-    return test_support::againWhenLate(tell, WriterStory::hasLateCall);
+    return korvex::test::againWhenLate(tell, WriterStory::hasLateCall);
   }
 
   /// In a process of its own: some events end it.
   static std::string told(const std::string& queue, const std::string& place) {
-    return test_support::resultOfChild([&] {
+    return korvex::test::resultOfChild([&] {
       WriterStory writer(queue);
       const std::string start = writer.construct();
       if (start != "works") return start;
@@ -130,9 +130,11 @@ TEST_P(QueueInUseByDaemon, AsTheSendQueue) { meet(queue_); }
 
 TEST_P(QueueInUseByDaemon, AsTheResponseQueue) { meet(queue_ + "Response"); }
 
-INSTANTIATE_TEST_SUITE_P(Events, QueueInUseByWriter, testing::ValuesIn(strange::events()),
+INSTANTIATE_TEST_SUITE_P(Events, QueueInUseByWriter,
+                         testing::ValuesIn(korvex::test::strange::events()),
                          [](const auto& event) { return std::string(event.param.name); });
-INSTANTIATE_TEST_SUITE_P(Events, QueueInUseByDaemon, testing::ValuesIn(strange::events()),
+INSTANTIATE_TEST_SUITE_P(Events, QueueInUseByDaemon,
+                         testing::ValuesIn(korvex::test::strange::events()),
                          [](const auto& event) { return std::string(event.param.name); });
 
 // Each leads to the daemon's own object, and is not the one that belongs there.

@@ -11,8 +11,8 @@
 
 namespace {
 
-using test_support::contentsOf;
-using test_support::eventually;
+using korvex::test::contentsOf;
+using korvex::test::eventually;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -99,7 +99,7 @@ TEST_F(FromCommand, ACommandThatCannotStartOpensNoStream) {
   EXPECT_EQ(finish(sender), 1);
   EXPECT_THAT(errors, HasSubstr("'korvex-test-no-such' cannot be started: No such file"));
   end(*daemon);
-  EXPECT_THAT(test_support::namesIn(output_), IsEmpty());
+  EXPECT_THAT(korvex::test::namesIn(output_), IsEmpty());
 }
 
 TEST_F(FromCommand, AnEngineStoresNothingOfACommandThatFails) {

@@ -10,7 +10,7 @@
 
 #include "integration/DaemonFixture.h"
 
-using test_support::eventually;
+using korvex::test::eventually;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
@@ -88,7 +88,7 @@ class Sender {
   Sender(const Sender&) = delete;
   Sender& operator=(const Sender&) = delete;
 
-  test_support::Process& process() { return process_; }
+  korvex::test::Process& process() { return process_; }
 
   /// Lets it end. Its exit code.
   int finish() {
@@ -101,7 +101,7 @@ class Sender {
     if (input_ >= 0) ::close(std::exchange(input_, -1));
   }
 
-  test_support::Process process_;
+  korvex::test::Process process_;
   int input_;
 };
 
@@ -129,7 +129,7 @@ int runWithUnreadPipe(const std::string& line, const std::string& queue, std::st
   EXPECT_EQ(::pipe(ends), 0);
   ::close(ends[0]);
   const std::string words = "printf abc | " + line;
-  test_support::Process process(
+  korvex::test::Process process(
       {"/bin/sh", "-c", words, KORVEX_PROGRAM, queue, "/dev/fd/" + std::to_string(ends[1])});
   ::close(ends[1]);
   const int code = process.wait().value_or(-1);
@@ -185,17 +185,17 @@ TEST_F(SendTerminal, ThatDoesNotKnowItsWidthIsTakenForAUsualOne) {
 
 // A second sender, on a terminal, shows when there was time enough to draw.
 TEST_F(SendTerminal, IsNeededForTheProgress) {
-  const std::string other = test_support::uniqueQueueName();
-  const test_support::QueueRemover remover(other);
+  const std::string other = korvex::test::uniqueQueueName();
+  const korvex::test::QueueRemover remover(other);
   const auto daemon = start({"--queue", other});
   Sender sender(makePipe("none"), queue_, "2>", folder_ / "errors");
   Terminal terminal(80);
   const auto clock = sendTo(terminal, other);
   ASSERT_TRUE(awaitDrawings(terminal, 3));
-  EXPECT_THAT(test_support::contentsOf(folder_ / "errors"), IsEmpty());
+  EXPECT_THAT(korvex::test::contentsOf(folder_ / "errors"), IsEmpty());
   EXPECT_EQ(clock->finish(), 0);
   EXPECT_EQ(sender.finish(), 0);
-  EXPECT_THAT(test_support::contentsOf(folder_ / "errors"), StartsWith("sent 3 bytes "));
+  EXPECT_THAT(korvex::test::contentsOf(folder_ / "errors"), StartsWith("sent 3 bytes "));
   end(*daemon);
 }
 

@@ -21,13 +21,13 @@
 
 namespace {
 
+using korvex::test::contentsOf;
+using korvex::test::eventually;
 using korvex::test::FakeDaemon;
+using korvex::test::namesIn;
+using korvex::test::Process;
 using korvex::test::replyTo;
 using korvex::test::staySilent;
-using test_support::contentsOf;
-using test_support::eventually;
-using test_support::namesIn;
-using test_support::Process;
 using testing::AnyOf;
 using testing::Eq;
 using testing::HasSubstr;
@@ -124,11 +124,11 @@ class SendCommand : public testing::Test {
     }));
   }
 
-  test_support::TemporaryFolder folder;
+  korvex::test::TemporaryFolder folder;
   std::string stored = folder.makeFolder("stored");
   std::string statistics = folder / "statistics";
-  std::string queue = test_support::uniqueQueueName();
-  test_support::QueueRemover remover{queue};
+  std::string queue = korvex::test::uniqueQueueName();
+  korvex::test::QueueRemover remover{queue};
   std::unique_ptr<Process> daemon;
 };
 
@@ -291,7 +291,7 @@ TEST_F(SendCommand, IsNotHurtByRepliesThatWaitInTheDaemon) {
   startDaemon({"--discard"});
   korvex::MessageQueue batches(queue, korvex::MessageQueue::Clock::now());
   for (int i = 0; i < 30; ++i) {
-    const auto deadline = korvex::MessageQueue::Clock::now() + test_support::kPatience;
+    const auto deadline = korvex::MessageQueue::Clock::now() + korvex::test::kPatience;
     ASSERT_TRUE(batches.sendBefore("bad", 3, 1, deadline));
   }
   const Result result = send({file("a", "abc")});

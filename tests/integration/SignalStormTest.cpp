@@ -17,10 +17,10 @@
 #include "support/SignalStorm.h"
 #include "support/ThrownError.h"
 
-using test_support::CutCall;
-using test_support::eventually;
-using test_support::SharedCounter;
-using test_support::SignalStorm;
+using korvex::test::CutCall;
+using korvex::test::eventually;
+using korvex::test::SharedCounter;
+using korvex::test::SignalStorm;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -94,7 +94,7 @@ class WriterUnderSignals : public UnderSignals, public testing::WithParamInterfa
     ThrownError error;
     std::chrono::steady_clock::duration time;
 
-    bool isLate() const { return time > std::chrono::seconds(kWait) + test_support::kSlack; }
+    bool isLate() const { return time > std::chrono::seconds(kWait) + korvex::test::kSlack; }
   };
 
   /// Begins with a second of the clock, from which deadlines are counted: so the wait is as long as
@@ -139,11 +139,11 @@ TEST_P(WriterUnderSignals, ThatWaitsForRoomMostOfTheTimeSendsEveryByte) {
 }
 
 TEST_P(WriterUnderSignals, WaitsNeitherShorterNorLonger) {
-  korvex_test::DaemonQueues queues(4096, 1);
+  korvex::test::DaemonQueues queues(4096, 1);
   korvex::ShmWriter to("s", queues.name(), kWait, 1, false);
   const SignalStorm storm(arrived_, GetParam());
   to.open();  // fills the queue
-  const Wait wait = test_support::againWhenLate([&] { return waitOf(to); },
+  const Wait wait = korvex::test::againWhenLate([&] { return waitOf(to); },
                                                 [](const Wait& found) { return found.isLate(); });
   EXPECT_EQ(wait.error,
             (ThrownError{korvex::kStatusTimedOut,
@@ -176,7 +176,7 @@ TEST_F(UnderSignals, AToolThatIsStoppedTimeAndAgainSendsEveryByte) {
   EXPECT_EQ(sender.wait(), 0) << sender.errors();
   ASSERT_EQ(streams(false).size(), 1u);
   const std::string stored = dataOf(streams(false)[0]);
-  const std::string once = test_support::contentsOf(content);
+  const std::string once = korvex::test::contentsOf(content);
   std::string sent;
   while (sent.size() < stored.size()) sent += once;
   EXPECT_TRUE(stored == sent);
@@ -193,7 +193,7 @@ class ProgramsUnderSignals : public UnderSignals {
   std::vector<std::string> underSignals(const std::vector<std::string>& command) const {
     std::vector<std::string> words = {
         "/usr/bin/env", "LD_PRELOAD=" KORVEX_SIGNAL_STORM,
-        std::string(test_support::kStormCounterVariable) + "=" + (folder_ / "signals")};
+        std::string(korvex::test::kStormCounterVariable) + "=" + (folder_ / "signals")};
     words.insert(words.end(), command.begin(), command.end());
     return words;
   }
@@ -216,7 +216,7 @@ TEST_F(ProgramsUnderSignals, ADaemonStartsServesAndEndsTimeAndAgain) {
     }));
     EXPECT_EQ(stream("abc"), "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950");
     end(daemon);
-    EXPECT_FALSE(test_support::queueExists(queue_));
+    EXPECT_FALSE(korvex::test::queueExists(queue_));
   }
   EXPECT_EQ(streams(false).size(), 10u);
   EXPECT_GT(arrived_.value(), 10u);
@@ -237,7 +237,7 @@ TEST_F(ProgramsUnderSignals, APipeArrivesByteByByte) {
   EXPECT_EQ(sender.wait(), 0) << sender.errors();
   EXPECT_EQ(sender.errors(), "");
   ASSERT_EQ(streams(false).size(), 1u);
-  const std::string once = test_support::contentsOf(content);
+  const std::string once = korvex::test::contentsOf(content);
   EXPECT_TRUE(dataOf(streams(false)[0]) == once + once + once + once + once);
   EXPECT_GT(arrived_.value(), 100u);
   end(daemon);

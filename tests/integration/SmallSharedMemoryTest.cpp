@@ -8,7 +8,7 @@
 #include "support/Process.h"
 #include "support/Queues.h"
 
-using test_support::Process;
+using korvex::test::Process;
 using testing::HasSubstr;
 
 namespace {
@@ -24,7 +24,7 @@ class SmallSharedMemory : public testing::Test {
   }
 
   static std::vector<std::string> unshared() {
-    return {"/usr/bin/unshare", test_support::isRoot() ? "-m" : "-Urm"};
+    return {"/usr/bin/unshare", korvex::test::isRoot() ? "-m" : "-Urm"};
   }
 
   /// Runs a script there with the daemon's command line as its arguments.
@@ -100,12 +100,12 @@ TEST_F(SmallSharedMemory, ThatIsTakenMeanwhileEndsTheDaemonAlike) {
 
 // A limit is a file system that is too small as well, and sends a signal.
 TEST(LimitedFileSize, EndsTheDaemonWithWhatItWouldNeed) {
-  const std::string name = test_support::uniqueQueueName();
+  const std::string name = korvex::test::uniqueQueueName();
   Process daemon({"/bin/sh", "-c", "ulimit -f 100; exec \"$0\" \"$@\"", KORVEXD_PROGRAM, "--queue",
                   name, "--discard"});
   EXPECT_EQ(daemon.wait(), 1);
   EXPECT_THAT(daemon.errors(), HasSubstr("creating queue " + name +
                                          ", which needs 2163088 bytes of shared memory in "
                                          "/dev/shm: error 27 (File too large)"));
-  EXPECT_FALSE(test_support::queueExists(name) || test_support::queueExists(name + "Response"));
+  EXPECT_FALSE(korvex::test::queueExists(name) || korvex::test::queueExists(name + "Response"));
 }

@@ -15,15 +15,15 @@
 #include "support/Process.h"
 #include "support/Queues.h"
 
-using strange::Holder;
-using strange::Kind;
-using test_support::Process;
+using korvex::test::Process;
+using korvex::test::strange::Holder;
+using korvex::test::strange::Kind;
 using testing::HasSubstr;
 
 namespace {
 
 /// How long a daemon may take to refuse an object: that it starts is most of it.
-constexpr auto kRefusalTime = std::chrono::seconds(1) + test_support::kSlack;
+constexpr auto kRefusalTime = std::chrono::seconds(1) + korvex::test::kSlack;
 
 /// How a daemon ended; without a code when it did not in time.
 struct End {
@@ -61,8 +61,8 @@ class StrangeObjectForDaemon : public testing::TestWithParam<Kind> {
 
   static std::vector<std::string> command(const std::vector<std::string>& arguments) {
     std::vector<std::string> words;
-    if (GetParam().actor == strange::Actor::Unprivileged && test_support::isRoot()) {
-      const std::string user = std::to_string(test_support::kNobody);
+    if (GetParam().actor == korvex::test::strange::Actor::Unprivileged && korvex::test::isRoot()) {
+      const std::string user = std::to_string(korvex::test::kNobody);
       words = {"/usr/bin/setpriv", "--reuid=" + user, "--regid=" + user, "--clear-groups"};
     }
     words.push_back(KORVEXD_PROGRAM);
@@ -81,7 +81,7 @@ class StrangeObjectForDaemon : public testing::TestWithParam<Kind> {
   void expectRefusal(const std::vector<std::string>& daemon, const std::string& place,
                      const std::string& reason) const {
     const ino_t before = inodeOf(place);
-    const End end = test_support::againWhenLate([&] { return endOf(daemon); },
+    const End end = korvex::test::againWhenLate([&] { return endOf(daemon); },
                                                 [](const End& found) { return found.isLate(); });
     EXPECT_FALSE(end.isLate());
     EXPECT_EQ(end.code, 1) << end.errors;
@@ -93,14 +93,14 @@ class StrangeObjectForDaemon : public testing::TestWithParam<Kind> {
   /// A daemon that must start, serve a writer, and leave nothing behind.
   void expectService(const std::vector<std::string>& command) const {
     Process daemon(command);
-    ASSERT_TRUE(test_support::eventually([&] {
+    ASSERT_TRUE(korvex::test::eventually([&] {
       return daemon.errors().find("serving " + name_ + ",") != std::string::npos ||
              daemon.wait(std::chrono::milliseconds(0));
     }));
     const auto tell = [this] {
-      return test_support::resultOfChild([this] { return WriterStory(name_).whole(); });
+      return korvex::test::resultOfChild([this] { return WriterStory(name_).whole(); });
     };
-    EXPECT_EQ(test_support::againWhenLate(tell, WriterStory::hasLateCall), "works");
+    EXPECT_EQ(korvex::test::againWhenLate(tell, WriterStory::hasLateCall), "works");
     daemon.signal(SIGTERM);
     EXPECT_EQ(daemon.wait(), 0) << daemon.errors();
     EXPECT_EQ(inodeOf(name_), 0u);
@@ -124,12 +124,12 @@ class StrangeObjectForDaemon : public testing::TestWithParam<Kind> {
     const std::string reason = replaced(GetParam().keepsDaemonOut, "NAME", place);
     if (reason.empty()) return expectService(daemon);
     expectRefusal(daemon, place,
-                  replaced(reason, "USER", std::to_string(test_support::unprivilegedUser())));
+                  replaced(reason, "USER", std::to_string(korvex::test::unprivilegedUser())));
   }
 
-  const std::string name_ = test_support::uniqueQueueName();
+  const std::string name_ = korvex::test::uniqueQueueName();
   const std::string responseName_ = name_ + "Response";
-  const test_support::QueueRemover remover_{name_};
+  const korvex::test::QueueRemover remover_{name_};
 };
 
 }  // namespace
@@ -144,5 +144,6 @@ TEST_P(StrangeObjectForDaemon, IsReplacedOnlyWhenADaemonMayHaveLeftIt) {
   meetWithReplace(responseName_);
 }
 
-INSTANTIATE_TEST_SUITE_P(Kinds, StrangeObjectForDaemon, testing::ValuesIn(strange::kinds()),
+INSTANTIATE_TEST_SUITE_P(Kinds, StrangeObjectForDaemon,
+                         testing::ValuesIn(korvex::test::strange::kinds()),
                          [](const auto& kind) { return std::string(kind.param.name); });

@@ -9,17 +9,18 @@
 #include "support/DaemonQueues.h"
 #include "support/Late.h"
 
-using korvex_test::RawQueue;
-using korvex_test::uniqueQueueName;
-using strange::Holder;
-using strange::Kind;
+using korvex::test::RawQueue;
+using korvex::test::uniqueQueueName;
+using korvex::test::strange::Holder;
+using korvex::test::strange::Kind;
 
 namespace {
 
 /// A queue that nothing is wrong with, open to every user.
 class SoundQueue {
  public:
-  explicit SoundQueue(const std::string& name, std::size_t messageSize = strange::kMessageSize)
+  explicit SoundQueue(const std::string& name,
+                      std::size_t messageSize = korvex::test::strange::kMessageSize)
       : queue_(name, 8, messageSize) {
     ::chmod(("/dev/shm/" + name).c_str(), 0666);
   }
@@ -40,12 +41,13 @@ class StrangeObjectForWriter : public testing::TestWithParam<Kind> {
     const auto tell = [&] {
       const SoundQueue sound(other);
       const Holder object = GetParam().place(place);
-      return test_support::resultOfChild([this] {
-        if (GetParam().actor == strange::Actor::Unprivileged) test_support::dropPrivileges();
+      return korvex::test::resultOfChild([this] {
+        if (GetParam().actor == korvex::test::strange::Actor::Unprivileged)
+          korvex::test::dropPrivileges();
         return WriterStory(name_).whole();
       });
     };
-    return test_support::againWhenLate(tell, WriterStory::hasLateCall);
+    return korvex::test::againWhenLate(tell, WriterStory::hasLateCall);
   }
 
   const std::string name_ = uniqueQueueName("strange");
@@ -54,7 +56,9 @@ class StrangeObjectForWriter : public testing::TestWithParam<Kind> {
 
 }  // namespace
 
-TEST(StrangeObjects, AreAtLeastFortyKinds) { EXPECT_GE(strange::kinds().size(), 40u); }
+TEST(StrangeObjects, AreAtLeastFortyKinds) {
+  EXPECT_GE(korvex::test::strange::kinds().size(), 40u);
+}
 
 TEST_P(StrangeObjectForWriter, InPlaceOfTheSendQueue) {
   EXPECT_EQ(storyWith(name_, responseName_), GetParam().asSendQueue);
@@ -64,17 +68,18 @@ TEST_P(StrangeObjectForWriter, InPlaceOfTheResponseQueue) {
   EXPECT_EQ(storyWith(responseName_, name_), GetParam().asResponseQueue);
 }
 
-INSTANTIATE_TEST_SUITE_P(Kinds, StrangeObjectForWriter, testing::ValuesIn(strange::kinds()),
+INSTANTIATE_TEST_SUITE_P(Kinds, StrangeObjectForWriter,
+                         testing::ValuesIn(korvex::test::strange::kinds()),
                          [](const auto& kind) { return std::string(kind.param.name); });
 
 // Its batches then go where the replies belong, and are as large as a reply.
 TEST(StrangePair, WithItsNamesSwapped) {
   const auto tell = [] {
     const std::string name = uniqueQueueName("strange");
-    const SoundQueue replies(name, strange::kMessageSize);
+    const SoundQueue replies(name, korvex::test::strange::kMessageSize);
     const SoundQueue batches(name + "Response", 4096);
-    return test_support::resultOfChild([&] { return WriterStory(name).whole(); });
+    return korvex::test::resultOfChild([&] { return WriterStory(name).whole(); });
   };
-  EXPECT_EQ(test_support::againWhenLate(tell, WriterStory::hasLateCall),
+  EXPECT_EQ(korvex::test::againWhenLate(tell, WriterStory::hasLateCall),
             "open: boost::interprocess_exception::library_error");
 }

@@ -16,14 +16,14 @@
 #include "support/DaemonQueues.h"
 #include "support/SharedObject.h"
 
-namespace strange {
+namespace korvex::test::strange {
 namespace {
 
-using korvex_test::bytesOfObject;
-using korvex_test::QueueLock;
-using korvex_test::RawQueue;
-using korvex_test::SharedObject;
-using korvex_test::uniqueQueueName;
+using korvex::test::bytesOfObject;
+using korvex::test::QueueLock;
+using korvex::test::RawQueue;
+using korvex::test::SharedObject;
+using korvex::test::uniqueQueueName;
 using Place = std::function<Holder(const std::string&)>;
 
 // Where a queue's header, its index and its slots have their fields.
@@ -187,7 +187,7 @@ Holder placeDevice(const std::string& name) {
 }
 
 std::string obstacleToDevices() {
-  if (!test_support::isRoot()) return "only root can make a device";
+  if (!korvex::test::isRoot()) return "only root can make a device";
   const std::string path = pathOf(uniqueQueueName("device"));
   const std::string refusal =
       makeDevice(path) == 0 ? "" : std::string("mknod is refused: ") + std::strerror(errno);
@@ -265,7 +265,7 @@ Kind same(const char* name, Place place, const std::string& writer,
 /// Its own user's object with permissions that keep even that user out.
 Kind forbidden(const char* name, mode_t mode) {
   return {name,
-          owned(test_support::unprivilegedUser(), mode),
+          owned(korvex::test::unprivilegedUser(), mode),
           kDenied,
           kDenied,
           "opening the existing queue NAME: error 13 (Permission denied)",
@@ -273,7 +273,7 @@ Kind forbidden(const char* name, mode_t mode) {
 }
 
 std::string obstacleToForeignObjects() {
-  return test_support::isRoot() ? "" : "only root can make an object of another user";
+  return korvex::test::isRoot() ? "" : "only root can make an object of another user";
 }
 
 Kind foreign(const char* name, mode_t mode, const std::string& writer) {
@@ -405,4 +405,4 @@ const std::vector<Kind>& kinds() {
   return table;
 }
 
-}  // namespace strange
+}  // namespace korvex::test::strange

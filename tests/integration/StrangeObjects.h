@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace strange {
+namespace korvex::test::strange {
 
 /// What lies under a queue's name, as long as this lives.
 using Holder = std::shared_ptr<void>;
@@ -39,6 +39,6 @@ const std::vector<Kind>& kinds();
 constexpr unsigned kMessages = 4;
 constexpr unsigned kMessageSize = 132;
 
-}  // namespace strange
+}  // namespace korvex::test::strange
 
 #endif

@@ -61,7 +61,7 @@ TEST_F(FailingProducer, CompletesNothingWhenItsStopFoundNoRoom) {
   {
     const auto to = writer(queue_, 1);
     to->open();
-    ASSERT_TRUE(test_support::eventually([this] { return streams(true).size() == 1; }));
+    ASSERT_TRUE(korvex::test::eventually([this] { return streams(true).size() == 1; }));
     daemon->freeze();
     {
       const StreamGuard guard(*to);

@@ -28,7 +28,7 @@ std::string errorOf(const std::function<void()>& action) {
 
 void WriterStory::call(const char* name, Waits waits, const std::function<void()>& action) {
   const auto bound =
-      static_cast<unsigned>(waits) * std::chrono::seconds(kTimeout) + test_support::kSlack;
+      static_cast<unsigned>(waits) * std::chrono::seconds(kTimeout) + korvex::test::kSlack;
   const auto start = std::chrono::steady_clock::now();
   const std::string error = errorOf(action);
   if (std::chrono::steady_clock::now() - start > bound) late_ += std::string("; ") + name + kLate;

@@ -13,7 +13,7 @@
 #include "support/Late.h"
 #include "support/ThrownError.h"
 
-using test_support::eventually;
+using korvex::test::eventually;
 
 namespace {
 
@@ -84,7 +84,7 @@ class CloseThatWaitsTwice {
   /// Whether one of the two waits took longer than a timeout.
   bool isLate() const {
     return takenSecond_ >= startSecond_ + kShortTimeout ||
-           end_ > taken_ + kWait + test_support::kSlack;
+           end_ > taken_ + kWait + korvex::test::kSlack;
   }
 
   /// Whether the second wait had a whole timeout of its own.
@@ -107,7 +107,7 @@ class CloseThatWaitsTwice {
   /// Holds any record, but no two of them.
   static constexpr std::size_t kMessageSize = 8 + 48 + 40;
 
-  korvex_test::DaemonQueues queues_{kMessageSize, 1};
+  korvex::test::DaemonQueues queues_{kMessageSize, 1};
   korvex::ShmWriter writer_{"s", queues_.name(), kShortTimeout, kShortTimeout, false};
   std::time_t startSecond_ = 0;
   std::time_t takenSecond_ = 0;
@@ -119,7 +119,7 @@ class CloseThatWaitsTwice {
 }  // namespace
 
 TEST_F(WriterWait, EndsAtTheDeadlineAndTheBatchIsSentLater) {
-  korvex_test::DaemonQueues queues(4096, 1);
+  korvex::test::DaemonQueues queues(4096, 1);
   korvex::ShmWriter to("s", queues.name(), 1, 1, false);
   to.open();
   to.writeSegment(reinterpret_cast<const unsigned char*>("abc"), 3);
@@ -139,7 +139,7 @@ TEST_F(WriterWait, EndsAtTheDeadlineAndTheBatchIsSentLater) {
 // Each wait for room has a deadline of its own, so that a call may take two timeouts, and never
 // more.
 TEST_F(WriterWait, OfACloseThatMustMakeRoomFirstTakesTwoTimeoutsAtMost) {
-  const auto close = test_support::againWhenLate(
+  const auto close = korvex::test::againWhenLate(
       [] {
         auto attempt = std::make_unique<CloseThatWaitsTwice>();
         attempt->run();

@@ -70,7 +70,7 @@ unsigned WriterLibrary::clockReads() { return clockReadings; }
 
 WriterLibrary::WriterLibrary() {
   removeLeftQueues();
-  platform_double::reset();
+  korvex::test::platform_double::reset();
 }
 
 WriterLibrary::~WriterLibrary() = default;
@@ -83,10 +83,10 @@ std::optional<Bytes> WriterLibrary::response() const {
 
 std::string WriterLibrary::logged() {
   std::string text;
-  for (const platform_double::Call& call : platform_double::calls()) {
+  for (const korvex::test::platform_double::Call& call : korvex::test::platform_double::calls()) {
     text += call.function + ' ' + std::to_string(call.code) + ' ' + call.text;
   }
-  platform_double::reset();
+  korvex::test::platform_double::reset();
   return text;
 }
 

@@ -4,7 +4,7 @@
 #include <chrono>
 #include <thread>
 
-namespace test_support {
+namespace korvex::test {
 
 /// Far more than anything takes, so that a loaded machine does not fail a test.
 constexpr std::chrono::seconds kPatience{60};
@@ -23,6 +23,6 @@ bool eventually(Condition condition, std::chrono::milliseconds patience = kPatie
   return true;
 }
 
-}  // namespace test_support
+}  // namespace korvex::test
 
 #endif

@@ -3,11 +3,11 @@
 
 #include "support/WireFormat.h"
 
-namespace test_support {
+namespace korvex::test {
 
 using korvex::test::BatchBytes;
 using korvex::test::Bytes;
 
-}  // namespace test_support
+}  // namespace korvex::test
 
 #endif

@@ -10,7 +10,7 @@
 
 #include "support/Await.h"
 
-namespace test_support {
+namespace korvex::test {
 namespace {
 
 constexpr std::size_t kReadSize = 4096;
@@ -77,4 +77,4 @@ std::string resultOfChild(const std::function<std::string()>& task) {
   return text;
 }
 
-}  // namespace test_support
+}  // namespace korvex::test

@@ -6,7 +6,7 @@
 #include <functional>
 #include <string>
 
-namespace test_support {
+namespace korvex::test {
 
 /// A user that owns nothing.
 constexpr uid_t kNobody = 65534;
@@ -24,6 +24,6 @@ void dropPrivileges();
 /// "killed by signal N", or "hangs".
 std::string resultOfChild(const std::function<std::string()>& task);
 
-}  // namespace test_support
+}  // namespace korvex::test
 
 #endif

@@ -1,9 +1,6 @@
 #ifndef TESTS_SUPPORT_DAEMON_QUEUES_H
 #define TESTS_SUPPORT_DAEMON_QUEUES_H
 
-#include <unistd.h>
-
-#include <atomic>
 #include <boost/interprocess/ipc/message_queue.hpp>
 #include <cstddef>
 #include <cstdint>
@@ -11,15 +8,10 @@
 #include <string>
 #include <utility>
 
+#include "support/Queues.h"
 #include "support/WireFormat.h"
 
 namespace korvex::test {
-
-/// A name that no other test, process or run uses.
-inline std::string uniqueQueueName(const std::string& hint = "test") {
-  static std::atomic<unsigned> count{0};
-  return "korvex-" + hint + "-" + std::to_string(::getpid()) + "-" + std::to_string(count++);
-}
 
 /// One message as the queue library delivers it.
 struct Message {
@@ -87,9 +79,5 @@ class DaemonQueues {
 };
 
 }  // namespace korvex::test
-
-namespace korvex_test {  // the name by which older tests know it
-using namespace korvex::test;
-}
 
 #endif

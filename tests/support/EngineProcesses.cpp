@@ -5,7 +5,7 @@
 #include <fstream>
 #include <iterator>
 
-namespace test_support {
+namespace korvex::test {
 namespace {
 
 namespace fs = std::filesystem;
@@ -69,4 +69,4 @@ std::size_t descriptorsOf(pid_t process) {
   return static_cast<std::size_t>(std::distance(begin(all), end(all)));
 }
 
-}  // namespace test_support
+}  // namespace korvex::test

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace test_support {
+namespace korvex::test {
 
 /// The living processes that a daemon has started for streams of this queue, its keepers too, and
 /// all that these have started, whatever became of their parents.
@@ -21,6 +21,6 @@ std::vector<pid_t> childrenOf(pid_t parent);
 /// How many descriptors a process has open.
 std::size_t descriptorsOf(pid_t process);
 
-}  // namespace test_support
+}  // namespace korvex::test
 
 #endif

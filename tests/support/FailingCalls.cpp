@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <system_error>
 
-namespace test_support {
+namespace korvex::test {
 namespace {
 
 FailureOrder* makeOrder(const std::string& path) {
@@ -47,4 +47,4 @@ bool FailingCalls::stop() {
   return order_->happened;
 }
 
-}  // namespace test_support
+}  // namespace korvex::test

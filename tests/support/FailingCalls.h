@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace test_support {
+namespace korvex::test {
 
 /// The page that a test shares with a program whose calls are to fail.
 struct FailureOrder {
@@ -49,6 +49,6 @@ class FailingCalls {
   FailureOrder* order_;
 };
 
-}  // namespace test_support
+}  // namespace korvex::test
 
 #endif

@@ -15,7 +15,7 @@
 
 #include "support/FailingCalls.h"
 
-using test_support::FailureOrder;
+using korvex::test::FailureOrder;
 
 namespace {
 
@@ -25,7 +25,7 @@ Function* systems(const char* name) {
 }
 
 FailureOrder* findOrder() {
-  const char* const path = std::getenv(test_support::kFailureOrderVariable);
+  const char* const path = std::getenv(korvex::test::kFailureOrderVariable);
   const int file = path == nullptr ? -1 : ::open(path, O_RDWR | O_CLOEXEC);
   if (file < 0) return nullptr;
   void* const page =
@@ -36,7 +36,7 @@ FailureOrder* findOrder() {
 
 /// Whether an open file or folder is the folder in question or inside of it.
 bool isInFolder(int descriptor) {
-  static const char* const folder = std::getenv(test_support::kFailingFolderVariable);
+  static const char* const folder = std::getenv(korvex::test::kFailingFolderVariable);
   char link[64];
   char path[PATH_MAX];
   std::snprintf(link, sizeof link, "/proc/self/fd/%d", descriptor);

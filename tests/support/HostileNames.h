@@ -40,8 +40,4 @@ inline const std::vector<std::string>& hostileNames() {
 
 }  // namespace korvex::test
 
-namespace korvex_test {  // the name by which older tests know it
-using namespace korvex::test;
-}
-
 #endif

@@ -3,7 +3,7 @@
 
 #include <chrono>
 
-namespace test_support {
+namespace korvex::test {
 
 /// What a call may take beyond the time that it is given. Only a machine that stands still adds
 /// more.
@@ -20,6 +20,6 @@ auto againWhenLate(Attempt attempt, IsLate isLate) {
   return result;
 }
 
-}  // namespace test_support
+}  // namespace korvex::test
 
 #endif

@@ -14,7 +14,7 @@
 #include "support/Await.h"
 #include "support/Child.h"
 
-namespace test_support {
+namespace korvex::test {
 namespace {
 
 constexpr pid_t kFirstUsableId = 2;  // a namespace's first process is its init
@@ -130,4 +130,4 @@ void LockHolder::die() {
   process_ = -1;
 }
 
-}  // namespace test_support
+}  // namespace korvex::test

@@ -7,7 +7,7 @@
 
 #include "support/SharedObject.h"
 
-namespace test_support {
+namespace korvex::test {
 
 /// Whether this process may make PID namespaces.
 bool canMakePidNamespace();
@@ -43,12 +43,12 @@ class LockHolder {
   [[noreturn]] void holdAs(pid_t ownId) const;
   bool awaitWaiter() const;
 
-  korvex_test::QueueLock lock_;
+  korvex::test::QueueLock lock_;
   int wishes_[2];   ///< to the holder
   int answers_[2];  ///< from it
   pid_t process_ = -1;
 };
 
-}  // namespace test_support
+}  // namespace korvex::test
 
 #endif

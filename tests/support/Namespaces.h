@@ -3,7 +3,7 @@
 
 #include <sys/stat.h>
 
-namespace korvex_test {
+namespace korvex::test {
 
 /// The inode of the PID namespace that every thread of the system has an id in.
 constexpr ino_t kInitialPidNamespace = 0xEFFFFFFC;
@@ -15,6 +15,6 @@ inline bool seesEveryThread() {
   return ::stat("/proc/self/ns/pid", &found) == 0 && found.st_ino == kInitialPidNamespace;
 }
 
-}  // namespace korvex_test
+}  // namespace korvex::test
 
 #endif

@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <mutex>
 
-namespace platform_double {
+namespace korvex::test::platform_double {
 namespace {
 
 std::mutex mutex;
@@ -56,9 +56,9 @@ std::vector<std::string> traceLines() {
   return lines;
 }
 
-}  // namespace platform_double
+}  // namespace korvex::test::platform_double
 
-using namespace platform_double;
+using namespace korvex::test::platform_double;
 
 #define KORVEX_RECORD(function, code)        \
   std::va_list arguments;                    \

@@ -6,7 +6,7 @@
 
 /// Stands in for the platform's trace and log calls in a test program: the program's own
 /// definitions of these symbols come before the platform library's. Records every call.
-namespace platform_double {
+namespace korvex::test::platform_double {
 
 struct Call {
   std::string function;  ///< "InfoA", "AuthA", "WarningA", "ErrorA" or "__TraceA"
@@ -33,6 +33,6 @@ std::vector<Call> calls();
 /// The filled texts of the trace lines since reset().
 std::vector<std::string> traceLines();
 
-}  // namespace platform_double
+}  // namespace korvex::test::platform_double
 
 #endif

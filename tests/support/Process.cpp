@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <stdexcept>
 
-namespace test_support {
+namespace korvex::test {
 namespace {
 
 constexpr int kCannotExecute = 127;
@@ -106,4 +106,4 @@ void Process::drain(int& pipe, std::string& text) {
   }
 }
 
-}  // namespace test_support
+}  // namespace korvex::test

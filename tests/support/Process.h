@@ -11,7 +11,7 @@
 
 #include "support/Await.h"
 
-namespace test_support {
+namespace korvex::test {
 
 /// A real program, running. What it writes is collected. Killed when the object goes.
 class Process {
@@ -54,6 +54,6 @@ class Process {
   std::string errors_;
 };
 
-}  // namespace test_support
+}  // namespace korvex::test
 
 #endif

@@ -8,10 +8,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <stdexcept>
 
-namespace test_support {
+namespace korvex::test {
 namespace {
 
 constexpr std::size_t kMutexOffset = 48;
@@ -23,14 +22,6 @@ constexpr std::size_t kMutexOffset = 48;
 }
 
 }  // namespace
-
-std::string uniqueQueueName() {
-  static std::atomic<unsigned> counter{0};
-  timespec now = {};
-  ::clock_gettime(CLOCK_REALTIME, &now);
-  return "korvex-test-" + std::to_string(::getpid()) + "-" + std::to_string(now.tv_sec) + "-" +
-         std::to_string(now.tv_nsec) + "-" + std::to_string(++counter);
-}
 
 bool queueExists(const std::string& name) {
   struct stat found = {};
@@ -58,4 +49,4 @@ void dieHoldingLockOf(const std::string& queue) {
   if (child < 0 || !WIFSIGNALED(status)) throw std::runtime_error("nobody died with the lock");
 }
 
-}  // namespace test_support
+}  // namespace korvex::test

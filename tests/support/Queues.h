@@ -1,12 +1,22 @@
-#ifndef TESTS_INTEGRATION_SUPPORT_QUEUES_H
-#define TESTS_INTEGRATION_SUPPORT_QUEUES_H
+#ifndef TESTS_SUPPORT_QUEUES_H
+#define TESTS_SUPPORT_QUEUES_H
 
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <string>
 
-namespace test_support {
+namespace korvex::test {
 
-/// A name that no other test and no other run uses.
-std::string uniqueQueueName();
+/// A name that no other test, process or run uses.
+inline std::string uniqueQueueName(const std::string& hint = "test") {
+  static std::atomic<unsigned> count{0};
+  timespec now = {};
+  ::clock_gettime(CLOCK_REALTIME, &now);
+  return "korvex-" + hint + "-" + std::to_string(::getpid()) + "-" + std::to_string(now.tv_sec) +
+         "-" + std::to_string(now.tv_nsec) + "-" + std::to_string(++count);
+}
 
 /// Whether a shared-memory object has this name.
 bool queueExists(const std::string& name);
@@ -26,6 +36,6 @@ class QueueRemover {
 /// Has a process of its own take the queue's lock and die with it.
 void dieHoldingLockOf(const std::string& queue);
 
-}  // namespace test_support
+}  // namespace korvex::test
 
 #endif

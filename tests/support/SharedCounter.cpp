@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <system_error>
 
-namespace test_support {
+namespace korvex::test {
 namespace {
 
 using Number = std::atomic<unsigned>;
@@ -37,4 +37,4 @@ SharedCounter::SharedCounter(const std::string& file) : number_(mapFile(file)) {
 
 SharedCounter::~SharedCounter() { ::munmap(number_, sizeof *number_); }
 
-}  // namespace test_support
+}  // namespace korvex::test

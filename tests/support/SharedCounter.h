@@ -4,7 +4,7 @@
 #include <atomic>
 #include <string>
 
-namespace test_support {
+namespace korvex::test {
 
 /// A number that one process counts up and another one reads. May be raised in a signal handler.
 class SharedCounter {
@@ -26,6 +26,6 @@ class SharedCounter {
   std::atomic<unsigned>* number_;
 };
 
-}  // namespace test_support
+}  // namespace korvex::test
 
 #endif

@@ -110,8 +110,4 @@ class QueueLock {
 
 }  // namespace korvex::test
 
-namespace korvex_test {  // the name by which older tests know it
-using namespace korvex::test;
-}
-
 #endif

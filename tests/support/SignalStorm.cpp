@@ -3,7 +3,7 @@
 #include <cerrno>
 #include <system_error>
 
-namespace test_support {
+namespace korvex::test {
 namespace {
 
 constexpr int kSignal = SIGUSR1;
@@ -37,4 +37,4 @@ SignalStorm::~SignalStorm() {
   ::signal(kSignal, SIG_IGN);
 }
 
-}  // namespace test_support
+}  // namespace korvex::test

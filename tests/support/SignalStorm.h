@@ -6,7 +6,7 @@
 
 #include "support/SharedCounter.h"
 
-namespace test_support {
+namespace korvex::test {
 
 /// Names the file in which a preloaded storm counts its signals.
 constexpr const char* kStormCounterVariable = "KORVEX_TEST_STORM_COUNTER";
@@ -27,6 +27,6 @@ class SignalStorm {
   timer_t timer_;
 };
 
-}  // namespace test_support
+}  // namespace korvex::test
 
 #endif

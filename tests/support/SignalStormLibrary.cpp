@@ -7,10 +7,10 @@
 namespace {
 
 __attribute__((constructor)) void beginStorm() {
-  const char* const file = std::getenv(test_support::kStormCounterVariable);
+  const char* const file = std::getenv(korvex::test::kStormCounterVariable);
   if (file == nullptr) return;
-  static auto& counter = *new test_support::SharedCounter(file);
-  new test_support::SignalStorm(counter);  // until the process ends
+  static auto& counter = *new korvex::test::SharedCounter(file);
+  new korvex::test::SignalStorm(counter);  // until the process ends
 }
 
 }  // namespace

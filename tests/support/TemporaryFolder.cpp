@@ -8,7 +8,7 @@
 #include <sstream>
 #include <stdexcept>
 
-namespace test_support {
+namespace korvex::test {
 
 namespace fs = std::filesystem;
 
@@ -44,4 +44,4 @@ std::string contentsOf(const std::string& file) {
   return contents.str();
 }
 
-}  // namespace test_support
+}  // namespace korvex::test

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-namespace test_support {
+namespace korvex::test {
 
 /// A fresh folder, removed with everything in it at the end.
 class TemporaryFolder {
@@ -30,6 +30,6 @@ std::vector<std::string> namesIn(const std::string& folder);
 /// All bytes of a file. Throws when it cannot be read.
 std::string contentsOf(const std::string& file);
 
-}  // namespace test_support
+}  // namespace korvex::test
 
 #endif

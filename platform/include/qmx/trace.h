@@ -26,7 +26,8 @@ QMX_EXPORT std::uint32_t* __qmxlog_trace_location();
 /// The default platform's never throws. A host's own may throw anything: it leaves the operation
 /// that is traced as an error of that operation would. Only in a destructor it must not, for that
 /// ends the process: AutoTrace writes the line that leaves a scope in its own. For the same reason
-/// neither this nor a call of log.h may be a cancellation point: disable cancellation around writes.
+/// neither this nor a call of log.h may be a cancellation point: disable cancellation around
+/// writes.
 QMX_EXPORT void __TraceA(const char* format, ...) QMX_PRINTF_FORMAT(1, 2);
 }
 

@@ -3,7 +3,7 @@
 
 #include <ostream>
 
-namespace test_support {
+namespace korvex::test {
 
 /// A real backup engine: how it stores a stream, and how its own tools show what it has stored.
 ///
@@ -53,6 +53,6 @@ inline constexpr Engine kEngines[] = {
      "find . -name '*.zst'", R"(zstd -dc "$1")", "find . -name '*.zst' -exec zstd -tq {} +"},
 };
 
-}  // namespace test_support
+}  // namespace korvex::test
 
 #endif

@@ -11,7 +11,7 @@
 
 #include "support/Process.h"
 
-namespace test_support {
+namespace korvex::test {
 
 /// Bytes that no engine can pack or has stored before.
 inline std::string noise(std::size_t size) {
@@ -72,6 +72,6 @@ class Producer {
   Process process_;
 };
 
-}  // namespace test_support
+}  // namespace korvex::test
 
 #endif

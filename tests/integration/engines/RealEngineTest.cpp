@@ -14,11 +14,11 @@
 #include "support/Child.h"
 #include "support/EngineProcesses.h"
 
-using test_support::Engine;
-using test_support::eventually;
-using test_support::kEngines;
-using test_support::Process;
-using test_support::Producer;
+using korvex::test::Engine;
+using korvex::test::eventually;
+using korvex::test::kEngines;
+using korvex::test::Process;
+using korvex::test::Producer;
 using testing::ContainsRegex;
 using testing::SizeIs;
 
@@ -78,7 +78,7 @@ class RealEngine : public DaemonFixture {
 
   /// Stores a whole stream, and finds it restored and nothing besides it.
   void expectToStoreOneStreamOnly() {
-    std::ofstream(folder_ / "whole", std::ios::binary) << test_support::noise(kBytesOfAWholeStream);
+    std::ofstream(folder_ / "whole", std::ios::binary) << korvex::test::noise(kBytesOfAWholeStream);
     Process send({KORVEX_PROGRAM, "send", "--queue", queue_, folder_ / "whole"});
     ASSERT_EQ(send.wait(), 0) << send.errors();
     const std::vector<std::string> names = stored();
@@ -86,8 +86,8 @@ class RealEngine : public DaemonFixture {
     EXPECT_TRUE(succeeds("{ " + std::string(engine_.restore) + "; } >\"$2\"",
                          {names.at(0), folder_ / "restored"}))
         << said_;
-    EXPECT_TRUE(test_support::contentsOf(folder_ / "whole") ==
-                test_support::contentsOf(folder_ / "restored"));
+    EXPECT_TRUE(korvex::test::contentsOf(folder_ / "whole") ==
+                korvex::test::contentsOf(folder_ / "restored"));
     EXPECT_TRUE(succeeds(engine_.check)) << said_;
   }
 
@@ -100,7 +100,7 @@ class RealEngine : public DaemonFixture {
 
   /// Has the store on a file system of this size, or gives the reason why that cannot be.
   std::string limitStore(const std::string& size) {
-    const char* flag = test_support::isRoot() ? "-m" : "-Urm";
+    const char* flag = korvex::test::isRoot() ? "-m" : "-Urm";
     disk_ = std::make_unique<Process>(
         Words{"/usr/bin/unshare", flag, "/bin/sh", "-c",
               "mount -t tmpfs -o size=" + size + " none \"$0\" && echo ready && exec sleep 1000",
@@ -110,7 +110,7 @@ class RealEngine : public DaemonFixture {
     });
     if (disk_->output().empty()) return disk_->errors();
     around_ = {"/usr/bin/nsenter", "-t", std::to_string(disk_->id()), "-m"};
-    if (!test_support::isRoot()) around_.insert(around_.end(), {"-U", "--preserve-credentials"});
+    if (!korvex::test::isRoot()) around_.insert(around_.end(), {"-U", "--preserve-credentials"});
     return "";
   }
 
@@ -122,7 +122,7 @@ class RealEngine : public DaemonFixture {
   }
 
   bool awaitNoProcess() const {
-    return eventually([&] { return test_support::processesFor(queue_).empty(); });
+    return eventually([&] { return korvex::test::processesFor(queue_).empty(); });
   }
 
   std::string said_;  ///< by the last script
@@ -163,11 +163,11 @@ struct Scene {
   std::string queue;
   std::string engineProgram;
 
-  pid_t keeper() const { return test_support::keepersFor(queue).at(0); }
+  pid_t keeper() const { return korvex::test::keepersFor(queue).at(0); }
 
   /// Not the shell around it.
   pid_t engine() const {
-    for (const pid_t process : test_support::processesFor(queue))
+    for (const pid_t process : korvex::test::processesFor(queue))
       if (nameOf(process) == engineProgram + "\n") return process;
     ADD_FAILURE() << "no " << engineProgram << " is running";
     return ::getpid();

@@ -10,7 +10,7 @@ using korvex::common::fileNameOf;
 using korvex::common::jsonNameOf;
 using korvex::common::plainQueueName;
 using korvex::common::queueNameDefect;
-using korvex_test::hostileNames;
+using korvex::test::hostileNames;
 
 TEST(QueueName, MayStartWithOneSlash) {
   EXPECT_EQ(queueNameDefect("/a"), "");

@@ -11,13 +11,13 @@
 
 namespace {
 
+using korvex::test::BatchBytes;
 using korvex::tool::captureFileOf;
 using korvex::tool::Failure;
 using korvex::tool::inBatchOrder;
 using korvex::tool::kLargestBatch;
 using korvex::tool::readUntrusted;
 using korvex::tool::StopSignal;
-using test_support::BatchBytes;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
@@ -47,11 +47,11 @@ class CaptureFileReading : public testing::Test {
     return "";
   }
 
-  test_support::TemporaryFolder folder_;
+  korvex::test::TemporaryFolder folder_;
   StopSignal stop_;
 };
 
-std::string textOf(const test_support::Bytes& bytes) { return {bytes.begin(), bytes.end()}; }
+std::string textOf(const korvex::test::Bytes& bytes) { return {bytes.begin(), bytes.end()}; }
 
 }  // namespace
 

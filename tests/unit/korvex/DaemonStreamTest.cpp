@@ -29,7 +29,7 @@ struct DaemonStreamTo : testing::Test {
       stream.watch();
       return condition();
     };
-    return test_support::eventually(isMet);
+    return korvex::test::eventually(isMet);
   }
 
   StopSignal stop;

@@ -14,11 +14,11 @@
 
 namespace {
 
+using korvex::test::system_calls::failing;
+using korvex::test::system_calls::instead;
 using korvex::tool::Failure;
 using korvex::tool::InputReader;
 using korvex::tool::StopSignal;
-using system_calls::failing;
-using system_calls::instead;
 using testing::HasSubstr;
 
 /// A pipe with three bytes and an end, or a file with them.
@@ -43,7 +43,7 @@ class InputCalls : public testing::Test {
   /// The next reads fail with these errors, those after them work.
   void failReads(std::deque<int> errors) {
     instead.read = [errors](int file, void* bytes, std::size_t size) mutable -> ssize_t {
-      if (errors.empty()) return system_calls::read(file, bytes, size);
+      if (errors.empty()) return korvex::test::system_calls::read(file, bytes, size);
       const int error = errors.front();
       errors.pop_front();
       return failing(error);
@@ -94,7 +94,7 @@ TEST_F(InputCalls, ThatAreInterruptedWhileOpeningAreMadeAgain) {
   InputReader reader({file_}, stop_);
   int opened = 0;
   instead.open = [&](const char* path) {
-    return ++opened < 3 ? failing(EINTR) : system_calls::open(path, 0);
+    return ++opened < 3 ? failing(EINTR) : korvex::test::system_calls::open(path, 0);
   };
   EXPECT_TRUE(reader.openNext());
   EXPECT_EQ(opened, 3);
@@ -108,7 +108,8 @@ TEST_F(InputCalls, ThatFailWhileOpeningNameTheFile) {
 
 TEST_F(InputCalls, ThatAreInterruptedWhileWaitingAreMadeAgain) {
   instead.poll = [count = 0](pollfd* files, nfds_t number, int milliseconds) mutable {
-    return ++count < 3 ? failing(EINTR) : system_calls::poll(files, number, milliseconds);
+    return ++count < 3 ? failing(EINTR)
+                       : korvex::test::system_calls::poll(files, number, milliseconds);
   };
   EXPECT_EQ(contentOf(pipe_), "abc");
 }
@@ -120,7 +121,7 @@ TEST_F(InputCalls, ThatFailWhileWaitingNameTheFile) {
 
 TEST_F(InputCalls, ThatShortenAReadAreMadeAgain) {
   instead.read = [](int file, void* bytes, std::size_t size) {
-    return system_calls::read(file, bytes, size == 0 ? 0 : 1);
+    return korvex::test::system_calls::read(file, bytes, size == 0 ? 0 : 1);
   };
   EXPECT_EQ(contentOf(file_), "abc");
 }

@@ -14,13 +14,13 @@
 
 namespace {
 
+using korvex::test::BatchBytes;
+using korvex::test::Bytes;
 using korvex::tool::Ending;
 using korvex::tool::InspectOptions;
 using korvex::tool::runInspect;
 using korvex::tool::StopSignal;
 using nlohmann::json;
-using test_support::BatchBytes;
-using test_support::Bytes;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -71,7 +71,7 @@ class Inspect : public testing::Test {
     return objects;
   }
 
-  test_support::TemporaryFolder folder_;
+  korvex::test::TemporaryFolder folder_;
   InspectOptions options_;
   StopSignal stop_;
   std::ostringstream out_;
@@ -236,7 +236,7 @@ TEST_F(Inspect, StopsWhenItsOutputFails) {
 }
 
 TEST_F(Inspect, AgreesWithTheDaemonAboutHostileBatches) {
-  hostile::Batches batches(20261121);
+  korvex::test::hostile::Batches batches(20261121);
   unsigned damaged = 0;
   for (int i = 0; i < 3000; ++i) {
     const Bytes untrusted = batches.next();

@@ -15,6 +15,7 @@
 
 namespace {
 
+using korvex::test::eventually;
 using korvex::test::FakeDaemon;
 using korvex::test::replyTo;
 using korvex::test::staySilent;
@@ -24,7 +25,6 @@ using korvex::tool::runSend;
 using korvex::tool::SendOptions;
 using korvex::tool::StopSignal;
 using nlohmann::json;
-using test_support::eventually;
 using testing::EndsWith;
 using testing::HasSubstr;
 
@@ -75,7 +75,7 @@ class SendFromCommand : public testing::Test {
     ::close(pipe);
   }
 
-  test_support::TemporaryFolder folder;
+  korvex::test::TemporaryFolder folder;
   FakeDaemon daemon;
   SendOptions options;
   StopSignal stop;
@@ -139,7 +139,7 @@ TEST_F(SendFromCommand, EndsTheCommandWhenTheDaemonFails) {
   EXPECT_EQ(send("echo $$ >\"$0/id\"; exec yes"), 1);
   EXPECT_THAT(errors.str(), HasSubstr("status 28: disk full"));
   EXPECT_EQ(result()["command"], json({{"signal", "SIGTERM"}}));
-  EXPECT_NE(::kill(std::stoi(test_support::contentsOf(folder / "id")), 0), 0);
+  EXPECT_NE(::kill(std::stoi(korvex::test::contentsOf(folder / "id")), 0), 0);
 }
 
 TEST_F(SendFromCommand, NoticesAFailureWhileTheCommandIsSilent) {

@@ -431,7 +431,7 @@ TEST_F(SendStream, ASignalLeavesLittleTimeToTellTheDaemon) {
 }
 
 TEST_F(SendStream, ASignalEndsTheWaitForAHalfMadeQueue) {
-  const korvex_test::SharedObject halfMade("korvex-test-half-made-" + std::to_string(::getpid()));
+  const korvex::test::SharedObject halfMade("korvex-test-half-made-" + std::to_string(::getpid()));
   addFile("a", "abc");
   options.queue = halfMade.name();
   options.timeout = 3;
@@ -440,7 +440,7 @@ TEST_F(SendStream, ASignalEndsTheWaitForAHalfMadeQueue) {
 }
 
 TEST_F(SendStream, TellsThatAQueueIsNeverFinished) {
-  const korvex_test::SharedObject halfMade("korvex-test-half-made-" + std::to_string(::getpid()));
+  const korvex::test::SharedObject halfMade("korvex-test-half-made-" + std::to_string(::getpid()));
   addFile("a", "abc");
   options.queue = halfMade.name();
   options.timeout = 1;
@@ -458,7 +458,7 @@ TEST_F(SendStream, ASignalEndsTheWaitForTheLock) {
   daemon.serve(staySilent);
   const auto noted = std::async(std::launch::async, [&] {
     const int writer = ::open(pipe.c_str(), O_WRONLY | O_CLOEXEC);  // the stream is open then
-    korvex_test::QueueLock(daemon.queue()).takeAndDie();
+    korvex::test::QueueLock(daemon.queue()).takeAndDie();
     EXPECT_EQ(::write(writer, "abc", 3), 3);
     ::close(writer);
     // Most likely in the middle of the wait; the result is the same at any other moment.
@@ -474,7 +474,7 @@ TEST_F(SendStream, TellsThatTheLockStaysTaken) {
   options.name = "photos";
   daemon.serve([isDone = false](FakeDaemon& self, const FakeDaemon::Record& record) mutable {
     if (record.type != kData || std::exchange(isDone, true)) return;
-    korvex_test::QueueLock(self.queue()).takeAndDie();
+    korvex::test::QueueLock(self.queue()).takeAndDie();
   });
   EXPECT_EQ(send(), 1);
   EXPECT_THAT(errors.str(), HasSubstr("status 15: waited 1 s for room on stream photos: "));

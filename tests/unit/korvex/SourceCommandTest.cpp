@@ -20,6 +20,8 @@
 
 namespace {
 
+using korvex::test::contentsOf;
+using korvex::test::eventually;
 using korvex::tool::Failure;
 using korvex::tool::Interrupted;
 using korvex::tool::ProcessEnd;
@@ -27,8 +29,6 @@ using korvex::tool::signalName;
 using korvex::tool::SourceCommand;
 using korvex::tool::StopSignal;
 using std::chrono::milliseconds;
-using test_support::contentsOf;
-using test_support::eventually;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 using Words = std::vector<std::string>;
@@ -150,9 +150,9 @@ class CommandAsSource : public testing::Test {
     return "";
   }
 
-  test_support::TemporaryFolder folder;
-  milliseconds timeout = test_support::kPatience;
-  milliseconds grace = test_support::kPatience;
+  korvex::test::TemporaryFolder folder;
+  milliseconds timeout = korvex::test::kPatience;
+  milliseconds grace = korvex::test::kPatience;
   std::function<void()> whenIdle;
   StopSignal stop;
   std::unique_ptr<SourceCommand> command;

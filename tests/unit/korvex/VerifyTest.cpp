@@ -92,7 +92,7 @@ class Verify : public testing::Test {
     return json::parse(verify());
   }
 
-  test_support::TemporaryFolder store_;
+  korvex::test::TemporaryFolder store_;
   VerifyOptions options_;
   StopSignal stop_;
   std::ostringstream out_;

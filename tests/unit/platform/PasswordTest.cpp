@@ -200,9 +200,9 @@ TEST_F(PasswordInLog, IsNotInWhatAReceiverOfLinesGets) {
 
 TEST_F(PasswordInLog, IsNotInTheSystemLog) {
   qmx::logToSystemLog("producer");
-  syslog_double::take();
+  korvex::test::syslog_double::take();
   EXPECT_THAT(outputOf(act), Not(HasSubstr(kCanary)));
-  const std::vector<std::string> calls = syslog_double::take();
+  const std::vector<std::string> calls = korvex::test::syslog_double::take();
   EXPECT_THAT(calls, testing::Contains(HasSubstr("User=somebody")));
   EXPECT_THAT(calls, testing::Each(Not(HasSubstr(kCanary))));
 }

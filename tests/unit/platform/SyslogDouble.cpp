@@ -6,7 +6,7 @@
 
 // Not <syslog.h>: with hardening on, it turns these names into others.
 
-namespace syslog_double {
+namespace korvex::test::syslog_double {
 namespace {
 
 std::vector<std::string> calls;
@@ -21,19 +21,20 @@ void record(int priority, const char* format, std::va_list arguments) {
 
 std::vector<std::string> take() { return std::exchange(calls, {}); }
 
-}  // namespace syslog_double
+}  // namespace korvex::test::syslog_double
 
 extern "C" {
 
 void openlog(const char* identity, int option, int facility) {
-  syslog_double::calls.push_back("open " + std::string(identity) + " option=" +
-                                 std::to_string(option) + " facility=" + std::to_string(facility));
+  korvex::test::syslog_double::calls.push_back("open " + std::string(identity) +
+                                               " option=" + std::to_string(option) +
+                                               " facility=" + std::to_string(facility));
 }
 
 void syslog(int priority, const char* format, ...) {
   std::va_list arguments;
   va_start(arguments, format);
-  syslog_double::record(priority, format, arguments);
+  korvex::test::syslog_double::record(priority, format, arguments);
   va_end(arguments);
 }
 
@@ -41,9 +42,9 @@ void syslog(int priority, const char* format, ...) {
 void __syslog_chk(int priority, int /*flag*/, const char* format, ...) {
   std::va_list arguments;
   va_start(arguments, format);
-  syslog_double::record(priority, format, arguments);
+  korvex::test::syslog_double::record(priority, format, arguments);
   va_end(arguments);
 }
 
-void closelog() { syslog_double::calls.push_back("close"); }
+void closelog() { korvex::test::syslog_double::calls.push_back("close"); }
 }

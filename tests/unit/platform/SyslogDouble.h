@@ -6,12 +6,12 @@
 
 /// Stands in for the C library's system log in a test program: the program's own definitions of
 /// openlog, syslog and closelog come before the C library's. Records every call.
-namespace syslog_double {
+namespace korvex::test::syslog_double {
 
 /// The calls since the last take(), in order: "open IDENTITY option=N facility=N",
 /// "PRIORITY: TEXT", "close".
 std::vector<std::string> take();
 
-}  // namespace syslog_double
+}  // namespace korvex::test::syslog_double
 
 #endif

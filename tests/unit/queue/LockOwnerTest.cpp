@@ -19,11 +19,11 @@
 #include "unit/queue/SystemCalls.h"
 
 using korvex::QueueView;
-using korvex_test::RawQueue;
-using korvex_test::seesEveryThread;
-using korvex_test::uniqueQueueName;
-using system_calls::failing;
-using system_calls::instead;
+using korvex::test::RawQueue;
+using korvex::test::seesEveryThread;
+using korvex::test::uniqueQueueName;
+using korvex::test::system_calls::failing;
+using korvex::test::system_calls::instead;
 
 namespace {
 
@@ -33,7 +33,7 @@ constexpr off_t kLockOwnerAt = 56;
 /// Writes to an object that exists already.
 template <typename Value>
 void overwrite(const std::string& name, off_t offset, Value value) {
-  const int file = system_calls::shmOpen(name.c_str(), O_RDWR, 0);
+  const int file = korvex::test::system_calls::shmOpen(name.c_str(), O_RDWR, 0);
   EXPECT_EQ(::pwrite(file, &value, sizeof value, offset), ssize_t{sizeof value});
   ::close(file);
 }
@@ -87,7 +87,7 @@ class ProvenLockOwner : public LockOwner {
 class ForeignLockOwner : public testing::Test {
  protected:
   void SetUp() override {
-    if (!test_support::canMakePidNamespace()) GTEST_SKIP() << "no PID namespace of one's own";
+    if (!korvex::test::canMakePidNamespace()) GTEST_SKIP() << "no PID namespace of one's own";
   }
 
   bool isGone() const { return QueueView(queue_.name()).isLockOwnerGone(); }
@@ -212,15 +212,15 @@ TEST_F(LockOwner, IsNobodyWhenNoneIsNamed) {
 }
 
 TEST_F(ForeignLockOwner, LivesThoughItsNumberIsFreeHere) {
-  const pid_t id = test_support::freeProcessId();
-  test_support::LockHolder holder(queue_.name(), id);
+  const pid_t id = korvex::test::freeProcessId();
+  korvex::test::LockHolder holder(queue_.name(), id);
   EXPECT_FALSE(isGone());
 }
 
 TEST_F(ForeignLockOwner, LivesThoughItsNumberIsAZombiesHere) {
   const pid_t zombie = makeZombie();
   {
-    test_support::LockHolder holder(queue_.name(), zombie);
+    korvex::test::LockHolder holder(queue_.name(), zombie);
     EXPECT_FALSE(isGone());
   }
   ::waitpid(zombie, nullptr, 0);
@@ -228,7 +228,7 @@ TEST_F(ForeignLockOwner, LivesThoughItsNumberIsAZombiesHere) {
 
 TEST_F(ForeignLockOwner, IsGoneOnceNoNamespaceHasItsNumber) {
   if (!seesEveryThread()) GTEST_SKIP() << "threads of other PID namespaces cannot be seen";
-  test_support::LockHolder holder(queue_.name(), test_support::freeProcessId());
+  korvex::test::LockHolder holder(queue_.name(), korvex::test::freeProcessId());
   holder.die();
   EXPECT_TRUE(isGone());
 }

@@ -12,12 +12,12 @@
 #include "support/SharedObject.h"
 
 using korvex::MessageQueue;
-using korvex_test::bytesOfFile;
-using korvex_test::bytesOfObject;
-using korvex_test::QueueLock;
-using korvex_test::RawQueue;
-using korvex_test::SharedObject;
-using korvex_test::uniqueQueueName;
+using korvex::test::bytesOfFile;
+using korvex::test::bytesOfObject;
+using korvex::test::QueueLock;
+using korvex::test::RawQueue;
+using korvex::test::SharedObject;
+using korvex::test::uniqueQueueName;
 using Clock = MessageQueue::Clock;
 using Outcome = MessageQueue::Outcome;
 namespace ipc = boost::interprocess;

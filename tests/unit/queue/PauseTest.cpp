@@ -25,10 +25,10 @@
 using korvex::MessageQueue;
 using korvex::Pause;
 using korvex::ShmWriter;
-using korvex_test::DaemonQueues;
-using korvex_test::RawQueue;
-using korvex_test::SharedObject;
-using korvex_test::uniqueQueueName;
+using korvex::test::DaemonQueues;
+using korvex::test::RawQueue;
+using korvex::test::SharedObject;
+using korvex::test::uniqueQueueName;
 using std::chrono::hours;
 using std::chrono::microseconds;
 using std::chrono::milliseconds;

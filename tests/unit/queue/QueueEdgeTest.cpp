@@ -13,10 +13,10 @@
 #include "support/SharedObject.h"
 
 using korvex::QueueView;
-using korvex_test::bytesOfObject;
-using korvex_test::RawQueue;
-using korvex_test::SharedObject;
-using korvex_test::uniqueQueueName;
+using korvex::test::bytesOfObject;
+using korvex::test::RawQueue;
+using korvex::test::SharedObject;
+using korvex::test::uniqueQueueName;
 
 namespace {
 

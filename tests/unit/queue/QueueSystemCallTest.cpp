@@ -21,11 +21,11 @@
 
 using korvex::MessageQueue;
 using korvex::QueueView;
-using korvex_test::RawQueue;
-using korvex_test::SharedObject;
-using korvex_test::uniqueQueueName;
-using system_calls::failing;
-using system_calls::instead;
+using korvex::test::RawQueue;
+using korvex::test::SharedObject;
+using korvex::test::uniqueQueueName;
+using korvex::test::system_calls::failing;
+using korvex::test::system_calls::instead;
 using State = QueueView::State;
 namespace ipc = boost::interprocess;
 
@@ -105,13 +105,13 @@ TEST_F(QueueViewCalls, EveryReadThatComesShortMeansDamaged) {
   std::vector<off_t> places;
   instead.pread = [&](int file, void* bytes, std::size_t size, off_t offset) {
     places.push_back(offset);
-    return system_calls::pread(file, bytes, size, offset);
+    return korvex::test::system_calls::pread(file, bytes, size, offset);
   };
   ASSERT_EQ(QueueView(queue.name()).state(), State::Sound);
   ASSERT_EQ(places.size(), 9u) << "the header, and entry and length of each slot";
   for (const off_t place : places) {
     instead.pread = [place](int file, void* bytes, std::size_t size, off_t offset) {
-      const ssize_t read = system_calls::pread(file, bytes, size, offset);
+      const ssize_t read = korvex::test::system_calls::pread(file, bytes, size, offset);
       return offset == place ? read - 1 : read;
     };
     EXPECT_EQ(QueueView(queue.name()).state(), State::Damaged) << "read at " << place;
@@ -125,7 +125,7 @@ constexpr off_t kFirstMessageAt = 184;
 
 template <typename Value>
 void overwrite(const std::string& name, off_t offset, Value value) {
-  const int file = system_calls::shmOpen(name.c_str(), O_RDWR, 0);
+  const int file = korvex::test::system_calls::shmOpen(name.c_str(), O_RDWR, 0);
   EXPECT_EQ(::pwrite(file, &value, sizeof value, offset), ssize_t{sizeof value});
   ::close(file);
 }
@@ -140,7 +140,7 @@ void beforeHeaderReads(Before before) {
   instead.pread = [before, reads = 0](int file, void* bytes, std::size_t size,
                                       off_t offset) mutable {
     if (offset == 0) before(++reads);
-    return system_calls::pread(file, bytes, size, offset);
+    return korvex::test::system_calls::pread(file, bytes, size, offset);
   };
 }
 
@@ -151,7 +151,7 @@ TEST_F(QueueViewCalls, LockThatIsTakenAfterTheLookExcusesItToo) {
   const RawQueue queue(uniqueQueueName(), 4, 300);
   goRound(queue.name());
   instead.pread = [&](int file, void* bytes, std::size_t size, off_t offset) {
-    const ssize_t read = system_calls::pread(file, bytes, size, offset);
+    const ssize_t read = korvex::test::system_calls::pread(file, bytes, size, offset);
     if (offset == 0) overwrite(queue.name(), kLockWordAt, std::uint32_t{1});
     return read;
   };
@@ -217,7 +217,7 @@ TEST_F(QueueViewCalls, SameNumberOnAnotherDeviceIsAnotherObject) {
   const RawQueue queue(uniqueQueueName(), 4, 300);
   const QueueView view(queue.name());
   instead.lstat = [](const char* path, struct stat* found) {
-    const int result = system_calls::lstat(path, found);
+    const int result = korvex::test::system_calls::lstat(path, found);
     ++found->st_dev;
     return result;
   };
@@ -268,7 +268,7 @@ TEST_F(MessageQueueCalls, TrialOfTheRoomIsNobodyElsesToUse) {
   mode_t trialMode = 0;
   instead.shmOpen = [&](const char* path, int flags, mode_t mode) {
     if (std::strstr(path, ".room") != nullptr) trialMode = mode;
-    return system_calls::shmOpen(path, flags, mode);
+    return korvex::test::system_calls::shmOpen(path, flags, mode);
   };
   const MessageQueue queue(name, {4, 100}, 0666);
   EXPECT_EQ(trialMode, 0600u);
@@ -302,7 +302,7 @@ TEST_F(MessageQueueCalls, QueueWhoseMemoryCannotBeReservedIsRemoved) {
   const std::string name = uniqueQueueName();
   instead.posixFallocate = [](int file, off_t offset, off_t size) {
     const bool isTrial = std::strstr(pathOf(file), ".room") != nullptr;
-    return isTrial ? system_calls::posixFallocate(file, offset, size) : ENOSPC;
+    return isTrial ? korvex::test::system_calls::posixFallocate(file, offset, size) : ENOSPC;
   };
   EXPECT_EQ(errorOf([&] { MessageQueue(name, {4, 100}, 0600); }).systemError, ENOSPC);
   EXPECT_FALSE(MessageQueue::remove(name));
@@ -312,7 +312,7 @@ TEST_F(MessageQueueCalls, QueueThatCannotBeReachedAgainIsRemoved) {
   const std::string name = uniqueQueueName();
   instead.shmOpen = [](const char* path, int flags, mode_t mode) {
     if (!isCreation(flags) && !isLook(flags)) return failing(EMFILE);
-    return system_calls::shmOpen(path, flags, mode);
+    return korvex::test::system_calls::shmOpen(path, flags, mode);
   };
   EXPECT_EQ(errorOf([&] { MessageQueue(name, {4, 100}, 0600); }).systemError, EMFILE);
   EXPECT_FALSE(MessageQueue::remove(name));
@@ -321,7 +321,7 @@ TEST_F(MessageQueueCalls, QueueThatCannotBeReachedAgainIsRemoved) {
 TEST_F(MessageQueueCalls, QueueThatDoesNotLookSoundIsRemoved) {
   const std::string name = uniqueQueueName();
   instead.shmOpen = [](const char* path, int flags, mode_t mode) {
-    return isLook(flags) ? failing(EMFILE) : system_calls::shmOpen(path, flags, mode);
+    return isLook(flags) ? failing(EMFILE) : korvex::test::system_calls::shmOpen(path, flags, mode);
   };
   EXPECT_EQ(errorOf([&] { MessageQueue(name, {4, 100}, 0600); }).code, ipc::corrupted_error);
   EXPECT_FALSE(MessageQueue::remove(name));
@@ -337,7 +337,7 @@ TEST_F(MessageQueueCalls, QueueThatIsReplacedWhileItIsOpenedIsLookedAtAnew) {
       queue.reset();
       queue = std::make_unique<RawQueue>(name, 4, 500);
     }
-    return system_calls::shmOpen(path, flags, mode);
+    return korvex::test::system_calls::shmOpen(path, flags, mode);
   };
   const auto deadline = MessageQueue::Clock::now() + std::chrono::hours(1);
   const MessageQueue opened(name, deadline);
@@ -354,7 +354,7 @@ TEST_F(MessageQueueCalls, QueueThatIsFinishedMeanwhileIsOpened) {
       unfinished.reset();
       queue = std::make_unique<RawQueue>(name, 4, 300);
     }
-    return system_calls::shmOpen(path, flags, mode);
+    return korvex::test::system_calls::shmOpen(path, flags, mode);
   };
   const auto deadline = MessageQueue::Clock::now() + std::chrono::hours(1);
   const MessageQueue opened(name, deadline);

@@ -18,12 +18,12 @@
 #include "support/SharedObject.h"
 
 using korvex::QueueView;
-using korvex_test::bytesOfFile;
-using korvex_test::bytesOfObject;
-using korvex_test::QueueLock;
-using korvex_test::RawQueue;
-using korvex_test::SharedObject;
-using korvex_test::uniqueQueueName;
+using korvex::test::bytesOfFile;
+using korvex::test::bytesOfObject;
+using korvex::test::QueueLock;
+using korvex::test::RawQueue;
+using korvex::test::SharedObject;
+using korvex::test::uniqueQueueName;
 using State = QueueView::State;
 
 namespace korvex {
@@ -124,7 +124,7 @@ TEST(QueueView, FollowsTheFillOfTheQueue) {
 }
 
 TEST(QueueView, SeesTheLockAndThatItsOwnerIsGone) {
-  if (!korvex_test::seesEveryThread()) GTEST_SKIP() << "no view of other PID namespaces";
+  if (!korvex::test::seesEveryThread()) GTEST_SKIP() << "no view of other PID namespaces";
   const RawQueue queue(uniqueQueueName(), 2, 10);
   const QueueView view(queue.name());
   const QueueLock lock(queue.name());
@@ -166,7 +166,7 @@ TEST(QueueView, KnowsALivingOwnerThatIsNotTheFirstThread) {
 }
 
 TEST(QueueView, CountsAKilledProcessAsGoneBeforeItsParentAsksForIt) {
-  if (!korvex_test::seesEveryThread()) GTEST_SKIP() << "no view of other PID namespaces";
+  if (!korvex::test::seesEveryThread()) GTEST_SKIP() << "no view of other PID namespaces";
   const RawQueue queue(uniqueQueueName(), 2, 10);
   const QueueView view(queue.name());
   const QueueLock lock(queue.name());

@@ -33,7 +33,7 @@ extern "C" int posix_fallocate(int, off_t, off_t) {
 // Once for the trial whether there is room and once for the queue itself.
 TEST(Reservation, IsTriedAgainWhenASignalCutsItShort) {
   for (const int interrupted : {0, 1, 2, 5}) {
-    const std::string name = korvex_test::uniqueQueueName("reservation");
+    const std::string name = korvex::test::uniqueQueueName("reservation");
     calls = 0;
     interruptedCalls = interrupted;
     EXPECT_NO_THROW(MessageQueue(name, {2, 100}, 0600));
@@ -44,7 +44,7 @@ TEST(Reservation, IsTriedAgainWhenASignalCutsItShort) {
 
 // Each would make the system start again, which takes long for a large queue.
 TEST(Reservation, MakesSignalsWaitMeanwhile) {
-  const std::string name = korvex_test::uniqueQueueName("reservation");
+  const std::string name = korvex::test::uniqueQueueName("reservation");
   interruptedCalls = 0;
   signalsWait = true;
   MessageQueue(name, {2, 100}, 0600);

@@ -12,7 +12,7 @@
 #include <cerrno>
 #include <cstdarg>
 
-namespace system_calls {
+namespace korvex::test::system_calls {
 namespace {
 
 template <typename Function>
@@ -99,29 +99,31 @@ int failing(int error) {
   return -1;
 }
 
-}  // namespace system_calls
+}  // namespace korvex::test::system_calls
 
-using system_calls::instead;
-using system_calls::systems;
+using korvex::test::system_calls::instead;
+using korvex::test::system_calls::systems;
 
 extern "C" {
 
 int shm_open(const char* name, int flags, mode_t mode) {
   if (instead.shmOpen) return instead.shmOpen(name, flags, mode);
-  return system_calls::shmOpen(name, flags, mode);
+  return korvex::test::system_calls::shmOpen(name, flags, mode);
 }
 
 int posix_fallocate(int file, off_t offset, off_t size) {
   if (instead.posixFallocate) return instead.posixFallocate(file, offset, size);
-  return system_calls::posixFallocate(file, offset, size);
+  return korvex::test::system_calls::posixFallocate(file, offset, size);
 }
 
 int fstat(int file, struct stat* found) noexcept {
-  return instead.fstat ? instead.fstat(file, found) : system_calls::fstat(file, found);
+  return instead.fstat ? instead.fstat(file, found)
+                       : korvex::test::system_calls::fstat(file, found);
 }
 
 int lstat(const char* path, struct stat* found) noexcept {
-  return instead.lstat ? instead.lstat(path, found) : system_calls::lstat(path, found);
+  return instead.lstat ? instead.lstat(path, found)
+                       : korvex::test::system_calls::lstat(path, found);
 }
 
 void* mmap(void* place, std::size_t size, int access, int flags, int file, off_t offset) noexcept {
@@ -132,7 +134,7 @@ void* mmap(void* place, std::size_t size, int access, int flags, int file, off_t
 
 ssize_t pread(int file, void* bytes, std::size_t size, off_t offset) {
   if (instead.pread) return instead.pread(file, bytes, size, offset);
-  return system_calls::pread(file, bytes, size, offset);
+  return korvex::test::system_calls::pread(file, bytes, size, offset);
 }
 
 int open(const char* path, int flags, ...) {
@@ -146,7 +148,8 @@ int open(const char* path, int flags, ...) {
 }
 
 ssize_t read(int file, void* bytes, std::size_t size) {
-  return instead.read ? instead.read(file, bytes, size) : system_calls::read(file, bytes, size);
+  return instead.read ? instead.read(file, bytes, size)
+                      : korvex::test::system_calls::read(file, bytes, size);
 }
 
 int kill(pid_t process, int signal) noexcept {
@@ -163,11 +166,12 @@ int madvise(void* memory, std::size_t size, int advice) noexcept {
 
 int poll(pollfd* files, nfds_t count, int milliseconds) {
   if (instead.poll) return instead.poll(files, count, milliseconds);
-  return system_calls::poll(files, count, milliseconds);
+  return korvex::test::system_calls::poll(files, count, milliseconds);
 }
 
 ssize_t write(int file, const void* bytes, std::size_t size) {
-  return instead.write ? instead.write(file, bytes, size) : system_calls::write(file, bytes, size);
+  return instead.write ? instead.write(file, bytes, size)
+                       : korvex::test::system_calls::write(file, bytes, size);
 }
 
 // What open() becomes where the C library checks flags that it cannot see.
@@ -179,12 +183,12 @@ int openat(int folder, const char* name, int flags, ...) {
   const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
   va_end(arguments);
   if (instead.openat) return instead.openat(folder, name, flags, mode);
-  return system_calls::openat(folder, name, flags, mode);
+  return korvex::test::system_calls::openat(folder, name, flags, mode);
 }
 
 int mkdirat(int folder, const char* name, mode_t mode) noexcept {
   if (instead.mkdirat) return instead.mkdirat(folder, name, mode);
-  return system_calls::mkdirat(folder, name, mode);
+  return korvex::test::system_calls::mkdirat(folder, name, mode);
 }
 
 int unlinkat(int folder, const char* name, int flags) noexcept {
@@ -193,7 +197,9 @@ int unlinkat(int folder, const char* name, int flags) noexcept {
   return call(folder, name, flags);
 }
 
-int fsync(int file) { return instead.sync ? instead.sync(file) : system_calls::sync(file); }
+int fsync(int file) {
+  return instead.sync ? instead.sync(file) : korvex::test::system_calls::sync(file);
+}
 
 int fdatasync(int file) {
   if (instead.sync) return instead.sync(file);

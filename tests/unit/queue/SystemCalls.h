@@ -10,7 +10,7 @@
 
 /// Stands between a test program and the system: the program's own definitions of these calls come
 /// before the system's, and do what the test wants or else what the system does.
-namespace system_calls {
+namespace korvex::test::system_calls {
 
 /// What a test wants instead; empty for what the system does.
 struct Instead {
@@ -54,6 +54,6 @@ int rename(int folder, const char* from, const char* to);
 /// Sets errno and gives what a failing call does.
 int failing(int error);
 
-}  // namespace system_calls
+}  // namespace korvex::test::system_calls
 
 #endif

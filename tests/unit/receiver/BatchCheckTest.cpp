@@ -5,8 +5,8 @@
 #include "support/BatchBytes.h"
 
 using korvex::receiver::BatchCheck;
-using test_support::BatchBytes;
-using test_support::Bytes;
+using korvex::test::BatchBytes;
+using korvex::test::Bytes;
 using Defect = korvex::receiver::BatchCheck::Defect;
 
 namespace {

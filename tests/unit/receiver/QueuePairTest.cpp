@@ -14,7 +14,7 @@ using korvex::MessageQueue;
 using korvex::receiver::Limits;
 using korvex::receiver::QueuePair;
 using korvex::receiver::Receiver;
-using test_support::queueExists;
+using korvex::test::queueExists;
 using testing::HasSubstr;
 
 namespace {
@@ -52,15 +52,15 @@ class QueuePairTest : public testing::Test {
 
   static bool temporaryNamesAreLeft() {
     const std::string mine = ".korvexd-" + std::to_string(::getpid()) + "-";
-    for (const std::string& name : test_support::namesIn("/dev/shm")) {
+    for (const std::string& name : korvex::test::namesIn("/dev/shm")) {
       if (name.compare(0, mine.size(), mine) == 0) return true;
     }
     return false;
   }
 
-  std::string name_ = test_support::uniqueQueueName();
+  std::string name_ = korvex::test::uniqueQueueName();
   std::string replies_ = name_ + "Response";
-  test_support::QueueRemover remover_{name_};
+  korvex::test::QueueRemover remover_{name_};
 };
 
 }  // namespace

@@ -46,8 +46,8 @@ class SlowSink : public Sink {
 }  // namespace
 
 TEST(Receiver, TakesAtItsEndWhatCameWhileASinkFinished) {
-  const std::string name = test_support::uniqueQueueName();
-  const test_support::QueueRemover remover(name);
+  const std::string name = korvex::test::uniqueQueueName();
+  const korvex::test::QueueRemover remover(name);
   Streams streams;
   Observer silent;
   const auto open = [&](const std::string&, std::time_t) {

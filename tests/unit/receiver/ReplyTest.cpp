@@ -35,8 +35,8 @@ class ReplySenderTest : public testing::Test {
     return reply.status;
   }
 
-  std::string name_ = test_support::uniqueQueueName();
-  test_support::QueueRemover remover_{name_};
+  std::string name_ = korvex::test::uniqueQueueName();
+  korvex::test::QueueRemover remover_{name_};
   QueuePair pair_{name_, {1, 100}, 0600, Receiver::Existing::Refuse};
   MessageQueue producer_{name_ + "Response", MessageQueue::Clock::now()};
   korvex::receiver::Counters stats_;
@@ -96,17 +96,17 @@ TEST_F(ReplySenderTest, WithdrawsWhatWasNotPickedUp) {
 }
 
 TEST_F(ReplySenderTest, NoticesAProducerThatDiedWithTheLock) {
-  if (!korvex_test::seesEveryThread()) GTEST_SKIP() << "no view of other PID namespaces";
+  if (!korvex::test::seesEveryThread()) GTEST_SKIP() << "no view of other PID namespaces";
   EXPECT_NO_THROW(pair_.replies().checkLock());
-  test_support::dieHoldingLockOf(name_ + "Response");
+  korvex::test::dieHoldingLockOf(name_ + "Response");
   EXPECT_THROW(pair_.replies().checkLock(), korvex::receiver::LockLost);
   EXPECT_THROW(sender_.withdraw(), korvex::receiver::LockLost);
   EXPECT_THROW(send(1), korvex::receiver::LockLost);
 }
 
 TEST(LockWatch, LosesPatienceWithALivingOwnerAfterFiveSeconds) {
-  const std::string name = test_support::uniqueQueueName();
-  const test_support::QueueRemover remover(name);
+  const std::string name = korvex::test::uniqueQueueName();
+  const korvex::test::QueueRemover remover(name);
   const MessageQueue queue(name, {1, 100}, 0600);
   korvex::receiver::LockWatch watch;
   const auto start = korvex::receiver::LockWatch::Clock::now();
@@ -133,10 +133,10 @@ class ContendedLock : public testing::Test {
     watch_.note(MessageQueue::Outcome::LockTaken, queue_.view(), start_ + after);
   }
 
-  const std::string name_ = test_support::uniqueQueueName();
-  const test_support::QueueRemover remover_{name_};
+  const std::string name_ = korvex::test::uniqueQueueName();
+  const korvex::test::QueueRemover remover_{name_};
   const MessageQueue queue_{name_, {1, 100}, 0600};
-  const korvex_test::QueueLock lock_{name_};
+  const korvex::test::QueueLock lock_{name_};
   korvex::receiver::LockWatch watch_;
   const korvex::receiver::LockWatch::Clock::time_point start_ =
       korvex::receiver::LockWatch::Clock::now();

@@ -12,8 +12,8 @@
 #include "support/Queues.h"
 
 using korvex::receiver::StaleQueue;
-using korvex_test::RawQueue;
-using test_support::queueExists;
+using korvex::test::queueExists;
+using korvex::test::RawQueue;
 
 namespace {
 
@@ -44,7 +44,7 @@ class StaleQueueRace : public testing::Test {
     return "";
   }
 
-  const std::string name_ = test_support::uniqueQueueName();
+  const std::string name_ = korvex::test::uniqueQueueName();
   std::unique_ptr<RawQueue> queue_ = std::make_unique<RawQueue>(name_, 2, 10);
 };
 

@@ -18,7 +18,7 @@
 using korvex::MessageQueue;
 using korvex::receiver::removeHalfMadeQueues;
 using korvex::receiver::temporaryQueueName;
-using test_support::queueExists;
+using korvex::test::queueExists;
 using testing::Contains;
 using testing::Not;
 using testing::StartsWith;
@@ -58,7 +58,7 @@ class TemporaryNameTest : public testing::Test {
 
   /// Takes /proc away from this process alone. False where that is not allowed.
   static bool hideProcesses() {
-    const int user = test_support::isRoot() ? 0 : CLONE_NEWUSER;
+    const int user = korvex::test::isRoot() ? 0 : CLONE_NEWUSER;
     return ::unshare(CLONE_NEWNS | user) == 0 &&
            ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
            ::mount("none", "/proc", "tmpfs", 0, nullptr) == 0;
@@ -76,7 +76,7 @@ TEST_F(TemporaryNameTest, TellsTheProcessAndItsNamespaceAndIsNeverTheSame) {
 }
 
 TEST_F(TemporaryNameTest, RemovesWhatADeadDaemonLeftHalfMade) {
-  test_support::eventually([&] {
+  korvex::test::eventually([&] {
     const std::string name = make(nameBy(deadProcess()));
     const auto removed = removeHalfMadeQueues();
     EXPECT_FALSE(queueExists(name));
@@ -102,7 +102,7 @@ TEST_F(TemporaryNameTest, LeavesWhatMayBeOfAnotherNamespace) {
 
 TEST_F(TemporaryNameTest, LeavesEverythingWhereTheNamespaceIsUnknown) {
   const std::string name = make(".korvexd-" + std::to_string(deadProcess()) + "-0-1-2");
-  const std::string seen = test_support::resultOfChild([] {
+  const std::string seen = korvex::test::resultOfChild([] {
     if (!hideProcesses()) return std::string("not allowed");
     return temporaryQueueName() + (removeHalfMadeQueues().empty() ? " leaves all" : " removes");
   });

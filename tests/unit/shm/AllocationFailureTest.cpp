@@ -20,7 +20,7 @@
 #include "unit/shm/AllocationFailures.h"
 #include "unit/shm/BatchBuilders.h"
 
-using namespace allocation_test;
+using namespace korvex::test;
 using korvex::qmx_shm_message_t;
 using korvex::ServerInfo;
 using korvex::ShmBatch;
@@ -283,7 +283,7 @@ TEST_P(AllocationFailures, ReachingTheGeneratorNeedsNoMemory) {
 namespace {
 
 /// Looks only at lines that were handed on; the double allocates itself.
-std::size_t linesHandedOn() { return platform_double::calls().size(); }
+std::size_t linesHandedOn() { return korvex::test::platform_double::calls().size(); }
 
 }  // namespace
 
@@ -295,8 +295,8 @@ namespace {
 
 template <typename Call>
 std::size_t allocationsOf(Call call) {
-  platform_double::reset();
-  platform_double::setTracing(true);
+  korvex::test::platform_double::reset();
+  korvex::test::platform_double::setTracing(true);
   const AllocationCounter counter;
   call();
   return counter.taken();
@@ -314,8 +314,8 @@ class LoggingAllocationFailures : public AllocationFailures {
     log();  // the double's own list has its size after this
     const std::size_t before = allocationsOf(log) - allocationsOf(handOver);
     EXPECT_GE(before, 1u);
-    platform_double::reset();
-    platform_double::setTracing(true);
+    korvex::test::platform_double::reset();
+    korvex::test::platform_double::setTracing(true);
     for (std::size_t number = 1; number <= before; ++number) {
       SCOPED_TRACE("allocation " + std::to_string(number) + " of " + std::to_string(before));
       const AllocationCounter counter;
@@ -366,7 +366,7 @@ TEST_P(AllocationFailures, CopyingAnError) {
 
 // The daemon's way to a queue. A name that is left would keep the next daemon from starting.
 TEST_P(AllocationFailures, CreatingAQueueLeavesNoName) {
-  const std::string name = korvex_test::uniqueQueueName("created");
+  const std::string name = korvex::test::uniqueQueueName("created");
   const auto create = [&] {
     const korvex::MessageQueue queue(name, {4, 100}, 0600);
     EXPECT_TRUE(korvex::MessageQueue::remove(name));

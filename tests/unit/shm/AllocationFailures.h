@@ -12,7 +12,7 @@
 
 /// What the tests share in which every allocation of an operation fails, one after the other: once
 /// alone and once with all that follow it.
-namespace allocation_test {
+namespace korvex::test {
 
 /// Longer than any string that needs no memory of its own.
 inline const std::string kLong(100, 'l');
@@ -55,8 +55,8 @@ std::size_t failEach(AllocationFailure::Kind kind, Call call, Check checkAfterwa
 
 class AllocationFailures : public testing::TestWithParam<AllocationFailure::Kind> {
  protected:
-  AllocationFailures() { platform_double::reset(); }
-  ~AllocationFailures() override { platform_double::reset(); }
+  AllocationFailures() { korvex::test::platform_double::reset(); }
+  ~AllocationFailures() override { korvex::test::platform_double::reset(); }
 
   /// For calls that keep nothing, whether they get through or not.
   template <typename Call>
@@ -80,6 +80,6 @@ inline std::string nameOf(const testing::TestParamInfo<AllocationFailure::Kind>&
   return info.param == AllocationFailure::Kind::Single ? "Single" : "Lasting";
 }
 
-}  // namespace allocation_test
+}  // namespace korvex::test
 
 #endif

@@ -23,8 +23,8 @@ constexpr unsigned long kImpossibleSize = (1ul << 62) + 5;
 /// A batch with room for a few records, and counting only what happens after it was made.
 class AllocationTest : public testing::Test {
  protected:
-  AllocationTest() { platform_double::reset(); }
-  ~AllocationTest() override { platform_double::reset(); }
+  AllocationTest() { korvex::test::platform_double::reset(); }
+  ~AllocationTest() override { korvex::test::platform_double::reset(); }
 
   ShmBatch batch{300};
   const ShmBatch::Entry entry = record(1, "abc");
@@ -113,9 +113,10 @@ TEST_F(AllocationTest, BatchLargerThanTheAddressSpaceLeaksNothing) {
 }
 
 TEST_F(AllocationTest, TraceOfABatchShowsTheLow32BitsOfItsSize) {
-  platform_double::setTracing(true);
+  korvex::test::platform_double::setTracing(true);
   EXPECT_THROW(ShmBatch{kImpossibleSize}, std::bad_alloc);
-  EXPECT_EQ(platform_double::traceLines(), std::vector<std::string>{"ShmBatch: bufferSize=5"});
+  EXPECT_EQ(korvex::test::platform_double::traceLines(),
+            std::vector<std::string>{"ShmBatch: bufferSize=5"});
 }
 
 // Fresh memory is not zero in this program.
@@ -125,8 +126,8 @@ TEST_F(AllocationTest, BatchFillsItsBufferWithZeros) {
 
 // From construction to the last reply a stream takes nothing from the heap but its batch.
 TEST(WriterAllocations, StreamTakesNothingOnceTheWriterIsConstructed) {
-  platform_double::reset();
-  korvex_test::DaemonQueues queues(1024, 64);
+  korvex::test::platform_double::reset();
+  korvex::test::DaemonQueues queues(1024, 64);
   korvex::ShmWriter writer("stream", queues.name(), 60, 60, false);
   queues.reply(0, "stored");
   const Bytes data(100, 'x');

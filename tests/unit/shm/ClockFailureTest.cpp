@@ -84,7 +84,7 @@ class ClockFailure : public testing::Test {
   const std::string segment_ =
       hex("00000001 00000003 0000000000000002 0000000000000000 00000000 00000000 00000000 00000000 "
           "00000000 aabbccdd 616263");
-  korvex_test::DaemonQueues queues_{200};
+  korvex::test::DaemonQueues queues_{200};
   std::unique_ptr<ShmWriter> writer_ =
       std::make_unique<ShmWriter>("stream", queues_.name(), kTimeout, kTimeout, false);
 };

@@ -13,10 +13,10 @@
 #include "unit/shm/WriterFixture.h"
 
 using korvex::ShmBatch;
-using korvex_test::DaemonQueues;
+using korvex::test::DaemonQueues;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using namespace writer_test;
+using namespace korvex::test;
 
 namespace {
 
@@ -85,7 +85,7 @@ class FaultingCopy : public Writer {
 
 class FaultingSegment : public FaultingCopy, public testing::WithParamInterface<Way> {
  protected:
-  FaultingSegment() { platform_double::setTracing(GetParam() == Way::Traced); }
+  FaultingSegment() { korvex::test::platform_double::setTracing(GetParam() == Way::Traced); }
 };
 
 INSTANTIATE_TEST_SUITE_P(Ways, FaultingSegment, testing::Values(Way::Short, Way::Traced));

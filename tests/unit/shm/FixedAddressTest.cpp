@@ -19,7 +19,7 @@ std::string fileWith(const void* address) {
 
 class FixedAddress : public testing::Test {
  protected:
-  korvex_test::DaemonQueues queues_;
+  korvex::test::DaemonQueues queues_;
   korvex::ShmWriter writer_{"x", queues_.name(), 1, 1, false};
   korvex::Channel& channel_ = writer_;
 };

@@ -8,9 +8,9 @@
 #include "korvex/Status.h"
 #include "unit/shm/WriterFixture.h"
 
-using korvex_test::DaemonQueues;
+using korvex::test::DaemonQueues;
+using korvex::test::expectError;
 using testing::ElementsAre;
-using writer_test::expectError;
 
 namespace {
 
@@ -24,7 +24,7 @@ struct FirstSegment {
 };
 template struct FirstSegment<&korvex::ShmWriter::firstSegment_>;
 
-class MixedAlgorithms : public writer_test::Writer {
+class MixedAlgorithms : public korvex::test::Writer {
  protected:
   MixedAlgorithms() { openOn(queues_); }
 

@@ -3,15 +3,15 @@
 #include "korvex/Status.h"
 #include "unit/shm/WriterFixture.h"
 
-using korvex_test::DaemonQueues;
+using korvex::test::DaemonQueues;
+using korvex::test::expectError;
 using testing::ElementsAre;
-using writer_test::expectError;
 
 namespace {
 
 constexpr std::size_t kRoomForEverything = 400000;
 
-class SegmentWays : public writer_test::Writer {
+class SegmentWays : public korvex::test::Writer {
  protected:
   SegmentWays() { openOn(queues_); }
 

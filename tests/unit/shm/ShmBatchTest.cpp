@@ -38,8 +38,8 @@ namespace {
 
 class ShmBatchTest : public testing::Test {
  protected:
-  ShmBatchTest() { platform_double::reset(); }
-  ~ShmBatchTest() override { platform_double::reset(); }
+  ShmBatchTest() { korvex::test::platform_double::reset(); }
+  ~ShmBatchTest() override { korvex::test::platform_double::reset(); }
 };
 
 using ShmBatchConstruction = ShmBatchTest;
@@ -163,28 +163,29 @@ TEST_F(ShmBatchConstruction, MembersLieWhereTheyAlwaysHave) {
 }
 
 TEST_F(ShmBatchConstruction, IsTracedBeforeTheSizeIsRefused) {
-  platform_double::setTracing(true);
+  korvex::test::platform_double::setTracing(true);
   EXPECT_THROW(ShmBatch(7), Ov_ErrnoException);
-  ASSERT_EQ(platform_double::calls().size(), 1u);
-  EXPECT_EQ(platform_double::calls()[0].function, "__TraceA");
-  EXPECT_EQ(platform_double::calls()[0].format, "%s: bufferSize=%u");
-  EXPECT_EQ(platform_double::calls()[0].text, "ShmBatch: bufferSize=7");
+  ASSERT_EQ(korvex::test::platform_double::calls().size(), 1u);
+  EXPECT_EQ(korvex::test::platform_double::calls()[0].function, "__TraceA");
+  EXPECT_EQ(korvex::test::platform_double::calls()[0].format, "%s: bufferSize=%u");
+  EXPECT_EQ(korvex::test::platform_double::calls()[0].text, "ShmBatch: bufferSize=7");
 }
 
 TEST_F(ShmBatchConstruction, IsSilentWhileTracingIsOff) {
   const ShmBatch batch(8);
-  EXPECT_TRUE(platform_double::calls().empty());
+  EXPECT_TRUE(korvex::test::platform_double::calls().empty());
 }
 
 TEST_F(ShmBatchConstruction, IsTheOnlyOperationThatTraces) {
-  platform_double::setTracing(true);
+  korvex::test::platform_double::setTracing(true);
   {
     ShmBatch batch(200);
     batch.pushBack(record(1, "abc"));
     batch.getEntry(0);
     batch.clear();
   }
-  EXPECT_EQ(platform_double::traceLines(), std::vector<std::string>{"ShmBatch: bufferSize=200"});
+  EXPECT_EQ(korvex::test::platform_double::traceLines(),
+            std::vector<std::string>{"ShmBatch: bufferSize=200"});
 }
 
 TEST(ShmBatchSizeCheck, AcceptsEightAndMore) {

@@ -4,10 +4,10 @@
 
 using korvex::qmx_shm_message_t;
 using korvex::ShmWriter;
-using korvex_test::DaemonQueues;
+using korvex::test::DaemonQueues;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using namespace writer_test;
+using namespace korvex::test;
 
 namespace {
 

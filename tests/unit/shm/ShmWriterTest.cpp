@@ -10,10 +10,10 @@
 
 using korvex::qmx_shm_message_t;
 using korvex::ShmWriter;
-using korvex_test::DaemonQueues;
+using korvex::test::DaemonQueues;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using namespace writer_test;
+using namespace korvex::test;
 
 namespace {
 
@@ -32,9 +32,10 @@ TEST(ResponseName, AppendsResponse) {
 
 TEST_F(WriterConstruction, MakesTheBatchAsLargeAsTheQueuesLargestMessage) {
   DaemonQueues queues(1234);
-  platform_double::setTracing(true);
+  korvex::test::platform_double::setTracing(true);
   connect(queues);
-  EXPECT_THAT(platform_double::traceLines(), testing::Contains("ShmBatch: bufferSize=1234"));
+  EXPECT_THAT(korvex::test::platform_double::traceLines(),
+              testing::Contains("ShmBatch: bufferSize=1234"));
 }
 
 TEST_F(WriterConstruction, RefusesAQueueWhoseMessagesHoldNoMetadata) {
@@ -292,10 +293,10 @@ TEST_F(WriterBenchmark, DropsEveryRecordWithAWarning) {
   writer().close();
   writer().stop(true);
   EXPECT_EQ(queues.send().waiting(), 0u);
-  ASSERT_EQ(platform_double::calls().size(), 4u);
-  EXPECT_EQ(platform_double::calls()[0].function, "WarningA");
-  EXPECT_EQ(platform_double::calls()[0].code, -1);
-  EXPECT_EQ(platform_double::calls()[0].text,
+  ASSERT_EQ(korvex::test::platform_double::calls().size(), 4u);
+  EXPECT_EQ(korvex::test::platform_double::calls()[0].function, "WarningA");
+  EXPECT_EQ(korvex::test::platform_double::calls()[0].code, -1);
+  EXPECT_EQ(korvex::test::platform_double::calls()[0].text,
             "write_data: KORVEX_PERF_BENCHMARK_ENABLED is set to 1. This backup will fail. Dumping "
             "data..");
 }
@@ -304,9 +305,9 @@ TEST_F(WriterBenchmark, ChecksTheSizeFirst) {
   DaemonQueues queues;
   connect(queues, "stream", true);
   writer().open();
-  platform_double::reset();
+  korvex::test::platform_double::reset();
   EXPECT_THROW(writer().writeSegment(data_.data(), 131073), Ov_ErrnoException);
-  EXPECT_THAT(platform_double::calls(), IsEmpty());
+  EXPECT_THAT(korvex::test::platform_double::calls(), IsEmpty());
 }
 
 TEST_F(WriterBenchmark, LeavesTheRedundancyOfSegmentEndsAlone) {
@@ -315,14 +316,15 @@ TEST_F(WriterBenchmark, LeavesTheRedundancyOfSegmentEndsAlone) {
   writer().open();
   writer().endSegment();
   writer().endSegment();
-  EXPECT_EQ(platform_double::calls().size(), 3u) << "no record was stored, so none was redundant";
+  EXPECT_EQ(korvex::test::platform_double::calls().size(), 3u)
+      << "no record was stored, so none was redundant";
 }
 
 TEST_F(WriterTrace, TellsTheStepsOfConstruction) {
   DaemonQueues queues;
-  platform_double::setTracing(true);
+  korvex::test::platform_double::setTracing(true);
   connect(queues);
-  EXPECT_THAT(platform_double::traceLines(),
+  EXPECT_THAT(korvex::test::platform_double::traceLines(),
               ElementsAre("ShmWriter: enter", "ShmWriter: opening send message queue",
                           "ShmWriter: opening message response queue",
                           "ShmWriter: creating shm batch buffer", "ShmBatch: bufferSize=4096",
@@ -332,10 +334,10 @@ TEST_F(WriterTrace, TellsTheStepsOfConstruction) {
 TEST_F(WriterTrace, TellsTheStepsOfOpen) {
   DaemonQueues queues;
   connect(queues);
-  platform_double::setTracing(true);
+  korvex::test::platform_double::setTracing(true);
   writer().open();
   EXPECT_THAT(
-      platform_double::traceLines(),
+      korvex::test::platform_double::traceLines(),
       ElementsAre("open: enter", "ShmWriter:open: korvex msgQueueName is " + queues.name() + " ",
                   "write_data: enter", "write_data: write header.type =0, len=0, timeout=60s",
                   "flush_shm_buffer: Sending shm batch of 1", "write_data: leave", "open: leave"));
@@ -344,11 +346,11 @@ TEST_F(WriterTrace, TellsTheStepsOfOpen) {
 TEST_F(WriterTrace, TellsOfASegmentAndItsEnd) {
   DaemonQueues queues;
   openOn(queues);
-  platform_double::setTracing(true);
+  korvex::test::platform_double::setTracing(true);
   writer().writeSegment(data_.data(), 3);
   writer().endSegment();
   EXPECT_THAT(
-      platform_double::traceLines(),
+      korvex::test::platform_double::traceLines(),
       ElementsAre("writeSegment: enter", "write_data: enter",
                   "write_data: write header.type =1, len=3, timeout=60s", "write_data: leave",
                   "writeSegment: leave", "endSegment: enter", "write_data: enter",
@@ -360,9 +362,9 @@ TEST_F(WriterTrace, TellsOfARedundantSegmentEnd) {
   DaemonQueues queues;
   openOn(queues);
   writer().endSegment();
-  platform_double::setTracing(true);
+  korvex::test::platform_double::setTracing(true);
   writer().endSegment();
-  EXPECT_THAT(platform_double::traceLines(),
+  EXPECT_THAT(korvex::test::platform_double::traceLines(),
               ElementsAre("endSegment: enter", "endSegment: ignoring redundant 2 header",
                           "endSegment: leave"));
 }
@@ -370,15 +372,15 @@ TEST_F(WriterTrace, TellsOfARedundantSegmentEnd) {
 TEST_F(WriterTrace, SetSegmentAlgIsSilent) {
   DaemonQueues queues;
   connect(queues);
-  platform_double::setTracing(true);
+  korvex::test::platform_double::setTracing(true);
   writer().setSegmentAlg(KORVEX_SEG_STATE_UNLIMITED, 1, 2, 3);
-  EXPECT_THAT(platform_double::traceLines(), IsEmpty());
+  EXPECT_THAT(korvex::test::platform_double::traceLines(), IsEmpty());
 }
 
 TEST_F(WriterTrace, DisabledScopeCostsOneFlagRead) {
-  platform_double::reset();
+  korvex::test::platform_double::reset();
   { const AutoTrace trace("scope"); }
-  EXPECT_EQ(platform_double::flagReads(), 1u);
+  EXPECT_EQ(korvex::test::platform_double::flagReads(), 1u);
 }
 
 // The batch is on its way: what is not known of the reply queue yet must not fail the call.
@@ -386,7 +388,7 @@ TEST_F(WriterReply, QueueInTheMiddleOfAChangeIsLookedAtLater) {
   constexpr off_t kFirstMessageAt = 184;
   DaemonQueues queues;
   connect(queues);
-  const korvex_test::QueueLock lock(queues.response().name());
+  const korvex::test::QueueLock lock(queues.response().name());
   ::pthread_mutex_lock(lock.mutex());
   lock.field(kFirstMessageAt).store(4);
   EXPECT_NO_THROW(writer().open());

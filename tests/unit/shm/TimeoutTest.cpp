@@ -37,12 +37,12 @@ TEST(ValidateTimeout, ReportsTheLargestValueUnsigned) {
 }
 
 TEST(ValidateTimeout, TracesNothing) {
-  platform_double::reset();
-  platform_double::setTracing(true);
+  korvex::test::platform_double::reset();
+  korvex::test::platform_double::setTracing(true);
   EXPECT_THROW(validateTimeout(0), Ov_ErrnoException);
   validateTimeout(1);
-  EXPECT_TRUE(platform_double::calls().empty());
-  platform_double::reset();
+  EXPECT_TRUE(korvex::test::platform_double::calls().empty());
+  korvex::test::platform_double::reset();
 }
 
 // A queue that was touched would be missed, with an error of the queue library.
@@ -53,7 +53,7 @@ TEST(ValidateTimeout, IsAskedBeforeAnyQueueIsTouched) {
 }
 
 TEST(ValidateTimeout, IsNotAskedAboutTheStopTimeout) {
-  korvex_test::DaemonQueues queues;
+  korvex::test::DaemonQueues queues;
   EXPECT_NO_THROW(korvex::ShmWriter("stream", queues.name(), 1, 0, false));
   EXPECT_NO_THROW(korvex::ShmWriter("stream", queues.name(), 86400, 4294967295, false));
 }

@@ -34,7 +34,7 @@ Bytes bytesOfPage(const std::string& path) {
 }  // namespace
 
 TEST(WireFormat, PageShowsTheBytesThatTheWriterSends) {
-  korvex_test::DaemonQueues queues;
+  korvex::test::DaemonQueues queues;
   korvex::ShmWriter writer("stream", queues.name(), 60, 60, false);
   writer.open();
   queues.takeBatch();

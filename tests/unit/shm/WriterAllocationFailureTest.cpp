@@ -14,12 +14,12 @@
 #include "unit/shm/AllocationFailures.h"
 #include "unit/shm/WriterFixture.h"
 
-using namespace allocation_test;
+using namespace korvex::test;
 using korvex::qmx_shm_message_t;
 using korvex::ShmWriter;
-using korvex_test::DaemonQueues;
-using writer_test::kPastDeadline;
-using writer_test::kTimeout;
+using korvex::test::DaemonQueues;
+using korvex::test::kPastDeadline;
+using korvex::test::kTimeout;
 
 namespace {
 
@@ -94,7 +94,7 @@ std::string errorWithoutQueue(const std::string& name) {
 
 // The queue library keeps silent about memory that it lacks for a text.
 TEST_P(WriterAllocationFailures, MissingQueueIsReportedOrMemoryIs) {
-  const std::string name = korvex_test::uniqueQueueName("missing");
+  const std::string name = korvex::test::uniqueQueueName("missing");
   for (std::size_t number = 1;; ++number) {
     const AllocationCounter counter;
     std::string error;
@@ -138,7 +138,7 @@ TEST_P(WriterAllocationFailures, TimeoutKeepsTheBatch) {
   EXPECT_GE(failEachOf(flush), 1u);
   blocked.queues.takeBatch();
   blocked.writer.flush_shm_buffer(kTimeout);
-  EXPECT_EQ(writer_test::headersOf(blocked.queues.takeBatch()),
+  EXPECT_EQ(korvex::test::headersOf(blocked.queues.takeBatch()),
             std::vector<std::string>{"(2,2,0,0,0,1,0,0,0,2864434397)"});
 }
 
@@ -170,7 +170,7 @@ TEST_P(WriterAllocationFailures, RefusedRecordsAreNotStored) {
             1u);
   blocked.queues.takeBatch();
   blocked.writer.flush_shm_buffer(kTimeout);
-  EXPECT_EQ(writer_test::headersOf(blocked.queues.takeBatch()).size(), 1u);
+  EXPECT_EQ(korvex::test::headersOf(blocked.queues.takeBatch()).size(), 1u);
 }
 
 TEST_P(WriterAllocationFailures, RecordLargerThanABatchIsRefused) {

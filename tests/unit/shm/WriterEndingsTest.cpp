@@ -3,7 +3,7 @@
 #include "unit/shm/WriterFixture.h"
 
 using korvex::ShmWriter;
-using korvex_test::DaemonQueues;
+using korvex::test::DaemonQueues;
 using testing::ElementsAre;
 
 namespace {
@@ -16,16 +16,17 @@ class GivingUpWriter : public ShmWriter {
   void giveUp() { isOpen = false; }
 };
 
-using WriterEndings = writer_test::Writer;
+using WriterEndings = korvex::test::Writer;
 
 }  // namespace
 
 TEST_F(WriterEndings, ClosedWriterIsDestroyedWithoutAnotherClose) {
   DaemonQueues queues;
   connect(queues);
-  platform_double::setTracing(true);
+  korvex::test::platform_double::setTracing(true);
   destroyWriter();
-  EXPECT_THAT(platform_double::traceLines(), ElementsAre("~ShmWriter: enter", "~ShmWriter: leave"));
+  EXPECT_THAT(korvex::test::platform_double::traceLines(),
+              ElementsAre("~ShmWriter: enter", "~ShmWriter: leave"));
 }
 
 TEST_F(WriterEndings, NextStreamBeginsAnewAfterOneThatWasGivenUp) {
@@ -36,6 +37,6 @@ TEST_F(WriterEndings, NextStreamBeginsAnewAfterOneThatWasGivenUp) {
   writer.writeSegment(data_.data(), 3);
   writer.giveUp();
   writer.open();
-  EXPECT_THAT(writer_test::headersOf(queues.takeBatch()),
+  EXPECT_THAT(korvex::test::headersOf(queues.takeBatch()),
               ElementsAre("(2,1,3,0,0,0,0,0,0,2864434397)", "(0,0,0,0,0,1,0,0,0,2864434397)"));
 }

@@ -19,7 +19,7 @@
 
 /// What the writer's tests have in common: a writer over queues of the queue library's own making,
 /// and the headers that it sends as short texts.
-namespace writer_test {
+namespace korvex::test {
 
 constexpr unsigned kTimeout = 60;
 constexpr unsigned kStopTimeout = 30;
@@ -54,25 +54,25 @@ inline void expectError(ov_status_t status, const std::string& message,
 
 class Writer : public testing::Test {
  protected:
-  Writer() { platform_double::reset(); }
-  ~Writer() override { platform_double::reset(); }
+  Writer() { korvex::test::platform_double::reset(); }
+  ~Writer() override { korvex::test::platform_double::reset(); }
 
   korvex::ShmWriter& writer() { return *writer_; }
-  void connect(korvex_test::DaemonQueues& queues, const std::string& name = "stream",
+  void connect(korvex::test::DaemonQueues& queues, const std::string& name = "stream",
                bool benchmark = false) {
     writer_ =
         std::make_unique<korvex::ShmWriter>(name, queues.name(), kTimeout, kStopTimeout, benchmark);
   }
 
   /// An open writer whose open record has been taken away.
-  void openOn(korvex_test::DaemonQueues& queues) {
+  void openOn(korvex::test::DaemonQueues& queues) {
     connect(queues);
     writer().open();
     queues.takeBatch();
   }
 
   /// What waits in the batch, as one message's headers.
-  std::vector<std::string> flushedHeaders(korvex_test::DaemonQueues& queues) {
+  std::vector<std::string> flushedHeaders(korvex::test::DaemonQueues& queues) {
     writer().flush_shm_buffer(kTimeout);
     return headersOf(queues.takeBatch());
   }
@@ -85,6 +85,6 @@ class Writer : public testing::Test {
   std::unique_ptr<korvex::ShmWriter> writer_;
 };
 
-}  // namespace writer_test
+}  // namespace korvex::test
 
 #endif

@@ -14,11 +14,11 @@
 #include "support/SharedObject.h"
 
 using korvex::ShmWriter;
-using korvex_test::DaemonQueues;
-using korvex_test::QueueLock;
-using korvex_test::RawQueue;
-using korvex_test::SharedObject;
-using korvex_test::uniqueQueueName;
+using korvex::test::DaemonQueues;
+using korvex::test::QueueLock;
+using korvex::test::RawQueue;
+using korvex::test::SharedObject;
+using korvex::test::uniqueQueueName;
 
 // What a producer without the queue library's headers has to go by, as the writer's header says.
 namespace {

@@ -4,16 +4,16 @@
 #include "unit/shm/WriterFixture.h"
 
 using korvex::qmx_shm_message_t;
-using korvex_test::DaemonQueues;
+using korvex::test::DaemonQueues;
+using korvex::test::headerOf;
+using korvex::test::kPastDeadline;
+using korvex::test::kTimeout;
 using testing::ElementsAre;
-using writer_test::headerOf;
-using writer_test::kPastDeadline;
-using writer_test::kTimeout;
 
 namespace {
 
 /// A writer whose send queue is full: one message, of one record with three bytes at most.
-class WriterRetry : public writer_test::Writer {
+class WriterRetry : public korvex::test::Writer {
  protected:
   WriterRetry() {
     connect(queues_);
@@ -65,10 +65,10 @@ TEST_F(WriterRetry, SegmentWithoutRoomSpendsItsNumber) {
   expectTimeout([&] { hasty.writeSegment(data_.data(), 3); });
   queues_.takeBatch();
   hasty.writeSegment(data_.data(), 3);
-  EXPECT_THAT(writer_test::headersOf(queues_.takeBatch()),
+  EXPECT_THAT(korvex::test::headersOf(queues_.takeBatch()),
               ElementsAre("(2,1,3,0,0,0,0,0,0,2864434397)"));
   hasty.close();
-  EXPECT_THAT(writer_test::headersOf(queues_.takeBatch()),
+  EXPECT_THAT(korvex::test::headersOf(queues_.takeBatch()),
               ElementsAre("(4,1,3,0,0,0,0,0,0,2864434397)", "(5,3,0,0,0,0,0,0,0,2864434397)"));
 }
 
@@ -78,9 +78,9 @@ TEST_F(WriterRetry, OlderReplyMeetsACloseThatWasSent) {
   queues_.takeBatch();
   queues_.reply(5, "disk full");
   EXPECT_EQ(thrownBy([&] { writer().close(); }), (ThrownError{5, "disk full"}));
-  EXPECT_THAT(writer_test::headersOf(queues_.takeBatch()),
+  EXPECT_THAT(korvex::test::headersOf(queues_.takeBatch()),
               ElementsAre("(2,3,0,0,0,1,0,0,0,2864434397)"));
   destroyWriter();
-  EXPECT_THAT(writer_test::headersOf(queues_.takeBatch()),
+  EXPECT_THAT(korvex::test::headersOf(queues_.takeBatch()),
               ElementsAre("(3,3,0,0,0,1,0,0,0,2864434397)"));
 }

@@ -23,8 +23,8 @@ MATCHER_P3(Handed, function, code, format, "") {
 
 class LoggerTest : public testing::Test {
  protected:
-  void SetUp() override { platform_double::reset(); }
-  void TearDown() override { platform_double::reset(); }
+  void SetUp() override { korvex::test::platform_double::reset(); }
+  void TearDown() override { korvex::test::platform_double::reset(); }
 
   Logger logger{"Reader"};
   Logger nameless{""};
@@ -35,13 +35,13 @@ using LoggerTrace = LoggerTest;
 
 }  // namespace
 
-namespace platform_double {
+namespace korvex::test::platform_double {
 void PrintTo(const Call& call, std::ostream* stream) {
   *stream << call.function << "(" << call.code << ", \"" << call.format << "\")";
 }
-}  // namespace platform_double
+}  // namespace korvex::test::platform_double
 
-using platform_double::calls;
+using korvex::test::platform_double::calls;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -147,7 +147,7 @@ TEST_F(LoggerLog, RefusesANullFunctionNameAndWritesNothing) {
 
 TEST_F(LoggerLog, DoesNotAskWhetherTracingIsOn) {
   logger.log(LOGLEVEL_INFO, "f", 1, "m");
-  EXPECT_EQ(platform_double::flagReads(), 0u);
+  EXPECT_EQ(korvex::test::platform_double::flagReads(), 0u);
 }
 
 TEST_F(LoggerLog, ServesManyThreadsAtOnce) {
@@ -161,7 +161,7 @@ TEST_F(LoggerLog, ServesManyThreadsAtOnce) {
 }
 
 TEST_F(LoggerTrace, WritesTheSameLineWhileTracingIsOn) {
-  platform_double::setTracing(true);
+  korvex::test::platform_double::setTracing(true);
   logger.logTrace("open", "fd=%d", 7);
   nameless.logTrace("open", "fd=%d", 8);
   EXPECT_THAT(calls(), ElementsAre(Handed("__TraceA", 0, "Reader::open: fd=7"),
@@ -178,19 +178,19 @@ TEST_F(LoggerTrace, FormatsNothingWhileTracingIsOff) {
   int formatted = -1;
   logger.logTrace("open", "abc%n", &formatted);
   EXPECT_EQ(formatted, -1);
-  EXPECT_EQ(platform_double::flagReads(), 1u);
+  EXPECT_EQ(korvex::test::platform_double::flagReads(), 1u);
   EXPECT_THAT(calls(), IsEmpty());
 }
 
 TEST_F(LoggerTrace, ReadsTheFlagTwiceWhileTracingIsOn) {
-  platform_double::setTracing(true);
+  korvex::test::platform_double::setTracing(true);
   logger.logTrace("open", "m");
-  EXPECT_EQ(platform_double::flagReads(), 2u);
+  EXPECT_EQ(korvex::test::platform_double::flagReads(), 2u);
 }
 
 TEST_F(LoggerTrace, DropsTheLineWhenTracingEndsMeanwhile) {
-  platform_double::setTracing(true);
-  platform_double::switchOffAtFlagRead(2);
+  korvex::test::platform_double::setTracing(true);
+  korvex::test::platform_double::switchOffAtFlagRead(2);
   int formatted = -1;
   logger.logTrace("open", "abc%n", &formatted);
   EXPECT_EQ(formatted, 3);
@@ -199,13 +199,13 @@ TEST_F(LoggerTrace, DropsTheLineWhenTracingEndsMeanwhile) {
 
 TEST_F(LoggerTrace, TakesANullNameOnlyWhileTracingIsOff) {
   EXPECT_NO_THROW(logger.logTrace(nullptr, "m"));
-  platform_double::setTracing(true);
+  korvex::test::platform_double::setTracing(true);
   EXPECT_THROW(logger.logTrace(nullptr, "m"), std::logic_error);
   EXPECT_THAT(calls(), IsEmpty());
 }
 
 TEST_F(LoggerTrace, CutsAndHandsOverAsLogDoes) {
-  platform_double::setTracing(true);
+  korvex::test::platform_double::setTracing(true);
   logger.logTrace("f%", "%s", std::string(5000, 'm').c_str());
   EXPECT_THAT(calls(), ElementsAre(Handed("__TraceA", 0, "Reader::f%: " + std::string(4095, 'm'))));
 }

@@ -11,10 +11,10 @@ namespace {
 class TraceFlag : public testing::Test {
  protected:
   TraceFlag() {
-    platform_double::reset();
+    korvex::test::platform_double::reset();
     korvex::knownTraceFlag = nullptr;
   }
-  ~TraceFlag() override { platform_double::reset(); }
+  ~TraceFlag() override { korvex::test::platform_double::reset(); }
 };
 
 }  // namespace
@@ -27,10 +27,10 @@ TEST_F(TraceFlag, IsNotKnownBeforeSomebodyAsks) {
 
 TEST_F(TraceFlag, IsReadAnewEachTime) {
   isTracing();
-  platform_double::setTracing(true);
+  korvex::test::platform_double::setTracing(true);
   EXPECT_FALSE(isKnownUntraced());
   EXPECT_TRUE(isTracing());
-  platform_double::setTracing(false);
+  korvex::test::platform_double::setTracing(false);
   EXPECT_TRUE(isKnownUntraced());
   EXPECT_FALSE(isTracing());
 }

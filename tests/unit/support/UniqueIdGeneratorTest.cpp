@@ -106,11 +106,11 @@ TEST(UniqueIds, ArePlainDigitsUnderAnyGlobalLocale) {
 }
 
 TEST(UniqueIds, LeaveNoTraceLines) {
-  platform_double::reset();
-  platform_double::setTracing(true);
+  korvex::test::platform_double::reset();
+  korvex::test::platform_double::setTracing(true);
   UniqueIdGenerator::getInstance()->generateId("job");
-  EXPECT_THAT(platform_double::calls(), testing::IsEmpty());
-  platform_double::reset();
+  EXPECT_THAT(korvex::test::platform_double::calls(), testing::IsEmpty());
+  korvex::test::platform_double::reset();
 }
 
 TEST(UniqueIds, DrawnByManyThreadsAreEveryNumberOnce) {

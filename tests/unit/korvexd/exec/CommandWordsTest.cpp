@@ -47,7 +47,7 @@ class TwoFolders {
   }
 
  private:
-  test_support::TemporaryFolder folder_;
+  korvex::test::TemporaryFolder folder_;
   std::string before_;
 
  public:

@@ -14,10 +14,10 @@
 #include "support/Queues.h"
 #include "support/TemporaryFolder.h"
 
+using korvex::test::contentsOf;
+using korvex::test::namesIn;
+using korvex::test::TemporaryFolder;
 using korvexd::renameWithoutReplacing;
-using test_support::contentsOf;
-using test_support::namesIn;
-using test_support::TemporaryFolder;
 using testing::ElementsAre;
 namespace fs = std::filesystem;
 
@@ -102,11 +102,11 @@ TEST_P(Rename, NeverReplacesWithAFolder) {
 TEST_P(Rename, OfWhatIsNotThereFails) { EXPECT_EQ(rename("a", "b"), ENOENT); }
 
 TEST_P(Rename, PublishesQueues) {
-  const std::string name = test_support::uniqueQueueName();
-  const test_support::QueueRemover remover(name);
+  const std::string name = korvex::test::uniqueQueueName();
+  const korvex::test::QueueRemover remover(name);
   korvex::receiver::Observer silent;
   const korvex::receiver::Receiver receiver({name, {4, 300}}, nullptr, silent);
-  EXPECT_TRUE(test_support::queueExists(name) && test_support::queueExists(name + "Response"));
+  EXPECT_TRUE(korvex::test::queueExists(name) && korvex::test::queueExists(name + "Response"));
 }
 
 TEST_P(Rename, PublishesStreams) {

@@ -5,10 +5,10 @@
 #include "korvex/receiver/SystemError.h"
 #include "support/TemporaryFolder.h"
 
+using korvex::test::contentsOf;
+using korvex::test::namesIn;
+using korvex::test::TemporaryFolder;
 using korvexd::Capture;
-using test_support::contentsOf;
-using test_support::namesIn;
-using test_support::TemporaryFolder;
 using testing::ElementsAre;
 
 namespace {

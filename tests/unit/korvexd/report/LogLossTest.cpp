@@ -15,8 +15,8 @@
 #include "korvexd/report/LogWriter.h"
 #include "support/Await.h"
 
+using korvex::test::eventually;
 using korvexd::LogWriter;
-using test_support::eventually;
 using testing::ElementsAre;
 using testing::EndsWith;
 

@@ -8,11 +8,11 @@
 
 using korvex::receiver::Count;
 using korvex::receiver::Counters;
+using korvex::test::contentsOf;
+using korvex::test::namesIn;
+using korvex::test::TemporaryFolder;
 using korvexd::StatsFile;
 using korvexd::StreamLog;
-using test_support::contentsOf;
-using test_support::namesIn;
-using test_support::TemporaryFolder;
 using testing::ElementsAre;
 
 namespace {

@@ -22,10 +22,10 @@ using korvex::receiver::Sink;
 using korvex::receiver::SinkFactory;
 using korvex::receiver::StreamSummary;
 using korvex::receiver::SystemError;
+using korvex::test::contentsOf;
+using korvex::test::namesIn;
+using korvex::test::TemporaryFolder;
 using korvexd::DirectoryStore;
-using test_support::contentsOf;
-using test_support::namesIn;
-using test_support::TemporaryFolder;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -450,8 +450,8 @@ TEST(UnwritableOutput, IsAnErrorAtTheStart) {
   fs::permissions(parent.path(), fs::perms(0755));
   const std::string output = parent.makeFolder("out");
   fs::permissions(output, fs::perms(0555));
-  const std::string failure = test_support::resultOfChild([&] {
-    test_support::dropPrivileges();
+  const std::string failure = korvex::test::resultOfChild([&] {
+    korvex::test::dropPrivileges();
     return failureOf([&] { DirectoryStore store(output); });
   });
   EXPECT_EQ(failure,

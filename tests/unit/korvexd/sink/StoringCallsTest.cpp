@@ -23,11 +23,11 @@
 #include "unit/queue/SystemCalls.h"
 
 using korvex::receiver::SystemError;
-using system_calls::failing;
-using system_calls::instead;
-using test_support::contentsOf;
-using test_support::namesIn;
-using test_support::TemporaryFolder;
+using korvex::test::contentsOf;
+using korvex::test::namesIn;
+using korvex::test::TemporaryFolder;
+using korvex::test::system_calls::failing;
+using korvex::test::system_calls::instead;
 using testing::Each;
 using testing::ElementsAre;
 using testing::StartsWith;
@@ -52,29 +52,29 @@ class StoringCalls : public testing::Test {
   StoringCalls() {
     instead.mkdirat = [this](int folder, const char* name, mode_t mode) {
       note("make", folder, name);
-      return system_calls::mkdirat(folder, name, mode);
+      return korvex::test::system_calls::mkdirat(folder, name, mode);
     };
     instead.openat = [this](int folder, const char* name, int flags, mode_t mode) {
       note("open", folder, name);
       if (folder != AT_FDCWD || name != folder_.path()) flags_.push_back(flags);
       beforeOpening_(name);
-      return system_calls::openat(folder, name, flags, mode);
+      return korvex::test::system_calls::openat(folder, name, flags, mode);
     };
     instead.unlinkat = [this](int folder, const char* name) {
       note("remove", folder, name);
-      return system_calls::unlinkat(folder, name);
+      return korvex::test::system_calls::unlinkat(folder, name);
     };
     instead.write = [this](int file, const void* bytes, std::size_t size) {
       note("write", file);
-      return system_calls::write(file, bytes, size);
+      return korvex::test::system_calls::write(file, bytes, size);
     };
     instead.sync = [this](int file) {
       note("sync", file);
-      return system_calls::sync(file);
+      return korvex::test::system_calls::sync(file);
     };
     instead.rename = [this](int folder, const char* from, const char* to) {
       note("rename", folder, from, to);
-      return system_calls::rename(folder, from, to);
+      return korvex::test::system_calls::rename(folder, from, to);
     };
   }
   ~StoringCalls() override { instead = {}; }
@@ -142,7 +142,7 @@ class ReluctantSystem : public StoringCalls {
   ReluctantSystem() {
     instead.write = [this](int file, const void* bytes, std::size_t size) -> ssize_t {
       if (size > 0 && (isInterrupted_ = !isInterrupted_)) return failing(EINTR);
-      return system_calls::write(file, bytes, std::min<std::size_t>(size, 7001));
+      return korvex::test::system_calls::write(file, bytes, std::min<std::size_t>(size, 7001));
     };
   }
 
@@ -276,7 +276,8 @@ TEST_F(StoringCalls, ThatDoNotReachTheDiskLeaveTheStreamPartial) {
   for (int failing = 1; failing <= 4; ++failing) {
     const auto sink = open();
     instead.sync = [rest = failing](int file) mutable {
-      return --rest == 0 ? system_calls::failing(EIO) : system_calls::sync(file);
+      return --rest == 0 ? korvex::test::system_calls::failing(EIO)
+                         : korvex::test::system_calls::sync(file);
     };
     EXPECT_EQ(errorOf([&] { sink->complete(kSummary, kPatient); }), EIO) << failing;
   }
@@ -288,7 +289,7 @@ TEST_F(StoringCalls, ThatDoNotReachTheDiskLeaveTheStreamPartial) {
 TEST_F(StoringCalls, FindAnotherNameWhenOneIsTakenMeanwhile) {
   instead.mkdirat = [isFirst = true](int folder, const char* name, mode_t mode) mutable {
     if (std::exchange(isFirst, false)) return failing(EEXIST);
-    return system_calls::mkdirat(folder, name, mode);
+    return korvex::test::system_calls::mkdirat(folder, name, mode);
   };
   open();
   EXPECT_THAT(namesIn(folder_.path()), ElementsAre("q-20010909T014640Z-2.partial"));
@@ -335,7 +336,7 @@ TEST_F(ReluctantSystem, IsReportedWhenItFailsInTheMiddle) {
   instead.write = [isFirst = true](int file, const void* bytes,
                                    std::size_t size) mutable -> ssize_t {
     if (!std::exchange(isFirst, false)) return failing(EIO);
-    return system_calls::write(file, bytes, size / 2);
+    return korvex::test::system_calls::write(file, bytes, size / 2);
   };
   EXPECT_EQ(errorOf([&] { write(*sink, text(300000)); }), EIO);
 }

@@ -54,7 +54,7 @@ class Writeback : public testing::Test {
     return fs::file_size(sink->place() + "/data");
   }
 
-  test_support::TemporaryFolder folder_;
+  korvex::test::TemporaryFolder folder_;
 };
 
 }  // namespace
