@@ -36,8 +36,7 @@ ROOMS = {
     "receiver/src": RECEIVER | {"src/shm", "src/queue", "src/support"},
     "tools/common": RECEIVER,
     "tools/korvexd": RECEIVER | {"tools/common"},
-    # The tool fetches replies from the queue itself: the writer would take one only with a batch.
-    "tools/korvex": RECEIVER | {"tools/common", "src/queue"},
+    "tools/korvex": RECEIVER | {"tools/common"},
     "examples": RECEIVER,
     "bench": EVERYTHING | {"tests/support"},
     "tests": EVERYTHING | {"tests/support"},

@@ -16,13 +16,12 @@
 #include <system_error>
 
 #include "Failure.h"
+#include "LookUntil.h"
 #include "common/Printable.h"
-#include "queue/Pause.h"
 
 namespace korvex::tool {
 namespace {
 
-constexpr std::chrono::milliseconds kLongestSleep{4};
 constexpr std::chrono::seconds kDyingTime{1};  // from SIGKILL to the end, unless the kernel hangs
 
 /// Whether there is such a program, though it may not be one that can be run.
@@ -182,12 +181,8 @@ void ChildProcess::release() noexcept {
 }
 
 std::optional<ProcessEnd> ChildProcess::awaitEnd(Clock::time_point deadline) const noexcept {
-  Pause pause(kLongestSleep);
-  auto end = look();
-  while (!end && Clock::now() < deadline) {
-    pause.wait(deadline);
-    end = look();
-  }
+  std::optional<ProcessEnd> end;
+  lookUntil(deadline, [&] { return (end = look()).has_value(); });
   return end;
 }
 
@@ -199,12 +194,7 @@ bool ChildProcess::hasGroup() const noexcept {
 }
 
 bool ChildProcess::awaitEmptyGroup(Clock::time_point deadline) const noexcept {
-  Pause pause(kLongestSleep);
-  while (hasGroup()) {
-    if (Clock::now() >= deadline) return false;
-    pause.wait(deadline);
-  }
-  return true;
+  return lookUntil(deadline, [this] { return !hasGroup(); });
 }
 
 }  // namespace korvex::tool

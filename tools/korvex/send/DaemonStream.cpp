@@ -11,9 +11,9 @@
 
 #include <korvex/receiver/Receipt.h>
 #include "Failure.h"
+#include "LookUntil.h"
 #include "common/Printable.h"
 #include "korvex/Status.h"
-#include "queue/Pause.h"
 
 namespace korvex::tool {
 namespace {
@@ -29,7 +29,6 @@ constexpr std::size_t kBatchOverhead = kBatchHeader + kRecordHeader;
 constexpr std::string_view kFinishing = "finishing";
 constexpr int kOpenAttempts = 3;
 constexpr std::chrono::milliseconds kWatchPeriod{10};
-constexpr std::chrono::milliseconds kLongestSleep{4};
 
 std::string quoted(const std::string& name) { return "'" + common::printable(name) + "'"; }
 
@@ -37,8 +36,10 @@ std::unique_ptr<ShmWriter> makeWriter(const DaemonStream::Settings& settings) {
   return std::make_unique<ShmWriter>(settings.name, settings.queue, kStep, kStep, false);
 }
 
+using Condition = receiver::QueueStatus::Condition;
+
 bool isHalfMade(const std::string& queue) {
-  return QueueView(queue).state() == QueueView::State::Unfinished;
+  return receiver::QueueStatus(queue).condition() == Condition::Unfinished;
 }
 
 bool isEmpty(const qmx_shm_response_t& reply) {
@@ -60,9 +61,9 @@ void keepForEver(std::unique_ptr<ShmWriter> writer) {
 }  // namespace
 
 DaemonStream::DaemonStream(Settings settings, const StopSignal& stop)
-    : settings_(std::move(settings)), stop_(stop) {
+    : settings_(std::move(settings)), stop_(stop), sendQueue_(settings_.queue) {
   openQueues();
-  const std::size_t messageSize = sendView_.maxMessageSize();
+  const std::size_t messageSize = sendQueue_.limits().messageSize;
   if (messageSize <= kBatchOverhead) {
     throwStreamFailed(kStatusDoesNotFit,
                       "the queue's messages are too small: found " + std::to_string(messageSize) +
@@ -78,32 +79,29 @@ DaemonStream::~DaemonStream() {
 
 /// A fresh writer, and a view and replies of the very queues that it has.
 void DaemonStream::openQueues() {
-  const std::string replyName = getMessageQueueResponseName(settings_.queue);
   for (int attempts = 0; attempts < kOpenAttempts; ++attempts) {
     awaitQueuesMade();
-    sendView_ = QueueView(settings_.queue);
+    sendQueue_ = receiver::QueueStatus(settings_.queue);
     attempt([&] {
       writer_ = makeWriter(settings_);
-      replies_ = std::make_unique<MessageQueue>(replyName, Clock::now());
+      replies_.emplace(settings_.queue);
     });
     // What had the name before and after the writer looked is what the writer has.
-    if (isStillServed() && replies_->view().isStillNamed(replyName)) return;
+    if (isStillServed() && replies_->isStillNamed()) return;
   }
   throwGone();
 }
 
 /// The writer would wait as well, but not for a signal.
 void DaemonStream::awaitQueuesMade() {
-  const auto deadline = Clock::now() + settings_.timeout;
-  Pause pause(kLongestSleep);
-  while (isHalfMade(settings_.queue) || isHalfMade(getMessageQueueResponseName(settings_.queue))) {
+  const std::string replies = getMessageQueueResponseName(settings_.queue);
+  const bool areMade = lookUntil(Clock::now() + settings_.timeout, [&] {
     stop_.throwIfReceived();
-    if (Clock::now() >= deadline) {
-      throwQueueError(std::runtime_error("it was not finished within " +
-                                         std::to_string(settings_.timeout.count()) + " s"));
-    }
-    pause.wait(deadline);
-  }
+    return !isHalfMade(settings_.queue) && !isHalfMade(replies);
+  });
+  if (areMade) return;
+  throwQueueError(std::runtime_error("it was not finished within " +
+                                     std::to_string(settings_.timeout.count()) + " s"));
 }
 
 /// The daemon may still be storing what an earlier sender gave up waiting for, and have replies for
@@ -123,14 +121,9 @@ void DaemonStream::letEarlierStreamEnd() {
 
 void DaemonStream::withdrawOldReplies() {
   // Bounded: somebody may be filling the queue meanwhile.
-  const QueueView& view = replies_->view();
-  for (std::size_t left = 2 * view.maxMessages(); left > 0 && view.messages() > 0; --left) {
+  for (std::size_t left = 2 * replies_->capacity(); left > 0 && replies_->messages() > 0; --left) {
     stop_.throwIfReceived();
-    attempt([this] {
-      qmx_shm_response_t oldReply;
-      std::size_t size = 0;
-      replies_->tryReceive(&oldReply, sizeof oldReply, size);
-    });
+    attempt([this] { replies_->take(); });
   }
 }
 
@@ -174,14 +167,13 @@ void DaemonStream::sendOpenRecord() {
 }
 
 void DaemonStream::awaitAllTaken(const char* what) {
-  const auto deadline = Clock::now() + settings_.timeout;
-  Pause pause(kLongestSleep);
-  while (sendView_.messages() > 0) {
+  const bool isTaken = lookUntil(Clock::now() + settings_.timeout, [this] {
+    if (sendQueue_.messages() == 0) return true;
     stop_.throwIfReceived();
     checkStillServed();
-    if (Clock::now() >= deadline) throwTimedOut(what);
-    pause.wait(deadline);
-  }
+    return false;
+  });
+  if (!isTaken) throwTimedOut(what);
 }
 
 void DaemonStream::write(const unsigned char* data, std::size_t size) {
@@ -199,7 +191,7 @@ void DaemonStream::endSegment() {
 /// room where it sees no signal, and lose the record in the end.
 void DaemonStream::makeRoomFor(std::size_t dataSize) {
   const std::size_t added = kRecordHeader + dataSize;
-  if (kBatchHeader + batchSize_ + added > sendView_.maxMessageSize()) flush();
+  if (kBatchHeader + batchSize_ + added > sendQueue_.limits().messageSize) flush();
   batchSize_ += added;
 }
 
@@ -240,7 +232,7 @@ void DaemonStream::watch() {
 
 /// While the daemon still has something to take, it is not waiting for a sign.
 void DaemonStream::giveSignOfLife() {
-  if (sendView_.messages() == 0) flush();
+  if (sendQueue_.messages() == 0) flush();
 }
 
 void DaemonStream::look() {
@@ -270,17 +262,19 @@ void DaemonStream::sendCloseRecord() {
 
 std::optional<std::string> DaemonStream::awaitReceipt(std::chrono::seconds limit) {
   lastSign_ = Clock::now();
-  Pause pause(kLongestSleep);
-  for (;;) {
-    stop_.throwIfReceived();
-    // The name first: a daemon that answers and then ends leaves its answer in the old queue.
-    const bool isServed = isStillServed();
-    takeReplies();
-    if (reply() != nullptr) return std::string(receiver::textOf(*reply()));
-    if (!isServed) throwGone();
+  while (!lookUntil(lastSign_ + limit, [this] { return hasReceipt(); })) {
     if (Clock::now() >= lastSign_ + limit) return std::nullopt;
-    pause.wait(lastSign_ + limit);
   }
+  return std::string(receiver::textOf(*reply()));
+}
+
+bool DaemonStream::hasReceipt() {
+  stop_.throwIfReceived();
+  // The name first: a daemon that answers and then ends leaves its answer in the old queue.
+  const bool isServed = isStillServed();
+  takeReplies();
+  if (reply() == nullptr && !isServed) throwGone();
+  return reply() != nullptr;
 }
 
 void DaemonStream::stop(StopWait wait) noexcept {
@@ -321,42 +315,34 @@ bool DaemonStream::flushBefore(Clock::time_point deadline, StopWait wait) {
 
 /// The writer would wait as well, but neither for a signal nor with an eye on the queue's name.
 void DaemonStream::awaitRoom(Clock::time_point deadline) {
-  if (!sendView_.looksFull()) return;
-  auto nextCheck = Clock::now() + kWatchPeriod;
-  Pause pause(kLongestSleep);
-  do {
+  const bool hasRoom = lookUntil(deadline, [this] {
+    if (!sendQueue_.looksFull()) return true;
     stop_.throwIfReceived();
-    pause.wait(deadline);
-    const auto now = Clock::now();
-    if (now >= deadline) throwTimedOut("room");
-    if (now < nextCheck) continue;
-    nextCheck = now + kWatchPeriod;
     checkStillServed();
-  } while (sendView_.looksFull());
+    return false;
+  });
+  if (!hasRoom) throwTimedOut("room");
 }
 
 /// Takes what seems to be there, up to the reply that the stream will be judged by.
 void DaemonStream::takeReplies() {
-  const QueueView& view = replies_->view();
-  for (std::size_t left = view.maxMessages(); left > 0 && view.messages() > 0; --left) {
+  for (std::size_t left = replies_->capacity(); left > 0 && replies_->messages() > 0; --left) {
     if (settings_.expectsReceipt && reply() != nullptr) return;
     takeReply();
   }
 }
 
 void DaemonStream::takeReply() {
-  qmx_shm_response_t received;
-  std::size_t size = 0;
-  auto outcome = MessageQueue::Outcome::NotReady;
-  attempt([&] { outcome = replies_->tryReceive(&received, sizeof received, size); });
-  if (outcome != MessageQueue::Outcome::Done) return;
-  if (received.status != 0) {
-    throwStreamFailed(received.status, common::printable(receiver::textOf(received)));
+  std::optional<qmx_shm_response_t> received;
+  attempt([&] { received = replies_->take(); });
+  if (!received) return;
+  if (received->status != 0) {
+    throwStreamFailed(received->status, common::printable(receiver::textOf(*received)));
   }
-  if (isFinishing(received)) {
+  if (isFinishing(*received)) {
     lastSign_ = Clock::now();
   } else {
-    reply_ = received;
+    reply_ = *received;
   }
 }
 
@@ -379,7 +365,7 @@ void DaemonStream::refuseForeignReply() const {
                                 "\": is another producer using this queue?");
 }
 
-bool DaemonStream::isStillServed() const { return sendView_.isStillNamed(settings_.queue); }
+bool DaemonStream::isStillServed() const { return sendQueue_.isStillNamed(); }
 
 void DaemonStream::checkStillServed() {
   if (!isStillServed()) throwGone();
@@ -425,13 +411,13 @@ void DaemonStream::throwGone() {
 
 void DaemonStream::throwQueueError(const std::exception& error) {
   isStoppable_ = false;
-  QueueView view(settings_.queue);
+  receiver::QueueStatus queue(settings_.queue);
   // Both are needed; the one that cannot be opened is the one to name.
-  if (view.state() == QueueView::State::Sound) {
-    view = QueueView(getMessageQueueResponseName(settings_.queue));
+  if (queue.condition() == Condition::Sound) {
+    queue = receiver::QueueStatus(getMessageQueueResponseName(settings_.queue));
   }
-  const auto status = view.state() == QueueView::State::Unreachable
-                          ? static_cast<ov_status_t>(view.systemError())
+  const auto status = queue.condition() == Condition::Unreachable
+                          ? static_cast<ov_status_t>(queue.systemError())
                           : kStatusCorrupt;
   const char* const hint = status == EACCES
                                ? "; korvexd's --mode and group decide which users may use its queue"

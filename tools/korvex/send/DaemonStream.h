@@ -8,9 +8,10 @@
 #include <string>
 
 #include <korvex/ShmWriter.h>
+#include <korvex/receiver/QueueStatus.h>
+#include <korvex/receiver/ReplyQueue.h>
 
 #include "StopSignal.h"
-#include "queue/MessageQueue.h"
 
 namespace korvex::tool {
 
@@ -91,6 +92,7 @@ class DaemonStream {
   void awaitAllTaken(const char* what);
   void look();
   void giveSignOfLife();
+  bool hasReceipt();
   void takeReplies();
   void takeReply();
   void refuseForeignReply() const;
@@ -108,9 +110,9 @@ class DaemonStream {
   Settings settings_;
   const StopSignal& stop_;
   std::unique_ptr<ShmWriter> writer_;
-  std::unique_ptr<MessageQueue> replies_;
+  std::optional<receiver::ReplyQueue> replies_;
   qmx_shm_response_t reply_;  ///< the one that was fetched here; all zero before
-  QueueView sendView_;
+  receiver::QueueStatus sendQueue_;
   std::size_t largestPiece_ = 0;
   std::size_t batchSize_ = 0;  ///< at most what the writer's batch has
   Clock::time_point nextWatch_;
