@@ -56,19 +56,28 @@ StreamSession::~StreamSession() { end("abandoned"); }
 StreamSession::Answer StreamSession::take(const Entry& record) {
   counters_.add(Count::Records);
   if (record.header.type == kTypeOpen) return takeOpen(record.header);
-  if (state_ == State::Open) return takeInStream(record);
-  return takeOutside(record.header);
+  switch (state_) {
+    case State::Idle:
+      return takeWithoutStream(record.header);
+    case State::Failed:
+      return takeOfFailedStream(record.header);
+    case State::Ended:
+      return takeAfterEnd(record.header);
+    case State::Open:
+      break;
+  }
+  return takeInStream(record);
 }
 
 StreamSession::Answer StreamSession::takeOpen(const Header& header) {
   // The producer of the open stream is gone. No reply: it would reach the new producer.
-  cutOffAnother_ = state_ == State::Open;
+  const bool cutsOffAnother = state_ == State::Open;
   end("a new stream was opened before its close");
   const std::string defect = defectOf(header);
   if (!defect.empty()) return refuse(defect);
-  startStream(header);
+  startStream(header, cutsOffAnother);
   try {
-    sink_ = openSink_(queue_, opened_);
+    sink_ = openSink_(queue_, stream_.opened);
     if (sink_ == nullptr) throw std::logic_error("the daemon made no sink for the stream");
   } catch (const std::exception& error) {
     return fail(kStatusSinkFailed, error.what());
@@ -76,45 +85,49 @@ StreamSession::Answer StreamSession::takeOpen(const Header& header) {
   return {};
 }
 
-void StreamSession::startStream(const Header& header) {
+void StreamSession::startStream(const Header& header, bool cutsOffAnother) {
   counters_.add(Count::StreamsOpened);
   state_ = State::Open;
   digest_.reset();
-  lastSequence_ = header.sequence;
-  segmentHasData_ = false;
-  opened_ = std::time(nullptr);
-  segments_ = 0;
-  records_ = 1;
+  stream_ = Stream();
+  stream_.opened = std::time(nullptr);
+  stream_.lastSequence = header.sequence;
+  stream_.cutOffAnother = cutsOffAnother;
 }
 
-/// Records when no stream is open, or in what is left of a failed one.
-StreamSession::Answer StreamSession::takeOutside(const Header& header) {
-  const bool isClose = header.type == kTypeClose;
-  const bool isStop = header.type == kTypeStop;  // may come without a stream
-  if (state_ == State::Failed) {
-    if (isClose || isStop) {
-      endWith(header);
-    } else {
-      counters_.add(Count::DroppedRecords);
-    }
-    return {};
-  }
+/// A stop may come without a stream.
+StreamSession::Answer StreamSession::takeWithoutStream(const Header& header) {
   const std::string defect = defectOf(header);
   if (!defect.empty()) return refuse(defect);
-  const bool isAgain = state_ == State::Ended && header.sequence > lastSequence_;
-  if (isStop || (isClose && isAgain)) {
-    endWith(header);
-    return {};
+  if (header.type != kTypeStop) {
+    return refuse(recordText(header) + ": no stream is open, expected type 0");
   }
-  return refuse(recordText(header) + ": no stream is open, expected type 0");
+  rememberEnd(header);
+  return {};
+}
+
+StreamSession::Answer StreamSession::takeOfFailedStream(const Header& header) {
+  if (header.type == kTypeClose || header.type == kTypeStop) {
+    rememberEnd(header);
+  } else {
+    counters_.add(Count::DroppedRecords);
+  }
+  return {};
 }
 
 /// A writer that stopped is still open, and so is one whose close failed because it met a failure
 /// reply or found no room in time: they close again, at the latest when they are destroyed. An
 /// answer to that would reach the next producer.
-void StreamSession::endWith(const Header& header) {
+StreamSession::Answer StreamSession::takeAfterEnd(const Header& header) {
+  const bool isCloseAgain = header.type == kTypeClose && header.sequence > stream_.lastSequence;
+  if (!isCloseAgain || !defectOf(header).empty()) return takeWithoutStream(header);
+  rememberEnd(header);
+  return {};
+}
+
+void StreamSession::rememberEnd(const Header& header) {
   state_ = State::Ended;
-  lastSequence_ = header.sequence;
+  stream_.lastSequence = header.sequence;
 }
 
 StreamSession::Answer StreamSession::takeInStream(const Entry& record) {
@@ -123,8 +136,8 @@ StreamSession::Answer StreamSession::takeInStream(const Entry& record) {
   if (!defect.empty()) return refuse(defect);
   const std::string outOfOrder = sequenceDefectOf(header);
   if (!outOfOrder.empty()) return refuse(outOfOrder);
-  lastSequence_ = header.sequence;
-  ++records_;
+  stream_.lastSequence = header.sequence;
+  ++stream_.records;
   if (header.type == kTypeSegmentData) return takeData(record);
   finishSegment();
   if (header.type == kTypeClose) return takeClose(header);
@@ -137,13 +150,14 @@ StreamSession::Answer StreamSession::takeInStream(const Entry& record) {
 /// close too, would be taken for this stream's. And none may be before the close: a writer whose
 /// last write failed closes all the same when it is destroyed, and the data ends too early.
 std::string StreamSession::sequenceDefectOf(const Header& header) const {
-  const std::uint64_t next = lastSequence_ + (records_ == 1 ? kStepAfterOpen : 1);
-  if (cutOffAnother_ && header.sequence != next) {
+  const std::uint64_t next = stream_.lastSequence + (stream_.records == 1 ? kStepAfterOpen : 1);
+  if (stream_.cutOffAnother && header.sequence != next) {
     return recordText(header) + ": expected sequence " + std::to_string(next) +
            "; two producers on one queue?";
   }
-  if (header.sequence <= lastSequence_) {
-    return recordText(header) + ": expected a sequence above " + std::to_string(lastSequence_);
+  if (header.sequence <= stream_.lastSequence) {
+    return recordText(header) + ": expected a sequence above " +
+           std::to_string(stream_.lastSequence);
   }
   if (header.type == kTypeClose && header.sequence != next) {
     return recordText(header) + ": expected sequence " + std::to_string(next) +
@@ -155,7 +169,7 @@ std::string StreamSession::sequenceDefectOf(const Header& header) const {
 StreamSession::Answer StreamSession::takeData(const Entry& record) {
   const std::size_t size = record.header.len;
   if (size == 0) return {};
-  segmentHasData_ = true;
+  stream_.segmentHasData = true;
   try {
     sink_->write(record.data, size);
   } catch (const std::exception& error) {
@@ -167,9 +181,9 @@ StreamSession::Answer StreamSession::takeData(const Entry& record) {
 }
 
 void StreamSession::finishSegment() {
-  if (!segmentHasData_) return;
-  ++segments_;
-  segmentHasData_ = false;
+  if (!stream_.segmentHasData) return;
+  ++stream_.segments;
+  stream_.segmentHasData = false;
 }
 
 StreamSession::Answer StreamSession::takeClose(const Header& header) {
@@ -178,19 +192,19 @@ StreamSession::Answer StreamSession::takeClose(const Header& header) {
     sink_->complete(whole, stillFinishing_);
   } catch (const std::exception& error) {
     const Answer answer = fail(kStatusSinkFailed, error.what());
-    endWith(header);
+    rememberEnd(header);
     return answer;
   }
   counters_.add(Count::StreamsComplete);
   observer_.streamComplete(whole, placeOf(sink_.get()));
   sink_.reset();
-  endWith(header);
+  rememberEnd(header);
   return replyOf(0, Receipt{whole.bytes, whole.xxh128}.replyText());
 }
 
 StreamSession::Answer StreamSession::takeStop(const Header& header) {
   leaveIncomplete("stopped by the producer");
-  endWith(header);
+  rememberEnd(header);
   return {};
 }
 
@@ -255,7 +269,15 @@ void StreamSession::abandonSink(const std::string& reason) {
 
 StreamSummary StreamSession::summary() const {
   const Receipt taken = digest_.expected();
-  return {queue_, opened_, std::time(nullptr), taken.bytes, segments_, records_, taken.xxh128};
+  StreamSummary result;
+  result.queue = queue_;
+  result.opened = stream_.opened;
+  result.closed = std::time(nullptr);
+  result.bytes = taken.bytes;
+  result.segments = stream_.segments;
+  result.records = stream_.records;
+  result.xxh128 = taken.xxh128;
+  return result;
 }
 
 }  // namespace korvex::receiver

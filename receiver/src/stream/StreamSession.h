@@ -64,8 +64,20 @@ class StreamSession {
     Ended    ///< closed or stopped; its producer may close again
   };
 
+  /// What is known of the stream that is open, or was open last.
+  struct Stream {
+    std::time_t opened = 0;
+    std::uint64_t lastSequence = 0;
+    std::uint64_t segments = 0;
+    std::uint64_t records = 1;  ///< the open record is one
+    bool segmentHasData = false;
+    bool cutOffAnother = false;  ///< the stream before may still be sending
+  };
+
   Answer takeOpen(const qmx_shm_message_t& header);
-  Answer takeOutside(const qmx_shm_message_t& header);
+  Answer takeWithoutStream(const qmx_shm_message_t& header);
+  Answer takeOfFailedStream(const qmx_shm_message_t& header);
+  Answer takeAfterEnd(const qmx_shm_message_t& header);
   Answer takeInStream(const ShmBatch::Entry& record);
   std::string sequenceDefectOf(const qmx_shm_message_t& header) const;
   Answer takeData(const ShmBatch::Entry& record);
@@ -73,8 +85,8 @@ class StreamSession {
   Answer takeStop(const qmx_shm_message_t& header);
   Answer refuse(const std::string& text);
   Answer fail(ov_status_t status, const std::string& text);
-  void endWith(const qmx_shm_message_t& header);
-  void startStream(const qmx_shm_message_t& header);
+  void rememberEnd(const qmx_shm_message_t& header);
+  void startStream(const qmx_shm_message_t& header, bool cutsOffAnother);
   void finishSegment();
   void leaveIncomplete(const std::string& reason);
   void abandonSink(const std::string& reason);
@@ -88,12 +100,7 @@ class StreamSession {
   State state_ = State::Idle;
   std::unique_ptr<Sink> sink_;
   StreamDigest digest_;
-  std::uint64_t lastSequence_ = 0;
-  bool cutOffAnother_ = false;  ///< the stream before may still be sending
-  bool segmentHasData_ = false;
-  std::time_t opened_ = 0;
-  std::uint64_t segments_ = 0;
-  std::uint64_t records_ = 0;
+  Stream stream_;
 };
 
 }  // namespace korvex::receiver
