@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cassert>
 #include <cerrno>
 #include <climits>
 #include <cstdint>
@@ -300,7 +301,10 @@ bool QueueView::isDamaged(Use use) const noexcept {
   return true;
 }
 
-std::size_t QueueView::messages() const noexcept { return number(kMessagesOffset); }
+std::size_t QueueView::messages() const noexcept {
+  assert(state_ == State::Sound);
+  return number(kMessagesOffset);
+}
 
 /// A processor fetches only pages that the process has at hand, so all are asked for, once.
 bool QueueView::isFetchable() noexcept {
@@ -331,9 +335,13 @@ std::size_t QueueView::fetchNext() noexcept {
   return size;
 }
 
-pid_t QueueView::lockOwner() const noexcept { return load<pid_t>(window_, kLockOwnerOffset); }
+pid_t QueueView::lockOwner() const noexcept {
+  assert(state_ == State::Sound);
+  return load<pid_t>(window_, kLockOwnerOffset);
+}
 
 bool QueueView::looksLocked() const noexcept {
+  assert(state_ == State::Sound);
   return load<std::uint32_t>(window_, kLockWordOffset) != 0;
 }
 

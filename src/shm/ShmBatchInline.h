@@ -4,6 +4,7 @@
 #include <qmx/error.h>
 
 #include <atomic>
+#include <cassert>
 #include <cstddef>
 #include <cstring>
 
@@ -56,6 +57,7 @@ inline void keepStoresApart() noexcept { std::atomic_signal_fence(std::memory_or
 [[gnu::always_inline]] inline void ShmBatch::put(const qmx_shm_message_t& header,
                                                  const unsigned char* data,
                                                  std::uint32_t length) noexcept {
+  assert(hasRoom(length) && (length == 0 || data != nullptr));
   unsigned char* const place = putHeader(writePos_, header);
   keepStoresApart();  // what the caller has stored stays stored, the record's number above all
   if (length != 0) copyShort(place, data, length);
@@ -68,6 +70,7 @@ inline void keepStoresApart() noexcept { std::atomic_signal_fence(std::memory_or
 
 /// For a record that has room.
 inline void ShmBatch::append(const qmx_shm_message_t& header, const unsigned char* data) {
+  assert(hasRoom(header.len));
   if (header.len != 0 && data == nullptr) {
     // The header goes in before the data pointer is checked. A refused entry thus leaves 48 stray
     // bytes behind the used part; the next entry overwrites them.
