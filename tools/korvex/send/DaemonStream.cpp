@@ -87,7 +87,8 @@ void DaemonStream::openQueues() {
       replies_.emplace(settings_.queue);
     });
     // What had the name before and after the writer looked is what the writer has.
-    if (isStillServed() && replies_->isStillNamed()) return;
+    const bool isSound = sendQueue_.condition() == Condition::Sound;
+    if (isSound && isStillServed() && replies_->isStillNamed()) return;
   }
   throwGone();
 }
