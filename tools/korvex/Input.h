@@ -26,7 +26,15 @@ class Input {
 
   /// Reads until the buffer is full or the present part ends, and returns the number of bytes.
   /// Fewer than `size` mean that the part has ended.
-  virtual std::size_t fill(unsigned char* buffer, std::size_t size) = 0;
+  std::size_t fill(unsigned char* buffer, std::size_t size) {
+    std::size_t filled = 0;
+    while (filled < size) {
+      const std::size_t got = readSome(buffer + filled, size - filled);
+      if (got == 0) break;
+      filled += got;
+    }
+    return filled;
+  }
 
   /// For the time after the last part: throws unless what was read is known to be all.
   virtual void finish() {}
@@ -50,6 +58,9 @@ class Input {
   }
 
  private:
+  /// Waits for some bytes of the present part; 0 at its end.
+  virtual std::size_t readSome(unsigned char* buffer, std::size_t size) = 0;
+
   std::function<void()> idle_;
   Clock::time_point nextPulse_;
 };

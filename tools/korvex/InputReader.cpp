@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <string_view>
 #include <system_error>
 
 #include "Failure.h"
@@ -17,7 +18,7 @@
 namespace korvex::tool {
 namespace {
 
-const std::string kStandardInput = "-";
+constexpr std::string_view kStandardInput = "-";
 constexpr int kPipeSize = 1 << 20;
 constexpr int kOpenFlags = O_RDONLY | O_CLOEXEC | O_NOCTTY;
 
@@ -82,7 +83,7 @@ std::uint64_t bytesLeft(const std::string& name, const struct stat& status) {
 
 InputReader::InputReader(const std::vector<std::string>& names, const StopSignal& stop)
     : names_(names), stop_(stop) {
-  if (names_.empty()) names_.push_back(kStandardInput);
+  if (names_.empty()) names_.emplace_back(kStandardInput);
   for (const std::string& name : names_) addSize(name);
 }
 
@@ -122,16 +123,6 @@ void InputReader::openFile(const std::string& name) {
 void InputReader::closeFile() noexcept {
   if (file_ > STDIN_FILENO) ::close(file_);
   file_ = -1;
-}
-
-std::size_t InputReader::fill(unsigned char* buffer, std::size_t size) {
-  std::size_t filled = 0;
-  while (filled < size) {
-    const std::size_t got = readSome(buffer + filled, size - filled);
-    if (got == 0) break;
-    filled += got;
-  }
-  return filled;
 }
 
 std::size_t InputReader::readSome(unsigned char* buffer, std::size_t size) {

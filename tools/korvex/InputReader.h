@@ -31,13 +31,12 @@ class InputReader : public Input {
   std::optional<std::uint64_t> totalBytes() const override { return totalBytes_; }
 
   bool openNext() override;
-  std::size_t fill(unsigned char* buffer, std::size_t size) override;
 
  private:
   void addSize(const std::string& name);
   void openFile(const std::string& name);
   void closeFile() noexcept;
-  std::size_t readSome(unsigned char* buffer, std::size_t size);
+  std::size_t readSome(unsigned char* buffer, std::size_t size) override;
   void waitForInput();
 
   std::vector<std::string> names_;

@@ -56,16 +56,6 @@ void SourceCommand::start() {
   lastProgress_ = Clock::now();
 }
 
-std::size_t SourceCommand::fill(unsigned char* buffer, std::size_t size) {
-  std::size_t filled = 0;
-  while (filled < size) {
-    const std::size_t got = readSome(buffer + filled, size - filled);
-    if (got == 0) break;
-    filled += got;
-  }
-  return filled;
-}
-
 std::size_t SourceCommand::readSome(unsigned char* buffer, std::size_t size) {
   for (;;) {
     while (!isReadable(output_)) checkPatience();

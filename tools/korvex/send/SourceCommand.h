@@ -37,7 +37,6 @@ class SourceCommand : public Input {
 
   std::optional<std::uint64_t> totalBytes() const override { return std::nullopt; }
   bool openNext() override { return !std::exchange(isOpened_, true); }
-  std::size_t fill(unsigned char* buffer, std::size_t size) override;
   void finish() override;
 
   /// Asks the command to end: with the signal that this process got, else with SIGTERM. Nothing
@@ -49,7 +48,7 @@ class SourceCommand : public Input {
   std::optional<ProcessEnd> settle() noexcept;
 
  private:
-  std::size_t readSome(unsigned char* buffer, std::size_t size);
+  std::size_t readSome(unsigned char* buffer, std::size_t size) override;
   bool isReadable(int file);
   void heed();
   void checkPatience() const;
