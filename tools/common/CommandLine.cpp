@@ -5,11 +5,12 @@
 #include <charconv>
 #include <cstdint>
 #include <limits>
+#include <string_view>
 
 namespace korvex::common {
 namespace {
 
-const std::string kUnits = "kmgt";
+constexpr std::string_view kUnits = "kmgt";
 constexpr unsigned kBitsOfUnit = 10;
 
 [[noreturn]] void refuse(const std::string& text, const std::string& expected) {

@@ -5,13 +5,14 @@
 #include <climits>
 #include <cstring>
 #include <nlohmann/json.hpp>
+#include <string_view>
 
 #include "common/Printable.h"
 
 namespace korvex::common {
 namespace {
 
-const char kHexDigits[] = "0123456789ABCDEF";
+constexpr std::string_view kHexDigits = "0123456789ABCDEF";
 
 /// Only ASCII: the standard classification would follow the locale.
 bool staysAsItIs(char character) {

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <ostream>
+#include <string_view>
 
 #include "common/Printable.h"
 
@@ -18,8 +19,8 @@ constexpr std::size_t kLongestBar = 50;
 constexpr std::size_t kBarFrame = 3;  // brackets and a space
 constexpr std::uint64_t kWhole = 100;
 constexpr double kLongestTimeLeft = 359999;  // 99:59:59
-const char kToStart[] = "\r";
-const char kEraseRest[] = "\x1b[K";
+constexpr std::string_view kToStart = "\r";
+constexpr std::string_view kEraseRest = "\x1b[K";
 
 double rateOf(const ProgressState& state) {
   const double seconds = std::chrono::duration<double>(state.elapsed).count();

@@ -9,13 +9,14 @@
 #include <cstdlib>
 #include <limits>
 #include <random>
+#include <string_view>
 
 #include "queues/QueueObject.h"
 
 namespace korvex::receiver {
 namespace {
 
-const std::string kStart = ".korvexd-";
+constexpr std::string_view kStart = ".korvexd-";
 
 /// The namespace in which a process id is meant; 0 where the system does not tell.
 ino_t processNamespace() noexcept {
@@ -47,8 +48,9 @@ bool isOwnFile(const std::string& name) {
 
 std::string temporaryQueueName() {
   std::random_device random;
-  return kStart + std::to_string(::getpid()) + "-" + std::to_string(processNamespace()) + "-" +
-         std::to_string(random()) + "-" + std::to_string(random());
+  return std::string(kStart) + std::to_string(::getpid()) + "-" +
+         std::to_string(processNamespace()) + "-" + std::to_string(random()) + "-" +
+         std::to_string(random());
 }
 
 std::vector<std::string> removeHalfMadeQueues() {

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <string_view>
 #include <utility>
 
 #include "korvex/receiver/SystemError.h"
@@ -15,7 +16,7 @@
 namespace korvex::receiver {
 namespace {
 
-const char kFolder[] = "/dev/shm";
+constexpr std::string_view kFolder = "/dev/shm";
 
 std::string pathOf(const std::string& name) { return std::string(kFolder) + "/" + name; }
 

@@ -23,7 +23,7 @@ constexpr std::size_t kFewestDigits = 8;
 constexpr std::size_t kMostDigits = 18;  // always fit into 64 bits
 constexpr std::size_t kMetaDataSize = 8;
 constexpr std::size_t kFirstPiece = std::size_t{256} << 10;
-const std::string kStandardInput = "-";
+constexpr std::string_view kStandardInput = "-";
 
 bool endsWith(std::string_view text, std::string_view end) {
   return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;

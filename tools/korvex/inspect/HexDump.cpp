@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <ostream>
 #include <string>
+#include <string_view>
 
 namespace korvex::tool {
 namespace {
@@ -10,7 +11,7 @@ namespace {
 constexpr std::size_t kBytesInLine = 16;
 constexpr std::size_t kBytesInPiece = 4096;
 constexpr int kOffsetDigits = 8;  // a batch has at most 2^30 bytes
-const char kDigits[] = "0123456789abcdef";
+constexpr std::string_view kDigits = "0123456789abcdef";
 
 void appendHex(std::string& text, unsigned char byte) {
   text += kDigits[byte >> 4];

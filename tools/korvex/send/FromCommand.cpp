@@ -9,7 +9,7 @@ namespace korvex::tool {
 namespace {
 
 const std::string kFlag = "--from-command";
-const std::string kEndOfOptions = "--";
+constexpr std::string_view kEndOfOptions = "--";
 constexpr unsigned kMinTimeout = 1;
 constexpr unsigned kMaxTimeout = 86400;
 

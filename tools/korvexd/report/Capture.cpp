@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <string_view>
 
 #include <korvex/receiver/SystemError.h>
 #include "common/QueueName.h"
@@ -15,16 +16,16 @@ constexpr mode_t kFileMode = 0600;
 constexpr std::size_t kDigits = 8;
 constexpr std::size_t kMostDigits = 18;
 
-const char kSuffix[] = ".batch";
+constexpr std::string_view kSuffix = ".batch";
 const char kStoring[] = "capturing a batch";
 
 /// The number in a file's name PREFIX-NUMBER.batch; 0 for any other name.
 std::uint64_t numberIn(const std::string& name, const std::string& prefix) {
-  const std::size_t ends = prefix.size() + sizeof kSuffix - 1;
+  const std::size_t ends = prefix.size() + kSuffix.size();
   if (name.size() < ends + kDigits || name.size() > ends + kMostDigits) return 0;
   if (name.compare(0, prefix.size(), prefix) != 0) return 0;
   const std::string digits = name.substr(prefix.size(), name.size() - ends);
-  if (name.compare(name.size() + 1 - sizeof kSuffix, std::string::npos, kSuffix) != 0) return 0;
+  if (name.compare(name.size() - kSuffix.size(), std::string::npos, kSuffix) != 0) return 0;
   if (digits.find_first_not_of("0123456789") != std::string::npos) return 0;
   return std::stoull(digits);
 }
@@ -52,7 +53,7 @@ Capture::Capture(const std::string& folder, const std::string& queue)
       lastNumber_(highestNumber(folder, prefix_)) {}
 
 void Capture::store(std::uint64_t number, const unsigned char* untrusted, std::size_t size) {
-  const std::string name = prefix_ + padded(number) + kSuffix;
+  const std::string name = prefix_ + padded(number) + std::string(kSuffix);
   File file =
       File::openAt(folder_.descriptor(), name, O_WRONLY | O_CREAT | O_EXCL, kFileMode, kStoring);
   file.writeAll(untrusted, size, kStoring);
