@@ -53,7 +53,7 @@ TEST_F(DaemonDeath, LeavesAPartialFolder) {
   EXPECT_EQ(streams(false).size(), 0u);
 }
 
-TEST_F(DaemonDeath, OfAProducerLeavesItsStreamIncompleteAndTheNextIsServed) {
+TEST_F(DaemonDeath, OfAProducerLeavesItsStreamIncomplete) {
   const auto daemon = start();
   dieInMidstream();
   EXPECT_EQ(stream("abc"), kReceiptOfAbc);
@@ -65,7 +65,7 @@ TEST_F(DaemonDeath, OfAProducerLeavesItsStreamIncompleteAndTheNextIsServed) {
   end(*daemon);
 }
 
-TEST_F(DaemonDeath, OfAProducerWithTheQueuesLockCostsOnlyThatPair) {
+TEST_F(DaemonDeath, OfAProducerHoldingTheLockCostsItsPair) {
   const std::string other = korvex::test::uniqueQueueName();
   const korvex::test::QueueRemover remover(other);
   const auto daemon = start({"--queue", other});
@@ -85,7 +85,7 @@ TEST_F(DaemonDeath, OfAProducerWithTheQueuesLockCostsOnlyThatPair) {
 }
 
 // The producer is not promised to live; the daemon and everybody else on it are.
-TEST_F(DaemonDeath, OfAQueueThatIsCutInMidstreamCostsOnlyThatPair) {
+TEST_F(DaemonDeath, OfAQueueCutInMidstreamCostsItsPair) {
   const std::string other = korvex::test::uniqueQueueName();
   const korvex::test::QueueRemover remover(other);
   const auto daemon = start({"--queue", other});
@@ -110,7 +110,7 @@ TEST_F(DaemonDeath, OfAQueueThatIsCutInMidstreamCostsOnlyThatPair) {
   end(*daemon);
 }
 
-TEST_F(DaemonDeath, OfAProducerWithTheResponseQueuesLockIsNoticedBeforeTheNextStream) {
+TEST_F(DaemonDeath, OfAProducerHoldingTheReplyLockIsNoticed) {
   const auto daemon = start();
   dieHoldingLockOf(queue_ + "Response");
   ASSERT_TRUE(awaitLog(*daemon, "served again"));

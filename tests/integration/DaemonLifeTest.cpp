@@ -72,7 +72,7 @@ TEST_F(DaemonLife, ReplacesTheQueuesOfAKilledDaemon) {
   end(*next);
 }
 
-TEST_F(DaemonLife, RemovesTheFirstQueueWhenASecondCannotBeMade) {
+TEST_F(DaemonLife, RemovesTheFirstQueueWhenASecondFails) {
   const auto other = start();
   const std::string mine = korvex::test::uniqueQueueName();
   EXPECT_EQ(run({"--queue", mine, "--queue", queue_, "--discard"}), 1);
@@ -140,7 +140,7 @@ TEST_F(DaemonLife, ServesWithoutStandardDescriptors) {
   EXPECT_EQ(stream("abc"), "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950");
 }
 
-TEST_F(DaemonLife, OffersItsQueueAnewWhenTheNameIsTakenAway) {
+TEST_F(DaemonLife, OffersItsQueueAgainWhenItsNameVanishes) {
   const auto daemon = start();
   ASSERT_TRUE(korvex::MessageQueue::remove(queue_));
   ASSERT_TRUE(awaitLog(*daemon, queue_ + ": served again"));
@@ -148,7 +148,7 @@ TEST_F(DaemonLife, OffersItsQueueAnewWhenTheNameIsTakenAway) {
   end(*daemon);
 }
 
-TEST_F(DaemonLife, LeavesADeviceAloneThatIsToHoldTheStatistics) {
+TEST_F(DaemonLife, WritesStatisticsToADeviceWithoutReplacingIt) {
   Process daemon({KORVEXD_PROGRAM, "--queue", queue_, "--discard", "--stats", "/dev/full"});
   EXPECT_EQ(daemon.wait(), 1);
   EXPECT_THAT(daemon.errors(), HasSubstr("/dev/full: found something else, expected a file"));

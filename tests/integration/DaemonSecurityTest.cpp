@@ -110,7 +110,7 @@ TEST_F(DaemonSecurity, NeverWritesStatisticsThroughALink) {
   EXPECT_TRUE(fs::is_symlink(stats_));
 }
 
-TEST_F(DaemonSecurity, NeverWritesStatisticsThroughALinkUnderTheTemporaryName) {
+TEST_F(DaemonSecurity, NeverWritesStatisticsThroughATemporaryLink) {
   std::ofstream(treasure_) << "gold";
   fs::create_symlink(treasure_, stats_ + ".tmp");
   const auto daemon = startWith({});

@@ -54,7 +54,7 @@ TEST_F(DaemonSignal, OfALogWithoutReaderCostsNoStream) {
   end(*daemon);
 }
 
-TEST_F(DaemonSignal, OfAFileThatMayNotGrowCostsOnlyThatStream) {
+TEST_F(DaemonSignal, OfAFileSizeLimitCostsOnlyThatStream) {
   const auto daemon = start();
   const rlimit limit = {kLargestFile, kLargestFile};
   ASSERT_EQ(::prlimit(daemon->id(), RLIMIT_FSIZE, &limit, nullptr), 0);

@@ -139,7 +139,7 @@ TEST_F(DaemonStream, IsIncompleteWhenTheDaemonEnds) {
   EXPECT_EQ(stats()["total"]["streams_incomplete"], 1);
 }
 
-TEST_F(DaemonStream, IsCompleteWhenItsCloseWasQueuedBeforeTheDaemonsEnd) {
+TEST_F(DaemonStream, IsCompleteWhenItsCloseWasQueuedInTime) {
   const auto daemon = start({"--max-messages", "64", "--max-message-size", "1M"});
   daemon->freeze();
   const auto to = writer();
@@ -157,7 +157,7 @@ TEST_F(DaemonStream, IsCompleteWhenItsCloseWasQueuedBeforeTheDaemonsEnd) {
 }
 
 // Its messages are lost with the queue, so the log must say so.
-TEST_F(DaemonStream, IsReportedWhenTheDaemonCannotTakeItAtItsEnd) {
+TEST_F(DaemonStream, IsReportedWhenTheEndingDaemonCannotTakeIt) {
   const auto daemon = start();
   daemon->freeze();
   sendRaw(BatchBytes().record(0, 0).bytes());
@@ -216,7 +216,7 @@ TEST_F(DaemonStream, FailsInTheProducerWhenABatchIsDamaged) {
   end(*daemon);
 }
 
-TEST_F(DaemonStream, FailsInTheProducerWhenRecordsComeOutOfOrder) {
+TEST_F(DaemonStream, FailsInTheProducerWhenRecordsAreReordered) {
   const auto daemon = start();
   const auto to = writer();
   to->open();

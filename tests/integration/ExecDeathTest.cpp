@@ -159,7 +159,7 @@ TEST_P(ExecDeath, SparesAWholeStream) {
   EXPECT_THAT(stored(), SizeIs(1));
 }
 
-TEST_F(ExecOneDeath, OfDaemonAndKeeperMeetsAnEngineWithAFullPipe) {
+TEST_F(ExecOneDeath, OfDaemonOrKeeperFindsAFullPipe) {
   for (const bool isDaemon : {true, false}) {
     SCOPED_TRACE(isDaemon ? "daemon" : "keeper");
     const auto daemon =

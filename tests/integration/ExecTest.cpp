@@ -58,7 +58,7 @@ std::size_t streamsOfTheLongTest() {
 
 }  // namespace
 
-TEST_F(ExecTest, IsStoredUnderTheNameThatTheEngineIsGiven) {
+TEST_F(ExecTest, IsStoredUnderTheNameGivenToTheEngine) {
   const auto daemon = startExec(recorderCommand());
   EXPECT_STREQ(replyTo("abc").message, kReceiptOfAbc);
   ASSERT_THAT(stored(), SizeIs(1));
@@ -93,7 +93,7 @@ TEST_F(ExecTest, TellsTheEngineWhatTheStreamIs) {
                                              queue_ + "-[0-9]{8}T[0-9]{6}Z-[0-9]{9}\n"));
 }
 
-TEST_F(ExecTest, StartsTheEngineInAGroupAndSessionOfItsOwn) {
+TEST_F(ExecTest, StartsTheEngineInItsOwnGroupAndSession) {
   const auto daemon = startExec(
       script(R"(cat >/dev/null; read -r line </proc/$$/stat; echo "$$ $line" >"$0/ids")"));
   EXPECT_STREQ(replyTo("abc").message, kReceiptOfAbc);

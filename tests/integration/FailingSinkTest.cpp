@@ -118,7 +118,7 @@ INSTANTIATE_TEST_SUITE_P(, FailingSink, testing::ValuesIn(troubles()), nameOf);
 
 }  // namespace
 
-TEST_P(FailingSink, IsToldAtEveryCallAndTheNextStreamIsStored) {
+TEST_P(FailingSink, IsReportedAtEveryCallAndLeftBehind) {
   const auto daemon = startFailing();
   for (int call = 1; call <= kCalls; ++call) {
     SCOPED_TRACE("call " + std::to_string(call));
@@ -162,7 +162,7 @@ bool canMount() {
 
 }  // namespace
 
-TEST_F(FullDisk, FailsTheStreamAndTakesTheNextOneWhenThereIsRoomAgain) {
+TEST_F(FullDisk, FailsTheStreamUntilThereIsRoomAgain) {
   if (!canMount()) GTEST_SKIP() << "no mount namespace of one's own";
   const auto daemon = startOnSmallDisk();
   ASSERT_NE(daemon, nullptr);

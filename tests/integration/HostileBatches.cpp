@@ -1,15 +1,11 @@
 #include "integration/HostileBatches.h"
+#include "support/WireFormat.h"
 
 #include <algorithm>
 
 namespace korvex::test::hostile {
 namespace {
 
-constexpr std::uint32_t kOpen = 0;
-constexpr std::uint32_t kData = 1;
-constexpr std::uint32_t kSegmentEnd = 2;
-constexpr std::uint32_t kClose = 3;
-constexpr std::uint32_t kStop = 4;
 constexpr std::size_t kMetaData = 8;
 constexpr std::size_t kHeader = 48;
 

@@ -67,7 +67,7 @@ TEST_F(HostileFileNames, AreNothingButNames) {
   end(*daemon);
 }
 
-TEST_F(HostileFileNames, AreToldInOneHarmlessLineWhenTheyAreMissing) {
+TEST_F(HostileFileNames, AreReportedInOneHarmlessLineWhenMissing) {
   for (const std::string& name : names_) {
     Process sender = send(folder_.path(), {"--json", "--", "missing" + name});
     EXPECT_EQ(sender.wait(), 1) << name;
@@ -81,7 +81,7 @@ TEST_F(HostileFileNames, AreToldInOneHarmlessLineWhenTheyAreMissing) {
   }
 }
 
-TEST_F(HostileFileNames, AreToldByteByByteWhereTheyAreNoText) {
+TEST_F(HostileFileNames, AreShownByteByByteWhereNotText) {
   Process sender = send(folder_.path(), {"--json", "\n\x1b[2J\xff"});
   EXPECT_EQ(sender.wait(), 1);
   EXPECT_EQ(sender.errors(),

@@ -136,7 +136,7 @@ korvex::test::hostile::Model expectedOfHostile() {
 
 }  // namespace
 
-TEST_F(HostileProducer, HarmsNobodyAndHasNothingStoredThatIsNotWhollyRight) {
+TEST_F(HostileProducer, HarmsNobodyAndStoresNothingWrong) {
   SCOPED_TRACE("seed " + std::to_string(kSeed));
   const auto daemon =
       start({"--queue", other_, "--max-message-size", "16K", "--stats", statsFile_});

@@ -9,6 +9,7 @@
 #include <stdexcept>
 
 #include "support/DaemonQueues.h"
+#include "support/QueueFields.h"
 #include "support/Queues.h"
 #include "support/SharedObject.h"
 
@@ -16,17 +17,6 @@ namespace korvex::test::strange {
 namespace {
 
 using Happen = std::function<void(const std::string&)>;
-
-// Where every queue has these, whatever its limits.
-constexpr off_t kInitWord = 0;
-constexpr off_t kIndexPointer = 16;
-constexpr off_t kMaxMessages = 24;
-constexpr off_t kMaxMessageSize = 32;
-constexpr off_t kStored = 40;
-constexpr off_t kLock = 48;
-constexpr off_t kFirst = 184;
-constexpr off_t kIndex = 208;
-constexpr std::size_t kLockSize = 40;
 
 const std::string kWorks = "works";
 const std::string kNoQueue = "open: the shared-memory object is not a sound message queue";
@@ -133,34 +123,38 @@ const std::vector<Event>& events() {
 
       {"CutToNothing", cut(0), kBusError, kBusError, kCut, After::ServedAnew},
       {"CutInTheHeader", cut(100), kNoQueue, kNoQueue, kCut, After::ServedAnew},
-      {"CutBehindTheIndex", cut(kIndex + 16 * 8), kBusError, kWorks, kCut, After::ServedAnew},
+      {"CutBehindTheIndex", cut(kIndexAt + 16 * 8), kBusError, kWorks, kCut, After::ServedAnew},
       {"Grown", growByAPage, kWorks, kWorks, kGrown, After::ServedAnew},
 
       {"FilledWithZeros", all(0), kNoQueue, kNoQueue, kOverwritten, After::ServedAnew},
       {"FilledWithOnes", all(0xff), kNoQueue, kNoQueue, kOverwrittenOrUnsound, After::ServedAnew},
       {"FilledWithText", all('x'), kNoQueue, kNoQueue, kOverwrittenOrUnsound, After::ServedAnew},
-      {"MarkedUninitialized", word(kInitWord, 0), kNoQueue, kNoQueue, kOverwritten,
+      {"MarkedUninitialized", word(kStateWordAt, 0), kNoQueue, kNoQueue, kOverwritten,
        After::ServedAnew},
-      {"MarkedCorrupted", word(kInitWord, 3), kNoQueue, kNoQueue, kOverwritten, After::ServedAnew},
-      {"IndexMoved", number(kIndexPointer, 4096), kNoQueue, kNoQueue, kOverwritten,
+      {"MarkedCorrupted", word(kStateWordAt, 3), kNoQueue, kNoQueue, kOverwritten,
        After::ServedAnew},
-      {"NoMessages", number(kMaxMessages, 0), kNoQueue, kNoQueue, kOverwritten, After::ServedAnew},
-      {"MoreMessages", number(kMaxMessages, 1000), kNoQueue, kNoQueue, kOverwritten,
+      {"IndexMoved", number(kIndexPointerAt, 4096), kNoQueue, kNoQueue, kOverwritten,
        After::ServedAnew},
-      {"LargerMessages", number(kMaxMessageSize, 1 << 20), kNoQueue, kNoQueue, kOverwritten,
+      {"NoMessages", number(kMaxMessagesAt, 0), kNoQueue, kNoQueue, kOverwritten,
        After::ServedAnew},
-      {"MoreStoredThanFit", number(kStored, 1000), kNoQueue, kNoQueue, kOverwrittenOrUnsound,
+      {"MoreMessages", number(kMaxMessagesAt, 1000), kNoQueue, kNoQueue, kOverwritten,
        After::ServedAnew},
-      {"FirstFarAway", number(kFirst, 1000), kNoQueue, kNoQueue, kOverwritten, After::ServedAnew},
+      {"LargerMessages", number(kMaxMessageSizeAt, 1 << 20), kNoQueue, kNoQueue, kOverwritten,
+       After::ServedAnew},
+      {"MoreStoredThanFit", number(kMessagesAt, 1000), kNoQueue, kNoQueue, kOverwrittenOrUnsound,
+       After::ServedAnew},
+      {"FirstFarAway", number(kFirstMessageAt, 1000), kNoQueue, kNoQueue, kOverwritten,
+       After::ServedAnew},
       // No reply lies there yet, so nobody follows it.
-      {"FirstEntryMoved", number(kIndex, 8), kNoQueue, kWorks, kOverwritten, After::ServedAnew},
+      {"FirstEntryMoved", number(kIndexAt, 8), kNoQueue, kWorks, kOverwritten, After::ServedAnew},
 
-      {"LockOfAllOnes", [](const std::string& name) { write(name, kLock, Bytes(kLockSize, 0xff)); },
+      {"LockOfAllOnes",
+       [](const std::string& name) { write(name, kLockWordAt, Bytes(kLockSize, 0xff)); },
        kLockBroken, kLockBroken, "boost::interprocess::lock_exception", After::ServedAnew},
       {"LockOfADeadProcess", korvex::test::dieHoldingLockOf,
        "open: status 15: Timed out after waiting 1s to send data to korvexd on stream test", kWorks,
        "a process died with the queue's lock", After::ServedAnew},
-      {"LockTakenByNobody", word(kLock, 1),
+      {"LockTakenByNobody", word(kLockWordAt, 1),
        "open: status 15: Timed out after waiting 1s to send data to korvexd on stream test", kWorks,
        "the queue's lock stayed taken", After::ServedAnew},
   };

@@ -139,7 +139,7 @@ int runWithUnreadPipe(const std::string& line, const std::string& queue, std::st
 
 }  // namespace
 
-TEST_F(SendTerminal, ShowsTheProgressAndTakesItAwayAtTheEnd) {
+TEST_F(SendTerminal, ShowsProgressAndErasesItAtTheEnd) {
   const auto daemon = start();
   Terminal terminal(80);
   const auto sender = sendTo(terminal, queue_);
@@ -173,7 +173,7 @@ TEST_F(SendTerminal, ShowsNoMoreThanFits) {
   end(*daemon);
 }
 
-TEST_F(SendTerminal, ThatDoesNotKnowItsWidthIsTakenForAUsualOne) {
+TEST_F(SendTerminal, OfUnknownWidthIsTakenForAUsualOne) {
   const auto daemon = start();
   Terminal terminal(0);
   const auto sender = sendTo(terminal, queue_);
@@ -207,7 +207,7 @@ TEST_F(SendTerminal, ThatWentDoesNotSpoilAVerifiedStream) {
   end(*daemon);
 }
 
-TEST_F(SendTerminal, ThatWentIsAFailureOfTheResultThatWasAskedFor) {
+TEST_F(SendTerminal, ThatWentAwayFailsTheRequestedResult) {
   const auto daemon = start();
   std::string errors;
   EXPECT_EQ(runWithUnreadPipe("\"$0\" send --queue \"$1\" --json >&${2##*/}", queue_, errors), 1);

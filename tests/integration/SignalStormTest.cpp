@@ -117,7 +117,7 @@ INSTANTIATE_TEST_SUITE_P(, WriterUnderSignals,
 
 }  // namespace
 
-TEST_P(WriterUnderSignals, ThatWaitsForRoomMostOfTheTimeSendsEveryByte) {
+TEST_P(WriterUnderSignals, WaitingForRoomSendsEveryByte) {
   const auto daemon = start({"--max-messages", "1", "--max-message-size", "4K"});
   const SignalStorm storm(arrived_, GetParam());
   const auto to = writer();
@@ -158,7 +158,7 @@ TEST_P(WriterUnderSignals, WaitsNeitherShorterNorLonger) {
   to.close();
 }
 
-TEST_F(UnderSignals, AToolThatIsStoppedTimeAndAgainSendsEveryByte) {
+TEST_F(UnderSignals, ARepeatedlyStoppedToolSendsEveryByte) {
   const auto daemon = start();
   const std::string content = file(100);
   const std::string goOn = folder_ / "go-on";

@@ -70,7 +70,7 @@ TEST_F(SmallSharedMemory, WithoutAFileLeftIsAnErrorToo) {
 }
 
 // The first stream that uses every page of the queue is where it would end otherwise.
-TEST_F(SmallSharedMemory, IsFilledToTheLastPageByAStreamOnceTheDaemonServes) {
+TEST_F(SmallSharedMemory, IsFilledToTheLastPageByAStream) {
   const std::string script =
       "\"$0\" \"$@\" 2>/dev/null & daemon=$!; "
       "until [ -e /dev/shm/korvex-small ]; do sleep 0.01; done; "

@@ -139,7 +139,7 @@ TEST_P(StrangeObjectForDaemon, IsLeftAloneUnlessToldOtherwise) {
   meetWithoutReplace(responseName_);
 }
 
-TEST_P(StrangeObjectForDaemon, IsReplacedOnlyWhenADaemonMayHaveLeftIt) {
+TEST_P(StrangeObjectForDaemon, IsReplacedOnlyWhenLeftByADaemon) {
   meetWithReplace(name_);
   meetWithReplace(responseName_);
 }

@@ -14,29 +14,15 @@
 
 #include "support/Child.h"
 #include "support/DaemonQueues.h"
+#include "support/QueueFields.h"
 #include "support/SharedObject.h"
 
 namespace korvex::test::strange {
 namespace {
 
-using korvex::test::bytesOfObject;
-using korvex::test::QueueLock;
-using korvex::test::RawQueue;
-using korvex::test::SharedObject;
-using korvex::test::uniqueQueueName;
 using Place = std::function<Holder(const std::string&)>;
 
-// Where a queue's header, its index and its slots have their fields.
-constexpr std::size_t kInitWord = 0;
-constexpr std::size_t kIndexPointer = 16;
-constexpr std::size_t kMaxMessages = 24;
-constexpr std::size_t kMaxMessageSize = 32;
-constexpr std::size_t kStored = 40;
-constexpr std::size_t kLock = 48;
-constexpr std::size_t kLockSize = 40;
-constexpr std::size_t kLockOwner = 56;
-constexpr std::size_t kFirst = 184;
-constexpr std::size_t kIndex = 208;
+// Where a queue of these limits has the end of its index and its slots.
 constexpr std::size_t kLastEntry = 232;
 constexpr std::size_t kFirstSlot = 240;
 constexpr std::size_t kLastSlot = 696;
@@ -88,7 +74,7 @@ Place field(std::size_t offset, Integer value) {
   return queueWith([=](Bytes& image) { std::memcpy(image.data() + offset, &value, sizeof value); });
 }
 
-Place word(std::uint32_t value) { return field(kInitWord, value); }
+Place word(std::uint32_t value) { return field(kStateWordAt, value); }
 Place number(std::size_t offset, std::uint64_t value) { return field(offset, value); }
 
 Place sized(std::size_t size) {
@@ -109,13 +95,13 @@ Place queueOf(std::size_t messages, std::size_t messageSize) {
 /// A header that claims more than any machine has, in a sparse file of the size that it claims.
 Holder placeHugeQueue(const std::string& name) {
   constexpr std::uint64_t kMany = std::uint64_t{1} << 40;
-  Bytes header(kIndex);
-  header[kInitWord] = 2;
-  header[kIndexPointer] = 192;
-  header[kMaxMessageSize] = 8;
-  std::memcpy(header.data() + kMaxMessages, &kMany, sizeof kMany);
+  Bytes header(kIndexAt);
+  header[kStateWordAt] = 2;
+  header[kIndexPointerAt] = 192;
+  header[kMaxMessageSizeAt] = 8;
+  std::memcpy(header.data() + kMaxMessagesAt, &kMany, sizeof kMany);
   auto object = std::make_shared<SharedObject>(name, header);
-  object->resize(static_cast<off_t>(kIndex + kMany * (8 + 16 + 8)));
+  object->resize(static_cast<off_t>(kIndexAt + kMany * (8 + 16 + 8)));
   return object;
 }
 
@@ -299,7 +285,7 @@ const std::vector<Kind>& kinds() {
       same("OneByteOfACreatorThatFailed", bytes({3}), kNoQueue),
       same("TwoBytesThatLookReady", bytes({2, 0}), kNoQueue),
       same("Zeros4", bytes(Bytes(4)), kNoQueue),
-      same("ZerosOfAHeader", bytes(Bytes(kIndex)), kNoQueue, kAnotherFile),
+      same("ZerosOfAHeader", bytes(Bytes(kIndexAt)), kNoQueue, kAnotherFile),
       same("ZerosOfTheSmallestQueue", bytes(Bytes(240)), kNoQueue),
       same("ZerosOfAQueue", bytes(Bytes(kQueueSize)), kNoQueue),
       same("ZerosOfAPage", bytes(Bytes(4096)), kNoQueue),
@@ -320,7 +306,7 @@ const std::vector<Kind>& kinds() {
       same("CutInTheInitWord", sized(3), kNoQueue),
       same("CutBehindTheInitWord", sized(16), kNoQueue),
       same("CutInTheHeader", sized(100), kNoQueue),
-      same("CutBehindTheHeader", sized(kIndex), kNoQueue),
+      same("CutBehindTheHeader", sized(kIndexAt), kNoQueue),
       same("CutBehindTheIndex", sized(kFirstSlot), kNoQueue),
       same("CutInTheLastSlot", sized(kLastSlot + 16), kNoQueue),
       same("CutByOneByte", sized(kQueueSize - 1), kNoQueue),
@@ -328,32 +314,32 @@ const std::vector<Kind>& kinds() {
       same("GrownByAPage", sized(kQueueSize + 4096), kNoQueue),
 
       // Counts and sizes.
-      same("NoMessages", number(kMaxMessages, 0), kNoQueue),
-      same("OneMessageLess", number(kMaxMessages, kMessages - 1), kNoQueue),
-      same("OneMessageMore", number(kMaxMessages, kMessages + 1), kNoQueue),
-      same("MostMessages", number(kMaxMessages, kAllOnes), kNoQueue),
-      same("MessagesWhoseSizeWraps", number(kMaxMessages, std::uint64_t{1} << 61), kNoQueue),
-      same("MessagesOfNoBytes", number(kMaxMessageSize, 0), kNoQueue),
-      same("SmallerMessages", number(kMaxMessageSize, 128), kNoQueue),
-      same("LargerMessages", number(kMaxMessageSize, 137), kNoQueue),
-      same("LargestMessages", number(kMaxMessageSize, kAllOnes), kNoQueue),
-      same("MoreStoredThanFit", number(kStored, kMessages + 1), kNoQueue),
-      same("MostStored", number(kStored, kAllOnes), kNoQueue),
-      same("FirstBehindTheIndex", number(kFirst, kMessages), kNoQueue),
-      same("FirstFarAway", number(kFirst, kAllOnes), kNoQueue),
-      same("IndexNowhere", number(kIndexPointer, 0), kNoQueue, kAnotherFile),
-      same("IndexInTheHeader", number(kIndexPointer, 184), kNoQueue, kAnotherFile),
-      same("IndexBehindItsPlace", number(kIndexPointer, 200), kNoQueue, kAnotherFile),
-      same("IndexFarAway", number(kIndexPointer, kAllOnes), kNoQueue, kAnotherFile),
-      same("FirstEntryLeadsNowhere", number(kIndex, 0), kNoQueue),
-      same("EntryLeadsIntoTheHeader", number(kIndex, std::uint64_t{0} - kIndex), kNoQueue),
-      same("EntryLeadsBesideASlot", number(kIndex, 33), kNoQueue),
+      same("NoMessages", number(kMaxMessagesAt, 0), kNoQueue),
+      same("OneMessageLess", number(kMaxMessagesAt, kMessages - 1), kNoQueue),
+      same("OneMessageMore", number(kMaxMessagesAt, kMessages + 1), kNoQueue),
+      same("MostMessages", number(kMaxMessagesAt, kAllOnes), kNoQueue),
+      same("MessagesWhoseSizeWraps", number(kMaxMessagesAt, std::uint64_t{1} << 61), kNoQueue),
+      same("MessagesOfNoBytes", number(kMaxMessageSizeAt, 0), kNoQueue),
+      same("SmallerMessages", number(kMaxMessageSizeAt, 128), kNoQueue),
+      same("LargerMessages", number(kMaxMessageSizeAt, 137), kNoQueue),
+      same("LargestMessages", number(kMaxMessageSizeAt, kAllOnes), kNoQueue),
+      same("MoreStoredThanFit", number(kMessagesAt, kMessages + 1), kNoQueue),
+      same("MostStored", number(kMessagesAt, kAllOnes), kNoQueue),
+      same("FirstBehindTheIndex", number(kFirstMessageAt, kMessages), kNoQueue),
+      same("FirstFarAway", number(kFirstMessageAt, kAllOnes), kNoQueue),
+      same("IndexNowhere", number(kIndexPointerAt, 0), kNoQueue, kAnotherFile),
+      same("IndexInTheHeader", number(kIndexPointerAt, 184), kNoQueue, kAnotherFile),
+      same("IndexBehindItsPlace", number(kIndexPointerAt, 200), kNoQueue, kAnotherFile),
+      same("IndexFarAway", number(kIndexPointerAt, kAllOnes), kNoQueue, kAnotherFile),
+      same("FirstEntryLeadsNowhere", number(kIndexAt, 0), kNoQueue),
+      same("EntryLeadsIntoTheHeader", number(kIndexAt, std::uint64_t{0} - kIndexAt), kNoQueue),
+      same("EntryLeadsBesideASlot", number(kIndexAt, 33), kNoQueue),
       same("LastEntryLeadsBehindTheEnd", number(kLastEntry, kQueueSize - kLastEntry), kNoQueue),
       same("MessageLongerThanItsSlot", number(kFirstSlot, kMessageSize + 1), kNoQueue),
       same("MessageOfAllOnes", number(kLastSlot, kAllOnes), kNoQueue),
       same("HugeClaims", placeHugeQueue, kNoQueue),
       // Its limits are right, so only a receiver notices, and only that nothing ever comes of it.
-      {"SaysThatItIsFull", number(kStored, kMessages), kNoRoom, kWorks, kServes},
+      {"SaysThatItIsFull", number(kMessagesAt, kMessages), kNoRoom, kWorks, kServes},
 
       // Sound, but not what a daemon makes.
       {"MessagesTooSmallForABatch", queueOf(4, 7),
@@ -375,10 +361,12 @@ const std::vector<Kind>& kinds() {
       // The lock.
       {"LockOfADeadThread", placeLockOfDead, kNoRoom, kWorks, kServes},
       {"RobustLockOfADeadThread", placeRobustLockOfDead, kLockBroken, kLockBroken, kServes},
-      {"LockWordOfAllOnes", field(kLock, std::uint32_t{0xffffffff}), kNoRoom, kWorks, kServes},
-      {"LockTakenByNobody", field(kLock, std::uint32_t{1}), kNoRoom, kWorks, kServes},
-      {"LockOfAllOnes", filled(kLock, kLockSize), kLockBroken, kLockBroken, kServes},
-      {"OwnerThatCannotBe", field(kLockOwner, std::uint32_t{0x7fffffff}), kWorks, kWorks, kServes},
+      {"LockWordOfAllOnes", field(kLockWordAt, std::uint32_t{0xffffffff}), kNoRoom, kWorks,
+       kServes},
+      {"LockTakenByNobody", field(kLockWordAt, std::uint32_t{1}), kNoRoom, kWorks, kServes},
+      {"LockOfAllOnes", filled(kLockWordAt, kLockSize), kLockBroken, kLockBroken, kServes},
+      {"OwnerThatCannotBe", field(kLockOwnerAt, std::uint32_t{0x7fffffff}), kWorks, kWorks,
+       kServes},
 
       // No files.
       same("Pipe", placePipe, kNoQueue, notReplaced("a pipe")),

@@ -118,7 +118,7 @@ class CloseThatWaitsTwice {
 
 }  // namespace
 
-TEST_F(WriterWait, EndsAtTheDeadlineAndTheBatchIsSentLater) {
+TEST_F(WriterWait, EndsAtTheDeadlineAndSendsTheBatchLater) {
   korvex::test::DaemonQueues queues(4096, 1);
   korvex::ShmWriter to("s", queues.name(), 1, 1, false);
   to.open();
@@ -138,7 +138,7 @@ TEST_F(WriterWait, EndsAtTheDeadlineAndTheBatchIsSentLater) {
 
 // Each wait for room has a deadline of its own, so that a call may take two timeouts, and never
 // more.
-TEST_F(WriterWait, OfACloseThatMustMakeRoomFirstTakesTwoTimeoutsAtMost) {
+TEST_F(WriterWait, OfACloseTakesTwoTimeoutsAtMost) {
   const auto close = korvex::test::againWhenLate(
       [] {
         auto attempt = std::make_unique<CloseThatWaitsTwice>();

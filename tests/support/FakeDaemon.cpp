@@ -9,12 +9,12 @@
 #include <korvex/ShmWriter.h>
 
 #include "queue/Pause.h"
+#include "support/WireFormat.h"
 
 namespace korvex::test {
 namespace {
 
 constexpr MessageQueue::Limits kReplyLimits = {16, sizeof(qmx_shm_response_t)};
-constexpr std::uint32_t kSegmentEnd = 2;
 constexpr std::chrono::milliseconds kLongestSleep{1};
 constexpr std::chrono::seconds kPatience{60};
 

@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <cstdint>
 
 /// Where things are in the shared-memory object of a message queue, for tests that overwrite them.
@@ -25,6 +26,7 @@ constexpr off_t kMaxMessageSizeAt = 32;
 constexpr off_t kMessagesAt = 40;
 constexpr off_t kLockWordAt = 48;
 constexpr off_t kLockOwnerAt = 56;
+constexpr std::size_t kLockSize = 40;
 constexpr off_t kFirstMessageAt = 184;
 constexpr off_t kIndexAt = 208;
 constexpr off_t kIndexEntrySize = 8;

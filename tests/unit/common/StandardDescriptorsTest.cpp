@@ -44,7 +44,7 @@ TEST(StandardDescriptors, ThatAreOpenStayAsTheyAre) {
   EXPECT_EQ(fileOf(0) + fileOf(1) + fileOf(2), before);
 }
 
-TEST(StandardDescriptors, ThatAreClosedNeitherGiveDataNorLoseAResult) {
+TEST(StandardDescriptors, WhenClosedGiveNoDataAndLoseNoResult) {
   std::string files[3];
   int access[3];
   {

@@ -343,7 +343,7 @@ TEST(ServerInfoPrinted, AWidthPadsNothingAndIsSpent) {
   EXPECT_EQ(stream.str(), std::string(kAlwaysThere) + ", fptype=1|");
 }
 
-TEST(ServerInfoPrinted, AWidthIsSpentWhenTheFirstStringIsEmpty) {
+TEST(ServerInfoPrinted, AWidthIsSpentOnAnEmptyFirstString) {
   std::ostringstream stream;
   stream << std::setfill('*') << std::setw(200) << ServerInfo("", "", "", "", "", "", "") << '|';
   EXPECT_EQ(stream.str(),

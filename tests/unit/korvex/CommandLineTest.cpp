@@ -201,7 +201,7 @@ TEST_F(CommandLine, TakesWordsInBracketsAsTheyAre) {
   EXPECT_THAT(errors.str(), HasSubstr("queue '[no-such-queue]': No such file or directory"));
 }
 
-TEST_F(CommandLine, ShowsWordsThatItDoesNotKnowAsTheyAreAndNoControlCharacter) {
+TEST_F(CommandLine, ShowsUnknownWordsWithoutControlCharacters) {
   const std::pair<const char*, const char*> words[] = {{"[foo]", ": [foo]\n"},
                                                        {"\x01[foo]", ": \\x01[foo]\n"},
                                                        {"a[\x01", ": a[\\x01\n"},
@@ -228,7 +228,7 @@ TEST_F(CommandLine, FailsWhenItsOutputCannotBeWritten) {
   EXPECT_THAT(errors.str(), StartsWith("korvex: cannot write the result to standard output"));
 }
 
-TEST_F(CommandLine, KeepsItsExitCodeWhenItsOutputCannotBeWrittenEither) {
+TEST_F(CommandLine, KeepsItsExitCodeWhenItsOutputFailsToo) {
   out.setstate(std::ios::badbit);
   EXPECT_EQ(runSend({"--fast"}), 2);
   EXPECT_THAT(errors.str(), HasSubstr("--fast"));

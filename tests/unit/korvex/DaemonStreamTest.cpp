@@ -42,12 +42,12 @@ TEST_F(DaemonStreamTo, APieceFillsTheLargestMessage) {
   EXPECT_EQ(DaemonStream(settings(daemon), stop).largestPiece(), 4040u);  // less 8 and 48
 }
 
-TEST_F(DaemonStreamTo, APieceIsNeverLargerThanARecordMayBe) {
+TEST_F(DaemonStreamTo, APieceIsNeverLargerThanARecord) {
   const FakeDaemon daemon({4, 1 << 20});
   EXPECT_EQ(DaemonStream(settings(daemon), stop).largestPiece(), 131072u);
 }
 
-TEST_F(DaemonStreamTo, OpensOnlyWhenTheDaemonHasTakenTheOpenRecord) {
+TEST_F(DaemonStreamTo, OpensOnceTheDaemonTookTheOpenRecord) {
   FakeDaemon daemon;
   daemon.serve(staySilent);
   DaemonStream stream(settings(daemon), stop);

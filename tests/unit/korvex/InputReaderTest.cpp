@@ -125,7 +125,7 @@ TEST_F(InputReaderFiles, FillsTheBufferAndGoesOnWhereItStopped) {
   EXPECT_EQ(fill(reader, 3), "g");
 }
 
-TEST_F(InputReaderFiles, ABufferThatEndsWithTheFileIsFollowedByNothing) {
+TEST_F(InputReaderFiles, ABufferEndingWithTheFileIsTheLast) {
   InputReader reader({file("a", "abc")}, stop);
   ASSERT_TRUE(reader.openNext());
   EXPECT_EQ(fill(reader, 3), "abc");
@@ -299,7 +299,7 @@ TEST_F(InputReaderFiles, RefusesADeviceThatIsNotThere) {
             "cannot read '" + path("device") + "': No such device or address");
 }
 
-TEST_F(InputReaderFiles, CallsTheIdleActionUntilAPipeHasAWriter) {
+TEST_F(InputReaderFiles, CallsTheIdleActionWithoutAPipesWriter) {
   const std::string name = pipe("p");
   InputReader reader({name}, stop);
   int calls = 0;

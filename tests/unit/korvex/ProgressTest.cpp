@@ -48,7 +48,7 @@ TEST(ProgressLine, IsCutToTheWidth) {
   EXPECT_EQ(progressLine(half, 0), "");
 }
 
-TEST(ProgressLine, WithoutATotalShowsBytesRateAndTimeSoFar) {
+TEST(ProgressLine, WithoutATotalShowsBytesRateAndTime) {
   const ProgressState pipe = {1500, std::nullopt, seconds(75)};
   EXPECT_EQ(progressLine(pipe, 80), "1.5 kB, 20 B/s, 1:15");
 }

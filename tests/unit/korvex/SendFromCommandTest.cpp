@@ -12,11 +12,17 @@
 #include "support/Await.h"
 #include "support/FakeDaemon.h"
 #include "support/TemporaryFolder.h"
+#include "support/WireFormat.h"
+#include "unit/korvex/Receipts.h"
 
 namespace {
 
 using korvex::test::eventually;
 using korvex::test::FakeDaemon;
+using korvex::test::kAbcReceipt;
+using korvex::test::kClose;
+using korvex::test::kData;
+using korvex::test::kEmptyReceipt;
 using korvex::test::replyTo;
 using korvex::test::staySilent;
 using korvex::tool::Ending;
@@ -27,12 +33,6 @@ using korvex::tool::StopSignal;
 using nlohmann::json;
 using testing::EndsWith;
 using testing::HasSubstr;
-
-constexpr std::uint32_t kData = 1;
-constexpr std::uint32_t kClose = 3;
-
-const std::string kEmptyReceipt = "stored bytes=0 xxh128=99aa06d3014798d86001c324468d497f";
-const std::string kAbcReceipt = "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950";
 
 /// Sends a shell's output to a daemon in this process. In the shell's line $0 is a folder.
 class SendFromCommand : public testing::Test {

@@ -18,10 +18,17 @@
 #include "queue/QueueView.h"
 #include "support/FakeDaemon.h"
 #include "support/SharedObject.h"
+#include "support/WireFormat.h"
+#include "unit/korvex/Receipts.h"
 
 namespace {
 
 using korvex::test::FakeDaemon;
+using korvex::test::kAbcReceipt;
+using korvex::test::kClose;
+using korvex::test::kData;
+using korvex::test::kEmptyReceipt;
+using korvex::test::kOpen;
 using korvex::test::replyTo;
 using korvex::test::staySilent;
 using korvex::tool::Ending;
@@ -32,12 +39,6 @@ using korvex::tool::StopSignal;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 
-constexpr std::uint32_t kOpen = 0;
-constexpr std::uint32_t kData = 1;
-constexpr std::uint32_t kClose = 3;
-
-const std::string kEmptyReceipt = "stored bytes=0 xxh128=99aa06d3014798d86001c324468d497f";
-const std::string kAbcReceipt = "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950";
 const std::string kAbcdReceipt = "stored bytes=4 xxh128=06b05ab6733a618578af5f94892f3950";
 
 /// Sends files to a daemon in this process and keeps what a person would see.
@@ -103,7 +104,7 @@ TEST_F(SendStream, ASegmentNeverSpansTwoFiles) {
   EXPECT_EQ(daemon.segments(), "abcd|e|fg|");
 }
 
-TEST_F(SendStream, AFileThatEndsWithASegmentAddsNoEmptyOne) {
+TEST_F(SendStream, FileEndingWithASegmentAddsNoEmptyOne) {
   addFile("a", "abcdefgh");
   options.segmentSize = 4;
   options.noReceipt = true;
@@ -113,7 +114,7 @@ TEST_F(SendStream, AFileThatEndsWithASegmentAddsNoEmptyOne) {
   EXPECT_EQ(daemon.types(), "012123");
 }
 
-TEST_F(SendStream, ASegmentLargerThanABatchGoesInSeveralRecords) {
+TEST_F(SendStream, ASegmentLargerThanABatchTakesSeveralRecords) {
   addFile("a", std::string(10000, 'x'));
   options.noReceipt = true;
   daemon.serve(staySilent);
@@ -173,7 +174,7 @@ TEST_F(SendStream, FailsOnAReplyThatIsNoReceipt) {
   EXPECT_THAT(errors.str(), HasSubstr("is no receipt: found \"fine\\x1b[2J\", expected"));
 }
 
-TEST_F(SendStream, HasAnExitCodeOfItsOwnWhenNoReceiptComes) {
+TEST_F(SendStream, HasItsOwnExitCodeWithoutAReceipt) {
   addFile("a", "abc");
   options.receiptTimeout = 1;
   daemon.serve(staySilent);
@@ -233,7 +234,7 @@ TEST_F(SendStream, RefusesAReceiptBeforeTheClose) {
   EXPECT_THAT(errors.str(), HasSubstr("a reply for another stream arrived, \"" + kAbcReceipt));
 }
 
-TEST_F(SendStream, TakesNoNoticeOfRepliesWhenNoReceiptIsExpected) {
+TEST_F(SendStream, IgnoresRepliesWhenNoReceiptIsExpected) {
   addFile("a", "abc");
   daemon.serve(replyTo(kOpen, 0, "welcome"));
   options.noReceipt = true;
@@ -250,7 +251,7 @@ TEST_F(SendStream, TellsAnErrorOfTheDaemonAndStops) {
   EXPECT_EQ(daemon.types(), "04");
 }
 
-TEST_F(SendStream, ShowsNoControlCharacterOfAnErrorOfTheDaemon) {
+TEST_F(SendStream, ShowsNoControlCharacterOfADaemonsError) {
   addFile("a", "abc");
   daemon.serve(replyTo(kOpen, 5, "disk\x1b[2J\a full"));
   EXPECT_EQ(send(), 1);
@@ -316,7 +317,7 @@ TEST_F(SendStream, NoticesThatTheQueueWasReplacedBeforeTheReceipt) {
   EXPECT_THAT(errors.str(), HasSubstr("the queue was removed or replaced"));
 }
 
-TEST_F(SendStream, TakesTheReceiptOfADaemonThatEndsAfterIt) {
+TEST_F(SendStream, TakesTheReceiptOfAnEndingDaemon) {
   addFile("a", "abc");
   daemon.serve([](FakeDaemon& self, const FakeDaemon::Record& record) {
     if (record.type != kClose) return;
@@ -326,7 +327,7 @@ TEST_F(SendStream, TakesTheReceiptOfADaemonThatEndsAfterIt) {
   EXPECT_EQ(send(), 0);
 }
 
-TEST_F(SendStream, TakesAReceiptThatComesWhileTheQueueIsFull) {
+TEST_F(SendStream, TakesAReceiptWhileTheQueueIsFull) {
   addFile("a", "abc");
   std::promise<void> ended;
   const auto end = ended.get_future().share();
@@ -430,7 +431,7 @@ TEST_F(SendStream, ASignalLeavesLittleTimeToTellTheDaemon) {
   ended.set_value();
 }
 
-TEST_F(SendStream, ASignalEndsTheWaitForAHalfMadeQueue) {
+TEST_F(SendStream, ASignalEndsWaitingForAHalfMadeQueue) {
   const korvex::test::SharedObject halfMade("korvex-test-half-made-" + std::to_string(::getpid()));
   addFile("a", "abc");
   options.queue = halfMade.name();

@@ -6,30 +6,18 @@
 
 #include "Failure.h"
 
+#include "unit/korvex/GoodManifest.h"
+
 namespace {
 
+using korvex::test::goodManifest;
+using korvex::test::kSha256;
+using korvex::test::kXxh128;
 using korvex::tool::Failure;
 using korvex::tool::parseManifest;
 using nlohmann::json;
 using testing::HasSubstr;
 using testing::StartsWith;
-
-const std::string kSha256 = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
-const std::string kXxh128 = "06b05ab6733a618578af5f94892f3950";
-
-json manifest() {
-  return {{"format", 1},
-          {"queue", "q"},
-          {"state", "complete"},
-          {"reason", ""},
-          {"bytes", 3},
-          {"segments", 1},
-          {"records", 4},
-          {"sha256", kSha256},
-          {"xxh128", kXxh128},
-          {"opened", "2026-11-21T00:56:23Z"},
-          {"closed", "2026-11-21T00:56:24Z"}};
-}
 
 std::string defectOf(const std::string& text) {
   try {
@@ -41,7 +29,7 @@ std::string defectOf(const std::string& text) {
 }
 
 std::string defectWith(const std::string& name, const json& value) {
-  json changed = manifest();
+  json changed = goodManifest();
   changed[name] = value;
   return defectOf(changed.dump());
 }
@@ -49,7 +37,7 @@ std::string defectWith(const std::string& name, const json& value) {
 }  // namespace
 
 TEST(StoredManifest, ReadsWhatADaemonWrites) {
-  const auto found = parseManifest(manifest().dump());
+  const auto found = parseManifest(goodManifest().dump());
   EXPECT_TRUE(found.isComplete);
   EXPECT_EQ(found.bytes, 3u);
   EXPECT_EQ(found.sha256, kSha256);
@@ -57,7 +45,7 @@ TEST(StoredManifest, ReadsWhatADaemonWrites) {
 }
 
 TEST(StoredManifest, ReadsWhyAStreamIsIncomplete) {
-  json incomplete = manifest();
+  json incomplete = goodManifest();
   incomplete["state"] = "incomplete";
   incomplete["reason"] = "the daemon ended";
   const auto found = parseManifest(incomplete.dump());
@@ -72,16 +60,16 @@ TEST(StoredManifest, TakesTheLargestNumber) {
 }
 
 TEST(StoredManifestUntrusted, RefusesEveryMemberThatIsMissing) {
-  const json whole = manifest();
+  const json whole = goodManifest();
   for (const auto& member : whole.items()) {
-    json cut = manifest();
+    json cut = goodManifest();
     cut.erase(member.key());
     EXPECT_EQ(defectOf(cut.dump()), member.key() + " is missing");
   }
 }
 
 TEST(StoredManifestUntrusted, RefusesEveryMemberOfAnotherKind) {
-  const json whole = manifest();
+  const json whole = goodManifest();
   for (const auto& member : whole.items()) {
     for (const json& value : {json(), json(true), json(-1), json(1.5), json::array(),
                               json::object(), json(std::string(100, 'x'))}) {
@@ -132,7 +120,7 @@ TEST(StoredManifestUntrusted, RefusesWhatIsNoJson) {
 }
 
 TEST(StoredManifestUntrusted, RefusesNumbersAbove64Bits) {
-  std::string text = manifest().dump();
+  std::string text = goodManifest().dump();
   text.replace(text.find("\"bytes\":3"), 9, "\"bytes\":18446744073709551616");
   EXPECT_THAT(defectOf(text), StartsWith("bytes is 1.8446744073709552e+19, expected a number"));
 }
@@ -140,7 +128,7 @@ TEST(StoredManifestUntrusted, RefusesNumbersAbove64Bits) {
 TEST(StoredManifestUntrusted, OutlivesDeepNesting) {
   const std::string deep = std::string(400000, '[') + std::string(400000, ']');
   EXPECT_EQ(defectOf(deep), "it is an array, expected an object");
-  std::string inside = manifest().dump();
+  std::string inside = goodManifest().dump();
   inside.replace(inside.find("\"bytes\":3"), 9, "\"bytes\":" + deep);
   EXPECT_THAT(defectOf(inside), StartsWith("bytes is an array"));
   EXPECT_THAT(defectOf(std::string(1000000, '[')), StartsWith("no JSON: "));

@@ -11,11 +11,15 @@
 #include <sstream>
 
 #include "support/TemporaryFolder.h"
+#include "unit/korvex/GoodManifest.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
+using korvex::test::goodManifest;
+using korvex::test::kSha256;
+using korvex::test::kXxh128;
 using korvex::tool::Ending;
 using korvex::tool::Progress;
 using korvex::tool::runVerify;
@@ -27,24 +31,7 @@ using testing::MatchesRegex;
 using testing::Not;
 using testing::StartsWith;
 
-// Of "abc", from the digests' own definitions.
-const std::string kSha256 = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
-const std::string kXxh128 = "06b05ab6733a618578af5f94892f3950";
 const std::string kStream = "q-20261121T005623Z-1";
-
-json goodManifest() {
-  return {{"format", 1},
-          {"queue", "q"},
-          {"state", "complete"},
-          {"reason", ""},
-          {"bytes", 3},
-          {"segments", 1},
-          {"records", 4},
-          {"sha256", kSha256},
-          {"xxh128", kXxh128},
-          {"opened", "2026-11-21T00:56:23Z"},
-          {"closed", "2026-11-21T00:56:24Z"}};
-}
 
 void writeFile(const std::string& path, const std::string& content) {
   std::ofstream(path, std::ios::binary) << content;

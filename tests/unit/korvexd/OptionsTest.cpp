@@ -44,7 +44,7 @@ class OptionsTest : public testing::Test {
 
 }  // namespace
 
-TEST_F(OptionsTest, DefaultsAreAPairThatOnlyTheOwnerMayUse) {
+TEST_F(OptionsTest, DefaultsAreAPairForItsOwnerAlone) {
   ASSERT_EQ(parse("--queue a --discard"), 0);
   EXPECT_THAT(options_->queues, ElementsAre("a"));
   EXPECT_EQ(options_->queue.existing, Receiver::Existing::Refuse);
@@ -154,7 +154,7 @@ TEST_F(OptionsTest, RefusesQueuesThatWouldShareAName) {
   expectWrong("--discard --queue a --queue aResponse", "'aResponse'");
 }
 
-TEST_F(OptionsTest, RefusesNamesTooLongForFilesOnlyWhereFilesAreMade) {
+TEST_F(OptionsTest, RefusesLongNamesOnlyWhereFilesAreMade) {
   const std::string name(201, 'a');
   ASSERT_EQ(parse("--discard --queue " + name), 0);
   expectWrong("--exec x --queue " + name, "a file name of 201 characters");

@@ -127,7 +127,7 @@ TEST_F(ProvenLockOwner, MayHaveAnyName) {
   EXPECT_TRUE(isGone());
 }
 
-TEST_F(LockOwner, LivesWhenTheSystemTellsNothingThatCanBeUnderstood) {
+TEST_F(LockOwner, LivesWhenTheSystemsAnswerIsUnreadable) {
   for (const char* text : {"", "4711 a Z", "4711 (a)", "4711 (a)Z"}) {
     systemTells(text);
     EXPECT_FALSE(isGone()) << text;

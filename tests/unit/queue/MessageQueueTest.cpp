@@ -161,13 +161,13 @@ TEST(MessageQueueSend, GoesOnAsSoonAsThereIsRoom) {
   EXPECT_EQ(raw.take().bytes, Bytes{'b'});
 }
 
-TEST(MessageQueueSend, MessageLargerThanTheQueueAllowsIsTheLibrarysError) {
+TEST(MessageQueueSend, TooLargeAMessageIsTheLibrarysError) {
   const RawQueue raw(uniqueQueueName(), 1, 10);
   MessageQueue queue(raw.name(), kPast);
   EXPECT_EQ(errorCodeOf([&] { queue.sendBefore("0123456789+", 11, 1, kPast); }), ipc::size_error);
 }
 
-TEST(MessageQueueSend, LockOfADeadProcessIsNoRoomAtTheDeadline) {
+TEST(MessageQueueSend, LockOfADeadProcessMeansNoRoom) {
   const RawQueue raw(uniqueQueueName(), 2, 10);
   MessageQueue queue(raw.name(), kPast);
   QueueLock(raw.name()).takeAndDie();
@@ -184,7 +184,7 @@ TEST(MessageQueueReceive, LockOfADeadProcessIsAnOutcome) {
   EXPECT_EQ(queue.tryReceive(buffer, sizeof buffer, size), Outcome::LockTaken);
 }
 
-TEST(MessageQueueReceive, NextMessageIsTakenAsSoonAsTheLockIsFree) {
+TEST(MessageQueueReceive, NextMessageIsTakenOnceTheLockIsFree) {
   RawQueue raw(uniqueQueueName(), 3, 10);
   MessageQueue queue(raw.name(), kPast);
   char buffer[10];
@@ -222,7 +222,7 @@ TEST(MessageQueueUntrusted, OverwrittenQueueIsNotTouched) {
 
 // A build of the queue library without optimisation stores the number of places as the first place
 // for a moment, under the lock.
-TEST(MessageQueueUntrusted, ChangeUnderTheLockIsALockThatIsTaken) {
+TEST(MessageQueueUntrusted, ChangeUnderTheLockCountsAsLockTaken) {
   const RawQueue raw(uniqueQueueName(), 4, 10);
   MessageQueue queue(raw.name(), kPast);
   const QueueLock lock(raw.name());

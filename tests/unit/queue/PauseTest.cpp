@@ -283,13 +283,13 @@ class SendAtTheDeadline : public testing::Test {
 
 }  // namespace
 
-TEST_F(SendAtTheDeadline, WaitsForALockThatIsTakenForAMoment) {
+TEST_F(SendAtTheDeadline, WaitsForABrieflyTakenLock) {
   takeLockUntil(6);
   EXPECT_TRUE(send());
   EXPECT_EQ(attempts_, 6);
 }
 
-TEST_F(SendAtTheDeadline, GivesUpOnALockWithinAQuarterOfASecond) {
+TEST_F(SendAtTheDeadline, GivesUpOnALockWithin250Milliseconds) {
   takeLockUntil(0);
   EXPECT_FALSE(send());
   EXPECT_GE(time_.passed(), milliseconds(180));

@@ -134,7 +134,7 @@ TEST(QueueEdges, EveryByteOfTheLockWordCounts) {
   }
 }
 
-TEST(QueueEdges, EntryThatLeadsToTheEndLeadsToNoSlot) {
+TEST(QueueEdges, EntryLeadingToTheEndLeadsToNoSlot) {
   Overwritten queue;
   const QueueView view(queue.name());
   ASSERT_TRUE(view.isIntact());
@@ -144,7 +144,7 @@ TEST(QueueEdges, EntryThatLeadsToTheEndLeadsToNoSlot) {
 
 // The next message goes to the entry before the first one, which is looked at for its priority. The
 // last one is taken next; of an empty queue it is where the next message will lie.
-TEST(QueueEdges, EachUseLooksAtItsOwnEntriesWhereverTheQueueBegins) {
+TEST(QueueEdges, EachUseLooksAtItsOwnEntries) {
   for (int first = 0; first < kMessages; ++first) {
     for (int messages = 0; messages <= kMessages; ++messages) {
       const int next = (first + 3) % kMessages;
@@ -250,7 +250,7 @@ TEST(QueueEdges, NameMayBeAsLongAsTheSystemAllows) {
   EXPECT_FALSE(view.isStillNamed(name + std::string(50, 'n')));
 }
 
-TEST(QueueEdges, LargestObjectIsAsLargeAsAFileMayBe) {
+TEST(QueueEdges, LargestObjectIsTheLargestFile) {
   constexpr std::size_t kLargestMessage = 9223372036854775568u;
   EXPECT_EQ(QueueView::fileSize(1, kLargestMessage), 9223372036854775800u);
   EXPECT_EQ(QueueView::fileSize(1, kLargestMessage + 1), 0u);

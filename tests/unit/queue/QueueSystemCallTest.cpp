@@ -147,7 +147,7 @@ void beforeHeaderReads(Before before) {
 }  // namespace
 
 // A peer takes the lock after the first read of the header.
-TEST_F(QueueViewCalls, LockThatIsTakenAfterTheLookExcusesItToo) {
+TEST_F(QueueViewCalls, LockTakenAfterTheLookExcusesItToo) {
   const RawQueue queue(uniqueQueueName(), 4, 300);
   goRound(queue.name());
   instead.pread = [&](int file, void* bytes, std::size_t size, off_t offset) {
@@ -159,7 +159,7 @@ TEST_F(QueueViewCalls, LockThatIsTakenAfterTheLookExcusesItToo) {
 }
 
 // A peer takes and releases the lock between the reads of one look, and is seen in between.
-TEST_F(QueueViewCalls, OddLookUnderAFreeLockIsFollowedByAnother) {
+TEST_F(QueueViewCalls, OddLookUnderAFreeLockIsRepeated) {
   const RawQueue queue(uniqueQueueName(), 4, 300);
   for (int odd = 1; odd <= 3; ++odd) {
     goRound(queue.name());
@@ -183,7 +183,7 @@ TEST_F(MessageQueueCalls, QueueThatIsBeingChangedIsWaitedFor) {
   EXPECT_EQ(MessageQueue(queue.name(), deadline).maxMessageSize(), 300u);
 }
 
-TEST_F(MessageQueueCalls, QueueThatStaysInAChangeIsALockErrorAtTheDeadline) {
+TEST_F(MessageQueueCalls, QueueStayingInAChangeIsALockError) {
   const RawQueue queue(uniqueQueueName(), 4, 300);
   goRound(queue.name());
   overwrite(queue.name(), kLockWordAt, std::uint32_t{1});
@@ -204,7 +204,7 @@ TEST_F(QueueViewCalls, ObjectThatCannotBeMappedIsUnreachable) {
   EXPECT_EQ(view.maxMessages(), 0u);
 }
 
-TEST_F(QueueViewCalls, NameCountsAsTakenOverWhenItsObjectCannotBeLookedAt) {
+TEST_F(QueueViewCalls, UnreadableNameCountsAsTakenOver) {
   const RawQueue queue(uniqueQueueName(), 4, 300);
   const QueueView view(queue.name());
   EXPECT_TRUE(view.isStillNamed(queue.name()));
@@ -224,7 +224,7 @@ TEST_F(QueueViewCalls, SameNumberOnAnotherDeviceIsAnotherObject) {
   EXPECT_FALSE(view.isStillNamed(queue.name()));
 }
 
-TEST_F(QueueViewCalls, SystemThatCannotHavePagesAtHandIsAskedOnce) {
+TEST_F(QueueViewCalls, SystemWithoutPrefaultingIsAskedOnce) {
   RawQueue queue(uniqueQueueName(), 4, 300);
   queue.post("first", 5);
   queue.post("second", 6);
@@ -247,7 +247,7 @@ TEST_F(MessageQueueCalls, CreationWithoutLimitsIsASizeError) {
   EXPECT_FALSE(MessageQueue::remove(name));
 }
 
-TEST_F(MessageQueueCalls, TrialOfTheRoomFailsWithTheSystemsReasonAndLeavesNothing) {
+TEST_F(MessageQueueCalls, FailedReservationLeavesNothing) {
   const std::string name = uniqueQueueName();
   instead.shmOpen = [](const char*, int, mode_t) { return failing(EMFILE); };
   EXPECT_EQ(errorOf([&] { MessageQueue(name, {4, 100}, 0600); }).systemError, EMFILE);
@@ -328,7 +328,7 @@ TEST_F(MessageQueueCalls, QueueThatDoesNotLookSoundIsRemoved) {
 }
 
 // Between the look and the library's opening by name somebody puts another queue there.
-TEST_F(MessageQueueCalls, QueueThatIsReplacedWhileItIsOpenedIsLookedAtAnew) {
+TEST_F(MessageQueueCalls, QueueReplacedWhileOpeningIsLookedAtAgain) {
   auto queue = std::make_unique<RawQueue>(uniqueQueueName(), 4, 300);
   const std::string name = queue->name();
   bool isReplaced = false;

@@ -146,7 +146,7 @@ TEST(QueueView, KnowsALivingOwner) {
 }
 
 // The lock names a thread, not a process: one that is not its process's first must count as well.
-TEST(QueueView, KnowsALivingOwnerThatIsNotTheFirstThread) {
+TEST(QueueView, KnowsALivingOwnerBesidesTheFirstThread) {
   const RawQueue queue(uniqueQueueName(), 2, 10);
   const QueueView view(queue.name());
   const QueueLock lock(queue.name());
@@ -165,7 +165,7 @@ TEST(QueueView, KnowsALivingOwnerThatIsNotTheFirstThread) {
   owner.join();
 }
 
-TEST(QueueView, CountsAKilledProcessAsGoneBeforeItsParentAsksForIt) {
+TEST(QueueView, CountsAnUnreapedProcessAsGone) {
   if (!korvex::test::seesEveryThread()) GTEST_SKIP() << "no view of other PID namespaces";
   const RawQueue queue(uniqueQueueName(), 2, 10);
   const QueueView view(queue.name());
@@ -377,7 +377,7 @@ TEST(QueueViewUntrusted, LooksOnlyAtTheSlotsOfTheUse) {
   EXPECT_FALSE(view.isIntact(QueueView::Use::Receive));
 }
 
-TEST(QueueViewUntrusted, NoticesWhenTheMessageToBeTakenIsTooLong) {
+TEST(QueueViewUntrusted, NoticesThatTheNextMessageIsTooLong) {
   const std::string name = uniqueQueueName();
   RawQueue queue(name, 4, 300);
   const QueueView view(name);

@@ -131,7 +131,7 @@ TEST_F(QueuePairTest, RefusesToReplaceWhatAnotherServes) {
   EXPECT_EQ(served->defect(), "");
 }
 
-TEST_F(QueuePairTest, RefusesToReplaceAPairOfWhichOneIsServed) {
+TEST_F(QueuePairTest, RefusesToReplaceAPairHalfServed) {
   const auto served = make();
   ASSERT_TRUE(MessageQueue::remove(name_));
   leave(name_);
@@ -149,7 +149,7 @@ TEST_F(QueuePairTest, NeverRemovesWhatSomebodyElsePutInItsPlace) {
   EXPECT_FALSE(queueExists(replies_));
 }
 
-TEST_F(QueuePairTest, SaysWhatAQueueNeedsForWhichThereIsNoRoom) {
+TEST_F(QueuePairTest, SaysHowMuchRoomAQueueLacks) {
   try {
     make(Receiver::Existing::Refuse, {1, std::size_t{1} << 46});
     FAIL() << "there is room for 64 TiB";

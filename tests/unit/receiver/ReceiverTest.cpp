@@ -45,7 +45,7 @@ class SlowSink : public Sink {
 
 }  // namespace
 
-TEST(Receiver, TakesAtItsEndWhatCameWhileASinkFinished) {
+TEST(Receiver, TakesAtItsEndWhatCameDuringAFinish) {
   const std::string name = korvex::test::uniqueQueueName();
   const korvex::test::QueueRemover remover(name);
   Streams streams;

@@ -56,7 +56,7 @@ TEST_F(StaleQueueRace, WithNobodyIsWon) {
 }
 
 // The other one has served it already, so what lies there now is no stale queue.
-TEST_F(StaleQueueRace, WithADaemonThatPutsItsOwnQueueThereIsLost) {
+TEST_F(StaleQueueRace, WithADaemonThatPublishesItsOwnIsLost) {
   beforeClaim = [this] {
     queue_.reset();
     queue_ = std::make_unique<RawQueue>(name_, 2, 10);
@@ -65,7 +65,7 @@ TEST_F(StaleQueueRace, WithADaemonThatPutsItsOwnQueueThereIsLost) {
   EXPECT_TRUE(queueExists(name_));
 }
 
-TEST_F(StaleQueueRace, WithADaemonThatIsAboutToPutItsOwnThereIsLostToo) {
+TEST_F(StaleQueueRace, WithADaemonAboutToPublishIsLost) {
   beforeClaim = [this] { queue_.reset(); };
   EXPECT_EQ(refusal(), "queue " + name_ + " was just replaced by another daemon");
 }

@@ -4,21 +4,21 @@
 
 #include "korvex/Status.h"
 #include "korvex/receiver/SystemError.h"
+#include "support/WireFormat.h"
 
 using korvex::receiver::Count;
 using korvex::receiver::Reply;
 using korvex::receiver::Sink;
 using korvex::receiver::StreamSession;
 using korvex::receiver::StreamSummary;
+using korvex::test::kClose;
+using korvex::test::kData;
+using korvex::test::kOpen;
+using korvex::test::kSegmentEnd;
+using korvex::test::kStop;
 using testing::HasSubstr;
 
 namespace {
-
-constexpr std::uint32_t kOpen = 0;
-constexpr std::uint32_t kData = 1;
-constexpr std::uint32_t kSegmentEnd = 2;
-constexpr std::uint32_t kClose = 3;
-constexpr std::uint32_t kStop = 4;
 
 /// What became of one stream's sink.
 struct Fate {
@@ -109,7 +109,7 @@ class StreamSessionTest : public testing::Test {
 
 }  // namespace
 
-TEST_F(StreamSessionTest, HandsTheDataOnInOrderAndAnswersTheCloseWithAReceipt) {
+TEST_F(StreamSessionTest, HandsDataOnInOrderAndAnswersTheClose) {
   EXPECT_FALSE(take(kOpen, 0));
   EXPECT_FALSE(take(kData, 2, "ab"));
   EXPECT_FALSE(take(kSegmentEnd, 3));
@@ -266,7 +266,7 @@ TEST_F(StreamSessionTest, NeverCompletesAStreamThatMissesABatch) {
   EXPECT_EQ(fate().reason, "damaged batch: wrong header magic at offset 8");
 }
 
-TEST_F(StreamSessionTest, AnswersADamagedBatchOutsideOfAStreamAndGoesOn) {
+TEST_F(StreamSessionTest, AnswersADamagedBatchBetweenStreams) {
   EXPECT_EQ(session_.takeDamage("x")->status, korvex::kStatusCorrupt);
   EXPECT_EQ(session_.takeDamage("x")->status, korvex::kStatusCorrupt);
   take(kOpen, 0);
@@ -284,7 +284,7 @@ TEST_F(StreamSessionTest, ANewOpenEndsTheOldStreamSilently) {
   EXPECT_EQ(fate(1).data, "b");
 }
 
-TEST_F(StreamSessionTest, OnlyTheStreamThatCutAnotherOffMayHaveNoGaps) {
+TEST_F(StreamSessionTest, OnlyStreamsThatCutAnotherOffAllowNoGaps) {
   take(kOpen, 0);
   take(kOpen, 0);
   EXPECT_EQ(take(kClose, 2)->status, 0u);
@@ -328,7 +328,7 @@ TEST_F(StreamSessionTest, AStopWithoutStreamIsFine) {
   EXPECT_EQ(count(Count::StreamsIncomplete), 0u);
 }
 
-TEST_F(StreamSessionTest, AWriterWhoseCloseMetAFailureMayCloseAgain) {
+TEST_F(StreamSessionTest, AWriterMayCloseAgainAfterAFailedClose) {
   for (const int failing : {2, 4}) {
     failing_ = failing;
     take(kOpen, 0);
@@ -342,13 +342,13 @@ TEST_F(StreamSessionTest, AWriterWhoseCloseMetAFailureMayCloseAgain) {
   }
 }
 
-TEST_F(StreamSessionTest, AWriterWhoseCloseMetAnotherStreamsReplyMayCloseAgain) {
+TEST_F(StreamSessionTest, AWriterMayCloseAgainAfterAForeignReply) {
   take(kOpen, 0);
   EXPECT_EQ(take(kClose, 2)->status, 0u);
   EXPECT_FALSE(take(kClose, 3));
 }
 
-TEST_F(StreamSessionTest, AWriterThatStoppedMayCloseAsOftenAsItFindsNoRoom) {
+TEST_F(StreamSessionTest, AStoppedWriterMayCloseRepeatedly) {
   take(kOpen, 0);
   take(kStop, 2);
   for (const std::uint64_t sequence : {3u, 4u, 5u}) EXPECT_FALSE(take(kClose, sequence));

@@ -69,7 +69,7 @@ class TemporaryNameTest : public testing::Test {
 
 }  // namespace
 
-TEST_F(TemporaryNameTest, TellsTheProcessAndItsNamespaceAndIsNeverTheSame) {
+TEST_F(TemporaryNameTest, NamesProcessAndNamespaceAndIsUnique) {
   const std::string name = temporaryQueueName();
   EXPECT_THAT(name, StartsWith(nameBy(::getpid(), "-")));
   EXPECT_NE(temporaryQueueName(), name);

@@ -112,7 +112,7 @@ TEST_F(AllocationTest, BatchLargerThanTheAddressSpaceLeaksNothing) {
   EXPECT_EQ(counter.kept(), 0);
 }
 
-TEST_F(AllocationTest, TraceOfABatchShowsTheLow32BitsOfItsSize) {
+TEST_F(AllocationTest, TraceShowsTheLow32BitsOfABatchsSize) {
   korvex::test::platform_double::setTracing(true);
   EXPECT_THROW(ShmBatch{kImpossibleSize}, std::bad_alloc);
   EXPECT_EQ(korvex::test::platform_double::traceLines(),

@@ -71,7 +71,7 @@ int nextDescriptor() {
 
 }  // namespace
 
-TEST(Cancellation, OfAWaitForRoomLeavesTheBatchAsItWas) {
+TEST(Cancellation, WaitingForRoomLeavesTheBatchUnchanged) {
   inAChild([] {
     DaemonQueues queues(4096, 1);
     ShmWriter writer("stream", queues.name(), kDay, 0, false);
@@ -84,7 +84,7 @@ TEST(Cancellation, OfAWaitForRoomLeavesTheBatchAsItWas) {
   });
 }
 
-TEST(Cancellation, OfAWaitForTheLockLeavesTheBatchAsItWas) {
+TEST(Cancellation, WaitingForTheLockLeavesTheBatchUnchanged) {
   inAChild([] {
     DaemonQueues queues;
     ShmWriter writer("stream", queues.name(), kDay, 0, false);
@@ -109,7 +109,7 @@ TEST(Cancellation, OfAConstructionLeavesNothing) {
 }
 
 // The looks at the queues are made of calls that a thread can be cancelled in.
-TEST(Cancellation, OfAConstructionThatNeedNotWaitComesBehindIt) {
+TEST(Cancellation, OfAConstructionThatNeedNotWaitIsDeferred) {
   inAChild([] {
     DaemonQueues queues;
     std::atomic<bool> isMade{false};

@@ -148,7 +148,7 @@ TEST_P(WithoutClock, ARecordThatNeedsRoomIsNotStored) {
   EXPECT_EQ(flushedBatch(), hex("ff00ee11 00000001") + segment_);
 }
 
-TEST_P(WithoutClock, AnOpenThatFailsLeavesTheWriterClosedAndItsRecordInTheBatch) {
+TEST_P(WithoutClock, AFailedOpenLeavesItsRecordInTheBatch) {
   expectClockError([&] { writer_->open(); });
   EXPECT_EQ(thrownBy([&] { writer_->endSegment(); }).status, korvex::kStatusWrongState);
   EXPECT_EQ(flushedBatch(),
@@ -156,7 +156,7 @@ TEST_P(WithoutClock, AnOpenThatFailsLeavesTheWriterClosedAndItsRecordInTheBatch)
                 "00000000 00000000 00000000 00000000 aabbccdd"));
 }
 
-TEST_P(WithoutClock, ACloseThatFailsLeavesTheWriterOpenAndItsRecordInTheBatch) {
+TEST_P(WithoutClock, AFailedCloseLeavesItsRecordInTheBatch) {
   openWriter();
   expectClockError([&] { writer_->close(); });
   writeSegment();  // throws when closed

@@ -111,7 +111,7 @@ TEST_F(WriterSegments, EndIsRedundantAfterAnyEndRecordOnly) {
                           "(2,2,0,0,0,1,0,0,0,2864434397)"));
 }
 
-TEST_F(WriterSegments, LengthIsCutTo32BitsAndThenCountsAsNoData) {
+TEST_F(WriterSegments, LengthWithoutLow32BitsCountsAsNoData) {
   DaemonQueues queues;
   openOn(queues);
   writer().writeSegment(data_.data(), 4294967296);
@@ -151,7 +151,7 @@ TEST_F(WriterLimits, SegmentStateOtherThanOneIsLimited) {
   EXPECT_THROW(writer().write_data(&header, data_.data(), kTimeout, false), Ov_ErrnoException);
 }
 
-TEST_F(WriterLimits, RecordThatFillsTheBatchExactlyIsStoredWithoutAFlush) {
+TEST_F(WriterLimits, RecordThatFillsTheBatchNeedsNoFlush) {
   DaemonQueues queues(8 + 48 + 100);
   connect(queues);
   const qmx_shm_message_t header = headerOf(9, 100);
@@ -171,7 +171,7 @@ TEST_F(WriterLimits, RecordThatDoesNotFitFlushesTheEarlierOnes) {
   EXPECT_THAT(flushedHeaders(queues), ElementsAre("(0,9,0,0,0,1,0,0,0,2864434397)"));
 }
 
-TEST_F(WriterLimits, RecordTooLargeForAnyBatchFirstSendsAnEmptyOne) {
+TEST_F(WriterLimits, TooLargeARecordFirstSendsAnEmptyBatch) {
   DaemonQueues queues(8 + 48 + 100);
   connect(queues);
   const qmx_shm_message_t header = headerOf(9, 101);

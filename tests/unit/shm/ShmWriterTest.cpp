@@ -30,7 +30,7 @@ TEST(ResponseName, AppendsResponse) {
   EXPECT_EQ(korvex::getMessageQueueResponseName("orders"), "ordersResponse");
 }
 
-TEST_F(WriterConstruction, MakesTheBatchAsLargeAsTheQueuesLargestMessage) {
+TEST_F(WriterConstruction, MakesTheBatchAsLargeAsTheLargestMessage) {
   DaemonQueues queues(1234);
   korvex::test::platform_double::setTracing(true);
   connect(queues);
@@ -120,7 +120,7 @@ TEST_F(WriterLifecycle, StopWorksWithoutOpenAndChangesNeitherState) {
   EXPECT_EQ(queues.send().waiting(), 1u) << "stop must not have closed the writer";
 }
 
-TEST_F(WriterLifecycle, ReopeningRestartsTheNumbersButKeepsParametersOneAndThree) {
+TEST_F(WriterLifecycle, ReopeningRestartsNumbersButKeepsParametersOneAndThree) {
   DaemonQueues queues;
   openOn(queues);
   writer().setSegmentAlg(KORVEX_SEG_STATE_UNLIMITED, 7, 8, 9);
@@ -131,7 +131,7 @@ TEST_F(WriterLifecycle, ReopeningRestartsTheNumbersButKeepsParametersOneAndThree
   EXPECT_THAT(headersOf(queues.takeBatch()), ElementsAre("(0,0,0,0,0,1,7,0,9,2864434397)"));
 }
 
-TEST_F(WriterLifecycle, FailedOpenLeavesTheWriterClosedAndTheSequenceAlone) {
+TEST_F(WriterLifecycle, FailedOpenLeavesItClosedAndTheSequenceAlone) {
   DaemonQueues queues;
   connect(queues);
   queues.reply(7, "disk full");
@@ -144,7 +144,7 @@ TEST_F(WriterLifecycle, FailedOpenLeavesTheWriterClosedAndTheSequenceAlone) {
   EXPECT_THAT(headersOf(queues.takeBatch()), ElementsAre("(1,4,0,0,0,1,0,0,0,2864434397)"));
 }
 
-TEST_F(WriterLifecycle, FailedCloseLeavesTheWriterOpenAndTheSequenceAdvanced) {
+TEST_F(WriterLifecycle, FailedCloseLeavesItOpenAndTheSequenceAdvanced) {
   DaemonQueues queues;
   openOn(queues);
   queues.reply(7, "disk full");
@@ -190,7 +190,7 @@ TEST_F(WriterFlush, SendsAnEmptyBatchToo) {
   EXPECT_EQ(hexOf(queues.takeBatch()), hex("ff00ee11 00000000"));
 }
 
-TEST_F(WriterFlush, TimedOutSendKeepsTheBatchForALaterOne) {
+TEST_F(WriterFlush, TimedOutSendKeepsTheBatchForLater) {
   DaemonQueues queues(4096, 1);
   connect(queues);
   writer().flush_shm_buffer(kTimeout);
@@ -203,7 +203,7 @@ TEST_F(WriterFlush, TimedOutSendKeepsTheBatchForALaterOne) {
   EXPECT_THAT(flushedHeaders(queues), ElementsAre("(0,9,3,0,0,1,0,0,0,2864434397)"));
 }
 
-TEST_F(WriterFlush, LeavesTheStreamOutOfTheTextWhenItHasNoName) {
+TEST_F(WriterFlush, LeavesANamelessStreamOutOfTheText) {
   DaemonQueues queues(4096, 1);
   connect(queues, "");
   writer().flush_shm_buffer(kTimeout);
@@ -218,7 +218,7 @@ TEST_F(WriterFlush, PastDeadlineStillSendsWhenThereIsRoom) {
   EXPECT_EQ(queues.send().waiting(), 1u);
 }
 
-TEST_F(WriterFlush, StopTimeoutOfAllOnesIsADeadlineInThePast) {
+TEST_F(WriterFlush, StopTimeoutOfAllOnesHasAlreadyPassed) {
   DaemonQueues queues(4096, 1);
   ShmWriter stopping("s", queues.name(), kTimeout, kPastDeadline, false);
   stopping.flush_shm_buffer(kTimeout);
@@ -227,7 +227,7 @@ TEST_F(WriterFlush, StopTimeoutOfAllOnesIsADeadlineInThePast) {
               [&] { stopping.stop(true); });
 }
 
-TEST_F(WriterReply, IsRaisedByTheNextFlushAfterTheBatchWasSent) {
+TEST_F(WriterReply, IsRaisedByTheFlushThatFollows) {
   DaemonQueues queues;
   openOn(queues);
   writer().writeSegment(data_.data(), 3);
@@ -264,7 +264,7 @@ TEST_F(WriterReply, MayFillAllOfItsTextWithoutANul) {
   expectError(5, std::string(128, 'e'), [&] { writer().flush_shm_buffer(kTimeout); });
 }
 
-TEST_F(WriterReply, ShorterThanTheRecordBringsNoTextOfAnEarlierOne) {
+TEST_F(WriterReply, ShorterThanTheRecordBringsNoOlderText) {
   DaemonQueues queues;
   connect(queues);
   queues.reply(0, "an earlier and much longer text");
@@ -274,7 +274,7 @@ TEST_F(WriterReply, ShorterThanTheRecordBringsNoTextOfAnEarlierOne) {
   expectError(3, "", [&] { writer().flush_shm_buffer(kTimeout); });
 }
 
-TEST_F(WriterReply, LargerQueueThanTheRecordIsTheQueueLibrarysError) {
+TEST_F(WriterReply, LargerQueueThanTheRecordIsALibraryError) {
   DaemonQueues queues(4096, 4, 133);
   connect(queues);
   try {
@@ -384,7 +384,7 @@ TEST_F(WriterTrace, DisabledScopeCostsOneFlagRead) {
 }
 
 // The batch is on its way: what is not known of the reply queue yet must not fail the call.
-TEST_F(WriterReply, QueueInTheMiddleOfAChangeIsLookedAtLater) {
+TEST_F(WriterReply, QueueInMidChangeIsLookedAtLater) {
   constexpr off_t kFirstMessageAt = 184;
   DaemonQueues queues;
   connect(queues);

@@ -186,7 +186,7 @@ TEST_P(WriterAllocationFailures, RecordLargerThanABatchIsRefused) {
   writer.close();
 }
 
-TEST_P(WriterAllocationFailures, SegmentOperationsOfAClosedWriterAndAWrongAlgorithm) {
+TEST_P(WriterAllocationFailures, OperationsOfClosedWritersAndWrongAlgorithms) {
   DaemonQueues queues;
   ShmWriter writer("stream", queues.name(), kTimeout, 0, false);
   const auto write = [&] {

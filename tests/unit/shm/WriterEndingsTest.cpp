@@ -29,7 +29,7 @@ TEST_F(WriterEndings, ClosedWriterIsDestroyedWithoutAnotherClose) {
               ElementsAre("~ShmWriter: enter", "~ShmWriter: leave"));
 }
 
-TEST_F(WriterEndings, NextStreamBeginsAnewAfterOneThatWasGivenUp) {
+TEST_F(WriterEndings, NextStreamStartsFreshAfterAnAbandonedOne) {
   DaemonQueues queues;
   GivingUpWriter writer("stream", queues.name(), 60, 60, false);
   writer.open();

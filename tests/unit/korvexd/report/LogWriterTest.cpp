@@ -99,7 +99,7 @@ TEST_F(LogWriterLines, AreAllWrittenInOrderBeforeItGoes) {
   for (std::size_t i = 0; i < found.size(); ++i) ASSERT_EQ(found[i], std::to_string(i + 1));
 }
 
-TEST_F(LogWriterLines, GiveWayToNewerOnesWhenNobodyReadsAndAreCounted) {
+TEST_F(LogWriterLines, GiveWayToNewerOnesAndAreCounted) {
   constexpr std::size_t kAdded = LogWriter::kMostLines + 100;
   fill();
   auto writer = std::make_unique<LogWriter>(writingEnd(), kLong);
@@ -120,7 +120,7 @@ TEST_F(LogWriterLines, GiveWayToNewerOnesWhenNobodyReadsAndAreCounted) {
   EXPECT_THAT(missing, AnyOf(99u, 100u));
 }
 
-TEST_F(LogWriterLines, HoldUpTheEndOnlyForAWhileWhenNobodyReads) {
+TEST_F(LogWriterLines, DelayTheEndOnlyBrieflyWhenNobodyReads) {
   fill();
   auto writer = std::make_unique<LogWriter>(giveWritingEndAway(), kShort);
   writer->add("unread\n");

@@ -290,7 +290,7 @@ TEST_F(DirectorySinkTest, ReportsAFullDiskAndKeepsTheStreamPartial) {
   EXPECT_EQ(contentsOf(file(kPartial, "data")).size(), 100000u) << "what fitted stays";
 }
 
-TEST_F(DirectorySinkTest, ReportsGatheredDataThatCannotBeWrittenAtTheEnd) {
+TEST_F(DirectorySinkTest, ReportsGatheredDataThatFailsAtTheEnd) {
   const auto sink = open();
   writeText(*sink, std::string(1000, 'x'));
   const FileSizeLimit limit(100);
@@ -431,7 +431,7 @@ TEST_F(MovedOutput, TakesNoStreamsUntilItIsBack) {
   expectStored();
 }
 
-TEST_F(MovedOutput, IsReplacedByANewOneOnceItIsRemoved) {
+TEST_F(MovedOutput, IsReplacedByANewOneAfterItsRemoval) {
   fs::remove(path_);
   EXPECT_EQ(openingFails(),
             "opening output folder " + path_ + ": error 2 (No such file or directory)");

@@ -159,7 +159,7 @@ class ReluctantSystem : public StoringCalls {
 
 }  // namespace
 
-TEST_F(StoringCalls, OfAStreamAreInTheOrderThatSurvivesACrash) {
+TEST_F(StoringCalls, OfAStreamComeInCrashSafeOrder) {
   const auto sink = open();
   write(*sink, std::string(300000, 'x'));
   write(*sink, "abc");
@@ -238,7 +238,7 @@ TEST_F(StoringCalls, NeverFollowALinkNorReachAnotherProgram) {
   EXPECT_THAT(flags_, Each(O_NOFOLLOW | O_CLOEXEC));
 }
 
-TEST_F(StoringCalls, StoreNothingInAFolderThatWasSwappedForALink) {
+TEST_F(StoringCalls, StoreNothingInAFolderSwappedForALink) {
   const TemporaryFolder elsewhere;
   beforeOpening(kPartial, [&] {
     fs::remove(folder_ / kPartial);
@@ -272,7 +272,7 @@ TEST_F(StoringCalls, LeaveNoTemporaryFileWhenTheLastOneFails) {
   EXPECT_THAT(namesIn(folder_ / kPartial), ElementsAre("data"));
 }
 
-TEST_F(StoringCalls, ThatDoNotReachTheDiskLeaveTheStreamPartial) {
+TEST_F(StoringCalls, ThatMissTheDiskLeaveTheStreamPartial) {
   for (int failing = 1; failing <= 4; ++failing) {
     const auto sink = open();
     instead.sync = [rest = failing](int file) mutable {
