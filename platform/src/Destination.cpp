@@ -36,7 +36,7 @@ void hand(spdlog::sinks::sink& sink, Level level, const std::string& text) {
   sink.log(spdlog::details::log_msg("", spdlogLevel(level), text));
 }
 
-/// A stream of laid-out lines.
+/// Writes formatted lines to a spdlog sink.
 class Stream : public Destination {
  public:
   explicit Stream(std::unique_ptr<spdlog::sinks::sink> sink) : sink_(std::move(sink)) {
@@ -53,8 +53,8 @@ class SystemLog : public Destination {
  public:
   explicit SystemLog(const std::string& identity) : identity_(identity) {}
 
-  /// Opens the log with the first line: a process has one connection to it, and the destination
-  /// before this one closes that when it goes, after this one was made.
+  /// Opens the log with the first line, not earlier: a process has one syslog connection, and the
+  /// previous destination closes it when it is destroyed, after this one was constructed.
   void write(const Line& line) override {
     if (!sink_) {
       sink_ = std::make_unique<spdlog::sinks::syslog_sink_st>(identity_, LOG_PID, LOG_USER, false);
@@ -77,8 +77,8 @@ class Callback : public Destination {
   const std::function<void(const Line&)> receiver_;
 };
 
-/// Tried before spdlog opens it, which would make missing folders, wait between several attempts
-/// and report a failure without the error number.
+/// Tries the file before spdlog opens it: spdlog would create missing folders, retry with delays,
+/// and report a failure without its errno.
 void requireWritable(const std::string& path) {
   const int descriptor = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
   if (descriptor < 0) {
@@ -100,8 +100,8 @@ std::unique_ptr<Destination> standardError() {
 std::unique_ptr<Destination> file(const std::string& path) {
   requireWritable(path);
   spdlog::file_event_handlers handlers;
-  // One write per line, however long it is: several processes may append to the same file, and a
-  // child that is forked inherits no half-written buffer.
+  // Unbuffered, so each line is one write, however long: several processes may append to the same
+  // file, and a forked child inherits no half-written buffer.
   handlers.after_open = [](const std::string&, std::FILE* opened) {
     std::setvbuf(opened, nullptr, _IONBF, 0);
   };

@@ -14,7 +14,7 @@ class Destination {
  public:
   virtual ~Destination() = default;
 
-  /// Writes the line, or throws: the caller then finds another place for it.
+  /// Writes the line, or throws: the caller then falls back to standard error.
   virtual void write(const Line& line) = 0;
 };
 

@@ -3,9 +3,8 @@
 
 namespace qmx {
 
-/// Whether the format has a "%n" in any of its spellings. Such a conversion stores through a
-/// pointer that a composed line ("100%name") does not have, and checked builds of the C library end
-/// the process at it.
+/// Whether the format has a "%n" in any spelling. It stores through a pointer argument, which a
+/// composed line ("100%name") does not have, and fortified builds abort the process on it.
 bool storesThroughArgument(const char* format) noexcept;
 
 }  // namespace qmx

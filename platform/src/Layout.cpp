@@ -40,8 +40,8 @@ std::string timeStamp(std::chrono::system_clock::time_point now) {
                      rest.count(), offset < 0 ? '-' : '+', distance / 60, distance % 60);
 }
 
-/// Texts hold what other processes sent. Without a line end or a terminal's escape in them, nobody
-/// can forge a second line; with the backslash doubled, the text can be had back exactly.
+/// Texts quote what other processes sent. Escaping line ends and terminal escapes keeps them from
+/// forging a second line; escaping the backslash too makes the text recoverable exactly.
 std::string escaped(const char* text) {
   std::string result;
   for (; *text != '\0'; ++text) {
@@ -66,7 +66,7 @@ std::string escaped(const char* text) {
 }  // namespace
 
 std::string layOut(const Line& line) {
-  // The process id is asked for each time: it changes in a forked child.
+  // Not cached: the process id changes in a forked child.
   return fmt::format("{} {} pid={} code={} {}", timeStamp(std::chrono::system_clock::now()),
                      nameOf(line.level), ::getpid(), line.code, escaped(line.text));
 }

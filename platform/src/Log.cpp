@@ -13,9 +13,8 @@ namespace {
 
 std::uint32_t traceFlag = 0;
 
-/// The format with its arguments; the bare format when they do not go together, as with a wide
-/// character that the locale cannot express, and when it would store something. A raw line says
-/// more than none.
+/// The formatted text; the bare format if formatting fails (a wide character that the locale cannot
+/// represent) or would store something. A raw line says more than none.
 std::string formatted(const char* format, std::va_list arguments) {
   if (format == nullptr) return "(null format)";
   if (qmx::storesThroughArgument(format)) return format;
@@ -41,7 +40,7 @@ void writeFormatted(qmx::Level level, int code, const char* format,
 
 }  // namespace
 
-// Only the function that was called can get at its own variable arguments.
+// A macro, because only the called function can access its own variable arguments.
 #define QMX_WRITE(level, code)                                \
   std::va_list arguments;                                     \
   va_start(arguments, format);                                \
@@ -57,6 +56,6 @@ void ErrorA(int code, const char* format, ...) { QMX_WRITE(Error, code); }
 std::uint32_t* __qmxlog_trace_location() { return &traceFlag; }
 
 void qmx::setTracing(bool enabled) {
-  // Relaxed: the flag guards nothing, and a line more or less at the moment of the change is fine.
+  // Relaxed: the flag guards nothing, and one line more or less around the change does not matter.
   __atomic_store_n(&traceFlag, enabled ? 1u : 0u, __ATOMIC_RELAXED);
 }

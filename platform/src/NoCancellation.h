@@ -5,9 +5,9 @@
 
 namespace qmx {
 
-/// While it lives, this thread is not cancelled; a request waits until afterwards. A line is
-/// written by calls that a thread can be cancelled in, from functions that throw nothing: the
-/// process would end there.
+/// Disables cancellation of this thread for a scope; a request stays pending until its end. Writing
+/// a line makes calls that are cancellation points, from noexcept functions: cancellation there
+/// would terminate the process.
 class NoCancellation {
  public:
   NoCancellation() noexcept { ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }

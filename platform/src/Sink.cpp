@@ -15,12 +15,12 @@
 namespace qmx {
 namespace {
 
-/// Set while this thread is inside a destination. A receiver that logs all the same, or forks,
-/// would otherwise wait for itself.
+/// Set while this thread is inside a destination. A receiver that logs or forks would otherwise
+/// deadlock on the lock that its own thread holds.
 thread_local bool insideDestination = false;
 
-/// The one sink of the process. Its lock is held while a line is written, so that a destination
-/// that was replaced is not in use any more when the replacing call returns.
+/// The process's sink. The lock is held while a line is written, so that a replaced destination is
+/// no longer in use when the replacing call returns.
 struct Current {
   Current();
 
@@ -34,11 +34,12 @@ Current& current() {
   return *only;
 }
 
-// Made while the library is loaded. If a first line made it, a fork at that moment would leave the
-// child with a guard that nobody ever releases.
+// Created when the library is loaded. If the first line created it, a fork at that moment would
+// leave the child with a static initialisation guard that is never released.
 [[maybe_unused]] const Current& madeAtLoad = current();
 
-// A child that was forked while another thread wrote a line would find the lock taken forever.
+// Otherwise a child that is forked while another thread writes a line would find the lock taken
+// forever.
 void lockForFork() {
   if (!insideDestination) current().mutex.lock();
 }
@@ -49,7 +50,7 @@ void unlockAfterFork() {
 
 Current::Current() { ::pthread_atfork(lockForFork, unlockAfterFork, unlockAfterFork); }
 
-/// The time during which one thread has the sink to itself.
+/// Gives a thread the sink to itself for a scope.
 class Turn {
  public:
   Turn() : lock_(current().mutex) { insideDestination = true; }

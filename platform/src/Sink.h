@@ -5,11 +5,10 @@
 
 namespace qmx {
 
-/// Hands one line to the sink that is set now. A line that the sink fails to take goes to standard
-/// error instead. Leaves errno as it was.
+/// Writes one line to the current sink, or to standard error if the sink fails. Preserves errno.
 void write(const Line& line) noexcept;
 
-/// For a line that could not even be put together.
+/// For a line that could not even be formatted.
 void reportLostLine() noexcept;
 
 }  // namespace qmx

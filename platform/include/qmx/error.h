@@ -7,13 +7,13 @@
 
 #include "qmx/Export.h"
 
-/// The platform's status code. 0 is success; every component keeps its own table of the others.
+/// The platform's status code. 0 is success; every component defines its other values.
 using ov_status_t = std::uint32_t;
 
-/// The platform's exception: a status for programs, a text for people, and where it arose.
+/// The platform's exception: a status for programs, a text for people, and where it was raised.
 ///
 /// Its type information lives in the platform's shared library, so one catch clause serves every
-/// component of a process. Catch it by reference: a copy takes memory, and may throw.
+/// component of a process. Catch it by reference: copying allocates memory and may throw.
 class QMX_EXPORT Ov_ErrnoException : public std::exception {
  public:
   Ov_ErrnoException(ov_status_t status, const std::string& message, const std::string& location);
@@ -24,7 +24,7 @@ class QMX_EXPORT Ov_ErrnoException : public std::exception {
   ov_status_t getStatus() const noexcept { return status_; }
   const std::string& getMessage() const noexcept { return message_; }
 
-  /// Where the error arose; empty when the thrower does not say.
+  /// Where the error was raised; empty if the thrower does not say.
   const std::string& getLocation() const noexcept { return location_; }
 
   /// The message. Valid as long as the exception.

@@ -7,9 +7,9 @@
 
 extern "C" {
 
-/// Copies `source` into `destination`, which has room for `capacity` bytes. What does not fit is
-/// cut; the result is always NUL-terminated, unless `capacity` is 0, when nothing is written.
-/// Returns `destination`. Neither pointer may be null, and the two must not overlap.
+/// Copies `source` into `destination`, which has room for `capacity` bytes, truncating what does
+/// not fit. Always NUL-terminates, unless `capacity` is 0: then nothing is written. Returns
+/// `destination`. Neither pointer may be null, and the two must not overlap.
 QMX_EXPORT char* qmxstrcpy(char* destination, const char* source, std::size_t capacity);
 }
 

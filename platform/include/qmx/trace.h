@@ -14,20 +14,19 @@
 
 extern "C" {
 
-/// Where the process's trace-enabled flag lives: 0 is off, anything else is on. The flag may change
-/// at any time and from any thread; read it again before each line.
+/// The address of the process's trace flag: 0 is off, anything else is on. The flag may change at
+/// any time and from any thread; read it again before each line.
 ///
-/// A rule for a platform of the host's own: every call returns the same address, never null, from
-/// the first call to the end of the process. Callers keep it and read there without another call.
+/// A host's own platform must return the same non-null address from the first call to the end of
+/// the process: callers keep it and read the flag without another call.
 QMX_EXPORT std::uint32_t* __qmxlog_trace_location();
 
-/// Writes one trace line. Does not look at the flag: callers do, before they build anything.
+/// Writes one trace line. Does not check the flag: callers do, before they build anything.
 ///
-/// The default platform's never throws. A host's own may throw anything: it leaves the operation
-/// that is traced as an error of that operation would. Only in a destructor it must not, for that
-/// ends the process: AutoTrace writes the line that leaves a scope in its own. For the same reason
-/// neither this nor a call of log.h may be a cancellation point: disable cancellation around
-/// writes.
+/// The default implementation never throws. A host's own may throw anything, which propagates like
+/// an error of the traced operation. It must not throw in a destructor, which would terminate the
+/// process: AutoTrace traces leaving a scope from its own. For the same reason neither this nor the
+/// calls of log.h may be cancellation points: disable cancellation around writes.
 QMX_EXPORT void __TraceA(const char* format, ...) QMX_PRINTF_FORMAT(1, 2);
 }
 
