@@ -26,7 +26,7 @@ class KORVEX_EXPORT Channel {
   std::string name;  ///< the stream's name, for error texts
 };
 
-/// What a producer needs to drive a stream, however it is carried. ShmWriter says what each
+/// What a producer needs to drive a stream, whatever the transport. ShmWriter documents what each
 /// operation does and throws.
 class KORVEX_EXPORT ChannelWriter : public Channel {
  public:

@@ -10,7 +10,7 @@ namespace korvex {
 namespace server {
 
 /// Which of the platform's log calls takes a line. The type has a fixed width, so any 32-bit value
-/// may be passed on, also one that has no name; such a level writes nothing.
+/// may be passed, even one without a name; such a level writes nothing.
 enum KorvxServerLoglevel : std::int32_t {
   LOGLEVEL_INFO = 1,
   LOGLEVEL_AUTH = 2,
@@ -21,22 +21,22 @@ enum KorvxServerLoglevel : std::int32_t {
 /// Writes one component's lines to the platform's log: "component::function: message", or
 /// "function: message" when the component has no name.
 ///
-/// The platform adds what it adds (time, process, line end) and decides where lines go. Keeps only
-/// its name, so any number of threads may use one logger at once.
+/// The platform adds time, process and line end, and decides where lines go. A logger holds only
+/// its name, so any number of threads may use one at once.
 ///
-/// A message is cut at 4095 characters, silently; names are written whole. A null function name
-/// throws std::logic_error before anything is written.
+/// A message is silently truncated to 4095 characters; names are written whole. A null function
+/// name throws std::logic_error before anything is written.
 ///
-/// The platform reads a finished line as a printf format once more, with no arguments left. To see
-/// one percent sign in the log, a message's format has four and a name has two. A text that may
-/// hold percent signs of its own must not be an argument: its "%s" would read an argument that is
-/// not there, and may end the process.
+/// The platform reads the finished line as a printf format again, this time without arguments. For
+/// one percent sign in the log, write four in a message's format and two in a name. Do not pass
+/// text that may contain percent signs as an argument: its "%s" would read an argument that is not
+/// there, and may crash the process.
 class KORVEX_EXPORT Logger final {
  public:
   explicit Logger(const std::string& name);
 
-  /// `code` goes to the platform unchanged; -1 says that there is none. The format and its
-  /// arguments are printf's, and the compiler checks them.
+  /// `code` goes to the platform unchanged; -1 means none. The format and its arguments are
+  /// printf's, and the compiler checks them.
   [[gnu::format(printf, 5, 6)]] void log(KorvxServerLoglevel level, const char* function, int code,
                                          const char* format, ...);
 
@@ -44,7 +44,7 @@ class KORVEX_EXPORT Logger final {
   /// nothing and takes a null function name.
   [[gnu::format(printf, 3, 4)]] void logTrace(const char* function, const char* format, ...);
 
-  /// The name as it is. Every function name passes through here on its way into a line.
+  /// Returns the name unchanged. Every function name passes through here on its way into a line.
   std::string trimFunctionName(const std::string& name);
 
  private:

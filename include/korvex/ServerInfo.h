@@ -12,20 +12,20 @@ namespace korvex {
 /// Everything that a client needs to reach and use a server, as one plain value.
 ///
 /// The seven connection strings are fixed at construction. Every other setting may be absent: it
-/// then holds the value that its presence test names. Setters check nothing, and storing that value
-/// makes a setting absent again. The record only carries its settings; units and the meaning of
-/// bits and modes are between those who fill and those who read it.
+/// then holds the value that its presence test compares with. Setters check nothing, and storing
+/// that value makes a setting absent again. The record only carries its settings; units and the
+/// meaning of bits and modes are up to the code that fills and reads it.
 ///
-/// Copies are independent of each other. Reading from several threads is safe, writing meanwhile is
-/// not.
+/// Copies are independent of each other. Concurrent reads are safe; a write needs the record to
+/// itself.
 class KORVEX_EXPORT ServerInfo {
  public:
   ServerInfo(const std::string& serverName, const std::string& user, const std::string& passwd,
              const std::string& agentCfg, const std::string& currentRoutingTable,
              const std::string& recommendRoutingTable, const std::string& keyDir);
 
-  // Getters give the stored value, present or not; references are valid as long as the record and
-  // until the field is set.
+  // Getters return the stored value, present or not. A reference is valid until the field is set or
+  // the record is destroyed.
   const std::string& getServerName() const { return serverName_; }
   const std::string& getUser() const { return user_; }
   const std::string& getPasswd() const { return passwd_; }
@@ -56,10 +56,10 @@ class KORVEX_EXPORT ServerInfo {
   bool hasInterfaceIp() const { return !interfaceIp_.empty(); }
   bool hasInterfaceName() const { return !interfaceName_.empty(); }
 
-  /// True from the start, with type 1; only 255 is absent.
+  /// True from the start, with type 1; only 255 means absent.
   bool hasFPType() const { return fpType_ != 0xFF; }
 
-  /// 0 is a mode like any other; only 0xFFFFFFFF is absent.
+  /// 0 is a mode like any other; only 0xFFFFFFFF means absent.
   bool hasClusterMode() const { return clusterMode_ != 0xFFFFFFFF; }
 
   bool hasClusterName() const { return !clusterName_.empty(); }
@@ -71,10 +71,10 @@ class KORVEX_EXPORT ServerInfo {
   void setInterfaceIp(const std::string& address) { interfaceIp_ = address; }
   void setInterfaceName(const std::string& name) { interfaceName_ = name; }
 
-  /// The fingerprint type now in use; the type of the previous run stays.
+  /// The fingerprint type now in use. Leaves the previous run's type alone.
   void setFPType(unsigned char type) { fpType_ = type; }
 
-  /// The fingerprint type of the previous run. Can be asked for through reuseMD5ForSHA256() only.
+  /// The fingerprint type of the previous run. Can be queried only through reuseMD5ForSHA256().
   void setLastFPType(unsigned char type) { lastFPType_ = type; }
 
   void setClusterMode(unsigned int mode) { clusterMode_ = mode; }
@@ -105,12 +105,12 @@ class KORVEX_EXPORT ServerInfo {
   std::string clusterName_;
 };
 
-/// One diagnostic line without a line end, made for logs: never the password. Settings that are
-/// absent are left out.
+/// One diagnostic line for logs, without a line end: never contains the password, omits absent
+/// settings.
 ///
-/// Flags are always lower-case hexadecimal behind one "0x"; the other numbers follow the stream's
-/// own settings, which stay as they are. A field width is spent without padding anything. Strings
-/// are not quoted, so a value that holds ", " makes the line ambiguous.
+/// Flags are always lower-case hexadecimal after one "0x"; the other numbers follow the stream's
+/// settings, which stay unchanged. A field width is consumed without padding anything. Strings are
+/// not quoted, so a value that contains ", " makes the line ambiguous.
 KORVEX_EXPORT std::ostream& operator<<(std::ostream& stream, const ServerInfo& info);
 
 }  // namespace korvex

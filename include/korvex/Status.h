@@ -6,14 +6,14 @@
 /// The status codes that the library raises, for comparing with Ov_ErrnoException::getStatus().
 ///
 /// The numbers never change. A daemon's reply is raised with the daemon's own status, which may be
-/// any number, one of these as well.
+/// any number, including one of these.
 namespace korvex {
 
 /// A batch has no room for an entry.
 constexpr ov_status_t kStatusNoRoom = 4;
 
-/// A batch buffer below 8 bytes, announced data that is null, an entry index out of range, a
-/// timeout outside 1 to 86400.
+/// A batch buffer below 8 bytes, null data where the header announces some, an entry index out of
+/// range, a timeout outside 1 to 86400.
 constexpr ov_status_t kStatusInvalidArgument = 9;
 
 /// The send queue stayed full, or locked, until the deadline.
@@ -25,7 +25,7 @@ constexpr ov_status_t kStatusCorrupt = 32;
 /// A segment operation on a writer that is not open, or segment data under an unknown algorithm.
 constexpr ov_status_t kStatusWrongState = 44;
 
-/// Data longer than MAX_SEGMENT_SIZE in a record that is bound to it.
+/// Data longer than MAX_SEGMENT_SIZE in a record that is subject to that limit.
 constexpr ov_status_t kStatusTooLarge = 85;
 
 /// A record that does not fit even an empty batch.

@@ -7,25 +7,25 @@
 
 namespace korvex {
 
-/// Stops an open stream unless it gets closed: for every way out of a scope that an error takes.
+/// Stops an open stream unless close() succeeded, on every path out of a scope.
 ///
-/// A writer that is destroyed closes its stream, and the daemon takes what it has by then for
-/// complete. So a producer that fails halfway must stop the stream first:
+/// A writer's destructor closes its stream, and the daemon takes what it has by then as complete.
+/// So a producer that fails halfway must stop the stream first:
 ///
 ///     stream.open();
 ///     korvex::StreamGuard guard(stream);
 ///     ... writeSegment() and endSegment() as often as needed, anything may throw ...
 ///     guard.close();
 ///
-/// Declare it behind the writer, which must outlive it, once the stream is open. After a stop,
-/// close records of the same writer complete nothing.
+/// Declare it after the writer, which must outlive it, once the stream is open. After a stop, close
+/// records of the same writer complete nothing.
 class StreamGuard {
  public:
   explicit StreamGuard(ShmWriter& stream) noexcept : stream_(&stream) {}
 
-  /// Sends a stop record unless close() succeeded, and waits up to the writer's stop timeout; a
-  /// thread is not cancelled meanwhile. Never throws: when the record cannot be sent either, it has
-  /// used up its number, and the daemon takes no close behind such a gap.
+  /// Sends a stop record unless close() succeeded, waiting up to the writer's stop timeout with
+  /// cancellation disabled. Never throws. A stop record that cannot be sent has still used up its
+  /// sequence number, and the daemon refuses a close after such a gap.
   ~StreamGuard() {
     if (stream_ == nullptr) return;
     int before = PTHREAD_CANCEL_ENABLE;
@@ -41,8 +41,8 @@ class StreamGuard {
   StreamGuard(const StreamGuard&) = delete;
   StreamGuard& operator=(const StreamGuard&) = delete;
 
-  /// Closes the stream. When that throws, whether the stream became complete is open: all of it was
-  /// written, and only a receipt tells.
+  /// Closes the stream. If that throws, the stream may still have become complete, since all of it
+  /// was written: only a receipt can tell.
   void close() {
     stream_->close();
     stream_ = nullptr;
