@@ -9,8 +9,8 @@ namespace {
 
 constexpr std::uint8_t kFingerprintSha256 = 3;
 
-/// The "0x" is the label's, and the digits are made without the stream: whatever base, case or
-/// grouping the caller has set reaches only the numbers behind.
+/// The "0x" is part of the label, and the digits bypass the stream's formatting: base, case and
+/// grouping that the caller has set affect only the other numbers.
 void printFlags(std::ostream& stream, unsigned int flags) {
   char digits[8];
   const char* const end = std::to_chars(digits, digits + sizeof digits, flags, 16).ptr;
@@ -42,7 +42,7 @@ bool ServerInfo::reuseMD5ForSHA256() const {
 }
 
 std::ostream& operator<<(std::ostream& stream, const ServerInfo& info) {
-  // A width would tear the first label from its value.
+  // Otherwise a field width would pad the first label.
   stream.width(0);
   stream << "ServerName=" << info.getServerName() << ", User=" << info.getUser()
          << ", AgentCfg=" << info.getAgentCfg()
@@ -55,8 +55,8 @@ std::ostream& operator<<(std::ostream& stream, const ServerInfo& info) {
   if (info.hasLocalIp()) stream << ", LocalIp=" << info.getLocalIp();
   if (info.hasInterfaceIp()) stream << ", InterfaceIp=" << info.getInterfaceIp();
   if (info.hasInterfaceName()) stream << ", InterfaceName=" << info.getInterfaceName();
-  // Lower case unlike the other labels: programs that read these lines look for it so. The byte is
-  // widened, or it would print as a character.
+  // Lower case, unlike the other labels, because programs that read these lines look for it.
+  // Widened, or the byte would print as a character.
   if (info.hasFPType()) stream << ", fptype=" << static_cast<int>(info.getFPType());
   if (info.hasClusterMode()) stream << ", ClusterMode=" << info.getClusterMode();
   if (info.hasClusterName()) stream << ", ClusterName=" << info.getClusterName();

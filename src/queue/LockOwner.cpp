@@ -24,11 +24,11 @@ constexpr char kZombie = 'Z';
 constexpr char kDead = 'X';
 constexpr int kDecimal = 10;
 
-/// The fields of /proc/.../status that are looked at come behind the list of groups, which has room
-/// for more than a thousand here. Of a process with more nothing is known.
+/// The fields read from /proc/.../status come after the list of groups; this leaves room for more
+/// than a thousand. A process in more groups than that cannot be judged.
 constexpr std::size_t kStatusSize = std::size_t{16} * 1024;
 
-/// Reads the start of a file of /proc. False, with the reason in errno, when there is nothing.
+/// Reads the start of a /proc file. False, with the reason in errno, if nothing was read.
 template <std::size_t Size>
 bool readFile(const char* path, char (&text)[Size]) noexcept {
   const int file = ::open(path, O_RDONLY | O_CLOEXEC);
@@ -40,7 +40,7 @@ bool readFile(const char* path, char (&text)[Size]) noexcept {
   return size > 0;
 }
 
-/// The letter that the system gives a thread's state; 0 when it gives none.
+/// The letter of a thread's state; 0 if it cannot be read.
 char stateHere(pid_t thread) noexcept {
   char path[32];
   char text[128];
@@ -53,19 +53,18 @@ char stateHere(pid_t thread) noexcept {
 
 bool isOver(char state) noexcept { return state == kZombie || state == kDead; }
 
-/// A process that was killed stays a zombie until its parent asks for it; its locks are lost all
-/// the same.
+/// A killed process stays a zombie until its parent reaps it, but its locks are already lost.
 bool livesHere(pid_t thread) noexcept {
   if (::kill(thread, 0) != 0 && errno == ESRCH) return false;
   return !isOver(stateHere(thread));
 }
 
-/// What the system says of a thread wherever it lives.
+/// What /proc says of a thread in any PID namespace.
 class Status {
  public:
   enum class Reading { Done, ThreadEnded, Refused };
 
-  /// `folder` is the thread's in /proc.
+  /// `folder` is the thread's folder in /proc.
   Reading read(const char* folder) noexcept {
     char path[80];
     std::snprintf(path, sizeof path, "%s/status", folder);
@@ -80,7 +79,7 @@ class Status {
 
   bool isAlive() const noexcept { return !isOver(*state_); }
 
-  /// Whether the thread has more than one id: the one here and those of namespaces below.
+  /// Whether the thread lives in a nested PID namespace: it then has more than one id.
   bool isForeign() const noexcept { return std::strcspn(ids_, "\t") < std::strcspn(ids_, "\n"); }
 
   /// The id in the thread's own namespace, the last one on the line.
@@ -108,8 +107,8 @@ struct CloseFolder {
 };
 using Folder = std::unique_ptr<DIR, CloseFolder>;
 
-/// Looks at each entry of a folder that is a number. False as soon as `look` says so, or when the
-/// folder cannot be read to its end.
+/// Calls `look` for each entry of a folder that is a number. False as soon as `look` returns false,
+/// or if the folder cannot be read to its end.
 template <typename Look>
 bool everyNumberIn(const char* path, Look look) noexcept {
   const Folder folder(::opendir(path));
@@ -123,8 +122,8 @@ bool everyNumberIn(const char* path, Look look) noexcept {
   }
 }
 
-/// Whether no living thread of this process has the id. Threads of one process share a namespace,
-/// so those of ours need no look: they were asked for by their id already.
+/// Whether no living thread of this process has the id. Threads of a process share a namespace; a
+/// process in ours needs no scan, because livesHere() has already checked the id here.
 bool isNoThreadOf(long process, pid_t id) noexcept {
   char folder[32];
   std::snprintf(folder, sizeof folder, "/proc/%ld", process);
@@ -142,7 +141,7 @@ bool isNoThreadOf(long process, pid_t id) noexcept {
   });
 }
 
-/// The first process is another user's to everybody but root, so it is hidden where any is.
+/// To all users but root, process 1 is another user's: a /proc that hides any process hides it.
 bool seesEveryProcess() noexcept {
   struct stat found = {};
   Status first;

@@ -5,15 +5,14 @@
 
 namespace korvex {
 
-/// Whether no living thread can have taken a queue's lock under this thread id.
+/// Whether no living thread can be the one that took a queue's lock under this thread id.
 ///
-/// The lock names its owner by the id that the thread has in its own PID namespace, and queues are
-/// shared across namespaces. In ours the id may be free, or a zombie's, while the owner lives. So
-/// an id that no living thread has here proves something only to a process that sees all threads
-/// of the system and finds none that has the id in its own namespace: one in the initial namespace,
-/// with a /proc that hides nothing. Elsewhere the answer is false.
+/// The lock records its owner's thread id in the owner's own PID namespace, and queues are shared
+/// across namespaces. Here the id may be free, or a zombie's, while the owner lives. Only a process
+/// in the initial namespace, with a /proc that hides nothing, can be sure: it sees all threads of
+/// the system and checks that none has the id in its own namespace. Elsewhere the answer is false.
 ///
-/// Never throws. Cheap while a thread here has the id, else one look at every process.
+/// Never throws. Cheap while a thread here has the id; otherwise it scans every process.
 bool isLockOwnerGone(pid_t thread) noexcept;
 
 }  // namespace korvex

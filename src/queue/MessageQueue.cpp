@@ -20,7 +20,7 @@
 #include "queue/SignalsBlocked.h"
 
 #ifndef BOOST_INTERPROCESS_ENABLE_TIMEOUT_WHEN_LOCKING
-#error "without the timeout a lock that a dead process kept holds every caller up for ever"
+#error "without the timeout a lock that a dead process kept holds every caller up forever"
 #endif
 static_assert(BOOST_VERSION >= 106300, "the queue's layout is known from Boost 1.63 on");
 
@@ -35,8 +35,8 @@ constexpr std::chrono::milliseconds kLongestSleep{4};
 constexpr std::chrono::milliseconds kLockPatience{
     BOOST_INTERPROCESS_TIMEOUT_WHEN_LOCKING_DURATION_MS};
 
-/// From this release on, a lock that was found broken is left alone. Before, it stays taken by the
-/// caller, and the thread's list of robust locks keeps pointing into the mapping.
+/// From Boost 1.78 on, a lock that was found broken is left alone. Before, the caller keeps holding
+/// it, and the thread's robust-mutex list keeps pointing into the mapping.
 constexpr bool kBrokenLockPinsMapping = BOOST_VERSION < 107800;
 
 [[noreturn]] void throwSystemError(int number) {
@@ -53,8 +53,8 @@ constexpr bool kBrokenLockPinsMapping = BOOST_VERSION < 107800;
                                     "the message queue's lock stayed taken");
 }
 
-/// Set in a thread that is cancelled while it waits. It can be cancelled only once: a further wait,
-/// by the destructors on its stack, would keep those who join it.
+/// Set in a thread that is cancelled while it waits. It can be cancelled only once, so further
+/// waits, in the destructors on its stack, would hold up the thread that joins it.
 thread_local bool isThreadCancelled = false;
 
 void wait(Pause& pause, MessageQueue::Clock::time_point deadline) {
@@ -77,8 +77,8 @@ int allocate(int file, off_t size) {
   return error;
 }
 
-/// Gives the object its memory now. Shared memory is sparse otherwise, and the first process that
-/// touches a page which the system does not have is killed, with the lock in its hands.
+/// Allocates the object's memory now. Shared memory is sparse otherwise, and the first process to
+/// touch a page that the system cannot provide gets SIGBUS, with the lock held.
 void reserve(const std::string& name, off_t size) {
   const int file = ::shm_open(name.c_str(), O_RDWR, 0);
   if (file < 0) throwSystemError(errno);
@@ -109,7 +109,8 @@ struct MessageQueue::Mapping {
   template <typename... Arguments>
   explicit Mapping(Arguments&&... arguments) : queue(std::forward<Arguments>(arguments)...) {}
 
-  /// Never unmaps this one again. It stays reachable, so that a leak checker sees the intention.
+  /// Leaves the mapping in place for good. It stays reachable, so that leak checkers do not report
+  /// it.
   void pin() noexcept {
     static std::atomic<Mapping*> newestPinned{nullptr};
     olderPinned = newestPinned.exchange(this);
@@ -137,14 +138,15 @@ MessageQueue::MessageQueue(const std::string& name, Limits limits, mode_t mode) 
     view_ = QueueView(name);
     if (view_.state() != QueueView::State::Sound) throwDamaged();
   } catch (const ipc::interprocess_exception& error) {
-    // The library leaves what it could not finish; somebody else's object stays alone.
+    // The library leaves behind what it could not finish. Another process's object is not touched.
     if (error.get_error_code() != ipc::already_exists_error) remove(name);
     throw;
   }
 }
 
 MessageQueue::~MessageQueue() {
-  // Unmapping would leave the thread with a dangling lock; the next robust lock it takes crashes.
+  // Unmapping would leave a dangling entry in the thread's robust-mutex list; the next robust lock
+  // that the thread takes would crash.
   if (kBrokenLockPinsMapping && mapping_->broken) {
     mapping_.release()->pin();
   }
@@ -160,7 +162,7 @@ void MessageQueue::open(const std::string& name, Clock::time_point deadline) {
   }
 }
 
-/// False when there is no more than the promise of a queue yet.
+/// False while the queue is still being created, changed or replaced.
 bool MessageQueue::isOpenedAtOnce(const std::string& name) {
   const NoCancellation noCancellation;
   view_ = QueueView(name);
@@ -168,18 +170,17 @@ bool MessageQueue::isOpenedAtOnce(const std::string& name) {
   if (view_.state() == QueueView::State::Damaged) throwDamaged();
   if (view_.state() != QueueView::State::Sound) return false;
   mapping_ = std::make_unique<Mapping>(ipc::open_only, name.c_str());
-  // The library opens by name; only what the view holds has been looked at.
+  // The library opens by name; only the object in the view has been checked.
   if (view_.isStillNamed(name)) return true;
   mapping_.reset();
   return false;
 }
 
-/// Whether somebody with the lock keeps the queue from looking intact for as long as an attempt may
-/// wait for the lock. The library believes whatever lies there, and would follow damage out of the
-/// mapping.
+/// Whether a peer with the lock keeps the queue from looking intact for as long as an attempt may
+/// wait for the lock. The library trusts the contents, and would follow damage out of the mapping.
 bool MessageQueue::isChanging(QueueView::Use use) const {
   if (view_.isIntact(use)) return false;
-  const NoCancellation noCancellation;  // as little as in the library's own wait for the lock
+  const NoCancellation noCancellation;  // as in the library's own wait for the lock
   const auto end = Clock::now() + kLockPatience;
   for (Pause pause(kLongestSleep); !view_.isIntact(use); pause.wait(end)) {
     if (view_.isDamaged(use)) throwDamaged();
@@ -188,8 +189,8 @@ bool MessageQueue::isChanging(QueueView::Use use) const {
   return false;
 }
 
-/// Runs one operation that takes the lock, and sorts its errors: a lock that is merely taken is an
-/// outcome, everything else passes.
+/// Runs one operation that takes the lock. A lock that is merely taken is an outcome; every other
+/// error propagates.
 template <typename Operation>
 MessageQueue::Outcome MessageQueue::attempt(QueueView::Use use, Operation operation) {
   if (mapping_->broken) std::rethrow_exception(mapping_->broken);
@@ -241,8 +242,8 @@ bool MessageQueue::sendBefore(const void* data, std::size_t size, unsigned prior
   const auto start = Clock::now();
   const auto due = isThreadCancelled ? start : std::max(deadline, start);
   Pause pause(kLongestSleep);
-  // The looks without the lock spare both ends a fight for it, which costs more than the copy. They
-  // may be old, so that an attempt follows whatever they say.
+  // Checking without the lock spares both ends contention for it, which costs more than the copy.
+  // The checks may be stale, so an attempt follows whatever they say.
   while (looksBusy() && pause.isSpinning()) wait(pause, due);
   for (bool hasAskedForOwner = false;;) {
     const Outcome outcome = trySend(data, size, priority);
@@ -254,9 +255,9 @@ bool MessageQueue::sendBefore(const void* data, std::size_t size, unsigned prior
   }
 }
 
-/// Whether it is time to give up after this outcome. A lock that is taken does not say whether
-/// there is room, and is given back in a moment unless its owner is gone. Asking for the owner may
-/// take a look at every process, so it is done once.
+/// Whether it is time to give up after this outcome. While the lock is taken it is unknown whether
+/// there is room, and the lock is released in a moment unless its owner is dead. Finding out may
+/// scan every process, so it is done once.
 bool MessageQueue::isTooLate(Outcome outcome, Clock::time_point due,
                              bool& hasAskedForOwner) const noexcept {
   if (Clock::now() < due) return false;
@@ -266,7 +267,7 @@ bool MessageQueue::isTooLate(Outcome outcome, Clock::time_point due,
 }
 
 bool MessageQueue::remove(const std::string& name) noexcept {
-  // Not by the queue library, which needs memory for it and keeps silent when there is none.
+  // Not through the queue library, which allocates memory for it and swallows the failure.
   return ::shm_unlink(name.c_str()) == 0;
 }
 

@@ -5,11 +5,11 @@
 
 namespace korvex {
 
-/// While it lives, this thread is not cancelled; a request waits until afterwards.
+/// Disables cancellation of this thread for a scope; a request stays pending until its end.
 ///
-/// Cancellation unwinds the stack like an exception that nobody may stop: it ends the process where
-/// it meets a function that throws nothing, a destructor above all. What takes a lock, a descriptor
-/// or a name must not be left half-way either.
+/// Cancellation unwinds the stack like an exception that must not be caught: it terminates the
+/// process where it meets a noexcept function, above all a destructor. Code that takes a lock, a
+/// descriptor or a name must not be left halfway either.
 class NoCancellation {
  public:
   NoCancellation() noexcept { ::pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }

@@ -6,7 +6,8 @@
 namespace korvex {
 namespace {
 
-// Spinning for some 60 microseconds outlasts the copy of a message; each spin is short beside it.
+// Spinning lasts about 60 microseconds, longer than copying a message; a single spin is far
+// shorter.
 constexpr unsigned kSpins = 1024;
 constexpr unsigned kInstructionsPerSpin = 4;
 constexpr unsigned kYields = 64;

@@ -5,22 +5,22 @@
 
 namespace korvex {
 
-/// The pauses of a loop that waits for another process by looking again and again.
+/// The pauses of a loop that polls for another process.
 ///
-/// They grow: a few spins, which cost least while the other side is at work on the next core; then
-/// yields, which let it run on this one; then sleeps, doubling up to `longestSleep`. A loop made of
-/// these is slower to notice than a condition variable by at most `longestSleep`, and unlike one
-/// inside shared memory it can neither be hung nor be poisoned by a peer that dies.
+/// They grow: first spins, cheapest while the other side runs on another core; then yields, which
+/// let it run on this one; then sleeps, doubling up to `longestSleep`. Such a loop notices at most
+/// `longestSleep` later than a condition variable, and unlike one in shared memory it cannot be
+/// hung or poisoned by a peer that dies.
 class Pause {
  public:
   using Clock = std::chrono::steady_clock;
 
   explicit Pause(std::chrono::microseconds longestSleep) noexcept : longestSleep_(longestSleep) {}
 
-  /// Waits one step. A sleep does not go past the deadline, and the thread may be cancelled in it.
+  /// Waits one step. A sleep does not go past the deadline; it is a cancellation point.
   void wait(Clock::time_point deadline);
 
-  /// Whether the next step is a spin, which gives the processor to nobody else.
+  /// Whether the next step is a spin, which does not yield the processor.
   bool isSpinning() const noexcept;
 
   /// Starts again with the shortest pause, after something happened.

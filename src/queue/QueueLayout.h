@@ -7,8 +7,8 @@
 #include <cstdint>
 #include <limits>
 
-// How the queue library lays a queue out in its object, from release 1.63 to 1.81 on x86-64. The
-// page docs/queue-object.md explains it.
+// How the queue library lays out a queue's shared-memory object, from Boost 1.63 to 1.81 on x86-64.
+// docs/queue-object.md explains it.
 //
 //     offset  bytes  field                                    written by
 //          0      4  init word                                the creator, last of all
@@ -25,7 +25,7 @@
 //                    up to 8: length (8), priority (4), data
 namespace korvex {
 
-// The init word: how far the creator came.
+// The init word: how far the creator got.
 constexpr std::uint32_t kUninitialized = 0;
 constexpr std::uint32_t kInitializing = 1;
 constexpr std::uint32_t kInitialized = 2;
@@ -54,7 +54,8 @@ constexpr std::uint64_t slotSizeFor(std::uint64_t messageSize) {
 constexpr std::size_t objectSize(std::size_t messages, std::size_t messageSize) {
   if (messages == 0 || messageSize == 0 || messageSize > kLargestObject) return 0;
   const std::size_t perMessage = kIndexEntrySize + slotSizeFor(messageSize);
-  // Divides first: limits may come from a foreign object, and their product could wrap.
+  // Divides instead of multiplying: limits may come from a foreign object, and their product could
+  // wrap.
   if (messages > (kLargestObject - kHeaderEnd) / perMessage) return 0;
   return kHeaderEnd + messages * perMessage;
 }
@@ -76,12 +77,12 @@ class Slots {
     return kHeaderEnd + entry * kIndexEntrySize;
   }
 
-  /// The offset that an index entry leads to: entries count from their own place.
+  /// The offset that an index entry points to: entries are relative to their own address.
   static std::uint64_t target(std::uint64_t entry, std::uint64_t untrusted) noexcept {
-    return entryOffset(entry) + untrusted;  // backwards is a number that wraps
+    return entryOffset(entry) + untrusted;  // a distance backwards wraps
   }
 
-  /// Whether a message of this length lies inside its slot.
+  /// Whether a message of this length fits into a slot.
   bool hold(std::uint64_t untrustedLength) const noexcept {
     return untrustedLength <= messageSize_;
   }

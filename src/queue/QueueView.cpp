@@ -24,12 +24,12 @@ namespace korvex {
 namespace {
 
 constexpr std::uint64_t kMostEntriesChecked = 65536;  // a hostile object may claim any number
-constexpr std::uint64_t kNoSlot = 0;                  // where every object has its init word
+constexpr std::uint64_t kNoSlot = 0;                  // the init word is there, never a slot
 constexpr std::size_t kCacheLine = 64;
 
-/// How many looks must find a free lock and odd fields before a queue counts as damaged. Between
-/// two reads of one look somebody may have taken the lock, changed a field twice and released the
-/// lock; that this happens in each of several looks is out of the question.
+/// How many checks must find odd fields under a free lock before a queue counts as damaged. Between
+/// two reads of one check a peer may have taken the lock, changed a field twice and released the
+/// lock; that this happens in every one of several checks is out of the question.
 constexpr unsigned kLooksUntilDamaged = 3;
 
 /// Prefaulted pages are mapped a second time and count twice in the RSS, so their total is capped.
@@ -39,12 +39,12 @@ std::atomic<std::size_t> fetchableBytes{0};
 #ifdef MADV_POPULATE_READ
 constexpr int kPopulateForReading = MADV_POPULATE_READ;
 #else
-constexpr int kPopulateForReading = 22;  // as Linux has it from 5.14 on
+constexpr int kPopulateForReading = 22;  // Linux 5.14 and newer
 #endif
 
 constexpr std::size_t kLongestPath = sizeof "/dev/shm//" + NAME_MAX;
 
-/// The header's fields as one look found them.
+/// The header's fields as they were read once.
 class Header {
  public:
   explicit Header(const unsigned char* untrusted) : bytes_(untrusted) {}
@@ -69,15 +69,15 @@ Integer load(const unsigned char* window, std::size_t offset) noexcept {
   return __atomic_load_n(reinterpret_cast<const Integer*>(window + offset), __ATOMIC_ACQUIRE);
 }
 
-/// What the creator fixed for as long as the queue lives.
+/// Checks what the creator fixed for the life of the queue.
 bool areLimitsSound(const Header& header, std::uint64_t fileSize) {
   return header.size(kIndexPointerOffset) == kIndexPointer &&
          QueueView::fileSize(header.size(kMaxMessagesOffset), header.size(kMaxMessageSizeOffset)) ==
              fileSize;
 }
 
-/// What every message changes. The queue library counts the first place down from the number of
-/// places when it goes round, and a build without optimisation stores that number for a moment.
+/// Checks what every message changes. When the ring wraps, the queue library counts `first` down
+/// from N, and a build without optimisation stores N, which is out of range, for a moment.
 bool isFillSound(const Header& header) {
   const std::uint64_t messages = header.size(kMaxMessagesOffset);
   return header.size(kMessagesOffset) <= messages && header.size(kFirstMessageOffset) < messages;
@@ -88,8 +88,8 @@ bool readNumber(int file, std::uint64_t offset, Integer& value) {
   return ::pread(file, &value, sizeof value, static_cast<off_t>(offset)) == ssize_t{sizeof value};
 }
 
-/// Whether each index entry leads to a slot, and no slot claims more bytes than it has. The queue
-/// library follows both without a look.
+/// Whether each index entry points to a slot, and no slot claims more bytes than it has. The queue
+/// library trusts both.
 bool areSlotsSound(int file, const Header& header) {
   const std::uint64_t messages = header.size(kMaxMessagesOffset);
   const Slots slots(messages, header.size(kMaxMessageSizeOffset));
@@ -110,8 +110,8 @@ bool isLocked(int file, const Header& header) {
   return header.word(kLockWordOffset) != 0 || (readNumber(file, kLockWordOffset, now) && now != 0);
 }
 
-/// What a look makes of an object. Nothing when it found odd fields under a free lock: only another
-/// look tells whether they stay.
+/// Judges an object. Empty if fields are odd while the lock is free: only another check shows
+/// whether they stay odd.
 std::optional<QueueView::State> judge(int file, const Header& header, std::uint64_t fileSize) {
   switch (header.word(kInitWordOffset)) {
     case kUninitialized:
@@ -128,7 +128,7 @@ std::optional<QueueView::State> judge(int file, const Header& header, std::uint6
   return std::nullopt;
 }
 
-/// What a creator that was killed leaves: zeros, but for the word that says how far it came.
+/// What a killed creator leaves: zeros, except for the init word.
 bool isBlank(const unsigned char* header, std::size_t size) {
   return header[0] <= kInitialized + 1 &&
          std::all_of(header + 1, header + size, [](unsigned char byte) { return byte == 0; });
@@ -139,7 +139,7 @@ class File {
  public:
   explicit File(const std::string& name) noexcept
       // Writable, as the queue library opens it: what it may not open must not look reachable.
-      // Non-blocking, so that a pipe under the name does not hold the caller up.
+      // Non-blocking, so that a pipe under the name does not block the caller.
       : descriptor_(::shm_open(name.c_str(), O_RDWR | O_NONBLOCK, 0)) {}
   ~File() {
     if (isOpen()) ::close(descriptor_);
@@ -188,8 +188,8 @@ void QueueView::release() noexcept {
   if (window_ != nullptr) ::munmap(const_cast<unsigned char*>(window_), windowSize_);
 }
 
-/// Reads, and maps only what is sound: a mapping of a file that is cut under it raises a signal,
-/// a read does not.
+/// Reads, and maps only what is sound: if the file is truncated meanwhile, touching a mapping
+/// raises SIGBUS, a read does not.
 void QueueView::look(int file) noexcept {
   state_ = State::Damaged;
   struct stat found = {};
@@ -231,7 +231,8 @@ void QueueView::keepWindow(int file, std::size_t size) noexcept {
   windowSize_ = size;
 }
 
-/// By the path, because a process that has no descriptor left must not take its queue for gone.
+/// Uses the path: a process that has run out of descriptors must not conclude that its queue is
+/// gone.
 bool QueueView::isStillNamed(const std::string& name) const noexcept {
   char path[kLongestPath];
   const int length = std::snprintf(path, sizeof path, "/dev/shm/%s", name.c_str());
@@ -247,7 +248,8 @@ bool QueueView::canBeQueue(int file) noexcept {
   const ssize_t size = ::pread(file, bytes, kHeaderEnd, 0);
   if (size < 0) return false;
   if (Header(bytes).size(kIndexPointerOffset) == kIndexPointer) return true;
-  // Zeros are what many programs' objects begin with; a queue has them before its header is made.
+  // A queue is all zeros before its header is written, but many programs' objects begin with zeros,
+  // too: only these sizes can be a queue's.
   const bool hasHeaderSize = static_cast<std::uint64_t>(found.st_size) >= kSmallestObject;
   return isBlank(bytes, kHeaderEnd) && (size <= ssize_t{kIndexPointerOffset} || hasHeaderSize);
 }
@@ -260,7 +262,7 @@ std::uint64_t QueueView::number(std::size_t offset) const noexcept {
   return load<std::uint64_t>(window_, offset);
 }
 
-/// The slot that an index entry leads to; kNoSlot when it leads elsewhere, or when the slot claims
+/// The slot that an index entry points to; kNoSlot if it points elsewhere, or if the slot claims
 /// more bytes than it has.
 std::uint64_t QueueView::slotOf(std::size_t entry) const noexcept {
   const Slots slots(maxMessages_, maxMessageSize_);
@@ -279,9 +281,9 @@ bool QueueView::isFillIntact(Use use) const noexcept {
   const auto stored = number(kMessagesOffset);
   const auto first = number(kFirstMessageOffset);
   if (stored > maxMessages_ || first >= maxMessages_) return false;
-  // The next message goes before the first entry, which is looked at for its priority; the one
-  // taken next is the last. The two numbers may be of different moments, but any pair of numbers
-  // in range leads to entries that are sound in a sound queue.
+  // The next message goes in before the first entry, whose priority the library reads; the one
+  // received next is the last. The two numbers may be from different moments, but in a sound queue
+  // any pair in range leads to sound entries.
   const std::size_t next = first == 0 ? maxMessages_ - 1 : first - 1;
   if (use != Use::Receive && (slotOf(first) == kNoSlot || slotOf(next) == kNoSlot)) return false;
   const std::size_t last =
@@ -294,7 +296,8 @@ bool QueueView::isIntact(Use use) const noexcept { return areLimitsIntact() && i
 bool QueueView::isDamaged(Use use) const noexcept {
   for (unsigned looks = 0; looks < kLooksUntilDamaged; ++looks) {
     if (!areLimitsIntact()) return true;
-    // Before and after: whoever holds it at either moment may have changed what was seen between.
+    // Before and after: a peer that holds it at either moment may have changed what was read
+    // between.
     const bool wasLocked = looksLocked();
     if (isFillIntact(use) || wasLocked || looksLocked()) return false;
   }
@@ -306,7 +309,7 @@ std::size_t QueueView::messages() const noexcept {
   return number(kMessagesOffset);
 }
 
-/// A processor fetches only pages that the process has at hand, so all are asked for, once.
+/// A prefetch works only on pages that are mapped already, so all are mapped now, once.
 bool QueueView::isFetchable() noexcept {
   if (fetching_ != Fetching::Unasked) return fetching_ == Fetching::Granted;
   fetching_ = Fetching::Refused;
@@ -322,7 +325,8 @@ bool QueueView::isFetchable() noexcept {
 std::size_t QueueView::fetchNext() noexcept {
   const std::uint64_t count = messages();
   const std::uint64_t first = number(kFirstMessageOffset);
-  // A single message is mostly one that the sender has just left: it is not held up by a copy.
+  // A single message was most likely just sent: the sender is done with the lock, and a slow copy
+  // under it holds nobody up.
   if (count < 2 || count > maxMessages_ || first >= maxMessages_ || !isFetchable()) return 0;
 
   const std::uint64_t slot = slotOf((first + count - 1) % maxMessages_);
@@ -348,7 +352,7 @@ bool QueueView::looksLocked() const noexcept {
 bool QueueView::isLockOwnerGone() const noexcept {
   const pid_t owner = lockOwner();
   if (owner <= 0 || !korvex::isLockOwnerGone(owner)) return false;
-  // A healthy owner may have given the lock back and ended between the two looks.
+  // A healthy owner may have released the lock and exited between the two checks.
   return looksLocked() && lockOwner() == owner;
 }
 

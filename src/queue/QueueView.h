@@ -11,27 +11,27 @@ namespace korvex {
 
 /// What can be seen of a queue's shared memory without touching its lock.
 ///
-/// The queue library opens whatever lies under a name: it waits forever for a half-made object and
-/// maps a cut one, to crash later. So the object is looked at first. The layout is the one that the
-/// library has had, unchanged, from release 1.63 to 1.81 on x86-64.
+/// The queue library opens whatever has the name: it waits forever for a half-made object, and maps
+/// a truncated one only to crash later. So the object is checked first. The layout has been the
+/// same from Boost 1.63 to 1.81 on x86-64.
 ///
-/// A live view can also tell how full the queue looks. That is a hint and may be old when it is
-/// read: good for deciding when to try, never a reason to believe that something happened.
+/// A live view also shows how full the queue looks. That is a hint and may be stale: good for
+/// deciding when to try, never proof that something happened.
 class QueueView {
  public:
   enum class State {
     Unreachable,  ///< cannot be opened: absent, forbidden, a bad name; systemError() says why
     Unfinished,   ///< looks like a queue that its creator is still making
     Damaged,      ///< nothing that the queue library could use
-    Busy,         ///< looks damaged, but its lock is taken: somebody may just be changing it
+    Busy,         ///< looks damaged, but its lock is taken: a peer may be changing it
     Sound
   };
 
-  /// Looks at nothing: unreachable.
+  /// A view of nothing: unreachable.
   QueueView() noexcept = default;
 
-  /// Looks at the object now, and keeps a read-only window on it when it is sound. Never throws,
-  /// never waits.
+  /// Checks the object now, and keeps a read-only mapping of it if it is sound. Never throws, never
+  /// waits.
   explicit QueueView(const std::string& name) noexcept;
   ~QueueView();
   QueueView(QueueView&& other) noexcept;
@@ -39,35 +39,35 @@ class QueueView {
 
   State state() const noexcept { return state_; }
 
-  /// The errno of a failed open or look, else 0.
+  /// The errno of a failed open, stat or mmap, else 0.
   int systemError() const noexcept { return systemError_; }
 
-  /// Limits as they were at the first look. 0 unless sound.
+  /// Limits as they were when first checked. 0 unless sound.
   std::size_t maxMessages() const noexcept { return maxMessages_; }
   std::size_t maxMessageSize() const noexcept { return maxMessageSize_; }
 
-  /// Whether `name` still leads to the object that was looked at. False once its owner removed or
-  /// replaced it: what is sent to it then is read by nobody.
+  /// Whether `name` still refers to the object in view. False once its owner removed or replaced
+  /// it: nobody reads what is sent to it then.
   bool isStillNamed(const std::string& name) const noexcept;
 
-  /// Whether an open file can be a queue: a sound one, one that is still being made, or what
-  /// became of one when it was cut or overwritten in part. For those who remove it.
+  /// Whether an open file can be a queue: a sound one, one that is still being made, or one that
+  /// was truncated or overwritten in part. For callers that remove it.
   static bool canBeQueue(int file) noexcept;
 
-  /// The size of a queue's object with these limits, in bytes; 0 when that is none or too much.
+  /// The size of a queue's object in bytes; 0 for limits that no queue can have.
   static std::size_t fileSize(std::size_t messages, std::size_t messageSize) noexcept;
 
-  /// What somebody is about to do with the queue. Looking at more would cost the other side the
-  /// bytes that it has at hand.
+  /// What the caller is about to do with the queue. Checking more than that would take cache lines
+  /// away from the other side.
   enum class Use { Send, Receive, Either };
 
-  /// Whether the queue still is what it was at the first look, as far as the next message goes: its
-  /// limits are the same, and what this use would touch lies inside the object. Costs a few reads;
-  /// only while the state is sound. Says nothing about the moment after. A sound queue may look
-  /// otherwise while the lock is taken: its peers change one field after the other.
+  /// Whether the queue is still sound as far as the next message goes: its limits are unchanged,
+  /// and what this use would touch lies inside the object. Costs a few reads; only while the state
+  /// is sound. Says nothing about the moment after. A sound queue may look damaged while the lock
+  /// is taken: peers change one field after the other.
   bool isIntact(Use use = Use::Either) const noexcept;
 
-  /// Whether the queue is not intact, and not because somebody with the lock is changing it. Only
+  /// Whether the queue is not intact, and not because a peer with the lock is changing it. Only
   /// while the state is sound.
   bool isDamaged(Use use = Use::Either) const noexcept;
 
@@ -76,15 +76,15 @@ class QueueView {
   bool looksFull() const noexcept { return messages() >= maxMessages_; }
   bool looksLocked() const noexcept;
 
-  /// Fetches the message that would be received next into this processor's cache, when it is not
-  /// the only one, and returns how many bytes that were.
+  /// Prefetches the message that would be received next into this core's cache, unless it is the
+  /// only one, and returns how many bytes that were.
   ///
-  /// Most of a copy's time goes into fetching bytes that another processor wrote. The library
-  /// copies under the lock, where that time would hold the sender up. Nothing is read, so whatever
-  /// the object says, nothing can come of it.
+  /// Most of a copy's time goes into fetching bytes that another core wrote. The library copies
+  /// under the lock, where that time would hold up the sender. A prefetch reads nothing and cannot
+  /// fault, so a damaged object does no harm.
   std::size_t fetchNext() noexcept;
 
-  /// The thread that holds the lock, by its id in its own PID namespace; 0 when nobody does.
+  /// The thread that holds the lock, by its id in its own PID namespace; 0 for none.
   pid_t lockOwner() const noexcept;
 
   /// Whether the lock's owner is certainly dead; see LockOwner.h. False where that cannot be known.

@@ -5,7 +5,7 @@
 
 namespace korvex {
 
-/// While it lives, signals to this thread wait.
+/// Blocks all signals to this thread for a scope.
 class SignalsBlocked {
  public:
   SignalsBlocked() noexcept {
