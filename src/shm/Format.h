@@ -9,10 +9,10 @@
 #include "korvex/ShmCommon.h"
 
 // Every number of the wire format: what producers and daemons of any version must agree on. All
-// integers of a batch are big-endian; a reply travels as it lies in memory.
+// integers of a batch are big-endian; a reply is sent as it is in memory.
 namespace korvex {
 
-// The metadata block, with which a batch starts.
+// The metadata block at the start of a batch.
 constexpr std::uint32_t kMetaDataMagic = 0xff00ee11;
 constexpr unsigned long kMetaDataSize = 8;
 constexpr unsigned long kEntryCountOffset = 4;
@@ -31,7 +31,7 @@ constexpr unsigned long kHeaderMagicOffset = 44;
 /// The smallest message that carries data: a record of one byte.
 constexpr unsigned long kSmallestDataBatch = kMetaDataSize + kHeaderSize + 1;
 
-// The fields lie in memory where they travel, which is what lets several be stored at once.
+// The fields have the same offsets in memory as on the wire, so that several can be stored at once.
 static_assert(offsetof(qmx_shm_message_t, len) == kLengthOffset, "type comes before");
 static_assert(offsetof(qmx_shm_message_t, sequence) == kSequenceOffset, "no padding");
 static_assert(offsetof(qmx_shm_message_t, segmentCount) == kSegmentCountOffset, "no padding");

@@ -9,18 +9,19 @@
 
 namespace korvex {
 
-/// Four 32-bit integers, each with its bytes the other way round.
+/// Swaps the bytes of each of four 32-bit integers.
 inline __m128i swappedWords(__m128i words) noexcept {
   const __m128i pairs = _mm_or_si128(_mm_slli_epi16(words, 8), _mm_srli_epi16(words, 8));
   return _mm_shufflehi_epi16(_mm_shufflelo_epi16(pairs, 0xb1), 0xb1);
 }
 
-/// Writes the header's bytes and returns the first byte after them. Inline for whoever packs one
-/// record after the other.
+/// Writes the header's bytes and returns a pointer past them. Inline, for code that packs one
+/// record after another.
 ///
-/// In memory the fields lie where they travel, so that four of them can go at once: packing is
-/// limited by how many stores the processor takes, not by how wide they are. The first fields go by
-/// themselves, for they change with every record, and a wide load would wait for them.
+/// The fields have the same offsets in memory as on the wire, so four of them are stored at once:
+/// packing is limited by the number of stores, not by their width. The first fields are stored
+/// separately: they change with every record, and a wide load would stall on the stores that
+/// changed them.
 inline unsigned char* putHeader(unsigned char* bytes, const qmx_shm_message_t& header) noexcept {
   const std::uint64_t typeAndLen = joined(header.type, header.len);
   const std::uint64_t sequence = header.sequence;
@@ -29,7 +30,7 @@ inline unsigned char* putHeader(unsigned char* bytes, const qmx_shm_message_t& h
       _mm_loadu_si128(reinterpret_cast<const __m128i*>(source + kSegmentCountOffset));
   const __m128i last = _mm_loadu_si128(reinterpret_cast<const __m128i*>(source + kAlgParamsOffset));
   putBig64(putBig64(bytes, typeAndLen), sequence);
-  // The 64-bit count has its two words the other way round as well.
+  // The 64-bit count needs its two words swapped, too.
   const __m128i countFirst = _mm_shuffle_epi32(swappedWords(middle), 0xe1);
   _mm_storeu_si128(reinterpret_cast<__m128i*>(bytes + kSegmentCountOffset), countFirst);
   _mm_storeu_si128(reinterpret_cast<__m128i*>(bytes + kAlgParamsOffset), swappedWords(last));

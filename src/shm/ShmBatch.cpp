@@ -109,7 +109,7 @@ void ShmBatch::getEntriesFromBuffer(std::queue<Entry>& entries, const unsigned c
   validBufferSizeAssert(size);
   MetaData found;
   const unsigned char* position = found.deserializeFromBuffer(buffer);
-  // Only now: a buffer that is no batch at all leaves the caller's queue alone.
+  // Only now: a buffer that is not a batch leaves the caller's queue unchanged.
   entries = std::queue<Entry>();
   qmx_shm_message_t header;
   for (std::uint32_t i = 0; i < found.numEntries; ++i) entries.push(takeEntry(position, header));

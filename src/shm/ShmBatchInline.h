@@ -11,14 +11,14 @@
 #include "korvex/ShmBatch.h"
 #include "shm/HeaderBytes.h"
 
-// Appending a record, inline for the batch and the writer alike: for a short record a call costs
+// Appends a record; inline for both the batch and the writer, since for a short record a call costs
 // more than the copy.
 namespace korvex {
 
 constexpr std::size_t kCopiedWord = 16;
 constexpr std::size_t kLongestCopyInPlace = 8 * kCopiedWord;
 
-/// Whether a block is copied without a call, which would cost more than the copy: 16 to 128 bytes.
+/// Whether a block is copied inline, because a call would cost more than the copy: 16 to 128 bytes.
 inline bool isCopiedInPlace(std::size_t size) noexcept {
   return size >= kCopiedWord && size <= kLongestCopyInPlace;
 }
@@ -33,7 +33,7 @@ inline void copyShort(unsigned char* to, const unsigned char* from, std::size_t 
     std::memcpy(to, from, size);
     return;
   }
-  // The last word overlaps the one before it, unless the block is a number of whole words.
+  // The last word overlaps the one before it, unless the size is a multiple of a word.
   for (std::size_t at = 0; at < size - kCopiedWord; at += kCopiedWord) copyWord(to + at, from + at);
   copyWord(to + size - kCopiedWord, from + size - kCopiedWord);
 }
@@ -48,18 +48,19 @@ inline bool ShmBatch::hasRoom(std::uint32_t length) const noexcept {
   return std::uint64_t{length} + kHeaderSize <= bufferSize_ - usedSize_;
 }
 
-/// Keeps the compiler from moving stores from one side to the other. A copy can fault, and a
-/// handler that jumps out of it must find nothing of what comes after.
+/// Keeps the compiler from moving stores across it. A copy can fault, and a handler that jumps out
+/// of it must not find later stores already done.
 inline void keepStoresApart() noexcept { std::atomic_signal_fence(std::memory_order_seq_cst); }
 
-/// For a record that has room, and data unless its length is 0. Commits after the copy: a producer
-/// that maps a file which shrinks may leave the copy by a jump, and refuses the record with that.
+/// The record must fit and have data unless its length is 0. Commits after the copy: a producer
+/// whose mapped input file shrinks may jump out of the copy (SIGBUS), and the record is then not in
+/// the batch.
 [[gnu::always_inline]] inline void ShmBatch::put(const qmx_shm_message_t& header,
                                                  const unsigned char* data,
                                                  std::uint32_t length) noexcept {
   assert(hasRoom(length) && (length == 0 || data != nullptr));
   unsigned char* const place = putHeader(writePos_, header);
-  keepStoresApart();  // what the caller has stored stays stored, the record's number above all
+  keepStoresApart();  // what the caller has stored stays stored, above all the sequence number
   if (length != 0) copyShort(place, data, length);
   keepStoresApart();
   writePos_ = place + length;
@@ -68,7 +69,7 @@ inline void keepStoresApart() noexcept { std::atomic_signal_fence(std::memory_or
   putMetaData(raw_, metaData_);
 }
 
-/// For a record that has room.
+/// The record must fit.
 inline void ShmBatch::append(const qmx_shm_message_t& header, const unsigned char* data) {
   assert(hasRoom(header.len));
   if (header.len != 0 && data == nullptr) {

@@ -52,12 +52,12 @@ const unsigned char* qmx_shm_message_t::deserializeFromBuffer(const unsigned cha
 
 std::ostream& operator<<(std::ostream& stream, const qmx_shm_message_t& header) {
   stream.width(0);
-  // The sequence leads, unlike in the bytes: a reader of a log looks for it first.
+  // The sequence comes first, unlike on the wire: it is what a reader of a log looks for.
   const std::string text =
       textOf('(', header.sequence, ',', header.type, ',', header.len, ',', header.segState, ',',
              header.segmentCount, ',', header.segmentEmpty, ',', header.algParam1, ',',
              header.algParam2, ',', header.algParam3, ',', header.magic, ')');
-  // Unformatted, so neither the caller's width, fill and base nor its locale reach the digits.
+  // Unformatted output, so the caller's width, fill, base and locale do not affect the digits.
   return stream.write(text.data(), static_cast<std::streamsize>(text.size()));
 }
 

@@ -22,28 +22,29 @@ constexpr unsigned int kMinTimeout = 1;
 constexpr unsigned int kMaxTimeout = 86400;
 constexpr unsigned int kSendPriority = 1;
 
-/// A daemon makes a queue in an instant; one that is half-made for longer was left by a dead one.
+/// A daemon makes a queue in an instant; one that stays half-made for longer was left by a dead
+/// daemon.
 constexpr std::chrono::seconds kLongestOpening{5};
 constexpr int kNoMessageCode = -1;
 
-// The process that takes the batches, as the timeout's text names it.
+// The receiving process, as the timeout's text names it.
 const std::string KorvexdProcessName = "korvexd";
 
 std::uint32_t low32(std::uint64_t value) { return static_cast<std::uint32_t>(value); }
 
-/// Most records repeat most of the header: a read that finds its value costs less than a store,
-/// which the wide loads behind it would have to wait for.
+/// Stores a value only if it changed. Most records repeat most of the header, and a read that finds
+/// its value costs less than a store, on which the wide loads that follow would stall.
 template <typename Value, typename Other>
 void storeIfOther(Value& place, Other other) noexcept {
   const Value value = other;
   if (__builtin_expect(place != value, 0)) place = value;
 }
 
-/// The moment `timeout` seconds after the current whole second of UTC. The cut to the second makes
-/// a wait up to one second shorter than asked for, and the signed count makes a timeout above
-/// 2147483647 a deadline in the past; both are how deadlines here have always been counted.
+/// The time `timeout` seconds after the current whole second of UTC. Truncating to the second makes
+/// a wait up to one second shorter than asked for, and the signed count puts the deadline for a
+/// timeout above 2147483647 in the past; deadlines here have always been counted this way.
 ///
-/// Told on the steady clock, so that a clock that is set meanwhile does not move it.
+/// Returned on the steady clock, so that setting the system clock does not move it.
 MessageQueue::Clock::time_point deadlineAfter(unsigned int timeout) {
   namespace time = boost::posix_time;
   const time::ptime deadline =
@@ -103,7 +104,7 @@ ShmWriter::~ShmWriter() {
   try {
     ShmWriter::close();
   } catch (...) {
-    // Nobody is left to tell: destruction must go on.
+    // No one is left to report it to: destruction must go on.
   }
 }
 
@@ -116,12 +117,12 @@ void ShmWriter::open() {
   segmentHeader_.segmentCount = 0;
   segmentHeader_.segmentEmpty = 1;
   segmentHeader_.segState = 0;
-  // Parameters 1 and 3 keep what the stream before left in them; readers rely on the second only.
+  // Parameters 1 and 3 keep the previous stream's values; readers rely on the second only.
   segmentHeader_.algParam2 = 0;
   trace("ShmWriter:open: korvex msgQueueName is %s ", msgQueueName_.c_str());
   write_data(&segmentHeader_, nullptr, timeout_, true);
-  // After the write, unlike every other record: the open record carries 0, the next one 2, and no
-  // record ever carries 1.
+  // Incremented after the write, unlike for every other record: the open record carries 0, the next
+  // one 2, and no record ever carries 1.
   ++segmentHeader_.sequence;
   isOpen = true;
 }
@@ -135,7 +136,8 @@ void ShmWriter::close() {
 
 void ShmWriter::stop(bool useStopTimeout) {
   const AutoTrace scope("stop");
-  // Open or not, and without closing: a stop may be all that a failing producer still gets out.
+  // Open or not, and without closing: a stop may be the last thing that a failing producer can
+  // send.
   writeFinalRecord(kTypeStop, useStopTimeout ? stopTimeout_ : timeout_);
 }
 
@@ -178,7 +180,7 @@ inline void ShmWriter::prepareSegment(std::uint32_t length) {
   if (length != 0) storeIfOther(segmentHeader_.segmentEmpty, 0U);
 }
 
-/// Whether a segment needs nothing but to be packed.
+/// Whether a segment only needs to be packed: no error, no send, no special case.
 inline bool ShmWriter::isOrdinary(const unsigned char* data, std::uint32_t length) const {
   const bool isLimited = segState_ == KORVEX_SEG_STATE_LIMITED;
   return isOpen && (isLimited || segState_ == KORVEX_SEG_STATE_UNLIMITED) && firstSegment_ &&
@@ -186,8 +188,9 @@ inline bool ShmWriter::isOrdinary(const unsigned char* data, std::uint32_t lengt
          length != 0 && batch_->hasRoom(length);
 }
 
-/// The short way for what producers do nearly always: stores into the batch are what a short record
-/// costs, so that there are few others, and no call that registers would have to be saved for.
+/// The fast path, for what producers nearly always do. A short record costs as much as its stores,
+/// so there are few beside those into the batch, and no call for which registers would have to be
+/// saved.
 void ShmWriter::writeSegment(const unsigned char* data, unsigned long length) {
   const std::uint32_t cut = low32(length);
   if (!isKnownUntraced() || !isOrdinary(data, cut)) return writeSegmentInFull(data, length);
@@ -198,7 +201,7 @@ void ShmWriter::writeSegment(const unsigned char* data, unsigned long length) {
   storeIfOther(lastHeaderType_, kTypeSegmentData);
 }
 
-/// The end of the short way when the copy is a call.
+/// The end of the fast path when the copy is a call.
 void ShmWriter::packSegment(const unsigned char* data) noexcept {
   batch_->put(segmentHeader_, data, segmentHeader_.len);
   storeIfOther(lastHeaderType_, kTypeSegmentData);
@@ -210,8 +213,9 @@ void ShmWriter::writeSegmentInFull(const unsigned char* data, unsigned long leng
   if (segState_ != KORVEX_SEG_STATE_LIMITED && segState_ != KORVEX_SEG_STATE_UNLIMITED) {
     refuseAlgorithm();
   }
-  // Nothing ever clears firstSegment, so streams may mix algorithms and the refusal is out of
-  // reach. Daemons have come to accept mixed streams; both the flag and the test stay as they are.
+  // Nothing ever clears firstSegment_, so streams may mix algorithms and the refusal is
+  // unreachable. Daemons have come to accept mixed streams, so the flag and the check stay as they
+  // are.
   if (firstSegment_) {
     lastSegState_ = segState_;
   } else if (segState_ != lastSegState_) {
@@ -242,7 +246,7 @@ void ShmWriter::endSegment() {
   if (!isOpen) {
     throwError(kStatusWrongState, "Could not end segment data because ShmWriter is not open");
   }
-  // Whoever wrote the last record: a segment end written directly counts as well.
+  // However the last record was written: a segment end from write_data() counts, too.
   if (lastHeaderType_ == kTypeSegmentEnd) {
     trace("%s: ignoring redundant %u header", "endSegment", kTypeSegmentEnd);
     return;
@@ -260,7 +264,7 @@ void ShmWriter::write_data(const qmx_shm_message_t* header, const unsigned char*
   const AutoTrace scope("write_data");
   trace("%s: write header.type =%d, len=%d, timeout=%us", "write_data", header->type, header->len,
         timeout);
-  // Before the benchmark switch: a measured producer must fail where a real one would.
+  // Checked before the benchmark switch: a measured producer must fail where a real one would.
   if (header->len > MAX_SEGMENT_SIZE && header->segState != KORVEX_SEG_STATE_UNLIMITED) {
     refuseOversized(*header);
   }
@@ -270,7 +274,7 @@ void ShmWriter::write_data(const qmx_shm_message_t* header, const unsigned char*
              "write_data");
     return;
   }
-  // No Entry is built: copying the header once more costs as much as packing it.
+  // Builds no Entry: copying the header again costs as much as packing it.
   if (!batch_->hasRoom(header->len)) makeRoom(*header, timeout);
   batch_->append(*header, data);
   lastHeaderType_ = header->type;
@@ -282,8 +286,8 @@ void ShmWriter::refuseOversized(const qmx_shm_message_t& header) const {
              " bytes, but the maximum allowed segment size is ", MAX_SEGMENT_SIZE, " bytes");
 }
 
-/// Sends the batch, also an empty one, so that a record too large for any batch is preceded by
-/// everything before it.
+/// Sends the batch, even an empty one: by the time a record is refused as too large for any batch,
+/// everything before it has been sent.
 void ShmWriter::makeRoom(const qmx_shm_message_t& header, unsigned int timeout) {
   flush_shm_buffer(timeout);
   if (batch_->hasRoom(header.len)) return;
@@ -308,11 +312,12 @@ void ShmWriter::sendBatch(unsigned int timeout) {
 
 /// Takes at most one reply. It may belong to an earlier batch: the daemon answers at its own pace.
 void ShmWriter::raiseReply() {
-  // A reply may be shorter than the record; what is missing must read as zero, not as the text of
-  // an earlier reply. And when none is there the last one stays.
+  // A reply may be shorter than the struct; the missing bytes must read as zero, not as the text of
+  // an earlier reply. If there is no reply, the last one stays.
   qmx_shm_response_t received;
   std::size_t size = 0;
-  // A lock that is taken is no reply: the batch is on its way, and the next flush finds the reply.
+  // A taken lock means no reply for now: the batch has been sent, and the next flush takes the
+  // reply.
   if (responseQueue_->tryReceive(&received, sizeof received, size) != MessageQueue::Outcome::Done) {
     return;
   }

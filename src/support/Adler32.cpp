@@ -9,7 +9,7 @@ namespace {
 
 constexpr std::uint32_t kModulus = 65521;  // the largest prime below 2^16
 
-// The most bytes that can be summed before the second sum could pass 32 bits.
+// The most bytes that can be summed before the second sum could exceed 32 bits.
 constexpr std::size_t kBytesBetweenReductions = 5552;
 
 constexpr std::size_t kBlockSize = 16;
@@ -36,9 +36,9 @@ std::uint64_t sumOfLanes(__m128i lanes) noexcept {
   return std::uint64_t{values[0]} + values[1] + values[2] + values[3];
 }
 
-/// Adds blocks of 16 bytes, each with a few instructions that every x86-64 processor has. A byte
-/// enters the second sum once for itself and once for every byte after it: inside its block by a
-/// weight of 16 for the first byte to 1 for the last, and 16 times for every later block.
+/// Adds blocks of 16 bytes with SSE2, which every x86-64 processor has. A byte enters the second
+/// sum once for itself and once for every byte after it: within its block with a weight from 16 for
+/// the first byte to 1 for the last, and 16 times for every later block.
 void addBlocks(Sums& sums, const unsigned char* data, std::size_t count) noexcept {
   const __m128i zero = _mm_setzero_si128();
   const __m128i firstWeights = _mm_setr_epi16(16, 15, 14, 13, 12, 11, 10, 9);
@@ -60,7 +60,7 @@ void addBlocks(Sums& sums, const unsigned char* data, std::size_t count) noexcep
   sums.first += static_cast<std::uint32_t>(sumOfLanes(bytes));
 }
 
-/// One stretch that ends with a reduction.
+/// Adds one run and reduces the sums.
 void addRun(Sums& sums, const unsigned char* data, std::size_t length) noexcept {
   const std::size_t blocks = length / kBlockSize;
   const std::size_t inBlocks = blocks * kBlockSize;
@@ -76,7 +76,8 @@ std::uint32_t adler32(const unsigned char* data, std::size_t length) noexcept {
   if (data == nullptr) return 1;
   Sums sums;
   if (length < kBlockSize) {
-    // So few bytes bring neither sum to the modulus, and the reduction would take longer than they.
+    // So few bytes keep both sums below the modulus, and a reduction would take longer than the
+    // bytes.
     addBytes(sums, data, length);
     return sums.value();
   }

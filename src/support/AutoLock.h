@@ -5,8 +5,8 @@
 
 /// Holds a POSIX mutex for a scope. The mutex must outlive it.
 ///
-/// The results of locking and unlocking are not looked at: on a sound mutex of the default kind
-/// neither can fail, and a destructor could not tell anybody.
+/// The results of locking and unlocking are ignored: on a valid mutex of the default kind neither
+/// can fail, and a destructor could not report it.
 class AutoLock {
  public:
   explicit AutoLock(pthread_mutex_t* mutex) : mutex_(mutex) { pthread_mutex_lock(mutex_); }

@@ -21,7 +21,7 @@ inline unsigned char* putBig64(unsigned char* bytes, std::uint64_t value) noexce
   return bytes + sizeof swapped;
 }
 
-/// Two neighbours as one integer, so that they travel with one store.
+/// Two adjacent fields as one integer, to be written with one store.
 inline std::uint64_t joined(std::uint32_t first, std::uint32_t second) noexcept {
   return std::uint64_t{first} << 32 | second;
 }

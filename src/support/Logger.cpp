@@ -13,9 +13,9 @@ namespace {
 
 constexpr std::size_t kMessageCapacity = 4096;  // one for the NUL
 
-// The line is the platform's format, with nothing behind it, and is read a second time there. A
-// "%s" in front would change what is written: components double their percent signs for both
-// readings. Compilers are right to warn of it everywhere but here.
+// The line is passed as the platform's format, without arguments, and is interpreted again there.
+// Passing it to a "%s" would change the output: components double their percent signs for both
+// readings. The compiler's warning is right everywhere but here.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-security"
 
@@ -41,7 +41,7 @@ void handOverTrace(const char* line) { __TraceA(line); }
 
 Logger::Logger(const std::string& name) : componentName_(name) {}
 
-// The level is looked at last, so a null name is refused at every level.
+// The level is checked last, so a null name is refused at every level.
 void Logger::log(KorvxServerLoglevel level, const char* function, int code, const char* format,
                  ...) {
   char message[kMessageCapacity] = {};
@@ -60,7 +60,7 @@ void Logger::logTrace(const char* function, const char* format, ...) {
   std::vsnprintf(message, sizeof message, format, arguments);
   va_end(arguments);
   const std::string line = composeLine(function, message);
-  // Tracing may have been switched off meanwhile; whoever did that wants no more lines.
+  // Tracing may have been switched off meanwhile; then no more lines are wanted.
   if (isTracing()) handOverTrace(line.c_str());
 }
 

@@ -9,9 +9,9 @@
 
 namespace korvex {
 
-/// A stream of the library's own. Numbers are plain decimal digits: a global locale with grouping
-/// would otherwise put separators into texts that programs compare. Running out of memory throws: a
-/// stream left to itself would give half a text.
+/// The library's own kind of stream. Numbers are plain decimal digits: a global locale with
+/// grouping would otherwise put separators into texts that programs compare. Running out of memory
+/// throws; by default the text would be silently truncated.
 inline std::ostringstream plainStream() {
   std::ostringstream stream;
   stream.exceptions(std::ios::badbit);
@@ -19,7 +19,7 @@ inline std::ostringstream plainStream() {
   return stream;
 }
 
-/// The pieces, one after the other.
+/// The pieces, concatenated.
 template <typename... Pieces>
 std::string textOf(const Pieces&... pieces) {
   std::ostringstream stream = plainStream();
@@ -27,7 +27,7 @@ std::string textOf(const Pieces&... pieces) {
   return stream.str();
 }
 
-/// Every error of the library leaves through here. The location text is always empty.
+/// Every error of the library is thrown here. The location is always empty.
 template <typename... Pieces>
 [[noreturn]] void throwError(ov_status_t status, const Pieces&... pieces) {
   throw Ov_ErrnoException(status, textOf(pieces...), "");

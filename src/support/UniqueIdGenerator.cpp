@@ -6,19 +6,19 @@
 namespace korvex {
 namespace {
 
-// The process that takes the batches, under the name that the writer's unit gives it. Nothing in
-// this unit reads it.
+// The receiving process, named as in the writer's unit. Not used in this unit.
 [[maybe_unused]] const std::string KorvexdProcessName = "korvexd";
 
 }  // namespace
 
-/// Gives a forked child both locks of the process's generator as new: one that another thread held
-/// at that moment would stay taken forever.
+/// Reinitialises both locks of the process's generator in a forked child: one that another thread
+/// held at that moment would stay taken forever.
 ///
-/// The parent takes neither for it. A thread may draw while it holds a lock of its own that another
-/// fork handler wants, and the two would wait for each other. The counter is one aligned word, so
-/// it is whole at any moment. Made while the library is loaded, and the generator with it: a first
-/// call that a fork interrupts would leave the compiler's guard taken as well.
+/// The parent takes neither lock before the fork: a thread in generateId() may hold a lock of its
+/// own that another fork handler wants, and the two would deadlock. The counter is one aligned
+/// word, so it is consistent at any moment. Created when the library is loaded, together with the
+/// generator: a fork during a first call would leave the compiler's static initialisation guard
+/// taken, too.
 class UniqueIdGenerator::ForkGuard {
  public:
   ForkGuard() {
@@ -44,8 +44,8 @@ const UniqueIdGenerator::ForkGuard UniqueIdGenerator::ForkGuard::madeAtLoad;
 
 UniqueIdGenerator* UniqueIdGenerator::getInstance() {
   static pthread_mutex_t singletonLock = PTHREAD_MUTEX_INITIALIZER;
-  // The compiler guards the first construction as well; the lock on every call is on top of that,
-  // on purpose: it holds wherever the library is built, even without that guard.
+  // The compiler guards the first construction, too. The lock on every call is there on purpose: it
+  // holds even where the library is built without that guard.
   const AutoLock lock(&singletonLock);
   static UniqueIdGenerator instance;  // GCOVR_EXCL_BR_LINE: under the lock nobody is first but us
   ForkGuard::singletonLock = &singletonLock;
@@ -61,8 +61,8 @@ std::string UniqueIdGenerator::generateId(const std::string& prefix) {
   std::ostringstream id = plainStream();
   const AutoLock lock(&mutex_);
   id << prefix << "_" << counter_;
-  // A number that is in the text is spent, even when memory runs out while the text is copied: a
-  // gap is harmless, a repeat is not. One that never got there is still to be had.
+  // A number that is in the text is used up, even if memory runs out while the text is copied: a
+  // gap is harmless, a repeat is not. A number that never got there is used next time.
   ++counter_;
   return id.str();
 }
