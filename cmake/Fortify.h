@@ -1,5 +1,5 @@
-// Included before everything else in hardened builds. The checks of the C library need an
-// optimising compiler and warn without one, and whether it optimises is known only here.
+// Included before everything else in hardened builds. _FORTIFY_SOURCE needs optimisation and warns
+// without it, and only the preprocessor knows whether it is on.
 #if defined(__OPTIMIZE__) && !defined(_FORTIFY_SOURCE)
 #define _FORTIFY_SOURCE 2
 #endif

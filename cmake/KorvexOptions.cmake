@@ -1,4 +1,4 @@
-# Targets that carry options to whoever links them. Nothing here is global.
+# Targets that carry options to the targets that link them. Nothing here is global.
 
 add_library(korvex_warnings INTERFACE)
 target_compile_options(korvex_warnings INTERFACE
@@ -11,8 +11,8 @@ if(KORVEX_SANITIZE)
   target_link_options(korvex_sanitizers INTERFACE -fsanitize=${KORVEX_SANITIZE})
 endif()
 
-# What makes a bug harder to abuse. Not under sanitizers, which look closer themselves and do not see
-# through the checked functions of the C library.
+# Makes a bug harder to exploit. Not with sanitizers, which check more themselves and cannot see
+# through the C library's fortified functions.
 add_library(korvex_hardening INTERFACE)
 if(KORVEX_HARDENING AND NOT KORVEX_SANITIZE)
   include(CheckPIESupported)
