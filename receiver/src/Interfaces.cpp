@@ -1,7 +1,7 @@
 #include "korvex/receiver/Observer.h"
 #include "korvex/receiver/Sink.h"
 
-// The interfaces' tables live here, so that every binary has the same ones.
+// The interfaces' vtables are emitted here, so that all binaries share them.
 namespace korvex::receiver {
 
 Sink::~Sink() = default;

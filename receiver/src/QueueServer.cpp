@@ -9,7 +9,7 @@
 namespace korvex::receiver {
 namespace {
 
-/// Long enough that many idle queues cost next to nothing, short enough that nobody notices.
+/// Long enough that many idle queues cost next to nothing, short enough to go unnoticed.
 constexpr std::chrono::milliseconds kLongestPause{25};
 
 constexpr std::chrono::seconds kWatchPeriod{1};
@@ -54,7 +54,7 @@ bool QueueServer::serveOnce() noexcept {
   }
 }
 
-/// A producer may have closed its stream already.
+/// The close of an open stream may be among the messages that wait.
 void QueueServer::drain() noexcept {
   if (pair_ == nullptr) return;
   try {
@@ -84,8 +84,8 @@ void QueueServer::reportUntaken() {
   if (untaken > 0) observer_.messagesLeft(untaken);
 }
 
-/// Tries one message. An empty queue whose lock is taken is tried as well: the one who holds the
-/// lock may be dead.
+/// Tries one message. Tries an empty queue, too, if its lock is taken: the lock's owner may be
+/// dead.
 bool QueueServer::step() {
   if (pair_ == nullptr) {
     reopen();
@@ -97,14 +97,14 @@ bool QueueServer::step() {
     return true;
   }
   if (!isIdle()) return tryTakeMessage();
-  // Noticed now, a lost reply queue costs nobody a stream: found only at the next open record, it
+  // A lost reply queue that is noticed now costs no stream; noticed at the next open record, it
   // would.
   pair_->replies().checkLock();
   watchQueues();
   return false;
 }
 
-/// Pauses when there was none to be had.
+/// Pauses if there was none.
 bool QueueServer::tryTakeMessage() {
   std::size_t size = 0;
   if (!receive(message_, size)) {
@@ -129,8 +129,8 @@ bool QueueServer::isIdle() {
   return batches.messages() == 0 && !batches.looksLocked();
 }
 
-/// A queue without its name would be served forever, and no producer would find it. One that was
-/// overwritten while nobody used it would be noticed by its next producer only.
+/// A queue that lost its name would be served forever, and no producer would find it. One that was
+/// overwritten while idle would be noticed only when its next producer comes.
 void QueueServer::watchQueues() {
   watchStream();
   const auto now = Clock::now();
@@ -140,7 +140,7 @@ void QueueServer::watchQueues() {
   if (!defect.empty()) replacePair(defect);
 }
 
-/// Any batch is a sign of life, an empty one too.
+/// Any batch is a sign of life, even an empty one.
 void QueueServer::watchStream() {
   answer(session_.checkSink());
   const auto& limit = settings_.idleTimeout;
@@ -167,13 +167,13 @@ void QueueServer::sayFinishing() {
   if (replies_->isAllTaken()) replies_->send(finishingReply());
 }
 
-/// A producer that waits for its receipt sends empty batches, and gets a reply with each that finds
-/// room. Anything else has to wait.
+/// A producer that waits for its receipt sends empty batches, and takes a reply with each that
+/// finds room. Any other message has to wait.
 void QueueServer::takeEmptyBatches() {
   next_.resize(message_.size());
   std::size_t size = 0;
   while (!nextSize_ && !isIdle() && receive(next_, size)) {
-    nextSize_ = size;  // kept, should memory run out here
+    nextSize_ = size;  // kept if memory runs out here
     if (BatchCheck(next_.data(), size).ok() && holdsNoRecord(next_, size)) nextSize_.reset();
   }
 }
@@ -193,14 +193,14 @@ void QueueServer::takeMessage(std::size_t size) {
   } else {
     refuseBatch(check.text());
   }
-  lastSign_ = Clock::now();  // after it: a slow sink is not the producer's silence
+  lastSign_ = Clock::now();  // after the sink: its slowness is not the producer's silence
 }
 
 void QueueServer::takeRecords(std::size_t size) {
   ShmBatch::getEntriesFromBuffer(records_, message_.data(), size);
   for (; !records_.empty(); records_.pop()) {
     const ShmBatch::Entry& record = records_.front();
-    // What still lies there was meant for an earlier producer; this one would take it as its own.
+    // Unread replies were meant for an earlier producer; this one would take them as its own.
     if (record.header.type == kTypeOpen) replies_->withdraw();
     answer(session_.take(record));
   }
@@ -227,7 +227,7 @@ void QueueServer::replacePair(const std::string& reason) noexcept {
   pause_.reset();
 }
 
-/// Tried again until it succeeds: somebody else may have taken the name, or the memory.
+/// Retried until it succeeds: another process may have taken the name, or the memory.
 void QueueServer::reopen() noexcept {
   try {
     open(Receiver::Existing::Refuse);

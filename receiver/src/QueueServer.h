@@ -21,8 +21,8 @@ namespace korvex::receiver {
 /// What a Receiver is made of: receives, checks, hands on, answers.
 class QueueServer {
  public:
-  /// What takes longer than this at the end is a disk or a producer that hangs; a supervisor kills
-  /// a daemon after ten seconds or more.
+  /// If the end takes longer than this, a disk or a producer hangs. A supervisor kills a daemon
+  /// after ten seconds or more.
   static constexpr std::chrono::seconds kDrainPatience{3};
 
   QueueServer(Receiver::Settings settings, SinkFactory openSink, Observer& observer);

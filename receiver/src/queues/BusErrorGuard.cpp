@@ -5,12 +5,12 @@
 namespace korvex::receiver {
 namespace {
 
-struct sigaction before = {};  ///< what the host does about SIGBUS
+struct sigaction before = {};  ///< the host's handling of SIGBUS
 
 void onBusError(int number, siginfo_t* info, void*) {
   const bool isFault = info->si_code > 0;  // not one that a process has sent
   if (isFault && busErrorRecovery != nullptr) ::siglongjmp(*busErrorRecovery, 1);
-  // Nothing of ours: it comes once more, and finds the host's own way.
+  // Not ours: restore the host's handling. A fault recurs by itself, a sent signal is raised again.
   ::sigaction(number, &before, nullptr);
   if (!isFault) ::raise(number);
 }

@@ -9,13 +9,13 @@
 
 namespace korvex::receiver {
 
-/// The memory of a queue ended before the queue did.
+/// A queue's memory is gone: truncated, or not to be had from the system.
 class MemoryLost : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-/// Where this thread goes on after a SIGBUS; null outside of a guarded step.
+/// Where this thread continues after a SIGBUS; null outside of a guarded step.
 extern thread_local sigjmp_buf* busErrorRecovery;
 
 [[noreturn]] void throwMemoryLost();
@@ -23,9 +23,9 @@ extern thread_local sigjmp_buf* busErrorRecovery;
 /// Runs a step that touches a queue. Turns SIGBUS (the object was truncated, or /dev/shm is full)
 /// into MemoryLost, where the guard is installed.
 ///
-/// The step is left where it was, without its destructors. That is right here because a queue's
-/// memory is touched by nothing but plain reads, writes and copies of the queue library; what it
-/// leaves behind is the queue's lock, and the queue is lost anyway. So a step holds nothing else.
+/// The jump skips the step's destructors. That is safe because only the queue library's plain
+/// reads, writes and copies touch a queue's memory: all they leave behind is the queue's lock, and
+/// the queue is lost anyway. So a step must not hold anything else.
 template <typename Step>
 auto surviveBusError(Step step) {
   sigjmp_buf place;
@@ -33,7 +33,7 @@ auto surviveBusError(Step step) {
     busErrorRecovery = nullptr;
     throwMemoryLost();
   }
-  // Takes the recovery back on every ordinary way out.
+  // Clears the recovery on every ordinary way out.
   const struct Recovery {
     explicit Recovery(sigjmp_buf& to) { busErrorRecovery = &to; }
     ~Recovery() { busErrorRecovery = nullptr; }

@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::string_view kStart = ".korvexd-";
 
-/// The namespace in which a process id is meant; 0 where the system does not tell.
+/// The PID namespace of this process; 0 if unknown.
 ino_t processNamespace() noexcept {
   struct stat found = {};
   return ::stat("/proc/self/ns/pid", &found) == 0 ? found.st_ino : 0;
@@ -26,8 +26,8 @@ ino_t processNamespace() noexcept {
 
 bool isAlive(pid_t process) noexcept { return ::kill(process, 0) == 0 || errno != ESRCH; }
 
-/// Whether a dead daemon of this namespace called a queue so. Where namespaces cannot be told
-/// apart, a process id that is free here may be a living daemon's elsewhere.
+/// Whether this is a temporary name that a dead daemon of this namespace gave. False if the
+/// namespace is unknown: a process id that is free here may be a living daemon's elsewhere.
 bool isLeftOver(const std::string& name) {
   const ino_t here = processNamespace();
   if (here == 0 || name.compare(0, kStart.size(), kStart) != 0) return false;

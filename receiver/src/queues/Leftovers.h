@@ -8,7 +8,7 @@
 namespace korvex::receiver {
 
 /// A name for a queue that is being made: ".korvexd-PID-NAMESPACE-RANDOM-RANDOM". The process id
-/// alone would not do: daemons in containers share the folder and their small ids.
+/// alone would not be unique: daemons in containers share /dev/shm and have the same small ids.
 std::string temporaryQueueName();
 
 }  // namespace korvex::receiver

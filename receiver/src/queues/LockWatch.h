@@ -12,33 +12,34 @@
 
 namespace korvex::receiver {
 
-/// The queue's lock will not be given back.
+/// The queue's lock will not be released.
 class LockLost : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-/// Tells a lock that is busy from one that a dead or stopped peer has kept.
+/// Tells a busy lock from one that a dead or stopped peer holds.
 class LockWatch {
  public:
   using Clock = MessageQueue::Clock;
 
-  /// How long one owner may keep the lock while it may live. It may be stopped, or live where it
-  /// cannot be seen from here.
+  /// How long one owner may hold the lock while it may be alive: stopped, or in a PID namespace
+  /// that cannot be seen from here.
   static constexpr std::chrono::seconds kPatience{5};
 
-  /// How long the lock may be out of reach whoever has it: longer than any crowd of producers
-  /// takes, and an end to waiting for one that keeps changing the owner's name.
+  /// How long the lock may be out of reach, whatever owners it has: longer than any crowd of
+  /// producers keeps it, but a limit if something keeps changing the recorded owner.
   static constexpr std::chrono::seconds kLongestPatience{60};
 
-  /// How often the system is asked for the owner: it may have to look at every process.
+  /// How often the owner is looked up, which may scan every process.
   static constexpr std::chrono::milliseconds kLookPeriod{200};
 
-  /// Notes how an operation ended at this time. Throws LockLost when the queue is of no more use.
+  /// Records an operation's outcome. Throws LockLost once the lock's owner is dead, or the lock has
+  /// been out of reach for too long.
   void note(MessageQueue::Outcome outcome, const QueueView& view, Clock::time_point now);
 
  private:
-  /// What changes when the lock is given back and taken again, in most cases.
+  /// Changes, in most cases, when the lock is released and taken again.
   struct Hold {
     pid_t owner;
     std::size_t messages;

@@ -12,7 +12,7 @@
 namespace korvex::receiver {
 namespace {
 
-/// The queue library's words alone would name neither the queue nor what it needs.
+/// The queue library's text names neither the queue nor the memory that it needs.
 [[noreturn]] void throwNotCreated(const std::string& name, Limits limits, int error) {
   throw SystemError("creating queue " + name + ", which needs " +
                         std::to_string(QueueView::fileSize(limits.messages, limits.messageSize)) +
@@ -36,7 +36,7 @@ OwnedQueue::OwnedQueue(std::string name, Limits limits, mode_t mode)
 void OwnedQueue::create(mode_t mode) {
   const MessageQueue::Limits limits{limits_.messages, limits_.messageSize};
   try {
-    // What was free a moment ago may be gone when it is touched.
+    // Memory that was free a moment ago may be gone when it is touched.
     surviveBusError([&] { queue_ = std::make_unique<MessageQueue>(presentName_, limits, mode); });
   } catch (const MemoryLost&) {
     MessageQueue::remove(presentName_);
@@ -56,7 +56,7 @@ void OwnedQueue::publish() {
   presentName_ = name_;
 }
 
-/// Runs an operation that takes the lock, and notes how that went.
+/// Runs an operation that takes the lock, and records its outcome.
 template <typename Operation>
 OwnedQueue::Outcome OwnedQueue::noted(Operation operation) {
   return surviveBusError([&] {

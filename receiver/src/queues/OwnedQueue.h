@@ -13,24 +13,24 @@
 
 namespace korvex::receiver {
 
-/// A queue that this process created, claimed and gives up again.
+/// A queue that this process creates, claims and removes.
 ///
-/// It is made under a temporary name and gets its own when it is whole: nobody meets a half-made
-/// queue. The claim is a lock on the shared-memory object. The system frees it when the daemon
-/// dies, so a queue without claim is a dead daemon's.
+/// It is made under a temporary name and renamed once it is complete, so that no one finds a
+/// half-made queue. The claim is a file lock on the shared-memory object. The system releases it
+/// when the daemon dies, so an unclaimed queue is a dead daemon's.
 ///
-/// Peers can break a queue: die with its lock, cut its memory, overwrite it. Every operation that
-/// touches the memory notices and throws: LockLost, MemoryLost, or what the queue library throws.
-/// The queue is of no more use then.
+/// Peers can break a queue: die with its lock, truncate it, overwrite it. Every operation that
+/// touches the memory notices and throws LockLost, MemoryLost, or what the queue library throws.
+/// The queue is no longer usable then.
 class OwnedQueue {
  public:
   using Outcome = MessageQueue::Outcome;
 
-  /// Creates and claims the queue, still under a temporary name. Throws SystemError when the system
-  /// refuses, for want of memory above all; else what MessageQueue throws.
+  /// Creates and claims the queue, still under a temporary name. Throws SystemError if the system
+  /// refuses, above all for lack of memory; otherwise what MessageQueue throws.
   OwnedQueue(std::string name, Limits limits, mode_t mode);
 
-  /// Removes the name, unless it leads to somebody else's object by now.
+  /// Removes the name, unless it refers to another object by now.
   ~OwnedQueue();
   OwnedQueue(const OwnedQueue&) = delete;
   OwnedQueue& operator=(const OwnedQueue&) = delete;
@@ -38,12 +38,12 @@ class OwnedQueue {
   /// Gives the queue its name. Throws std::runtime_error when the name is taken.
   void publish();
 
-  /// Takes the next message, for which there may be a short wait while somebody has the lock.
+  /// Takes the next message. May wait briefly while the lock is taken.
   Outcome receive(void* buffer, std::size_t capacity, std::size_t& size);
 
   Outcome send(const void* data, std::size_t size, unsigned priority);
 
-  /// Looks for a peer that died with the lock. Costs one read while nobody has it.
+  /// Checks for a peer that died with the lock. Costs one read while the lock is free.
   void checkLock();
 
   /// Why producers can no longer use the queue although its memory can be touched: its name is

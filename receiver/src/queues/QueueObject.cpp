@@ -20,8 +20,8 @@ constexpr std::string_view kFolder = "/dev/shm";
 
 std::string pathOf(const std::string& name) { return std::string(kFolder) + "/" + name; }
 
-/// For systems that cannot refuse to replace: a link never replaces anything. The object has both
-/// names for a moment.
+/// For systems without RENAME_NOREPLACE: a link never replaces anything. The object has both names
+/// for a moment.
 int linkAndUnlink(const char* from, const char* to) {
   return ::link(from, to) == 0 ? ::unlink(from) : -1;
 }

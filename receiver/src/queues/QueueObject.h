@@ -8,15 +8,16 @@
 
 namespace korvex::receiver {
 
-/// The shared-memory object of a queue, held open; the one place that knows where objects lie.
+/// The shared-memory object of a queue, held open; the one place in the receiver that knows where
+/// objects are.
 ///
-/// A daemon claims the queues that it serves by a lock on their objects. The system frees the lock
-/// when the daemon ends, even when it is killed, so a queue without claim is a dead daemon's.
+/// A daemon claims the queues that it serves by a file lock on their objects. The system releases
+/// the lock when the daemon ends, even if it is killed, so an unclaimed queue is a dead daemon's.
 class QueueObject {
  public:
   QueueObject() noexcept = default;
 
-  /// Opens what lies under the name. Without an object, and errno set, when it cannot be opened.
+  /// Opens what has the name. If that fails, isOpen() is false and errno is set.
   explicit QueueObject(const std::string& name) noexcept;
   ~QueueObject();
   QueueObject(QueueObject&& other) noexcept;
@@ -28,17 +29,17 @@ class QueueObject {
   /// Claims it until it is closed. False when another daemon has it.
   bool claim() const noexcept;
 
-  /// Whether the name leads to this very object. Needs no descriptor, of which there may be none.
+  /// Whether the name refers to this very object. Opens nothing, so it works when descriptors have
+  /// run out.
   bool isNamed(const std::string& name) const noexcept;
 
-  /// In bytes; -1 when the system does not say.
+  /// In bytes; -1 if unknown.
   off_t size() const noexcept;
 
-  /// What lies under a name, a symbolic link itself too. False, and errno set, when that cannot be
-  /// known.
+  /// As lstat(): a symbolic link is not followed. False, and errno set, if that fails.
   static bool look(const std::string& name, struct stat& found) noexcept;
 
-  /// Whether anything lies under a name. Needs no descriptor either.
+  /// Whether anything has the name. Opens nothing, either.
   static bool exists(const std::string& name) noexcept;
 
   /// Gives an object another name. Throws SystemError, with EEXIST when the name is taken.

@@ -11,7 +11,7 @@
 namespace korvex::receiver {
 namespace {
 
-/// More than a stream has: a producer picks one up with each batch that it sends.
+/// More than one stream gets: a producer takes a reply with each batch that it sends.
 constexpr Limits kReplyLimits{16, sizeof(Reply)};
 
 void refuseExisting(const std::string& name) {
@@ -20,8 +20,8 @@ void refuseExisting(const std::string& name) {
                            " exists already; --replace removes the queues of a dead daemon");
 }
 
-/// The name of the response queue. Looked at before anything is made: a daemon that waits for its
-/// names tries again and again.
+/// The name of the response queue. Both names are checked before anything is made: a daemon that
+/// waits for its names retries again and again.
 std::string responseNameIfFree(const std::string& name, Receiver::Existing existing) {
   std::string replies = getMessageQueueResponseName(name);
   if (existing == Receiver::Existing::Refuse) {
@@ -32,7 +32,7 @@ std::string responseNameIfFree(const std::string& name, Receiver::Existing exist
 }
 
 void removeExisting(const std::string& batches, const std::string& replies) {
-  // Both are claimed before one is removed: a living daemon keeps its pair whole.
+  // Both are claimed before either is removed, so that a living daemon keeps both of its queues.
   StaleQueue staleBatches(batches);
   StaleQueue staleReplies(replies);
   staleBatches.remove();

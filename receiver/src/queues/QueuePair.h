@@ -13,7 +13,7 @@ namespace korvex::receiver {
 
 /// The two queues that a producer works with: NAME for its batches, NAMEResponse for the replies.
 ///
-/// Both names appear when both queues are usable, the one that producers open first as the last;
+/// Both names appear once both queues are usable, the one that producers open first as the last;
 /// they disappear with the pair.
 class QueuePair {
  public:

@@ -27,8 +27,8 @@ const char* kindOf(mode_t mode) {
                            ", expected a queue that a daemon left");
 }
 
-/// A daemon leaves files of its own user behind. Anything else was put there by somebody, for a
-/// reason that only a person can know.
+/// A daemon leaves only regular files of its own user. Anything else was put there for a reason
+/// that only a person can know.
 void refuseForeign(const std::string& name) {
   struct stat found = {};
   if (!QueueObject::look(name, found)) return;

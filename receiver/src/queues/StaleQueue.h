@@ -7,11 +7,11 @@
 
 namespace korvex::receiver {
 
-/// Takes over what lies under a queue's name, so that it can be removed. Nothing is fine too.
+/// Takes over what has a queue's name, so that it can be removed. An absent queue is not an error.
 class StaleQueue {
  public:
-  /// Throws std::runtime_error when a living daemon serves the queue, or when what lies there
-  /// cannot be a daemon's of this user, a file that never was a queue for example.
+  /// Throws std::runtime_error if a living daemon serves the queue, or if the object cannot have
+  /// been left by a daemon of this user: a file that never was a queue, for example.
   explicit StaleQueue(std::string name);
 
   /// Removes the name. Throws SystemError.

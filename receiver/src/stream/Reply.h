@@ -13,10 +13,10 @@ using Reply = qmx_shm_response_t;
 /// break the protocol have korvex::kStatusCorrupt.
 constexpr ov_status_t kStatusSinkFailed = 5;
 
-/// A text above 127 characters is cut, so what matters comes first.
+/// The text is truncated to 127 characters, so what matters comes first.
 Reply replyOf(ov_status_t status, const std::string& text);
 
-/// The stream is closed and all of it was taken; its sink takes long to finish. Status 0.
+/// Status 0: the stream is closed and all of it was taken, but its sink is still finishing.
 Reply finishingReply();
 
 }  // namespace korvex::receiver

@@ -30,7 +30,7 @@ void ReplySender::withdraw() {
   counters_.add(Count::RepliesWithdrawn, pending_.size());
   pending_.clear();
   updatePending();
-  // As many as there may be, and no more: a peer that keeps filling the queue must not keep us.
+  // No more than the queue can hold: a peer that keeps filling it must not keep us here.
   for (std::size_t i = 0; i < replies_.limits().messages;) {
     Reply reply;
     std::size_t size = 0;

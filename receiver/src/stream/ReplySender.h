@@ -10,10 +10,10 @@
 
 namespace korvex::receiver {
 
-/// Sends replies without ever waiting for room: a producer may leave them lying.
+/// Sends replies without ever waiting for room: a producer may never take them.
 ///
-/// What finds no room is kept, up to kMostPending, and tried again. Throws LockLost, or what the
-/// queue library throws, when the response queue is of no more use.
+/// What finds no room is kept, up to kMostPending, and retried. Throws LockLost, or what the queue
+/// library throws, once the response queue is unusable.
 class ReplySender {
  public:
   static constexpr std::size_t kMostPending = 4;
@@ -25,16 +25,16 @@ class ReplySender {
   /// Whether something waits for room.
   bool isPending() const noexcept { return !pending_.empty(); }
 
-  /// Sends, after everything that waits already.
+  /// Sends the reply after those that are already waiting.
   void send(const Reply& reply);
 
   /// Whether the producer has picked up everything so far.
   bool isAllTaken() { return !isPending() && replies_.messages() == 0; }
 
-  /// Tries again what waits.
+  /// Retries what waits.
   void sendPending();
 
-  /// Takes back everything that no producer has picked up.
+  /// Takes back all replies that no producer has taken.
   void withdraw();
 
  private:

@@ -16,7 +16,7 @@ struct StreamDigest::State {
   State(const State&) = delete;
   State& operator=(const State&) = delete;
 
-  XXH3_state_t* xxh128;  ///< must lie where the digest's library wants it
+  XXH3_state_t* xxh128;  ///< allocated by xxHash, which needs it aligned
 };
 
 StreamDigest::StreamDigest() : state_(std::make_unique<State>()) { reset(); }

@@ -13,7 +13,7 @@ namespace {
 using Header = qmx_shm_message_t;
 using Entry = ShmBatch::Entry;
 
-/// No record carries the number behind the open record's.
+/// No record carries the number after the open record's.
 constexpr std::uint64_t kStepAfterOpen = 2;
 
 std::string recordText(const Header& header) {
@@ -21,7 +21,7 @@ std::string recordText(const Header& header) {
          std::to_string(header.sequence);
 }
 
-/// What is wrong with a record whatever came before it; empty when nothing is. Data on a record
+/// What is wrong with a record regardless of those before it; empty if nothing is. Data on a record
 /// that cannot carry any is refused, because it would be lost silently.
 std::string defectOf(const Header& header) {
   if (header.type > kTypeStop) return recordText(header) + ": unknown type, expected 0 to 4";
@@ -115,9 +115,9 @@ StreamSession::Answer StreamSession::takeOfFailedStream(const Header& header) {
   return {};
 }
 
-/// A writer that stopped is still open, and so is one whose close failed because it met a failure
-/// reply or found no room in time: they close again, at the latest when they are destroyed. An
-/// answer to that would reach the next producer.
+/// A writer is still open after a stop, and after a close that failed (a failure reply, or no room
+/// in time): it closes again, at the latest in its destructor. A reply to that would reach the next
+/// producer.
 StreamSession::Answer StreamSession::takeAfterEnd(const Header& header) {
   const bool isCloseAgain = header.type == kTypeClose && header.sequence > stream_.lastSequence;
   if (!isCloseAgain || !defectOf(header).empty()) return takeWithoutStream(header);
@@ -145,10 +145,11 @@ StreamSession::Answer StreamSession::takeInStream(const Entry& record) {
   return {};
 }
 
-/// Gaps are right: a record that a writer refused has used up its number. But a stream that cut
-/// another one off may not have any: the other producer may live, and what it still sends, its
-/// close too, would be taken for this stream's. And none may be before the close: a writer whose
-/// last write failed closes all the same when it is destroyed, and the data ends too early.
+/// Gaps are normal: a record that a writer refused has used up its number. There are two
+/// exceptions. A stream that cut another one off may not have any: the other producer may be alive,
+/// and what it still sends, even its close, would be taken for this stream's. And none may be right
+/// before the close: a writer whose last write failed still closes in its destructor, with data
+/// missing at the end.
 std::string StreamSession::sequenceDefectOf(const Header& header) const {
   const std::uint64_t next = stream_.lastSequence + (stream_.records == 1 ? kStepAfterOpen : 1);
   if (stream_.cutOffAnother && header.sequence != next) {

@@ -21,13 +21,13 @@ namespace korvex::receiver {
 ///
 /// A stream is an open record, segment-data and segment-end records, then a close or a stop. It is
 /// complete only when its close came and everything before it was taken. Any other end leaves it
-/// incomplete. After a failure the producer is told once, and what it still sends of that stream is
-/// dropped and counted.
+/// incomplete. A failure is reported to the producer once; later records of that stream are dropped
+/// and counted.
 ///
 /// Never throws for what a producer or a sink does. Used by one thread.
 class StreamSession {
  public:
-  /// What the producer must be told, if anything.
+  /// The reply for the producer, if any.
   using Answer = std::optional<Reply>;
 
   /// `counters` and `observer` outlive the session. `stillFinishing` is for sinks that take long to
@@ -47,10 +47,10 @@ class StreamSession {
   /// A batch could not be read, so an open stream misses records.
   Answer takeDamage(const std::string& defect);
 
-  /// Nothing came just now: looks whether the sink of an open stream is still well.
+  /// Nothing arrives at the moment: checks that the sink of an open stream still works.
   Answer checkSink();
 
-  /// Nothing came for so long that an open stream fails.
+  /// Nothing arrived for so long that an open stream fails.
   Answer takeSilence(std::chrono::seconds silence);
 
   /// Ends an open stream as incomplete, for a reason outside of it.

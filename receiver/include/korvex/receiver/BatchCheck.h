@@ -9,7 +9,7 @@
 
 namespace korvex::receiver {
 
-/// Looks at a received message before anybody walks it.
+/// Checks a received message before anything walks it.
 ///
 /// The bytes come from another process and may hold anything. When `ok()`, every header and every
 /// data byte that the batch announces lies inside the message, so the library's reader may be used
@@ -22,7 +22,7 @@ class KORVEX_RECEIVER_EXPORT BatchCheck {
     MetaDataMagic,  ///< the metadata block's magic is wrong
     HeaderCut,      ///< the message ends before or inside an announced header
     HeaderMagic,    ///< a header's magic is wrong
-    DataCut,        ///< a header announces more data than is left
+    DataCut,        ///< a header announces more data than remains
     TrailingBytes   ///< the message goes on after the last announced entry
   };
 
@@ -36,7 +36,7 @@ class KORVEX_RECEIVER_EXPORT BatchCheck {
   /// `ok()`.
   std::size_t offset() const noexcept { return offset_; }
 
-  /// For a person: the defect, its offset, what was found and what was expected.
+  /// For people: the defect, its offset, what was found and what was expected.
   std::string text() const;
 
  private:

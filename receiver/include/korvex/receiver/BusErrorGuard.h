@@ -8,12 +8,12 @@ namespace korvex::receiver {
 /// Installs a handler for SIGBUS, for the whole process and until it ends. Call it once, before the
 /// first receiver is made.
 ///
-/// A queue is a file in memory, and every process that may write it may also cut it short. Touching
-/// what is no longer there raises SIGBUS, which ends a process by default, and with it every other
-/// stream. With the guard, a receiver gives up that pair of queues and makes new ones. A SIGBUS
-/// that comes from anywhere else is handled as it would have been without the guard.
+/// A queue is a file in shared memory, and every process that may write it may also truncate it.
+/// Touching it past its end raises SIGBUS, which by default kills the process and every other
+/// stream with it. With the guard, a receiver gives up that pair of queues and makes new ones. Any
+/// other SIGBUS is handled as it would have been without the guard.
 ///
-/// It is a call of its own because a library must not take a signal from its host unasked.
+/// A separate call, because a library must not take a signal from its host unasked.
 KORVEX_RECEIVER_EXPORT void installBusErrorGuard();
 
 }  // namespace korvex::receiver

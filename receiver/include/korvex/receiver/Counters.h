@@ -10,20 +10,20 @@
 
 namespace korvex::receiver {
 
-/// What a receiver counts from its start on.
+/// What a receiver counts from its start.
 enum class Count : std::size_t {
   StreamsOpened,
   StreamsComplete,
   StreamsIncomplete,
   Records,         ///< of sound batches
   DroppedRecords,  ///< of these, the ones outside of a stream or in a failed one
-  Bytes,           ///< handed to a sink
-  Batches,         ///< messages received, bad ones too
+  Bytes,           ///< passed to a sink
+  Batches,         ///< messages received, including bad ones
   BadBatches,
   RepliesSent,
   RepliesPending,    ///< waiting for room on the response queue right now
   RepliesWithdrawn,  ///< meant for an earlier producer and taken back
-  RepliesLost,       ///< more than could wait
+  RepliesLost,       ///< dropped, because too many were waiting
   QueueReplacements
 };
 
@@ -51,8 +51,8 @@ constexpr std::size_t kCounts = sizeof kCountNames / sizeof *kCountNames;
 static_assert(kCounts == static_cast<std::size_t>(Count::QueueReplacements) + 1,
               "one name for each count");
 
-/// The counts of one receiver. One thread counts, any may read; each number is right, but numbers
-/// read one after the other may be of different moments.
+/// The counts of one receiver. One thread counts, any may read. Each number is right, but numbers
+/// read one after the other may be from different moments.
 class KORVEX_RECEIVER_EXPORT Counters {
  public:
   std::uint64_t get(Count count) const noexcept;

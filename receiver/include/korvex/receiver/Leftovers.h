@@ -9,11 +9,11 @@
 namespace korvex::receiver {
 
 /// Removes the queues that dead daemons of this user left half made in this PID namespace, and
-/// returns their names. For the start of a daemon.
+/// returns their names. Call it when a daemon starts.
 ///
-/// A receiver makes its queues under temporary names; when its process is killed meanwhile, nobody
-/// would ever find these objects again. What cannot be looked at or removed is left alone, and so
-/// is everything where the system does not tell the namespace (no /proc).
+/// A receiver makes its queues under temporary names; if its process is killed meanwhile, nothing
+/// else would ever find these objects. What cannot be examined or removed is left alone, and so is
+/// everything where the PID namespace is unknown (no /proc).
 KORVEX_RECEIVER_EXPORT std::vector<std::string> removeHalfMadeQueues();
 
 }  // namespace korvex::receiver

@@ -10,12 +10,11 @@
 
 namespace korvex::receiver {
 
-/// Hears what happens on one receiver's queues, for logs and alarms. The receiver itself logs
-/// nothing.
+/// Is notified of what happens on one receiver's queues, for logs and alarms. The receiver itself
+/// logs nothing.
 ///
-/// Every operation does nothing until it is overridden; all are called on the receiver's thread,
-/// and what they take of its time is missing there. They are noexcept: an observer that fails must
-/// keep its failure to itself.
+/// Every operation does nothing until it is overridden. All are called on the receiver's thread and
+/// hold it up. They are noexcept: an observer must handle its own failures.
 ///
 /// Texts may hold bytes that a producer chose. Escape them before a terminal or a log sees them.
 class KORVEX_RECEIVER_EXPORT Observer {
@@ -25,8 +24,8 @@ class KORVEX_RECEIVER_EXPORT Observer {
   Observer(const Observer&) = delete;
   Observer& operator=(const Observer&) = delete;
 
-  /// Every message as it came, before anything looked at it: nothing about the bytes is known.
-  /// Messages are numbered from 1 on.
+  /// Every message as it came, before any check: nothing is known about the bytes. Messages are
+  /// numbered from 1.
   virtual void messageReceived(std::uint64_t number, const unsigned char* untrusted,
                                std::size_t size) noexcept;
 
@@ -39,24 +38,25 @@ class KORVEX_RECEIVER_EXPORT Observer {
   virtual void streamIncomplete(const StreamSummary& summary, const std::string& reason,
                                 const std::string& place) noexcept;
 
-  /// A sink's abandon() threw: what it left may not say that it is incomplete.
+  /// A sink's abandon() threw: what it left may not be marked as incomplete.
   virtual void abandoningFailed(const std::string& reason) noexcept;
 
-  /// A message that is no batch. An open stream ends by it.
+  /// A message that is not a valid batch. An open stream fails by it.
   virtual void batchRefused(std::uint64_t number, const std::string& defect) noexcept;
 
   /// A record that breaks the protocol while no stream is open.
   virtual void recordRefused(const std::string& defect) noexcept;
 
-  /// The queues are of no more use and have been given up. New ones are tried for from now on.
+  /// The queues have become unusable and were given up. From now on the receiver tries to make new
+  /// ones.
   virtual void queuesLost(const std::string& reason) noexcept;
 
-  /// The first of the tries that failed in a row.
+  /// Making new queues failed. Reported only for the first of several failures in a row.
   virtual void queuesNotReplaced(const std::string& reason) noexcept;
 
   virtual void queuesReplaced() noexcept;
 
-  /// The receiver ended while so many messages were waiting.
+  /// The receiver ended while this many messages were waiting.
   virtual void messagesLeft(std::size_t count) noexcept;
 };
 

@@ -14,21 +14,21 @@ namespace korvex::receiver {
 
 /// What can be seen of one queue in shared memory without taking its lock.
 ///
-/// The constructor looks at whatever lies under the name, in the way that cannot hang or crash: it
-/// may be absent, somebody else's, half made, cut short or no queue at all. The object that it
-/// found stays in view, even when its name is taken away. The numbers that follow the queue's life
-/// are plain reads of shared memory: hints, possibly old when they arrive. Good for deciding when
-/// to try something and for showing to people, never a reason to believe that something happened.
+/// The constructor examines whatever has the name, in a way that cannot hang or crash: it may be
+/// missing, another user's, half-made, truncated or not a queue at all. The object stays in view
+/// even if its name is removed. The live numbers are plain reads of shared memory: hints, possibly
+/// stale. Good for deciding when to try something and for showing to people, never proof that
+/// something happened.
 ///
-/// While an object is cut short under a living view, reading it raises SIGBUS; see BusErrorGuard.h.
+/// If the object is truncated while it is in view, reading it raises SIGBUS; see BusErrorGuard.h.
 /// Used by one thread at a time. Nothing here throws but std::bad_alloc.
 class KORVEX_RECEIVER_EXPORT QueueStatus {
  public:
   enum class Condition {
-    Unreachable,  ///< absent, forbidden, or no name of a queue; systemError() says which
+    Unreachable,  ///< missing, forbidden, or an invalid name; systemError() says which
     Unfinished,   ///< looks like a queue that its creator is still making
     Damaged,      ///< nothing that could be used as a queue
-    Busy,         ///< looks damaged, but its lock is taken: somebody may just be changing it
+    Busy,         ///< looks damaged, but its lock is taken: a peer may be changing it
     Sound
   };
 
@@ -46,8 +46,8 @@ class KORVEX_RECEIVER_EXPORT QueueStatus {
   /// 0 unless sound.
   Limits limits() const noexcept;
 
-  /// Whether the name still leads to the object in view. False once its daemon removed or replaced
-  /// it: what is sent to it then is read by nobody.
+  /// Whether the name still refers to the object in view. False once its daemon removed or replaced
+  /// it: nobody reads what is sent to it then.
   bool isStillNamed() const noexcept;
 
   // The rest is for sound queues only.
@@ -59,7 +59,7 @@ class KORVEX_RECEIVER_EXPORT QueueStatus {
 
   bool looksLocked() const noexcept;
 
-  /// The thread that holds the lock, as its own PID namespace numbers it; 0 for none.
+  /// The thread that holds the lock, by its id in its own PID namespace; 0 for none.
   pid_t lockOwner() const noexcept;
 
  private:

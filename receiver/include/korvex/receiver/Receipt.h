@@ -13,7 +13,7 @@
 namespace korvex::receiver {
 
 /// What one end of a stream knows of it after the close. The receiver sends it as its last reply, a
-/// producer counts for itself, and the stream is stored when the two are equal.
+/// producer keeps its own count, and the stream is stored if the two are equal.
 struct KORVEX_RECEIVER_EXPORT Receipt {
   std::uint64_t bytes;
   std::string xxh128;  ///< of all data: 32 lower-case hex digits
@@ -24,8 +24,8 @@ struct KORVEX_RECEIVER_EXPORT Receipt {
   /// "stored bytes=N xxh128=HEX", as it stands in a reply with status 0.
   std::string replyText() const;
 
-  /// Reads a reply's text. Nothing but replyText()'s form is a receipt: no sign, no space more or
-  /// less, no number above 64 bits, no other digits.
+  /// Reads a reply's text. Accepts only the exact form of replyText(): no sign, no extra or missing
+  /// space, no number above 64 bits, no other digits.
   static std::optional<Receipt> parse(std::string_view untrusted);
 };
 

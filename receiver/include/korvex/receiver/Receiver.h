@@ -19,13 +19,13 @@ namespace korvex::receiver {
 
 /// The daemon's end of one pair of queues: NAME for a producer's batches, NAMEResponse for replies.
 ///
-/// Makes the queues, takes what producers send, follows their streams, hands the data to a sink for
-/// each stream and answers. A stream is complete only when its close record came and everything
-/// before it was taken; every other end tells its sink that it is incomplete.
+/// Makes the queues, takes what producers send, follows their streams, passes the data of each to a
+/// sink, and replies. A stream is complete only when its close record came and everything before it
+/// was taken; on any other end its sink is told that it is incomplete.
 ///
-/// Whatever a producer sends or does, a receiver goes on: bad messages are refused and counted, a
+/// A receiver survives whatever a producer sends or does: bad messages are refused and counted, a
 /// dead producer is noticed, and a pair of queues that a peer broke is removed and made again. It
-/// never waits inside a queue and never without a limit on its lock.
+/// never waits inside a queue, and never without a limit for a queue's lock.
 ///
 /// One receiver, one thread. Several receivers of a process serve queues with different names.
 class KORVEX_RECEIVER_EXPORT Receiver {
@@ -38,15 +38,15 @@ class KORVEX_RECEIVER_EXPORT Receiver {
 
   struct Settings {
     std::string queue;             ///< may start with one slash, holds no other
-    Limits limits{8, 264 * 1024};  /// what keeps both sides at work with the largest records
+    Limits limits{8, 264 * 1024};  /// keeps both sides busy with the largest records
     mode_t mode = 0600;            ///< of both queues, whatever the umask
     Existing existing = Existing::Refuse;
     std::optional<std::chrono::seconds> idleTimeout = {};  ///< fails a silent stream; none: never
   };
 
-  /// Makes the queues; they appear under their names when both are whole. The observer outlives the
-  /// receiver. Throws an exception derived from std::exception, SystemError where the system said
-  /// no, and leaves nothing behind then.
+  /// Makes the queues; they get their names once both are complete. The observer must outlive the
+  /// receiver. On failure throws an exception derived from std::exception, SystemError if a system
+  /// call failed, and leaves nothing behind.
   Receiver(Settings settings, SinkFactory openSink, Observer& observer);
 
   /// Ends an open stream as incomplete and removes the queues.
@@ -58,8 +58,8 @@ class KORVEX_RECEIVER_EXPORT Receiver {
   /// incomplete.
   void run(const std::atomic<bool>& stop) noexcept;
 
-  /// Takes one message if there is one, for callers with a loop of their own. Pauses shortly when
-  /// there is none. False when there was none.
+  /// Takes one message if there is one, for callers with a loop of their own. Otherwise pauses
+  /// briefly and returns false.
   bool step() noexcept;
 
   const std::string& queue() const noexcept;

@@ -19,11 +19,11 @@ using StillFinishing = std::function<bool()>;
 /// Where the data of one stream goes.
 ///
 /// Lives for one stream: any number of write(), then exactly one of complete() and abandon(), all
-/// on the receiver's thread. A sink that is destroyed before looks like the work of a daemon that
-/// died: what it leaves must not be taken for a complete stream.
+/// on the receiver's thread. A sink that is destroyed earlier looks as if the daemon had died: what
+/// it leaves must not pass for a complete stream.
 ///
-/// Failures are exceptions derived from std::exception. The producer gets status 5 and the text, of
-/// which 127 characters arrive, and abandon() follows.
+/// Failures are exceptions derived from std::exception. The producer gets status 5 and the text,
+/// truncated to 127 characters; abandon() follows.
 class KORVEX_RECEIVER_EXPORT Sink {
  public:
   Sink() = default;
@@ -31,15 +31,15 @@ class KORVEX_RECEIVER_EXPORT Sink {
   Sink(const Sink&) = delete;
   Sink& operator=(const Sink&) = delete;
 
-  /// Takes the next bytes of the stream, in order. They are gone when it returns.
+  /// Takes the next bytes of the stream, in order. The buffer is valid only during the call.
   virtual void write(const unsigned char* data, std::size_t size) = 0;
 
-  /// Called several times a second while nothing comes. Throw when the stream cannot be stored any
-  /// more, so that its producer hears of it now and not with its next data.
+  /// Called several times a second while no message arrives. Throw if the stream can no longer be
+  /// stored: its producer then learns of it now, not with its next data.
   virtual void check();
 
-  /// Nothing is missing. The producer gets its receipt when this returns, so by then the data must
-  /// be as safe as this sink can make it.
+  /// The stream is complete. The producer gets its receipt when this returns, so by then the data
+  /// must be as safe as this sink can make it.
   virtual void complete(const StreamSummary& summary, const StillFinishing& stillFinishing) = 0;
 
   /// The stream ended early, or write() or complete() threw. What is there must be visibly
@@ -52,8 +52,8 @@ class KORVEX_RECEIVER_EXPORT Sink {
 };
 
 /// Makes the sink of a stream that opens on this queue at this time. Called on the receiver's
-/// thread; with several receivers, by several threads at once. What it throws goes to the producer
-/// as a sink's failures do.
+/// thread; with several receivers, on several threads at once. What it throws is reported to the
+/// producer as a sink's failure is.
 using SinkFactory =
     std::function<std::unique_ptr<Sink>(const std::string& queue, std::time_t opened)>;
 

@@ -10,8 +10,8 @@
 
 namespace korvex::receiver {
 
-/// Counts and digests a stream's data as it goes by: XXH3 with 128 bits, fast enough for both ends
-/// of every stream. It finds accidents, not forgeries.
+/// Counts and hashes a stream's data as it passes: 128-bit XXH3, fast enough for both ends of every
+/// stream. It detects accidents, not forgeries.
 class KORVEX_RECEIVER_EXPORT StreamDigest {
  public:
   /// Throws std::bad_alloc.
@@ -24,7 +24,7 @@ class KORVEX_RECEIVER_EXPORT StreamDigest {
 
   std::uint64_t bytes() const noexcept { return bytes_; }
 
-  /// What a receipt for the data so far says.
+  /// The receipt for the data so far.
   Receipt expected() const;
 
   /// Starts again with nothing.

@@ -8,9 +8,8 @@
 
 namespace korvex::receiver {
 
-/// A call to the system that failed. The text is
-/// "writing data: error 28 (No space left on device)", which a producer reads in a failure reply,
-/// so sinks do well to throw it too.
+/// A system call that failed. The text is like "writing data: error 28 (No space left on device)",
+/// and a producer sees it in the failure reply, so sinks should throw it, too.
 class KORVEX_RECEIVER_EXPORT SystemError : public std::runtime_error {
  public:
   /// `doing` says what failed, `number` is the errno.
