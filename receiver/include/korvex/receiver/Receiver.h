@@ -38,7 +38,7 @@ class KORVEX_RECEIVER_EXPORT Receiver {
 
   struct Settings {
     std::string queue;             ///< may start with one slash, holds no other
-    Limits limits{8, 264 * 1024};  /// keeps both sides busy with the largest records
+    Limits limits{8, 264 * 1024};  ///< keeps both sides busy with the largest records
     mode_t mode = 0600;            ///< of both queues, whatever the umask
     Existing existing = Existing::Refuse;
     std::optional<std::chrono::seconds> idleTimeout = {};  ///< fails a silent stream; none: never
