@@ -83,7 +83,7 @@ const char* __tsan_default_options() { return "allocator_may_return_null=1"; }
 using Alignment = std::align_val_t;
 using Nothrow = const std::nothrow_t&;
 
-// All of them: a sanitizer's runtime defines each on its own, not one in terms of another.
+// All of them: a sanitizer's runtime defines each separately, not one in terms of another.
 void* operator new(std::size_t size) { return takeOrThrow(size, kUsual); }
 void* operator new[](std::size_t size) { return takeOrThrow(size, kUsual); }
 void* operator new(std::size_t size, Nothrow) noexcept { return take(size, kUsual); }

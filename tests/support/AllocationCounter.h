@@ -7,13 +7,13 @@
 ///
 /// A program that is built with AllocationCounter.cpp replaces all global operators new and delete.
 /// The dynamic linker prefers the program's definitions, so allocations made inside shared
-/// libraries count too. What calls malloc directly is not seen. Fresh memory is filled with 0xa5,
-/// so that nobody finds zeros there by luck.
+/// libraries count too. Direct calls of malloc are not seen. Fresh memory is filled with 0xa5, so
+/// that no code finds zeros there by luck.
 ///
 /// Under the address and thread sanitizers the replaced operators still come first; blocks are the
 /// sanitizer's malloc blocks, so overruns and leaks are found, but new[] freed by delete is not.
-/// The sanitizers are told to return null for impossible sizes, so that these throw std::bad_alloc
-/// as they do elsewhere.
+/// The sanitizers' options make impossible sizes return null, so that they throw std::bad_alloc as
+/// usual.
 class AllocationCounter {
  public:
   AllocationCounter() noexcept;
@@ -21,7 +21,7 @@ class AllocationCounter {
   /// Blocks taken since construction, whether freed again or not.
   std::size_t taken() const noexcept;
 
-  /// Blocks taken less blocks freed since construction. 0 when nothing was leaked.
+  /// Blocks taken minus blocks freed since construction. 0 if nothing leaked.
   std::ptrdiff_t kept() const noexcept;
 
  private:
@@ -30,7 +30,7 @@ class AllocationCounter {
 };
 
 /// Makes allocations of the calling thread fail while it lives: the one with this number (1 is the
-/// next), and with `Lasting` all after it too.
+/// next), and with `Lasting` all later ones, too.
 class AllocationFailure {
  public:
   enum class Kind { Single, Lasting };

@@ -9,7 +9,7 @@ namespace korvex::test {
 /// Far more than anything takes, so that a loaded machine does not fail a test.
 constexpr std::chrono::seconds kPatience{60};
 
-/// Looks until the condition holds, with growing pauses. False when it never did.
+/// Polls until the condition holds, with growing pauses. False if it never did.
 template <typename Condition>
 bool eventually(Condition condition, std::chrono::milliseconds patience = kPatience) {
   using Clock = std::chrono::steady_clock;

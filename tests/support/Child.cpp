@@ -16,7 +16,7 @@ namespace {
 constexpr std::size_t kReadSize = 4096;
 
 [[noreturn]] void runTask(const std::function<std::string()>& task, int output) {
-  ::signal(SIGBUS, SIG_DFL);  // a sanitizer would make an exit of it
+  ::signal(SIGBUS, SIG_DFL);  // a sanitizer would turn it into an exit
   std::string text;
   try {
     text = task();
@@ -29,7 +29,7 @@ constexpr std::size_t kReadSize = 4096;
   ::_exit(written == static_cast<ssize_t>(text.size()) ? 0 : 1);
 }
 
-/// Everything until the child closes its end; false when it does not.
+/// Reads everything until the child closes its end; false if it does not.
 bool readAll(int pipe, std::string& text) {
   pollfd waiting = {pipe, POLLIN, 0};
   const int patience = static_cast<int>(std::chrono::milliseconds(kPatience).count());

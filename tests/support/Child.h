@@ -17,11 +17,11 @@ bool isRoot();
 /// The user that a test without privileges runs as.
 uid_t unprivilegedUser();
 
-/// Becomes that user for good. Does nothing without root.
+/// Becomes that user for good. Does nothing unless root.
 void dropPrivileges();
 
-/// What a task returns that is run in a process of its own, because it may crash or hang; or
-/// "killed by signal N", or "hangs".
+/// Runs a task that may crash or hang in a child process. Returns its result, "killed by signal N",
+/// or "hangs".
 std::string resultOfChild(const std::function<std::string()>& task);
 
 }  // namespace korvex::test

@@ -37,7 +37,7 @@ class RawQueue {
     if (!queue_.try_send(data, size, priority)) throw std::runtime_error(name_ + " is full");
   }
 
-  /// Takes what waits; throws when nothing does, so that a test fails instead of hanging.
+  /// Takes a message; throws if there is none, so that a test fails instead of hanging.
   Message take() {
     Message message{Bytes(queue_.get_max_msg_size()), 0};
     boost::interprocess::message_queue::size_type size = 0;

@@ -8,8 +8,8 @@
 
 namespace korvex::test {
 
-/// The living processes that a daemon has started for streams of this queue, its keepers too, and
-/// all that these have started, whatever became of their parents.
+/// The living processes that a daemon has started for streams of this queue: its keepers and all
+/// their descendants, even if the parents are gone.
 std::vector<pid_t> processesFor(const std::string& queue);
 
 /// The keepers among them.

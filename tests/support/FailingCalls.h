@@ -21,10 +21,11 @@ struct FailureOrder {
 constexpr const char* kFailingFolderVariable = "KORVEX_TEST_FAILING_FOLDER";
 constexpr const char* kFailureOrderVariable = "KORVEX_TEST_FAILURE_ORDER";
 
-/// Has a program's calls for one folder fail, as those for a full, broken or read-only disk do.
+/// Makes a program's system calls in one folder fail, as those on a full, broken or read-only disk
+/// do.
 ///
-/// The program runs with a library that comes before the system's: of its calls that open, make,
-/// write, sync or rename anything in the folder, the ordered one fails.
+/// The program runs with a preloaded library: of its calls that open, make, write, sync or rename
+/// anything in the folder, the ordered one fails.
 class FailingCalls {
  public:
   /// `orders` is a file that does not exist yet.
@@ -37,10 +38,10 @@ class FailingCalls {
   std::vector<std::string> prefix() const;
 
   /// The call with this number from now on (1 is the next) fails with this errno; with `Lasting`
-  /// all after it too, until the next order.
+  /// all later ones, too, until the next order.
   void fail(int call, int error, FailureOrder::Kind kind);
 
-  /// Nothing fails any more. Whether anything did since fail().
+  /// Nothing fails from now on. Returns whether anything did since fail().
   bool stop();
 
  private:

@@ -1,4 +1,4 @@
-// Loaded before the system's library; see FailingCalls.h.
+// Preloaded; see FailingCalls.h.
 
 #include <dlfcn.h>
 #include <fcntl.h>

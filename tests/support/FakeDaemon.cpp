@@ -127,7 +127,7 @@ void FakeDaemon::takeBatch(const unsigned char* bytes, std::size_t size, const R
     const ShmBatch::Entry& entry = entries.front();
     const Record record = {entry.header.type, std::string(reinterpret_cast<const char*>(entry.data),
                                                           entry.header.len)};
-    // The reply first, so that who sees the record finds the reply.
+    // The reply first: a test that sees the record also finds the reply.
     reaction(*this, record);
     const std::lock_guard<std::mutex> lock(mutex_);
     records_.push_back(record);

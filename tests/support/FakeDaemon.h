@@ -39,13 +39,13 @@ class FakeDaemon {
 
   void serve(Reaction reaction);
 
-  /// Takes what is still in the queue, and no more from then on.
+  /// Takes what is still in the queue, then stops.
   void finish();
 
   /// Puts a reply into the response queue, before serve() or from the reaction.
   void reply(std::uint32_t status, const std::string& text);
 
-  /// Takes the queues' names away and creates others with the same names, which nobody serves.
+  /// Removes the queues' names and creates others with the same names, which are not served.
   void replaceQueues();
 
   /// The types of the records so far, as digits in their order: "01123".
@@ -57,7 +57,7 @@ class FakeDaemon {
   /// Fills the queue with empty batches; for the reaction.
   void fill();
 
-  /// Batches that nobody has taken yet.
+  /// Batches not taken yet.
   std::size_t waiting() const { return requests_->view().messages(); }
 
   /// Waits until the queue has no room left; for the reaction.

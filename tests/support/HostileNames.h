@@ -6,8 +6,8 @@
 
 namespace korvex::test {
 
-/// Queue names that are allowed, and that try to leave a folder, to hide, to be taken for something
-/// else, or to break what they are written into. Each may also be a name's beginning or end.
+/// Valid queue names that try to leave a folder, to hide, to pass for something else, or to break
+/// the format they are written into. Each may also start or end a name.
 inline const std::vector<std::string>& hostileNames() {
   static const std::vector<std::string> names = {
       // Folders, and what programs take for folders.

@@ -5,14 +5,13 @@
 
 namespace korvex::test {
 
-/// What a call may take beyond the time that it is given. Only a machine that stands still adds
-/// more.
+/// How late a call may be. Only a stalled machine adds more.
 constexpr std::chrono::milliseconds kSlack{250};
 
 constexpr int kAttempts = 4;
 
-/// Does something that has a time to keep, and again when it was late: the last attempt is judged.
-/// A machine that is busy with something else is excused so, a call that is always late never.
+/// Tries something with a deadline again when it was late, and returns the last attempt. That
+/// excuses a busy machine, but not a call that is always late.
 template <typename Attempt, typename IsLate>
 auto againWhenLate(Attempt attempt, IsLate isLate) {
   auto result = attempt();

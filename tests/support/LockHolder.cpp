@@ -20,7 +20,7 @@ namespace {
 constexpr pid_t kFirstUsableId = 2;  // a namespace's first process is its init
 constexpr pid_t kMostIds = 32768;
 
-// What the lock's word says: the lock is taken, and whether somebody waits for it.
+// Values of the lock's futex word: taken, and taken with a waiter.
 constexpr int kTaken = 1;
 constexpr int kTakenAndWaitedFor = 2;
 
@@ -32,7 +32,7 @@ pid_t forkInto(unsigned long namespaceFlags) {
   return static_cast<pid_t>(::syscall(SYS_clone, namespaceFlags | SIGCHLD, 0, 0, 0, 0));
 }
 
-/// The system goes on behind this id; where that is not allowed, counting takes longer.
+/// Makes the system assign this id next; where that is not allowed, getting there takes more forks.
 void skipIdsBefore(pid_t id) {
   const std::string text = std::to_string(id - 1);
   const int file = ::open("/proc/sys/kernel/ns_last_pid", O_WRONLY | O_CLOEXEC);
@@ -89,7 +89,7 @@ void LockHolder::holdHere() const {
   ::_exit(::write(answers_[1], "u", 1) == 1 ? 0 : 1);
 }
 
-/// Makes processes until one has the id.
+/// Forks until a process has the id.
 void LockHolder::holdAs(pid_t ownId) const {
   skipIdsBefore(ownId);
   for (;;) {
@@ -115,7 +115,7 @@ bool LockHolder::awaitWaiter() const {
   });
 }
 
-/// When the second wait begins, the first one has ended.
+/// By the time the second wait begins, the first one has ended.
 bool LockHolder::awaitOthersTry() const { return awaitWaiter() && awaitWaiter(); }
 
 void LockHolder::release() {

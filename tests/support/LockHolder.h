@@ -12,11 +12,11 @@ namespace korvex::test {
 /// Whether this process may make PID namespaces.
 bool canMakePidNamespace();
 
-/// An id that no process here has, but one in a young namespace soon can have.
+/// An id that is free here and low enough to be reached soon in a new namespace.
 pid_t freeProcessId();
 
-/// A living process that has a queue's lock until it is asked to give it back. Killed when the
-/// object goes.
+/// A living process that holds a queue's lock until it is asked to release it. Killed with the
+/// object.
 class LockHolder {
  public:
   /// In this process's PID namespace.
@@ -29,12 +29,12 @@ class LockHolder {
   LockHolder(const LockHolder&) = delete;
   LockHolder& operator=(const LockHolder&) = delete;
 
-  /// Waits until somebody else has waited for the lock in vain. False when nobody did.
+  /// Waits until another process has waited for the lock in vain. False if none did.
   bool awaitOthersTry() const;
 
   void release();
 
-  /// With the lock in its hands.
+  /// Dies holding the lock.
   void die();
 
  private:

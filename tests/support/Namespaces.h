@@ -8,8 +8,8 @@ namespace korvex::test {
 /// The inode of the PID namespace that every thread of the system has an id in.
 constexpr ino_t kInitialPidNamespace = 0xEFFFFFFC;
 
-/// Whether this process sees every thread of the system. Elsewhere the death of a lock's owner
-/// cannot be known.
+/// Whether this process sees every thread of the system. Otherwise it cannot know that a lock's
+/// owner is dead.
 inline bool seesEveryThread() {
   struct stat found = {};
   return ::stat("/proc/self/ns/pid", &found) == 0 && found.st_ino == kInitialPidNamespace;

@@ -66,7 +66,7 @@ using namespace korvex::test::platform_double;
   record(function, code, format, arguments); \
   va_end(arguments)
 
-// A format without arguments may hold a percent sign; the doubles must take what comes.
+// A format without arguments may contain a percent sign; the doubles must accept anything.
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 
 extern "C" {

@@ -12,7 +12,7 @@ struct Call {
   std::string function;  ///< "InfoA", "AuthA", "WarningA", "ErrorA" or "__TraceA"
   int code;              ///< 0 for __TraceA
   std::string format;    ///< exactly as it was passed
-  std::string text;      ///< the format filled with its arguments; empty when it is no sound format
+  std::string text;      ///< the format filled with its arguments; empty if that fails
 };
 
 /// Forgets all calls and switches tracing off.
@@ -21,10 +21,10 @@ void reset();
 /// Switches tracing on or off.
 void setTracing(bool enabled);
 
-/// How often the flag's place was asked for since reset().
+/// How often the flag's address was requested since reset().
 unsigned flagReads();
 
-/// From the given read of the flag on (1 is the next), it reads as off. 0 never.
+/// The flag reads as off from this read on (1 is the next); 0 means never.
 void switchOffAtFlagRead(unsigned read);
 
 /// The calls since reset(), in order.

@@ -13,7 +13,7 @@
 
 namespace korvex::test {
 
-/// A real program, running. What it writes is collected. Killed when the object goes.
+/// A real program, running. Collects what it writes. Killed with the object.
 class Process {
  public:
   /// Starts `command[0]`, a path, with the rest as its arguments.
@@ -27,11 +27,11 @@ class Process {
   /// Sends it a signal.
   void signal(int number) const;
 
-  /// Sends SIGSTOP, and returns when it has stopped: a signal takes its time.
+  /// Sends SIGSTOP, and returns once the process has stopped: a signal is not instant.
   void freeze() const;
 
-  /// Waits for its end. The exit code, minus the signal that killed it, or nothing when it still
-  /// runs after that time.
+  /// Waits for its end. Returns the exit code, the negative number of the signal that killed it, or
+  /// nothing if it still runs after that time.
   std::optional<int> wait(std::chrono::milliseconds patience = kPatience);
 
   /// Kills it with no chance to clean up, and waits for its end.

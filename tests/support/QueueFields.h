@@ -6,10 +6,10 @@
 #include <cstddef>
 #include <cstdint>
 
-/// Where things are in the shared-memory object of a message queue, for tests that overwrite them.
+/// Where the fields are in a message queue's shared-memory object, for tests that overwrite them.
 ///
 ///     0    state word: 2 once the queue is whole
-///     16   index pointer: the index's place, counted from here
+///     16   index pointer: the index's offset, counted from here
 ///     24   most messages
 ///     32   most bytes of a message
 ///     40   messages that wait

@@ -21,7 +21,7 @@ inline std::string uniqueQueueName(const std::string& hint = "test") {
 /// Whether a shared-memory object has this name.
 bool queueExists(const std::string& name);
 
-/// Takes the names of a pair of queues away at the end, whatever a killed daemon left.
+/// Removes the names of a pair of queues at the end, even if a killed daemon left them.
 class QueueRemover {
  public:
   explicit QueueRemover(std::string name) : name_(std::move(name)) {}
@@ -33,7 +33,7 @@ class QueueRemover {
   std::string name_;
 };
 
-/// Has a process of its own take the queue's lock and die with it.
+/// Makes a child process take the queue's lock and die with it.
 void dieHoldingLockOf(const std::string& queue);
 
 }  // namespace korvex::test

@@ -6,13 +6,13 @@
 
 namespace korvex::test {
 
-/// A number that one process counts up and another one reads. May be raised in a signal handler.
+/// A counter that one process raises and another one reads. May be raised in a signal handler.
 class SharedCounter {
  public:
   /// In memory, for a process and its children.
   SharedCounter();
 
-  /// In a file, made when it is missing, for any program.
+  /// In a file, created if missing, for any program.
   explicit SharedCounter(const std::string& file);
 
   ~SharedCounter();

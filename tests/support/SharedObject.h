@@ -65,7 +65,7 @@ inline Bytes bytesOfFile(const std::string& path) {
 
 inline Bytes bytesOfObject(const std::string& name) { return bytesOfFile("/dev/shm/" + name); }
 
-/// The lock of an existing queue, for tests that take it and never give it back.
+/// The lock of an existing queue, for tests that take it and never release it.
 class QueueLock {
  public:
   explicit QueueLock(const std::string& name) {

@@ -11,7 +11,7 @@ namespace korvex::test {
 /// Names the file in which a preloaded storm counts its signals.
 constexpr const char* kStormCounterVariable = "KORVEX_TEST_STORM_COUNTER";
 
-/// What becomes of a system call that a signal of a storm cuts short.
+/// What happens to a system call that a signal of a storm interrupts.
 enum class CutCall { Fails, StartsAgain };
 
 /// Sends this process a thousand signals a second. One storm at a time.

@@ -1,4 +1,4 @@
-// Loaded into a program of any kind, it has a signal storm from before main() to its end.
+// Preloaded into any program: a signal storm from before main() to the end.
 
 #include <cstdlib>
 

@@ -53,7 +53,7 @@ StreamModel::Answer StreamModel::takeInStream(const Record& record) {
   return Answer::None;
 }
 
-/// Gaps are fine, but for those that could hide a record that is missing or another producer's.
+/// Gaps are fine, except those that could hide a missing record or another producer's.
 bool StreamModel::isInOrder(const Record& record) const {
   if (record.sequence <= sequence_) return false;
   const bool mayLeaveGap = record.type != kClose && !cutOffAnother_;

@@ -7,8 +7,8 @@
 
 namespace korvex::test {
 
-/// What the daemon must make of the records of one queue, written from the protocol alone: what it
-/// answers, what it stores and what it counts. Exact after every record; takes no memory for one.
+/// What the daemon must do with the records of one queue, written from the protocol alone: what it
+/// replies, stores and counts. Exact after every record; keeps no record.
 class StreamModel {
  public:
   struct Record {

@@ -27,7 +27,7 @@ constexpr std::size_t kHeaderSize = 48;
 constexpr std::size_t kReplyTextSize = 128;
 constexpr std::size_t kReplySize = sizeof(std::uint32_t) + kReplyTextSize;
 
-/// A record's header; as it is made, an open record's.
+/// A record's header; by default an open record's.
 struct Header {
   std::uint32_t type = kOpen;
   std::uint32_t len = 0;
@@ -41,8 +41,7 @@ struct Header {
   std::uint32_t magic = kHeaderMagic;
 };
 
-/// Does something with each field, in the order of the bytes. The library's header has the same
-/// fields.
+/// Calls `action` for each field, in wire order. The library's header has the same fields.
 template <typename AnyHeader, typename Action>
 void forEachField(AnyHeader& header, Action action) {
   action(header.type);
@@ -97,7 +96,7 @@ inline Bytes metaDataBytes(std::uint32_t magic, std::uint32_t count) {
   return bytes;
 }
 
-/// Whether a message is a batch, as a reader sees it that trusts nothing; and where its records
+/// Whether a message is a batch, checked by a reader that trusts nothing; and where its records
 /// start.
 inline bool decodeBatch(const unsigned char* message, std::size_t size,
                         std::vector<std::size_t>& starts) {
@@ -149,7 +148,7 @@ class BatchBytes {
   Bytes bytes_ = metaDataBytes(kBatchMagic, 0);
 };
 
-/// A reply, its status in host order and its text cut where its field ends.
+/// A reply, its status in host order and its text truncated to its field.
 inline Bytes replyBytes(std::uint32_t status, const std::string& text) {
   Bytes bytes(kReplySize, 0);
   std::memcpy(bytes.data(), &status, sizeof status);
