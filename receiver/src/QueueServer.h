@@ -18,7 +18,7 @@
 
 namespace korvex::receiver {
 
-/// What a Receiver is made of: receives, checks, hands on, answers.
+/// What a Receiver is made of: receives, checks, passes on, replies.
 class QueueServer {
  public:
   /// If the end takes longer than this, a disk or a producer hangs. A supervisor kills a daemon

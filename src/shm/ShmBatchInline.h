@@ -74,7 +74,7 @@ inline void ShmBatch::append(const qmx_shm_message_t& header, const unsigned cha
   assert(hasRoom(header.len));
   if (header.len != 0 && data == nullptr) {
     // The header goes in before the data pointer is checked. A refused entry thus leaves 48 stray
-    // bytes behind the used part; the next entry overwrites them.
+    // bytes after the used part; the next entry overwrites them.
     putHeader(writePos_, header);
     refuseNullData(header.len);
   }

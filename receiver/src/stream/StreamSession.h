@@ -17,7 +17,7 @@
 
 namespace korvex::receiver {
 
-/// Follows the streams of one queue, record by record, and hands their data to sinks.
+/// Follows the streams of one queue, record by record, and passes their data to sinks.
 ///
 /// A stream is an open record, segment-data and segment-end records, then a close or a stop. It is
 /// complete only when its close came and everything before it was taken. Any other end leaves it

@@ -47,7 +47,7 @@ class KORVEX_RECEIVER_EXPORT BatchCheck {
 
   Defect defect_ = Defect::None;
   std::size_t offset_ = 0;
-  std::size_t dataLength_ = 0;  ///< of the entry looked at
+  std::size_t dataLength_ = 0;  ///< of the entry being checked
   std::uint32_t entries_ = 0;
   std::uint64_t found_ = 0;
   std::uint64_t expected_ = 0;
