@@ -14,7 +14,7 @@ constexpr unsigned kTimeout = 10;     // seconds to wait for room at most
 constexpr unsigned kFullQueue = 15;   // the status of a call that found no room in time
 constexpr int kMoreThanReplies = 40;  // 16 in the queue, 4 in the daemon, and batches on their way
 
-/// A reply that nobody fetched would be taken for this stream's.
+/// An old reply that was never fetched would be taken for this stream's.
 void forgetOldReplies(const std::string& queue) {
   korvex::ShmWriter writer("example", queue, kTimeout, kTimeout, false);
   for (int i = 0; i < kMoreThanReplies; ++i) {
