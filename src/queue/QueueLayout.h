@@ -19,7 +19,7 @@
 //         48     40  the lock; its owner's thread id at 56    the lock's owner
 //         88     96  two condition variables                  not used here
 //        184      8  first: where the index starts            the lock's owner
-//        192     16  blocked peers                            not used here
+//        192     16  blocked peers                            not written here
 //        208    8 N  the index: a ring of relative pointers   the lock's owner
 //    208+8 N         N slots of 16 bytes and S, S rounded     the lock's owner
 //                    up to 8: length (8), priority (4), data
