@@ -84,7 +84,7 @@ void QueueServer::reportUntaken() {
   if (untaken > 0) observer_.messagesLeft(untaken);
 }
 
-/// Tries one message. Tries an empty queue, too, if its lock is taken: the lock's owner may be
+/// Tries one message. Tries an empty queue too, if its lock is taken: the lock's owner may be
 /// dead.
 bool QueueServer::step() {
   if (pair_ == nullptr) {

@@ -30,7 +30,7 @@ inline unsigned char* putHeader(unsigned char* bytes, const qmx_shm_message_t& h
       _mm_loadu_si128(reinterpret_cast<const __m128i*>(source + kSegmentCountOffset));
   const __m128i last = _mm_loadu_si128(reinterpret_cast<const __m128i*>(source + kAlgParamsOffset));
   putBig64(putBig64(bytes, typeAndLen), sequence);
-  // The 64-bit count needs its two words swapped, too.
+  // The 64-bit count needs its two words swapped too.
   const __m128i countFirst = _mm_shuffle_epi32(swappedWords(middle), 0xe1);
   _mm_storeu_si128(reinterpret_cast<__m128i*>(bytes + kSegmentCountOffset), countFirst);
   _mm_storeu_si128(reinterpret_cast<__m128i*>(bytes + kAlgParamsOffset), swappedWords(last));

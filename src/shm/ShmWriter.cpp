@@ -246,7 +246,7 @@ void ShmWriter::endSegment() {
   if (!isOpen) {
     throwError(kStatusWrongState, "Could not end segment data because ShmWriter is not open");
   }
-  // However the last record was written: a segment end from write_data() counts, too.
+  // However the last record was written: a segment end from write_data() counts too.
   if (lastHeaderType_ == kTypeSegmentEnd) {
     trace("%s: ignoring redundant %u header", "endSegment", kTypeSegmentEnd);
     return;

@@ -18,7 +18,7 @@ namespace {
 /// own that another fork handler wants, and the two would deadlock. The counter is one aligned
 /// word, so it is consistent at any moment. Created when the library is loaded, together with the
 /// generator: a fork during a first call would leave the compiler's static initialisation guard
-/// taken, too.
+/// taken too.
 class UniqueIdGenerator::ForkGuard {
  public:
   ForkGuard() {
@@ -44,7 +44,7 @@ const UniqueIdGenerator::ForkGuard UniqueIdGenerator::ForkGuard::madeAtLoad;
 
 UniqueIdGenerator* UniqueIdGenerator::getInstance() {
   static pthread_mutex_t singletonLock = PTHREAD_MUTEX_INITIALIZER;
-  // The compiler guards the first construction, too. The lock on every call is there on purpose: it
+  // The compiler guards the first construction too. The lock on every call is there on purpose: it
   // holds even where the library is built without that guard.
   const AutoLock lock(&singletonLock);
   static UniqueIdGenerator instance;  // GCOVR_EXCL_BR_LINE: under the lock nobody is first but us

@@ -30,7 +30,7 @@ class AllocationCounter {
 };
 
 /// Makes allocations of the calling thread fail while it lives: the one with this number (1 is the
-/// next), and with `Lasting` all later ones, too.
+/// next), and with `Lasting` all later ones too.
 class AllocationFailure {
  public:
   enum class Kind { Single, Lasting };

@@ -50,7 +50,7 @@ std::vector<pid_t> keepersFor(const std::string& queue) {
   std::vector<pid_t> found = processesFor(queue);
   const auto isOther = [](pid_t process) { return read(process, "comm") != "korvexd-keeper\n"; };
   found.erase(std::remove_if(found.begin(), found.end(), isOther), found.end());
-  // A process that a keeper has just forked has that name, too, until it execs the engine.
+  // A process that a keeper has just forked has that name too, until it execs the engine.
   const std::vector<pid_t> all = found;
   const auto isForked = [&](pid_t process) {
     return std::any_of(all.begin(), all.end(),

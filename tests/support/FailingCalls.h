@@ -38,7 +38,7 @@ class FailingCalls {
   std::vector<std::string> prefix() const;
 
   /// The call with this number from now on (1 is the next) fails with this errno; with `Lasting`
-  /// all later ones, too, until the next order.
+  /// all later ones too, until the next order.
   void fail(int call, int error, FailureOrder::Kind kind);
 
   /// Nothing fails from now on. Returns whether anything did since fail().

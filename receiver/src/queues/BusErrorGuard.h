@@ -9,7 +9,7 @@
 
 namespace korvex::receiver {
 
-/// A queue's memory is gone: truncated, or not to be had from the system.
+/// A queue's memory is gone: it was truncated, or the system has none left.
 class MemoryLost : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;

@@ -41,7 +41,7 @@ class KORVEX_RECEIVER_EXPORT Observer {
   /// A sink's abandon() threw: what it left may not be marked as incomplete.
   virtual void abandoningFailed(const std::string& reason) noexcept;
 
-  /// A message that is not a valid batch. An open stream fails by it.
+  /// A message that is not a valid batch. It fails an open stream.
   virtual void batchRefused(std::uint64_t number, const std::string& defect) noexcept;
 
   /// A record that breaks the protocol while no stream is open.

@@ -9,7 +9,7 @@
 namespace korvex::receiver {
 
 /// A system call that failed. The text is like "writing data: error 28 (No space left on device)",
-/// and a producer sees it in the failure reply, so sinks should throw it, too.
+/// and a producer sees it in the failure reply, so sinks should throw it too.
 class KORVEX_RECEIVER_EXPORT SystemError : public std::runtime_error {
  public:
   /// `doing` says what failed, `number` is the errno.
