@@ -1,5 +1,5 @@
-#ifndef KORVEX_SHM_MESSAGE_QUEUE_H
-#define KORVEX_SHM_MESSAGE_QUEUE_H
+#ifndef KORVEX_QUEUE_MESSAGE_QUEUE_H
+#define KORVEX_QUEUE_MESSAGE_QUEUE_H
 
 #include <sys/types.h>
 

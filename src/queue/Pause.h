@@ -1,5 +1,5 @@
-#ifndef KORVEX_SHM_PAUSE_H
-#define KORVEX_SHM_PAUSE_H
+#ifndef KORVEX_QUEUE_PAUSE_H
+#define KORVEX_QUEUE_PAUSE_H
 
 #include <chrono>
 

@@ -1,5 +1,5 @@
-#ifndef KORVEX_SHM_QUEUE_VIEW_H
-#define KORVEX_SHM_QUEUE_VIEW_H
+#ifndef KORVEX_QUEUE_QUEUE_VIEW_H
+#define KORVEX_QUEUE_QUEUE_VIEW_H
 
 #include <sys/types.h>
 

@@ -11,7 +11,7 @@
 
 #include "integration/DaemonFixture.h"
 #include "queue/MessageQueue.h"
-#include "support/BatchBytes.h"
+#include "support/WireFormat.h"
 
 using korvex::test::BatchBytes;
 using korvex::test::eventually;

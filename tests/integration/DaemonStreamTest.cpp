@@ -6,9 +6,9 @@
 #include "integration/DaemonFixture.h"
 #include "korvex/Status.h"
 #include "queue/MessageQueue.h"
-#include "support/BatchBytes.h"
 #include "support/LockHolder.h"
 #include "support/ThrownError.h"
+#include "support/WireFormat.h"
 
 using korvex::test::BatchBytes;
 using korvex::test::Bytes;

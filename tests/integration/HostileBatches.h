@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "support/BatchBytes.h"
+#include "support/WireFormat.h"
 
 namespace korvex::test::hostile {
 

@@ -1,5 +1,5 @@
-#ifndef TESTS_INTEGRATION_SUPPORT_AWAIT_H
-#define TESTS_INTEGRATION_SUPPORT_AWAIT_H
+#ifndef TESTS_SUPPORT_AWAIT_H
+#define TESTS_SUPPORT_AWAIT_H
 
 #include <chrono>
 #include <thread>

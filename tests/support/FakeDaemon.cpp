@@ -1,7 +1,6 @@
 #include "support/FakeDaemon.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <queue>
 #include <utility>
@@ -9,6 +8,7 @@
 #include <korvex/ShmWriter.h>
 
 #include "queue/Pause.h"
+#include "support/Queues.h"
 #include "support/WireFormat.h"
 
 namespace korvex::test {
@@ -17,11 +17,6 @@ namespace {
 constexpr MessageQueue::Limits kReplyLimits = {16, sizeof(qmx_shm_response_t)};
 constexpr std::chrono::milliseconds kLongestSleep{1};
 constexpr std::chrono::seconds kPatience{60};
-
-std::string uniqueName() {
-  static std::atomic<int> count{0};
-  return "korvex-tool-test-" + std::to_string(::getpid()) + "-" + std::to_string(count++);
-}
 
 std::unique_ptr<MessageQueue> create(const std::string& name, MessageQueue::Limits limits) {
   return std::make_unique<MessageQueue>(name, limits, mode_t{0600});
@@ -40,7 +35,7 @@ void await(Condition condition) {
 }  // namespace
 
 FakeDaemon::FakeDaemon(MessageQueue::Limits limits)
-    : name_(uniqueName()),
+    : name_(uniqueQueueName()),
       limits_(limits),
       requests_(create(name_, limits)),
       replies_(create(getMessageQueueResponseName(name_), kReplyLimits)) {}

@@ -1,5 +1,5 @@
-#ifndef KORVEX_TESTS_FAKE_DAEMON_H
-#define KORVEX_TESTS_FAKE_DAEMON_H
+#ifndef TESTS_SUPPORT_FAKE_DAEMON_H
+#define TESTS_SUPPORT_FAKE_DAEMON_H
 
 #include <atomic>
 #include <cstdint>

@@ -1,5 +1,5 @@
-#ifndef TESTS_UNIT_PLATFORM_DOUBLE_H
-#define TESTS_UNIT_PLATFORM_DOUBLE_H
+#ifndef TESTS_SUPPORT_PLATFORM_DOUBLE_H
+#define TESTS_SUPPORT_PLATFORM_DOUBLE_H
 
 #include <string>
 #include <vector>

@@ -6,8 +6,8 @@
 #include <fstream>
 
 #include "Failure.h"
-#include "support/BatchBytes.h"
 #include "support/TemporaryFolder.h"
+#include "support/WireFormat.h"
 
 namespace {
 

@@ -9,8 +9,8 @@
 
 #include "integration/HostileBatches.h"
 #include "korvex/receiver/BatchCheck.h"
-#include "support/BatchBytes.h"
 #include "support/TemporaryFolder.h"
+#include "support/WireFormat.h"
 
 namespace {
 

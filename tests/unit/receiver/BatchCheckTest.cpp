@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "support/BatchBytes.h"
+#include "support/WireFormat.h"
 
 using korvex::receiver::BatchCheck;
 using korvex::test::BatchBytes;
