@@ -131,7 +131,7 @@ class Tar(CutBackup):
 
     @classmethod
     def setUpClass(cls):
-        # A copy, for somebody may install something meanwhile.
+        # A copy: packages may be installed meanwhile.
         parent = cls.enterClassContext(tempfile.TemporaryDirectory())
         cls.tree = f"{parent}/tree"
         cls.parent = ("-C", parent)
