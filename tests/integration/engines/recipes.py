@@ -18,6 +18,7 @@ With --list it fails unless exactly these sections have such blocks.
 import contextlib
 import os
 import re
+import shlex
 import subprocess
 import sys
 import tempfile
@@ -107,9 +108,9 @@ def cron_script(blocks, *_):
     settings = re.findall(r"^(\w+)=(.*)$", blocks[0], flags=re.M)
     (job,) = re.findall(r"^(?:\S+ +){5}\w+ (korvex .*)$", blocks[0], flags=re.M)
     (queue,) = re.findall(r"--queue (\w+)", job)
-    words = " ".join(f"'{name}={value}'" for name, value in settings)
+    words = shlex.join(f"{name}={value}" for name, value in settings)
     return (START + SYSTEM + f"QUEUE={queue}\nSETTINGS=({words})\nSHELL={dict(settings)['SHELL']}\n"
-            f"JOB='{job}'\n" + CRON)
+            f"JOB={shlex.quote(job)}\n" + CRON)
 
 
 def units_script(blocks, folder, _):

@@ -14,7 +14,8 @@ import subprocess
 import tempfile
 import time
 
-NOBODY = 65534
+NOBODY = "65534"
+AS_NOBODY = ["--reuid", NOBODY, "--regid", NOBODY, "--clear-groups"] if os.getuid() == 0 else []
 PATIENCE = 120  # seconds: far more than anything takes, so that a loaded machine fails no test
 
 
@@ -32,6 +33,7 @@ class Server:
     """What all of them have in common."""
 
     NEEDS = ()  # programs
+    OWNER = []  # whom setpriv runs it as
     END = signal.SIGTERM
     CRASH = signal.SIGKILL
 
@@ -62,14 +64,13 @@ class Server:
 
     def _owned(self, command):
         """The command as the owner of the folder runs it, for no longer than this process lives."""
-        user = ["--reuid", str(NOBODY), "--regid", str(NOBODY), "--clear-groups"]
-        return ["setpriv", *(user if os.getuid() == 0 else []),
-                "--pdeathsig", self.CRASH.name[3:], *command]
+        return ["setpriv", *self.OWNER, "--pdeathsig", self.CRASH.name[3:], *command]
 
 
 class Database(Server):
     """A server with a database `shop`, and a way to hold up its dump when most of it is out."""
 
+    OWNER = AS_NOBODY
     CLIENT = ()   # runs the statements of its standard input
     FILL = ""     # makes what is in the database
     HOLD = ""     # locks what a dump needs last
@@ -133,9 +134,6 @@ class Postgres(Database):
     def __init__(self, folder):
         super().__init__(folder)
         self.environment = {"PGHOST": folder, "PGUSER": "postgres"}
-
-    def ask(self, statements, database="shop"):
-        return super().ask(statements, database or "postgres")
 
     def _make_command(self):
         return [program("initdb"), "--pgdata", "data", "--username", "postgres", "--auth", "trust",
@@ -209,8 +207,8 @@ def missing(names):
 def running(kind):
     """A server of this kind, with its data."""
     with tempfile.TemporaryDirectory() as folder:
-        if os.getuid() == 0:
-            os.chown(folder, NOBODY, NOBODY)
+        if kind.OWNER:
+            os.chown(folder, int(NOBODY), int(NOBODY))
         server = kind(folder)
         try:
             server.make()
