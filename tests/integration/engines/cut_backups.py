@@ -125,7 +125,7 @@ class MariaDb(DatabaseDump):
 
 
 class Tar(CutBackup):
-    """What belongs to the compilers: header files in many folders, libraries."""
+    """A tree of header files and libraries, as compilers have it."""
 
     NEEDS = ("tar",)
 
