@@ -18,7 +18,8 @@ import time
 
 from bucket import ENGINE, Bucket, defects, environment_of
 from ceph import STORES, Cluster, Failed
-from daemons import HOSTS, Hosts, Producers, await_until
+from daemons import (HOSTS, Hosts, Producers, adopt_orphans, await_until,
+                     kill_what_is_left)
 from streams import BROKEN, MIB, Stream
 
 VICTIM = 1  # of the object stores
@@ -141,6 +142,8 @@ def main(arguments):
         with contextlib.ExitStack() as stack:
             folder = pathlib.Path(stack.enter_context(
                 tempfile.TemporaryDirectory(prefix="korvex-cluster-")))
+            adopt_orphans()
+            stack.callback(kill_what_is_left)
             say(f"start the store in {folder}: a monitor, a manager, {STORES} object stores and "
                 "an S3 gateway")
             return run(options, folder, stack.enter_context(Cluster(folder)))
