@@ -13,6 +13,7 @@ import sys
 SOURCE = pathlib.Path(__file__).resolve().parent.parent
 sys.path.insert(0, str(SOURCE / "bench"))
 
+import chain.topic  # noqa: E402
 import compare.topic  # noqa: E402
 import growth.topic  # noqa: E402
 import micro.topic  # noqa: E402
@@ -20,7 +21,8 @@ import tools.topic  # noqa: E402
 from report import machine, targets  # noqa: E402
 
 TOPICS = {"compare": compare.topic, "micro": micro.topic, "tools": tools.topic,
-          "growth": growth.topic}
+          "chain": chain.topic, "growth": growth.topic}
+MIB = 2**20
 GIB = 2**30
 
 
@@ -36,10 +38,12 @@ class Context:
         self.micro_seconds = 0.02 if options.quick else 0.2
         self.micro_repetitions = 3 if options.quick else 9
         self.tool_rounds = 2 if options.quick else 5
+        self.chain_rounds = 3 if options.quick else 7
         self.growth_rounds = 1 if options.quick else 3
         self.sweep_bytes = (1 if options.quick else 8) * GIB
         self.idle_seconds = 3 if options.quick else 30
         self.file_bytes = (1 if options.quick else 4) * GIB
+        self.engine_bytes = (128 if options.quick else 512) * MIB
         self.longest_stream = (4 if options.quick else 64) * GIB
         self._rows = options.rows
         self._sizes = options.sizes

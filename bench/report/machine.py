@@ -6,7 +6,8 @@ import platform
 import re
 import subprocess
 
-PEERS = ["libboost-dev", "libzmq5", "libnng1", "iceoryx", "zlib1g", "libbenchmark1.7.1", "pv"]
+PEERS = ["libboost-dev", "libzmq5", "libnng1", "iceoryx", "zlib1g", "libbenchmark1.7.1", "pv",
+         "restic", "borgbackup", "rclone"]
 
 
 def describe(source, build):

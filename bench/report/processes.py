@@ -2,11 +2,15 @@
 
 import json
 import os
+import shlex
 import subprocess
+import tempfile
 import time
 from contextlib import contextmanager
 
 SHARED_MEMORY = "/dev/shm"
+GNU_TIME = "/usr/bin/time"
+MIB = 2**20
 
 
 class Failed(Exception):
@@ -22,6 +26,14 @@ def run_json(command, timeout=600):
     return json.loads(done.stdout.strip().split("\n")[-1])
 
 
+def run_silently(command, **place):
+    """Runs a program that has nothing to say to its end."""
+    done = subprocess.run(command, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True,
+                          **place)
+    if done.returncode != 0:
+        raise Failed(f"{shlex.join(command)} ended with {done.returncode}: {done.stderr.strip()}")
+
+
 def cpu_seconds(process):
     """CPU time of all threads that live."""
     total = 0
@@ -32,6 +44,13 @@ def cpu_seconds(process):
         except OSError:
             continue  # ended meanwhile
     return total * 1e-9
+
+
+def cpu_seconds_with_children(process):
+    """CPU time of a process and of all that have ended below it."""
+    with open(f"/proc/{process}/stat") as file:
+        fields = file.read().rpartition(")")[2].split()
+    return sum(int(ticks) for ticks in fields[11:15]) / os.sysconf("SC_CLK_TCK")
 
 
 def memory_kib(process):
@@ -47,12 +66,13 @@ def memory_kib(process):
 
 
 @contextmanager
-def daemon(program, queues, options):
+def daemon(program, queues, options, **place):
     """A daemon that serves the queues, ready when the body runs, ended after it."""
     command = [str(program)] + [str(option) for option in options]
     for queue in queues:
         command += ["--queue", queue]
-    process = subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+    process = subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
+                               **place)
     try:
         _await_queues(process, queues)
         yield process
@@ -71,3 +91,45 @@ def _await_queues(process, queues, timeout=30):
         if time.monotonic() > end:
             raise Failed("the daemon's queues did not appear")
         time.sleep(0.005)
+
+
+def write_file(path, size):
+    """Bytes that no file system and no tool can leave out or store once for many; in the cache
+    afterwards."""
+    with open(path, "wb") as file:
+        for _ in range(size // MIB):
+            file.write(os.urandom(MIB))
+        file.flush()
+        os.fsync(file.fileno())
+
+
+def timed_pipeline(commands, **place):
+    """Runs the commands as a pipeline into nothing: seconds, and what each command used. `place`
+    is their folder and environment, as subprocess takes them.
+
+    Each runs below a small program that measures it: the kernel would count this interpreter's
+    memory as its child's."""
+    reports, processes = [], []
+    start = time.monotonic()
+    source = subprocess.DEVNULL
+    for number, command in enumerate(commands):
+        report = tempfile.NamedTemporaryFile(mode="r", prefix="korvex-bench-time-")
+        last = number == len(commands) - 1
+        process = subprocess.Popen(
+            [GNU_TIME, "-q", "-f", "%U %S %M", "-o", report.name] + command, stdin=source,
+            stdout=subprocess.DEVNULL if last else subprocess.PIPE, **place)
+        if source != subprocess.DEVNULL:
+            source.close()
+        source = process.stdout
+        reports.append(report)
+        processes.append(process)
+    for process, command in zip(processes, commands):
+        if process.wait() != 0:
+            raise Failed(f"{shlex.join(command)} ended with {process.returncode}")
+    return time.monotonic() - start, [_usage(report) for report in reports]
+
+
+def _usage(report):
+    user, system, peak = report.read().split()
+    report.close()
+    return {"cpu": float(user) + float(system), "peak_kib": int(peak)}

@@ -1,19 +1,14 @@
 """Whole files through the command-line tools, beside what people use today."""
 
 import os
-import shlex
 import shutil
-import subprocess
 import tempfile
-import time
 
 from report import plots
 from report.figures import rate_text, ratio_text, size_text, spread, table
-from report.processes import Failed, cpu_seconds, daemon, memory_kib
+from report.processes import (Failed, cpu_seconds, daemon, memory_kib, timed_pipeline,
+                              write_file)
 from report.targets import Target
-
-MIB = 2**20
-GNU_TIME = "/usr/bin/time"
 
 DISCARD = "korvex send, korvexd --discard"
 OUTPUT = "korvex send, korvexd --output"
@@ -56,7 +51,7 @@ class _Bench:
         self._file = os.path.join(folder, "file")
         self._copy = os.path.join(folder, "copy")
         self._store = os.path.join(folder, "store")
-        _write_file(self._file, context.file_bytes)
+        write_file(self._file, context.file_bytes)
 
     def rows(self):
         yield DISCARD, lambda: self._send(["--discard"])
@@ -70,7 +65,7 @@ class _Bench:
         with daemon(self._daemon, [self._queue], daemon_options) as receiver:
             cpu_before = cpu_seconds(receiver.pid)
             command = [str(self._tool), "send", "--quiet", "--queue", self._queue, self._file]
-            seconds, (sender,) = _timed_pipeline([command])
+            seconds, (sender,) = timed_pipeline([command])
             found = {"seconds": seconds, "sender_cpu": sender["cpu"],
                      "sender_kib": sender["peak_kib"],
                      "receiver_cpu": cpu_seconds(receiver.pid) - cpu_before,
@@ -81,53 +76,12 @@ class _Bench:
     def _pipeline(self, commands):
         filled = [[part.replace("FILE", self._file).replace("COPY", self._copy)
                    for part in command] for command in commands]
-        seconds, ends = _timed_pipeline(filled)
+        seconds, ends = timed_pipeline(filled)
         if os.path.exists(self._copy):
             os.unlink(self._copy)
         sender, receiver = ends[0], ends[1] if len(ends) > 1 else {"cpu": 0, "peak_kib": 0}
         return {"seconds": seconds, "sender_cpu": sender["cpu"], "sender_kib": sender["peak_kib"],
                 "receiver_cpu": receiver["cpu"], "receiver_kib": receiver["peak_kib"]}
-
-
-def _write_file(path, size):
-    """Bytes that no file system and no tool can leave out; in the cache afterwards."""
-    block = os.urandom(MIB)
-    with open(path, "wb") as file:
-        for _ in range(size // MIB):
-            file.write(block)
-        file.flush()
-        os.fsync(file.fileno())
-
-
-def _timed_pipeline(commands):
-    """Runs the commands as a pipeline into nothing: seconds, and what each command used.
-
-    Each runs below a small program that measures it: the kernel would count this interpreter's
-    memory as its child's."""
-    reports, processes = [], []
-    start = time.monotonic()
-    source = subprocess.DEVNULL
-    for number, command in enumerate(commands):
-        report = tempfile.NamedTemporaryFile(mode="r", prefix="korvex-bench-time-")
-        last = number == len(commands) - 1
-        process = subprocess.Popen(
-            [GNU_TIME, "-q", "-f", "%U %S %M", "-o", report.name] + command, stdin=source,
-            stdout=subprocess.DEVNULL if last else subprocess.PIPE)
-        if source != subprocess.DEVNULL:
-            source.close()
-        source = process.stdout
-        reports.append(report)
-        processes.append(process)
-    for process, command in zip(processes, commands):
-        if process.wait() != 0:
-            raise Failed(f"{shlex.join(command)} ended with {process.returncode}")
-    return time.monotonic() - start, [_usage(report) for report in reports]
-
-
-def _usage(report):
-    user, system, peak = report.read().split()
-    report.close()
-    return {"cpu": float(user) + float(system), "peak_kib": int(peak)}
 
 
 def _ratio(results, name, peer):
