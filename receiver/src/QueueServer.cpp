@@ -13,6 +13,7 @@ namespace {
 constexpr std::chrono::milliseconds kLongestPause{25};
 
 constexpr std::chrono::seconds kWatchPeriod{1};
+constexpr std::chrono::milliseconds kStreamWatchPeriod{100};
 constexpr std::chrono::seconds kFinishingPeriod{5};
 
 bool holdsNoRecord(const std::vector<unsigned char>& batch, std::size_t size) {
@@ -140,8 +141,11 @@ void QueueServer::watchQueues() {
   if (!defect.empty()) replacePair(defect);
 }
 
-/// Any batch is a sign of life, even an empty one.
+/// Any batch is a sign of life, even an empty one. A sink asks the system, which takes far longer
+/// than the looks at a queue whose next batch is due any moment.
 void QueueServer::watchStream() {
+  if (Clock::now() < nextStreamLook_) return;
+  nextStreamLook_ = Clock::now() + kStreamWatchPeriod;
   answer(session_.checkSink());
   const auto& limit = settings_.idleTimeout;
   if (!limit || Clock::now() - lastSign_ < *limit) return;

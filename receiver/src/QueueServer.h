@@ -68,6 +68,7 @@ class QueueServer {
   std::unique_ptr<ReplySender> replies_;
   Pause pause_;
   Clock::time_point nextLook_{};
+  Clock::time_point nextStreamLook_{};
   Clock::time_point lastSign_{};       ///< of a producer's life
   Clock::time_point nextFinishing_{};  ///< when the producer hears of it again
   const std::atomic<bool>* stop_ = nullptr;

@@ -2,6 +2,8 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -43,6 +45,21 @@ class SlowSink : public Sink {
   Streams& streams_;
 };
 
+/// Ends its receiver when it was asked a third time.
+class AskedSink : public Sink {
+ public:
+  explicit AskedSink(std::atomic<bool>& stop) : stop_(stop) {}
+
+  void write(const unsigned char*, std::size_t) override {}
+  void check() override { stop_ = ++asked_ == 3; }
+  void complete(const StreamSummary&, const StillFinishing&) override {}
+  void abandon(const StreamSummary&, const std::string&) override {}
+
+ private:
+  std::atomic<bool>& stop_;
+  int asked_ = 0;
+};
+
 }  // namespace
 
 TEST(Receiver, TakesAtItsEndWhatCameDuringAFinish) {
@@ -61,4 +78,21 @@ TEST(Receiver, TakesAtItsEndWhatCameDuringAFinish) {
   second.open();
   receiver.run(streams.stop);
   EXPECT_THAT(streams.ends, ElementsAre("complete", "the daemon ended"));
+}
+
+// Asking takes a system call or two. At each look at the queue, that would cost a processor.
+TEST(Receiver, AsksASinkAFewTimesASecondOnly) {
+  const std::string name = korvex::test::uniqueQueueName();
+  const korvex::test::QueueRemover remover(name);
+  std::atomic<bool> stop{false};
+  Observer silent;
+  const auto open = [&](const std::string&, std::time_t) {
+    return std::make_unique<AskedSink>(stop);
+  };
+  Receiver receiver({name, {4, 4096}}, open, silent);
+  ShmWriter producer("silent", name, 1, 1, false);
+  producer.open();
+  const auto start = std::chrono::steady_clock::now();
+  receiver.run(stop);
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
 }
