@@ -76,7 +76,7 @@ bool SourceCommand::isReadable(int file) {
                      {end_ ? -1 : process_->descriptor(), POLLIN, 0}};
   const int ready = ::poll(events, 3, static_cast<int>(kIdlePeriod.count()));
   stop_.throwIfReceived();
-  heed();
+  if (events[2].revents != 0 || process_->descriptor() < 0) heed();
   pulse();
   return ready > 0 && events[0].revents != 0;
 }
