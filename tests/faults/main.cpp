@@ -1,5 +1,5 @@
-// Kills producers and daemons at random moments and looks whether anything was lost, hung or left
-// behind.
+// Kills producers and daemons, or who else takes part in a stream, at random moments and looks
+// whether anything was lost, hung or left behind.
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -7,9 +7,12 @@
 #include <exception>
 #include <filesystem>
 #include <future>
+#include <memory>
 #include <random>
 
-#include "Lane.h"
+#include "ChainLane.h"
+#include "QueueLane.h"
+#include "SourceCommand.h"
 
 using namespace korvex::test;
 
@@ -21,23 +24,35 @@ struct Options {
   std::uint64_t seed = std::random_device{}();
   std::uint64_t only = 0;
   bool hasOnly = false;
+  bool isChain = false;
+  std::string engine = "recording";
+  Victims victims = Victims::Any;
   unsigned lanes = 2;
 };
 
-Tally runLane(const Options& options, unsigned number, const Stalls& stalls) {
+std::unique_ptr<Lane> makeLane(const Options& options, unsigned number, const Stalls& stalls) {
   const std::string self = std::filesystem::read_symlink("/proc/self/exe");
   const std::string name =
       "korvex-faults-" + std::to_string(::getpid()) + "-" + std::to_string(number);
-  Lane lane({options.daemon, self, name, options.seed}, stalls);
+  const Lane::Settings settings = {options.daemon, self, name, options.seed};
+  if (!options.isChain) return std::make_unique<QueueLane>(settings, stalls);
+  return std::make_unique<ChainLane>(settings, options.engine, options.victims);
+}
+
+/// Some scenarios come to nothing, because the stream is over first. Others take their place.
+Tally runLane(const Options& options, unsigned number, const Stalls& stalls) {
+  constexpr std::uint64_t kMostTries = 3;
+  const std::unique_ptr<Lane> lane = makeLane(options, number, stalls);
   if (options.hasOnly) {
-    lane.run(options.only);
-    return lane.finish();
+    lane->run(options.only);
+    return lane->finish();
   }
-  for (std::uint64_t index = number; index < options.kills && !lane.isOver();
-       index += options.lanes) {
-    lane.run(index);
+  const std::uint64_t share = (options.kills + options.lanes - 1 - number) / options.lanes;
+  for (std::uint64_t i = 0; i < kMostTries * share && lane->kills() < share && !lane->isOver();
+       ++i) {
+    lane->run(number + i * options.lanes);
   }
-  return lane.finish();
+  return lane->finish();
 }
 
 /// A run of some length has stopped the daemon several times. When no call had to wait for as long
@@ -45,7 +60,7 @@ Tally runLane(const Options& options, unsigned number, const Stalls& stalls) {
 void lookAtStops(const Options& options, Tally& tally) {
   constexpr std::uint64_t kSomeLength = 500;
   const bool isShort = options.hasOnly || tally.kills < kSomeLength;
-  if (isShort || tally.outcomes[kTimedOutInStop] > 0) return;
+  if (options.isChain || isShort || tally.outcomes[kTimedOutInStop] > 0) return;
   tally.bad.push_back("no stop of the daemon made a call time out");
 }
 
@@ -73,7 +88,9 @@ int report(const Options& options, const Tally& tally, double seconds) {
               static_cast<unsigned long long>(tally.kills),
               static_cast<unsigned long long>(options.seed), seconds, tally.bad.size());
   if (!tally.bad.empty()) {
-    std::printf("replay one with: ./run faults --seed %llu --only INDEX\n",
+    const std::string chain = options.isChain ? " --chain --engine " + options.engine : "";
+    std::printf("replay one with: ./run faults%s%s --seed %llu --only INDEX\n", chain.c_str(),
+                options.victims == Victims::Guardians ? " --guardians" : "",
                 static_cast<unsigned long long>(options.seed));
   }
   return tally.bad.empty() ? 0 : 1;
@@ -87,11 +104,26 @@ void blockEndSignal() {
   ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
+void declareChain(CLI::App& app, Options& options) {
+  CLI::Option* const chain =
+      app.add_flag("--chain", options.isChain,
+                   "Kill one or two of a stream's command, sender, daemon, keeper and engine, but "
+                   "not daemon and keeper together: nothing is promised then");
+  app.add_option("--engine", options.engine, "What stores the streams of --chain")
+      ->check(CLI::IsMember({"recording", "restic"}))
+      ->needs(chain)
+      ->capture_default_str();
+  app.add_flag_callback(
+         "--guardians", [&options] { options.victims = Victims::Guardians; },
+         "Kill daemon and keeper together all the same, to see that a cut stream is found")
+      ->needs(chain);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) try {
   blockEndSignal();
-  CLI::App app{"Kills producers and daemons at random and checks what is left"};
+  CLI::App app{"Kills what takes part in streams at random and checks what is left"};
   Options options;
   Load load = {"", 1, 1, 1024};
   app.add_option("--kills", options.kills, "How many");
@@ -99,11 +131,18 @@ int main(int argc, char** argv) try {
   auto* const only = app.add_option("--only", options.only, "Just the kill of this index");
   app.add_option("--daemon", options.daemon, "The korvexd to try")->check(CLI::ExistingFile);
   auto* const produce = app.add_option("--produce", load.queue, "Be a producer on this queue");
-  app.add_option("--number", load.number, "The producer's first stream");
+  app.add_option("--number", load.number, "The first stream of a producer or command");
   app.add_option("--streams", load.streams, "How many streams it sends");
   app.add_option("--size", load.size, "Bytes of each");
+  declareChain(app, options);
+  Source source = {"", 1, 16, 0};
+  auto* const command = app.add_option("--source", source.progress, "Be a command, counting here");
+  app.add_option("--lingering", source.lingering, "Microseconds that the command takes to end");
   CLI11_PARSE(app, argc, argv);
   if (*produce) return korvex::test::produce(load);
+  source.number = load.number;
+  source.size = load.size;
+  if (*command) return korvex::test::runSource(source);
   options.hasOnly = !only->empty();
   // First of all, so that a run that somebody has to end can be repeated as well.
   std::printf("seed %llu\n", static_cast<unsigned long long>(options.seed));
