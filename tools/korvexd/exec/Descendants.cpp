@@ -1,16 +1,16 @@
 #include "korvexd/exec/Descendants.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <memory>
 #include <string>
@@ -25,6 +25,7 @@ namespace {
 
 constexpr int kMostRounds = 100;  // for those that cannot be stopped, because they hang in a call
 constexpr timespec kPause{0, 1000000};
+constexpr std::size_t kMostOfStat = 512;  // what is looked at comes first
 
 struct Process {
   pid_t parent = 0;  ///< 0 when it is gone
@@ -37,10 +38,27 @@ bool operator==(const Process& left, const Process& right) {
   return left.parent == right.parent && left.state == right.state;
 }
 
+/// Those that are gone, and other users' where these are hidden. Any other error says nothing about
+/// the process: without a free descriptor, none must look as if it were gone.
+bool isNotThere(int error) {
+  return error == ENOENT || error == ESRCH || error == EACCES || error == EPERM;
+}
+
+/// Empty when it is not there. Throws SystemError when the system does not tell.
+std::string statOf(const std::string& process) {
+  const std::string name = "/proc/" + process + "/stat";
+  std::array<char, kMostOfStat> text;
+  const File file(::open(name.c_str(), O_RDONLY | O_CLOEXEC));
+  const ssize_t size =
+      file.descriptor() < 0 ? -1 : ::read(file.descriptor(), text.data(), text.size());
+  if (size >= 0) return {text.data(), static_cast<std::size_t>(size)};
+  if (isNotThere(errno)) return "";
+  throw receiver::SystemError("reading " + name, errno);
+}
+
 /// "PID (NAME) STATE PARENT ...", and the name may hold brackets and blanks of its own.
 Process lookAt(const std::string& process) {
-  std::ifstream file("/proc/" + process + "/stat", std::ios::binary);
-  const std::string text(std::istreambuf_iterator<char>(file), {});
+  const std::string text = statOf(process);
   const std::size_t name = text.rfind(") ");
   const std::size_t state = name + 2;
   if (name == std::string::npos || state + 2 >= text.size()) return {};
