@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -81,6 +82,32 @@ class ExecDeath : public ExecFixture, public testing::WithParamInterface<Kind> {
 
 /// Without the kinds.
 using ExecOneDeath = ExecDeath;
+
+/// While it lives, the process has only so many descriptors left.
+class FewDescriptors {
+ public:
+  FewDescriptors(pid_t process, unsigned left) : process_(process) {
+    ::prlimit(process_, RLIMIT_NOFILE, nullptr, &before_);
+    rlimit limit = before_;
+    for (limit.rlim_cur = 0; isOpen(limit.rlim_cur) || left > 0; ++limit.rlim_cur) {
+      if (!isOpen(limit.rlim_cur)) --left;
+    }
+    EXPECT_EQ(::prlimit(process_, RLIMIT_NOFILE, &limit, nullptr), 0);
+  }
+  ~FewDescriptors() { ::prlimit(process_, RLIMIT_NOFILE, &before_, nullptr); }
+  FewDescriptors(const FewDescriptors&) = delete;
+  FewDescriptors& operator=(const FewDescriptors&) = delete;
+
+ private:
+  bool isOpen(rlim_t number) const {
+    char target = 0;
+    const std::string link = "/proc/" + std::to_string(process_) + "/fd/" + std::to_string(number);
+    return ::readlink(link.c_str(), &target, 1) > 0;
+  }
+
+  const pid_t process_;
+  rlimit before_ = {};
+};
 
 }  // namespace
 
@@ -267,4 +294,45 @@ TEST_F(ExecOneDeath, OfAKeeperSparesChildrenThatAreNoEngines) {
   EXPECT_TRUE(awaitNoProcess());
   EXPECT_THAT(childrenOf(daemon.id()), testing::ElementsAre(child));
   EXPECT_EQ(::kill(child, SIGKILL), 0);
+}
+
+TEST_F(ExecOneDeath, OfTheKeeperIsMendedWithFewDescriptorsToo) {
+  for (const unsigned left : {0U, 1U, 2U, 3U}) {
+    SCOPED_TRACE(left);
+    const auto daemon = startExec(recorderCommand(), {"--replace"});
+    const auto to = openRecorded("abc" + std::to_string(left));
+    {
+      const FewDescriptors few(daemon->id(), left);
+      ::kill(keeper(), SIGKILL);
+      EXPECT_STREQ(awaitReply(*to).message, "somebody killed the engine's keeper");
+    }
+    EXPECT_TRUE(awaitNoProcess());
+    EXPECT_THAT(stored(), IsEmpty());
+  }
+}
+
+TEST_F(ExecOneDeath, IsUpToAKeeperWithoutDescriptors) {
+  const auto daemon = startExec(recorderCommand());
+  const auto to = openRecorded("abc");
+  {
+    const FewDescriptors few(keeper(), 0);
+    EXPECT_STREQ(replyToClose(*to).message,
+                 "looking at the engine's input: error 24 (Too many open files)");
+    daemon->killNow();
+    EXPECT_THAT(korvex::test::processesFor(queue_), SizeIs(2)) << "keeper and engine";
+  }
+  expectCutNowhere();
+}
+
+TEST_F(ExecOneDeath, ComesToASlowEngineWithTheDaemonsEnd) {
+  makeFile("pace", "300000 0 0");  // it needs more than a minute for the message
+  const auto daemon =
+      startExec(recorderCommand(), {"--max-messages", "1", "--max-message-size", "16M"});
+  const auto to = writer();
+  to->open();
+  for (int i = 0; i < 150; ++i) write(*to, std::string(100000, 'x'));
+  to->flush_shm_buffer(kTimeout);
+  ASSERT_TRUE(eventually([&] { return bytesInPipe() > 900000; }));
+  end(*daemon);
+  expectCutNowhere();
 }

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <exception>
 #include <utility>
 
 #include <korvex/receiver/SystemError.h>
@@ -226,7 +227,15 @@ void Engine::send(Order order) const noexcept {
   ::send(control_.descriptor(), &order, sizeof order, MSG_NOSIGNAL | MSG_DONTWAIT);
 }
 
-bool Engine::isGone() {
+bool Engine::isGone() noexcept {
+  try {
+    return isGoneNow();
+  } catch (const std::exception&) {
+    return false;  // no memory, no descriptor: asked again
+  }
+}
+
+bool Engine::isGoneNow() {
   if (keeperEnd_ == Keepers::End::NotYet) {
     look();
     keeperEnd_ = keepers_.reap(keeper_);

@@ -67,8 +67,9 @@ class Engine {
   /// Has it killed, with everything that it has started.
   void kill() noexcept;
 
-  /// Whether nothing of it is left, its keeper included. Kills what a dead keeper has left.
-  bool isGone();
+  /// Whether nothing of it is left, its keeper included; false while nobody can tell. Kills what a
+  /// dead keeper has left.
+  bool isGone() noexcept;
 
   /// The last line that it wrote to its standard error.
   std::string lastError() const { return errorLog_.lastLine(); }
@@ -85,6 +86,7 @@ class Engine {
   void send(keeper::Order order) const noexcept;
   void takeReports();
   void take(const keeper::Report& report);
+  bool isGoneNow();
   void readRest();
   static bool readSome(File& from, EngineLog& log);
 

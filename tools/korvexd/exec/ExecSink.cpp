@@ -153,7 +153,7 @@ void ExecSink::letGo() noexcept {
     }
     store_.lookAfter(std::move(engine_));
   } catch (const std::exception&) {
-    // Nobody can look for what is left, or remember it. The keeper does its work all the same.
+    // Nobody can remember it: its input stays open as long as the daemon lives.
     static_cast<void>(engine_.release());
   }
 }

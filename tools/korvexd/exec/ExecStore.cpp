@@ -4,7 +4,6 @@
 #include <spdlog/spdlog.h>
 
 #include <algorithm>
-#include <exception>
 #include <utility>
 
 #include "common/QueueName.h"
@@ -22,14 +21,6 @@ std::uint64_t nanosecondsNow() {
   const auto now = std::chrono::system_clock::now().time_since_epoch();
   return static_cast<std::uint64_t>(
       std::chrono::duration_cast<std::chrono::nanoseconds>(now).count());
-}
-
-bool isGone(Engine& engine) noexcept {
-  try {
-    return engine.isGone();
-  } catch (const std::exception&) {
-    return false;  // no memory, no descriptor: asked again
-  }
 }
 
 }  // namespace
@@ -70,7 +61,7 @@ std::string ExecStore::nameFor(const std::string& queue, std::time_t opened) {
                      fmt::gmtime(opened), number.substr(1));
 }
 
-void ExecStore::lookAfter(std::unique_ptr<Engine> engine) {
+void ExecStore::lookAfter(std::unique_ptr<Engine>&& engine) {
   const std::lock_guard<std::mutex> lock(mutex_);
   dying_.push_back(std::move(engine));
 }
@@ -78,7 +69,7 @@ void ExecStore::lookAfter(std::unique_ptr<Engine> engine) {
 void ExecStore::tidyUp() noexcept {
   const std::lock_guard<std::mutex> lock(mutex_);
   const auto end = std::remove_if(dying_.begin(), dying_.end(),
-                                  [](const auto& engine) { return isGone(*engine); });
+                                  [](const auto& engine) { return engine->isGone(); });
   dying_.erase(end, dying_.end());
 }
 

@@ -34,8 +34,9 @@ class ExecStore {
   /// Starts an engine. Throws SystemError when it does not run.
   std::unique_ptr<receiver::Sink> open(const std::string& queue, std::time_t opened);
 
-  /// Takes over an engine that was ordered to die and has not yet.
-  void lookAfter(std::unique_ptr<Engine> engine);
+  /// Takes over an engine that was ordered to die and has not yet. When it throws, the caller still
+  /// has it.
+  void lookAfter(std::unique_ptr<Engine>&& engine);
 
   /// Lets go of those that are gone by now. To be called now and then.
   void tidyUp() noexcept;
