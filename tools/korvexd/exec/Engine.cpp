@@ -174,6 +174,8 @@ void Engine::takeReports() {
     Report report = {};
     const ssize_t size = ::recv(control_.descriptor(), &report, sizeof report, MSG_DONTWAIT);
     if (size < 0 && (errno == EAGAIN || errno == EINTR)) return;
+    // The keeper has left an order unread. What it said before its end comes after this error.
+    if (size < 0 && errno == ECONNRESET) continue;
     if (size != sizeof report) {
       isAlone_ = true;
       return;
