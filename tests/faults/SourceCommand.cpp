@@ -34,7 +34,7 @@ int runSource(const Source& source) {
     progress.raise();
   }
   // Some close their output and go on, others end with it.
-  if (source.number % 2 == 0) ::close(STDOUT_FILENO);
+  if (source.lingering % 2 == 0) ::close(STDOUT_FILENO);
   ::usleep(source.lingering);
   progress.raise();
   return 0;
