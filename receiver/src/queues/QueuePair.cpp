@@ -1,6 +1,7 @@
 #include "queues/QueuePair.h"
 
 #include <korvex/ShmWriter.h>
+#include <unistd.h>
 
 #include <stdexcept>
 
@@ -39,7 +40,19 @@ void removeExisting(const std::string& batches, const std::string& replies) {
   staleReplies.remove();
 }
 
+/// The system gives whole pages.
+std::uint64_t pagesFor(const Limits& limits) noexcept {
+  const auto page = static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
+  const std::uint64_t size = QueueView::fileSize(limits.messages, limits.messageSize);
+  return (size + page - 1) / page * page;
+}
+
 }  // namespace
+
+std::uint64_t sharedMemoryFor(const Limits& limits) noexcept {
+  const std::uint64_t batches = pagesFor(limits);
+  return batches == 0 ? 0 : batches + pagesFor(kReplyLimits);
+}
 
 QueuePair::QueuePair(const std::string& name, Limits limits, mode_t mode,
                      Receiver::Existing existing)

@@ -2,6 +2,9 @@
 #define KORVEX_RECEIVER_LIMITS_H
 
 #include <cstddef>
+#include <cstdint>
+
+#include "korvex/receiver/Export.h"
 
 namespace korvex::receiver {
 
@@ -14,6 +17,10 @@ struct Limits {
   std::size_t messages = 0;
   std::size_t messageSize = 0;  ///< bytes of the largest message
 };
+
+/// How many bytes of /dev/shm a pair of queues takes whose batches have these limits; 0 for limits
+/// that no queue can have.
+KORVEX_RECEIVER_EXPORT std::uint64_t sharedMemoryFor(const Limits& limits) noexcept;
 
 }  // namespace korvex::receiver
 
