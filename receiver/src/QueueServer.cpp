@@ -1,9 +1,11 @@
 #include "QueueServer.h"
 
+#include <algorithm>
 #include <exception>
 #include <utility>
 
 #include "korvex/receiver/BatchCheck.h"
+#include "korvex/receiver/IdleWatch.h"
 #include "shm/Format.h"
 
 namespace korvex::receiver {
@@ -11,6 +13,10 @@ namespace {
 
 /// Long enough that many idle queues cost next to nothing, short enough to go unnoticed.
 constexpr std::chrono::milliseconds kLongestPause{25};
+
+/// While messages keep coming, a queue is left to no watch: a message would wait longer for it than
+/// for pauses that have not grown as long yet.
+constexpr std::chrono::milliseconds kAlertness{20};
 
 constexpr std::chrono::seconds kWatchPeriod{1};
 constexpr std::chrono::milliseconds kStreamWatchPeriod{100};
@@ -31,12 +37,16 @@ QueueServer::QueueServer(Receiver::Settings settings, SinkFactory openSink, Obse
                [this] { return stillFinishing(); }),
       pause_(kLongestPause),
       message_(settings_.limits.messageSize) {
+  if (settings_.idleWatch != nullptr) {
+    idlePlace_.emplace(*settings_.idleWatch->watcher_, [this] { return mayBeLost(); });
+  }
   open(settings_.existing);
 }
 
 void QueueServer::open(Receiver::Existing existing) {
   pair_ = std::make_unique<QueuePair>(settings_.queue, settings_.limits, settings_.mode, existing);
   replies_ = std::make_unique<ReplySender>(pair_->replies(), counters_);
+  if (idlePlace_) idlePlace_->listenTo(settings_.queue);
 }
 
 void QueueServer::run(const std::atomic<bool>& stop) noexcept {
@@ -44,6 +54,7 @@ void QueueServer::run(const std::atomic<bool>& stop) noexcept {
   while (!stop) serveOnce();
   drain();
   session_.end("the daemon ended");
+  stop_ = nullptr;
 }
 
 bool QueueServer::serveOnce() noexcept {
@@ -135,7 +146,7 @@ bool QueueServer::isIdle() {
 void QueueServer::watchQueues() {
   watchStream();
   const auto now = Clock::now();
-  if (now < nextLook_) return pause();
+  if (now < nextLook_) return pauseWhileIdle();
   nextLook_ = now + kWatchPeriod;
   const std::string defect = pair_->defect();
   if (!defect.empty()) replacePair(defect);
@@ -188,6 +199,29 @@ void QueueServer::takeNextMessage() {
 }
 
 void QueueServer::pause() noexcept { pause_.wait(Clock::now() + kLongestPause); }
+
+/// The watch does not look for room for replies.
+void QueueServer::pauseWhileIdle() noexcept {
+  if (!idlePlace_ || stop_ == nullptr || isOnTheAlert() || replies_->isPending()) return pause();
+  const bool hasNews = idlePlace_->await({pair_->batches().view(), *stop_, lastSign_, nextLook_},
+                                         nextLookAtStream());
+  if (hasNews) pause_.reset();
+}
+
+bool QueueServer::isOnTheAlert() const noexcept { return Clock::now() - lastSign_ < kAlertness; }
+
+QueueServer::Clock::time_point QueueServer::nextLookAtStream() const noexcept {
+  return session_.isOpen() ? nextStreamLook_ : Clock::time_point::max();
+}
+
+/// Called by the watch's thread, while this one's sleeps.
+bool QueueServer::mayBeLost() noexcept {
+  try {
+    return pair_->replies().looksLocked() || !pair_->defect().empty();
+  } catch (const std::exception&) {
+    return true;
+  }
+}
 
 void QueueServer::takeMessage(std::size_t size) {
   nextFinishing_ = Clock::now() + kFinishingPeriod;

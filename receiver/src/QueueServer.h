@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "idle/IdleWatcher.h"
 #include "korvex/receiver/Receiver.h"
 #include "queue/Pause.h"
 #include "queues/QueuePair.h"
@@ -59,6 +60,10 @@ class QueueServer {
   void replacePair(const std::string& reason) noexcept;
   void reopen() noexcept;
   void pause() noexcept;
+  void pauseWhileIdle() noexcept;
+  bool isOnTheAlert() const noexcept;
+  Clock::time_point nextLookAtStream() const noexcept;
+  bool mayBeLost() noexcept;
 
   const Receiver::Settings settings_;
   Observer& observer_;
@@ -67,6 +72,7 @@ class QueueServer {
   std::unique_ptr<QueuePair> pair_;  ///< none while it cannot be made
   std::unique_ptr<ReplySender> replies_;
   Pause pause_;
+  std::optional<IdlePlace> idlePlace_;  ///< none without a watch
   Clock::time_point nextLook_{};
   Clock::time_point nextStreamLook_{};
   Clock::time_point lastSign_{};       ///< of a producer's life

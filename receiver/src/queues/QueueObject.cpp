@@ -18,8 +18,6 @@ namespace {
 
 constexpr std::string_view kFolder = "/dev/shm";
 
-std::string pathOf(const std::string& name) { return std::string(kFolder) + "/" + name; }
-
 /// For systems without RENAME_NOREPLACE: a link never replaces anything. The object has both names
 /// for a moment.
 int linkAndUnlink(const char* from, const char* to) {
@@ -53,13 +51,15 @@ bool QueueObject::isNamed(const std::string& name) const noexcept {
          own.st_ino == named.st_ino;
 }
 
+std::string QueueObject::path(const std::string& name) { return std::string(kFolder) + "/" + name; }
+
 off_t QueueObject::size() const noexcept {
   struct stat found = {};
   return ::fstat(descriptor_, &found) == 0 ? found.st_size : -1;
 }
 
 bool QueueObject::look(const std::string& name, struct stat& found) noexcept {
-  return ::lstat(pathOf(name).c_str(), &found) == 0;
+  return ::lstat(path(name).c_str(), &found) == 0;
 }
 
 bool QueueObject::exists(const std::string& name) noexcept {
@@ -68,8 +68,8 @@ bool QueueObject::exists(const std::string& name) noexcept {
 }
 
 void QueueObject::rename(const std::string& from, const std::string& to, const std::string& doing) {
-  const std::string source = pathOf(from);
-  const std::string target = pathOf(to);
+  const std::string source = path(from);
+  const std::string target = path(to);
   int result = ::renameat2(AT_FDCWD, source.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE);
   const bool isUnknown = result != 0 && (errno == EINVAL || errno == ENOSYS);
   if (isUnknown) result = linkAndUnlink(source.c_str(), target.c_str());

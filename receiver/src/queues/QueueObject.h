@@ -36,6 +36,8 @@ class QueueObject {
   /// In bytes; -1 if unknown.
   off_t size() const noexcept;
 
+  static std::string path(const std::string& name);
+
   /// As lstat(): a symbolic link is not followed. False, and errno set, if that fails.
   static bool look(const std::string& name, struct stat& found) noexcept;
 

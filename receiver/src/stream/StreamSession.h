@@ -41,6 +41,8 @@ class StreamSession {
   StreamSession(const StreamSession&) = delete;
   StreamSession& operator=(const StreamSession&) = delete;
 
+  bool isOpen() const noexcept { return state_ == State::Open; }
+
   /// Takes the next record.
   Answer take(const ShmBatch::Entry& record);
 

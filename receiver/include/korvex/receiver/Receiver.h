@@ -17,6 +17,8 @@
 
 namespace korvex::receiver {
 
+class IdleWatch;
+
 /// The daemon's end of one pair of queues: NAME for a producer's batches, NAMEResponse for replies.
 ///
 /// Makes the queues, takes what producers send, follows their streams, passes the data of each to a
@@ -42,6 +44,8 @@ class KORVEX_RECEIVER_EXPORT Receiver {
     mode_t mode = 0600;            ///< of both queues, whatever the umask
     Existing existing = Existing::Refuse;
     std::optional<std::chrono::seconds> idleTimeout = {};  ///< fails a silent stream; none: never
+    IdleWatch* idleWatch =
+        nullptr;  ///< lets run() sleep while nothing comes; outlives the receiver
   };
 
   /// Makes the queues; they get their names once both are complete. The observer must outlive the

@@ -1,0 +1,161 @@
+#include "idle/IdleWatcher.h"
+
+#include <signal.h>
+
+#include <algorithm>
+#include <exception>
+#include <system_error>
+#include <utility>
+
+#include "korvex/receiver/SystemError.h"
+#include "queue/SignalsBlocked.h"
+#include "queues/BusErrorGuard.h"
+
+namespace korvex::receiver {
+namespace {
+
+/// How long a message waits on a queue that has long been idle. What an idle daemon costs is in
+/// inverse proportion to it.
+constexpr std::chrono::milliseconds kPeriod{10};
+
+/// The same while a producer seems to be there. A half, so that the other queues keep their period.
+constexpr std::chrono::milliseconds kShortPeriod{5};
+constexpr std::chrono::seconds kRecently{1};
+
+constexpr std::chrono::seconds kCheckPeriod{1};
+constexpr std::size_t kRoundsPerCheck = kCheckPeriod / kPeriod;
+
+/// Handlers of the host run in its own threads. But a fault is always this thread's own.
+void takeOnlyFaults() noexcept {
+  sigset_t signals;
+  ::sigfillset(&signals);
+  for (const int fault : {SIGBUS, SIGSEGV, SIGFPE, SIGILL}) ::sigdelset(&signals, fault);
+  ::pthread_sigmask(SIG_SETMASK, &signals, nullptr);
+}
+
+bool looksIdle(const QueueView& queue) noexcept {
+  try {
+    return surviveBusError([&] { return queue.messages() == 0 && !queue.looksLocked(); });
+  } catch (const MemoryLost&) {
+    return false;
+  }
+}
+
+}  // namespace
+
+IdleWatcher::IdleWatcher() {
+  const SignalsBlocked blocked;
+  try {
+    thread_ = std::thread([this] { run(); });
+  } catch (const std::system_error& error) {
+    throw SystemError("starting the thread that watches idle queues", error.code().value());
+  }
+}
+
+IdleWatcher::~IdleWatcher() {
+  {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    isOver_ = true;
+    changed_.notify_one();
+  }
+  thread_.join();
+}
+
+void IdleWatcher::addPlace() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  sleepers_.reserve(places_ + 1);
+  ++places_;
+}
+
+void IdleWatcher::removePlace() noexcept {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  --places_;
+}
+
+void IdleWatcher::add(const Sleeper& sleeper) noexcept {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  sleepers_.push_back(sleeper);
+  if (sleepers_.size() == 1) changed_.notify_one();
+}
+
+void IdleWatcher::remove(const IdlePlace& place) noexcept {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  const auto isIts = [&](const Sleeper& sleeper) { return sleeper.place == &place; };
+  sleepers_.erase(std::remove_if(sleepers_.begin(), sleepers_.end(), isIts), sleepers_.end());
+}
+
+void IdleWatcher::run() noexcept {
+  takeOnlyFaults();
+  std::unique_lock<std::mutex> lock(mutex_);
+  while (!isOver_) {
+    if (sleepers_.empty()) {
+      changed_.wait(lock);
+      continue;
+    }
+    lock.unlock();
+    // Somebody who opens queues without end keeps nobody hurrying faster than that.
+    if (isHurried_) std::this_thread::sleep_for(kShortPeriod);
+    const bool isOpened = opens_.await(isHurried_ ? std::chrono::milliseconds(0) : kPeriod);
+    lock.lock();
+    lookAtAll(isOpened);
+  }
+}
+
+void IdleWatcher::lookAtAll(bool isOpened) noexcept {
+  const auto now = Clock::now();
+  const bool isFullRound = isOpened || now >= nextFullRound_;
+  if (isFullRound) nextFullRound_ = now + kPeriod;
+  checksLeft_ = sleepers_.size() / kRoundsPerCheck + 1;
+  isHurried_ = false;
+  for (std::size_t at = 0; at < sleepers_.size();) {
+    Sleeper& sleeper = sleepers_[at];
+    if (isOpened) sleeper.recentUntil = now + kRecently;
+    const bool isRecent = now < sleeper.recentUntil;
+    isHurried_ = isHurried_ || isRecent;
+    if ((isRecent || isFullRound) && hasNews(sleeper, now)) {
+      sleeper.place->wake();
+      sleeper = sleepers_.back();
+      sleepers_.pop_back();
+    } else {
+      ++at;
+    }
+  }
+}
+
+/// The checks make calls to the system, so that each round takes its share of them.
+bool IdleWatcher::hasNews(Sleeper& sleeper, Clock::time_point now) noexcept {
+  if (*sleeper.stop || !looksIdle(*sleeper.queue)) return true;
+  if (now < sleeper.nextCheck || checksLeft_ == 0) return false;
+  --checksLeft_;
+  sleeper.nextCheck = now + kCheckPeriod;
+  return sleeper.place->mayBeLost_();
+}
+
+IdlePlace::IdlePlace(IdleWatcher& watcher, std::function<bool()> mayBeLost)
+    : watcher_(watcher), mayBeLost_(std::move(mayBeLost)) {
+  watcher_.addPlace();
+}
+
+IdlePlace::~IdlePlace() { watcher_.removePlace(); }
+
+bool IdlePlace::await(const Idleness& idleness, Clock::time_point deadline) noexcept {
+  std::unique_lock<std::mutex> lock(mutex_);
+  isAwake_ = false;
+  lock.unlock();
+  watcher_.add(
+      {&idleness.queue, &idleness.stop, idleness.lastSign + kRecently, idleness.nextCheck, this});
+  lock.lock();
+  const bool isWoken = woken_.wait_until(lock, deadline, [this] { return isAwake_; });
+  lock.unlock();
+  if (!isWoken) watcher_.remove(*this);
+  return isWoken;
+}
+
+/// Under the lock to the end: the receiver may be gone as soon as it sees that it is awake.
+void IdlePlace::wake() noexcept {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  isAwake_ = true;
+  woken_.notify_one();
+}
+
+}  // namespace korvex::receiver

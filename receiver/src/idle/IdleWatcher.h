@@ -1,0 +1,106 @@
+#ifndef KORVEX_RECEIVER_IDLE_WATCHER_H
+#define KORVEX_RECEIVER_IDLE_WATCHER_H
+
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "idle/OpenEvents.h"
+#include "queue/MessageQueue.h"
+
+namespace korvex::receiver {
+
+class IdlePlace;
+
+/// The thread of an IdleWatch.
+///
+/// Reads without a queue's lock what peers write to it. A look finds how things are, not what
+/// happened since the last one, so nothing is missed while a thread goes to sleep; and whatever is
+/// not the picture of an idle queue wakes its receiver, which knows what to do about it.
+class IdleWatcher {
+ public:
+  using Clock = MessageQueue::Clock;
+
+  /// Throws SystemError when the system has no thread to give.
+  IdleWatcher();
+  ~IdleWatcher();
+  IdleWatcher(const IdleWatcher&) = delete;
+  IdleWatcher& operator=(const IdleWatcher&) = delete;
+
+ private:
+  friend class IdlePlace;
+
+  /// A receiver whose thread sleeps. What every look needs lies side by side.
+  struct Sleeper {
+    const QueueView* queue;
+    const std::atomic<bool>* stop;
+    Clock::time_point recentUntil;
+    Clock::time_point nextCheck;
+    IdlePlace* place;
+  };
+
+  void addPlace();
+  void removePlace() noexcept;
+  void add(const Sleeper& sleeper) noexcept;
+  void remove(const IdlePlace& place) noexcept;
+  void run() noexcept;
+  void lookAtAll(bool isOpened) noexcept;
+  bool hasNews(Sleeper& sleeper, Clock::time_point now) noexcept;
+
+  OpenEvents opens_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool isOver_ = false;
+  std::size_t places_ = 0;
+  std::vector<Sleeper> sleepers_;  ///< with room for all places
+  bool isHurried_ = false;         ///< something may come to one of them soon
+  Clock::time_point nextFullRound_{};
+  std::size_t checksLeft_ = 0;  ///< of this round
+  std::thread thread_;
+};
+
+/// One receiver's place in the watch, for as long as it lives.
+class IdlePlace {
+ public:
+  using Clock = IdleWatcher::Clock;
+
+  /// What a receiver leaves to the watch while its thread sleeps.
+  struct Idleness {
+    const QueueView& queue;
+    const std::atomic<bool>& stop;
+    Clock::time_point lastSign;   ///< of a producer's life
+    Clock::time_point nextCheck;  ///< when it is time to ask whether the queues are lost
+  };
+
+  /// `mayBeLost` is called by the watch's thread, about once a second while the receiver's sleeps.
+  IdlePlace(IdleWatcher& watcher, std::function<bool()> mayBeLost);
+  ~IdlePlace();
+  IdlePlace(const IdlePlace&) = delete;
+  IdlePlace& operator=(const IdlePlace&) = delete;
+
+  /// Hears when somebody opens the queue under this name.
+  void listenTo(const std::string& queue) noexcept { watcher_.opens_.listenTo(queue); }
+
+  /// Sleeps until the receiver has something to do; false when it had not until the deadline.
+  bool await(const Idleness& idleness, Clock::time_point deadline) noexcept;
+
+ private:
+  friend class IdleWatcher;
+
+  void wake() noexcept;
+
+  IdleWatcher& watcher_;
+  const std::function<bool()> mayBeLost_;
+  std::mutex mutex_;
+  std::condition_variable woken_;
+  bool isAwake_ = false;
+};
+
+}  // namespace korvex::receiver
+
+#endif
