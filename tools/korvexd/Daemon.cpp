@@ -55,6 +55,12 @@ void raiseDescriptorLimit() {
   ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+/// Said before the queues are made: when there is no room for all, it is known how much they need.
+void announceMemory(std::size_t queues, std::uint64_t bytes) {
+  constexpr std::uint64_t kMiB = std::uint64_t{1} << 20;
+  spdlog::info("queues: {}, which take {} MiB of /dev/shm", queues, (bytes + kMiB - 1) / kMiB);
+}
+
 /// One thread for each server. They have ended when it goes.
 class ServerThreads {
  public:
@@ -121,7 +127,10 @@ void Daemon::serveQueues(const Options& options) {
   for (const std::string& name : receiver::removeHalfMadeQueues()) {
     spdlog::info("removed {}, half made by a daemon that was killed", name);
   }
+  announceMemory(options.queues.size(),
+                 options.queues.size() * receiver::sharedMemoryFor(options.queue.limits));
   receiver::Receiver::Settings settings = options.queue;
+  settings.idleWatch = &idleWatch_;
   for (const std::string& queue : options.queues) {
     settings.queue = queue;
     queues_.push_back(std::make_unique<Served>(settings, sinkFactory(), options.capture));

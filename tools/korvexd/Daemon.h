@@ -1,6 +1,7 @@
 #ifndef KORVEXD_DAEMON_H
 #define KORVEXD_DAEMON_H
 
+#include <korvex/receiver/IdleWatch.h>
 #include <signal.h>
 
 #include <atomic>
@@ -55,6 +56,7 @@ class Daemon {
   const receiver::Limits limits_;
   std::optional<DirectoryStore> store_;
   std::optional<ExecStore> engines_;
+  receiver::IdleWatch idleWatch_;
   std::vector<std::unique_ptr<Served>> queues_;
   std::optional<StatsFile> statsFile_;
   bool statsFailed_ = false;
