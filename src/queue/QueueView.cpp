@@ -309,6 +309,13 @@ std::size_t QueueView::messages() const noexcept {
   return number(kMessagesOffset);
 }
 
+bool QueueView::Glance::looksIdle() const noexcept {
+  return load<std::uint64_t>(window_, kMessagesOffset) == 0 &&
+         load<std::uint32_t>(window_, kLockWordOffset) == 0;
+}
+
+void QueueView::Glance::prefetch() const noexcept { __builtin_prefetch(window_ + kMessagesOffset); }
+
 /// A prefetch works only on pages that are mapped already, so all are mapped now, once.
 bool QueueView::isFetchable() noexcept {
   if (fetching_ != Fetching::Unasked) return fetching_ == Fetching::Granted;

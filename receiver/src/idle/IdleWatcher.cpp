@@ -22,7 +22,10 @@ constexpr std::chrono::milliseconds kPeriod{10};
 constexpr std::chrono::milliseconds kShortPeriod{5};
 constexpr std::chrono::seconds kRecently{1};
 
-constexpr std::chrono::seconds kCheckPeriod{1};
+/// Between the opening of a queue and the first message that most producers send.
+constexpr std::chrono::milliseconds kFirstMessage{1};
+
+constexpr std::chrono::seconds kCheckPeriod{2};
 constexpr std::size_t kRoundsPerCheck = kCheckPeriod / kPeriod;
 
 /// Handlers of the host run in its own threads. But a fault is always this thread's own.
@@ -33,9 +36,13 @@ void takeOnlyFaults() noexcept {
   ::pthread_sigmask(SIG_SETMASK, &signals, nullptr);
 }
 
-bool looksIdle(const QueueView& queue) noexcept {
+/// How many queues ahead the memory is asked for that a look needs: other programs had the caches
+/// since the last round.
+constexpr std::size_t kAhead = 16;
+
+bool looksIdle(const QueueView::Glance& queue) noexcept {
   try {
-    return surviveBusError([&] { return queue.messages() == 0 && !queue.looksLocked(); });
+    return surviveBusError([&] { return queue.looksIdle(); });
   } catch (const MemoryLost&) {
     return false;
   }
@@ -93,12 +100,22 @@ void IdleWatcher::run() noexcept {
       continue;
     }
     lock.unlock();
-    // Somebody who opens queues without end keeps nobody hurrying faster than that.
-    if (isHurried_) std::this_thread::sleep_for(kShortPeriod);
-    const bool isOpened = opens_.await(isHurried_ ? std::chrono::milliseconds(0) : kPeriod);
+    const bool isOpened = awaitRound();
     lock.lock();
     lookAtAll(isOpened);
   }
+}
+
+/// Whether somebody opened a queue meanwhile. While it hurries, who opens queues without end makes
+/// it no faster.
+bool IdleWatcher::awaitRound() noexcept {
+  if (isHurried_) {
+    std::this_thread::sleep_for(kShortPeriod);
+    return opens_.await(std::chrono::seconds(0));
+  }
+  if (!opens_.await(kPeriod)) return false;
+  std::this_thread::sleep_for(kFirstMessage);
+  return true;
 }
 
 void IdleWatcher::lookAtAll(bool isOpened) noexcept {
@@ -108,6 +125,7 @@ void IdleWatcher::lookAtAll(bool isOpened) noexcept {
   checksLeft_ = sleepers_.size() / kRoundsPerCheck + 1;
   isHurried_ = false;
   for (std::size_t at = 0; at < sleepers_.size();) {
+    if (at + kAhead < sleepers_.size()) sleepers_[at + kAhead].queue.prefetch();
     Sleeper& sleeper = sleepers_[at];
     if (isOpened) sleeper.recentUntil = now + kRecently;
     const bool isRecent = now < sleeper.recentUntil;
@@ -124,7 +142,7 @@ void IdleWatcher::lookAtAll(bool isOpened) noexcept {
 
 /// The checks make calls to the system, so that each round takes its share of them.
 bool IdleWatcher::hasNews(Sleeper& sleeper, Clock::time_point now) noexcept {
-  if (*sleeper.stop || !looksIdle(*sleeper.queue)) return true;
+  if (*sleeper.stop || !looksIdle(sleeper.queue)) return true;
   if (now < sleeper.nextCheck || checksLeft_ == 0) return false;
   --checksLeft_;
   sleeper.nextCheck = now + kCheckPeriod;
@@ -142,8 +160,8 @@ bool IdlePlace::await(const Idleness& idleness, Clock::time_point deadline) noex
   std::unique_lock<std::mutex> lock(mutex_);
   isAwake_ = false;
   lock.unlock();
-  watcher_.add(
-      {&idleness.queue, &idleness.stop, idleness.lastSign + kRecently, idleness.nextCheck, this});
+  watcher_.add({QueueView::Glance(idleness.queue), &idleness.stop, idleness.lastSign + kRecently,
+                idleness.nextCheck, this});
   lock.lock();
   const bool isWoken = woken_.wait_until(lock, deadline, [this] { return isAwake_; });
   lock.unlock();

@@ -37,7 +37,7 @@ class IdleWatcher {
 
   /// A receiver whose thread sleeps. What every look needs lies side by side.
   struct Sleeper {
-    const QueueView* queue;
+    QueueView::Glance queue;
     const std::atomic<bool>* stop;
     Clock::time_point recentUntil;
     Clock::time_point nextCheck;
@@ -49,6 +49,7 @@ class IdleWatcher {
   void add(const Sleeper& sleeper) noexcept;
   void remove(const IdlePlace& place) noexcept;
   void run() noexcept;
+  bool awaitRound() noexcept;
   void lookAtAll(bool isOpened) noexcept;
   bool hasNews(Sleeper& sleeper, Clock::time_point now) noexcept;
 
@@ -77,7 +78,7 @@ class IdlePlace {
     Clock::time_point nextCheck;  ///< when it is time to ask whether the queues are lost
   };
 
-  /// `mayBeLost` is called by the watch's thread, about once a second while the receiver's sleeps.
+  /// `mayBeLost` is called by the watch's thread, every other second while the receiver's sleeps.
   IdlePlace(IdleWatcher& watcher, std::function<bool()> mayBeLost);
   ~IdlePlace();
   IdlePlace(const IdlePlace&) = delete;

@@ -16,7 +16,7 @@ class IdleWatcher;
 /// watch (Receiver::Settings::idleWatch) does so only while messages keep coming. Otherwise its
 /// thread sleeps, and the watch looks in its place: every 10 ms, and every 5 ms for a second after
 /// a message, or after somebody opened one of the queues. It also sees that `stop` was set, that a
-/// lock is taken, and within a second or two that a queue was removed, cut or overwritten.
+/// lock is taken, and within two seconds that a queue was removed, cut or overwritten.
 ///
 /// May be shared by any number of receivers and outlives them. Its thread takes no signals.
 class KORVEX_RECEIVER_EXPORT IdleWatch {
