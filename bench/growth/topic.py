@@ -7,7 +7,7 @@ import time
 
 from report import plots
 from report.figures import ratio_text, size_text, table
-from report.processes import Failed, cpu_seconds, daemon, memory_kib
+from report.processes import Failed, cpu_seconds, daemon, memory_kib, run_json, wakeups
 from report.targets import Target
 
 KIB = 1024
@@ -19,7 +19,10 @@ RECORD_SIZES = [16, 100, 1000, 4096, 65536, 131072]
 MESSAGE_SIZES = [16 * KIB, 64 * KIB, 128 * KIB, MESSAGE, 512 * KIB, MIB, 4 * MIB, 16 * MIB]
 DEPTHS = [1, 2, 4, 8, 16, 64]
 QUEUES = [1, 2, 4, 8, 16, 32, 64]
-IDLE_QUEUES = 32
+IDLE_QUEUES = [32, 256, 1000]
+AIM_QUEUES = 256
+IDLE_MESSAGE = 16 * KIB
+FIRST_MESSAGES = 100
 
 
 def run(context):
@@ -30,7 +33,7 @@ def run(context):
         "depth": growth.sweep("depth", DEPTHS),
         "queues": growth.sweep("queues", QUEUES),
         "stream": growth.stream(),
-        "idle": growth.idle(),
+        "idle": [growth.idle(queues) for queues in IDLE_QUEUES],
     }
 
 
@@ -38,10 +41,12 @@ class _Growth:
     def __init__(self, context):
         self._context = context
         self._load = context.build / "bench/growth/korvex_load"
+        self._first_message = context.build / "bench/growth/korvex_first_message"
         self._daemon = context.build / "tools/korvexd/korvexd"
         if not self._daemon.exists():
             raise Failed("the daemon was not built")
-        self._names = [f"korvex-bench-{os.getpid()}-{number}" for number in range(max(QUEUES))]
+        self._names = [f"korvex-bench-{os.getpid()}-{number}"
+                       for number in range(max(QUEUES + IDLE_QUEUES))]
 
     def _running_daemon(self, queues=1, message_size=MESSAGE, depth=DEPTH):
         return daemon(self._daemon, self._names[:queues],
@@ -101,17 +106,22 @@ class _Growth:
                 raise Failed("korvex_load failed")
         return found
 
-    def idle(self):
-        """What many queues cost on which nothing happens."""
+    def idle(self, queues):
+        """What many queues cost on which nothing happens, and how long a first message waits."""
         seconds = self._context.idle_seconds
-        self._context.say(f"growth: {IDLE_QUEUES} idle queues for {seconds} s")
-        with self._running_daemon(queues=IDLE_QUEUES) as receiver:
+        self._context.say(f"growth: {queues} idle queues for {seconds} s")
+        with self._running_daemon(queues, IDLE_MESSAGE) as receiver:
             time.sleep(2)  # past the short pauses that follow a start
-            before, start = cpu_seconds(receiver.pid), time.monotonic()
+            before, start = (cpu_seconds(receiver.pid), wakeups(receiver.pid)), time.monotonic()
             time.sleep(seconds)
-            used, taken = cpu_seconds(receiver.pid) - before, time.monotonic() - start
+            taken = time.monotonic() - start
+            share = (cpu_seconds(receiver.pid) - before[0]) / taken
+            rate = (wakeups(receiver.pid) - before[1]) / taken
             memory = memory_kib(receiver.pid)
-        return {"queues": IDLE_QUEUES, "share_of_a_core": used / taken, **memory}
+            first = run_json([self._first_message, "--queue"] +
+                             self._names[:min(queues, FIRST_MESSAGES)])
+        return {"queues": queues, "share_of_a_core": share, "wakeups_per_second": rate,
+                "first_message": first, **memory}
 
 
 def _last_report(load):
@@ -129,7 +139,8 @@ def _median_run(runs):
 
 
 def targets(results):
-    stream, idle = results["stream"], results["idle"]
+    stream = results["stream"]
+    idle = next(each for each in results["idle"] if each["queues"] == AIM_QUEUES)
     first, last = _steps(stream)[0], _steps(stream)[-1]
     queue_kib = DEPTH * MESSAGE / KIB
     allowed_daemon = (queue_kib + 2 * MESSAGE / KIB) / KIB + 16
@@ -146,6 +157,10 @@ def targets(results):
                last["ns_per_record"] / first["ns_per_record"], most=1.1),
         Target(f"CPU of {idle['queues']} idle queues", idle["share_of_a_core"] * 100, most=1,
                unit=" %"),
+        Target(f"wakeups a second of {idle['queues']} idle queues", idle["wakeups_per_second"],
+               most=100),
+        Target(f"first message on one of {idle['queues']} idle queues (99th of 100)",
+               idle["first_message"]["attached"]["p99_ms"], most=10, unit=" ms"),
     ]
 
 
@@ -183,10 +198,11 @@ def markdown(results, plot_names):
     for name, title, text in SWEEPS:
         parts += [f"### {title}", "", _sweep_table(title.lower(), results[name], text), ""]
     parts += ["### Length of one stream", "", _stream_table(results["stream"]), ""]
-    idle = results["idle"]
     parts += ["### Idle", "",
-              f"{idle['queues']} idle queues on one daemon: {idle['share_of_a_core'] * 100:.2f} % "
-              f"of one core, {idle['own_kib'] / KIB:.1f} MiB of its own.", ""]
+              "Queues on one daemon on which nothing happens; then how long the first message on "
+              "each of 100 of them waits, from a producer that was there before and from one that "
+              "comes just now: the median, and the 99th of 100.", "",
+              _idle_table(results["idle"]), ""]
     return "\n".join(parts + [f"![{name}]({name})" for name in plot_names])
 
 
@@ -203,6 +219,16 @@ def _sweep_table(first_head, points, text):
     return table([first_head, "CPU per byte, times the best", "ns per record", "GB/s",
                   "producer CPU ns", "daemon CPU ns", "producer MiB", "daemon MiB",
                   "of queues MiB"], rows)
+
+
+def _idle_table(idle):
+    rows = [[each["queues"], f"{each['share_of_a_core'] * 100:.2f}",
+             f"{each['wakeups_per_second']:.0f}",
+             *(f"{each['first_message'][producer][figure]:.2f}"
+               for producer in ("attached", "new") for figure in ("median_ms", "p99_ms")),
+             f"{each['own_kib'] / KIB:.1f}"] for each in idle]
+    return table(["queues", "% of a core", "wakeups a second", "first message ms", "99th",
+                  "new producer's ms", "99th", "daemon MiB"], rows)
 
 
 def _stream_table(stream):

@@ -53,6 +53,19 @@ def cpu_seconds_with_children(process):
     return sum(int(ticks) for ticks in fields[11:15]) / os.sysconf("SC_CLK_TCK")
 
 
+def wakeups(process):
+    """How often the threads that live have slept and woken."""
+    total = 0
+    for thread in os.listdir(f"/proc/{process}/task"):
+        try:
+            with open(f"/proc/{process}/task/{thread}/status") as file:
+                total += sum(int(line.split()[1]) for line in file
+                             if line.startswith("voluntary_ctxt_switches"))
+        except OSError:
+            continue  # ended meanwhile
+    return total
+
+
 def memory_kib(process):
     """Resident memory: `own` of this process alone, `shared` the queues that it has touched."""
     found = {}
