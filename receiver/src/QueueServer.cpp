@@ -22,9 +22,9 @@ constexpr std::chrono::seconds kWatchPeriod{1};
 constexpr std::chrono::milliseconds kStreamWatchPeriod{100};
 constexpr std::chrono::seconds kFinishingPeriod{5};
 
-bool holdsNoRecord(const std::vector<unsigned char>& batch, std::size_t size) {
+bool holdsNoRecord(const unsigned char* batch, std::size_t size) {
   std::queue<ShmBatch::Entry> records;
-  ShmBatch::getEntriesFromBuffer(records, batch.data(), size);
+  ShmBatch::getEntriesFromBuffer(records, batch, size);
   return records.empty();
 }
 
@@ -36,7 +36,7 @@ QueueServer::QueueServer(Receiver::Settings settings, SinkFactory openSink, Obse
       session_(settings_.queue, std::move(openSink), counters_, observer,
                [this] { return stillFinishing(); }),
       pause_(kLongestPause),
-      message_(settings_.limits.messageSize) {
+      message_(new unsigned char[settings_.limits.messageSize]) {
   if (settings_.idleWatch != nullptr) {
     idlePlace_.emplace(*settings_.idleWatch->watcher_, [this] { return mayBeLost(); });
   }
@@ -128,11 +128,11 @@ bool QueueServer::tryTakeMessage() {
   return true;
 }
 
-bool QueueServer::receive(std::vector<unsigned char>& message, std::size_t& size) {
-  const auto outcome = pair_->batches().receive(message.data(), message.size(), size);
+bool QueueServer::receive(const Buffer& message, std::size_t& size) {
+  const auto outcome = pair_->batches().receive(message.get(), settings_.limits.messageSize, size);
   if (outcome != MessageQueue::Outcome::Done) return false;
   counters_.add(Count::Batches);
-  observer_.messageReceived(++messageNumber_, message.data(), size);
+  observer_.messageReceived(++messageNumber_, message.get(), size);
   return true;
 }
 
@@ -146,7 +146,7 @@ bool QueueServer::isIdle() {
 void QueueServer::watchQueues() {
   watchStream();
   const auto now = Clock::now();
-  if (now < nextLook_) return pauseWhileIdle();
+  if (now < nextLook_) return pauseWhileIdle(now);
   nextLook_ = now + kWatchPeriod;
   const std::string defect = pair_->defect();
   if (!defect.empty()) replacePair(defect);
@@ -185,11 +185,11 @@ void QueueServer::sayFinishing() {
 /// A producer that waits for its receipt sends empty batches, and takes a reply with each that
 /// finds room. Any other message has to wait.
 void QueueServer::takeEmptyBatches() {
-  next_.resize(message_.size());
+  if (next_ == nullptr) next_.reset(new unsigned char[settings_.limits.messageSize]);
   std::size_t size = 0;
   while (!nextSize_ && !isIdle() && receive(next_, size)) {
     nextSize_ = size;  // kept if memory runs out here
-    if (BatchCheck(next_.data(), size).ok() && holdsNoRecord(next_, size)) nextSize_.reset();
+    if (BatchCheck(next_.get(), size).ok() && holdsNoRecord(next_.get(), size)) nextSize_.reset();
   }
 }
 
@@ -201,14 +201,13 @@ void QueueServer::takeNextMessage() {
 void QueueServer::pause() noexcept { pause_.wait(Clock::now() + kLongestPause); }
 
 /// The watch does not look for room for replies.
-void QueueServer::pauseWhileIdle() noexcept {
-  if (!idlePlace_ || stop_ == nullptr || isOnTheAlert() || replies_->isPending()) return pause();
+void QueueServer::pauseWhileIdle(Clock::time_point now) noexcept {
+  const bool isOnTheAlert = now - lastSign_ < kAlertness;
+  if (!idlePlace_ || stop_ == nullptr || isOnTheAlert || replies_->isPending()) return pause();
   const bool hasNews = idlePlace_->await({pair_->batches().view(), *stop_, lastSign_, nextLook_},
                                          nextLookAtStream());
   if (hasNews) pause_.reset();
 }
-
-bool QueueServer::isOnTheAlert() const noexcept { return Clock::now() - lastSign_ < kAlertness; }
 
 QueueServer::Clock::time_point QueueServer::nextLookAtStream() const noexcept {
   return session_.isOpen() ? nextStreamLook_ : Clock::time_point::max();
@@ -225,7 +224,7 @@ bool QueueServer::mayBeLost() noexcept {
 
 void QueueServer::takeMessage(std::size_t size) {
   nextFinishing_ = Clock::now() + kFinishingPeriod;
-  const BatchCheck check(message_.data(), size);
+  const BatchCheck check(message_.get(), size);
   if (check.ok()) {
     takeRecords(size);
   } else {
@@ -235,7 +234,7 @@ void QueueServer::takeMessage(std::size_t size) {
 }
 
 void QueueServer::takeRecords(std::size_t size) {
-  ShmBatch::getEntriesFromBuffer(records_, message_.data(), size);
+  ShmBatch::getEntriesFromBuffer(records_, message_.get(), size);
   for (; !records_.empty(); records_.pop()) {
     const ShmBatch::Entry& record = records_.front();
     // Unread replies were meant for an earlier producer; this one would take them as its own.

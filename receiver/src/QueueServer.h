@@ -8,7 +8,6 @@
 #include <optional>
 #include <queue>
 #include <string>
-#include <vector>
 
 #include "idle/IdleWatcher.h"
 #include "korvex/receiver/Receiver.h"
@@ -39,6 +38,9 @@ class QueueServer {
  private:
   using Clock = MessageQueue::Clock;
 
+  /// Room for the largest message, left as it is: the system gives the memory when it is touched.
+  using Buffer = std::unique_ptr<unsigned char[]>;
+
   void open(Receiver::Existing existing);
   bool step();
   void drain() noexcept;
@@ -52,7 +54,7 @@ class QueueServer {
   void sayFinishing();
   void takeEmptyBatches();
   void takeNextMessage();
-  bool receive(std::vector<unsigned char>& message, std::size_t& size);
+  bool receive(const Buffer& message, std::size_t& size);
   void takeMessage(std::size_t size);
   void takeRecords(std::size_t size);
   void answer(const StreamSession::Answer& answer);
@@ -60,8 +62,7 @@ class QueueServer {
   void replacePair(const std::string& reason) noexcept;
   void reopen() noexcept;
   void pause() noexcept;
-  void pauseWhileIdle() noexcept;
-  bool isOnTheAlert() const noexcept;
+  void pauseWhileIdle(Clock::time_point now) noexcept;
   Clock::time_point nextLookAtStream() const noexcept;
   bool mayBeLost() noexcept;
 
@@ -78,8 +79,8 @@ class QueueServer {
   Clock::time_point lastSign_{};       ///< of a producer's life
   Clock::time_point nextFinishing_{};  ///< when the producer hears of it again
   const std::atomic<bool>* stop_ = nullptr;
-  std::vector<unsigned char> message_;
-  std::vector<unsigned char> next_;      ///< came while the sink was finishing
+  Buffer message_;
+  Buffer next_;                          ///< came while the sink was finishing
   std::optional<std::size_t> nextSize_;  ///< none while it is empty
   std::queue<ShmBatch::Entry> records_;
   std::uint64_t messageNumber_ = 0;
