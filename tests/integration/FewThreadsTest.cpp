@@ -42,20 +42,29 @@ TEST_F(FewThreads, NoneForTheLogIsSaidAllTheSame) {
   expectNoQueues(daemon);
 }
 
+TEST_F(FewThreads, NoneForTheWatchEndsTheDaemonBeforeItMakesQueues) {
+  Process daemon = runWith(1);
+  EXPECT_EQ(daemon.wait(), 1);
+  EXPECT_THAT(daemon.errors(), Not(HasSubstr("queues: ")));
+  EXPECT_THAT(daemon.errors(),
+              EndsWith(std::string("starting the thread that watches idle queues") + kNoMore));
+  expectNoQueues(daemon);
+}
+
 TEST_F(FewThreads, NoneForAQueueEndsTheDaemonInOrder) {
   const std::string queues[] = {queue_, other_};
-  for (const int threads : {1, 2}) {
+  for (const int threads : {2, 3}) {
     Process daemon = runWith(threads);
     EXPECT_EQ(daemon.wait(), 1);
     EXPECT_THAT(daemon.errors(), Not(HasSubstr("serving "))) << "nobody would serve them";
     EXPECT_THAT(daemon.errors(),
-                EndsWith("starting the thread of queue " + queues[threads - 1] + kNoMore));
+                EndsWith("starting the thread of queue " + queues[threads - 2] + kNoMore));
     expectNoQueues(daemon);
   }
 }
 
 TEST_F(FewThreads, OneMoreForEachQueueIsEnough) {
-  Process daemon = runWith(3);
+  Process daemon = runWith(4);
   ASSERT_TRUE(awaitServing(daemon));
   EXPECT_EQ(stream(other_, "abc"), "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950");
   end(daemon);
