@@ -254,5 +254,6 @@ TEST_F(WatchedReceiver, OffersItsQueuesAgainWhenOneIsLost) {
 // Its caller has a loop of its own, in which it may not be kept.
 TEST_F(WatchedReceiver, DoesNotSleepInAStep) {
   end();
+  stop_ = false;
   for (int i = 0; i < 3; ++i) EXPECT_FALSE(receiver_.step());
 }

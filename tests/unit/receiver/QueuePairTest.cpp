@@ -50,6 +50,14 @@ class QueuePairTest : public testing::Test {
     return ::stat(("/dev/shm/" + name).c_str(), &found) == 0 ? found.st_mode & 0777 : 0;
   }
 
+  static std::uint64_t memoryOf(const std::string& name) {
+    constexpr std::uint64_t kBlock = 512;
+    struct stat found = {};
+    return ::stat(("/dev/shm/" + name).c_str(), &found) == 0
+               ? static_cast<std::uint64_t>(found.st_blocks) * kBlock
+               : 0;
+  }
+
   static bool temporaryNamesAreLeft() {
     const std::string mine = ".korvexd-" + std::to_string(::getpid()) + "-";
     for (const std::string& name : korvex::test::namesIn("/dev/shm")) {
@@ -73,6 +81,14 @@ TEST_F(QueuePairTest, MakesBothQueuesForAWriter) {
   EXPECT_EQ(batches.view().maxMessages(), 4u);
   EXPECT_EQ(replies.maxMessageSize(), 132u);
   EXPECT_FALSE(temporaryNamesAreLeft());
+}
+
+TEST_F(QueuePairTest, TakesAsMuchMemoryAsIsTold) {
+  for (const Limits limits : {kLimits, Limits{8, 264 * 1024}}) {
+    const auto pair = make(Receiver::Existing::Refuse, limits);
+    EXPECT_EQ(korvex::receiver::sharedMemoryFor(limits), memoryOf(name_) + memoryOf(replies_));
+  }
+  EXPECT_EQ(korvex::receiver::sharedMemoryFor({}), 0u);
 }
 
 TEST_F(QueuePairTest, RemovesBothNamesAtItsEnd) {
