@@ -49,6 +49,15 @@ double taken(ShmWriter& writer, const QueueStatus& queue) {
   return millisecondsSince(start);
 }
 
+class Gaps {
+ public:
+  void sleep() { std::this_thread::sleep_for(std::chrono::microseconds(gap_(random_))); }
+
+ private:
+  std::minstd_rand random_{1};
+  std::uniform_int_distribution<long> gap_{kShortestGap.count(), kLongestGap.count()};
+};
+
 /// What the producers wait that had their queues open long before.
 std::vector<double> triesOfAttached(const std::vector<std::string>& queues) {
   std::vector<std::unique_ptr<ShmWriter>> writers;
@@ -58,11 +67,10 @@ std::vector<double> triesOfAttached(const std::vector<std::string>& queues) {
     views.emplace_back(queue);
   }
   std::this_thread::sleep_for(kUntilIdle);
-  std::minstd_rand random(1);
-  std::uniform_int_distribution<long> gap(kShortestGap.count(), kLongestGap.count());
+  Gaps gaps;
   std::vector<double> found;
   for (std::size_t i = 0; i < queues.size(); ++i) {
-    std::this_thread::sleep_for(std::chrono::microseconds(gap(random)));
+    gaps.sleep();
     found.push_back(taken(*writers[i], views[i]));
     writers[i]->close();
   }
@@ -71,8 +79,10 @@ std::vector<double> triesOfAttached(const std::vector<std::string>& queues) {
 
 /// What a producer waits that comes just now.
 std::vector<double> triesOfNew(const std::vector<std::string>& queues) {
+  Gaps gaps;
   std::vector<double> found;
   for (const std::string& queue : queues) {
+    gaps.sleep();
     const QueueStatus view(queue);
     const auto writer = writerOf(queue);
     found.push_back(taken(*writer, view));
