@@ -14,8 +14,8 @@ namespace {
 /// Long enough that many idle queues cost next to nothing, short enough to go unnoticed.
 constexpr std::chrono::milliseconds kLongestPause{25};
 
-/// While messages keep coming, a queue is left to no watch: a message would wait longer for it than
-/// for pauses that have not grown as long yet.
+/// For so long after a message the queue is not left to the watch, whose period is longer than the
+/// pauses have grown by then.
 constexpr std::chrono::milliseconds kAlertness{20};
 
 constexpr std::chrono::seconds kWatchPeriod{1};
@@ -200,7 +200,7 @@ void QueueServer::takeNextMessage() {
 
 void QueueServer::pause() noexcept { pause_.wait(Clock::now() + kLongestPause); }
 
-/// The watch does not look for room for replies.
+/// The watch does not notice room for pending replies.
 void QueueServer::pauseWhileIdle(Clock::time_point now) noexcept {
   const bool isOnTheAlert = now - lastSign_ < kAlertness;
   if (!idlePlace_ || stop_ == nullptr || isOnTheAlert || replies_->isPending()) return pause();
@@ -213,7 +213,7 @@ QueueServer::Clock::time_point QueueServer::nextLookAtStream() const noexcept {
   return session_.isOpen() ? nextStreamLook_ : Clock::time_point::max();
 }
 
-/// Called by the watch's thread, while this one's sleeps.
+/// Called by the watch's thread while this receiver's sleeps.
 bool QueueServer::mayBeLost() noexcept {
   try {
     return pair_->replies().looksLocked() || !pair_->defect().empty();

@@ -76,15 +76,15 @@ class QueueView {
   bool looksFull() const noexcept { return messages() >= maxMessages_; }
   bool looksLocked() const noexcept;
 
-  /// The hints that tell an idle queue, for one who looks at many queues in a row: both lie in one
-  /// line of the processor's cache. Valid as long as the view.
+  /// Whether a queue looks idle, for polling many queues in a row: reads a single cache line. Valid
+  /// as long as the view.
   class Glance {
    public:
     explicit Glance(const QueueView& view) noexcept : window_(view.window_) {}
 
     bool looksIdle() const noexcept;
 
-    /// Has the line on its way when it is looked at a little later.
+    /// Starts to load the line for a looksIdle() that follows soon.
     void prefetch() const noexcept;
 
    private:

@@ -55,7 +55,7 @@ void raiseDescriptorLimit() {
   ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-/// Said before the queues are made: when there is no room for all, it is known how much they need.
+/// Logged before the queues are made: if there is no room for all, the log says what they need.
 void announceMemory(std::size_t queues, std::uint64_t bytes) {
   constexpr std::uint64_t kMiB = std::uint64_t{1} << 20;
   spdlog::info("queues: {}, which take {} MiB of /dev/shm", queues, (bytes + kMiB - 1) / kMiB);

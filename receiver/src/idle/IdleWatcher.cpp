@@ -14,11 +14,11 @@
 namespace korvex::receiver {
 namespace {
 
-/// How long a message waits on a queue that has long been idle. What an idle daemon costs is in
-/// inverse proportion to it.
+/// How long a message can wait on a queue that has long been idle. Half of it would double the cost
+/// of an idle daemon.
 constexpr std::chrono::milliseconds kPeriod{10};
 
-/// The same while a producer seems to be there. A half, so that the other queues keep their period.
+/// The same while a producer seems active. Half of the other, which thus still fits the rounds.
 constexpr std::chrono::milliseconds kShortPeriod{5};
 constexpr std::chrono::seconds kRecently{1};
 
@@ -28,7 +28,7 @@ constexpr std::chrono::milliseconds kFirstMessage{1};
 constexpr std::chrono::seconds kCheckPeriod{2};
 constexpr std::size_t kRoundsPerCheck = kCheckPeriod / kPeriod;
 
-/// Handlers of the host run in its own threads. But a fault is always this thread's own.
+/// The host's signal handlers run in its own threads; only a fault is always this thread's.
 void takeOnlyFaults() noexcept {
   sigset_t signals;
   ::sigfillset(&signals);
@@ -36,8 +36,7 @@ void takeOnlyFaults() noexcept {
   ::pthread_sigmask(SIG_SETMASK, &signals, nullptr);
 }
 
-/// How many queues ahead the memory is asked for that a look needs: other programs had the caches
-/// since the last round.
+/// How many queues ahead to prefetch: since the last round other programs have used the caches.
 constexpr std::size_t kAhead = 16;
 
 bool looksIdle(const QueueView::Glance& queue) noexcept {
@@ -106,8 +105,8 @@ void IdleWatcher::run() noexcept {
   }
 }
 
-/// Whether somebody opened a queue meanwhile. While it hurries, who opens queues without end makes
-/// it no faster.
+/// Whether a queue was opened meanwhile. Events do not shorten a hurried round, so a process that
+/// keeps opening queues cannot make the watch spin.
 bool IdleWatcher::awaitRound() noexcept {
   if (isHurried_) {
     std::this_thread::sleep_for(kShortPeriod);
@@ -140,7 +139,7 @@ void IdleWatcher::lookAtAll(bool isOpened) noexcept {
   }
 }
 
-/// The checks make calls to the system, so that each round takes its share of them.
+/// The checks are system calls, so they are spread over the rounds.
 bool IdleWatcher::hasNews(Sleeper& sleeper, Clock::time_point now) noexcept {
   if (*sleeper.stop || !looksIdle(sleeper.queue)) return true;
   if (now < sleeper.nextCheck || checksLeft_ == 0) return false;

@@ -19,9 +19,9 @@ class IdlePlace;
 
 /// The thread of an IdleWatch.
 ///
-/// Reads without a queue's lock what peers write to it. A look finds how things are, not what
-/// happened since the last one, so nothing is missed while a thread goes to sleep; and whatever is
-/// not the picture of an idle queue wakes its receiver, which knows what to do about it.
+/// Reads without the lock what peers write to a queue. It polls states, not events, so nothing is
+/// missed while a receiver goes to sleep. Any state but that of an idle queue wakes the receiver,
+/// which knows how to handle it.
 class IdleWatcher {
  public:
   using Clock = MessageQueue::Clock;
@@ -35,7 +35,7 @@ class IdleWatcher {
  private:
   friend class IdlePlace;
 
-  /// A receiver whose thread sleeps. What every look needs lies side by side.
+  /// A receiver whose thread sleeps. Kept side by side, because every round reads them all.
   struct Sleeper {
     QueueView::Glance queue;
     const std::atomic<bool>* stop;
@@ -59,7 +59,7 @@ class IdleWatcher {
   bool isOver_ = false;
   std::size_t places_ = 0;
   std::vector<Sleeper> sleepers_;  ///< with room for all places
-  bool isHurried_ = false;         ///< something may come to one of them soon
+  bool isHurried_ = false;         ///< a message for one of them is likely soon
   Clock::time_point nextFullRound_{};
   std::size_t checksLeft_ = 0;  ///< of this round
   std::thread thread_;
@@ -75,19 +75,19 @@ class IdlePlace {
     const QueueView& queue;
     const std::atomic<bool>& stop;
     Clock::time_point lastSign;   ///< of a producer's life
-    Clock::time_point nextCheck;  ///< when it is time to ask whether the queues are lost
+    Clock::time_point nextCheck;  ///< when to ask next whether the queues are lost
   };
 
-  /// `mayBeLost` is called by the watch's thread, every other second while the receiver's sleeps.
+  /// `mayBeLost` is called by the watch's thread, every two seconds while the receiver's sleeps.
   IdlePlace(IdleWatcher& watcher, std::function<bool()> mayBeLost);
   ~IdlePlace();
   IdlePlace(const IdlePlace&) = delete;
   IdlePlace& operator=(const IdlePlace&) = delete;
 
-  /// Hears when somebody opens the queue under this name.
+  /// From now on, opening the queue of this name makes the watch poll sooner.
   void listenTo(const std::string& queue) noexcept { watcher_.opens_.listenTo(queue); }
 
-  /// Sleeps until the receiver has something to do; false when it had not until the deadline.
+  /// Sleeps until the receiver has something to do; false if there was nothing by the deadline.
   bool await(const Idleness& idleness, Clock::time_point deadline) noexcept;
 
  private:

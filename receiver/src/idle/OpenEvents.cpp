@@ -18,13 +18,13 @@ OpenEvents::~OpenEvents() {
   if (descriptor_ >= 0) ::close(descriptor_);
 }
 
-/// The system forgets the object, and with it the listening, when its last owner lets go.
+/// The kernel drops the watch together with the object.
 void OpenEvents::listenTo(const std::string& queue) noexcept {
   if (descriptor_ < 0) return;
   try {
     ::inotify_add_watch(descriptor_, QueueObject::path(queue).c_str(), IN_OPEN);
   } catch (const std::exception&) {
-    // Without memory for a name, nothing is heard of it.
+    // Without memory for the path there is no hint.
   }
 }
 

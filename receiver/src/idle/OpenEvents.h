@@ -6,10 +6,10 @@
 
 namespace korvex::receiver {
 
-/// Hears that somebody opened a queue, which every producer does before its first message.
+/// Tells when a process opens a queue, as every producer does before its first message.
 ///
-/// A hint that a message may come soon. The system may have no event to give, or give some for
-/// those who only look.
+/// Only a hint: the system may offer no such events, and programs that only inspect a queue cause
+/// them too.
 class OpenEvents {
  public:
   OpenEvents() noexcept;
@@ -17,14 +17,14 @@ class OpenEvents {
   OpenEvents(const OpenEvents&) = delete;
   OpenEvents& operator=(const OpenEvents&) = delete;
 
-  /// Listens for as long as the object under this name exists.
+  /// Listens as long as the object that has this name now exists.
   void listenTo(const std::string& queue) noexcept;
 
-  /// Waits for an event, and takes all there are. False when there was none in that time.
+  /// Waits for an event, and takes all there are. False if there was none in that time.
   bool await(std::chrono::nanoseconds patience) noexcept;
 
  private:
-  const int descriptor_;  ///< -1 where the system has none: nothing is heard then
+  const int descriptor_;  ///< -1 if the system offers none
 };
 
 }  // namespace korvex::receiver

@@ -55,7 +55,7 @@ class OwnedQueue {
   bool looksFull() { return messages() >= limits_.messages; }
   bool looksLocked();
 
-  /// For those who look without taking notice of a lost memory; see surviveBusError().
+  /// Unguarded: reading it may raise SIGBUS; see surviveBusError().
   const QueueView& view() const noexcept { return queue_->view(); }
 
   Limits limits() const noexcept { return limits_; }

@@ -12,13 +12,13 @@ class IdleWatcher;
 /// One thread that watches the idle queues of a process, so that they cost next to nothing however
 /// many there are.
 ///
-/// Nobody wakes a receiver: it looks into its queue again and again. A receiver that is given a
-/// watch (Receiver::Settings::idleWatch) does so only while messages keep coming. Otherwise its
-/// thread sleeps, and the watch looks in its place: every 10 ms, and every 5 ms for a second after
-/// a message, or after somebody opened one of the queues. It also sees that `stop` was set, that a
-/// lock is taken, and within two seconds that a queue was removed, cut or overwritten.
+/// A queue cannot wake its receiver, which therefore polls it. A receiver that is given a watch
+/// (Receiver::Settings::idleWatch) does so only while messages keep coming. Otherwise run() sleeps,
+/// and the watch polls the queue: every 10 ms, and every 5 ms for a second after a message or after
+/// a process opened one of the queues. It also notices that `stop` was set, that a lock is taken,
+/// and within two seconds that a queue was removed, truncated or overwritten.
 ///
-/// May be shared by any number of receivers and outlives them. Its thread takes no signals.
+/// Any number of receivers may share it, and it outlives them. Its thread blocks all signals.
 class KORVEX_RECEIVER_EXPORT IdleWatch {
  public:
   /// Starts the thread. Throws SystemError when the system has none to give.
