@@ -11,9 +11,6 @@
 #include <cerrno>
 #include <utility>
 
-#include "korvexd/os/Thread.h"
-#include "korvexd/sink/DiscardSink.h"
-
 namespace korvexd {
 namespace {
 
@@ -55,95 +52,54 @@ void raiseDescriptorLimit() {
   ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-/// One thread for each server. They have ended when it goes.
-class ServerThreads {
- public:
-  explicit ServerThreads(std::atomic<bool>& stop) : stop_(stop) {}
-  ~ServerThreads() {
-    stop_ = true;
-    for (std::thread& thread : threads_) thread.join();
-  }
-  ServerThreads(const ServerThreads&) = delete;
-  ServerThreads& operator=(const ServerThreads&) = delete;
-
-  void start(receiver::Receiver& server) {
-    threads_.push_back(
-        startThread("queue " + server.queue(), [this, &server] { server.run(stop_); }));
-  }
-
- private:
-  std::atomic<bool>& stop_;
-  std::vector<std::thread> threads_;
-};
-
 }  // namespace
 
-Daemon::Daemon(const Options& options) : endSignals_(endSignals()), limits_(options.queue.limits) {
+Daemon::Daemon(const Options& options)
+    : endSignals_(endSignals()), sinks_([this] { return stop_.load(); }) {
   prepareProcess(endSignals_);
   raiseDescriptorLimit();
   receiver::installBusErrorGuard();
-  if (options.output) store_.emplace(*options.output);
-  if (!options.engine.empty()) {
-    engines_.emplace(ExecStore::Settings{options.engine, options.engineTimeout,
-                                         [this] { return stop_.load(); }});
-  }
   serveQueues(options);
   if (options.statsFile) createStatsFile(*options.statsFile);
 }
 
+/// The threads of the queues end before the queues go.
+Daemon::~Daemon() { stop_ = true; }
+
 void Daemon::createStatsFile(const std::string& path) {
   std::vector<QueueStats> stats;
-  for (const auto& served : queues_) {
-    stats.push_back({served->receiver.queue(), &served->receiver.counters(), &served->log});
+  for (const auto& queue : queues_) {
+    stats.push_back({queue->name(), &queue->counters(), &queue->log()});
   }
   statsFile_.emplace(path, std::move(stats));
   statsFile_->update();
 }
 
-receiver::SinkFactory Daemon::sinkFactory() {
-  if (engines_) {
-    return [this](const std::string& queue, std::time_t opened) {
-      return engines_->open(queue, opened);
-    };
-  }
-  if (!store_) {
-    return [](const std::string&, std::time_t) { return std::make_unique<DiscardSink>(); };
-  }
-  return
-      [this](const std::string& queue, std::time_t opened) { return store_->open(queue, opened); };
-}
-
-Daemon::Served::Served(const receiver::Receiver::Settings& settings, receiver::SinkFactory openSink,
-                       const std::optional<std::string>& captureFolder)
-    : log(settings.queue, captureFolder), receiver(settings, std::move(openSink), log) {}
-
 void Daemon::serveQueues(const Options& options) {
   for (const std::string& name : receiver::removeHalfMadeQueues()) {
     spdlog::info("removed {}, half made by a daemon that was killed", name);
   }
-  receiver::Receiver::Settings settings = options.queue;
-  for (const std::string& queue : options.queues) {
-    settings.queue = queue;
-    queues_.push_back(std::make_unique<Served>(settings, sinkFactory(), options.capture));
+  for (const QueueSettings& queue : options.queues) {
+    queues_.push_back(std::make_unique<ServedQueue>(queue, sinks_.factoryFor(queue)));
   }
 }
 
 void Daemon::run() {
-  {
-    ServerThreads threads(stop_);
-    for (const auto& served : queues_) threads.start(served->receiver);
-    announceServing();
-    awaitSignal();
-  }
+  for (const auto& queue : queues_) queue->start(stop_);
+  announceServing();
+  awaitSignal();
+  stop_ = true;
+  for (const auto& queue : queues_) queue->join();
   updateStats();
   queues_.clear();
 }
 
 /// Only when everything else is done: the reader of these lines relies on it.
 void Daemon::announceServing() const {
-  for (const auto& served : queues_) {
-    spdlog::info("serving {}, {} messages of {} bytes", served->receiver.queue(), limits_.messages,
-                 limits_.messageSize);
+  for (const auto& queue : queues_) {
+    const receiver::Limits& limits = queue->settings().receiver.limits;
+    spdlog::info("serving {}, {} messages of {} bytes", queue->name(), limits.messages,
+                 limits.messageSize);
   }
 }
 
@@ -153,8 +109,8 @@ void Daemon::awaitSignal() {
 }
 
 void Daemon::doRegularly() noexcept {
-  if (engines_) engines_->tidyUp();
-  for (const auto& served : queues_) served->log.update();
+  sinks_.tidyUp();
+  for (const auto& queue : queues_) queue->log().update();
   updateStats();
 }
 

@@ -7,18 +7,14 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "korvexd/Options.h"
-#include "korvexd/exec/ExecStore.h"
+#include "korvexd/ServedQueue.h"
+#include "korvexd/Sinks.h"
 #include "korvexd/report/StatsFile.h"
-#include "korvexd/report/StreamLog.h"
-#include "korvexd/sink/DirectoryStore.h"
 
 namespace korvexd {
-
-namespace receiver = korvex::receiver;
 
 /// The whole daemon: one thread for each queue, and the calling one for signals and statistics.
 class Daemon {
@@ -27,6 +23,9 @@ class Daemon {
   /// SIGXFSZ ignored, and the file mode mask is 077. Throws std::exception when something cannot be
   /// made; no queue is left then.
   explicit Daemon(const Options& options);
+  ~Daemon();
+  Daemon(const Daemon&) = delete;
+  Daemon& operator=(const Daemon&) = delete;
 
   /// Serves until SIGTERM comes, or SIGINT or SIGHUP where they were not ignored at the start. What
   /// producers have sent by then is taken, open streams end as incomplete, the queues are removed.
@@ -34,16 +33,6 @@ class Daemon {
   void run();
 
  private:
-  /// One queue, with what is reported of it.
-  struct Served {
-    Served(const receiver::Receiver::Settings& settings, receiver::SinkFactory openSink,
-           const std::optional<std::string>& captureFolder);
-
-    StreamLog log;
-    receiver::Receiver receiver;
-  };
-
-  receiver::SinkFactory sinkFactory();
   void serveQueues(const Options& options);
   void createStatsFile(const std::string& path);
   void announceServing() const;
@@ -52,13 +41,11 @@ class Daemon {
   void updateStats() noexcept;
 
   const sigset_t endSignals_;
-  const receiver::Limits limits_;
-  std::optional<DirectoryStore> store_;
-  std::optional<ExecStore> engines_;
-  std::vector<std::unique_ptr<Served>> queues_;
+  std::atomic<bool> stop_{false};
+  Sinks sinks_;
+  std::vector<std::unique_ptr<ServedQueue>> queues_;
   std::optional<StatsFile> statsFile_;
   bool statsFailed_ = false;
-  std::atomic<bool> stop_{false};
 };
 
 }  // namespace korvexd

@@ -122,29 +122,38 @@ std::optional<std::string> givenText(const std::string& text) {
   return text.empty() ? std::nullopt : std::make_optional(text);
 }
 
+QueueSettings queueSettingsOf(const Arguments& found) {
+  QueueSettings queue;
+  if (found.replace) queue.receiver.existing = Receiver::Existing::Replace;
+  if (!found.mode.empty()) {
+    queue.receiver.mode = static_cast<mode_t>(std::stoul(found.mode, nullptr, kOctal));
+  }
+  queue.receiver.limits = found.limits;
+  if (found.idleTimeout != 0) queue.receiver.idleTimeout = std::chrono::seconds(found.idleTimeout);
+  queue.output = givenText(found.output);
+  if (!found.command.empty()) queue.engine = splitCommand(found.command);
+  queue.engineTimeout = std::chrono::seconds(found.engineTimeout);
+  queue.capture = givenText(found.capture);
+  return queue;
+}
+
 Options optionsOf(const Arguments& found) {
   Options options;
-  for (const std::string& name : found.queues) options.queues.push_back(plainQueueName(name));
-  if (found.replace) options.queue.existing = Receiver::Existing::Replace;
-  if (!found.mode.empty()) {
-    options.queue.mode = static_cast<mode_t>(std::stoul(found.mode, nullptr, kOctal));
+  QueueSettings queue = queueSettingsOf(found);
+  for (const std::string& name : found.queues) {
+    queue.receiver.queue = plainQueueName(name);
+    options.queues.push_back(queue);
   }
-  options.queue.limits = found.limits;
-  options.output = givenText(found.output);
-  if (!found.command.empty()) options.engine = splitCommand(found.command);
-  options.engineTimeout = std::chrono::seconds(found.engineTimeout);
-  if (found.idleTimeout != 0) options.queue.idleTimeout = std::chrono::seconds(found.idleTimeout);
-  options.capture = givenText(found.capture);
   options.statsFile = givenText(found.statsFile);
   return options;
 }
 
 /// No two queues may mean the same object, and a response queue is one as well.
-void refuseClashes(const std::vector<std::string>& queues) {
+void refuseClashes(const std::vector<QueueSettings>& queues) {
   std::vector<std::string> names;
-  for (const std::string& queue : queues) {
-    names.push_back(queue);
-    names.push_back(korvex::getMessageQueueResponseName(queue));
+  for (const QueueSettings& queue : queues) {
+    names.push_back(queue.receiver.queue);
+    names.push_back(korvex::getMessageQueueResponseName(queue.receiver.queue));
   }
   std::sort(names.begin(), names.end());
   const auto twin = std::adjacent_find(names.begin(), names.end());
@@ -152,15 +161,14 @@ void refuseClashes(const std::vector<std::string>& queues) {
   throw CLI::ValidationError("--queue", "two of the queues would use the name '" + *twin + "'");
 }
 
-void refuseLongFileNames(const Options& options) {
-  if (!options.output && !options.capture && options.engine.empty()) return;
-  for (const std::string& queue : options.queues) {
-    const std::size_t length = fileNameOf(queue).size();
-    if (length <= kLongestFileName) continue;
-    throw CLI::ValidationError("--queue", "'" + queue + "' makes a file name of " +
-                                              std::to_string(length) + " characters, expected " +
-                                              "at most " + std::to_string(kLongestFileName));
-  }
+void refuseLongFileName(const QueueSettings& settings) {
+  if (!settings.output && !settings.capture && settings.engine.empty()) return;
+  const std::string& queue = settings.receiver.queue;
+  const std::size_t length = fileNameOf(queue).size();
+  if (length <= kLongestFileName) return;
+  throw CLI::ValidationError("--queue", "'" + queue + "' makes a file name of " +
+                                            std::to_string(length) + " characters, expected " +
+                                            "at most " + std::to_string(kLongestFileName));
 }
 
 }  // namespace
@@ -177,7 +185,7 @@ ParsedOptions parseOptions(int argc, const char* const* argv, std::ostream& out,
     app.parse(argc, argv);
     const Options options = optionsOf(found);
     refuseClashes(options.queues);
-    refuseLongFileNames(options);
+    for (const QueueSettings& queue : options.queues) refuseLongFileName(queue);
     return {options, codeOf(ExitCode::Success)};
   } catch (const CLI::ParseError& error) {
     const bool isWrong = app.exit(error, out, err) != 0;

@@ -1,27 +1,18 @@
 #ifndef KORVEXD_OPTIONS_H
 #define KORVEXD_OPTIONS_H
 
-#include <chrono>
 #include <iosfwd>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include <korvex/receiver/Receiver.h>
+#include "korvexd/config/Settings.h"
 
 namespace korvexd {
 
-constexpr std::chrono::seconds kDefaultEngineTimeout{3600};
-
 /// What the daemon was asked to do; checked.
 struct Options {
-  std::vector<std::string> queues;             ///< without leading slash, no two that clash
-  korvex::receiver::Receiver::Settings queue;  ///< of each queue; its name is left empty
-  std::optional<std::string> output;
-  std::vector<std::string> engine;  ///< the words of its command; without it and an output folder
-                                    ///< the data is discarded
-  std::chrono::seconds engineTimeout = kDefaultEngineTimeout;
-  std::optional<std::string> capture;
+  std::vector<QueueSettings> queues;  ///< no two that clash
   std::optional<std::string> statsFile;
 };
 
