@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <queue>
 #include <string>
@@ -29,6 +30,10 @@ class QueueServer {
 
   void run(const std::atomic<bool>& stop) noexcept;
 
+  // As Receiver's.
+  void change(const Receiver::Settings& settings, SinkFactory openSink);
+  void retire() noexcept { isToRetire_ = true; }
+
   /// Takes at most one message, or pauses. False when there was none.
   bool serveOnce() noexcept;
 
@@ -38,7 +43,19 @@ class QueueServer {
  private:
   using Clock = MessageQueue::Clock;
 
+  struct Change {
+    Receiver::Settings settings;
+    SinkFactory openSink;
+  };
+
   void open(Receiver::Existing existing);
+  void takeOrders();
+  void tryChange();
+  bool mayReplacePair();
+  void takeSettings(const Receiver::Settings& settings);
+  void replacePairAfterChange(const Receiver::Settings& before);
+  void prepareRetirement();
+  bool isRetired() const noexcept { return refusesStreams_ && !session_.isOpen(); }
   bool step();
   void drain() noexcept;
   void takeRest();
@@ -57,10 +74,11 @@ class QueueServer {
   void answer(const StreamSession::Answer& answer);
   void refuseBatch(const std::string& defect);
   void replacePair(const std::string& reason) noexcept;
+  void dropPair() noexcept;
   void reopen() noexcept;
   void pause() noexcept;
 
-  const Receiver::Settings settings_;
+  Receiver::Settings settings_;  ///< the queue's name never changes
   Observer& observer_;
   Counters counters_;
   StreamSession session_;
@@ -77,6 +95,12 @@ class QueueServer {
   std::queue<ShmBatch::Entry> records_;
   std::uint64_t messageNumber_ = 0;
   bool reopenFailed_ = false;
+  std::mutex changeMutex_;
+  std::optional<Change> change_;  ///< guarded by the mutex
+  std::atomic<bool> hasChange_{false};
+  std::atomic<bool> isToRetire_{false};
+  std::optional<std::size_t> rest_;  ///< messages to take before streams are refused
+  bool refusesStreams_ = false;
 };
 
 }  // namespace korvex::receiver

@@ -16,6 +16,12 @@ Receiver::~Receiver() = default;
 
 void Receiver::run(const std::atomic<bool>& stop) noexcept { implementation_->run(stop); }
 
+void Receiver::change(const Settings& settings, SinkFactory openSink) {
+  implementation_->change(settings, std::move(openSink));
+}
+
+void Receiver::retire() noexcept { implementation_->retire(); }
+
 bool Receiver::step() noexcept { return implementation_->serveOnce(); }
 
 const std::string& Receiver::queue() const noexcept { return implementation_->queue(); }

@@ -42,6 +42,7 @@ class KORVEX_RECEIVER_EXPORT Receiver {
     mode_t mode = 0600;            ///< of both queues, whatever the umask
     Existing existing = Existing::Refuse;
     std::optional<std::chrono::seconds> idleTimeout = {};  ///< fails a silent stream; none: never
+    std::optional<gid_t> group = {};  ///< of both queues; none: the process's own
   };
 
   /// Makes the queues; they get their names once both are complete. The observer must outlive the
@@ -57,6 +58,16 @@ class KORVEX_RECEIVER_EXPORT Receiver {
   /// Serves until `stop` is set, takes what was waiting at that moment, and ends an open stream as
   /// incomplete.
   void run(const std::atomic<bool>& stop) noexcept;
+
+  /// From the next stream on, serves with these settings, but for the queue's name and `existing`.
+  /// Any thread may call it. Other limits, another mode or group need other queues: the present
+  /// pair is replaced when no stream is open and nothing waits. When that fails, the old settings
+  /// hold again; the observer hears of either.
+  void change(const Settings& settings, SinkFactory openSink);
+
+  /// Any thread may call it: run() ends when the open stream has ended and what was waiting is
+  /// taken. Streams that open later fail.
+  void retire() noexcept;
 
   /// Takes one message if there is one, for callers with a loop of their own. Otherwise pauses
   /// briefly and returns false.
