@@ -41,7 +41,7 @@ void QueueServer::open(Receiver::Existing existing) {
 
 void QueueServer::run(const std::atomic<bool>& stop) noexcept {
   stop_ = &stop;
-  while (!stop && !isRetired()) serveOnce();
+  while (!stop) serveOnce();
   drain();
   session_.end("the daemon ended");
 }
@@ -243,6 +243,7 @@ void QueueServer::change(const Receiver::Settings& settings, SinkFactory openSin
 void QueueServer::takeOrders() {
   if (hasChange_ && !session_.isOpen()) tryChange();
   if (isToRetire_ && !refusesStreams_) prepareRetirement();
+  if (refusesStreams_ && !session_.isOpen()) hasRetired_ = true;
 }
 
 void QueueServer::tryChange() {

@@ -33,6 +33,7 @@ class QueueServer {
   // As Receiver's.
   void change(const Receiver::Settings& settings, SinkFactory openSink);
   void retire() noexcept { isToRetire_ = true; }
+  bool hasRetired() const noexcept { return hasRetired_; }
 
   /// Takes at most one message, or pauses. False when there was none.
   bool serveOnce() noexcept;
@@ -55,7 +56,6 @@ class QueueServer {
   void takeSettings(const Receiver::Settings& settings);
   void replacePairAfterChange(const Receiver::Settings& before);
   void prepareRetirement();
-  bool isRetired() const noexcept { return refusesStreams_ && !session_.isOpen(); }
   bool step();
   void drain() noexcept;
   void takeRest();
@@ -101,6 +101,7 @@ class QueueServer {
   std::atomic<bool> isToRetire_{false};
   std::optional<std::size_t> rest_;  ///< messages to take before streams are refused
   bool refusesStreams_ = false;
+  std::atomic<bool> hasRetired_{false};
 };
 
 }  // namespace korvex::receiver

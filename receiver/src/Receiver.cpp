@@ -22,6 +22,8 @@ void Receiver::change(const Settings& settings, SinkFactory openSink) {
 
 void Receiver::retire() noexcept { implementation_->retire(); }
 
+bool Receiver::hasRetired() const noexcept { return implementation_->hasRetired(); }
+
 bool Receiver::step() noexcept { return implementation_->serveOnce(); }
 
 const std::string& Receiver::queue() const noexcept { return implementation_->queue(); }

@@ -46,7 +46,7 @@ ROOMS = {
 INNER = {
     "tools/korvexd": {"tools/korvexd/os", "tools/korvexd/sink", "tools/korvexd/exec",
                       "tools/korvexd/report", "tools/korvexd/config"},
-    "tools/korvexd/config": set(),
+    "tools/korvexd/config": {"tools/korvexd/os"},
     "tools/korvexd/os": set(),
     "tools/korvexd/sink": {"tools/korvexd/os"},
     "tools/korvexd/exec": {"tools/korvexd/os"},

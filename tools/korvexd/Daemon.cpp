@@ -8,13 +8,16 @@
 #include <sys/stat.h>
 #include <time.h>
 
-#include <cerrno>
+#include <chrono>
+#include <stdexcept>
 #include <utility>
 
 namespace korvexd {
 namespace {
 
 constexpr timespec kStatsInterval{1, 0};
+constexpr timespec kDrainInterval{0, 50'000'000};
+constexpr unsigned kDrainIntervalsPerUpdate = 20;
 
 /// Readable by the daemon's user alone, unless a mode is asked for. A mask from outside could keep
 /// the daemon out of its own folders.
@@ -27,19 +30,20 @@ bool isIgnored(int signal) {
 
 /// A shell ignores SIGINT for jobs in the background, nohup ignores SIGHUP. Blocked, they would
 /// come all the same.
-sigset_t endSignals() {
+sigset_t awaitedSignals(bool hasConfiguration) {
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGTERM);
   if (!isIgnored(SIGINT)) sigaddset(&signals, SIGINT);
-  if (!isIgnored(SIGHUP)) sigaddset(&signals, SIGHUP);  // queues must not outlive the terminal
+  // Without a configuration to read again it ends the daemon: queues must not outlive the terminal.
+  if (hasConfiguration || !isIgnored(SIGHUP)) sigaddset(&signals, SIGHUP);
   return signals;
 }
 
-/// Before any thread starts, so that all of them inherit it and the signals reach awaitSignal().
-void prepareProcess(const sigset_t& endSignals) {
+/// Before any thread starts, so that all of them inherit it and the signals reach awaitEnd().
+void prepareProcess(const sigset_t& awaited) {
   ::umask(kModeMask);
-  ::pthread_sigmask(SIG_BLOCK, &endSignals, nullptr);
+  ::pthread_sigmask(SIG_BLOCK, &awaited, nullptr);
   ::signal(SIGPIPE, SIG_IGN);
   ::signal(SIGXFSZ, SIG_IGN);  // a file that may not grow is an error of that write, like others
 }
@@ -54,63 +58,89 @@ void raiseDescriptorLimit() {
 
 }  // namespace
 
-Daemon::Daemon(const Options& options)
-    : endSignals_(endSignals()), sinks_([this] { return stop_.load(); }) {
-  prepareProcess(endSignals_);
+Daemon::Daemon(CommandLine commandLine, const Settings& settings)
+    : commandLine_(std::move(commandLine)),
+      signals_(awaitedSignals(commandLine_.configFile.has_value())),
+      settings_(settings.daemon) {
+  prepareProcess(signals_);
   raiseDescriptorLimit();
   receiver::installBusErrorGuard();
-  serveQueues(options);
-  if (options.statsFile) createStatsFile(*options.statsFile);
-}
-
-/// The threads of the queues end before the queues go.
-Daemon::~Daemon() { stop_ = true; }
-
-void Daemon::createStatsFile(const std::string& path) {
-  std::vector<QueueStats> stats;
-  for (const auto& queue : queues_) {
-    stats.push_back({queue->name(), &queue->counters(), &queue->log()});
-  }
-  statsFile_.emplace(path, std::move(stats));
-  statsFile_->update();
-}
-
-void Daemon::serveQueues(const Options& options) {
   for (const std::string& name : receiver::removeHalfMadeQueues()) {
     spdlog::info("removed {}, half made by a daemon that was killed", name);
   }
-  for (const QueueSettings& queue : options.queues) {
-    queues_.push_back(std::make_unique<ServedQueue>(queue, sinks_.factoryFor(queue)));
-  }
+  for (const QueueSettings& queue : settings.queues) queues_.add(queue);
+  createStatsFile(settings_.statsFile);
+}
+
+/// The old one stays in use when the new one cannot be written.
+void Daemon::createStatsFile(const std::optional<std::string>& path) {
+  std::optional<StatsFile> file;
+  if (path) file.emplace(*path, queues_.stats());
+  if (file) file->update();
+  statsFile_ = std::move(file);
 }
 
 void Daemon::run() {
-  for (const auto& queue : queues_) queue->start(stop_);
-  announceServing();
-  awaitSignal();
-  stop_ = true;
-  for (const auto& queue : queues_) queue->join();
+  queues_.start();
+  awaitEnd();
+  if (settings_.drainTimeout.count() > 0) drain();
+  queues_.stop();
   updateStats();
   queues_.clear();
 }
 
-/// Only when everything else is done: the reader of these lines relies on it.
-void Daemon::announceServing() const {
-  for (const auto& queue : queues_) {
-    const receiver::Limits& limits = queue->settings().receiver.limits;
-    spdlog::info("serving {}, {} messages of {} bytes", queue->name(), limits.messages,
-                 limits.messageSize);
+/// A second signal stays blocked and changes nothing, unless it comes while streams are drained.
+void Daemon::awaitEnd() {
+  for (;;) {
+    const int signal = ::sigtimedwait(&signals_, nullptr, &kStatsInterval);
+    const bool asksForConfiguration = signal == SIGHUP && commandLine_.configFile;
+    if (signal > 0 && !asksForConfiguration) return;
+    if (asksForConfiguration) readAgain();
+    doRegularly();
   }
 }
 
-/// A second signal stays blocked and changes nothing.
-void Daemon::awaitSignal() {
-  while (::sigtimedwait(&endSignals_, nullptr, &kStatsInterval) < 0) doRegularly();
+/// Streams that are open may end in peace, and none begins.
+void Daemon::drain() {
+  const auto deadline = std::chrono::steady_clock::now() + settings_.drainTimeout;
+  spdlog::info("ending, open streams have {} seconds to finish", settings_.drainTimeout.count());
+  queues_.retire();
+  for (unsigned count = 1; !queues_.haveAllRetired(); ++count) {
+    const int signal = ::sigtimedwait(&signals_, nullptr, &kDrainInterval);
+    const bool isAnotherEnd = signal > 0 && signal != SIGHUP;
+    if (isAnotherEnd || std::chrono::steady_clock::now() >= deadline) return;
+    if (count % kDrainIntervalsPerUpdate == 0) updateStats();
+  }
+}
+
+void Daemon::readAgain() noexcept {
+  try {
+    const Configuration configuration = readConfiguration(commandLine_);
+    for (const Mistake& mistake : configuration.mistakes()) {
+      spdlog::error("{}", configuration.textOf(mistake));
+    }
+    if (!configuration.mistakes().empty()) throw std::runtime_error("it holds mistakes");
+    take(configuration.settings());
+    spdlog::info("configuration read again");
+  } catch (const std::exception& error) {
+    spdlog::error("nothing of the configuration is changed: {}", error.what());
+  }
+}
+
+/// The queues first: they change all together or not at all.
+void Daemon::take(const Settings& settings) {
+  queues_.follow(settings.queues);
+  if (settings.daemon.statsFile != settings_.statsFile) {
+    createStatsFile(settings.daemon.statsFile);
+  } else if (statsFile_) {
+    statsFile_->setQueues(queues_.stats());
+  }
+  settings_ = settings.daemon;
 }
 
 void Daemon::doRegularly() noexcept {
-  sinks_.tidyUp();
-  for (const auto& queue : queues_) queue->log().update();
+  const bool areOthers = queues_.settle();
+  if (areOthers && statsFile_) statsFile_->setQueues(queues_.stats());
   updateStats();
 }
 

@@ -3,17 +3,17 @@
 
 #include <iosfwd>
 #include <optional>
-#include <string>
-#include <vector>
 
-#include "korvexd/config/Settings.h"
+#include "korvexd/config/Configuration.h"
 
 namespace korvexd {
 
-/// What the daemon was asked to do; checked.
+/// What a command line asks for; all its values are right.
 struct Options {
-  std::vector<QueueSettings> queues;  ///< no two that clash
-  std::optional<std::string> statsFile;
+  enum class Task { Serve, CheckConfig, PrintConfig };
+
+  Task task = Task::Serve;
+  CommandLine commandLine;
 };
 
 /// Options, or the code to exit with.

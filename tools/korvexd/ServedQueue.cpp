@@ -11,14 +11,33 @@ ServedQueue::ServedQueue(const QueueSettings& settings, receiver::SinkFactory op
       log_(settings.receiver.queue, settings.capture),
       receiver_(settings.receiver, std::move(openSink), log_) {}
 
-ServedQueue::~ServedQueue() { join(); }
+ServedQueue::~ServedQueue() {
+  stop();
+  join();
+}
 
-void ServedQueue::start(const std::atomic<bool>& stop) {
-  thread_ = startThread("queue " + name(), [this, &stop] { receiver_.run(stop); });
+void ServedQueue::start() {
+  thread_ = startThread("queue " + name(), [this] { receiver_.run(stop_); });
+}
+
+void ServedQueue::change(const QueueSettings& settings, receiver::SinkFactory openSink,
+                         std::optional<Capture> capture) {
+  log_.captureWith(std::move(capture));
+  receiver_.change(settings.receiver, std::move(openSink));
+  settings_ = settings;
+}
+
+void ServedQueue::retire() noexcept {
+  isRetiring_ = true;
+  receiver_.retire();
 }
 
 void ServedQueue::join() {
   if (thread_.joinable()) thread_.join();
+}
+
+bool ServedQueue::serves(const QueueSettings& settings) const {
+  return !isRetiring_ && settings == settings_ && !log_.wasChangeRefused();
 }
 
 }  // namespace korvexd

@@ -4,6 +4,7 @@
 #include <korvex/receiver/Receiver.h>
 
 #include <atomic>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -20,16 +21,34 @@ class ServedQueue {
   /// Makes the queues. Throws std::exception when that fails; nothing is left then.
   ServedQueue(const QueueSettings& settings, receiver::SinkFactory openSink);
 
-  /// Waits until the thread has ended, then removes the queues.
+  /// Stops serving and removes the queues.
   ~ServedQueue();
   ServedQueue(const ServedQueue&) = delete;
   ServedQueue& operator=(const ServedQueue&) = delete;
 
-  /// Serves from now on, until `stop` is set. Throws SystemError when there is no thread for it.
-  void start(const std::atomic<bool>& stop);
+  /// Serves from now on. Throws SystemError when there is no thread for it.
+  void start();
 
-  /// Waits until it no longer serves. What is reported of it can still be read.
+  /// Serves as these settings say, from the next stream on; messages are captured at once.
+  void change(const QueueSettings& settings, receiver::SinkFactory openSink,
+              std::optional<Capture> capture);
+
+  /// Refuses streams from now on, but the open one.
+  void retire() noexcept;
+
+  bool isRetiring() const noexcept { return isRetiring_; }
+
+  /// Whether it was to retire, and no stream is open any more.
+  bool hasRetired() const noexcept { return receiver_.hasRetired(); }
+
+  /// Serves no longer, soon.
+  void stop() noexcept { stop_ = true; }
+
+  /// Waits until it serves no longer, which it was told. What is reported of it can still be read.
   void join();
+
+  /// Whether it is served as these settings say, or will be soon.
+  bool serves(const QueueSettings& settings) const;
 
   const std::string& name() const noexcept { return receiver_.queue(); }
   const QueueSettings& settings() const noexcept { return settings_; }
@@ -37,10 +56,12 @@ class ServedQueue {
   StreamLog& log() noexcept { return log_; }
 
  private:
-  const QueueSettings settings_;
+  QueueSettings settings_;
   StreamLog log_;
   receiver::Receiver receiver_;
   std::thread thread_;
+  bool isRetiring_ = false;
+  std::atomic<bool> stop_{false};
 };
 
 }  // namespace korvexd

@@ -27,15 +27,16 @@ class OptionsTest : public testing::Test {
     const auto parsed =
         korvexd::parseOptions(static_cast<int>(argv.size()), argv.data(), out_, err_);
     options_ = parsed.options;
+    if (options_) settings_ = korvexd::Configuration(options_->commandLine, {}).settings();
     return parsed.exitCode;
   }
 
   /// The first one.
-  const korvexd::QueueSettings& queue() const { return options_->queues.front(); }
+  const korvexd::QueueSettings& queue() const { return settings_.queues.front(); }
 
   std::vector<std::string> names() const {
     std::vector<std::string> names;
-    for (const auto& queue : options_->queues) names.push_back(queue.receiver.queue);
+    for (const auto& queue : settings_.queues) names.push_back(queue.receiver.queue);
     return names;
   }
 
@@ -49,6 +50,7 @@ class OptionsTest : public testing::Test {
   std::ostringstream out_;
   std::ostringstream err_;
   std::optional<Options> options_;
+  korvexd::Settings settings_;
 };
 
 }  // namespace
@@ -60,7 +62,7 @@ TEST_F(OptionsTest, DefaultsAreAPairForItsOwnerAlone) {
   EXPECT_EQ(queue().receiver.mode, 0600u);
   EXPECT_EQ(queue().receiver.limits.messages, 8u);
   EXPECT_EQ(queue().receiver.limits.messageSize, 270336u);
-  EXPECT_FALSE(queue().output || queue().capture || options_->statsFile);
+  EXPECT_FALSE(queue().output || queue().capture || settings_.daemon.statsFile);
 }
 
 TEST_F(OptionsTest, TakesEverything) {
@@ -74,7 +76,7 @@ TEST_F(OptionsTest, TakesEverything) {
   EXPECT_EQ(queue().receiver.limits.messageSize, 65536u);
   EXPECT_EQ(*queue().output, "out");
   EXPECT_EQ(*queue().capture, "cap");
-  EXPECT_EQ(*options_->statsFile, "file");
+  EXPECT_EQ(*settings_.daemon.statsFile, "file");
 }
 
 TEST_F(OptionsTest, TakesAnEngineAsTheWordsOfItsCommand) {

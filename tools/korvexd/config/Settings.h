@@ -6,6 +6,7 @@
 #include <chrono>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace korvexd {
@@ -20,6 +21,30 @@ struct QueueSettings {
                                     ///< the data is discarded
   std::chrono::seconds engineTimeout = kDefaultEngineTimeout;
   std::optional<std::string> capture;
+};
+
+/// Whether a queue is served alike with both. What is to become of queues that exist at the start
+/// makes no difference later.
+inline bool operator==(const QueueSettings& one, const QueueSettings& other) {
+  const auto parts = [](const QueueSettings& queue) {
+    const auto& receiver = queue.receiver;
+    return std::tie(receiver.queue, receiver.limits.messages, receiver.limits.messageSize,
+                    receiver.mode, receiver.group, receiver.idleTimeout, queue.output, queue.engine,
+                    queue.engineTimeout, queue.capture);
+  };
+  return parts(one) == parts(other);
+}
+
+/// What is not a matter of one queue.
+struct DaemonSettings {
+  std::optional<std::string> statsFile;
+  std::chrono::seconds drainTimeout{0};
+};
+
+/// Everything that the daemon was asked to do; checked.
+struct Settings {
+  DaemonSettings daemon;
+  std::vector<QueueSettings> queues;  ///< no two that clash
 };
 
 }  // namespace korvexd

@@ -65,9 +65,11 @@ class KORVEX_RECEIVER_EXPORT Receiver {
   /// hold again; the observer hears of either.
   void change(const Settings& settings, SinkFactory openSink);
 
-  /// Any thread may call it: run() ends when the open stream has ended and what was waiting is
-  /// taken. Streams that open later fail.
+  /// From now on streams that open fail, but those that wait already. Any thread may call it.
   void retire() noexcept;
+
+  /// Whether it was asked to retire, and no stream is open any more. Any thread may ask.
+  bool hasRetired() const noexcept;
 
   /// Takes one message if there is one, for callers with a loop of their own. Otherwise pauses
   /// briefly and returns false.
