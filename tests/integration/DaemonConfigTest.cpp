@@ -111,6 +111,10 @@ TEST_F(DaemonConfig, ChecksASoundFileInSilence) {
               HasSubstr("reading configuration " + config_ + "x: error 2"));
 }
 
+TEST_F(DaemonConfig, FindsNoMistakeInTheExample) {
+  EXPECT_EQ(answerOf({"--config", KORVEX_PACKAGING "/korvexd.toml", "--check-config"}, 0), "");
+}
+
 TEST_F(DaemonConfig, PrintsWhatCanBeFedBack) {
   configure(toOutput() + "mode = '0660'", "[defaults]\nmax-message-size = '64K'\n");
   const std::string printed =
@@ -249,6 +253,24 @@ TEST_F(DaemonConfig, KeepsTheOldLimitsWhenMemoryIsShort) {
   reload(*daemon, queue_ + ": cannot be served with the changed settings, the old ones hold again");
   EXPECT_TRUE(awaitLog(*daemon, queue_ + ": served again"));
   EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  end(*daemon);
+}
+
+TEST_F(DaemonConfig, WritesStatisticsOfTheQueuesThatItServesNow) {
+  configure("discard = true");
+  const auto daemon = startConfigured();
+  const std::string stats = folder_ / "stats.json";
+  const std::string daemonTable = "[daemon]\nstats = '" + stats + "'\n";
+  configure("discard = true", tableOfOther("discard = true") + daemonTable);
+  reload(*daemon);
+  EXPECT_EQ(stream(other_, "abc"), kReceiptOfAbc);
+  const auto holds = [&](const std::string& queue) {
+    return korvex::test::contentsOf(stats).find("\"" + queue + "\"") != std::string::npos;
+  };
+  EXPECT_TRUE(korvex::test::eventually([&] { return holds(queue_) && holds(other_); }));
+  configure("discard = true", daemonTable);
+  daemon->signal(SIGHUP);
+  EXPECT_TRUE(korvex::test::eventually([&] { return holds(queue_) && !holds(other_); }));
   end(*daemon);
 }
 

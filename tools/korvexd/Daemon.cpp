@@ -69,15 +69,8 @@ Daemon::Daemon(CommandLine commandLine, const Settings& settings)
     spdlog::info("removed {}, half made by a daemon that was killed", name);
   }
   for (const QueueSettings& queue : settings.queues) queues_.add(queue);
-  createStatsFile(settings_.statsFile);
-}
-
-/// The old one stays in use when the new one cannot be written.
-void Daemon::createStatsFile(const std::optional<std::string>& path) {
-  std::optional<StatsFile> file;
-  if (path) file.emplace(*path, queues_.stats());
-  if (file) file->update();
-  statsFile_ = std::move(file);
+  reportTo(settings_.statsFile);
+  if (statsFile_) statsFile_->update();
 }
 
 void Daemon::run() {
@@ -130,17 +123,17 @@ void Daemon::readAgain() noexcept {
 /// The queues first: they change all together or not at all.
 void Daemon::take(const Settings& settings) {
   queues_.follow(settings.queues);
-  if (settings.daemon.statsFile != settings_.statsFile) {
-    createStatsFile(settings.daemon.statsFile);
-  } else if (statsFile_) {
-    statsFile_->setQueues(queues_.stats());
-  }
   settings_ = settings.daemon;
+  reportTo(settings_.statsFile);
+}
+
+void Daemon::reportTo(const std::optional<std::string>& path) {
+  statsFile_.reset();
+  if (path) statsFile_.emplace(*path, queues_.stats());
 }
 
 void Daemon::doRegularly() noexcept {
-  const bool areOthers = queues_.settle();
-  if (areOthers && statsFile_) statsFile_->setQueues(queues_.stats());
+  if (queues_.settle()) reportTo(settings_.statsFile);
   updateStats();
 }
 

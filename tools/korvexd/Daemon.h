@@ -27,7 +27,7 @@ class Daemon {
   void run();
 
  private:
-  void createStatsFile(const std::optional<std::string>& path);
+  void reportTo(const std::optional<std::string>& path);
   void awaitEnd();
   void drain();
   void readAgain() noexcept;

@@ -23,6 +23,7 @@ void ServedQueue::start() {
 void ServedQueue::change(const QueueSettings& settings, receiver::SinkFactory openSink,
                          std::optional<Capture> capture) {
   log_.captureWith(std::move(capture));
+  log_.expectChange();
   receiver_.change(settings.receiver, std::move(openSink));
   settings_ = settings;
 }

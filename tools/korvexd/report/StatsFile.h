@@ -2,7 +2,6 @@
 #define KORVEXD_STATS_FILE_H
 
 #include <string>
-#include <utility>
 #include <vector>
 
 #include <korvex/receiver/Counters.h>
@@ -27,9 +26,6 @@ class StatsFile {
  public:
   /// Touches no file yet.
   StatsFile(std::string path, std::vector<QueueStats> queues);
-
-  /// Other queues from now on.
-  void setQueues(std::vector<QueueStats> queues) { queues_ = std::move(queues); }
 
   /// Writes the file when a count has changed since the last time, and the first time. Throws
   /// SystemError.

@@ -76,7 +76,6 @@ void StreamLog::queuesReplaced() noexcept {
 }
 
 void StreamLog::settingsChanged() noexcept {
-  changeRefused_ = false;
   write(QueueLog::Kind::QueuePair, spdlog::level::info, "served with the changed settings");
 }
 

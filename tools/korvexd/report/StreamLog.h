@@ -25,7 +25,10 @@ class StreamLog : public korvex::receiver::Observer {
   /// Captures this way from now on, or not at all. Any thread may call it.
   void captureWith(std::optional<Capture> capture) noexcept;
 
-  /// Whether the last settings that needed other queues could not be had. Any thread may call it.
+  /// Other settings are asked for. Any thread may call it.
+  void expectChange() noexcept { changeRefused_ = false; }
+
+  /// Whether the settings that were asked for last could not be had. Any thread may call it.
   bool wasChangeRefused() const noexcept { return changeRefused_; }
 
   /// Logs what was left out in periods that are over. Any thread may call it, now and then.
