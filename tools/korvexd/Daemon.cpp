@@ -96,8 +96,8 @@ void Daemon::awaitEnd() {
 /// Streams that are open may end in peace, and none begins.
 void Daemon::drain() {
   const auto deadline = std::chrono::steady_clock::now() + settings_.drainTimeout;
-  spdlog::info("ending, open streams have {} seconds to finish", settings_.drainTimeout.count());
   queues_.retire();
+  spdlog::info("ending, open streams have {} seconds to finish", settings_.drainTimeout.count());
   for (unsigned count = 1; !queues_.haveAllRetired(); ++count) {
     const int signal = ::sigtimedwait(&signals_, nullptr, &kDrainInterval);
     const bool isAnotherEnd = signal > 0 && signal != SIGHUP;
