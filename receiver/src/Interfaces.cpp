@@ -23,6 +23,10 @@ void Observer::recordRefused(const std::string&) noexcept {}
 void Observer::queuesLost(const std::string&) noexcept {}
 void Observer::queuesNotReplaced(const std::string&) noexcept {}
 void Observer::queuesReplaced() noexcept {}
+void Observer::settingsChanged() noexcept {}
+
+void Observer::settingsNotChanged(const std::string&) noexcept {}
+
 void Observer::messagesLeft(std::size_t) noexcept {}
 
 }  // namespace korvex::receiver

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <stdexcept>
 #include <utility>
 
 #include "korvex/receiver/BatchCheck.h"
@@ -35,8 +36,7 @@ QueueServer::QueueServer(Receiver::Settings settings, SinkFactory openSink, Obse
       observer_(observer),
       session_(settings_.queue, std::move(openSink), counters_, observer,
                [this] { return stillFinishing(); }),
-      pause_(kLongestPause),
-      message_(new unsigned char[settings_.limits.messageSize]) {
+      pause_(kLongestPause) {
   if (settings_.idleWatch != nullptr) {
     idlePlace_.emplace(*settings_.idleWatch->watcher_, [this] { return mayBeLost(); });
   }
@@ -44,7 +44,9 @@ QueueServer::QueueServer(Receiver::Settings settings, SinkFactory openSink, Obse
 }
 
 void QueueServer::open(Receiver::Existing existing) {
-  pair_ = std::make_unique<QueuePair>(settings_.queue, settings_.limits, settings_.mode, existing);
+  message_.reset(new unsigned char[settings_.limits.messageSize]);
+  next_.reset();
+  pair_ = std::make_unique<QueuePair>(settings_, existing);
   replies_ = std::make_unique<ReplySender>(pair_->replies(), counters_);
   if (idlePlace_) idlePlace_->listenTo(settings_.queue);
 }
@@ -99,6 +101,7 @@ void QueueServer::reportUntaken() {
 /// Tries one message. Tries an empty queue too, if its lock is taken: the lock's owner may be
 /// dead.
 bool QueueServer::step() {
+  takeOrders();
   if (pair_ == nullptr) {
     reopen();
     return false;
@@ -204,8 +207,8 @@ void QueueServer::pause() noexcept { pause_.wait(Clock::now() + kLongestPause); 
 void QueueServer::pauseWhileIdle(Clock::time_point now) noexcept {
   const bool isOnTheAlert = now - lastSign_ < kAlertness;
   if (!idlePlace_ || stop_ == nullptr || isOnTheAlert || replies_->isPending()) return pause();
-  const bool hasNews = idlePlace_->await({pair_->batches().view(), *stop_, lastSign_, nextLook_},
-                                         nextLookAtStream());
+  const bool hasNews = idlePlace_->await(
+      {pair_->batches().view(), *stop_, hasOrders_, lastSign_, nextLook_}, nextLookAtStream());
   if (hasNews) pause_.reset();
 }
 
@@ -223,6 +226,7 @@ bool QueueServer::mayBeLost() noexcept {
 }
 
 void QueueServer::takeMessage(std::size_t size) {
+  if (rest_ && *rest_ > 0) --*rest_;
   nextFinishing_ = Clock::now() + kFinishingPeriod;
   const BatchCheck check(message_.get(), size);
   if (check.ok()) {
@@ -257,11 +261,81 @@ void QueueServer::replacePair(const std::string& reason) noexcept {
   observer_.queuesLost(reason);
   counters_.add(Count::QueueReplacements);
   session_.end("its queues were lost: " + reason);
+  dropPair();
+}
+
+void QueueServer::dropPair() noexcept {
   replies_.reset();
   pair_.reset();
   counters_.set(Count::RepliesPending, 0);
   nextSize_.reset();
   pause_.reset();
+}
+
+void QueueServer::change(const Receiver::Settings& settings, SinkFactory openSink) {
+  const std::lock_guard<std::mutex> lock(changeMutex_);
+  change_ = Change{settings, std::move(openSink)};
+  hasChange_ = true;
+  hasOrders_ = true;
+}
+
+void QueueServer::retire() noexcept {
+  isToRetire_ = true;
+  hasOrders_ = true;
+}
+
+/// What cannot be done yet is tried at every step.
+void QueueServer::takeOrders() {
+  hasOrders_ = false;
+  if (hasChange_ && !session_.isOpen()) tryChange();
+  if (isToRetire_ && !refusesStreams_) prepareRetirement();
+  if (refusesStreams_ && !session_.isOpen()) hasRetired_ = true;
+}
+
+void QueueServer::tryChange() {
+  std::unique_lock<std::mutex> lock(changeMutex_);
+  const bool needsOtherPair = !QueuePair::isMadeAlike(settings_, change_->settings);
+  if (needsOtherPair && !mayReplacePair()) return;
+  const Receiver::Settings before = settings_;
+  takeSettings(change_->settings);
+  session_.openWith(std::move(change_->openSink));
+  change_.reset();
+  hasChange_ = false;
+  lock.unlock();
+  if (needsOtherPair) replacePairAfterChange(before);
+}
+
+/// A producer whose records wait, or who is about to send some, has to be served from this pair.
+bool QueueServer::mayReplacePair() { return pair_ == nullptr || (!nextSize_ && isIdle()); }
+
+void QueueServer::takeSettings(const Receiver::Settings& settings) {
+  settings_.limits = settings.limits;
+  settings_.mode = settings.mode;
+  settings_.group = settings.group;
+  settings_.idleTimeout = settings.idleTimeout;
+}
+
+/// The old pair goes first: memory may be too short for both.
+void QueueServer::replacePairAfterChange(const Receiver::Settings& before) {
+  dropPair();
+  try {
+    open(Receiver::Existing::Refuse);
+    observer_.settingsChanged();
+  } catch (const std::exception& error) {
+    observer_.settingsNotChanged(error.what());
+    takeSettings(before);
+  }
+}
+
+/// A stream that was opened before the order, though nobody looked yet, is still taken.
+void QueueServer::prepareRetirement() {
+  if (pair_ != nullptr && !rest_) rest_ = pair_->batches().messages();
+  const bool isRestTaken = pair_ == nullptr || *rest_ == 0 || isIdle();
+  if (!isRestTaken || nextSize_) return;
+  refusesStreams_ = true;
+  session_.openWith([](const std::string&, std::time_t) -> std::unique_ptr<Sink> {
+    throw std::runtime_error("the daemon takes no new streams from this queue");
+  });
 }
 
 /// Retried until it succeeds: another process may have taken the name, or the memory.

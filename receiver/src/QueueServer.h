@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <queue>
 #include <string>
@@ -29,6 +30,11 @@ class QueueServer {
 
   void run(const std::atomic<bool>& stop) noexcept;
 
+  // As Receiver's.
+  void change(const Receiver::Settings& settings, SinkFactory openSink);
+  void retire() noexcept;
+  bool hasRetired() const noexcept { return hasRetired_; }
+
   /// Takes at most one message, or pauses. False when there was none.
   bool serveOnce() noexcept;
 
@@ -41,7 +47,18 @@ class QueueServer {
   /// Room for the largest message, left as it is: the system gives the memory when it is touched.
   using Buffer = std::unique_ptr<unsigned char[]>;
 
+  struct Change {
+    Receiver::Settings settings;
+    SinkFactory openSink;
+  };
+
   void open(Receiver::Existing existing);
+  void takeOrders();
+  void tryChange();
+  bool mayReplacePair();
+  void takeSettings(const Receiver::Settings& settings);
+  void replacePairAfterChange(const Receiver::Settings& before);
+  void prepareRetirement();
   bool step();
   void drain() noexcept;
   void takeRest();
@@ -60,13 +77,14 @@ class QueueServer {
   void answer(const StreamSession::Answer& answer);
   void refuseBatch(const std::string& defect);
   void replacePair(const std::string& reason) noexcept;
+  void dropPair() noexcept;
   void reopen() noexcept;
   void pause() noexcept;
   void pauseWhileIdle(Clock::time_point now) noexcept;
   Clock::time_point nextLookAtStream() const noexcept;
   bool mayBeLost() noexcept;
 
-  const Receiver::Settings settings_;
+  Receiver::Settings settings_;  ///< the queue's name never changes
   Observer& observer_;
   Counters counters_;
   StreamSession session_;
@@ -85,6 +103,14 @@ class QueueServer {
   std::queue<ShmBatch::Entry> records_;
   std::uint64_t messageNumber_ = 0;
   bool reopenFailed_ = false;
+  std::mutex changeMutex_;
+  std::optional<Change> change_;  ///< guarded by the mutex
+  std::atomic<bool> hasChange_{false};
+  std::atomic<bool> isToRetire_{false};
+  std::atomic<bool> hasOrders_{false};  ///< given since the last look
+  std::optional<std::size_t> rest_;     ///< messages to take before streams are refused
+  bool refusesStreams_ = false;
+  std::atomic<bool> hasRetired_{false};
 };
 
 }  // namespace korvex::receiver

@@ -16,6 +16,14 @@ Receiver::~Receiver() = default;
 
 void Receiver::run(const std::atomic<bool>& stop) noexcept { implementation_->run(stop); }
 
+void Receiver::change(const Settings& settings, SinkFactory openSink) {
+  implementation_->change(settings, std::move(openSink));
+}
+
+void Receiver::retire() noexcept { implementation_->retire(); }
+
+bool Receiver::hasRetired() const noexcept { return implementation_->hasRetired(); }
+
 bool Receiver::step() noexcept { return implementation_->serveOnce(); }
 
 const std::string& Receiver::queue() const noexcept { return implementation_->queue(); }

@@ -45,7 +45,8 @@ ROOMS = {
 # Rooms within a room of programs, and which of these may use which.
 INNER = {
     "tools/korvexd": {"tools/korvexd/os", "tools/korvexd/sink", "tools/korvexd/exec",
-                      "tools/korvexd/report"},
+                      "tools/korvexd/report", "tools/korvexd/config"},
+    "tools/korvexd/config": {"tools/korvexd/os"},
     "tools/korvexd/os": set(),
     "tools/korvexd/sink": {"tools/korvexd/os"},
     "tools/korvexd/exec": {"tools/korvexd/os"},

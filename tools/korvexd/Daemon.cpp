@@ -8,16 +8,16 @@
 #include <sys/stat.h>
 #include <time.h>
 
-#include <cerrno>
+#include <chrono>
+#include <stdexcept>
 #include <utility>
-
-#include "korvexd/os/Thread.h"
-#include "korvexd/sink/DiscardSink.h"
 
 namespace korvexd {
 namespace {
 
 constexpr timespec kStatsInterval{1, 0};
+constexpr timespec kDrainInterval{0, 50'000'000};
+constexpr unsigned kDrainIntervalsPerUpdate = 20;
 
 /// Readable by the daemon's user alone, unless a mode is asked for. A mask from outside could keep
 /// the daemon out of its own folders.
@@ -30,19 +30,20 @@ bool isIgnored(int signal) {
 
 /// A shell ignores SIGINT for jobs in the background, nohup ignores SIGHUP. Blocked, they would
 /// come all the same.
-sigset_t endSignals() {
+sigset_t awaitedSignals(bool hasConfiguration) {
   sigset_t signals;
   sigemptyset(&signals);
   sigaddset(&signals, SIGTERM);
   if (!isIgnored(SIGINT)) sigaddset(&signals, SIGINT);
-  if (!isIgnored(SIGHUP)) sigaddset(&signals, SIGHUP);  // queues must not outlive the terminal
+  // Without a configuration to read again it ends the daemon: queues must not outlive the terminal.
+  if (hasConfiguration || !isIgnored(SIGHUP)) sigaddset(&signals, SIGHUP);
   return signals;
 }
 
-/// Before any thread starts, so that all of them inherit it and the signals reach awaitSignal().
-void prepareProcess(const sigset_t& endSignals) {
+/// Before any thread starts, so that all of them inherit it and the signals reach awaitEnd().
+void prepareProcess(const sigset_t& awaited) {
   ::umask(kModeMask);
-  ::pthread_sigmask(SIG_BLOCK, &endSignals, nullptr);
+  ::pthread_sigmask(SIG_BLOCK, &awaited, nullptr);
   ::signal(SIGPIPE, SIG_IGN);
   ::signal(SIGXFSZ, SIG_IGN);  // a file that may not grow is an error of that write, like others
 }
@@ -56,114 +57,94 @@ void raiseDescriptorLimit() {
 }
 
 /// Logged before the queues are made: if there is no room for all, the log says what they need.
-void announceMemory(std::size_t queues, std::uint64_t bytes) {
+void announceMemory(const std::vector<QueueSettings>& queues) {
   constexpr std::uint64_t kMiB = std::uint64_t{1} << 20;
-  spdlog::info("queues: {}, which take {} MiB of /dev/shm", queues, (bytes + kMiB - 1) / kMiB);
+  std::uint64_t bytes = 0;
+  for (const QueueSettings& queue : queues)
+    bytes += receiver::sharedMemoryFor(queue.receiver.limits);
+  spdlog::info("queues: {}, which take {} MiB of /dev/shm", queues.size(),
+               (bytes + kMiB - 1) / kMiB);
 }
-
-/// One thread for each server. They have ended when it goes.
-class ServerThreads {
- public:
-  explicit ServerThreads(std::atomic<bool>& stop) : stop_(stop) {}
-  ~ServerThreads() {
-    stop_ = true;
-    for (std::thread& thread : threads_) thread.join();
-  }
-  ServerThreads(const ServerThreads&) = delete;
-  ServerThreads& operator=(const ServerThreads&) = delete;
-
-  void start(receiver::Receiver& server) {
-    threads_.push_back(
-        startThread("queue " + server.queue(), [this, &server] { server.run(stop_); }));
-  }
-
- private:
-  std::atomic<bool>& stop_;
-  std::vector<std::thread> threads_;
-};
 
 }  // namespace
 
-Daemon::Daemon(const Options& options) : endSignals_(endSignals()), limits_(options.queue.limits) {
-  prepareProcess(endSignals_);
+Daemon::Daemon(CommandLine commandLine, const Settings& settings)
+    : commandLine_(std::move(commandLine)),
+      signals_(awaitedSignals(commandLine_.configFile.has_value())),
+      settings_(settings.daemon) {
+  prepareProcess(signals_);
   raiseDescriptorLimit();
   receiver::installBusErrorGuard();
-  if (options.output) store_.emplace(*options.output);
-  if (!options.engine.empty()) {
-    engines_.emplace(ExecStore::Settings{options.engine, options.engineTimeout,
-                                         [this] { return stop_.load(); }});
-  }
-  serveQueues(options);
-  if (options.statsFile) createStatsFile(*options.statsFile);
-}
-
-void Daemon::createStatsFile(const std::string& path) {
-  std::vector<QueueStats> stats;
-  for (const auto& served : queues_) {
-    stats.push_back({served->receiver.queue(), &served->receiver.counters(), &served->log});
-  }
-  statsFile_.emplace(path, std::move(stats));
-  statsFile_->update();
-}
-
-receiver::SinkFactory Daemon::sinkFactory() {
-  if (engines_) {
-    return [this](const std::string& queue, std::time_t opened) {
-      return engines_->open(queue, opened);
-    };
-  }
-  if (!store_) {
-    return [](const std::string&, std::time_t) { return std::make_unique<DiscardSink>(); };
-  }
-  return
-      [this](const std::string& queue, std::time_t opened) { return store_->open(queue, opened); };
-}
-
-Daemon::Served::Served(const receiver::Receiver::Settings& settings, receiver::SinkFactory openSink,
-                       const std::optional<std::string>& captureFolder)
-    : log(settings.queue, captureFolder), receiver(settings, std::move(openSink), log) {}
-
-void Daemon::serveQueues(const Options& options) {
   for (const std::string& name : receiver::removeHalfMadeQueues()) {
     spdlog::info("removed {}, half made by a daemon that was killed", name);
   }
-  announceMemory(options.queues.size(),
-                 options.queues.size() * receiver::sharedMemoryFor(options.queue.limits));
-  receiver::Receiver::Settings settings = options.queue;
-  settings.idleWatch = &idleWatch_;
-  for (const std::string& queue : options.queues) {
-    settings.queue = queue;
-    queues_.push_back(std::make_unique<Served>(settings, sinkFactory(), options.capture));
-  }
+  announceMemory(settings.queues);
+  for (const QueueSettings& queue : settings.queues) queues_.add(queue);
+  reportTo(settings_.statsFile);
+  if (statsFile_) statsFile_->update();
 }
 
 void Daemon::run() {
-  {
-    ServerThreads threads(stop_);
-    for (const auto& served : queues_) threads.start(served->receiver);
-    announceServing();
-    awaitSignal();
-  }
+  queues_.start();
+  awaitEnd();
+  if (settings_.drainTimeout.count() > 0) drain();
+  queues_.stop();
   updateStats();
   queues_.clear();
 }
 
-/// Only when everything else is done: the reader of these lines relies on it.
-void Daemon::announceServing() const {
-  for (const auto& served : queues_) {
-    spdlog::info("serving {}, {} messages of {} bytes", served->receiver.queue(), limits_.messages,
-                 limits_.messageSize);
+/// A second signal stays blocked and changes nothing, unless it comes while streams are drained.
+void Daemon::awaitEnd() {
+  for (;;) {
+    const int signal = ::sigtimedwait(&signals_, nullptr, &kStatsInterval);
+    const bool asksForConfiguration = signal == SIGHUP && commandLine_.configFile;
+    if (signal > 0 && !asksForConfiguration) return;
+    if (asksForConfiguration) readAgain();
+    doRegularly();
   }
 }
 
-/// A second signal stays blocked and changes nothing.
-void Daemon::awaitSignal() {
-  while (::sigtimedwait(&endSignals_, nullptr, &kStatsInterval) < 0) doRegularly();
+/// Streams that are open may end in peace, and none begins.
+void Daemon::drain() {
+  const auto deadline = std::chrono::steady_clock::now() + settings_.drainTimeout;
+  queues_.retire();
+  spdlog::info("ending, open streams have {} seconds to finish", settings_.drainTimeout.count());
+  for (unsigned count = 1; !queues_.haveAllRetired(); ++count) {
+    const int signal = ::sigtimedwait(&signals_, nullptr, &kDrainInterval);
+    const bool isAnotherEnd = signal > 0 && signal != SIGHUP;
+    if (isAnotherEnd || std::chrono::steady_clock::now() >= deadline) return;
+    if (count % kDrainIntervalsPerUpdate == 0) updateStats();
+  }
+}
+
+void Daemon::readAgain() noexcept {
+  try {
+    const Configuration configuration = readConfiguration(commandLine_);
+    for (const Mistake& mistake : configuration.mistakes()) {
+      spdlog::error("{}", configuration.textOf(mistake));
+    }
+    if (!configuration.mistakes().empty()) throw std::runtime_error("it holds mistakes");
+    take(configuration.settings());
+    spdlog::info("configuration read again");
+  } catch (const std::exception& error) {
+    spdlog::error("nothing of the configuration is changed: {}", error.what());
+  }
+}
+
+/// The queues first: they change all together or not at all.
+void Daemon::take(const Settings& settings) {
+  queues_.follow(settings.queues);
+  settings_ = settings.daemon;
+  reportTo(settings_.statsFile);
+}
+
+void Daemon::reportTo(const std::optional<std::string>& path) {
+  statsFile_.reset();
+  if (path) statsFile_.emplace(*path, queues_.stats());
 }
 
 void Daemon::doRegularly() noexcept {
-  if (engines_) engines_->tidyUp();
-  for (const auto& served : queues_) served->log.update();
+  if (queues_.settle()) reportTo(settings_.statsFile);
   updateStats();
 }
 

@@ -1,16 +1,16 @@
 #include "korvexd/Options.h"
 
-#include <korvex/ShmWriter.h>
 #include <CLI/CLI.hpp>
 
-#include <algorithm>
 #include <ostream>
 #include <stdexcept>
+#include <utility>
 
 #include "common/CommandLine.h"
 #include "common/ExitCode.h"
 #include "common/Printable.h"
 #include "common/QueueName.h"
+#include "korvexd/config/Keys.h"
 #include "korvexd/exec/CommandWords.h"
 
 namespace korvexd {
@@ -21,8 +21,6 @@ using korvex::receiver::Limits;
 using korvex::receiver::Receiver;
 
 constexpr long kLongestTimeout = 7L * 24 * 3600;
-constexpr mode_t kModeNeeded = 0600;
-constexpr int kOctal = 8;
 
 /// Words of a command line may hold anything, and a terminal obeys some of it.
 std::string complaint(const CLI::App* app, const CLI::Error& error) {
@@ -34,6 +32,7 @@ struct Arguments {
   std::vector<std::string> queues;
   bool replace = false;
   std::string mode;
+  std::string group;
   Limits limits = Receiver::Settings().limits;
   std::string output;
   std::string command;
@@ -42,22 +41,30 @@ struct Arguments {
   bool discard = false;
   std::string capture;
   std::string statsFile;
+  long drainTimeout = 0;
+  std::string configFile;
+  bool checksConfig = false;
+  bool printsConfig = false;
 };
 
-std::string checkMode(const std::string& text) {
-  const bool isOctal =
-      !text.empty() && text.size() <= 4 && text.find_first_not_of("01234567") == std::string::npos;
-  if (!isOctal || std::stoul(text, nullptr, kOctal) > 0777) {
-    return "found '" + text + "', expected an octal number up to 777";
+/// What a key of the configuration says of the same text.
+template <typename Target>
+std::string defectOf(const Key<Target>& key, const std::string& text) {
+  try {
+    Target scratch;
+    key.apply(scratch, text);
+    return "";
+  } catch (const WrongValue& wrong) {
+    return "found '" + text + "', expected " + wrong.what();
   }
-  if ((std::stoul(text, nullptr, kOctal) & kModeNeeded) != kModeNeeded) {
-    return "found '" + text + "', expected read and write permission for the owner (600)";
-  }
-  return "";
 }
 
-std::string checkPath(const std::string& path) {
-  return path.empty() ? "expected a path, found nothing" : "";
+CLI::Validator fitsQueueKey(const std::string& name) {
+  return {[name](std::string& text) { return defectOf(*findKey(queueKeys(), name), text); }, ""};
+}
+
+CLI::Validator fitsDaemonKey(const std::string& name) {
+  return {[name](std::string& text) { return defectOf(*findKey(daemonKeys(), name), text); }, ""};
 }
 
 std::string checkCommand(const std::string& text) {
@@ -71,14 +78,16 @@ std::string checkCommand(const std::string& text) {
 
 void addQueueOptions(CLI::App& app, Arguments& found) {
   app.add_option("--queue", found.queues, "Serve this queue; may be given several times")
-      ->required()
       ->allow_extra_args(false)
       ->check(checkQueueName)
       ->type_name("NAME");
   app.add_flag("--replace", found.replace, "Replace queues that a dead daemon left behind");
   app.add_option("--mode", found.mode, "Permissions of the queues, octal [600]")
-      ->check(checkMode)
+      ->check(fitsQueueKey("mode"))
       ->type_name("OCTAL");
+  app.add_option("--group", found.group, "Group of the queues, by name or number")
+      ->check(fitsQueueKey("group"))
+      ->type_name("GROUP");
   app.add_option("--max-messages", found.limits.messages, "Messages that a queue holds")
       ->transform(wholeNumber)
       ->check(CLI::Range(std::size_t{1}, Limits::kMostMessages))
@@ -90,17 +99,29 @@ void addQueueOptions(CLI::App& app, Arguments& found) {
       ->capture_default_str();
 }
 
+void addConfigOptions(CLI::App& app, Arguments& found) {
+  auto* const file = app.add_option("--config", found.configFile,
+                                    "Read queues and settings from FILE, and again at SIGHUP")
+                         ->type_name("FILE");
+  auto* const check =
+      app.add_flag("--check-config", found.checksConfig, "Report every mistake in FILE and exit")
+          ->needs(file);
+  app.add_flag("--print-config", found.printsConfig,
+               "Print what holds, and where each value comes from, and exit")
+      ->excludes(check);
+}
+
 void addDataOptions(CLI::App& app, Arguments& found) {
   auto* const sink = app.add_option_group("data", "Where the data goes; one of");
   sink->add_option("--output", found.output, "Store each stream as a folder in DIR")
-      ->check(checkPath)
+      ->check(fitsQueueKey("output"))
       ->type_name("DIR");
   sink->add_option("--exec", found.command,
                    "Give each stream to COMMAND as its standard input; no shell runs")
       ->check(checkCommand)
       ->type_name("COMMAND");
   sink->add_flag("--discard", found.discard, "Forget the data");
-  sink->require_option(1);
+  sink->require_option(0, 1);
   app.add_option("--exec-timeout", found.engineTimeout,
                  "Seconds that COMMAND may take to finish, or take nothing")
       ->check(CLI::Range(1L, kLongestTimeout))
@@ -111,56 +132,84 @@ void addDataOptions(CLI::App& app, Arguments& found) {
       ->check(CLI::Range(1L, kLongestTimeout))
       ->type_name("SECONDS");
   app.add_option("--capture", found.capture, "Keep every message as it came in DIR")
-      ->check(checkPath)
+      ->check(fitsQueueKey("capture"))
       ->type_name("DIR");
   app.add_option("--stats", found.statsFile, "Keep counters as JSON in FILE")
-      ->check(checkPath)
+      ->check(fitsDaemonKey("stats"))
       ->type_name("FILE");
+  app.add_option("--drain-timeout", found.drainTimeout,
+                 "Seconds that open streams get to finish at the end")
+      ->check(CLI::Range(0L, kLongestTimeout))
+      ->type_name("SECONDS")
+      ->capture_default_str();
 }
 
-std::optional<std::string> givenText(const std::string& text) {
-  return text.empty() ? std::nullopt : std::make_optional(text);
-}
+/// Notes the values of options that were given, as a configuration file has them.
+class LayerMaker {
+ public:
+  explicit LayerMaker(const CLI::App& app) : app_(app) {}
 
-Options optionsOf(const Arguments& found) {
-  Options options;
-  for (const std::string& name : found.queues) options.queues.push_back(plainQueueName(name));
-  if (found.replace) options.queue.existing = Receiver::Existing::Replace;
-  if (!found.mode.empty()) {
-    options.queue.mode = static_cast<mode_t>(std::stoul(found.mode, nullptr, kOctal));
+  template <typename Type>
+  void add(const std::string& key, const Type& value) {
+    if (app_.count("--" + key) > 0) layer_[key] = {Value(value), {Origin::Kind::CommandLine}};
   }
-  options.queue.limits = found.limits;
-  options.output = givenText(found.output);
-  if (!found.command.empty()) options.engine = splitCommand(found.command);
-  options.engineTimeout = std::chrono::seconds(found.engineTimeout);
-  if (found.idleTimeout != 0) options.queue.idleTimeout = std::chrono::seconds(found.idleTimeout);
-  options.capture = givenText(found.capture);
-  options.statsFile = givenText(found.statsFile);
+
+  void add(const std::string& key, std::size_t value) {
+    add(key, static_cast<std::int64_t>(value));
+  }
+
+  Layer take() { return std::move(layer_); }
+
+ private:
+  const CLI::App& app_;
+  Layer layer_;
+};
+
+Layer queueLayer(const CLI::App& app, const Arguments& found) {
+  LayerMaker layer(app);
+  layer.add("output", found.output);
+  if (!found.command.empty()) layer.add("exec", splitCommand(found.command));
+  layer.add("discard", found.discard);
+  layer.add("exec-timeout", found.engineTimeout);
+  layer.add("idle-timeout", found.idleTimeout);
+  layer.add("max-messages", found.limits.messages);
+  layer.add("max-message-size", found.limits.messageSize);
+  layer.add("mode", found.mode);
+  layer.add("group", found.group);
+  layer.add("replace", found.replace);
+  layer.add("capture", found.capture);
+  return layer.take();
+}
+
+Layer daemonLayer(const CLI::App& app, const Arguments& found) {
+  LayerMaker layer(app);
+  layer.add("stats", found.statsFile);
+  layer.add("drain-timeout", found.drainTimeout);
+  return layer.take();
+}
+
+Options optionsOf(const CLI::App& app, const Arguments& found) {
+  Options options;
+  if (found.printsConfig) options.task = Options::Task::PrintConfig;
+  if (found.checksConfig) options.task = Options::Task::CheckConfig;
+  for (const std::string& name : found.queues) {
+    options.commandLine.queues.push_back(plainQueueName(name));
+  }
+  options.commandLine.queue = queueLayer(app, found);
+  options.commandLine.daemon = daemonLayer(app, found);
+  if (!found.configFile.empty()) options.commandLine.configFile = found.configFile;
   return options;
 }
 
-/// No two queues may mean the same object, and a response queue is one as well.
-void refuseClashes(const std::vector<std::string>& queues) {
-  std::vector<std::string> names;
-  for (const std::string& queue : queues) {
-    names.push_back(queue);
-    names.push_back(korvex::getMessageQueueResponseName(queue));
-  }
-  std::sort(names.begin(), names.end());
-  const auto twin = std::adjacent_find(names.begin(), names.end());
-  if (twin == names.end()) return;
-  throw CLI::ValidationError("--queue", "two of the queues would use the name '" + *twin + "'");
-}
-
-void refuseLongFileNames(const Options& options) {
-  if (!options.output && !options.capture && options.engine.empty()) return;
-  for (const std::string& queue : options.queues) {
-    const std::size_t length = fileNameOf(queue).size();
-    if (length <= kLongestFileName) continue;
-    throw CLI::ValidationError("--queue", "'" + queue + "' makes a file name of " +
-                                              std::to_string(length) + " characters, expected " +
-                                              "at most " + std::to_string(kLongestFileName));
-  }
+/// Without a configuration file the command line has to say everything.
+void refuseIncomplete(const CLI::App& app, const CommandLine& commandLine) {
+  if (commandLine.configFile) return;
+  if (app.count("--queue") == 0) throw CLI::RequiredError("--queue");
+  const auto sinks = app.count("--output") + app.count("--exec") + app.count("--discard");
+  if (sinks == 0) throw CLI::RequiredError("One of --output,--exec,--discard");
+  const Configuration configuration(commandLine, {});
+  if (configuration.mistakes().empty()) return;
+  throw CLI::ValidationError("--queue", configuration.mistakes().front().text);
 }
 
 }  // namespace
@@ -170,14 +219,14 @@ ParsedOptions parseOptions(int argc, const char* const* argv, std::ostream& out,
   CLI::App app("Receives streams from producers on this machine.", "korvexd");
   app.failure_message(complaint);
   Arguments found;
+  addConfigOptions(app, found);
   addQueueOptions(app, found);
   addDataOptions(app, found);
   app.set_version_flag("--version", "korvexd " KORVEX_VERSION);
   try {
     app.parse(argc, argv);
-    const Options options = optionsOf(found);
-    refuseClashes(options.queues);
-    refuseLongFileNames(options);
+    const Options options = optionsOf(app, found);
+    refuseIncomplete(app, options.commandLine);
     return {options, codeOf(ExitCode::Success)};
   } catch (const CLI::ParseError& error) {
     const bool isWrong = app.exit(error, out, err) != 0;

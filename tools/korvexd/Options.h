@@ -1,28 +1,19 @@
 #ifndef KORVEXD_OPTIONS_H
 #define KORVEXD_OPTIONS_H
 
-#include <chrono>
 #include <iosfwd>
 #include <optional>
-#include <string>
-#include <vector>
 
-#include <korvex/receiver/Receiver.h>
+#include "korvexd/config/Configuration.h"
 
 namespace korvexd {
 
-constexpr std::chrono::seconds kDefaultEngineTimeout{3600};
-
-/// What the daemon was asked to do; checked.
+/// What a command line asks for; all its values are right.
 struct Options {
-  std::vector<std::string> queues;             ///< without leading slash, no two that clash
-  korvex::receiver::Receiver::Settings queue;  ///< of each queue; its name is left empty
-  std::optional<std::string> output;
-  std::vector<std::string> engine;  ///< the words of its command; without it and an output folder
-                                    ///< the data is discarded
-  std::chrono::seconds engineTimeout = kDefaultEngineTimeout;
-  std::optional<std::string> capture;
-  std::optional<std::string> statsFile;
+  enum class Task { Serve, CheckConfig, PrintConfig };
+
+  Task task = Task::Serve;
+  CommandLine commandLine;
 };
 
 /// Options, or the code to exit with.

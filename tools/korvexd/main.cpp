@@ -5,8 +5,10 @@
 #include <exception>
 #include <iostream>
 #include <memory>
+#include <optional>
 
 #include "common/ExitCode.h"
+#include "common/Printable.h"
 #include "common/StandardDescriptors.h"
 #include "korvexd/Daemon.h"
 #include "korvexd/Options.h"
@@ -21,9 +23,9 @@ using korvex::common::ExitCode;
 /// How long the end waits for somebody to read the log.
 constexpr std::chrono::seconds kLogPatience{2};
 
-int serve(const korvexd::Options& options) {
+int serve(const korvexd::CommandLine& commandLine, const korvexd::Settings& settings) {
   try {
-    korvexd::Daemon(options).run();
+    korvexd::Daemon(commandLine, settings).run();
     return codeOf(ExitCode::Success);
   } catch (const std::exception& error) {
     spdlog::error("{}", error.what());
@@ -42,6 +44,33 @@ bool startLog() {
   }
 }
 
+/// Everything but the usual: the code to exit with, unless the daemon is to serve.
+std::optional<int> answer(korvexd::Options::Task task, const korvexd::Configuration& found) {
+  using Task = korvexd::Options::Task;
+  for (const korvexd::Mistake& mistake : found.mistakes()) {
+    std::cerr << found.textOf(mistake) << '\n';
+  }
+  if (!found.mistakes().empty()) return codeOf(ExitCode::WrongUsage);
+  if (task == Task::PrintConfig) found.print(std::cout);
+  if (task == Task::Serve) return std::nullopt;
+  return codeOf(std::cout.flush() ? ExitCode::Success : ExitCode::Failed);
+}
+
+int run(const korvexd::Options& options) {
+  std::optional<korvexd::Configuration> found;
+  try {
+    found.emplace(korvexd::readConfiguration(options.commandLine));
+  } catch (const std::exception& error) {
+    std::cerr << "korvexd: " << korvex::common::printable(error.what()) << '\n';
+    return codeOf(ExitCode::Failed);
+  }
+  if (const auto exitCode = answer(options.task, *found)) return *exitCode;
+  if (!startLog()) return codeOf(ExitCode::Failed);
+  const int exitCode = serve(options.commandLine, found->settings());
+  spdlog::shutdown();  // the last lines are written here
+  return exitCode;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -49,9 +78,5 @@ int main(int argc, char** argv) {
   if (isKeeper(argc, argv)) return runKeeper(argc, argv);
   korvex::common::occupyStandardDescriptors();
   const ParsedOptions parsed = parseOptions(argc, argv, std::cout, std::cerr);
-  if (!parsed.options) return parsed.exitCode;
-  if (!startLog()) return codeOf(ExitCode::Failed);
-  const int exitCode = serve(*parsed.options);
-  spdlog::shutdown();  // the last lines are written here
-  return exitCode;
+  return parsed.options ? run(*parsed.options) : parsed.exitCode;
 }

@@ -141,7 +141,7 @@ void IdleWatcher::lookAtAll(bool isOpened) noexcept {
 
 /// The checks are system calls, so they are spread over the rounds.
 bool IdleWatcher::hasNews(Sleeper& sleeper, Clock::time_point now) noexcept {
-  if (*sleeper.stop || !looksIdle(sleeper.queue)) return true;
+  if (*sleeper.stop || *sleeper.orders || !looksIdle(sleeper.queue)) return true;
   if (now < sleeper.nextCheck || checksLeft_ == 0) return false;
   --checksLeft_;
   sleeper.nextCheck = now + kCheckPeriod;
@@ -159,8 +159,8 @@ bool IdlePlace::await(const Idleness& idleness, Clock::time_point deadline) noex
   std::unique_lock<std::mutex> lock(mutex_);
   isAwake_ = false;
   lock.unlock();
-  watcher_.add({QueueView::Glance(idleness.queue), &idleness.stop, idleness.lastSign + kRecently,
-                idleness.nextCheck, this});
+  watcher_.add({QueueView::Glance(idleness.queue), &idleness.stop, &idleness.orders,
+                idleness.lastSign + kRecently, idleness.nextCheck, this});
   lock.lock();
   const bool isWoken = woken_.wait_until(lock, deadline, [this] { return isAwake_; });
   lock.unlock();

@@ -39,6 +39,7 @@ class IdleWatcher {
   struct Sleeper {
     QueueView::Glance queue;
     const std::atomic<bool>* stop;
+    const std::atomic<bool>* orders;
     Clock::time_point recentUntil;
     Clock::time_point nextCheck;
     IdlePlace* place;
@@ -74,8 +75,9 @@ class IdlePlace {
   struct Idleness {
     const QueueView& queue;
     const std::atomic<bool>& stop;
-    Clock::time_point lastSign;   ///< of a producer's life
-    Clock::time_point nextCheck;  ///< when to ask next whether the queues are lost
+    const std::atomic<bool>& orders;  ///< set when the receiver is to do something else
+    Clock::time_point lastSign;       ///< of a producer's life
+    Clock::time_point nextCheck;      ///< when to ask next whether the queues are lost
   };
 
   /// `mayBeLost` is called by the watch's thread, every two seconds while the receiver's sleeps.

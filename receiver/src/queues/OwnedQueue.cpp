@@ -1,5 +1,8 @@
 #include "queues/OwnedQueue.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <boost/interprocess/exceptions.hpp>
 #include <cerrno>
 #include <utility>
@@ -12,6 +15,8 @@
 namespace korvex::receiver {
 namespace {
 
+constexpr mode_t kOwnersOnly = 0600;
+
 /// The queue library's text names neither the queue nor the memory that it needs.
 [[noreturn]] void throwNotCreated(const std::string& name, Limits limits, int error) {
   throw SystemError("creating queue " + name + ", which needs " +
@@ -22,14 +27,29 @@ namespace {
 
 }  // namespace
 
-OwnedQueue::OwnedQueue(std::string name, Limits limits, mode_t mode)
+OwnedQueue::OwnedQueue(std::string name, Limits limits, const Access& access)
     : name_(std::move(name)), limits_(limits), presentName_(temporaryQueueName()) {
-  create(mode);
-  claim_ = QueueObject(presentName_);
-  if (!claim_.isOpen() || !claim_.claim()) {
-    const int error = errno;
+  create(access.group ? kOwnersOnly : access.mode);
+  try {
+    claim();
+    if (access.group) giveTo(*access.group, access.mode);
+  } catch (const SystemError&) {
     MessageQueue::remove(presentName_);
-    throw SystemError("claiming queue " + name_, error);
+    throw;
+  }
+}
+
+void OwnedQueue::claim() {
+  claim_ = QueueObject(presentName_);
+  if (!claim_.isOpen() || !claim_.claim()) throw SystemError("claiming queue " + name_, errno);
+}
+
+/// The mode comes last: until then it would hold for the process's own group.
+void OwnedQueue::giveTo(gid_t group, mode_t mode) {
+  constexpr auto kSameOwner = static_cast<uid_t>(-1);
+  if (::fchown(claim_.descriptor(), kSameOwner, group) != 0 ||
+      ::fchmod(claim_.descriptor(), mode) != 0) {
+    throw SystemError("giving queue " + name_ + " to group " + std::to_string(group), errno);
   }
 }
 

@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "korvex/receiver/Limits.h"
@@ -26,9 +27,15 @@ class OwnedQueue {
  public:
   using Outcome = MessageQueue::Outcome;
 
+  /// Who may use it.
+  struct Access {
+    mode_t mode;
+    std::optional<gid_t> group = {};  ///< none: the process's own
+  };
+
   /// Creates and claims the queue, still under a temporary name. Throws SystemError if the system
   /// refuses, above all for lack of memory; otherwise what MessageQueue throws.
-  OwnedQueue(std::string name, Limits limits, mode_t mode);
+  OwnedQueue(std::string name, Limits limits, const Access& access);
 
   /// Removes the name, unless it refers to another object by now.
   ~OwnedQueue();
@@ -62,6 +69,8 @@ class OwnedQueue {
 
  private:
   void create(mode_t mode);
+  void claim();
+  void giveTo(gid_t group, mode_t mode);
   bool isStillNamed() const noexcept;
   bool isWhole() const noexcept;
   template <typename Operation>

@@ -54,15 +54,22 @@ std::uint64_t sharedMemoryFor(const Limits& limits) noexcept {
   return batches == 0 ? 0 : batches + pagesFor(kReplyLimits);
 }
 
-QueuePair::QueuePair(const std::string& name, Limits limits, mode_t mode,
-                     Receiver::Existing existing)
-    : replies_(responseNameIfFree(name, existing), kReplyLimits, mode),
-      batches_(name, limits, mode) {
+QueuePair::QueuePair(const Receiver::Settings& settings, Receiver::Existing existing)
+    : replies_(responseNameIfFree(settings.queue, existing), kReplyLimits,
+               {settings.mode, settings.group}),
+      batches_(settings.queue, settings.limits, {settings.mode, settings.group}) {
   if (existing == Receiver::Existing::Replace) {
-    removeExisting(name, getMessageQueueResponseName(name));
+    removeExisting(settings.queue, getMessageQueueResponseName(settings.queue));
   }
   replies_.publish();
   batches_.publish();
+}
+
+bool QueuePair::isMadeAlike(const Receiver::Settings& one,
+                            const Receiver::Settings& other) noexcept {
+  return one.limits.messages == other.limits.messages &&
+         one.limits.messageSize == other.limits.messageSize && one.mode == other.mode &&
+         one.group == other.group;
 }
 
 }  // namespace korvex::receiver

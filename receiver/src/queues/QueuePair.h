@@ -19,7 +19,10 @@ class QueuePair {
  public:
   /// Throws std::exception: a name is taken or served by another daemon, there is no room. Nothing
   /// is left behind then.
-  QueuePair(const std::string& name, Limits limits, mode_t mode, Receiver::Existing existing);
+  QueuePair(const Receiver::Settings& settings, Receiver::Existing existing);
+
+  /// Whether a pair made with the one looks like a pair made with the other.
+  static bool isMadeAlike(const Receiver::Settings& one, const Receiver::Settings& other) noexcept;
 
   /// As OwnedQueue's, of either queue.
   std::string defect() {

@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "korvex/receiver/Counters.h"
 #include "korvex/receiver/Observer.h"
@@ -42,6 +43,9 @@ class StreamSession {
   StreamSession& operator=(const StreamSession&) = delete;
 
   bool isOpen() const noexcept { return state_ == State::Open; }
+
+  /// Where the data of later streams goes.
+  void openWith(SinkFactory openSink) { openSink_ = std::move(openSink); }
 
   /// Takes the next record.
   Answer take(const ShmBatch::Entry& record);
@@ -95,7 +99,7 @@ class StreamSession {
   StreamSummary summary() const;
 
   const std::string queue_;
-  const SinkFactory openSink_;
+  SinkFactory openSink_;
   Counters& counters_;
   Observer& observer_;
   const StillFinishing stillFinishing_;

@@ -27,7 +27,17 @@ class OptionsTest : public testing::Test {
     const auto parsed =
         korvexd::parseOptions(static_cast<int>(argv.size()), argv.data(), out_, err_);
     options_ = parsed.options;
+    if (options_) settings_ = korvexd::Configuration(options_->commandLine, {}).settings();
     return parsed.exitCode;
+  }
+
+  /// The first one.
+  const korvexd::QueueSettings& queue() const { return settings_.queues.front(); }
+
+  std::vector<std::string> names() const {
+    std::vector<std::string> names;
+    for (const auto& queue : settings_.queues) names.push_back(queue.receiver.queue);
+    return names;
   }
 
   void expectWrong(const std::string& line, const std::string& text) {
@@ -40,42 +50,43 @@ class OptionsTest : public testing::Test {
   std::ostringstream out_;
   std::ostringstream err_;
   std::optional<Options> options_;
+  korvexd::Settings settings_;
 };
 
 }  // namespace
 
 TEST_F(OptionsTest, DefaultsAreAPairForItsOwnerAlone) {
   ASSERT_EQ(parse("--queue a --discard"), 0);
-  EXPECT_THAT(options_->queues, ElementsAre("a"));
-  EXPECT_EQ(options_->queue.existing, Receiver::Existing::Refuse);
-  EXPECT_EQ(options_->queue.mode, 0600u);
-  EXPECT_EQ(options_->queue.limits.messages, 8u);
-  EXPECT_EQ(options_->queue.limits.messageSize, 270336u);
-  EXPECT_FALSE(options_->output || options_->capture || options_->statsFile);
+  EXPECT_THAT(names(), ElementsAre("a"));
+  EXPECT_EQ(queue().receiver.existing, Receiver::Existing::Refuse);
+  EXPECT_EQ(queue().receiver.mode, 0600u);
+  EXPECT_EQ(queue().receiver.limits.messages, 8u);
+  EXPECT_EQ(queue().receiver.limits.messageSize, 270336u);
+  EXPECT_FALSE(queue().output || queue().capture || settings_.daemon.statsFile);
 }
 
 TEST_F(OptionsTest, TakesEverything) {
   ASSERT_EQ(parse("--queue a --queue /b --replace --mode 0660 --max-messages 3 "
                   "--max-message-size 64K --output out --capture cap --stats file"),
             0);
-  EXPECT_THAT(options_->queues, ElementsAre("a", "b"));
-  EXPECT_EQ(options_->queue.existing, Receiver::Existing::Replace);
-  EXPECT_EQ(options_->queue.mode, 0660u);
-  EXPECT_EQ(options_->queue.limits.messages, 3u);
-  EXPECT_EQ(options_->queue.limits.messageSize, 65536u);
-  EXPECT_EQ(*options_->output, "out");
-  EXPECT_EQ(*options_->capture, "cap");
-  EXPECT_EQ(*options_->statsFile, "file");
+  EXPECT_THAT(names(), ElementsAre("a", "b"));
+  EXPECT_EQ(queue().receiver.existing, Receiver::Existing::Replace);
+  EXPECT_EQ(queue().receiver.mode, 0660u);
+  EXPECT_EQ(queue().receiver.limits.messages, 3u);
+  EXPECT_EQ(queue().receiver.limits.messageSize, 65536u);
+  EXPECT_EQ(*queue().output, "out");
+  EXPECT_EQ(*queue().capture, "cap");
+  EXPECT_EQ(*settings_.daemon.statsFile, "file");
 }
 
 TEST_F(OptionsTest, TakesAnEngineAsTheWordsOfItsCommand) {
   ASSERT_EQ(parseWords({"korvexd", "--queue", "a", "--exec", "restic --tag 'a b'"}), 0);
-  EXPECT_THAT(options_->engine, ElementsAre("restic", "--tag", "a b"));
-  EXPECT_EQ(options_->engineTimeout.count(), 3600);
-  EXPECT_FALSE(options_->queue.idleTimeout || options_->output);
+  EXPECT_THAT(queue().engine, ElementsAre("restic", "--tag", "a b"));
+  EXPECT_EQ(queue().engineTimeout.count(), 3600);
+  EXPECT_FALSE(queue().receiver.idleTimeout || queue().output);
   ASSERT_EQ(parse("--queue a --exec x --exec-timeout 5 --idle-timeout 6"), 0);
-  EXPECT_EQ(options_->engineTimeout.count(), 5);
-  EXPECT_EQ(options_->queue.idleTimeout->count(), 6);
+  EXPECT_EQ(queue().engineTimeout.count(), 5);
+  EXPECT_EQ(queue().receiver.idleTimeout->count(), 6);
 }
 
 TEST_F(OptionsTest, RefusesACommandThatIsNone) {
@@ -93,15 +104,15 @@ TEST_F(OptionsTest, RefusesTimesOutsideTheirRange) {
 
 TEST_F(OptionsTest, SizesMayCarryAUnit) {
   ASSERT_EQ(parse("--queue a --discard --max-message-size 2M"), 0);
-  EXPECT_EQ(options_->queue.limits.messageSize, 2097152u);
+  EXPECT_EQ(queue().receiver.limits.messageSize, 2097152u);
   ASSERT_EQ(parse("--queue a --discard --max-message-size 100"), 0);
-  EXPECT_EQ(options_->queue.limits.messageSize, 100u);
+  EXPECT_EQ(queue().receiver.limits.messageSize, 100u);
 }
 
 TEST_F(OptionsTest, NumbersAreDecimal) {
   ASSERT_EQ(parse("--queue a --discard --max-message-size 0100 --max-messages 010"), 0);
-  EXPECT_EQ(options_->queue.limits.messageSize, 100u);
-  EXPECT_EQ(options_->queue.limits.messages, 10u);
+  EXPECT_EQ(queue().receiver.limits.messageSize, 100u);
+  EXPECT_EQ(queue().receiver.limits.messages, 10u);
   for (const char* size : {"1.5M", "0x100", "1KX", "M", "64k ", "+64", "99999999999999999999"}) {
     EXPECT_EQ(parseWords({"korvexd", "--queue", "a", "--discard", "--max-message-size", size}), 2);
     EXPECT_THAT(err_.str(), HasSubstr("found '" + std::string(size) + "', expected"));

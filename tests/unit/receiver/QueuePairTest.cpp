@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "korvex/receiver/SystemError.h"
+#include "support/Child.h"
 #include "support/Queues.h"
 #include "support/TemporaryFolder.h"
 
@@ -22,12 +23,13 @@ namespace {
 constexpr Limits kLimits{4, 300};
 constexpr MessageQueue::Limits kQueueLimits{4, 300};
 constexpr mode_t kMode = 0600;
+constexpr gid_t kForeignGroup = 12345;
 
 class QueuePairTest : public testing::Test {
  protected:
   std::unique_ptr<QueuePair> make(Receiver::Existing existing = Receiver::Existing::Refuse,
                                   Limits limits = kLimits, mode_t mode = kMode) {
-    return std::make_unique<QueuePair>(name_, limits, mode, existing);
+    return std::make_unique<QueuePair>(Receiver::Settings{name_, limits, mode}, existing);
   }
 
   std::string refusal(Receiver::Existing existing) {
@@ -102,6 +104,33 @@ TEST_F(QueuePairTest, GivesThePermissionsAskedForWhateverTheUmask) {
   ::umask(before);
   EXPECT_EQ(modeOf(name_), 0660u);
   EXPECT_EQ(modeOf(replies_), 0660u);
+}
+
+TEST_F(QueuePairTest, GivesItsQueuesToTheGroup) {
+  const gid_t group = korvex::test::isRoot() ? kForeignGroup : ::getegid();
+  const QueuePair pair({name_, kLimits, 0660, Receiver::Existing::Refuse, {}, group},
+                       Receiver::Existing::Refuse);
+  for (const std::string& name : {name_, replies_}) {
+    struct stat found = {};
+    ASSERT_EQ(::stat(("/dev/shm/" + name).c_str(), &found), 0);
+    EXPECT_EQ(found.st_gid, group);
+    EXPECT_EQ(found.st_mode & 0777, 0660u);
+  }
+}
+
+TEST_F(QueuePairTest, LeavesNothingWhenTheGroupIsNotItsOwn) {
+  const std::string result = korvex::test::resultOfChild([this]() -> std::string {
+    korvex::test::dropPrivileges();
+    try {
+      const QueuePair pair({name_, kLimits, 0660, Receiver::Existing::Refuse, {}, kForeignGroup},
+                           Receiver::Existing::Refuse);
+    } catch (const std::exception& error) {
+      return temporaryNamesAreLeft() ? "something left" : error.what();
+    }
+    return "made";
+  });
+  EXPECT_EQ(result,
+            "giving queue " + replies_ + " to group 12345: error 1 (Operation not permitted)");
 }
 
 TEST_F(QueuePairTest, RefusesAnExistingQueueAndLeavesItAlone) {

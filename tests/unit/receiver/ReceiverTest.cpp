@@ -9,10 +9,13 @@
 #include <vector>
 
 #include "korvex/ShmWriter.h"
+#include "korvex/receiver/QueueStatus.h"
 #include "support/Queues.h"
 
 using korvex::ShmWriter;
+using korvex::receiver::Limits;
 using korvex::receiver::Observer;
+using korvex::receiver::QueueStatus;
 using korvex::receiver::Receiver;
 using korvex::receiver::Sink;
 using korvex::receiver::StillFinishing;
@@ -95,4 +98,160 @@ TEST(Receiver, AsksASinkAFewTimesASecondOnly) {
   const auto start = std::chrono::steady_clock::now();
   receiver.run(stop);
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
+}
+
+namespace {
+
+constexpr Limits kLimits{4, 4096};
+constexpr Limits kOtherLimits{2, 8192};
+constexpr Limits kImpossibleLimits{Limits::kMostMessages, 16 * 1024 * 1024};
+
+/// Remembers how a sink's stream ended.
+class NotingSink : public Sink {
+ public:
+  NotingSink(std::string name, std::vector<std::string>& ends)
+      : name_(std::move(name)), ends_(ends) {}
+
+  void write(const unsigned char*, std::size_t) override {}
+  void complete(const StreamSummary&, const StillFinishing&) override {
+    ends_.push_back(name_ + " complete");
+  }
+  void abandon(const StreamSummary&, const std::string& reason) override {
+    ends_.push_back(name_ + " " + reason);
+  }
+
+ private:
+  const std::string name_;
+  std::vector<std::string>& ends_;
+};
+
+class NotingObserver : public Observer {
+ public:
+  void streamIncomplete(const StreamSummary&, const std::string& reason,
+                        const std::string&) noexcept override {
+    incomplete.push_back(reason);
+  }
+  void settingsChanged() noexcept override { changes.push_back("changed"); }
+  void settingsNotChanged(const std::string&) noexcept override {
+    changes.push_back("not changed");
+  }
+
+  std::vector<std::string> incomplete;
+  std::vector<std::string> changes;
+};
+
+/// A receiver that is stepped, and gets orders meanwhile.
+class ReceiverOrders : public testing::Test {
+ protected:
+  korvex::receiver::SinkFactory sinks(const std::string& name) {
+    return [this, name](const std::string&, std::time_t) {
+      return std::make_unique<NotingSink>(name, ends_);
+    };
+  }
+
+  std::unique_ptr<ShmWriter> opened() const {
+    auto writer = std::make_unique<ShmWriter>("test", name_, 1, 1, false);
+    writer->open();
+    return writer;
+  }
+
+  /// Takes what waits, and has a moment of rest.
+  void takeAll() {
+    while (receiver_.step()) {
+    }
+  }
+
+  std::size_t messageSizeNow() const { return QueueStatus(name_).limits().messageSize; }
+
+  const std::string name_ = korvex::test::uniqueQueueName();
+  const korvex::test::QueueRemover remover_{name_};
+  std::vector<std::string> ends_;
+  NotingObserver observer_;
+  Receiver receiver_{{name_, kLimits}, sinks("first"), observer_};
+};
+
+}  // namespace
+
+TEST_F(ReceiverOrders, HasRetiredAtOnceWithoutAStream) {
+  takeAll();
+  EXPECT_FALSE(receiver_.hasRetired());
+  receiver_.retire();
+  takeAll();
+  EXPECT_TRUE(receiver_.hasRetired());
+}
+
+TEST_F(ReceiverOrders, TakesTheStreamsThatWaitWhenItRetires) {
+  opened()->close();
+  opened()->close();
+  receiver_.retire();
+  takeAll();
+  EXPECT_THAT(ends_, ElementsAre("first complete", "first complete"));
+}
+
+TEST_F(ReceiverOrders, FinishesItsStreamBeforeItHasRetired) {
+  const auto writer = opened();
+  takeAll();
+  receiver_.retire();
+  takeAll();
+  EXPECT_FALSE(receiver_.hasRetired());
+  writer->close();
+  takeAll();
+  EXPECT_TRUE(receiver_.hasRetired());
+  EXPECT_THAT(ends_, ElementsAre("first complete"));
+}
+
+TEST_F(ReceiverOrders, RefusesStreamsThatOpenAfterItRetired) {
+  receiver_.retire();
+  takeAll();
+  const auto late = opened();
+  takeAll();
+  EXPECT_THAT(observer_.incomplete, ElementsAre("the daemon takes no new streams from this queue"));
+  EXPECT_TRUE(receiver_.hasRetired());
+}
+
+TEST_F(ReceiverOrders, ChangesItsQueuesBetweenStreams) {
+  const auto writer = opened();
+  takeAll();
+  receiver_.change({"", kOtherLimits}, sinks("second"));
+  takeAll();
+  EXPECT_EQ(messageSizeNow(), kLimits.messageSize);
+  writer->close();
+  takeAll();
+  takeAll();
+  EXPECT_EQ(messageSizeNow(), kOtherLimits.messageSize);
+  EXPECT_THAT(observer_.changes, ElementsAre("changed"));
+  opened()->close();
+  takeAll();
+  EXPECT_THAT(ends_, ElementsAre("first complete", "second complete"));
+}
+
+TEST_F(ReceiverOrders, ChangesNoQueueInWhichAStreamWaits) {
+  const auto writer = opened();
+  receiver_.change({"", kOtherLimits}, sinks("second"));
+  takeAll();
+  EXPECT_EQ(messageSizeNow(), kLimits.messageSize);
+  writer->close();
+  takeAll();
+  EXPECT_THAT(ends_, ElementsAre("first complete"));
+}
+
+TEST_F(ReceiverOrders, KeepsItsQueuesWhenOnlyTheSinkChanges) {
+  const QueueStatus before(name_);
+  receiver_.change({"", kLimits}, sinks("second"));
+  opened()->close();
+  takeAll();
+  EXPECT_TRUE(before.isStillNamed());
+  EXPECT_THAT(ends_, ElementsAre("second complete"));
+  EXPECT_THAT(observer_.changes, ElementsAre());
+}
+
+TEST_F(ReceiverOrders, GoesBackToTheOldSettingsWhenTheNewOnesFail) {
+  receiver_.change({"", kImpossibleLimits}, sinks("second"));
+  takeAll();
+  takeAll();
+  EXPECT_THAT(observer_.changes, ElementsAre("not changed"));
+  EXPECT_EQ(messageSizeNow(), kLimits.messageSize);
+  opened()->close();
+  takeAll();
+  EXPECT_EQ(ends_.size(), 1u);
 }

@@ -37,7 +37,7 @@ class ReplySenderTest : public testing::Test {
 
   std::string name_ = korvex::test::uniqueQueueName();
   korvex::test::QueueRemover remover_{name_};
-  QueuePair pair_{name_, {1, 100}, 0600, Receiver::Existing::Refuse};
+  QueuePair pair_{{name_, {1, 100}, 0600}, Receiver::Existing::Refuse};
   MessageQueue producer_{name_ + "Response", MessageQueue::Clock::now()};
   korvex::receiver::Counters stats_;
   ReplySender sender_{pair_.replies(), stats_};

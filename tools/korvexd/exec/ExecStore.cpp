@@ -25,27 +25,26 @@ std::uint64_t nanosecondsNow() {
 
 }  // namespace
 
-ExecStore::ExecStore(Settings settings) : settings_(std::move(settings)) {
-  findProgram(settings_.command.front());
-}
+ExecStore::ExecStore(std::function<bool()> isEnding) : isEnding_(std::move(isEnding)) {}
 
-/// Looked for each time, for programs come and go.
-std::unique_ptr<receiver::Sink> ExecStore::open(const std::string& queue, std::time_t opened) {
+/// Its program is looked for each time, for programs come and go.
+std::unique_ptr<receiver::Sink> ExecStore::open(const Command& command, const std::string& queue,
+                                                std::time_t opened) {
   tidyUp();
   const std::string name = nameFor(queue, opened);
-  const Engine::Command command = {
-      findProgram(settings_.command.front()),
-      settings_.command,
+  const Engine::Command engineCommand = {
+      findProgram(command.words.front()),
+      command.words,
       {"KORVEX_QUEUE=" + queue,
        fmt::format("KORVEX_OPENED={:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(opened)),
        "KORVEX_STREAM=" + name},
-      settings_.timeout};
-  auto engine = std::make_unique<Engine>(keepers_, command, [name](const std::string& line) {
+      command.timeout};
+  auto engine = std::make_unique<Engine>(keepers_, engineCommand, [name](const std::string& line) {
     spdlog::info("{}: engine: {}", name, line);
   });
   auto sink = std::make_unique<ExecSink>(
       *this, std::move(engine),
-      ExecSink::Settings{name, settings_.command.front(), settings_.timeout, settings_.isEnding});
+      ExecSink::Settings{name, command.words.front(), command.timeout, isEnding_});
   sink->awaitStart();
   return sink;
 }

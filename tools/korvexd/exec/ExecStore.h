@@ -22,17 +22,17 @@ namespace receiver = korvex::receiver;
 /// outlives its sinks. Any thread may use it.
 class ExecStore {
  public:
-  struct Settings {
-    std::vector<std::string> command;  ///< not empty
-    std::chrono::seconds timeout;      ///< for an engine that takes nothing or does not finish
-    std::function<bool()> isEnding;    ///< whether the process is to end soon
+  struct Command {
+    std::vector<std::string> words;  ///< not empty
+    std::chrono::seconds timeout;    ///< for an engine that takes nothing or does not finish
   };
 
-  /// Throws SystemError, if the program cannot be found for example.
-  explicit ExecStore(Settings settings);
+  /// `isEnding` tells whether the process is to end soon. Throws SystemError.
+  explicit ExecStore(std::function<bool()> isEnding);
 
   /// Starts an engine. Throws SystemError when it does not run.
-  std::unique_ptr<receiver::Sink> open(const std::string& queue, std::time_t opened);
+  std::unique_ptr<receiver::Sink> open(const Command& command, const std::string& queue,
+                                       std::time_t opened);
 
   /// Takes over an engine that was ordered to die and has not yet. When it throws, the caller still
   /// has it.
@@ -44,7 +44,7 @@ class ExecStore {
  private:
   std::string nameFor(const std::string& queue, std::time_t opened);
 
-  const Settings settings_;
+  const std::function<bool()> isEnding_;
   Keepers keepers_;
   std::mutex mutex_;
   std::uint64_t lastNumber_ = 0;

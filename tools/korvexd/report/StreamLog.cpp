@@ -2,6 +2,7 @@
 
 #include <spdlog/spdlog.h>
 
+#include <algorithm>
 #include <utility>
 
 namespace korvexd {
@@ -10,22 +11,28 @@ using korvex::receiver::StreamSummary;
 
 StreamLog::StreamLog(std::string queue, const std::optional<std::string>& captureFolder)
     : queue_(std::move(queue)), log_(queue_) {
-  if (!captureFolder) return;
-  capture_.emplace(*captureFolder, queue_);
-  firstNumber_ = capture_->lastNumber();
+  if (captureFolder) captureWith(Capture(*captureFolder, queue_));
+}
+
+/// Numbers never go back: the log names batches by them.
+void StreamLog::captureWith(std::optional<Capture> capture) noexcept {
+  const std::lock_guard<std::mutex> lock(captureMutex_);
+  capture_ = std::move(capture);
+  if (capture_) firstNumber_ = std::max(firstNumber_.load(), capture_->lastNumber());
 }
 
 StreamLog::~StreamLog() { log_.finish(); }
 
 void StreamLog::messageReceived(std::uint64_t number, const unsigned char* untrusted,
                                 std::size_t size) noexcept {
+  const std::lock_guard<std::mutex> lock(captureMutex_);
   if (!capture_) return;
   try {
     capture_->store(firstNumber_ + number, untrusted, size);
   } catch (const std::exception& error) {
     // Reported once; a full disk would otherwise fill the log as well.
     if (captureFailures_++ > 0) return;
-    spdlog::warn("{}: batch {}: {}", queue_, firstNumber_ + number, error.what());
+    spdlog::warn("{}: batch {}: {}", queue_, firstNumber_.load() + number, error.what());
   }
 }
 
@@ -66,6 +73,16 @@ void StreamLog::queuesNotReplaced(const std::string& reason) noexcept {
 
 void StreamLog::queuesReplaced() noexcept {
   write(QueueLog::Kind::QueuePair, spdlog::level::info, "served again");
+}
+
+void StreamLog::settingsChanged() noexcept {
+  write(QueueLog::Kind::QueuePair, spdlog::level::info, "served with the changed settings");
+}
+
+void StreamLog::settingsNotChanged(const std::string& reason) noexcept {
+  changeRefused_ = true;
+  write(QueueLog::Kind::QueuePair, spdlog::level::err,
+        "cannot be served with the changed settings, the old ones hold again: {}", reason);
 }
 
 void StreamLog::messagesLeft(std::size_t count) noexcept {

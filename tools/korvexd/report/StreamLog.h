@@ -22,6 +22,15 @@ class StreamLog : public korvex::receiver::Observer {
 
   ~StreamLog() override;
 
+  /// Captures this way from now on, or not at all. Any thread may call it.
+  void captureWith(std::optional<Capture> capture) noexcept;
+
+  /// Other settings are asked for. Any thread may call it.
+  void expectChange() noexcept { changeRefused_ = false; }
+
+  /// Whether the settings that were asked for last could not be had. Any thread may call it.
+  bool wasChangeRefused() const noexcept { return changeRefused_; }
+
   /// Logs what was left out in periods that are over. Any thread may call it, now and then.
   void update();
 
@@ -40,6 +49,8 @@ class StreamLog : public korvex::receiver::Observer {
   void queuesLost(const std::string& reason) noexcept override;
   void queuesNotReplaced(const std::string& reason) noexcept override;
   void queuesReplaced() noexcept override;
+  void settingsChanged() noexcept override;
+  void settingsNotChanged(const std::string& reason) noexcept override;
   void messagesLeft(std::size_t count) noexcept override;
 
  private:
@@ -50,8 +61,10 @@ class StreamLog : public korvex::receiver::Observer {
   const std::string queue_;
   std::mutex mutex_;
   QueueLog log_;  ///< guarded by the mutex
-  std::optional<Capture> capture_;
-  std::uint64_t firstNumber_ = 0;  ///< messages that earlier daemons captured
+  std::mutex captureMutex_;
+  std::optional<Capture> capture_;             ///< guarded by that mutex
+  std::atomic<std::uint64_t> firstNumber_{0};  ///< messages that earlier daemons captured
+  std::atomic<bool> changeRefused_{false};
   std::atomic<std::uint64_t> captureFailures_{0};
 };
 

@@ -56,6 +56,12 @@ class KORVEX_RECEIVER_EXPORT Observer {
 
   virtual void queuesReplaced() noexcept;
 
+  /// The queues were made again with the settings that Receiver::change() asked for.
+  virtual void settingsChanged() noexcept;
+
+  /// They could not be, and are made again with the old ones.
+  virtual void settingsNotChanged(const std::string& reason) noexcept;
+
   /// The receiver ended while this many messages were waiting.
   virtual void messagesLeft(std::size_t count) noexcept;
 };

@@ -44,7 +44,8 @@ class KORVEX_RECEIVER_EXPORT Receiver {
     mode_t mode = 0600;            ///< of both queues, whatever the umask
     Existing existing = Existing::Refuse;
     std::optional<std::chrono::seconds> idleTimeout = {};  ///< fails a silent stream; none: never
-    IdleWatch* idleWatch = nullptr;  ///< polls the idle queue for run(); outlives the receiver
+    IdleWatch* idleWatch = nullptr;   ///< polls the idle queue for run(); outlives the receiver
+    std::optional<gid_t> group = {};  ///< of both queues; none: the process's own
   };
 
   /// Makes the queues; they get their names once both are complete. The observer must outlive the
@@ -60,6 +61,18 @@ class KORVEX_RECEIVER_EXPORT Receiver {
   /// Serves until `stop` is set, takes what was waiting at that moment, and ends an open stream as
   /// incomplete.
   void run(const std::atomic<bool>& stop) noexcept;
+
+  /// From the next stream on, serves with these settings, but for the queue's name and `existing`.
+  /// Any thread may call it. Other limits, another mode or group need other queues: the present
+  /// pair is replaced when no stream is open and nothing waits. When that fails, the old settings
+  /// hold again; the observer hears of either.
+  void change(const Settings& settings, SinkFactory openSink);
+
+  /// From now on streams that open fail, but those that wait already. Any thread may call it.
+  void retire() noexcept;
+
+  /// Whether it was asked to retire, and no stream is open any more. Any thread may ask.
+  bool hasRetired() const noexcept;
 
   /// Takes one message if there is one, for callers with a loop of their own. Otherwise pauses
   /// briefly and returns false.

@@ -1,0 +1,385 @@
+// A daemon with a configuration file: what it serves, and what becomes of it while it runs.
+
+#include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <regex>
+
+#include "integration/DaemonFixture.h"
+#include "support/Child.h"
+
+using korvex::test::namesIn;
+using korvex::test::queueExists;
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+using testing::StartsWith;
+
+namespace {
+
+const char kReceiptOfAbc[] = "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950";
+
+class DaemonConfig : public DaemonFixture {
+ protected:
+  /// Writes the file: a table for the first queue, with these lines, then the rest.
+  void configure(const std::string& lines, const std::string& rest = "") const {
+    std::ofstream(config_) << "[queue." << queue_ << "]\n" << lines << "\n" << rest;
+  }
+
+  std::string toOutput() const { return "output = '" + output_ + "'\n"; }
+  std::string tableOfOther(const std::string& lines) const {
+    return "[queue." + other_ + "]\n" + lines + "\n";
+  }
+
+  std::unique_ptr<Process> startConfigured(std::vector<std::string> more = {}) const {
+    more.insert(more.begin(), {KORVEXD_PROGRAM, "--config", config_});
+    auto daemon = std::make_unique<Process>(more);
+    EXPECT_TRUE(awaitServing(*daemon)) << daemon->errors();
+    return daemon;
+  }
+
+  /// Has it read the file again, and waits until it has.
+  static void reload(Process& daemon, const std::string& line = "configuration read again") {
+    daemon.signal(SIGHUP);
+    EXPECT_TRUE(awaitLog(daemon, line)) << daemon.errors();
+  }
+
+  std::string answerOf(const std::vector<std::string>& options, int code) const {
+    std::vector<std::string> command = {KORVEXD_PROGRAM};
+    command.insert(command.end(), options.begin(), options.end());
+    Process program(command);
+    EXPECT_EQ(program.wait(), code) << program.errors();
+    return program.output() + program.errors();
+  }
+
+  /// An open stream with data, that the daemon has seen.
+  std::unique_ptr<korvex::ShmWriter> openStream() const {
+    auto to = writer();
+    to->open();
+    write(*to, "abc");
+    to->flush_shm_buffer(kTimeout);
+    EXPECT_TRUE(korvex::test::eventually([this] { return streams(true).size() == 1; }));
+    return to;
+  }
+
+  static ino_t objectOf(const std::string& queue) {
+    struct stat found = {};
+    return ::stat(("/dev/shm/" + queue).c_str(), &found) == 0 ? found.st_ino : 0;
+  }
+
+  bool awaitOtherObject(ino_t before) const {
+    return korvex::test::eventually(
+        [&] { return objectOf(queue_) != 0 && objectOf(queue_) != before; });
+  }
+
+  const std::string config_ = folder_ / "korvexd.toml";
+  const std::string other_ = korvex::test::uniqueQueueName();
+  const korvex::test::QueueRemover otherRemover_{other_};
+};
+
+}  // namespace
+
+TEST_F(DaemonConfig, GivesEachQueueItsOwnSink) {
+  configure(toOutput(), tableOfOther("exec = ['sh', '-c', 'cat > " + (folder_ / "taken") + "']"));
+  const auto daemon = startConfigured();
+  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  EXPECT_EQ(stream(other_, "abc"), kReceiptOfAbc);
+  end(*daemon);
+  EXPECT_EQ(dataOf(streams(false).at(0)), "abc");
+  EXPECT_EQ(korvex::test::contentsOf(folder_ / "taken"), "abc");
+}
+
+TEST_F(DaemonConfig, ReportsEveryMistakeAndServesNothing) {
+  configure("outptu = 'x'\nmode = 660", "[defaults]\nmax-messages = 0\n");
+  const auto isComplete =
+      AllOf(HasSubstr(config_ + ":1:8: queue " + queue_ + ": found no output"),
+            HasSubstr(config_ + ":2:1: unknown key 'outptu', expected one of output, "),
+            HasSubstr(config_ + ":3:8: mode: found 660, expected an octal number in quotes"),
+            HasSubstr(config_ + ":5:16: max-messages: found 0, expected a whole number from 1 to"));
+  EXPECT_THAT(answerOf({"--config", config_, "--check-config"}, 2), isComplete);
+  EXPECT_THAT(answerOf({"--config", config_}, 2), isComplete);
+  EXPECT_FALSE(queueExists(queue_));
+}
+
+TEST_F(DaemonConfig, ChecksASoundFileInSilence) {
+  configure(toOutput());
+  EXPECT_EQ(answerOf({"--config", config_, "--check-config"}, 0), "");
+  EXPECT_THAT(answerOf({"--config", config_ + "x", "--check-config"}, 1),
+              HasSubstr("reading configuration " + config_ + "x: error 2"));
+}
+
+TEST_F(DaemonConfig, FindsNoMistakeInTheExample) {
+  EXPECT_EQ(answerOf({"--config", KORVEX_PACKAGING "/korvexd.toml", "--check-config"}, 0), "");
+}
+
+TEST_F(DaemonConfig, PrintsWhatCanBeFedBack) {
+  configure(toOutput() + "mode = '0660'", "[defaults]\nmax-message-size = '64K'\n");
+  const std::string printed =
+      answerOf({"--config", config_, "--max-messages", "3", "--print-config"}, 0);
+  EXPECT_THAT(printed, AllOf(HasSubstr("\nmode = \"0660\"  # " + config_ + ":3\n"),
+                             HasSubstr("\nmax-message-size = \"64K\"  # " + config_ + ":5\n"),
+                             HasSubstr("\nmax-messages = 3  # command line\n"),
+                             HasSubstr("\nexec-timeout = 3600  # default\n")));
+  std::ofstream(config_) << printed;
+  const std::string again = answerOf({"--config", config_, "--print-config"}, 0);
+  const std::regex comment("  # .*");
+  EXPECT_EQ(std::regex_replace(again, comment, ""), std::regex_replace(printed, comment, ""));
+}
+
+TEST_F(DaemonConfig, ServesNewQueuesAndLeavesOthersAlone) {
+  configure(toOutput());
+  const auto daemon = startConfigured();
+  const auto before = objectOf(queue_);
+  const auto to = openStream();
+  configure(toOutput(), tableOfOther("discard = true"));
+  reload(*daemon, "serving " + other_);
+  EXPECT_EQ(stream(other_, "abc"), kReceiptOfAbc);
+  to->close();
+  EXPECT_STREQ(awaitReply(*to).message, kReceiptOfAbc);
+  EXPECT_EQ(objectOf(queue_), before);
+  end(*daemon);
+}
+
+TEST_F(DaemonConfig, LetsARemovedQueueFinishItsStream) {
+  configure(toOutput(), tableOfOther("discard = true"));
+  const auto daemon = startConfigured();
+  const auto to = openStream();
+  std::ofstream(config_) << tableOfOther("discard = true");
+  reload(*daemon);
+  EXPECT_TRUE(queueExists(queue_));
+  to->close();
+  EXPECT_TRUE(awaitLog(*daemon, queue_ + ": no longer served")) << daemon->errors();
+  EXPECT_THAT(streams(false), SizeIs(1));
+  EXPECT_TRUE(korvex::test::eventually([this] { return !queueExists(queue_); }));
+  EXPECT_EQ(stream(other_, "abc"), kReceiptOfAbc);
+  end(*daemon);
+}
+
+TEST_F(DaemonConfig, ServesAQueueAgainThatWasRemovedMeanwhile) {
+  configure(toOutput(), tableOfOther("discard = true"));
+  const auto daemon = startConfigured();
+  const auto to = openStream();
+  std::ofstream(config_) << tableOfOther("discard = true");
+  reload(*daemon);
+  configure(toOutput(), tableOfOther("discard = true"));
+  reload(*daemon);
+  to->close();
+  EXPECT_TRUE(awaitLog(*daemon, "serving " + queue_ + ",", 2)) << daemon->errors();
+  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  end(*daemon);
+}
+
+TEST_F(DaemonConfig, ChangesLimitsWithTheNextStream) {
+  configure(toOutput());
+  const auto daemon = startConfigured();
+  const auto before = objectOf(queue_);
+  const auto to = openStream();
+  configure(toOutput() + "max-message-size = 4096\nmode = '0666'");
+  reload(*daemon);
+  write(*to, "def");
+  to->close();
+  EXPECT_THAT(awaitReply(*to).message, StartsWith("stored bytes=6 "));
+  EXPECT_TRUE(awaitOtherObject(before));
+  EXPECT_TRUE(awaitLog(*daemon, queue_ + ": served with the changed settings"));
+  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  end(*daemon);
+  EXPECT_THAT(streams(true), IsEmpty());
+}
+
+TEST_F(DaemonConfig, ChangesASinkWithoutNewQueues) {
+  configure(toOutput());
+  const auto daemon = startConfigured();
+  const auto before = objectOf(queue_);
+  configure("discard = true");
+  reload(*daemon);
+  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  EXPECT_THAT(namesIn(output_), IsEmpty());
+  EXPECT_EQ(objectOf(queue_), before);
+  end(*daemon);
+}
+
+TEST_F(DaemonConfig, SwitchesTheCaptureOnAndOff) {
+  const std::string capture = folder_.makeFolder("capture");
+  configure("discard = true");
+  const auto daemon = startConfigured();
+  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  configure("discard = true\ncapture = '" + capture + "'");
+  reload(*daemon);
+  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  const auto captured = namesIn(capture);
+  EXPECT_THAT(captured, testing::Not(IsEmpty()));
+  configure("discard = true");
+  daemon->signal(SIGHUP);
+  EXPECT_TRUE(awaitLog(*daemon, "configuration read again", 2));
+  const auto atTheEnd = namesIn(capture);
+  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  end(*daemon);
+  EXPECT_EQ(namesIn(capture), atTheEnd);
+}
+
+TEST_F(DaemonConfig, ChangesNothingForAFileWithMistakes) {
+  configure(toOutput());
+  const auto daemon = startConfigured();
+  configure("discard = true\nmode = 1", tableOfOther("discard = true"));
+  reload(*daemon, "nothing of the configuration is changed: it holds mistakes");
+  EXPECT_THAT(daemon->errors(), HasSubstr(config_ + ":3:8: mode: found 1, expected"));
+  configure("output = '/nonexistent'", tableOfOther("discard = true"));
+  reload(*daemon, "nothing of the configuration is changed: opening output folder /nonexistent");
+  EXPECT_FALSE(queueExists(other_));
+  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  end(*daemon);
+  EXPECT_THAT(streams(false), SizeIs(1));
+}
+
+TEST_F(DaemonConfig, WaitsForAQueueThatCannotBeMadeYet) {
+  configure(toOutput());
+  const auto daemon = startConfigured();
+  const std::string obstacle = "/dev/shm/" + other_;
+  std::ofstream(obstacle) << "in the way";
+  configure(toOutput(), tableOfOther("discard = true"));
+  reload(*daemon, other_ + ": not served yet: queue " + other_ + " exists already");
+  ASSERT_EQ(::unlink(obstacle.c_str()), 0);
+  EXPECT_TRUE(awaitLog(*daemon, "serving " + other_ + ","));
+  end(*daemon);
+}
+
+TEST_F(DaemonConfig, KeepsTheOldLimitsWhenMemoryIsShort) {
+  configure(toOutput());
+  const auto daemon = startConfigured();
+  configure(toOutput() + "max-messages = 65536\nmax-message-size = '16M'");
+  reload(*daemon, queue_ + ": cannot be served with the changed settings, the old ones hold again");
+  EXPECT_TRUE(awaitLog(*daemon, queue_ + ": served again"));
+  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  end(*daemon);
+}
+
+TEST_F(DaemonConfig, WritesStatisticsOfTheQueuesThatItServesNow) {
+  configure("discard = true");
+  const auto daemon = startConfigured();
+  const std::string stats = folder_ / "stats.json";
+  const std::string daemonTable = "[daemon]\nstats = '" + stats + "'\n";
+  configure("discard = true", tableOfOther("discard = true") + daemonTable);
+  reload(*daemon);
+  EXPECT_EQ(stream(other_, "abc"), kReceiptOfAbc);
+  const auto holds = [&](const std::string& queue) {
+    return korvex::test::contentsOf(stats).find("\"" + queue + "\"") != std::string::npos;
+  };
+  EXPECT_TRUE(korvex::test::eventually([&] { return holds(queue_) && holds(other_); }));
+  configure("discard = true", daemonTable);
+  daemon->signal(SIGHUP);
+  EXPECT_TRUE(korvex::test::eventually([&] { return holds(queue_) && !holds(other_); }));
+  end(*daemon);
+}
+
+TEST_F(DaemonConfig, EndsBySighupWithoutAFile) {
+  const auto daemon = start();
+  daemon->signal(SIGHUP);
+  EXPECT_EQ(daemon->wait(), 0);
+}
+
+namespace {
+
+/// Daemons that are ended while a stream is open.
+class DaemonDrain : public DaemonConfig {
+ protected:
+  std::unique_ptr<Process> startDraining(const std::string& seconds) {
+    return start({"--drain-timeout", seconds});
+  }
+
+  /// What the producer of a stream hears.
+  std::string outcomeOn(const std::string& queue) const {
+    try {
+      return stream(queue, "abc");
+    } catch (const Ov_ErrnoException& error) {
+      return error.getMessage();
+    }
+  }
+};
+
+}  // namespace
+
+TEST_F(DaemonDrain, LetsTheOpenStreamFinishAndRefusesOthers) {
+  const auto daemon = start({"--queue", other_, "--drain-timeout", "60"});
+  const auto to = openStream();
+  daemon->signal(SIGTERM);
+  ASSERT_TRUE(awaitLog(*daemon, "ending, open streams have 60 seconds to finish"));
+  // What comes before the queue's thread has heard of it is still taken.
+  EXPECT_TRUE(korvex::test::eventually(
+      [this] { return outcomeOn(other_) == "the daemon takes no new streams from this queue"; }));
+  to->close();
+  EXPECT_STREQ(awaitReply(*to).message, kReceiptOfAbc);
+  EXPECT_EQ(daemon->wait(), 0);
+  EXPECT_THAT(streams(true), IsEmpty());
+}
+
+TEST_F(DaemonDrain, EndsWithoutStreamsAtOnce) {
+  const auto daemon = startDraining("600");
+  end(*daemon);
+}
+
+TEST_F(DaemonDrain, MarksStreamsIncompleteWhenTheTimeIsOver) {
+  const auto daemon = startDraining("1");
+  const auto to = openStream();
+  end(*daemon);
+  EXPECT_EQ(manifestOf(streams(true).at(0))["reason"], "the daemon ended");
+}
+
+TEST_F(DaemonDrain, IsCutShortByASecondSignal) {
+  const auto daemon = startDraining("600");
+  const auto to = openStream();
+  daemon->signal(SIGTERM);
+  ASSERT_TRUE(awaitLog(*daemon, "ending, open streams have"));
+  end(*daemon);
+  EXPECT_THAT(streams(true), SizeIs(1));
+}
+
+namespace {
+
+/// A daemon and producers that are users of their own, with the groups that they are given.
+class DaemonOfAGroup : public DaemonConfig {
+ protected:
+  void SetUp() override {
+    if (!korvex::test::isRoot()) GTEST_SKIP() << "needs root to be several users";
+    if (as("60001", "60001", {"/usr/bin/test", "-x", KORVEXD_PROGRAM})->wait() != 0) {
+      GTEST_SKIP() << "other users cannot reach " << KORVEXD_PROGRAM;
+    }
+    configure(toOutput() + "mode = '0660'\ngroup = 'backup'");
+    ASSERT_EQ(::chmod(folder_.path().c_str(), 0755), 0);
+    ASSERT_EQ(::chown(output_.c_str(), 60001, 60001), 0);
+  }
+
+  static std::unique_ptr<Process> as(const std::string& user, const std::string& group,
+                                     const std::vector<std::string>& command) {
+    std::vector<std::string> all = {"/usr/bin/setpriv", "--reuid", user, "--regid", user,
+                                    "--groups",         group};
+    all.insert(all.end(), command.begin(), command.end());
+    return std::make_unique<Process>(all);
+  }
+
+  std::unique_ptr<Process> send(const std::string& user, const std::string& group) const {
+    return as(user, group, {KORVEX_PROGRAM, "send", "--queue", queue_, config_});
+  }
+};
+
+}  // namespace
+
+TEST_F(DaemonOfAGroup, ServesMembersAndNobodyElse) {
+  const auto daemon = as("60001", "backup", {KORVEXD_PROGRAM, "--config", config_});
+  ASSERT_TRUE(awaitServing(*daemon)) << daemon->errors();
+  const auto member = send("60002", "backup");
+  EXPECT_EQ(member->wait(), 0) << member->errors();
+  const auto stranger = send("60003", "60003");
+  EXPECT_EQ(stranger->wait(), 1);
+  EXPECT_THAT(stranger->errors(), HasSubstr("ermission denied"));
+  end(*daemon);
+}
+
+TEST_F(DaemonOfAGroup, DoesNotStartWithoutBeingAMember) {
+  const auto daemon = as("60001", "60001", {KORVEXD_PROGRAM, "--config", config_});
+  EXPECT_EQ(daemon->wait(), 1);
+  EXPECT_THAT(daemon->errors(), HasSubstr("error 1 (Operation not permitted)"));
+  EXPECT_FALSE(queueExists(queue_));
+}

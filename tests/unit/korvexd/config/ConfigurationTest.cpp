@@ -1,0 +1,182 @@
+#include "korvexd/config/Configuration.h"
+
+#include <gmock/gmock.h>
+
+#include <sstream>
+
+using korvexd::CommandLine;
+using korvexd::Configuration;
+using korvexd::Origin;
+using korvexd::QueueSettings;
+using korvexd::Value;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace {
+
+class ConfigurationTest : public testing::Test {
+ protected:
+  Configuration read(const std::string& text) {
+    commandLine_.configFile = "file";
+    return {commandLine_, korvexd::parseConfigFile(text)};
+  }
+
+  /// The first queue.
+  QueueSettings queueIn(const std::string& text) {
+    const Configuration configuration = read(text);
+    EXPECT_THAT(textsOf(configuration), IsEmpty());
+    return configuration.settings().queues.at(0);
+  }
+
+  void give(const std::string& key, const Value& value) {
+    commandLine_.queue[key] = {value, {Origin::Kind::CommandLine}};
+  }
+
+  static std::vector<std::string> textsOf(const Configuration& configuration) {
+    std::vector<std::string> texts;
+    for (const auto& mistake : configuration.mistakes()) {
+      texts.push_back(configuration.textOf(mistake));
+    }
+    return texts;
+  }
+
+  static std::string printed(const Configuration& configuration) {
+    std::ostringstream text;
+    configuration.print(text);
+    return text.str();
+  }
+
+  CommandLine commandLine_;
+};
+
+}  // namespace
+
+TEST_F(ConfigurationTest, TakesEveryKey) {
+  const QueueSettings queue = queueIn(
+      "[queue.'/a']\nexec = ['x', 'y z']\nexec-timeout = 5\nidle-timeout = 6\n"
+      "max-messages = 7\nmax-message-size = '64K'\nmode = '0640'\ngroup = 12\n"
+      "replace = true\ncapture = 'c'\n");
+  EXPECT_EQ(queue.receiver.queue, "a");
+  EXPECT_THAT(queue.engine, ElementsAre("x", "y z"));
+  EXPECT_EQ(queue.engineTimeout.count(), 5);
+  EXPECT_EQ(queue.receiver.idleTimeout->count(), 6);
+  EXPECT_EQ(queue.receiver.limits.messages, 7u);
+  EXPECT_EQ(queue.receiver.limits.messageSize, 65536u);
+  EXPECT_EQ(queue.receiver.mode, 0640u);
+  EXPECT_EQ(queue.receiver.group, gid_t{12});
+  EXPECT_EQ(queue.receiver.existing, korvex::receiver::Receiver::Existing::Replace);
+  EXPECT_EQ(queue.capture, "c");
+}
+
+TEST_F(ConfigurationTest, TakesTheDaemonsKeys) {
+  const auto settings =
+      read("[daemon]\nstats = 's'\ndrain-timeout = 9\n[queue.a]\ndiscard = true").settings();
+  EXPECT_EQ(settings.daemon.statsFile, "s");
+  EXPECT_EQ(settings.daemon.drainTimeout.count(), 9);
+}
+
+TEST_F(ConfigurationTest, NamesGroupsByNameOrNumber) {
+  const std::string table = "[queue.a]\ndiscard = true\ngroup = ";
+  EXPECT_EQ(queueIn(table + "'root'").receiver.group, gid_t{0});
+  EXPECT_EQ(queueIn(table + "'54321'").receiver.group, gid_t{54321});
+}
+
+TEST_F(ConfigurationTest, OverrulesDefaultsByTablesAndBothByTheCommandLine) {
+  const std::string text =
+      "[defaults]\nmax-messages = 2\nmode = '0640'\nidle-timeout = 3\n"
+      "[queue.a]\ndiscard = true\nmax-messages = 4\nmode = '0660'\n";
+  give("mode", std::string("0600"));
+  const QueueSettings queue = queueIn(text);
+  EXPECT_EQ(queue.receiver.idleTimeout->count(), 3);
+  EXPECT_EQ(queue.receiver.limits.messages, 4u);
+  EXPECT_EQ(queue.receiver.mode, 0600u);
+}
+
+TEST_F(ConfigurationTest, TakesTheSinkAsOneChoice) {
+  const std::string defaults = "[defaults]\noutput = 'o'\n";
+  EXPECT_EQ(queueIn(defaults + "[queue.a]\n").output, "o");
+  const QueueSettings discarded = queueIn(defaults + "[queue.a]\ndiscard = true\n");
+  EXPECT_FALSE(discarded.output);
+  give("exec", std::vector<std::string>{"x"});
+  const QueueSettings executed = queueIn(defaults + "[queue.a]\ndiscard = true\n");
+  EXPECT_FALSE(executed.output);
+  EXPECT_THAT(executed.engine, ElementsAre("x"));
+}
+
+TEST_F(ConfigurationTest, ServesQueuesOfTheCommandLineBesideTheOthers) {
+  commandLine_.queues = {"b", "a"};
+  const auto queues =
+      read("[defaults]\ndiscard = true\n[queue.a]\nmax-messages = 2\n").settings().queues;
+  ASSERT_EQ(queues.size(), 2u);
+  EXPECT_EQ(queues[0].receiver.queue, "a");
+  EXPECT_EQ(queues[0].receiver.limits.messages, 2u);
+  EXPECT_EQ(queues[1].receiver.queue, "b");
+}
+
+TEST_F(ConfigurationTest, RefusesClashingNames) {
+  EXPECT_THAT(textsOf(read("[defaults]\ndiscard = true\n[queue.aResponse]\n[queue.a]\n"
+                           "[queue.'/a']\n")),
+              ElementsAre("file:4:8: two of the queues would use the name 'aResponse'; "
+                          "the other is aResponse, file:3",
+                          HasSubstr("file:5:8: two of the queues would use the name 'a'")));
+  commandLine_.queues = {"aResponse"};
+  EXPECT_THAT(textsOf(read("[defaults]\ndiscard = true\n[queue.a]\n")),
+              ElementsAre("command line: two of the queues would use the name 'aResponse'; "
+                          "the other is a, file:3"));
+}
+
+TEST_F(ConfigurationTest, RefusesAFileWithoutQueues) {
+  EXPECT_THAT(textsOf(read("[defaults]\ndiscard = true\n")),
+              ElementsAre("file:1:1: found no queue, expected a table [queue.NAME]"));
+}
+
+TEST_F(ConfigurationTest, RefusesAQueueWithoutSink) {
+  EXPECT_THAT(textsOf(read("[queue.a]\n")),
+              ElementsAre("file:1:8: queue a: found no output, exec or discard, expected one, here "
+                          "or in [defaults]"));
+}
+
+TEST_F(ConfigurationTest, RefusesNamesTooLongForFilesOnlyWhereFilesAreMade) {
+  const std::string table = "[queue." + std::string(201, 'a') + "]\n";
+  EXPECT_THAT(textsOf(read(table + "discard = true\n")), IsEmpty());
+  EXPECT_THAT(textsOf(read(table + "output = 'x'\n")),
+              ElementsAre(HasSubstr("a file name of 201 characters, expected at most 200")));
+}
+
+TEST_F(ConfigurationTest, ListsMistakesInTheOrderOfTheFile) {
+  EXPECT_THAT(textsOf(read("[queue.a]\n[queue.b]\nmode = 1\n[queue.c]\ndiscard = 1\n")),
+              ElementsAre(HasSubstr("file:1:8: queue a: found no output"),
+                          HasSubstr("file:2:8: queue b: found no output"),
+                          HasSubstr("file:3:8: mode"), HasSubstr("file:5:11: discard")));
+}
+
+TEST_F(ConfigurationTest, MakesMistakesHarmlessForATerminal) {
+  EXPECT_THAT(textsOf(read("\"\\u001b[2J\" = 1\n")), ElementsAre(HasSubstr("found '\\x1b[2J'")));
+}
+
+TEST_F(ConfigurationTest, PrintsWhereEachValueComesFrom) {
+  give("max-messages", std::int64_t{3});
+  EXPECT_EQ(printed(read("[queue.a]\noutput = 'o'\n")),
+            "[daemon]\n# stats: not set\ndrain-timeout = 0  # default\n\n"
+            "[queue.a]  # file:1\n"
+            "output = \"o\"  # file:2\n"
+            "# exec: not set\n# discard: not set\n"
+            "exec-timeout = 3600  # default\n"
+            "# idle-timeout: not set\n"
+            "max-messages = 3  # command line\n"
+            "max-message-size = 270336  # default\n"
+            "mode = \"0600\"  # default\n"
+            "# group: not set\n"
+            "replace = false  # default\n"
+            "# capture: not set\n");
+}
+
+TEST_F(ConfigurationTest, PrintsStrangeTextsSoThatTheyCanBeReadAgain) {
+  const Configuration first =
+      read("[queue.\"a b\\n\\\"'ä%\"]\nexec = [\"x\\\\\", \"\\t\\u007f#\", '']\n");
+  ASSERT_THAT(textsOf(first), IsEmpty());
+  const Configuration again = read(printed(first));
+  ASSERT_THAT(textsOf(again), IsEmpty()) << printed(first);
+  EXPECT_TRUE(again.settings().queues == first.settings().queues);
+}

@@ -1,0 +1,168 @@
+#include "korvexd/QueueSet.h"
+
+#include <spdlog/spdlog.h>
+
+#include <algorithm>
+#include <exception>
+#include <optional>
+#include <utility>
+
+namespace korvexd {
+namespace {
+
+/// Only when the queue is served: the reader of these lines relies on it.
+void announce(const ServedQueue& queue) {
+  const receiver::Limits& limits = queue.settings().receiver.limits;
+  spdlog::info("serving {}, {} messages of {} bytes", queue.name(), limits.messages,
+               limits.messageSize);
+}
+
+std::optional<Capture> captureFor(const QueueSettings& settings) {
+  if (!settings.capture) return std::nullopt;
+  return Capture(*settings.capture, settings.receiver.queue);
+}
+
+}  // namespace
+
+/// A queue that is new or to be served in another way, with everything that could fail.
+struct QueueSet::Change {
+  QueueSettings settings;
+  receiver::SinkFactory openSink;
+  std::optional<Capture> capture;
+};
+
+QueueSet::QueueSet() : sinks_([this] { return isEnding_.load(); }) {}
+
+QueueSet::~QueueSet() { stop(); }
+
+void QueueSet::add(const QueueSettings& settings) { queues_.push_back(make(settings)); }
+
+std::unique_ptr<ServedQueue> QueueSet::make(const QueueSettings& settings) {
+  QueueSettings watched = settings;
+  watched.receiver.idleWatch = &idleWatch_;
+  return std::make_unique<ServedQueue>(watched, sinks_.factoryFor(settings));
+}
+
+void QueueSet::start() {
+  for (const auto& queue : queues_) queue->start();
+  for (const auto& queue : queues_) announce(*queue);
+}
+
+void QueueSet::follow(const std::vector<QueueSettings>& wanted) {
+  std::vector<Change> changes = changesTo(wanted);
+  retireOthersThan(wanted);
+  awaited_.clear();
+  for (Change& change : changes) {
+    ServedQueue* const queue = find(change.settings.receiver.queue);
+    if (queue != nullptr && !queue->isRetiring()) {
+      spdlog::info("{}: changed settings hold from the next stream on", queue->name());
+      queue->change(change.settings, std::move(change.openSink), std::move(change.capture));
+    } else if (queue != nullptr || !tryToStart(change.settings)) {
+      awaited_.push_back(change.settings);
+    }
+  }
+}
+
+std::vector<QueueSet::Change> QueueSet::changesTo(const std::vector<QueueSettings>& wanted) {
+  std::vector<Change> changes;
+  for (const QueueSettings& settings : wanted) {
+    const ServedQueue* const queue = find(settings.receiver.queue);
+    if (queue != nullptr && queue->serves(settings)) continue;
+    changes.push_back({settings, sinks_.factoryFor(settings), captureFor(settings)});
+  }
+  return changes;
+}
+
+void QueueSet::retireOthersThan(const std::vector<QueueSettings>& wanted) noexcept {
+  for (const auto& queue : queues_) {
+    const bool isWanted = std::any_of(
+        wanted.begin(), wanted.end(),
+        [&](const QueueSettings& settings) { return settings.receiver.queue == queue->name(); });
+    if (!isWanted) queue->retire();
+  }
+}
+
+ServedQueue* QueueSet::find(const std::string& name) const noexcept {
+  for (const auto& queue : queues_)
+    if (queue->name() == name) return queue.get();
+  return nullptr;
+}
+
+bool QueueSet::tryToStart(const QueueSettings& settings) noexcept {
+  try {
+    startNew(settings);
+    return true;
+  } catch (const std::exception& error) {
+    spdlog::error("{}: not served yet: {}", settings.receiver.queue, error.what());
+    return false;
+  }
+}
+
+void QueueSet::startNew(const QueueSettings& settings) {
+  auto queue = make(settings);
+  queues_.reserve(queues_.size() + 1);
+  queue->start();
+  announce(*queue);
+  queues_.push_back(std::move(queue));
+}
+
+bool QueueSet::settle() noexcept {
+  sinks_.tidyUp();
+  for (const auto& queue : queues_) queue->log().update();
+  const bool hasLess = removeRetired();
+  return startAwaited() || hasLess;
+}
+
+bool QueueSet::removeRetired() noexcept {
+  const auto end = std::remove_if(queues_.begin(), queues_.end(), [](const auto& queue) {
+    if (queue->hasRetired()) spdlog::info("{}: no longer served", queue->name());
+    return queue->hasRetired();
+  });
+  const bool isAny = end != queues_.end();
+  queues_.erase(end, queues_.end());
+  return isAny;
+}
+
+/// Silent when it fails once more: the first time was reported.
+bool QueueSet::startAwaited() noexcept {
+  const auto isStarted = [this](const QueueSettings& settings) {
+    try {
+      if (find(settings.receiver.queue) != nullptr) return false;
+      startNew(settings);
+      return true;
+    } catch (const std::exception&) {
+      return false;
+    }
+  };
+  const auto end = std::remove_if(awaited_.begin(), awaited_.end(), isStarted);
+  const bool isAny = end != awaited_.end();
+  awaited_.erase(end, awaited_.end());
+  return isAny;
+}
+
+void QueueSet::retire() noexcept {
+  awaited_.clear();
+  for (const auto& queue : queues_) queue->retire();
+}
+
+bool QueueSet::haveAllRetired() const noexcept {
+  return std::all_of(queues_.begin(), queues_.end(),
+                     [](const auto& queue) { return queue->hasRetired(); });
+}
+
+/// All are told before one is waited for.
+void QueueSet::stop() {
+  isEnding_ = true;
+  for (const auto& queue : queues_) queue->stop();
+  for (const auto& queue : queues_) queue->join();
+}
+
+std::vector<QueueStats> QueueSet::stats() const {
+  std::vector<QueueStats> stats;
+  for (const auto& queue : queues_) {
+    stats.push_back({queue->name(), &queue->counters(), &queue->log()});
+  }
+  return stats;
+}
+
+}  // namespace korvexd

@@ -1,0 +1,77 @@
+#ifndef KORVEXD_QUEUE_SET_H
+#define KORVEXD_QUEUE_SET_H
+
+#include <korvex/receiver/IdleWatch.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "korvexd/ServedQueue.h"
+#include "korvexd/Sinks.h"
+#include "korvexd/config/Settings.h"
+#include "korvexd/report/StatsFile.h"
+
+namespace korvexd {
+
+/// All queues of the daemon, and how they change while it runs. Used by one thread.
+class QueueSet {
+ public:
+  QueueSet();
+  ~QueueSet();
+  QueueSet(const QueueSet&) = delete;
+  QueueSet& operator=(const QueueSet&) = delete;
+
+  /// Makes a queue that is not served yet. Throws std::exception; nothing is left of it then.
+  void add(const QueueSettings& settings);
+
+  /// Serves all of them. Throws SystemError when there is no thread for one.
+  void start();
+
+  /// Serves these queues from now on: new ones at once, changed ones from their next stream on,
+  /// and those that are missing until their open stream has ended. Throws std::exception when
+  /// streams of one cannot be stored; nothing has changed then.
+  void follow(const std::vector<QueueSettings>& wanted);
+
+  /// What is due now and then: lets queues go that have ended, tries again those that could not be
+  /// made. True when other queues are served than before.
+  bool settle() noexcept;
+
+  /// Streams that open from now on are refused; see Receiver::retire().
+  void retire() noexcept;
+
+  /// Whether no stream is open any more after that.
+  bool haveAllRetired() const noexcept;
+
+  /// Serves no longer. What is reported of the queues can still be read.
+  void stop();
+
+  /// Removes the queues.
+  void clear() { queues_.clear(); }
+
+  /// Good until the set changes.
+  std::vector<QueueStats> stats() const;
+
+ private:
+  struct Change;
+
+  std::vector<Change> changesTo(const std::vector<QueueSettings>& wanted);
+  void retireOthersThan(const std::vector<QueueSettings>& wanted) noexcept;
+  std::unique_ptr<ServedQueue> make(const QueueSettings& settings);
+  ServedQueue* find(const std::string& name) const noexcept;
+  void startNew(const QueueSettings& settings);
+  bool startAwaited() noexcept;
+  bool tryToStart(const QueueSettings& settings) noexcept;
+  bool removeRetired() noexcept;
+
+  std::atomic<bool> isEnding_{false};
+  Sinks sinks_;
+  receiver::IdleWatch idleWatch_;
+  std::vector<std::unique_ptr<ServedQueue>> queues_;
+  std::vector<QueueSettings> awaited_;  ///< queues that could not be made yet
+};
+
+}  // namespace korvexd
+
+#endif

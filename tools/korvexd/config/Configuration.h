@@ -1,0 +1,71 @@
+#ifndef KORVEXD_CONFIGURATION_H
+#define KORVEXD_CONFIGURATION_H
+
+#include <iosfwd>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "korvexd/config/ConfigFile.h"
+#include "korvexd/config/Settings.h"
+#include "korvexd/config/Value.h"
+
+namespace korvexd {
+
+/// What a command line says: each value is right.
+struct CommandLine {
+  std::vector<std::string> queues;  ///< without leading slash
+  Layer queue;                      ///< for every queue
+  Layer daemon;
+  std::optional<std::string> configFile;
+};
+
+/// What holds, and where each value comes from: the command line before the queue's table, that
+/// before the defaults of the file, those before what is built in. Where the data goes is one
+/// choice: who names one place for it overrules every place that was named below.
+class Configuration {
+ public:
+  Configuration(const CommandLine& commandLine, ConfigFile file);
+
+  /// All of them, in the order of the file; settings() are for use when there are none.
+  const std::vector<Mistake>& mistakes() const noexcept { return mistakes_; }
+
+  const Settings& settings() const noexcept { return settings_; }
+
+  /// Writes TOML that, read again, gives the same settings. A comment names each value's origin.
+  void print(std::ostream& to) const;
+
+  /// "FILE:LINE:COLUMN: what is wrong".
+  std::string textOf(const Mistake& mistake) const;
+
+ private:
+  struct Queue {
+    std::string name;
+    Origin origin;
+    Layer values;
+  };
+
+  void addQueues(const CommandLine& commandLine, const ConfigFile& file);
+  void addQueue(const std::string& name, const Origin& origin, const Layer& own,
+                const CommandLine& commandLine, const ConfigFile& file);
+  void takeSettings();
+  void refuseNoQueue();
+  void refuseClashes();
+  void refuseWithoutSink(const Queue& queue);
+  void refuseLongFileName(const Queue& queue);
+  void printValue(std::ostream& to, const char* key, const Layer& values) const;
+  std::string textOf(const Origin& origin) const;
+
+  const std::string fileName_;
+  Layer daemon_;
+  std::vector<Queue> queues_;
+  Settings settings_;
+  std::vector<Mistake> mistakes_;
+};
+
+/// Reads the file that the command line names, if any. Throws SystemError when it cannot be read.
+Configuration readConfiguration(const CommandLine& commandLine);
+
+}  // namespace korvexd
+
+#endif

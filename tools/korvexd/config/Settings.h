@@ -1,0 +1,52 @@
+#ifndef KORVEXD_CONFIG_SETTINGS_H
+#define KORVEXD_CONFIG_SETTINGS_H
+
+#include <korvex/receiver/Receiver.h>
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <tuple>
+#include <vector>
+
+namespace korvexd {
+
+constexpr std::chrono::seconds kDefaultEngineTimeout{3600};
+
+/// How one queue is served; checked.
+struct QueueSettings {
+  korvex::receiver::Receiver::Settings receiver;  ///< its queue without leading slash
+  std::optional<std::string> output;
+  std::vector<std::string> engine;  ///< the words of its command; without it and an output folder
+                                    ///< the data is discarded
+  std::chrono::seconds engineTimeout = kDefaultEngineTimeout;
+  std::optional<std::string> capture;
+};
+
+/// Whether a queue is served alike with both. What is to become of queues that exist at the start
+/// makes no difference later.
+inline bool operator==(const QueueSettings& one, const QueueSettings& other) {
+  const auto parts = [](const QueueSettings& queue) {
+    const auto& receiver = queue.receiver;
+    return std::tie(receiver.queue, receiver.limits.messages, receiver.limits.messageSize,
+                    receiver.mode, receiver.group, receiver.idleTimeout, queue.output, queue.engine,
+                    queue.engineTimeout, queue.capture);
+  };
+  return parts(one) == parts(other);
+}
+
+/// What is not a matter of one queue.
+struct DaemonSettings {
+  std::optional<std::string> statsFile;
+  std::chrono::seconds drainTimeout{0};
+};
+
+/// Everything that the daemon was asked to do; checked.
+struct Settings {
+  DaemonSettings daemon;
+  std::vector<QueueSettings> queues;  ///< no two that clash
+};
+
+}  // namespace korvexd
+
+#endif
