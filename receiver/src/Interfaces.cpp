@@ -18,11 +18,13 @@ void Observer::streamComplete(const StreamSummary&, const std::string&) noexcept
 void Observer::streamIncomplete(const StreamSummary&, const std::string&,
                                 const std::string&) noexcept {}
 void Observer::abandoningFailed(const std::string&) noexcept {}
-void Observer::batchRefused(std::uint64_t, const std::string&) noexcept {}
+void Observer::batchRefused(std::uint64_t, const BatchCheck&) noexcept {}
 void Observer::recordRefused(const std::string&) noexcept {}
 void Observer::queuesLost(const std::string&) noexcept {}
 void Observer::queuesNotReplaced(const std::string&) noexcept {}
 void Observer::queuesReplaced() noexcept {}
 void Observer::messagesLeft(std::size_t) noexcept {}
+void Observer::working() noexcept {}
+void Observer::waiting() noexcept {}
 
 }  // namespace korvex::receiver

@@ -42,7 +42,8 @@ void QueueServer::run(const std::atomic<bool>& stop) noexcept {
   stop_ = &stop;
   while (!stop) serveOnce();
   drain();
-  session_.end("the daemon ended");
+  session_.end(Ending::ReceiverEnded, "the daemon ended");
+  observer_.waiting();
 }
 
 bool QueueServer::serveOnce() noexcept {
@@ -87,6 +88,7 @@ void QueueServer::reportUntaken() {
 /// Tries one message. Tries an empty queue too, if its lock is taken: the lock's owner may be
 /// dead.
 bool QueueServer::step() {
+  observer_.working();
   if (pair_ == nullptr) {
     reopen();
     return false;
@@ -119,6 +121,7 @@ bool QueueServer::tryTakeMessage() {
 bool QueueServer::receive(std::vector<unsigned char>& message, std::size_t& size) {
   const auto outcome = pair_->batches().receive(message.data(), message.size(), size);
   if (outcome != MessageQueue::Outcome::Done) return false;
+  observer_.working();
   counters_.add(Count::Batches);
   observer_.messageReceived(++messageNumber_, message.data(), size);
   return true;
@@ -150,6 +153,7 @@ void QueueServer::watchStream() {
 
 /// A queue that is lost meanwhile is noticed afterwards, when the receipt is sent.
 bool QueueServer::stillFinishing() noexcept {
+  observer_.working();
   try {
     takeEmptyBatches();
     sayFinishing();
@@ -183,7 +187,10 @@ void QueueServer::takeNextMessage() {
   takeMessage(*std::exchange(nextSize_, std::nullopt));
 }
 
-void QueueServer::pause() noexcept { pause_.wait(Clock::now() + kLongestPause); }
+void QueueServer::pause() noexcept {
+  observer_.waiting();
+  pause_.wait(Clock::now() + kLongestPause);
+}
 
 void QueueServer::takeMessage(std::size_t size) {
   nextFinishing_ = Clock::now() + kFinishingPeriod;
@@ -191,7 +198,7 @@ void QueueServer::takeMessage(std::size_t size) {
   if (check.ok()) {
     takeRecords(size);
   } else {
-    refuseBatch(check.text());
+    refuseBatch(check);
   }
   lastSign_ = Clock::now();  // after the sink: its slowness is not the producer's silence
 }
@@ -210,16 +217,16 @@ void QueueServer::answer(const StreamSession::Answer& answer) {
   if (answer) replies_->send(*answer);
 }
 
-void QueueServer::refuseBatch(const std::string& defect) {
+void QueueServer::refuseBatch(const BatchCheck& check) {
   counters_.add(Count::BadBatches);
-  observer_.batchRefused(messageNumber_, defect);
-  answer(session_.takeDamage(defect));
+  observer_.batchRefused(messageNumber_, check);
+  answer(session_.takeDamage(check.text()));
 }
 
 void QueueServer::replacePair(const std::string& reason) noexcept {
   observer_.queuesLost(reason);
   counters_.add(Count::QueueReplacements);
-  session_.end("its queues were lost: " + reason);
+  session_.end(Ending::QueuesLost, "its queues were lost: " + reason);
   replies_.reset();
   pair_.reset();
   counters_.set(Count::RepliesPending, 0);

@@ -55,7 +55,7 @@ class QueueServer {
   void takeMessage(std::size_t size);
   void takeRecords(std::size_t size);
   void answer(const StreamSession::Answer& answer);
-  void refuseBatch(const std::string& defect);
+  void refuseBatch(const BatchCheck& check);
   void replacePair(const std::string& reason) noexcept;
   void reopen() noexcept;
   void pause() noexcept;

@@ -308,7 +308,7 @@ TEST_F(StreamSessionTest, CountsEachStreamForItself) {
   EXPECT_EQ(fate(1).summary.records, 2u);
   take(kOpen, 0);
   take(kData, 2, "abc");
-  session_.end("cut off in a segment");
+  session_.end(Ending::ReceiverEnded, "cut off in a segment");
   take(kOpen, 0);
   take(kClose, 2);
   EXPECT_EQ(fate(3).summary.segments, 0u);
@@ -407,15 +407,15 @@ TEST_F(StreamSessionTest, TellsWhenNoSinkCanBeOpened) {
 TEST_F(StreamSessionTest, OutlivesASinkThatCannotEvenBeAbandoned) {
   take(kOpen, 0);
   failing_ = 3;
-  session_.end("the daemon ended");
+  session_.end(Ending::ReceiverEnded, "the daemon ended");
   EXPECT_TRUE(fate().isGone);
 }
 
 TEST_F(StreamSessionTest, EndsAnOpenStreamFromOutside) {
   take(kOpen, 0);
-  session_.end("the daemon ended");
+  session_.end(Ending::ReceiverEnded, "the daemon ended");
   EXPECT_EQ(fate().reason, "the daemon ended");
-  session_.end("again");
+  session_.end(Ending::ReceiverEnded, "again");
   EXPECT_EQ(count(Count::StreamsIncomplete), 1u);
 }
 
