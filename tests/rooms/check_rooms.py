@@ -45,11 +45,15 @@ ROOMS = {
 # Rooms within a room of programs, and which of these may use which.
 INNER = {
     "tools/korvexd": {"tools/korvexd/os", "tools/korvexd/sink", "tools/korvexd/exec",
-                      "tools/korvexd/report"},
+                      "tools/korvexd/log", "tools/korvexd/metrics", "tools/korvexd/report",
+                      "tools/korvexd/service"},
     "tools/korvexd/os": set(),
     "tools/korvexd/sink": {"tools/korvexd/os"},
-    "tools/korvexd/exec": {"tools/korvexd/os"},
-    "tools/korvexd/report": {"tools/korvexd/os"},
+    "tools/korvexd/log": {"tools/korvexd/os"},
+    "tools/korvexd/exec": {"tools/korvexd/os", "tools/korvexd/log"},
+    "tools/korvexd/report": {"tools/korvexd/os", "tools/korvexd/log"},
+    "tools/korvexd/metrics": {"tools/korvexd/log", "tools/korvexd/exec", "tools/korvexd/report"},
+    "tools/korvexd/service": {"tools/korvexd/os", "tools/korvexd/log"},
     "tools/korvex": {"tools/korvex/send", "tools/korvex/inspect", "tools/korvex/verify"},
     "tools/korvex/send": {"tools/korvex"},
     "tools/korvex/inspect": {"tools/korvex"},

@@ -7,30 +7,33 @@
 #include <mutex>
 #include <string>
 
-#include "common/Printable.h"
-#include "korvexd/report/LogWriter.h"
+#include "korvexd/log/LogEntry.h"
+#include "korvexd/log/LogFormat.h"
+#include "korvexd/log/LogWriter.h"
 
 namespace korvexd {
 
 /// Gives a logger's lines to a LogWriter, each on one line: names of queues may hold anything.
 class LogSink : public spdlog::sinks::base_sink<std::mutex> {
  public:
-  LogSink(int descriptor, std::chrono::milliseconds patience) : writer_(descriptor, patience) {}
+  LogSink(int descriptor, std::chrono::milliseconds patience, LogFormat format)
+      : format_(format), writer_(descriptor, patience, format) {}
 
  protected:
   void sink_it_(const spdlog::details::log_msg& message) override {
-    spdlog::memory_buf_t line;
-    spdlog::details::log_msg harmless = message;
-    const std::string text =
-        korvex::common::printable({message.payload.data(), message.payload.size()});
-    harmless.payload = text;
-    formatter_->format(harmless, line);
-    writer_.add(std::string(line.data(), line.size()));
+    const LogEntry* const entry = entryBeingWritten();
+    writer_.add(format_.line(entry != nullptr ? *entry : noteOf(message), message.time));
   }
 
   void flush_() override {}
 
  private:
+  static LogEntry noteOf(const spdlog::details::log_msg& message) {
+    return {Event::Note, message.level, "",
+            std::string(message.payload.data(), message.payload.size())};
+  }
+
+  const LogFormat format_;
   LogWriter writer_;
 };
 

@@ -1,25 +1,28 @@
-#include "korvexd/report/QueueLog.h"
+#include "korvexd/log/QueueLog.h"
 
 #include <utility>
+
+#include "korvexd/log/LogWriter.h"
 
 namespace korvexd {
 namespace {
 
 constexpr std::array<const char*, QueueLog::kKinds> kTitles = {
-    "streams that ended", "damaged batches", "refused records", "failures of a sink",
-    "losses of the queues"};
+    "streams that opened", "streams that ended", "damaged batches",
+    "refused records",     "failures of a sink", "losses of the queues"};
 
 }  // namespace
 
 QueueLog::QueueLog(std::string queue)
-    : queue_(std::move(queue)),
-      budgets_{LogBudget(kMostStreams), LogBudget(kMostOthers), LogBudget(kMostOthers),
-               LogBudget(kMostOthers), LogBudget(kMostOthers)} {}
+    : queue_(std::move(queue)), budgets_{LogBudget(kMostStreams), LogBudget(kMostStreams),
+                                         LogBudget(kMostOthers),  LogBudget(kMostOthers),
+                                         LogBudget(kMostOthers),  LogBudget(kMostOthers)} {}
 
-void QueueLog::write(Kind kind, spdlog::level::level_enum level, const std::string& text) {
+void QueueLog::write(Kind kind, const LogEntry& entry) {
   update();
   auto& budget = budgets_[static_cast<std::size_t>(kind)];
-  if (budget.take(LogBudget::Clock::now())) spdlog::log(level, "{}: {}", queue_, text);
+  if (budget.take(LogBudget::Clock::now())) return writeLog(entry);
+  ++logLosses().held;
 }
 
 void QueueLog::update() {
@@ -33,8 +36,11 @@ void QueueLog::finish() {
 
 void QueueLog::writeHeld(std::size_t kind, std::uint64_t held) const {
   if (held == 0) return;
-  spdlog::warn("{}: {} more lines about {} were left out within {} s", queue_, held, kTitles[kind],
-               LogBudget::kPeriod.count());
+  writeLog(LogEntry(Event::LinesHeld, spdlog::level::warn, queue_,
+                    std::to_string(held) + " more lines about " + kTitles[kind] +
+                        " were left out within " + std::to_string(LogBudget::kPeriod.count()) +
+                        " s")
+               .with("lines", held));
 }
 
 }  // namespace korvexd

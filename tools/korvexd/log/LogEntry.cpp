@@ -1,0 +1,23 @@
+#include "korvexd/log/LogEntry.h"
+
+#include <spdlog/spdlog.h>
+
+namespace korvexd {
+namespace {
+
+// The logging library carries a text and a level. The rest goes beside it, on the same thread.
+thread_local const LogEntry* current = nullptr;
+
+}  // namespace
+
+void writeLog(const LogEntry& entry) {
+  const std::string text = entry.fullText();
+  current = &entry;
+  spdlog::default_logger_raw()->log(entry.level,
+                                    spdlog::string_view_t(text));  // keeps its failures
+  current = nullptr;
+}
+
+const LogEntry* entryBeingWritten() noexcept { return current; }
+
+}  // namespace korvexd
