@@ -23,6 +23,8 @@ using korvex::receiver::Receiver;
 constexpr long kLongestTimeout = 7L * 24 * 3600;
 constexpr mode_t kModeNeeded = 0600;
 constexpr int kOctal = 8;
+const char kTextFormat[] = "text";
+const char kJsonFormat[] = "json";
 
 /// Words of a command line may hold anything, and a terminal obeys some of it.
 std::string complaint(const CLI::App* app, const CLI::Error& error) {
@@ -42,6 +44,8 @@ struct Arguments {
   bool discard = false;
   std::string capture;
   std::string statsFile;
+  std::string metricsFile;
+  std::string logFormat = kTextFormat;
 };
 
 std::string checkMode(const std::string& text) {
@@ -113,9 +117,20 @@ void addDataOptions(CLI::App& app, Arguments& found) {
   app.add_option("--capture", found.capture, "Keep every message as it came in DIR")
       ->check(checkPath)
       ->type_name("DIR");
+}
+
+void addReportOptions(CLI::App& app, Arguments& found) {
   app.add_option("--stats", found.statsFile, "Keep counters as JSON in FILE")
       ->check(checkPath)
       ->type_name("FILE");
+  app.add_option("--metrics", found.metricsFile,
+                 "Keep metrics in FILE, for the textfile collector of Prometheus")
+      ->check(checkPath)
+      ->type_name("FILE");
+  app.add_option("--log-format", found.logFormat, "How the log is written: text or json")
+      ->check(CLI::IsMember({kTextFormat, kJsonFormat}))
+      ->type_name("FORMAT")
+      ->capture_default_str();
 }
 
 std::optional<std::string> givenText(const std::string& text) {
@@ -136,6 +151,8 @@ Options optionsOf(const Arguments& found) {
   if (found.idleTimeout != 0) options.queue.idleTimeout = std::chrono::seconds(found.idleTimeout);
   options.capture = givenText(found.capture);
   options.statsFile = givenText(found.statsFile);
+  options.metricsFile = givenText(found.metricsFile);
+  if (found.logFormat == kJsonFormat) options.logStyle = LogStyle::Json;
   return options;
 }
 
@@ -172,6 +189,7 @@ ParsedOptions parseOptions(int argc, const char* const* argv, std::ostream& out,
   Arguments found;
   addQueueOptions(app, found);
   addDataOptions(app, found);
+  addReportOptions(app, found);
   app.set_version_flag("--version", "korvexd " KORVEX_VERSION);
   try {
     app.parse(argc, argv);

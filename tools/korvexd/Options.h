@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <korvex/receiver/Receiver.h>
+#include "korvexd/log/LogFormat.h"
 
 namespace korvexd {
 
@@ -23,6 +24,8 @@ struct Options {
   std::chrono::seconds engineTimeout = kDefaultEngineTimeout;
   std::optional<std::string> capture;
   std::optional<std::string> statsFile;
+  std::optional<std::string> metricsFile;
+  LogStyle logStyle = LogStyle::Text;
 };
 
 /// Options, or the code to exit with.

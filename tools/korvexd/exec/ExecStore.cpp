@@ -1,7 +1,6 @@
 #include "korvexd/exec/ExecStore.h"
 
 #include <spdlog/fmt/chrono.h>
-#include <spdlog/spdlog.h>
 
 #include <algorithm>
 #include <exception>
@@ -10,6 +9,7 @@
 #include "common/QueueName.h"
 #include "korvexd/exec/CommandWords.h"
 #include "korvexd/exec/ExecSink.h"
+#include "korvexd/log/LogEntry.h"
 
 namespace korvexd {
 
@@ -22,6 +22,12 @@ std::uint64_t nanosecondsNow() {
   const auto now = std::chrono::system_clock::now().time_since_epoch();
   return static_cast<std::uint64_t>(
       std::chrono::duration_cast<std::chrono::nanoseconds>(now).count());
+}
+
+void writeEngineLine(const std::string& stream, const std::string& line) {
+  writeLog(LogEntry(Event::EngineLine, spdlog::level::info, "", stream + ": engine: " + line)
+               .with("stream", stream)
+               .with("line", line));
 }
 
 bool isGone(Engine& engine) noexcept {
@@ -39,7 +45,7 @@ ExecStore::ExecStore(Settings settings) : settings_(std::move(settings)) {
 }
 
 /// Looked for each time, for programs come and go.
-std::unique_ptr<receiver::Sink> ExecStore::open(const std::string& queue, std::time_t opened) {
+std::unique_ptr<receiver::Sink> ExecStore::open(const std::string& queue, std::time_t opened) try {
   tidyUp();
   const std::string name = nameFor(queue, opened);
   const Engine::Command command = {
@@ -49,14 +55,16 @@ std::unique_ptr<receiver::Sink> ExecStore::open(const std::string& queue, std::t
        fmt::format("KORVEX_OPENED={:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(opened)),
        "KORVEX_STREAM=" + name},
       settings_.timeout};
-  auto engine = std::make_unique<Engine>(keepers_, command, [name](const std::string& line) {
-    spdlog::info("{}: engine: {}", name, line);
-  });
-  auto sink = std::make_unique<ExecSink>(
-      *this, std::move(engine),
-      ExecSink::Settings{name, settings_.command.front(), settings_.timeout, settings_.isEnding});
+  auto engine = std::make_unique<Engine>(
+      keepers_, command, [name](const std::string& line) { writeEngineLine(name, line); });
+  auto sink = std::make_unique<ExecSink>(*this, std::move(engine),
+                                         ExecSink::Settings{queue, name, settings_.command.front(),
+                                                            settings_.timeout, settings_.isEnding});
   sink->awaitStart();
   return sink;
+} catch (const std::exception&) {
+  noteFailure(queue, EngineFailure::NotStarted);
+  throw;
 }
 
 /// Ends in the nanoseconds of its second, where a count would begin again with each daemon.
@@ -73,6 +81,17 @@ std::string ExecStore::nameFor(const std::string& queue, std::time_t opened) {
 void ExecStore::lookAfter(std::unique_ptr<Engine> engine) {
   const std::lock_guard<std::mutex> lock(mutex_);
   dying_.push_back(std::move(engine));
+}
+
+void ExecStore::noteFailure(const std::string& queue, EngineFailure failure) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  ++failures_[queue][static_cast<std::size_t>(failure)];
+}
+
+EngineFailureCounts ExecStore::failuresOf(const std::string& queue) const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  const auto found = failures_.find(queue);
+  return found == failures_.end() ? EngineFailureCounts{} : found->second;
 }
 
 void ExecStore::tidyUp() noexcept {
