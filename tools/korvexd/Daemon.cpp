@@ -3,7 +3,6 @@
 #include <korvex/receiver/BusErrorGuard.h>
 #include <korvex/receiver/Leftovers.h>
 #include <signal.h>
-#include <spdlog/spdlog.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -11,7 +10,10 @@
 #include <cerrno>
 #include <utility>
 
+#include "korvexd/log/LogEntry.h"
+#include "korvexd/os/Heartbeat.h"
 #include "korvexd/os/Thread.h"
+#include "korvexd/service/StatusText.h"
 #include "korvexd/sink/DiscardSink.h"
 
 namespace korvexd {
@@ -78,26 +80,41 @@ class ServerThreads {
 
 }  // namespace
 
-Daemon::Daemon(const Options& options) : endSignals_(endSignals()), limits_(options.queue.limits) {
+Daemon::Daemon(const Options& options, ServiceManager& manager)
+    : manager_(manager), endSignals_(endSignals()), limits_(options.queue.limits) {
   prepareProcess(endSignals_);
   raiseDescriptorLimit();
   receiver::installBusErrorGuard();
   if (options.output) store_.emplace(*options.output);
   if (!options.engine.empty()) {
-    engines_.emplace(ExecStore::Settings{options.engine, options.engineTimeout,
-                                         [this] { return stop_.load(); }});
+    engines_.emplace(ExecStore::Settings{options.engine, options.engineTimeout, [this] {
+                                           Heartbeat::beatOfThisThread();
+                                           return stop_.load();
+                                         }});
   }
   serveQueues(options);
-  if (options.statsFile) createStatsFile(*options.statsFile);
+  createFiles(options);
 }
 
-void Daemon::createStatsFile(const std::string& path) {
+std::vector<QueueStats> Daemon::queueStats() const {
   std::vector<QueueStats> stats;
   for (const auto& served : queues_) {
     stats.push_back({served->receiver.queue(), &served->receiver.counters(), &served->log});
   }
-  statsFile_.emplace(path, std::move(stats));
-  statsFile_->update();
+  return stats;
+}
+
+void Daemon::createFiles(const Options& options) {
+  if (options.statsFile) {
+    statsFile_.emplace(*options.statsFile, queueStats());
+    statsFile_->update();
+  }
+  if (options.metricsFile) {
+    metricsFile_.emplace(*options.metricsFile, [this](const std::string& queue) {
+      return engines_ ? engines_->failuresOf(queue) : EngineFailureCounts{};
+    });
+    metricsFile_->update(queueStats(), 0);
+  }
 }
 
 receiver::SinkFactory Daemon::sinkFactory() {
@@ -119,7 +136,9 @@ Daemon::Served::Served(const receiver::Receiver::Settings& settings, receiver::S
 
 void Daemon::serveQueues(const Options& options) {
   for (const std::string& name : receiver::removeHalfMadeQueues()) {
-    spdlog::info("removed {}, half made by a daemon that was killed", name);
+    writeLog(LogEntry(Event::HalfMadeRemoved, spdlog::level::info, "",
+                      "removed " + name + ", half made by a daemon that was killed")
+                 .with("object", name));
   }
   receiver::Receiver::Settings settings = options.queue;
   for (const std::string& queue : options.queues) {
@@ -130,20 +149,29 @@ void Daemon::serveQueues(const Options& options) {
 
 void Daemon::run() {
   {
+    Watchdog watchdog(manager_);
     ServerThreads threads(stop_);
     for (const auto& served : queues_) threads.start(served->receiver);
+    watchdog.watch(loops());
     announceServing();
+    manager_.ready(statusText());
     awaitSignal();
+    manager_.stopping();
   }
-  updateStats();
+  updateFiles();
   queues_.clear();
 }
 
 /// Only when everything else is done: the reader of these lines relies on it.
 void Daemon::announceServing() const {
   for (const auto& served : queues_) {
-    spdlog::info("serving {}, {} messages of {} bytes", served->receiver.queue(), limits_.messages,
-                 limits_.messageSize);
+    const std::string& queue = served->receiver.queue();
+    writeLog(LogEntry(Event::Serving, spdlog::level::info, "",
+                      "serving " + queue + ", " + std::to_string(limits_.messages) +
+                          " messages of " + std::to_string(limits_.messageSize) + " bytes")
+                 .with("queue", queue)
+                 .with("messages", std::uint64_t{limits_.messages})
+                 .with("message_size", std::uint64_t{limits_.messageSize}));
   }
 }
 
@@ -155,17 +183,43 @@ void Daemon::awaitSignal() {
 void Daemon::doRegularly() noexcept {
   if (engines_) engines_->tidyUp();
   for (const auto& served : queues_) served->log.update();
-  updateStats();
+  updateFiles();
+  manager_.status(statusText());
 }
 
-void Daemon::updateStats() noexcept {
-  if (!statsFile_) return;
+std::string Daemon::statusText() const {
+  std::vector<const receiver::Counters*> counters;
+  for (const auto& served : queues_) counters.push_back(&served->receiver.counters());
+  return korvexd::statusText(counters);
+}
+
+std::vector<Watchdog::Loop> Daemon::loops() const {
+  std::vector<Watchdog::Loop> loops;
+  for (const auto& served : queues_) {
+    loops.push_back({served->receiver.queue(), &served->log.heartbeat()});
+  }
+  return loops;
+}
+
+void Daemon::updateFiles() noexcept {
+  if (statsFile_) {
+    attempt(statsTrouble_, [this] { statsFile_->update(); });
+  }
+  if (metricsFile_) {
+    attempt(metricsTrouble_,
+            [this] { metricsFile_->update(queueStats(), statsTrouble_.failures); });
+  }
+}
+
+template <typename Update>
+void Daemon::attempt(Trouble& trouble, Update update) noexcept {
   try {
-    statsFile_->update();
-    statsFailed_ = false;
+    update();
+    trouble.isReported = false;
   } catch (const std::exception& error) {
-    // Said once until it works again.
-    if (!std::exchange(statsFailed_, true)) spdlog::warn("{}", error.what());
+    ++trouble.failures;
+    if (std::exchange(trouble.isReported, true)) return;
+    writeLog({Event::FileFailed, spdlog::level::warn, "", error.what()});
   }
 }
 

@@ -12,8 +12,11 @@
 
 #include "korvexd/Options.h"
 #include "korvexd/exec/ExecStore.h"
+#include "korvexd/metrics/MetricsFile.h"
 #include "korvexd/report/StatsFile.h"
 #include "korvexd/report/StreamLog.h"
+#include "korvexd/service/ServiceManager.h"
+#include "korvexd/service/Watchdog.h"
 #include "korvexd/sink/DirectoryStore.h"
 
 namespace korvexd {
@@ -25,8 +28,8 @@ class Daemon {
  public:
   /// Creates the queues. Changes the process: SIGTERM, SIGINT and SIGHUP are blocked, SIGPIPE and
   /// SIGXFSZ ignored, and the file mode mask is 077. Throws std::exception when something cannot be
-  /// made; no queue is left then.
-  explicit Daemon(const Options& options);
+  /// made; no queue is left then. `manager` outlives the daemon.
+  Daemon(const Options& options, ServiceManager& manager);
 
   /// Serves until SIGTERM comes, or SIGINT or SIGHUP where they were not ignored at the start. What
   /// producers have sent by then is taken, open streams end as incomplete, the queues are removed.
@@ -45,19 +48,34 @@ class Daemon {
 
   receiver::SinkFactory sinkFactory();
   void serveQueues(const Options& options);
-  void createStatsFile(const std::string& path);
+  std::vector<QueueStats> queueStats() const;
+  void createFiles(const Options& options);
   void announceServing() const;
   void awaitSignal();
   void doRegularly() noexcept;
-  void updateStats() noexcept;
+  std::string statusText() const;
+  std::vector<Watchdog::Loop> loops() const;
+  void updateFiles() noexcept;
 
+  /// A file that cannot be written: said once until it works again.
+  struct Trouble {
+    std::uint64_t failures = 0;
+    bool isReported = false;
+  };
+
+  template <typename Update>
+  static void attempt(Trouble& trouble, Update update) noexcept;
+
+  ServiceManager& manager_;
   const sigset_t endSignals_;
   const receiver::Limits limits_;
   std::optional<DirectoryStore> store_;
   std::optional<ExecStore> engines_;
   std::vector<std::unique_ptr<Served>> queues_;
   std::optional<StatsFile> statsFile_;
-  bool statsFailed_ = false;
+  Trouble statsTrouble_;
+  std::optional<MetricsFile> metricsFile_;
+  Trouble metricsTrouble_;
   std::atomic<bool> stop_{false};
 };
 
