@@ -156,8 +156,11 @@ def scrape(rules, daemon, tool):
     promtool, exporter, server = map(program, ("promtool", "prometheus-node-exporter", "prometheus"))
     queue = f"korvex-monitoring-{os.getpid()}"
     with tempfile.TemporaryDirectory(prefix="korvex-test-") as folder:
-        metrics = os.path.join(folder, "textfile", "shop.prom")
+        metrics = os.path.join(folder, "metrics", "shop.prom")
+        collected = os.path.join(folder, "textfile")
         os.mkdir(os.path.dirname(metrics))
+        os.mkdir(collected)
+        os.symlink(metrics, os.path.join(collected, "shop.prom"))
         exporter_port, port = free_port(), free_port()
         configuration = write_configuration(folder, os.path.abspath(rules), exporter_port)
         with Running(folder, "korvexd", [daemon, "--queue", queue, "--discard",
@@ -165,7 +168,7 @@ def scrape(rules, daemon, tool):
              Running(folder, "exporter", [
                  exporter, f"--web.listen-address=127.0.0.1:{exporter_port}",
                  "--collector.disable-defaults", "--collector.textfile",
-                 "--collector.textfile.directory=" + os.path.dirname(metrics)]) as node, \
+                 "--collector.textfile.directory=" + collected]) as node, \
              Running(folder, "prometheus", [
                  server, "--config.file=" + configuration, "--log.level=warn",
                  "--storage.tsdb.path=" + os.path.join(folder, "database"),
