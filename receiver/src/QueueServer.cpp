@@ -41,12 +41,20 @@ void QueueServer::open(Receiver::Existing existing) {
 void QueueServer::run(const std::atomic<bool>& stop) noexcept {
   stop_ = &stop;
   while (!stop) serveOnce();
+  observer_.working();
   drain();
   session_.end(Ending::ReceiverEnded, "the daemon ended");
   observer_.waiting();
 }
 
 bool QueueServer::serveOnce() noexcept {
+  observer_.working();
+  const bool hasTaken = tryStep();
+  observer_.waiting();
+  return hasTaken;
+}
+
+bool QueueServer::tryStep() noexcept {
   try {
     return step();
   } catch (const std::exception& error) {
@@ -88,7 +96,6 @@ void QueueServer::reportUntaken() {
 /// Tries one message. Tries an empty queue too, if its lock is taken: the lock's owner may be
 /// dead.
 bool QueueServer::step() {
-  observer_.working();
   if (pair_ == nullptr) {
     reopen();
     return false;

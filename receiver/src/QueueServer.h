@@ -39,6 +39,7 @@ class QueueServer {
   using Clock = MessageQueue::Clock;
 
   void open(Receiver::Existing existing);
+  bool tryStep() noexcept;
   bool step();
   void drain() noexcept;
   void takeRest();

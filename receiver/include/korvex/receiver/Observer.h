@@ -68,7 +68,7 @@ class KORVEX_RECEIVER_EXPORT Observer {
   /// that it still does.
   virtual void working() noexcept;
 
-  /// Nothing is there to do, and the thread is about to wait for it.
+  /// The step is over, or the thread is about to wait for something to do.
   virtual void waiting() noexcept;
 };
 
