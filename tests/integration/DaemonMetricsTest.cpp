@@ -358,7 +358,7 @@ TEST_P(FailingPath, ShowsInTheMetrics) {
   EXPECT_TRUE(eventually([this] { return metric(GetParam().sample) > 0; })) << daemon_->errors();
 }
 
-TEST_F(DaemonMetrics, SayHowLongAgoTheLastSuccessWasAfterARestartToo) {
+TEST_F(DaemonMetrics, KeepTheLastSuccessAcrossARestart) {
   startStoring();
   stream("abc");
   const char* const sample = "korvex_last_success_timestamp_seconds{queue=\"QUEUE\"}";

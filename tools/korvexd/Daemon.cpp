@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "common/QueueName.h"
 #include "korvexd/log/LogEntry.h"
 #include "korvexd/os/Heartbeat.h"
 #include "korvexd/os/Thread.h"
@@ -169,7 +170,7 @@ void Daemon::announceServing() const {
     writeLog(LogEntry(Event::Serving, spdlog::level::info, "",
                       "serving " + queue + ", " + std::to_string(limits_.messages) +
                           " messages of " + std::to_string(limits_.messageSize) + " bytes")
-                 .with("queue", queue)
+                 .with("queue", korvex::common::jsonNameOf(queue))
                  .with("messages", std::uint64_t{limits_.messages})
                  .with("message_size", std::uint64_t{limits_.messageSize}));
   }
@@ -184,7 +185,15 @@ void Daemon::doRegularly() noexcept {
   if (engines_) engines_->tidyUp();
   for (const auto& served : queues_) served->log.update();
   updateFiles();
-  manager_.status(statusText());
+  tellStatus();
+}
+
+void Daemon::tellStatus() noexcept {
+  try {
+    manager_.status(statusText());
+  } catch (const std::exception&) {
+    // No memory just now; told again in a second.
+  }
 }
 
 std::string Daemon::statusText() const {

@@ -53,6 +53,7 @@ class Daemon {
   void announceServing() const;
   void awaitSignal();
   void doRegularly() noexcept;
+  void tellStatus() noexcept;
   std::string statusText() const;
   std::vector<Watchdog::Loop> loops() const;
   void updateFiles() noexcept;

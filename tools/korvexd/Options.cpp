@@ -23,8 +23,8 @@ using korvex::receiver::Receiver;
 constexpr long kLongestTimeout = 7L * 24 * 3600;
 constexpr mode_t kModeNeeded = 0600;
 constexpr int kOctal = 8;
-const char kTextFormat[] = "text";
-const char kJsonFormat[] = "json";
+constexpr const char* kTextFormat = "text";
+constexpr const char* kJsonFormat = "json";
 
 /// Words of a command line may hold anything, and a terminal obeys some of it.
 std::string complaint(const CLI::App* app, const CLI::Error& error) {

@@ -24,8 +24,9 @@ std::uint64_t nanosecondsNow() {
       std::chrono::duration_cast<std::chrono::nanoseconds>(now).count());
 }
 
-void writeEngineLine(const std::string& stream, const std::string& line) {
+void writeEngineLine(const std::string& queue, const std::string& stream, const std::string& line) {
   writeLog(LogEntry(Event::EngineLine, spdlog::level::info, "", stream + ": engine: " + line)
+               .with("queue", korvex::common::jsonNameOf(queue))
                .with("stream", stream)
                .with("line", line));
 }
@@ -55,8 +56,9 @@ std::unique_ptr<receiver::Sink> ExecStore::open(const std::string& queue, std::t
        fmt::format("KORVEX_OPENED={:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(opened)),
        "KORVEX_STREAM=" + name},
       settings_.timeout};
-  auto engine = std::make_unique<Engine>(
-      keepers_, command, [name](const std::string& line) { writeEngineLine(name, line); });
+  auto engine = std::make_unique<Engine>(keepers_, command, [queue, name](const std::string& line) {
+    writeEngineLine(queue, name, line);
+  });
   auto sink = std::make_unique<ExecSink>(*this, std::move(engine),
                                          ExecSink::Settings{queue, name, settings_.command.front(),
                                                             settings_.timeout, settings_.isEnding});

@@ -173,9 +173,9 @@ void addLostLines(Samples& to, const DaemonNumbers& from) {
 
 std::uint64_t seconds(std::time_t time) { return static_cast<std::uint64_t>(time); }
 
-constexpr char kLastSuccess[] = "korvex_last_success_timestamp_seconds";
-constexpr char kCounter[] = "counter";
-constexpr char kGauge[] = "gauge";
+constexpr const char* kLastSuccess = "korvex_last_success_timestamp_seconds";
+constexpr const char* kCounter = "counter";
+constexpr const char* kGauge = "gauge";
 
 }  // namespace
 

@@ -10,6 +10,18 @@ using korvex::receiver::BatchCheck;
 using korvex::receiver::StreamSummary;
 
 namespace level = spdlog::level;
+namespace {
+
+/// A line that memory is too short for is lost; the stream goes on.
+template <typename Write>
+void quietly(Write write) noexcept {
+  try {
+    write();
+  } catch (const std::exception&) {
+  }
+}
+
+}  // namespace
 
 StreamLog::StreamLog(std::string queue, const std::optional<std::string>& captureFolder)
     : queue_(std::move(queue)), log_(queue_) {
@@ -28,8 +40,10 @@ void StreamLog::messageReceived(std::uint64_t number, const unsigned char* untru
   } catch (const std::exception& error) {
     // Reported once; a full disk would otherwise fill the log as well.
     if (counts_.captureFailures++ > 0) return;
-    writeLog({Event::CaptureFailed, level::warn, queue_,
-              fmt::format("batch {}: {}", firstNumber_ + number, error.what())});
+    quietly([&] {
+      writeLog({Event::CaptureFailed, level::warn, queue_,
+                fmt::format("batch {}: {}", firstNumber_ + number, error.what())});
+    });
   }
 }
 
@@ -135,15 +149,13 @@ void StreamLog::count(const StreamSummary& summary) noexcept {
   ++counts_.ended[static_cast<std::size_t>(summary.ending)];
 }
 
-/// A line that memory is too short for is lost; the stream goes on.
 template <typename MakeEntry>
 void StreamLog::write(QueueLog::Kind kind, MakeEntry makeEntry) noexcept {
-  try {
+  quietly([&] {
     const LogEntry entry = makeEntry();
     const std::lock_guard<std::mutex> lock(mutex_);
     log_.write(kind, entry);
-  } catch (const std::exception&) {
-  }
+  });
 }
 
 }  // namespace korvexd
