@@ -8,13 +8,13 @@
 #include <time.h>
 
 #include <cerrno>
+#include <new>
 #include <utility>
 
 #include "common/QueueName.h"
 #include "korvexd/log/LogEntry.h"
 #include "korvexd/os/Heartbeat.h"
 #include "korvexd/os/Thread.h"
-#include "korvexd/service/StatusText.h"
 #include "korvexd/sink/DiscardSink.h"
 
 namespace korvexd {
@@ -82,7 +82,7 @@ class ServerThreads {
 }  // namespace
 
 Daemon::Daemon(const Options& options, ServiceManager& manager)
-    : manager_(manager), endSignals_(endSignals()), limits_(options.queue.limits) {
+    : endSignals_(endSignals()), limits_(options.queue.limits), supervision_(manager) {
   prepareProcess(endSignals_);
   raiseDescriptorLimit();
   receiver::installBusErrorGuard();
@@ -110,12 +110,9 @@ void Daemon::createFiles(const Options& options) {
     statsFile_.emplace(*options.statsFile, queueStats());
     statsFile_->update();
   }
-  if (options.metricsFile) {
-    metricsFile_.emplace(*options.metricsFile, [this](const std::string& queue) {
-      return engines_ ? engines_->failuresOf(queue) : EngineFailureCounts{};
-    });
-    metricsFile_->update(queueStats(), 0);
-  }
+  supervision_.keepMetrics(options.metricsFile, queueStats(), [this](const std::string& queue) {
+    return engines_ ? engines_->failuresOf(queue) : EngineFailureCounts{};
+  });
 }
 
 receiver::SinkFactory Daemon::sinkFactory() {
@@ -150,16 +147,15 @@ void Daemon::serveQueues(const Options& options) {
 
 void Daemon::run() {
   {
-    Watchdog watchdog(manager_);
     ServerThreads threads(stop_);
     for (const auto& served : queues_) threads.start(served->receiver);
-    watchdog.watch(loops());
     announceServing();
-    manager_.ready(statusText());
+    supervision_.ready(queueStats());
     awaitSignal();
-    manager_.stopping();
+    supervision_.stopping();
   }
-  updateFiles();
+  updateStats();
+  supervision_.over(queueStats(), statsWrites_.failures());
   queues_.clear();
 }
 
@@ -184,52 +180,16 @@ void Daemon::awaitSignal() {
 void Daemon::doRegularly() noexcept {
   if (engines_) engines_->tidyUp();
   for (const auto& served : queues_) served->log.update();
-  updateFiles();
-  tellStatus();
-}
-
-void Daemon::tellStatus() noexcept {
+  updateStats();
   try {
-    manager_.status(statusText());
-  } catch (const std::exception&) {
-    // No memory just now; told again in a second.
+    supervision_.update(queueStats(), statsWrites_.failures());
+  } catch (const std::bad_alloc&) {
+    // Told again in a second.
   }
 }
 
-std::string Daemon::statusText() const {
-  std::vector<const receiver::Counters*> counters;
-  for (const auto& served : queues_) counters.push_back(&served->receiver.counters());
-  return korvexd::statusText(counters);
-}
-
-std::vector<Watchdog::Loop> Daemon::loops() const {
-  std::vector<Watchdog::Loop> loops;
-  for (const auto& served : queues_) {
-    loops.push_back({served->receiver.queue(), &served->log.heartbeat()});
-  }
-  return loops;
-}
-
-void Daemon::updateFiles() noexcept {
-  if (statsFile_) {
-    attempt(statsTrouble_, [this] { statsFile_->update(); });
-  }
-  if (metricsFile_) {
-    attempt(metricsTrouble_,
-            [this] { metricsFile_->update(queueStats(), statsTrouble_.failures); });
-  }
-}
-
-template <typename Update>
-void Daemon::attempt(Trouble& trouble, Update update) noexcept {
-  try {
-    update();
-    trouble.isReported = false;
-  } catch (const std::exception& error) {
-    ++trouble.failures;
-    if (std::exchange(trouble.isReported, true)) return;
-    writeLog({Event::FileFailed, spdlog::level::warn, "", error.what()});
-  }
+void Daemon::updateStats() noexcept {
+  if (statsFile_) statsWrites_.attempt([this] { statsFile_->update(); });
 }
 
 }  // namespace korvexd

@@ -11,12 +11,11 @@
 #include <vector>
 
 #include "korvexd/Options.h"
+#include "korvexd/Supervision.h"
 #include "korvexd/exec/ExecStore.h"
-#include "korvexd/metrics/MetricsFile.h"
+#include "korvexd/report/Attempts.h"
 #include "korvexd/report/StatsFile.h"
 #include "korvexd/report/StreamLog.h"
-#include "korvexd/service/ServiceManager.h"
-#include "korvexd/service/Watchdog.h"
 #include "korvexd/sink/DirectoryStore.h"
 
 namespace korvexd {
@@ -53,30 +52,16 @@ class Daemon {
   void announceServing() const;
   void awaitSignal();
   void doRegularly() noexcept;
-  void tellStatus() noexcept;
-  std::string statusText() const;
-  std::vector<Watchdog::Loop> loops() const;
-  void updateFiles() noexcept;
+  void updateStats() noexcept;
 
-  /// A file that cannot be written: said once until it works again.
-  struct Trouble {
-    std::uint64_t failures = 0;
-    bool isReported = false;
-  };
-
-  template <typename Update>
-  static void attempt(Trouble& trouble, Update update) noexcept;
-
-  ServiceManager& manager_;
   const sigset_t endSignals_;
   const receiver::Limits limits_;
   std::optional<DirectoryStore> store_;
   std::optional<ExecStore> engines_;
   std::vector<std::unique_ptr<Served>> queues_;
   std::optional<StatsFile> statsFile_;
-  Trouble statsTrouble_;
-  std::optional<MetricsFile> metricsFile_;
-  Trouble metricsTrouble_;
+  Attempts statsWrites_;
+  Supervision supervision_;
   std::atomic<bool> stop_{false};
 };
 

@@ -2,6 +2,8 @@
 
 #include <spdlog/spdlog.h>
 
+#include <exception>
+
 namespace korvexd {
 namespace {
 
@@ -10,11 +12,14 @@ thread_local const LogEntry* current = nullptr;
 
 }  // namespace
 
-void writeLog(const LogEntry& entry) {
-  const std::string text = entry.fullText();
+void writeLog(const LogEntry& entry) noexcept {
   current = &entry;
-  spdlog::default_logger_raw()->log(entry.level,
-                                    spdlog::string_view_t(text));  // keeps its failures
+  try {
+    const std::string text = entry.fullText();
+    spdlog::default_logger_raw()->log(entry.level, spdlog::string_view_t(text));
+  } catch (const std::exception&) {
+    // Nothing more can be said about it.
+  }
   current = nullptr;
 }
 

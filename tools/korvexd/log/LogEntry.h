@@ -97,8 +97,9 @@ struct LogEntry {
   std::vector<std::pair<const char*, Value>> fields;
 };
 
-/// Writes it to the process's log. Any thread may call it.
-void writeLog(const LogEntry& entry);
+/// Writes it to the process's log; one that memory is too short for is lost. Any thread may call
+/// it.
+void writeLog(const LogEntry& entry) noexcept;
 
 /// The entry that this thread is writing just now; none for what comes to the log otherwise.
 const LogEntry* entryBeingWritten() noexcept;
