@@ -10,8 +10,8 @@
 
 #include "integration/ExecFixture.h"
 #include "queue/MessageQueue.h"
-#include "support/BatchBytes.h"
 #include "support/LockHolder.h"
+#include "support/WireFormat.h"
 
 using korvex::test::BatchBytes;
 using korvex::test::Bytes;
