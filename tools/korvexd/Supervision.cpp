@@ -15,7 +15,7 @@ std::string statusOf(const Supervision::Queues& queues) {
 
 std::vector<Watchdog::Loop> loopsOf(const Supervision::Queues& queues) {
   std::vector<Watchdog::Loop> loops;
-  for (const QueueStats& queue : queues) loops.push_back({queue.queue, &queue.log->heartbeat()});
+  for (const QueueStats& queue : queues) loops.push_back({queue.queue, queue.log->heartbeat()});
   return loops;
 }
 

@@ -27,8 +27,7 @@ class Supervision {
   void keepMetrics(const std::optional<std::string>& path, const Queues& queues,
                    MetricsFile::EngineFailuresOf engineFailuresOf);
 
-  /// Producers may come, for the first time or after a reload. The queues must stay until the next
-  /// call of this or over().
+  /// Producers may come, for the first time or after a reload.
   void ready(const Queues& queues);
 
   void reloading() { manager_.reloading(); }

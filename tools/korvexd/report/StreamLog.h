@@ -4,6 +4,7 @@
 #include <korvex/receiver/Observer.h>
 
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -28,7 +29,9 @@ class StreamLog : public korvex::receiver::Observer {
 
   /// May be read by any thread.
   const QueueCounts& counts() const noexcept { return counts_; }
-  const Heartbeat& heartbeat() const noexcept { return heartbeat_; }
+
+  /// May be looked at even when this is gone.
+  std::shared_ptr<const Heartbeat> heartbeat() const noexcept { return heartbeat_; }
 
   void messageReceived(std::uint64_t number, const unsigned char* untrusted,
                        std::size_t size) noexcept override;
@@ -45,8 +48,8 @@ class StreamLog : public korvex::receiver::Observer {
   void queuesNotReplaced(const std::string& reason) noexcept override;
   void queuesReplaced() noexcept override;
   void messagesLeft(std::size_t count) noexcept override;
-  void working() noexcept override { heartbeat_.beat(); }
-  void waiting() noexcept override { heartbeat_.rest(); }
+  void working() noexcept override { heartbeat_->beat(); }
+  void waiting() noexcept override { heartbeat_->rest(); }
 
  private:
   void count(const korvex::receiver::StreamSummary& summary) noexcept;
@@ -60,7 +63,7 @@ class StreamLog : public korvex::receiver::Observer {
   std::optional<Capture> capture_;
   std::uint64_t firstNumber_ = 0;  ///< messages that earlier daemons captured
   QueueCounts counts_;
-  Heartbeat heartbeat_;
+  const std::shared_ptr<Heartbeat> heartbeat_ = std::make_shared<Heartbeat>();
 };
 
 }  // namespace korvexd

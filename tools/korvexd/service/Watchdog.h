@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -22,7 +23,7 @@ class Watchdog {
  public:
   struct Loop {
     std::string queue;
-    const Heartbeat* heartbeat;
+    std::shared_ptr<const Heartbeat> heartbeat;
   };
 
   /// `manager` outlives it. Throws SystemError when there is no thread to be had.
@@ -31,7 +32,7 @@ class Watchdog {
   Watchdog(const Watchdog&) = delete;
   Watchdog& operator=(const Watchdog&) = delete;
 
-  /// From now on these loops, which must stay until the next call.
+  /// From now on these loops. One that ends rests.
   void watch(std::vector<Loop> loops);
 
  private:

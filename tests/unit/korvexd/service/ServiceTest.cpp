@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <memory>
 
 #include "korvexd/service/ServiceManager.h"
 #include "korvexd/service/StatusText.h"
@@ -125,25 +126,24 @@ TEST_F(Service, WatchesNobodyElseInItsPlace) {
 TEST_F(Service, IsFedWhileEachLoopBeatsOrRests) {
   offer(socket_, "40000");
   ServiceManager manager;
-  Heartbeat resting;
   Watchdog watchdog(manager);
-  watchdog.watch({{"resting", &resting}});
+  watchdog.watch({{"resting", std::make_shared<Heartbeat>()}});
   for (int i = 0; i < 5; ++i) EXPECT_EQ(socket_.next(), "WATCHDOG=1");
 }
 
 TEST_F(Service, IsNotFedWhileOneLoopIsSilent) {
   offer(socket_, "40000");
   ServiceManager manager;
-  Heartbeat resting;
-  Heartbeat stuck;
-  stuck.beat();
-  while (stuck.silence() < std::chrono::milliseconds(20)) {
+  const auto resting = std::make_shared<Heartbeat>();
+  const auto stuck = std::make_shared<Heartbeat>();
+  stuck->beat();
+  while (stuck->silence() < std::chrono::milliseconds(20)) {
   }
   Watchdog watchdog(manager);
-  watchdog.watch({{"resting", &resting}, {"stuck", &stuck}});
+  watchdog.watch({{"resting", resting}, {"stuck", stuck}});
   socket_.forget();  // what came before it knew the loops
   EXPECT_EQ(socket_.next(std::chrono::milliseconds(200)), "");
-  stuck.rest();
+  stuck->rest();
   EXPECT_EQ(socket_.next(), "WATCHDOG=1");
 }
 
