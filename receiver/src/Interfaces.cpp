@@ -18,7 +18,7 @@ void Observer::streamComplete(const StreamSummary&, const std::string&) noexcept
 void Observer::streamIncomplete(const StreamSummary&, const std::string&,
                                 const std::string&) noexcept {}
 void Observer::abandoningFailed(const std::string&) noexcept {}
-void Observer::batchRefused(std::uint64_t, const std::string&) noexcept {}
+void Observer::batchRefused(std::uint64_t, const BatchCheck&) noexcept {}
 void Observer::recordRefused(const std::string&) noexcept {}
 void Observer::queuesLost(const std::string&) noexcept {}
 void Observer::queuesNotReplaced(const std::string&) noexcept {}
@@ -28,5 +28,7 @@ void Observer::settingsChanged() noexcept {}
 void Observer::settingsNotChanged(const std::string&) noexcept {}
 
 void Observer::messagesLeft(std::size_t) noexcept {}
+void Observer::working() noexcept {}
+void Observer::waiting() noexcept {}
 
 }  // namespace korvex::receiver

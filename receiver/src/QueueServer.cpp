@@ -54,12 +54,21 @@ void QueueServer::open(Receiver::Existing existing) {
 void QueueServer::run(const std::atomic<bool>& stop) noexcept {
   stop_ = &stop;
   while (!stop) serveOnce();
+  observer_.working();
   drain();
-  session_.end("the daemon ended");
+  session_.end(Ending::ReceiverEnded, "the daemon ended");
+  observer_.waiting();
   stop_ = nullptr;
 }
 
 bool QueueServer::serveOnce() noexcept {
+  observer_.working();
+  const bool hasTaken = tryStep();
+  observer_.waiting();
+  return hasTaken;
+}
+
+bool QueueServer::tryStep() noexcept {
   try {
     return step();
   } catch (const std::exception& error) {
@@ -134,6 +143,7 @@ bool QueueServer::tryTakeMessage() {
 bool QueueServer::receive(const Buffer& message, std::size_t& size) {
   const auto outcome = pair_->batches().receive(message.get(), settings_.limits.messageSize, size);
   if (outcome != MessageQueue::Outcome::Done) return false;
+  observer_.working();
   counters_.add(Count::Batches);
   observer_.messageReceived(++messageNumber_, message.get(), size);
   return true;
@@ -168,6 +178,7 @@ void QueueServer::watchStream() {
 
 /// A queue that is lost meanwhile is noticed afterwards, when the receipt is sent.
 bool QueueServer::stillFinishing() noexcept {
+  observer_.working();
   try {
     takeEmptyBatches();
     sayFinishing();
@@ -201,12 +212,16 @@ void QueueServer::takeNextMessage() {
   takeMessage(*std::exchange(nextSize_, std::nullopt));
 }
 
-void QueueServer::pause() noexcept { pause_.wait(Clock::now() + kLongestPause); }
+void QueueServer::pause() noexcept {
+  observer_.waiting();
+  pause_.wait(Clock::now() + kLongestPause);
+}
 
 /// The watch does not notice room for pending replies.
 void QueueServer::pauseWhileIdle(Clock::time_point now) noexcept {
   const bool isOnTheAlert = now - lastSign_ < kAlertness;
   if (!idlePlace_ || stop_ == nullptr || isOnTheAlert || replies_->isPending()) return pause();
+  observer_.waiting();
   const bool hasNews = idlePlace_->await(
       {pair_->batches().view(), *stop_, hasOrders_, lastSign_, nextLook_}, nextLookAtStream());
   if (hasNews) pause_.reset();
@@ -232,7 +247,7 @@ void QueueServer::takeMessage(std::size_t size) {
   if (check.ok()) {
     takeRecords(size);
   } else {
-    refuseBatch(check.text());
+    refuseBatch(check);
   }
   lastSign_ = Clock::now();  // after the sink: its slowness is not the producer's silence
 }
@@ -251,16 +266,16 @@ void QueueServer::answer(const StreamSession::Answer& answer) {
   if (answer) replies_->send(*answer);
 }
 
-void QueueServer::refuseBatch(const std::string& defect) {
+void QueueServer::refuseBatch(const BatchCheck& check) {
   counters_.add(Count::BadBatches);
-  observer_.batchRefused(messageNumber_, defect);
-  answer(session_.takeDamage(defect));
+  observer_.batchRefused(messageNumber_, check);
+  answer(session_.takeDamage(check.text()));
 }
 
 void QueueServer::replacePair(const std::string& reason) noexcept {
   observer_.queuesLost(reason);
   counters_.add(Count::QueueReplacements);
-  session_.end("its queues were lost: " + reason);
+  session_.end(Ending::QueuesLost, "its queues were lost: " + reason);
   dropPair();
 }
 

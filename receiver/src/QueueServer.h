@@ -59,6 +59,7 @@ class QueueServer {
   void takeSettings(const Receiver::Settings& settings);
   void replacePairAfterChange(const Receiver::Settings& before);
   void prepareRetirement();
+  bool tryStep() noexcept;
   bool step();
   void drain() noexcept;
   void takeRest();
@@ -75,7 +76,7 @@ class QueueServer {
   void takeMessage(std::size_t size);
   void takeRecords(std::size_t size);
   void answer(const StreamSession::Answer& answer);
-  void refuseBatch(const std::string& defect);
+  void refuseBatch(const BatchCheck& check);
   void replacePair(const std::string& reason) noexcept;
   void dropPair() noexcept;
   void reopen() noexcept;

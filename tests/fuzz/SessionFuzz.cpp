@@ -141,7 +141,7 @@ class Run {
         return check(model_.takeDamage(), session.takeDamage("cut"), "damaged batch: cut");
       case 7:
         if (how % 2 != 0) return record(session, signedByte(input), how, input);
-        session.end("ended");
+        session.end(korvex::receiver::Ending::ReceiverEnded, "ended");
         model_.end();
         return compare();
       default:

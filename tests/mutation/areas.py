@@ -49,6 +49,7 @@ SEND_TESTS = Program("tests/integration/korvex_send_integration_tests")
 STRANGE_OBJECT_TESTS = Program("tests/integration/korvexd_strange_object_tests")
 EXEC_TESTS = Program("tests/integration/korvexd_exec_tests")
 DAEMON_TESTS = Program("tests/integration/korvexd_integration_tests")
+OPERATING_TESTS = Program("tests/integration/korvexd_operating_tests")
 
 AREAS = (
     Area("library",
@@ -81,7 +82,7 @@ AREAS = (
           tuple(tool_program(f"tests/unit/korvexd/korvexd_{name}_tests")
                 for name in ("rename", "writeback", "log_loss"))),
          (DAEMON_TESTS, Program("tests/integration/korvexd_failing_sink_tests"), EXEC_TESTS,
-          STRANGE_OBJECT_TESTS, SEND_TESTS),
+          STRANGE_OBJECT_TESTS, SEND_TESTS, OPERATING_TESTS),
          TOOLS_GROUND),
     Area("tool",
          (r"tools/(korvex|common)/.*\.(cpp|h)",),

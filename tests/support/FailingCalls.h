@@ -9,7 +9,11 @@ namespace korvex::test {
 
 /// The page that a test shares with a program whose calls are to fail.
 struct FailureOrder {
-  enum class Kind { Single, Lasting };
+  enum class Kind {
+    Single,
+    Lasting,
+    Hanging  ///< until the next order, and then the call is made
+  };
 
   std::atomic<int> callsUntilFailure;  ///< 0: none fails
   std::atomic<int> error;
@@ -38,7 +42,7 @@ class FailingCalls {
   std::vector<std::string> prefix() const;
 
   /// The call with this number from now on (1 is the next) fails with this errno; with `Lasting`
-  /// all later ones too, until the next order.
+  /// all later ones too, until the next order. With `Hanging` it does not return until then.
   void fail(int call, int error, FailureOrder::Kind kind);
 
   /// Nothing fails from now on. Returns whether anything did since fail().

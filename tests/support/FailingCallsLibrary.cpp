@@ -47,6 +47,10 @@ bool isInFolder(int descriptor) {
   return std::strncmp(path, folder, length) == 0 && (path[length] == '/' || path[length] == '\0');
 }
 
+void hang(const FailureOrder& order) {
+  while (order.callsUntilFailure != 0) ::usleep(1000);
+}
+
 /// Whether this call is to fail; errno is set then.
 bool mustFail(int descriptor) {
   static FailureOrder* const order = findOrder();
@@ -57,6 +61,10 @@ bool mustFail(int descriptor) {
   }
   if (order->kind == FailureOrder::Kind::Single) order->callsUntilFailure = 0;
   order->happened = true;
+  if (order->kind == FailureOrder::Kind::Hanging) {
+    hang(*order);
+    return false;
+  }
   errno = order->error;
   return true;
 }

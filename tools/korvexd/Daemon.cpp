@@ -3,14 +3,16 @@
 #include <korvex/receiver/BusErrorGuard.h>
 #include <korvex/receiver/Leftovers.h>
 #include <signal.h>
-#include <spdlog/spdlog.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <time.h>
 
 #include <chrono>
+#include <new>
 #include <stdexcept>
 #include <utility>
+
+#include "korvexd/log/LogEntry.h"
 
 namespace korvexd {
 namespace {
@@ -62,34 +64,44 @@ void announceMemory(const std::vector<QueueSettings>& queues) {
   std::uint64_t bytes = 0;
   for (const QueueSettings& queue : queues)
     bytes += receiver::sharedMemoryFor(queue.receiver.limits);
-  spdlog::info("queues: {}, which take {} MiB of /dev/shm", queues.size(),
-               (bytes + kMiB - 1) / kMiB);
+  const std::uint64_t mebibytes = (bytes + kMiB - 1) / kMiB;
+  writeLog(LogEntry(Event::Memory, spdlog::level::info, "",
+                    "queues: " + std::to_string(queues.size()) + ", which take " +
+                        std::to_string(mebibytes) + " MiB of /dev/shm")
+               .with("queues", std::uint64_t{queues.size()})
+               .with("mebibytes", mebibytes));
 }
 
 }  // namespace
 
-Daemon::Daemon(CommandLine commandLine, const Settings& settings)
+Daemon::Daemon(CommandLine commandLine, const Settings& settings, ServiceManager& manager)
     : commandLine_(std::move(commandLine)),
       signals_(awaitedSignals(commandLine_.configFile.has_value())),
-      settings_(settings.daemon) {
+      settings_(settings.daemon),
+      supervision_(manager) {
   prepareProcess(signals_);
   raiseDescriptorLimit();
   receiver::installBusErrorGuard();
   for (const std::string& name : receiver::removeHalfMadeQueues()) {
-    spdlog::info("removed {}, half made by a daemon that was killed", name);
+    writeLog(LogEntry(Event::HalfMadeRemoved, spdlog::level::info, "",
+                      "removed " + name + ", half made by a daemon that was killed")
+                 .with("object", name));
   }
   announceMemory(settings.queues);
   for (const QueueSettings& queue : settings.queues) queues_.add(queue);
-  reportTo(settings_.statsFile);
+  keepFiles();
   if (statsFile_) statsFile_->update();
 }
 
 void Daemon::run() {
   queues_.start();
+  supervision_.ready(queues_.stats());
   awaitEnd();
+  supervision_.stopping();
   if (settings_.drainTimeout.count() > 0) drain();
   queues_.stop();
   updateStats();
+  supervision_.over(queues_.stats(), statsWrites_.failures());
   queues_.clear();
 }
 
@@ -108,55 +120,76 @@ void Daemon::awaitEnd() {
 void Daemon::drain() {
   const auto deadline = std::chrono::steady_clock::now() + settings_.drainTimeout;
   queues_.retire();
-  spdlog::info("ending, open streams have {} seconds to finish", settings_.drainTimeout.count());
+  writeLog({Event::Draining, spdlog::level::info, "",
+            "ending, open streams have " + std::to_string(settings_.drainTimeout.count()) +
+                " seconds to finish"});
   for (unsigned count = 1; !queues_.haveAllRetired(); ++count) {
     const int signal = ::sigtimedwait(&signals_, nullptr, &kDrainInterval);
     const bool isAnotherEnd = signal > 0 && signal != SIGHUP;
     if (isAnotherEnd || std::chrono::steady_clock::now() >= deadline) return;
-    if (count % kDrainIntervalsPerUpdate == 0) updateStats();
+    if (count % kDrainIntervalsPerUpdate == 0) updateReports();
   }
 }
 
 void Daemon::readAgain() noexcept {
+  supervision_.reloading();
   try {
     const Configuration configuration = readConfiguration(commandLine_);
     for (const Mistake& mistake : configuration.mistakes()) {
-      spdlog::error("{}", configuration.textOf(mistake));
+      writeLog(
+          {Event::ConfigurationMistake, spdlog::level::err, "", configuration.textOf(mistake)});
     }
     if (!configuration.mistakes().empty()) throw std::runtime_error("it holds mistakes");
     take(configuration.settings());
-    spdlog::info("configuration read again");
+    writeLog({Event::ConfigurationRead, spdlog::level::info, "", "configuration read again"});
   } catch (const std::exception& error) {
-    spdlog::error("nothing of the configuration is changed: {}", error.what());
+    writeLog({Event::ConfigurationRefused, spdlog::level::err, "",
+              std::string("nothing of the configuration is changed: ") + error.what()});
   }
+  supervision_.ready(queues_.stats());
 }
 
 /// The queues first: they change all together or not at all.
 void Daemon::take(const Settings& settings) {
   queues_.follow(settings.queues);
   settings_ = settings.daemon;
-  reportTo(settings_.statsFile);
+  keepFiles();
 }
 
-void Daemon::reportTo(const std::optional<std::string>& path) {
+void Daemon::keepFiles() {
   statsFile_.reset();
-  if (path) statsFile_.emplace(*path, queues_.stats());
+  if (settings_.statsFile) statsFile_.emplace(*settings_.statsFile, queues_.stats());
+  supervision_.keepMetrics(
+      settings_.metricsFile, queues_.stats(),
+      [this](const std::string& queue) { return queues_.engineFailuresOf(queue); });
 }
 
 void Daemon::doRegularly() noexcept {
-  if (queues_.settle()) reportTo(settings_.statsFile);
+  try {
+    if (queues_.settle()) followQueues();
+  } catch (const std::exception& error) {
+    writeLog({Event::FileFailed, spdlog::level::warn, "", error.what()});
+  }
+  updateReports();
+}
+
+/// Other queues are served than before.
+void Daemon::followQueues() {
+  keepFiles();
+  supervision_.ready(queues_.stats());
+}
+
+void Daemon::updateReports() noexcept {
   updateStats();
+  try {
+    supervision_.update(queues_.stats(), statsWrites_.failures());
+  } catch (const std::bad_alloc&) {
+    // Tried again in a second.
+  }
 }
 
 void Daemon::updateStats() noexcept {
-  if (!statsFile_) return;
-  try {
-    statsFile_->update();
-    statsFailed_ = false;
-  } catch (const std::exception& error) {
-    // Said once until it works again.
-    if (!std::exchange(statsFailed_, true)) spdlog::warn("{}", error.what());
-  }
+  if (statsFile_) statsWrites_.attempt([this] { statsFile_->update(); });
 }
 
 }  // namespace korvexd

@@ -7,7 +7,9 @@
 #include <string>
 
 #include "korvexd/QueueSet.h"
+#include "korvexd/Supervision.h"
 #include "korvexd/config/Configuration.h"
+#include "korvexd/report/Attempts.h"
 #include "korvexd/report/StatsFile.h"
 
 namespace korvexd {
@@ -17,8 +19,9 @@ class Daemon {
  public:
   /// Creates the queues. Changes the process: SIGTERM, SIGINT and SIGHUP are blocked, SIGPIPE and
   /// SIGXFSZ ignored, and the file mode mask is 077. Throws std::exception when something cannot be
-  /// made; no queue is left then. `commandLine` is what gave the settings.
-  Daemon(CommandLine commandLine, const Settings& settings);
+  /// made; no queue is left then. `commandLine` is what gave the settings. `manager` outlives the
+  /// daemon.
+  Daemon(CommandLine commandLine, const Settings& settings, ServiceManager& manager);
 
   /// Serves until SIGTERM comes, or SIGINT or SIGHUP where they were not ignored at the start. With
   /// a configuration file SIGHUP has it read again instead. What producers have sent by the end is
@@ -27,12 +30,14 @@ class Daemon {
   void run();
 
  private:
-  void reportTo(const std::optional<std::string>& path);
+  void keepFiles();
   void awaitEnd();
   void drain();
   void readAgain() noexcept;
   void take(const Settings& settings);
   void doRegularly() noexcept;
+  void followQueues();
+  void updateReports() noexcept;
   void updateStats() noexcept;
 
   const CommandLine commandLine_;
@@ -40,7 +45,8 @@ class Daemon {
   DaemonSettings settings_;
   QueueSet queues_;
   std::optional<StatsFile> statsFile_;
-  bool statsFailed_ = false;
+  Attempts statsWrites_;
+  Supervision supervision_;
 };
 
 }  // namespace korvexd

@@ -21,6 +21,7 @@ using korvex::receiver::Limits;
 using korvex::receiver::Receiver;
 
 constexpr long kLongestTimeout = 7L * 24 * 3600;
+constexpr const char* kTextFormat = "text";
 
 /// Words of a command line may hold anything, and a terminal obeys some of it.
 std::string complaint(const CLI::App* app, const CLI::Error& error) {
@@ -41,6 +42,8 @@ struct Arguments {
   bool discard = false;
   std::string capture;
   std::string statsFile;
+  std::string metricsFile;
+  std::string logFormat = kTextFormat;
   long drainTimeout = 0;
   std::string configFile;
   bool checksConfig = false;
@@ -134,9 +137,20 @@ void addDataOptions(CLI::App& app, Arguments& found) {
   app.add_option("--capture", found.capture, "Keep every message as it came in DIR")
       ->check(fitsQueueKey("capture"))
       ->type_name("DIR");
+}
+
+void addReportOptions(CLI::App& app, Arguments& found) {
   app.add_option("--stats", found.statsFile, "Keep counters as JSON in FILE")
       ->check(fitsDaemonKey("stats"))
       ->type_name("FILE");
+  app.add_option("--metrics", found.metricsFile,
+                 "Keep metrics in FILE, for the textfile collector of Prometheus")
+      ->check(fitsDaemonKey("metrics"))
+      ->type_name("FILE");
+  app.add_option("--log-format", found.logFormat, "How the log is written: text or json")
+      ->check(fitsDaemonKey("log-format"))
+      ->type_name("FORMAT")
+      ->capture_default_str();
   app.add_option("--drain-timeout", found.drainTimeout,
                  "Seconds that open streams get to finish at the end")
       ->check(CLI::Range(0L, kLongestTimeout))
@@ -184,6 +198,8 @@ Layer queueLayer(const CLI::App& app, const Arguments& found) {
 Layer daemonLayer(const CLI::App& app, const Arguments& found) {
   LayerMaker layer(app);
   layer.add("stats", found.statsFile);
+  layer.add("metrics", found.metricsFile);
+  layer.add("log-format", found.logFormat);
   layer.add("drain-timeout", found.drainTimeout);
   return layer.take();
 }
@@ -222,6 +238,7 @@ ParsedOptions parseOptions(int argc, const char* const* argv, std::ostream& out,
   addConfigOptions(app, found);
   addQueueOptions(app, found);
   addDataOptions(app, found);
+  addReportOptions(app, found);
   app.set_version_flag("--version", "korvexd " KORVEX_VERSION);
   try {
     app.parse(argc, argv);

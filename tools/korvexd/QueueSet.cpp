@@ -1,11 +1,13 @@
 #include "korvexd/QueueSet.h"
 
-#include <spdlog/spdlog.h>
-
 #include <algorithm>
 #include <exception>
 #include <optional>
 #include <utility>
+
+#include "common/QueueName.h"
+#include "korvexd/log/LogEntry.h"
+#include "korvexd/os/Heartbeat.h"
 
 namespace korvexd {
 namespace {
@@ -13,8 +15,12 @@ namespace {
 /// Only when the queue is served: the reader of these lines relies on it.
 void announce(const ServedQueue& queue) {
   const receiver::Limits& limits = queue.settings().receiver.limits;
-  spdlog::info("serving {}, {} messages of {} bytes", queue.name(), limits.messages,
-               limits.messageSize);
+  writeLog(LogEntry(Event::Serving, spdlog::level::info, "",
+                    "serving " + queue.name() + ", " + std::to_string(limits.messages) +
+                        " messages of " + std::to_string(limits.messageSize) + " bytes")
+               .with("queue", korvex::common::jsonNameOf(queue.name()))
+               .with("messages", std::uint64_t{limits.messages})
+               .with("message_size", std::uint64_t{limits.messageSize}));
 }
 
 std::optional<Capture> captureFor(const QueueSettings& settings) {
@@ -31,7 +37,12 @@ struct QueueSet::Change {
   std::optional<Capture> capture;
 };
 
-QueueSet::QueueSet() : sinks_([this] { return isEnding_.load(); }) {}
+/// An engine that is waited for asks whether it is to go on, which shows that its loop moves.
+QueueSet::QueueSet()
+    : sinks_([this] {
+        Heartbeat::beatOfThisThread();
+        return isEnding_.load();
+      }) {}
 
 QueueSet::~QueueSet() { stop(); }
 
@@ -55,7 +66,8 @@ void QueueSet::follow(const std::vector<QueueSettings>& wanted) {
   for (Change& change : changes) {
     ServedQueue* const queue = find(change.settings.receiver.queue);
     if (queue != nullptr && !queue->isRetiring()) {
-      spdlog::info("{}: changed settings hold from the next stream on", queue->name());
+      writeLog({Event::SettingsAccepted, spdlog::level::info, queue->name(),
+                "changed settings hold from the next stream on"});
       queue->change(change.settings, std::move(change.openSink), std::move(change.capture));
     } else if (queue != nullptr || !tryToStart(change.settings)) {
       awaited_.push_back(change.settings);
@@ -93,7 +105,8 @@ bool QueueSet::tryToStart(const QueueSettings& settings) noexcept {
     startNew(settings);
     return true;
   } catch (const std::exception& error) {
-    spdlog::error("{}: not served yet: {}", settings.receiver.queue, error.what());
+    writeLog({Event::NotServed, spdlog::level::err, settings.receiver.queue,
+              std::string("not served yet: ") + error.what()});
     return false;
   }
 }
@@ -115,8 +128,9 @@ bool QueueSet::settle() noexcept {
 
 bool QueueSet::removeRetired() noexcept {
   const auto end = std::remove_if(queues_.begin(), queues_.end(), [](const auto& queue) {
-    if (queue->hasRetired()) spdlog::info("{}: no longer served", queue->name());
-    return queue->hasRetired();
+    if (!queue->hasRetired()) return false;
+    writeLog({Event::NoLongerServed, spdlog::level::info, queue->name(), "no longer served"});
+    return true;
   });
   const bool isAny = end != queues_.end();
   queues_.erase(end, queues_.end());

@@ -53,6 +53,11 @@ class QueueSet {
   /// Good until the set changes.
   std::vector<QueueStats> stats() const;
 
+  /// Of a queue's engines, since the start.
+  EngineFailureCounts engineFailuresOf(const std::string& queue) const {
+    return sinks_.engineFailuresOf(queue);
+  }
+
  private:
   struct Change;
 

@@ -31,6 +31,10 @@ receiver::SinkFactory Sinks::engineFactory(const ExecStore::Command& command) {
   };
 }
 
+EngineFailureCounts Sinks::engineFailuresOf(const std::string& queue) const {
+  return engines_ ? engines_->failuresOf(queue) : EngineFailureCounts{};
+}
+
 void Sinks::tidyUp() noexcept {
   if (engines_) engines_->tidyUp();
 }

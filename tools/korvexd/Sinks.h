@@ -30,6 +30,9 @@ class Sinks {
   /// such program.
   receiver::SinkFactory factoryFor(const QueueSettings& queue);
 
+  /// Of a queue's engines, since the start.
+  EngineFailureCounts engineFailuresOf(const std::string& queue) const;
+
   /// To be called now and then.
   void tidyUp() noexcept;
 

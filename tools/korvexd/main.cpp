@@ -13,7 +13,8 @@
 #include "korvexd/Daemon.h"
 #include "korvexd/Options.h"
 #include "korvexd/exec/Keeper.h"
-#include "korvexd/report/LogSink.h"
+#include "korvexd/log/LogSink.h"
+#include "korvexd/service/ServiceManager.h"
 
 namespace {
 
@@ -23,20 +24,23 @@ using korvex::common::ExitCode;
 /// How long the end waits for somebody to read the log.
 constexpr std::chrono::seconds kLogPatience{2};
 
-int serve(const korvexd::CommandLine& commandLine, const korvexd::Settings& settings) {
+int serve(const korvexd::CommandLine& commandLine, const korvexd::Settings& settings,
+          korvexd::ServiceManager& manager) {
   try {
-    korvexd::Daemon(commandLine, settings).run();
+    korvexd::Daemon(commandLine, settings, manager).run();
     return codeOf(ExitCode::Success);
   } catch (const std::exception& error) {
-    spdlog::error("{}", error.what());
+    korvexd::writeLog({korvexd::Event::DaemonFailed, spdlog::level::err, "", error.what()});
     return codeOf(ExitCode::Failed);
   }
 }
 
-bool startLog() {
+bool startLog(korvexd::LogStyle style) {
   try {
     spdlog::set_default_logger(std::make_shared<spdlog::logger>(
-        "korvexd", std::make_shared<korvexd::LogSink>(STDERR_FILENO, kLogPatience)));
+        "korvexd", std::make_shared<korvexd::LogSink>(
+                       STDERR_FILENO, kLogPatience,
+                       korvexd::LogFormat(style, korvexd::readerOf(STDERR_FILENO)))));
     return true;
   } catch (const std::exception& error) {
     std::cerr << "korvexd: " << error.what() << std::endl;
@@ -65,8 +69,9 @@ int run(const korvexd::Options& options) {
     return codeOf(ExitCode::Failed);
   }
   if (const auto exitCode = answer(options.task, *found)) return *exitCode;
-  if (!startLog()) return codeOf(ExitCode::Failed);
-  const int exitCode = serve(options.commandLine, found->settings());
+  korvexd::ServiceManager manager;
+  if (!startLog(found->settings().daemon.logStyle)) return codeOf(ExitCode::Failed);
+  const int exitCode = serve(options.commandLine, found->settings(), manager);
   spdlog::shutdown();  // the last lines are written here
   return exitCode;
 }

@@ -1,8 +1,22 @@
 #include "korvex/receiver/QueueStatus.h"
 
 #include "queue/QueueView.h"
+#include "queues/BusErrorGuard.h"
 
 namespace korvex::receiver {
+namespace {
+
+/// A look at memory that may have been cut away; 0 then.
+template <typename Look>
+auto lookOrZero(Look look) noexcept -> decltype(look()) {
+  try {
+    return surviveBusError(look);
+  } catch (const MemoryLost&) {
+    return {};
+  }
+}
+
+}  // namespace
 
 struct QueueStatus::View {
   std::string name;
@@ -42,10 +56,16 @@ Limits QueueStatus::limits() const noexcept {
 
 bool QueueStatus::isStillNamed() const noexcept { return view_->queue.isStillNamed(view_->name); }
 
-std::size_t QueueStatus::messages() const noexcept { return view_->queue.messages(); }
+std::size_t QueueStatus::messages() const noexcept {
+  return lookOrZero([this] { return view_->queue.messages(); });
+}
 
-bool QueueStatus::looksLocked() const noexcept { return view_->queue.looksLocked(); }
+bool QueueStatus::looksLocked() const noexcept {
+  return lookOrZero([this] { return view_->queue.looksLocked(); });
+}
 
-pid_t QueueStatus::lockOwner() const noexcept { return view_->queue.lockOwner(); }
+pid_t QueueStatus::lockOwner() const noexcept {
+  return lookOrZero([this] { return view_->queue.lockOwner(); });
+}
 
 }  // namespace korvex::receiver

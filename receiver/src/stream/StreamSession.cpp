@@ -51,7 +51,7 @@ StreamSession::StreamSession(std::string queue, SinkFactory openSink, Counters& 
       observer_(observer),
       stillFinishing_(std::move(stillFinishing)) {}
 
-StreamSession::~StreamSession() { end("abandoned"); }
+StreamSession::~StreamSession() { end(Ending::ReceiverEnded, "abandoned"); }
 
 StreamSession::Answer StreamSession::take(const Entry& record) {
   counters_.add(Count::Records);
@@ -72,7 +72,7 @@ StreamSession::Answer StreamSession::take(const Entry& record) {
 StreamSession::Answer StreamSession::takeOpen(const Header& header) {
   // The producer of the open stream is gone. No reply: it would reach the new producer.
   const bool cutsOffAnother = state_ == State::Open;
-  end("a new stream was opened before its close");
+  end(Ending::CutOff, "a new stream was opened before its close");
   const std::string defect = defectOf(header);
   if (!defect.empty()) return refuse(defect);
   startStream(header, cutsOffAnother);
@@ -80,8 +80,9 @@ StreamSession::Answer StreamSession::takeOpen(const Header& header) {
     sink_ = openSink_(queue_, stream_.opened);
     if (sink_ == nullptr) throw std::logic_error("the daemon made no sink for the stream");
   } catch (const std::exception& error) {
-    return fail(kStatusSinkFailed, error.what());
+    return fail(Ending::SinkFailed, error.what());
   }
+  observer_.streamOpened(placeOf(sink_.get()));
   return {};
 }
 
@@ -174,7 +175,7 @@ StreamSession::Answer StreamSession::takeData(const Entry& record) {
   try {
     sink_->write(record.data, size);
   } catch (const std::exception& error) {
-    return fail(kStatusSinkFailed, error.what());
+    return fail(Ending::SinkFailed, error.what());
   }
   digest_.add(record.data, size);
   counters_.add(Count::Bytes, size);
@@ -188,11 +189,11 @@ void StreamSession::finishSegment() {
 }
 
 StreamSession::Answer StreamSession::takeClose(const Header& header) {
-  const StreamSummary whole = summary();
+  const StreamSummary whole = summary(Ending::Complete);
   try {
     sink_->complete(whole, stillFinishing_);
   } catch (const std::exception& error) {
-    const Answer answer = fail(kStatusSinkFailed, error.what());
+    const Answer answer = fail(Ending::SinkFailed, error.what());
     rememberEnd(header);
     return answer;
   }
@@ -204,7 +205,7 @@ StreamSession::Answer StreamSession::takeClose(const Header& header) {
 }
 
 StreamSession::Answer StreamSession::takeStop(const Header& header) {
-  leaveIncomplete("stopped by the producer");
+  leaveIncomplete(Ending::Stopped, "stopped by the producer");
   rememberEnd(header);
   return {};
 }
@@ -212,7 +213,7 @@ StreamSession::Answer StreamSession::takeStop(const Header& header) {
 StreamSession::Answer StreamSession::takeDamage(const std::string& defect) {
   if (state_ == State::Failed) return {};
   const std::string text = "damaged batch: " + defect;
-  if (state_ == State::Open) return fail(kStatusCorrupt, text);
+  if (state_ == State::Open) return fail(Ending::Corrupt, text);
   return replyOf(kStatusCorrupt, text);
 }
 
@@ -221,54 +222,54 @@ StreamSession::Answer StreamSession::checkSink() {
   try {
     sink_->check();
   } catch (const std::exception& error) {
-    return fail(kStatusSinkFailed, error.what());
+    return fail(Ending::SinkFailed, error.what());
   }
   return {};
 }
 
 StreamSession::Answer StreamSession::takeSilence(std::chrono::seconds silence) {
   if (state_ != State::Open) return {};
-  return fail(kStatusSinkFailed,
-              "nothing came for " + std::to_string(silence.count()) + " seconds");
+  return fail(Ending::Silent, "nothing came for " + std::to_string(silence.count()) + " seconds");
 }
 
 /// Drops a record that breaks the protocol, and with it the stream.
 StreamSession::Answer StreamSession::refuse(const std::string& text) {
   counters_.add(Count::DroppedRecords);
-  return fail(kStatusCorrupt, text);
+  return fail(Ending::Corrupt, text);
 }
 
-StreamSession::Answer StreamSession::fail(ov_status_t status, const std::string& text) {
+StreamSession::Answer StreamSession::fail(Ending ending, const std::string& text) {
   if (state_ == State::Open) {
-    leaveIncomplete(text);
+    leaveIncomplete(ending, text);
   } else {
     observer_.recordRefused(text);
   }
   state_ = State::Failed;
-  return replyOf(status, text);
+  return replyOf(ending == Ending::Corrupt ? kStatusCorrupt : kStatusSinkFailed, text);
 }
 
-void StreamSession::end(const std::string& reason) {
-  if (state_ == State::Open) leaveIncomplete(reason);
+void StreamSession::end(Ending ending, const std::string& reason) {
+  if (state_ == State::Open) leaveIncomplete(ending, reason);
   state_ = State::Idle;
 }
 
-void StreamSession::leaveIncomplete(const std::string& reason) {
+void StreamSession::leaveIncomplete(Ending ending, const std::string& reason) {
   counters_.add(Count::StreamsIncomplete);
-  if (sink_ != nullptr) abandonSink(reason);
-  observer_.streamIncomplete(summary(), reason, placeOf(sink_.get()));
+  const StreamSummary taken = summary(ending);
+  if (sink_ != nullptr) abandonSink(taken, reason);
+  observer_.streamIncomplete(taken, reason, placeOf(sink_.get()));
   sink_.reset();
 }
 
-void StreamSession::abandonSink(const std::string& reason) {
+void StreamSession::abandonSink(const StreamSummary& summary, const std::string& reason) {
   try {
-    sink_->abandon(summary(), reason);
+    sink_->abandon(summary, reason);
   } catch (const std::exception& error) {
     observer_.abandoningFailed(error.what());
   }
 }
 
-StreamSummary StreamSession::summary() const {
+StreamSummary StreamSession::summary(Ending ending) const {
   const Receipt taken = digest_.expected();
   StreamSummary result;
   result.queue = queue_;
@@ -278,6 +279,7 @@ StreamSummary StreamSession::summary() const {
   result.segments = stream_.segments;
   result.records = stream_.records;
   result.xxh128 = taken.xxh128;
+  result.ending = ending;
   return result;
 }
 

@@ -60,7 +60,7 @@ class StreamSession {
   Answer takeSilence(std::chrono::seconds silence);
 
   /// Ends an open stream as incomplete, for a reason outside of it.
-  void end(const std::string& reason);
+  void end(Ending ending, const std::string& reason);
 
  private:
   enum class State {
@@ -90,13 +90,13 @@ class StreamSession {
   Answer takeClose(const qmx_shm_message_t& header);
   Answer takeStop(const qmx_shm_message_t& header);
   Answer refuse(const std::string& text);
-  Answer fail(ov_status_t status, const std::string& text);
+  Answer fail(Ending ending, const std::string& text);
   void rememberEnd(const qmx_shm_message_t& header);
   void startStream(const qmx_shm_message_t& header, bool cutsOffAnother);
   void finishSegment();
-  void leaveIncomplete(const std::string& reason);
-  void abandonSink(const std::string& reason);
-  StreamSummary summary() const;
+  void leaveIncomplete(Ending ending, const std::string& reason);
+  void abandonSink(const StreamSummary& summary, const std::string& reason);
+  StreamSummary summary(Ending ending) const;
 
   const std::string queue_;
   SinkFactory openSink_;

@@ -173,8 +173,18 @@ TEST_F(OptionsTest, RefusesLongNamesOnlyWhereFilesAreMade) {
   expectWrong("--discard --capture x --queue " + name, "a file name of 201 characters");
 }
 
+TEST_F(OptionsTest, TakesWhereMetricsGoAndHowTheLogIsWritten) {
+  ASSERT_EQ(parse("--queue a --discard"), 0);
+  EXPECT_FALSE(options_->metricsFile);
+  EXPECT_EQ(options_->logStyle, korvexd::LogStyle::Text);
+  ASSERT_EQ(parse("--queue a --discard --metrics file --log-format json"), 0);
+  EXPECT_EQ(*options_->metricsFile, "file");
+  EXPECT_EQ(options_->logStyle, korvexd::LogStyle::Json);
+  expectWrong("--queue a --discard --log-format xml", "xml");
+}
+
 TEST_F(OptionsTest, RefusesEmptyPaths) {
-  for (const char* option : {"--output", "--capture", "--stats"}) {
+  for (const char* option : {"--output", "--capture", "--stats", "--metrics"}) {
     EXPECT_EQ(parseWords({"korvexd", "--queue", "a", "--discard", option, ""}), 2) << option;
   }
   EXPECT_EQ(parseWords({"korvexd", "--queue", "a", "--output", ""}), 2);

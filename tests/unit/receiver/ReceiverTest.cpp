@@ -255,3 +255,61 @@ TEST_F(ReceiverOrders, GoesBackToTheOldSettingsWhenTheNewOnesFail) {
   takeAll();
   EXPECT_EQ(ends_.size(), 1u);
 }
+
+namespace {
+
+/// Whether the receiver works, as it says, at each moment that a sink sees.
+class Moves : public Observer {
+ public:
+  void working() noexcept override { isWorking_ = true; }
+  void waiting() noexcept override { isWorking_ = false; }
+
+  bool isWorking_ = false;
+};
+
+class LookingSink : public Sink {
+ public:
+  LookingSink(Moves& moves, std::vector<bool>& seen) : moves_(moves), seen_(seen) {}
+
+  void write(const unsigned char*, std::size_t) override { look(); }
+  void check() override { look(); }
+  void complete(const StreamSummary&, const StillFinishing& stillFinishing) override {
+    moves_.isWorking_ = false;
+    stillFinishing();
+    look();
+  }
+  void abandon(const StreamSummary&, const std::string&) override {}
+
+ private:
+  void look() { seen_.push_back(moves_.isWorking_); }
+
+  Moves& moves_;
+  std::vector<bool>& seen_;
+};
+
+}  // namespace
+
+TEST(Receiver, SaysThatItWorksWheneverASinkIsCalled) {
+  const std::string name = korvex::test::uniqueQueueName();
+  const korvex::test::QueueRemover remover(name);
+  Moves moves;
+  std::vector<bool> seen;
+  const auto open = [&](const std::string&, std::time_t) {
+    return std::make_unique<LookingSink>(moves, seen);
+  };
+  Receiver receiver({name, {4, 4096}}, open, moves);
+  EXPECT_FALSE(receiver.step());
+  EXPECT_FALSE(moves.isWorking_) << "nothing is there";
+  ShmWriter writer("writer", name, 1, 1, false);
+  writer.open();
+  writer.writeSegment(reinterpret_cast<const unsigned char*>("abc"), 3);
+  writer.flush_shm_buffer(1);
+  while (receiver.step()) {
+  }
+  EXPECT_FALSE(moves.isWorking_);
+  writer.close();
+  while (receiver.step()) {
+  }
+  EXPECT_GE(seen.size(), 3u);
+  EXPECT_THAT(seen, testing::Each(true));
+}

@@ -2,11 +2,14 @@
 
 #include <gmock/gmock.h>
 
+#include <functional>
+
 #include "korvex/Status.h"
 #include "korvex/receiver/SystemError.h"
 #include "support/WireFormat.h"
 
 using korvex::receiver::Count;
+using korvex::receiver::Ending;
 using korvex::receiver::Reply;
 using korvex::receiver::Sink;
 using korvex::receiver::StreamSession;
@@ -66,6 +69,22 @@ class RecordingSink : public Sink {
   const int& failing_;
 };
 
+/// Hears what becomes of streams.
+class StreamObserver : public korvex::receiver::Observer {
+ public:
+  void streamOpened(const std::string& place) noexcept override { places_.push_back(place); }
+  void streamComplete(const StreamSummary& summary, const std::string&) noexcept override {
+    endings_.push_back(summary.ending);
+  }
+  void streamIncomplete(const StreamSummary& summary, const std::string&,
+                        const std::string&) noexcept override {
+    endings_.push_back(summary.ending);
+  }
+
+  std::vector<std::string> places_;
+  std::vector<Ending> endings_;
+};
+
 class StreamSessionTest : public testing::Test {
  protected:
   StreamSession::Answer take(std::uint32_t type, std::uint64_t sequence,
@@ -102,7 +121,7 @@ class StreamSessionTest : public testing::Test {
   bool isDaemonEnding_ = false;
   std::vector<std::unique_ptr<Fate>> fates_;
   korvex::receiver::Counters stats_;
-  korvex::receiver::Observer observer_;
+  StreamObserver observer_;
   StreamSession session_{"q", [this](const std::string&, std::time_t) { return openSink(); },
                          stats_, observer_, [this] { return !isDaemonEnding_; }};
 };
@@ -308,7 +327,7 @@ TEST_F(StreamSessionTest, CountsEachStreamForItself) {
   EXPECT_EQ(fate(1).summary.records, 2u);
   take(kOpen, 0);
   take(kData, 2, "abc");
-  session_.end("cut off in a segment");
+  session_.end(Ending::ReceiverEnded, "cut off in a segment");
   take(kOpen, 0);
   take(kClose, 2);
   EXPECT_EQ(fate(3).summary.segments, 0u);
@@ -407,15 +426,15 @@ TEST_F(StreamSessionTest, TellsWhenNoSinkCanBeOpened) {
 TEST_F(StreamSessionTest, OutlivesASinkThatCannotEvenBeAbandoned) {
   take(kOpen, 0);
   failing_ = 3;
-  session_.end("the daemon ended");
+  session_.end(Ending::ReceiverEnded, "the daemon ended");
   EXPECT_TRUE(fate().isGone);
 }
 
 TEST_F(StreamSessionTest, EndsAnOpenStreamFromOutside) {
   take(kOpen, 0);
-  session_.end("the daemon ended");
+  session_.end(Ending::ReceiverEnded, "the daemon ended");
   EXPECT_EQ(fate().reason, "the daemon ended");
-  session_.end("again");
+  session_.end(Ending::ReceiverEnded, "again");
   EXPECT_EQ(count(Count::StreamsIncomplete), 1u);
 }
 
@@ -475,4 +494,39 @@ TEST_F(StreamSessionTest, IsCompleteThoughItsSinkCannotSayWhere) {
 TEST_F(StreamSessionTest, FailsWhenThereIsNoSinkForIt) {
   failing_ = 7;
   expectFailure(take(kOpen, 0), 5, "the daemon made no sink for the stream");
+}
+
+TEST_F(StreamSessionTest, TellsTheObserverWhereAnOpenedStreamGoes) {
+  take(kOpen, 0);
+  EXPECT_THAT(observer_.places_, testing::ElementsAre("here"));
+  failing_ = 4;
+  take(kOpen, 0);
+  EXPECT_EQ(observer_.places_.size(), 1u) << "it has no sink";
+}
+
+TEST_F(StreamSessionTest, TellsTheObserverHowEachStreamEnded) {
+  const std::pair<Ending, std::function<void()>> ways[] = {
+      {Ending::Complete, [this] { take(kClose, 2); }},
+      {Ending::Stopped, [this] { take(kStop, 2); }},
+      {Ending::CutOff, [this] { take(kOpen, 0); }},
+      {Ending::Silent, [this] { session_.takeSilence(std::chrono::seconds(1)); }},
+      {Ending::Corrupt, [this] { take(7, 2); }},
+      {Ending::Corrupt, [this] { session_.takeDamage("cut"); }},
+      {Ending::SinkFailed,
+       [this] {
+         failing_ = 1;
+         take(kData, 2, "a");
+       }},
+      {Ending::QueuesLost, [this] { session_.end(Ending::QueuesLost, "gone"); }},
+      {Ending::ReceiverEnded, [this] { session_.end(Ending::ReceiverEnded, "over"); }}};
+  for (const auto& [ending, way] : ways) {
+    session_.end(Ending::ReceiverEnded, "the one before");
+    observer_.endings_.clear();
+    failing_ = 0;
+    take(kOpen, 0);
+    way();
+    EXPECT_THAT(observer_.endings_, testing::ElementsAre(ending));
+    EXPECT_EQ(fates_.at(fates_.size() - (ending == Ending::CutOff ? 2 : 1))->summary.ending,
+              ending);
+  }
 }

@@ -6,6 +6,7 @@
 #include <charconv>
 #include <chrono>
 #include <limits>
+#include <string_view>
 
 #include "common/CommandLine.h"
 
@@ -19,6 +20,8 @@ constexpr std::int64_t kLongestTime = std::int64_t{7} * 24 * 3600;
 constexpr unsigned kOwnerReadsAndWrites = 0600;
 constexpr unsigned kAllPermissions = 0777;
 constexpr int kOctal = 8;
+constexpr std::string_view kTextFormat = "text";
+constexpr std::string_view kJsonFormat = "json";
 
 std::string rangeText(std::int64_t least, std::int64_t most) {
   return "from " + std::to_string(least) + " to " + std::to_string(most);
@@ -125,6 +128,13 @@ void takeReplace(QueueSettings& queue, const Value& value) {
   queue.receiver.existing = replaces ? Receiver::Existing::Replace : Receiver::Existing::Refuse;
 }
 
+LogStyle logStyleIn(const Value& value) {
+  const std::string expected = R"("text" or "json")";
+  const auto& name = as<std::string>(value, expected);
+  if (name != kTextFormat && name != kJsonFormat) throw WrongValue(expected);
+  return name == kJsonFormat ? LogStyle::Json : LogStyle::Text;
+}
+
 std::int64_t standardMessages() {
   return static_cast<std::int64_t>(Receiver::Settings().limits.messages);
 }
@@ -170,6 +180,11 @@ const std::vector<Key<DaemonSettings>>& daemonKeys() {
   using Daemon = DaemonSettings;
   static const std::vector<Key<Daemon>> keys = {
       {"stats", {}, [](Daemon& daemon, const Value& value) { daemon.statsFile = pathIn(value); }},
+      {"metrics",
+       {},
+       [](Daemon& daemon, const Value& value) { daemon.metricsFile = pathIn(value); }},
+      {"log-format", Value(std::string(kTextFormat)),
+       [](Daemon& daemon, const Value& value) { daemon.logStyle = logStyleIn(value); }},
       {"drain-timeout", std::int64_t{0},
        [](Daemon& daemon, const Value& value) { daemon.drainTimeout = secondsIn(value, 0); }},
   };

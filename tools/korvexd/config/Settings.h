@@ -9,6 +9,8 @@
 #include <tuple>
 #include <vector>
 
+#include "korvexd/log/LogFormat.h"
+
 namespace korvexd {
 
 constexpr std::chrono::seconds kDefaultEngineTimeout{3600};
@@ -38,6 +40,8 @@ inline bool operator==(const QueueSettings& one, const QueueSettings& other) {
 /// What is not a matter of one queue.
 struct DaemonSettings {
   std::optional<std::string> statsFile;
+  std::optional<std::string> metricsFile;
+  LogStyle logStyle = LogStyle::Text;  ///< from the start to the end, whatever changes
   std::chrono::seconds drainTimeout{0};
 };
 

@@ -6,6 +6,7 @@
 #include <array>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -16,6 +17,24 @@
 #include "korvexd/os/File.h"
 
 namespace korvexd {
+
+/// Why an engine did not store a stream that it was given.
+enum class EngineFailure : std::size_t {
+  NotStarted,
+  ExitCode,     ///< other than 0
+  Killed,       ///< by a signal that was not this daemon's
+  EarlyExit,    ///< with 0, and without its whole input
+  ClosedInput,  ///< before its end
+  TookNothing,  ///< for too long
+  TimedOut,     ///< it did not finish
+  KeeperLost,
+  DaemonEnded
+};
+
+constexpr std::size_t kEngineFailures = static_cast<std::size_t>(EngineFailure::DaemonEnded) + 1;
+
+/// How often each of them happened, by its number.
+using EngineFailureCounts = std::array<std::uint64_t, kEngineFailures>;
 
 /// The daemon's end of one engine: its input, what it has to say, and its keeper.
 ///

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "common/Printable.h"
+#include "korvexd/log/LogWriter.h"
 
 namespace korvexd {
 
@@ -34,6 +35,7 @@ void EngineLog::endLine(Clock::time_point now) {
   }
   if (printed_ == kMostLines) {
     ++omitted_;
+    ++logLosses().held;
     return;
   }
   ++printed_;

@@ -58,7 +58,7 @@ void ExecSink::awaitStart() {
     engine_->wait(Engine::For::News, kLongestWait);
     noteEnding(settings_.isEnding());
   }
-  if (!engine_->hasStarted()) throwEnd();
+  if (!engine_->hasStarted()) throwNotStarted();
 }
 
 void ExecSink::write(const unsigned char* data, std::size_t size) {
@@ -90,14 +90,15 @@ void ExecSink::awaitRoom() {
     throwIfItEnded();
     throwIfOutOfPatience();
     if (Clock::now() >= deadline) {
-      throw EngineFailed("the engine took nothing for " + secondsText(settings_.timeout));
+      fail(EngineFailure::TookNothing,
+           "the engine took nothing for " + secondsText(settings_.timeout));
     }
   }
 }
 
 void ExecSink::throwIfOutOfPatience() {
   noteEnding(settings_.isEnding());
-  if (isOutOfPatience()) throw EngineFailed("the daemon ended");
+  if (isOutOfPatience()) fail(EngineFailure::DaemonEnded, "the daemon ended");
 }
 
 void ExecSink::check() {
@@ -116,7 +117,7 @@ void ExecSink::throwClosedInput() {
     check();
     engine_->wait(Engine::For::News, kLongestWait);
   }
-  throw EngineFailed(withLastError("the engine closed its input before the end"));
+  fail(EngineFailure::ClosedInput, withLastError("the engine closed its input before the end"));
 }
 
 void ExecSink::complete(const receiver::StreamSummary&,
@@ -128,12 +129,15 @@ void ExecSink::complete(const receiver::StreamSummary&,
     noteEnding(!stillFinishing());
     if (isOutOfPatience()) {
       mayFinish_ = true;
-      throw EngineFailed("unknown outcome: the daemon ended while the engine was finishing");
+      fail(EngineFailure::DaemonEnded,
+           "unknown outcome: the daemon ended while the engine was finishing");
     }
-    if (Clock::now() >= deadline) throw EngineFailed("the engine's keeper does not answer");
+    if (Clock::now() >= deadline) {
+      fail(EngineFailure::KeeperLost, "the engine's keeper does not answer");
+    }
     engine_->wait(Engine::For::News, kLongestWait);
   }
-  if (!defectOfEnd().empty()) throwEnd();
+  if (defectOfEnd()) throwEnd();
   letGo();
 }
 
@@ -166,12 +170,23 @@ bool ExecSink::isOutOfPatience() const {
   return endingSince_ && Clock::now() - *endingSince_ >= kPatienceAtTheEnd;
 }
 
-void ExecSink::throwEnd() const {
+void ExecSink::throwNotStarted() const {
   const auto& end = engine_->end();
   if (end && end->event == Event::NotStarted) {
     throw receiver::SystemError("starting the engine '" + settings_.program + "'", end->value);
   }
-  throw EngineFailed(withLastError(defectOfEnd()));
+  const auto defect = defectOfEnd();
+  throw EngineFailed(withLastError(defect ? defect->text : "the engine did not start"));
+}
+
+void ExecSink::throwEnd() {
+  const Defect defect = defectOfEnd().value();
+  fail(defect.failure, withLastError(defect.text));
+}
+
+void ExecSink::fail(EngineFailure failure, const std::string& text) {
+  store_.noteFailure(settings_.queue, failure);
+  throw EngineFailed(text);
 }
 
 std::string ExecSink::withLastError(const std::string& text) const {
@@ -179,27 +194,37 @@ std::string ExecSink::withLastError(const std::string& text) const {
   return last.empty() ? text : text + ": " + last;
 }
 
-/// Empty for an engine that has stored the stream.
-std::string ExecSink::defectOfEnd() const {
+/// None for an engine that has stored the stream.
+std::optional<ExecSink::Defect> ExecSink::defectOfEnd() const {
   const auto& end = engine_->end();
-  if (!end) return "somebody killed the engine's keeper";
+  if (!end) return Defect{EngineFailure::KeeperLost, "somebody killed the engine's keeper"};
   switch (end->event) {
     case Event::Killed:
-      return "the engine was killed by signal " + std::to_string(end->value);
+      return Defect{EngineFailure::Killed,
+                    "the engine was killed by signal " + std::to_string(end->value)};
     case Event::TimedOut:
-      return "the engine did not finish within " + secondsText(settings_.timeout);
+      return Defect{EngineFailure::TimedOut,
+                    "the engine did not finish within " + secondsText(settings_.timeout)};
     case Event::LostInput:
-      return receiver::SystemError("looking at the engine's input", end->value).what();
+      return Defect{EngineFailure::KeeperLost,
+                    receiver::SystemError("looking at the engine's input", end->value).what()};
     case Event::Started:
     case Event::NotStarted:
     case Event::Exited:
       break;
   }
-  if (end->value != 0) return "the engine exited with code " + std::to_string(end->value);
-  if (!end->isComplete) return "the engine exited with code 0 before the end of its input";
-  if (end->unread == 0) return "";
-  return "the engine exited with code 0, but left " + std::to_string(end->unread) +
-         " bytes of its input unread";
+  if (end->value != 0) {
+    return Defect{EngineFailure::ExitCode,
+                  "the engine exited with code " + std::to_string(end->value)};
+  }
+  if (!end->isComplete) {
+    return Defect{EngineFailure::EarlyExit,
+                  "the engine exited with code 0 before the end of its input"};
+  }
+  if (end->unread == 0) return std::nullopt;
+  return Defect{EngineFailure::EarlyExit, "the engine exited with code 0, but left " +
+                                              std::to_string(end->unread) +
+                                              " bytes of its input unread"};
 }
 
 std::string ExecSink::place() const {

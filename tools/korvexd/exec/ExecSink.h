@@ -24,10 +24,11 @@ class ExecStore;
 class ExecSink : public receiver::Sink {
  public:
   struct Settings {
+    std::string queue;
     std::string stream;   ///< its name
     std::string program;  ///< for people
     std::chrono::seconds timeout;
-    std::function<bool()> isEnding;
+    std::function<bool()> isEnding;  ///< asked several times a second while it waits
   };
 
   /// `store` outlives the sink.
@@ -47,16 +48,23 @@ class ExecSink : public receiver::Sink {
  private:
   using Clock = std::chrono::steady_clock;
 
+  struct Defect {
+    EngineFailure failure;
+    std::string text;
+  };
+
   std::size_t offer(const unsigned char* data, std::size_t size);
   void awaitRoom();
   void throwIfItEnded();
   void throwIfOutOfPatience();
   [[noreturn]] void throwClosedInput();
-  [[noreturn]] void throwEnd() const;
+  [[noreturn]] void throwNotStarted() const;
+  [[noreturn]] void throwEnd();
+  [[noreturn]] void fail(EngineFailure failure, const std::string& text);
   void noteEnding(bool isEnding);
   bool isOutOfPatience() const;
   std::string withLastError(const std::string& text) const;
-  std::string defectOfEnd() const;
+  std::optional<Defect> defectOfEnd() const;
   void letGo() noexcept;
 
   ExecStore& store_;

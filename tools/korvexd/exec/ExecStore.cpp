@@ -1,7 +1,6 @@
 #include "korvexd/exec/ExecStore.h"
 
 #include <spdlog/fmt/chrono.h>
-#include <spdlog/spdlog.h>
 
 #include <algorithm>
 #include <utility>
@@ -9,6 +8,7 @@
 #include "common/QueueName.h"
 #include "korvexd/exec/CommandWords.h"
 #include "korvexd/exec/ExecSink.h"
+#include "korvexd/log/LogEntry.h"
 
 namespace korvexd {
 
@@ -23,13 +23,20 @@ std::uint64_t nanosecondsNow() {
       std::chrono::duration_cast<std::chrono::nanoseconds>(now).count());
 }
 
+void writeEngineLine(const std::string& queue, const std::string& stream, const std::string& line) {
+  writeLog(LogEntry(Event::EngineLine, spdlog::level::info, "", stream + ": engine: " + line)
+               .with("queue", korvex::common::jsonNameOf(queue))
+               .with("stream", stream)
+               .with("line", line));
+}
+
 }  // namespace
 
 ExecStore::ExecStore(std::function<bool()> isEnding) : isEnding_(std::move(isEnding)) {}
 
 /// Its program is looked for each time, for programs come and go.
 std::unique_ptr<receiver::Sink> ExecStore::open(const Command& command, const std::string& queue,
-                                                std::time_t opened) {
+                                                std::time_t opened) try {
   tidyUp();
   const std::string name = nameFor(queue, opened);
   const Engine::Command engineCommand = {
@@ -39,14 +46,17 @@ std::unique_ptr<receiver::Sink> ExecStore::open(const Command& command, const st
        fmt::format("KORVEX_OPENED={:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(opened)),
        "KORVEX_STREAM=" + name},
       command.timeout};
-  auto engine = std::make_unique<Engine>(keepers_, engineCommand, [name](const std::string& line) {
-    spdlog::info("{}: engine: {}", name, line);
-  });
+  auto engine = std::make_unique<Engine>(
+      keepers_, engineCommand,
+      [queue, name](const std::string& line) { writeEngineLine(queue, name, line); });
   auto sink = std::make_unique<ExecSink>(
       *this, std::move(engine),
-      ExecSink::Settings{name, command.words.front(), command.timeout, isEnding_});
+      ExecSink::Settings{queue, name, command.words.front(), command.timeout, isEnding_});
   sink->awaitStart();
   return sink;
+} catch (const std::exception&) {
+  noteFailure(queue, EngineFailure::NotStarted);
+  throw;
 }
 
 /// Ends in the nanoseconds of its second, where a count would begin again with each daemon.
@@ -63,6 +73,17 @@ std::string ExecStore::nameFor(const std::string& queue, std::time_t opened) {
 void ExecStore::lookAfter(std::unique_ptr<Engine>&& engine) {
   const std::lock_guard<std::mutex> lock(mutex_);
   dying_.push_back(std::move(engine));
+}
+
+void ExecStore::noteFailure(const std::string& queue, EngineFailure failure) {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  ++failures_[queue][static_cast<std::size_t>(failure)];
+}
+
+EngineFailureCounts ExecStore::failuresOf(const std::string& queue) const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  const auto found = failures_.find(queue);
+  return found == failures_.end() ? EngineFailureCounts{} : found->second;
 }
 
 void ExecStore::tidyUp() noexcept {

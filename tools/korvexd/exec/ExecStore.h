@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <ctime>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -38,6 +39,12 @@ class ExecStore {
   /// has it.
   void lookAfter(std::unique_ptr<Engine>&& engine);
 
+  /// Counts a failure of an engine of this queue.
+  void noteFailure(const std::string& queue, EngineFailure failure);
+
+  /// Of the queue's engines, since the start.
+  EngineFailureCounts failuresOf(const std::string& queue) const;
+
   /// Lets go of those that are gone by now. To be called now and then.
   void tidyUp() noexcept;
 
@@ -46,9 +53,10 @@ class ExecStore {
 
   const std::function<bool()> isEnding_;
   Keepers keepers_;
-  std::mutex mutex_;
+  mutable std::mutex mutex_;
   std::uint64_t lastNumber_ = 0;
   std::vector<std::unique_ptr<Engine>> dying_;
+  std::map<std::string, EngineFailureCounts> failures_;  ///< by queue
 };
 
 }  // namespace korvexd

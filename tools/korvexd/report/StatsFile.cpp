@@ -1,14 +1,10 @@
 #include "korvexd/report/StatsFile.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-
 #include <array>
 #include <nlohmann/json.hpp>
-#include <stdexcept>
+#include <utility>
 
 #include "common/QueueName.h"
-#include "korvexd/os/File.h"
 
 namespace korvexd {
 namespace {
@@ -17,7 +13,6 @@ namespace common = korvex::common;
 
 using Json = nlohmann::ordered_json;
 
-constexpr mode_t kFileMode = 0644;
 constexpr int kIndent = 2;
 
 /// What the file says of one queue, or of all.
@@ -39,29 +34,13 @@ void add(Sum& sum, const QueueStats& stats) {
   for (const receiver::CountName& name : receiver::kCountNames) {
     sum.counts[static_cast<std::size_t>(name.count)] += stats.counters->get(name.count);
   }
-  if (stats.log != nullptr) sum.captureFailures += stats.log->captureFailures();
-}
-
-/// Anything else, /dev/stdout for example, would be swapped for a file.
-void refuseOtherThanFile(const std::string& path) {
-  struct stat found = {};
-  if (::lstat(path.c_str(), &found) != 0 || S_ISREG(found.st_mode)) return;
-  throw std::runtime_error("writing statistics to " + path +
-                           ": found something else, expected a file");
+  if (stats.log != nullptr) sum.captureFailures += stats.log->counts().captureFailures;
 }
 
 }  // namespace
 
 StatsFile::StatsFile(std::string path, std::vector<QueueStats> queues)
-    : path_(std::move(path)), queues_(std::move(queues)) {}
-
-void StatsFile::update() {
-  std::string now = text();
-  if (now == written_) return;
-  refuseOtherThanFile(path_);
-  replaceFile(AT_FDCWD, path_, now, kFileMode, "writing statistics to " + path_);
-  written_ = std::move(now);
-}
+    : file_(std::move(path), "statistics"), queues_(std::move(queues)) {}
 
 std::string StatsFile::text() const {
   Sum total;

@@ -6,6 +6,7 @@
 
 #include <korvex/receiver/Counters.h>
 
+#include "korvexd/report/ReplacedFile.h"
 #include "korvexd/report/StreamLog.h"
 
 namespace korvexd {
@@ -29,14 +30,13 @@ class StatsFile {
 
   /// Writes the file when a count has changed since the last time, and the first time. Throws
   /// SystemError.
-  void update();
+  void update() { file_.update(text()); }
 
  private:
   std::string text() const;
 
-  std::string path_;
+  ReplacedFile file_;
   std::vector<QueueStats> queues_;
-  std::string written_;
 };
 
 }  // namespace korvexd

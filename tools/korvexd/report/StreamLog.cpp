@@ -1,13 +1,28 @@
 #include "korvexd/report/StreamLog.h"
 
-#include <spdlog/spdlog.h>
+#include <spdlog/fmt/fmt.h>
 
 #include <algorithm>
 #include <utility>
 
 namespace korvexd {
 
+using korvex::receiver::BatchCheck;
 using korvex::receiver::StreamSummary;
+
+namespace level = spdlog::level;
+namespace {
+
+/// A line that memory is too short for is lost; the stream goes on.
+template <typename Write>
+void quietly(Write write) noexcept {
+  try {
+    write();
+  } catch (const std::exception&) {
+  }
+}
+
+}  // namespace
 
 StreamLog::StreamLog(std::string queue, const std::optional<std::string>& captureFolder)
     : queue_(std::move(queue)), log_(queue_) {
@@ -31,63 +46,122 @@ void StreamLog::messageReceived(std::uint64_t number, const unsigned char* untru
     capture_->store(firstNumber_ + number, untrusted, size);
   } catch (const std::exception& error) {
     // Reported once; a full disk would otherwise fill the log as well.
-    if (captureFailures_++ > 0) return;
-    spdlog::warn("{}: batch {}: {}", queue_, firstNumber_.load() + number, error.what());
+    if (counts_.captureFailures++ > 0) return;
+    quietly([&] {
+      writeLog({Event::CaptureFailed, level::warn, queue_,
+                fmt::format("batch {}: {}", firstNumber_.load() + number, error.what())});
+    });
   }
 }
 
+void StreamLog::streamOpened(const std::string& place) noexcept {
+  write(QueueLog::Kind::StreamOpened, [&] {
+    return LogEntry(Event::StreamOpened, level::info, queue_,
+                    place.empty() ? "stream opened" : "stream opened, " + place)
+        .with("place", place);
+  });
+}
+
 void StreamLog::streamComplete(const StreamSummary& summary, const std::string& place) noexcept {
-  write(QueueLog::Kind::Stream, spdlog::level::info,
-        "stream complete, {} bytes in {} segments, xxh128 {}, {}", summary.bytes, summary.segments,
-        summary.xxh128, place);
+  count(summary);
+  counts_.lastComplete = summary.closed;
+  write(QueueLog::Kind::Stream, [&] {
+    return LogEntry(Event::StreamComplete, level::info, queue_,
+                    fmt::format("stream complete, {} bytes in {} segments, xxh128 {}, {}",
+                                summary.bytes, summary.segments, summary.xxh128, place))
+        .with("bytes", summary.bytes)
+        .with("segments", summary.segments)
+        .with("xxh128", summary.xxh128)
+        .with("place", place);
+  });
 }
 
 void StreamLog::streamIncomplete(const StreamSummary& summary, const std::string& reason,
                                  const std::string& place) noexcept {
-  write(QueueLog::Kind::Stream, spdlog::level::info, "stream incomplete ({}), {} bytes, {}", reason,
-        summary.bytes, place.empty() ? "nothing stored" : place.c_str());
+  count(summary);
+  write(QueueLog::Kind::Stream, [&] {
+    return LogEntry(Event::StreamIncomplete, level::info, queue_,
+                    fmt::format("stream incomplete ({}), {} bytes, {}", reason, summary.bytes,
+                                place.empty() ? "nothing stored" : place))
+        .with("result", resultOf(summary.ending))
+        .with("reason", reason)
+        .with("bytes", summary.bytes)
+        .with("place", place);
+  });
 }
 
 void StreamLog::abandoningFailed(const std::string& reason) noexcept {
-  write(QueueLog::Kind::SinkTrouble, spdlog::level::warn, "marking the stream incomplete: {}",
-        reason);
+  ++counts_.abandonFailures;
+  write(QueueLog::Kind::SinkTrouble, [&] {
+    return LogEntry(Event::AbandonFailed, level::warn, queue_,
+                    "marking the stream incomplete: " + reason)
+        .with("reason", reason);
+  });
 }
 
-void StreamLog::batchRefused(std::uint64_t number, const std::string& defect) noexcept {
-  write(QueueLog::Kind::DamagedBatch, spdlog::level::warn, "batch {} is damaged: {}",
-        firstNumber_ + number, defect);
+void StreamLog::batchRefused(std::uint64_t number, const BatchCheck& check) noexcept {
+  ++counts_.batchesRefused[static_cast<std::size_t>(check.defect())];
+  write(QueueLog::Kind::DamagedBatch, [&] {
+    return LogEntry(Event::BatchRefused, level::warn, queue_,
+                    fmt::format("batch {} is damaged: {}", firstNumber_ + number, check.text()))
+        .with("batch", firstNumber_ + number)
+        .with("reason", check.text());
+  });
 }
 
 void StreamLog::recordRefused(const std::string& defect) noexcept {
-  write(QueueLog::Kind::RefusedRecord, spdlog::level::warn, "{}", defect);
+  ++counts_.recordsRefused;
+  write(QueueLog::Kind::RefusedRecord,
+        [&] { return LogEntry(Event::RecordRefused, level::warn, queue_, defect); });
 }
 
 void StreamLog::queuesLost(const std::string& reason) noexcept {
-  write(QueueLog::Kind::QueuePair, spdlog::level::warn, "the queues are lost: {}", reason);
+  counts_.isServed = false;
+  write(QueueLog::Kind::QueuePair, [&] {
+    return LogEntry(Event::QueuesLost, level::warn, queue_, "the queues are lost: " + reason)
+        .with("reason", reason);
+  });
 }
 
 void StreamLog::queuesNotReplaced(const std::string& reason) noexcept {
-  write(QueueLog::Kind::QueuePair, spdlog::level::err, "the queues cannot be made again yet: {}",
-        reason);
+  ++counts_.failuresToReplace;
+  write(QueueLog::Kind::QueuePair, [&] {
+    return LogEntry(Event::QueuesNotReplaced, level::err, queue_,
+                    "the queues cannot be made again yet: " + reason)
+        .with("reason", reason);
+  });
 }
 
 void StreamLog::queuesReplaced() noexcept {
-  write(QueueLog::Kind::QueuePair, spdlog::level::info, "served again");
+  counts_.isServed = true;
+  write(QueueLog::Kind::QueuePair,
+        [&] { return LogEntry(Event::QueuesReplaced, level::info, queue_, "served again"); });
 }
 
 void StreamLog::settingsChanged() noexcept {
-  write(QueueLog::Kind::QueuePair, spdlog::level::info, "served with the changed settings");
+  write(QueueLog::Kind::QueuePair, [&] {
+    return LogEntry(Event::SettingsChanged, level::info, queue_,
+                    "served with the changed settings");
+  });
 }
 
 void StreamLog::settingsNotChanged(const std::string& reason) noexcept {
   changeRefused_ = true;
-  write(QueueLog::Kind::QueuePair, spdlog::level::err,
-        "cannot be served with the changed settings, the old ones hold again: {}", reason);
+  write(QueueLog::Kind::QueuePair, [&] {
+    return LogEntry(
+               Event::SettingsNotChanged, level::err, queue_,
+               "cannot be served with the changed settings, the old ones hold again: " + reason)
+        .with("reason", reason);
+  });
 }
 
 void StreamLog::messagesLeft(std::size_t count) noexcept {
-  write(QueueLog::Kind::QueuePair, spdlog::level::warn, "the daemon ends, messages not taken: {}",
-        count);
+  counts_.messagesLeft += count;
+  write(QueueLog::Kind::QueuePair, [&] {
+    return LogEntry(Event::MessagesLeft, level::warn, queue_,
+                    fmt::format("the daemon ends, messages not taken: {}", count))
+        .with("messages", std::uint64_t{count});
+  });
 }
 
 void StreamLog::update() {
@@ -95,16 +169,17 @@ void StreamLog::update() {
   log_.update();
 }
 
-/// A line that memory is too short for is lost; the stream goes on.
-template <typename... Values>
-void StreamLog::write(QueueLog::Kind kind, spdlog::level::level_enum level, const char* format,
-                      const Values&... values) noexcept {
-  try {
-    const std::string text = fmt::format(fmt::runtime(format), values...);
+void StreamLog::count(const StreamSummary& summary) noexcept {
+  ++counts_.ended[static_cast<std::size_t>(summary.ending)];
+}
+
+template <typename MakeEntry>
+void StreamLog::write(QueueLog::Kind kind, MakeEntry makeEntry) noexcept {
+  quietly([&] {
+    const LogEntry entry = makeEntry();
     const std::lock_guard<std::mutex> lock(mutex_);
-    log_.write(kind, level, text);
-  } catch (const std::exception&) {
-  }
+    log_.write(kind, entry);
+  });
 }
 
 }  // namespace korvexd

@@ -3,18 +3,20 @@
 
 #include <korvex/receiver/Observer.h>
 
-#include <atomic>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 
+#include "korvexd/log/QueueLog.h"
+#include "korvexd/os/Heartbeat.h"
 #include "korvexd/report/Capture.h"
-#include "korvexd/report/QueueLog.h"
+#include "korvexd/report/QueueCounts.h"
 
 namespace korvexd {
 
-/// Logs what happens on one queue, and captures its messages when asked to.
+/// Logs and counts what happens on one queue, and captures its messages when asked to.
 class StreamLog : public korvex::receiver::Observer {
  public:
   /// Captures into the folder, if any. Throws SystemError when that cannot be used.
@@ -34,17 +36,22 @@ class StreamLog : public korvex::receiver::Observer {
   /// Logs what was left out in periods that are over. Any thread may call it, now and then.
   void update();
 
-  /// Messages that could not be captured. May be read by any thread.
-  std::uint64_t captureFailures() const noexcept { return captureFailures_; }
+  /// May be read by any thread.
+  const QueueCounts& counts() const noexcept { return counts_; }
+
+  /// May be looked at even when this is gone.
+  std::shared_ptr<const Heartbeat> heartbeat() const noexcept { return heartbeat_; }
 
   void messageReceived(std::uint64_t number, const unsigned char* untrusted,
                        std::size_t size) noexcept override;
+  void streamOpened(const std::string& place) noexcept override;
   void streamComplete(const korvex::receiver::StreamSummary& summary,
                       const std::string& place) noexcept override;
   void streamIncomplete(const korvex::receiver::StreamSummary& summary, const std::string& reason,
                         const std::string& place) noexcept override;
   void abandoningFailed(const std::string& reason) noexcept override;
-  void batchRefused(std::uint64_t number, const std::string& defect) noexcept override;
+  void batchRefused(std::uint64_t number,
+                    const korvex::receiver::BatchCheck& check) noexcept override;
   void recordRefused(const std::string& defect) noexcept override;
   void queuesLost(const std::string& reason) noexcept override;
   void queuesNotReplaced(const std::string& reason) noexcept override;
@@ -52,11 +59,14 @@ class StreamLog : public korvex::receiver::Observer {
   void settingsChanged() noexcept override;
   void settingsNotChanged(const std::string& reason) noexcept override;
   void messagesLeft(std::size_t count) noexcept override;
+  void working() noexcept override { heartbeat_->beat(); }
+  void waiting() noexcept override { heartbeat_->rest(); }
 
  private:
-  template <typename... Values>
-  void write(QueueLog::Kind kind, spdlog::level::level_enum level, const char* format,
-             const Values&... values) noexcept;
+  void count(const korvex::receiver::StreamSummary& summary) noexcept;
+
+  template <typename MakeEntry>
+  void write(QueueLog::Kind kind, MakeEntry makeEntry) noexcept;
 
   const std::string queue_;
   std::mutex mutex_;
@@ -65,7 +75,8 @@ class StreamLog : public korvex::receiver::Observer {
   std::optional<Capture> capture_;             ///< guarded by that mutex
   std::atomic<std::uint64_t> firstNumber_{0};  ///< messages that earlier daemons captured
   std::atomic<bool> changeRefused_{false};
-  std::atomic<std::uint64_t> captureFailures_{0};
+  QueueCounts counts_;
+  const std::shared_ptr<Heartbeat> heartbeat_ = std::make_shared<Heartbeat>();
 };
 
 }  // namespace korvexd

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 
+#include "korvex/receiver/BatchCheck.h"
 #include "korvex/receiver/Export.h"
 #include "korvex/receiver/StreamSummary.h"
 
@@ -29,6 +30,7 @@ class KORVEX_RECEIVER_EXPORT Observer {
   virtual void messageReceived(std::uint64_t number, const unsigned char* untrusted,
                                std::size_t size) noexcept;
 
+  /// A sink takes the data from now on.
   virtual void streamOpened(const std::string& place) noexcept;
 
   /// The sink has everything; the receipt follows.
@@ -42,7 +44,7 @@ class KORVEX_RECEIVER_EXPORT Observer {
   virtual void abandoningFailed(const std::string& reason) noexcept;
 
   /// A message that is not a valid batch. It fails an open stream.
-  virtual void batchRefused(std::uint64_t number, const std::string& defect) noexcept;
+  virtual void batchRefused(std::uint64_t number, const BatchCheck& check) noexcept;
 
   /// A record that breaks the protocol while no stream is open.
   virtual void recordRefused(const std::string& defect) noexcept;
@@ -64,6 +66,16 @@ class KORVEX_RECEIVER_EXPORT Observer {
 
   /// The receiver ended while this many messages were waiting.
   virtual void messagesLeft(std::size_t count) noexcept;
+
+  // For a watchdog: a receiver that works and has not said so for long is stuck, in a sink mostly.
+  // One that waits may do so for ever.
+
+  /// The thread works. Said before each step of its work, and whenever a sink that finishes says
+  /// that it still does.
+  virtual void working() noexcept;
+
+  /// The step is over, or the thread is about to wait for something to do.
+  virtual void waiting() noexcept;
 };
 
 }  // namespace korvex::receiver

@@ -20,8 +20,9 @@ namespace korvex::receiver {
 /// stale. Good for deciding when to try something and for showing to people, never proof that
 /// something happened.
 ///
-/// If the object is truncated while it is in view, reading it raises SIGBUS; see BusErrorGuard.h.
-/// Used by one thread at a time. Nothing here throws but std::bad_alloc.
+/// If the object is truncated while it is in view, its live numbers are 0 where the guard of
+/// BusErrorGuard.h is installed; without the guard, reading them raises SIGBUS. Used by one thread
+/// at a time. Nothing here throws but std::bad_alloc.
 class KORVEX_RECEIVER_EXPORT QueueStatus {
  public:
   enum class Condition {

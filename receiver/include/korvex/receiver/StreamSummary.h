@@ -7,6 +7,18 @@
 
 namespace korvex::receiver {
 
+/// How a stream ended.
+enum class Ending {
+  Complete,
+  Stopped,       ///< by its producer
+  CutOff,        ///< another stream was opened before its close
+  Silent,        ///< nothing came for `Settings::idleTimeout`
+  Corrupt,       ///< a damaged batch, or a record against the protocol
+  SinkFailed,    ///< it could not be stored
+  QueuesLost,    ///< the queues had to be given up
+  ReceiverEnded  ///< in the middle of the stream
+};
+
 /// What is known of a stream when it ends.
 struct StreamSummary {
   std::string queue;
@@ -16,6 +28,7 @@ struct StreamSummary {
   std::uint64_t segments = 0;  ///< that held data
   std::uint64_t records = 0;   ///< the open and the close record included
   std::string xxh128;          ///< of all data: 32 lower-case hex digits
+  Ending ending = Ending::Complete;
 };
 
 }  // namespace korvex::receiver

@@ -158,7 +158,8 @@ TEST_F(ConfigurationTest, MakesMistakesHarmlessForATerminal) {
 TEST_F(ConfigurationTest, PrintsWhereEachValueComesFrom) {
   give("max-messages", std::int64_t{3});
   EXPECT_EQ(printed(read("[queue.a]\noutput = 'o'\n")),
-            "[daemon]\n# stats: not set\ndrain-timeout = 0  # default\n\n"
+            "[daemon]\n# stats: not set\n# metrics: not set\nlog-format = \"text\"  # default\n"
+            "drain-timeout = 0  # default\n\n"
             "[queue.a]  # file:1\n"
             "output = \"o\"  # file:2\n"
             "# exec: not set\n# discard: not set\n"

@@ -16,7 +16,7 @@
 
 #include "korvex/receiver/SystemError.h"
 #include "korvexd/report/Capture.h"
-#include "korvexd/report/LogWriter.h"
+#include "korvexd/log/LogWriter.h"
 #include "korvexd/report/StatsFile.h"
 #include "korvexd/sink/DirectoryStore.h"
 #include "support/TemporaryFolder.h"

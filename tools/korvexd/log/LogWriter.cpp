@@ -1,8 +1,7 @@
-#include "korvexd/report/LogWriter.h"
+#include "korvexd/log/LogWriter.h"
 
 #include <poll.h>
 #include <signal.h>
-#include <spdlog/pattern_formatter.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -21,17 +20,19 @@ namespace {
 /// Lines that are in no log, for one reason.
 struct Loss {
   const char* reason;
-  std::uint64_t lines = 0;
+  std::atomic<std::uint64_t>& total;
+  std::uint64_t lines = 0;  ///< not reported yet
+
+  void add() noexcept {
+    ++lines;
+    ++total;
+  }
 };
 
-/// As every other line of the log.
-std::string noticeOf(const Loss& loss) {
-  const std::string text =
-      std::to_string(loss.lines) + " log lines are missing here: " + loss.reason;
-  spdlog::memory_buf_t line;
-  spdlog::pattern_formatter().format(spdlog::details::log_msg("korvexd", spdlog::level::warn, text),
-                                     line);
-  return {line.data(), line.size()};
+LogEntry noticeOf(const Loss& loss) {
+  return LogEntry(Event::LinesLost, spdlog::level::warn, "",
+                  std::to_string(loss.lines) + " log lines are missing here: " + loss.reason)
+      .with("lines", loss.lines);
 }
 
 /// How much was written: less than everything when the system refuses, because the disk is full or
@@ -74,7 +75,7 @@ class NoSignals {
 }  // namespace
 
 struct LogWriter::State {
-  explicit State(int file) : descriptor(file) {}
+  State(int file, const LogFormat& layout) : descriptor(file), format(layout) {}
 
   void run() noexcept;
   void writeNext(std::unique_lock<std::mutex>& lock) noexcept;
@@ -82,12 +83,13 @@ struct LogWriter::State {
   bool write(const std::string& text, std::unique_lock<std::mutex>& lock) noexcept;
 
   const int descriptor;
+  const LogFormat format;
   std::mutex mutex;
   std::condition_variable changed;
   std::condition_variable ended;
   std::deque<std::string> lines;
-  Loss unwritten{"they could not be written"};
-  Loss unread{"nobody read them"};
+  Loss unwritten{"they could not be written", logLosses().unwritten};
+  Loss unread{"nobody read them", logLosses().unread};
   bool isCut = false;  ///< what was written last has no line feed; the thread's alone
   bool isOver = false;
   bool hasEnded = false;
@@ -114,7 +116,7 @@ void LogWriter::State::writeNext(std::unique_lock<std::mutex>& lock) noexcept {
   }
   const std::string line = std::move(lines.front());
   lines.pop_front();
-  if (!canWrite || !write(line, lock)) ++unwritten.lines;
+  if (!canWrite || !write(line, lock)) unwritten.add();
 }
 
 /// False when the notice could not be written; it is tried again before a later line.
@@ -122,7 +124,8 @@ bool LogWriter::State::report(Loss& loss, std::unique_lock<std::mutex>& lock) no
   if (loss.lines == 0) return true;
   const std::uint64_t reported = loss.lines;
   try {
-    if (!write(noticeOf(loss), lock)) return false;
+    const std::string notice = format.line(noticeOf(loss), spdlog::log_clock::now());
+    if (!write(notice, lock)) return false;
   } catch (const std::exception&) {
     return false;  // no memory just now
   }
@@ -140,8 +143,13 @@ bool LogWriter::State::write(const std::string& text, std::unique_lock<std::mute
   return written == text.size();
 }
 
-LogWriter::LogWriter(int descriptor, std::chrono::milliseconds patience)
-    : patience_(patience), state_(std::make_shared<State>(descriptor)) {
+LogLosses& logLosses() noexcept {
+  static LogLosses losses;
+  return losses;
+}
+
+LogWriter::LogWriter(int descriptor, std::chrono::milliseconds patience, LogFormat format)
+    : patience_(patience), state_(std::make_shared<State>(descriptor, format)) {
   const NoSignals noSignals;  // a new thread has its maker's mask, and signals are for others
   thread_ = startThread("the log", [state = state_] { state->run(); });
 }
@@ -166,12 +174,12 @@ void LogWriter::add(std::string line) noexcept {
   try {
     state_->lines.push_back(std::move(line));
   } catch (const std::exception&) {
-    ++state_->unread.lines;
+    state_->unread.add();
     return;
   }
   if (state_->lines.size() > kMostLines) {
     state_->lines.pop_front();
-    ++state_->unread.lines;
+    state_->unread.add();
   }
   state_->changed.notify_one();
 }

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "korvexd/report/LogWriter.h"
+#include "korvexd/log/LogWriter.h"
 #include "support/Await.h"
 
 using korvex::test::eventually;

@@ -1,4 +1,4 @@
-#include "korvexd/report/LogWriter.h"
+#include "korvexd/log/LogWriter.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>

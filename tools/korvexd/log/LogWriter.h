@@ -1,13 +1,27 @@
 #ifndef KORVEXD_LOG_WRITER_H
 #define KORVEXD_LOG_WRITER_H
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <thread>
 
+#include "korvexd/log/LogFormat.h"
+
 namespace korvexd {
+
+/// Lines that this process had to say and that are in no log.
+struct LogLosses {
+  std::atomic<std::uint64_t> unread{0};     ///< nobody read them in time
+  std::atomic<std::uint64_t> unwritten{0};  ///< the system took them not, or not whole
+  std::atomic<std::uint64_t> held{0};       ///< there were too many of their kind
+};
+
+/// Since the start. Any thread may count and read.
+LogLosses& logLosses() noexcept;
 
 /// Writes lines to a descriptor in a thread of its own, so that those who log never wait for the
 /// reader: a pipe that nobody reads, a terminal that is held, a disk that hangs.
@@ -20,9 +34,10 @@ class LogWriter {
  public:
   static constexpr std::size_t kMostLines = 8192;
 
-  /// The descriptor is used as long as the process lives. Throws SystemError when there is no
-  /// thread to be had.
-  LogWriter(int descriptor, std::chrono::milliseconds patience);
+  /// The descriptor is used as long as the process lives; the format is for lines about missing
+  /// ones. Throws SystemError when there is no thread to be had.
+  LogWriter(int descriptor, std::chrono::milliseconds patience,
+            LogFormat format = {LogStyle::Text, LogReader::Anyone});
 
   /// Waits until everything is written, but no longer than its patience.
   ~LogWriter();

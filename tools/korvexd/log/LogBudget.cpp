@@ -1,4 +1,4 @@
-#include "korvexd/report/LogBudget.h"
+#include "korvexd/log/LogBudget.h"
 
 #include <utility>
 

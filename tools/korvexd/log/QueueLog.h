@@ -1,13 +1,12 @@
 #ifndef KORVEXD_QUEUE_LOG_H
 #define KORVEXD_QUEUE_LOG_H
 
-#include <spdlog/spdlog.h>
-
 #include <array>
 #include <cstddef>
 #include <string>
 
-#include "korvexd/report/LogBudget.h"
+#include "korvexd/log/LogBudget.h"
+#include "korvexd/log/LogEntry.h"
 
 namespace korvexd {
 
@@ -16,17 +15,25 @@ namespace korvexd {
 /// Used by one thread.
 class QueueLog {
  public:
-  enum class Kind : std::size_t { Stream, DamagedBatch, RefusedRecord, SinkTrouble, QueuePair };
+  enum class Kind : std::size_t {
+    StreamOpened,
+    Stream,
+    DamagedBatch,
+    RefusedRecord,
+    SinkTrouble,
+    QueuePair
+  };
   static constexpr std::size_t kKinds = static_cast<std::size_t>(Kind::QueuePair) + 1;
 
-  /// How many lines of a kind there are in ten seconds: of streams that ended, and of the others.
+  /// How many lines of a kind there are in ten seconds: of streams that opened, of those that
+  /// ended, and of the others.
   static constexpr std::uint64_t kMostStreams = 200;
   static constexpr std::uint64_t kMostOthers = 10;
 
   explicit QueueLog(std::string queue);
 
-  /// Writes "QUEUE: TEXT", or counts it.
-  void write(Kind kind, spdlog::level::level_enum level, const std::string& text);
+  /// Writes it, or counts it.
+  void write(Kind kind, const LogEntry& entry);
 
   /// Says what was left out in periods that are over. Call it now and then.
   void update();

@@ -1,0 +1,153 @@
+#include "korvexd/metrics/Metrics.h"
+
+#include <gmock/gmock.h>
+
+#include <regex>
+#include <set>
+#include <sstream>
+
+#include "korvexd/metrics/MetricsFile.h"
+#include "support/TemporaryFolder.h"
+
+using korvex::receiver::Count;
+using korvex::receiver::Counters;
+using korvex::test::contentsOf;
+using korvexd::DaemonNumbers;
+using korvexd::EngineFailureCounts;
+using korvexd::MetricsFile;
+using korvexd::QueueCounts;
+using korvexd::StreamLog;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+class MetricsTest : public testing::Test {
+ protected:
+  DaemonNumbers numbers(const std::string& queue) const {
+    DaemonNumbers numbers;
+    numbers.name = "night";
+    numbers.queues.emplace_back();
+    numbers.queues.back().name = queue;
+    numbers.queues.back().counters = &counters_;
+    numbers.queues.back().counts = &counts_;
+    return numbers;
+  }
+
+  Counters counters_;
+  QueueCounts counts_;
+};
+
+class MetricsFileTest : public testing::Test {
+ protected:
+  std::string written() const { return contentsOf(path_); }
+  void update(MetricsFile& file) { file.update({{"shop", &counters_, &log_}}, 0); }
+  static EngineFailureCounts noFailures(const std::string&) { return {}; }
+
+  korvex::test::TemporaryFolder folder_;
+  std::string path_ = folder_ / "night.prom";
+  Counters counters_;
+  StreamLog log_{"shop", std::nullopt};
+};
+
+/// What ended at this time.
+korvex::receiver::StreamSummary endedAt(std::time_t time) {
+  korvex::receiver::StreamSummary summary;
+  summary.closed = time;
+  return summary;
+}
+
+}  // namespace
+
+TEST_F(MetricsTest, WriteEachFamilyWithHelpAndType) {
+  counters_.add(Count::Bytes, 5);
+  EXPECT_THAT(korvexd::metricsText(numbers("shop")),
+              HasSubstr("# HELP korvex_bytes_total Bytes of data that were handed to a sink.\n"
+                        "# TYPE korvex_bytes_total counter\n"
+                        "korvex_bytes_total{queue=\"shop\"} 5\n"));
+}
+
+TEST_F(MetricsTest, EscapeWhatLabelsCannotHold) {
+  EXPECT_THAT(korvexd::metricsText(numbers("a\"b\\c\nd")),
+              HasSubstr("korvex_bytes_total{queue=\"a\\\"b\\\\c\\nd\"} 0\n"));
+}
+
+TEST_F(MetricsTest, CountStreamsByResultAndOpenOnes) {
+  counts_.ended[static_cast<std::size_t>(korvex::receiver::Ending::CutOff)] = 3;
+  counters_.add(Count::StreamsOpened, 4);
+  counters_.add(Count::StreamsIncomplete, 3);
+  const std::string text = korvexd::metricsText(numbers("shop"));
+  EXPECT_THAT(text, HasSubstr("korvex_streams_total{queue=\"shop\",result=\"cut_off\"} 3\n"));
+  EXPECT_THAT(text, HasSubstr("korvex_stream_open{queue=\"shop\"} 1\n"));
+}
+
+TEST_F(MetricsTest, KeepTheSecondsThatAQueueWasFull) {
+  DaemonNumbers now = numbers("shop");
+  now.queues.back().fullSeconds = 1234567.8915;
+  EXPECT_THAT(korvexd::metricsText(now),
+              HasSubstr("korvex_queue_full_seconds_total{queue=\"shop\"} 1234567.89"));
+}
+
+TEST(MetricFamilies, AreTheOnesThatThePageLists) {
+  std::set<std::string> documented;
+  const std::string page = contentsOf(KORVEX_DOCS "/monitoring.md");
+  const std::regex row("\\| `(korvex_\\w+)` \\| (counter|gauge) \\|");
+  for (std::sregex_iterator at(page.begin(), page.end(), row), end; at != end; ++at) {
+    EXPECT_TRUE(documented.insert((*at)[1].str() + " " + (*at)[2].str()).second) << (*at)[1];
+  }
+  std::set<std::string> known;
+  for (const auto& family : korvexd::metricFamilies()) {
+    known.insert(std::string(family.name) + " " + family.type);
+  }
+  EXPECT_EQ(known, documented);
+}
+
+TEST_F(MetricsFileTest, IsNamedInWhatIsTheDaemons) {
+  MetricsFile file(path_, noFailures);
+  update(file);
+  EXPECT_THAT(written(), HasSubstr("korvex_build_info{daemon=\"night\",version=\""));
+}
+
+TEST_F(MetricsFileTest, IsWrittenAgainOnlyAfterAChange) {
+  MetricsFile file(path_, noFailures);
+  update(file);
+  ASSERT_EQ(std::remove(path_.c_str()), 0);
+  update(file);
+  EXPECT_THAT(korvex::test::namesIn(folder_.path()), testing::IsEmpty()) << "not yet old";
+  counters_.add(Count::Bytes);
+  update(file);
+  EXPECT_THAT(written(), HasSubstr("korvex_bytes_total{queue=\"shop\"} 1\n"));
+}
+
+TEST_F(MetricsFileTest, KeepsTheLastSuccessOfAnEarlierDaemon) {
+  log_.streamComplete(endedAt(1000000001), "");
+  MetricsFile first(path_, noFailures);
+  update(first);
+  StreamLog fresh("shop", std::nullopt);
+  MetricsFile second(path_, noFailures);
+  second.update({{"shop", &counters_, &fresh}, {"other", &counters_, &fresh}}, 0);
+  const std::string sample = "korvex_last_success_timestamp_seconds{queue=";
+  EXPECT_THAT(written(), HasSubstr(sample + "\"shop\"} 1000000001\n"));
+  EXPECT_THAT(written(), HasSubstr(sample + "\"other\"} 0\n"));
+  fresh.streamComplete(endedAt(1000000002), "");
+  second.update({{"shop", &counters_, &fresh}}, 0);
+  EXPECT_THAT(written(), HasSubstr(sample + "\"shop\"} 1000000002\n"));
+}
+
+TEST_F(MetricsFileTest, ForgetsQueuesThatAreNoLongerServed) {
+  MetricsFile file(path_, noFailures);
+  update(file);
+  file.update({}, 0);
+  EXPECT_THAT(written(), Not(HasSubstr("shop")));
+}
+
+TEST_F(MetricsFileTest, CountsEnginesByQueue) {
+  MetricsFile file(path_, [](const std::string& queue) {
+    EngineFailureCounts counts = {};
+    counts[static_cast<std::size_t>(korvexd::EngineFailure::Killed)] = queue == "shop" ? 2 : 0;
+    return counts;
+  });
+  update(file);
+  EXPECT_THAT(written(),
+              HasSubstr("korvex_engine_failures_total{queue=\"shop\",reason=\"killed\"} 2\n"));
+}

@@ -1,0 +1,53 @@
+#include "korvexd/Supervision.h"
+
+#include <utility>
+
+#include "korvexd/service/StatusText.h"
+
+namespace korvexd {
+namespace {
+
+std::string statusOf(const Supervision::Queues& queues) {
+  std::vector<const receiver::Counters*> counters;
+  for (const QueueStats& queue : queues) counters.push_back(queue.counters);
+  return statusText(counters);
+}
+
+std::vector<Watchdog::Loop> loopsOf(const Supervision::Queues& queues) {
+  std::vector<Watchdog::Loop> loops;
+  for (const QueueStats& queue : queues) loops.push_back({queue.queue, queue.log->heartbeat()});
+  return loops;
+}
+
+}  // namespace
+
+void Supervision::keepMetrics(const std::optional<std::string>& path, const Queues& queues,
+                              MetricsFile::EngineFailuresOf engineFailuresOf) {
+  metrics_.reset();
+  if (!path) return;
+  metrics_.emplace(*path, std::move(engineFailuresOf));
+  metrics_->update(queues, 0);
+}
+
+void Supervision::ready(const Queues& queues) {
+  if (!watchdog_) watchdog_.emplace(manager_);
+  watchdog_->watch(loopsOf(queues));
+  manager_.ready(statusOf(queues));
+}
+
+void Supervision::update(const Queues& queues, std::uint64_t statsFailures) {
+  updateMetrics(queues, statsFailures);
+  manager_.status(statusOf(queues));
+}
+
+void Supervision::over(const Queues& queues, std::uint64_t statsFailures) noexcept {
+  watchdog_.reset();
+  updateMetrics(queues, statsFailures);
+}
+
+void Supervision::updateMetrics(const Queues& queues, std::uint64_t statsFailures) noexcept {
+  if (!metrics_) return;
+  metricsWrites_.attempt([&] { metrics_->update(queues, statsFailures); });
+}
+
+}  // namespace korvexd

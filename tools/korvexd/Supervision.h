@@ -1,0 +1,54 @@
+#ifndef KORVEXD_SUPERVISION_H
+#define KORVEXD_SUPERVISION_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "korvexd/metrics/MetricsFile.h"
+#include "korvexd/report/Attempts.h"
+#include "korvexd/report/StatsFile.h"
+#include "korvexd/service/ServiceManager.h"
+#include "korvexd/service/Watchdog.h"
+
+namespace korvexd {
+
+/// What those hear of the daemon who look after it: a service manager, with its watchdog, and
+/// whoever collects metrics. For one thread.
+class Supervision {
+ public:
+  using Queues = std::vector<QueueStats>;  ///< those that are served, each with its log
+
+  /// `manager` outlives it.
+  explicit Supervision(ServiceManager& manager) : manager_(manager) {}
+
+  /// Keeps metrics in this file from now on, or none. Throws when it cannot be written.
+  void keepMetrics(const std::optional<std::string>& path, const Queues& queues,
+                   MetricsFile::EngineFailuresOf engineFailuresOf);
+
+  /// Producers may come, for the first time or after a reload.
+  void ready(const Queues& queues);
+
+  void reloading() { manager_.reloading(); }
+  void stopping() { manager_.stopping(); }
+
+  /// Call it once a second. `statsFailures` counts failed writes of the statistics. Throws nothing
+  /// but std::bad_alloc.
+  void update(const Queues& queues, std::uint64_t statsFailures);
+
+  /// Nothing is served any more: the last numbers.
+  void over(const Queues& queues, std::uint64_t statsFailures) noexcept;
+
+ private:
+  void updateMetrics(const Queues& queues, std::uint64_t statsFailures) noexcept;
+
+  ServiceManager& manager_;
+  std::optional<MetricsFile> metrics_;
+  Attempts metricsWrites_;
+  std::optional<Watchdog> watchdog_;
+};
+
+}  // namespace korvexd
+
+#endif

@@ -1,0 +1,61 @@
+#ifndef KORVEXD_METRICS_H
+#define KORVEXD_METRICS_H
+
+#include <korvex/receiver/Counters.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "korvexd/exec/Engine.h"
+#include "korvexd/report/QueueCounts.h"
+
+namespace korvexd {
+
+namespace receiver = korvex::receiver;
+
+/// What is known of one queue at one moment.
+struct QueueNumbers {
+  std::string name;  ///< in UTF-8
+  const receiver::Counters* counters = nullptr;
+  const QueueCounts* counts = nullptr;
+  EngineFailureCounts engineFailures = {};
+  std::time_t lastSuccess = 0;  ///< 0 for never
+  std::size_t waiting = 0;
+  std::size_t capacity = 0;
+  double fullSeconds = 0;
+};
+
+/// What is known of the whole daemon at one moment.
+struct DaemonNumbers {
+  std::string name;  ///< tells daemons of one machine apart
+  std::time_t started = 0;
+  std::time_t written = 0;
+  std::uint64_t statsFailures = 0;    ///< writes of the statistics
+  std::uint64_t metricsFailures = 0;  ///< writes of the metrics
+  std::vector<QueueNumbers> queues;
+};
+
+/// Metrics that share a name. docs/monitoring.md lists them.
+struct MetricFamily {
+  class Samples;
+
+  const char* name;
+  const char* type;
+  const char* help;
+  void (*add)(Samples& to, const DaemonNumbers& from);
+};
+
+const std::vector<MetricFamily>& metricFamilies();
+
+/// All of them, in the text format of Prometheus.
+std::string metricsText(const DaemonNumbers& numbers);
+
+/// When such a text says that the queue had its last complete stream; 0 when it does not.
+std::time_t lastSuccessIn(const std::string& metrics, const std::string& queue);
+
+}  // namespace korvexd
+
+#endif

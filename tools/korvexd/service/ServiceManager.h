@@ -1,0 +1,55 @@
+#ifndef KORVEXD_SERVICE_MANAGER_H
+#define KORVEXD_SERVICE_MANAGER_H
+
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <chrono>
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace korvexd {
+
+/// What systemd hears of this process, as datagrams to the socket that it names in NOTIFY_SOCKET.
+/// Without one everything here does nothing. One thread sends; any other may feed the watchdog.
+class ServiceManager {
+ public:
+  /// Takes the variables out of the environment, so that engines do not speak for the daemon: make
+  /// it before any thread starts.
+  ServiceManager();
+
+  /// Producers may come. Also ends a reloading().
+  void ready(const std::string& status);
+
+  /// The configuration is being read again; ready() follows, whatever came of it.
+  void reloading();
+
+  /// The daemon is about to end.
+  void stopping();
+
+  /// One line for people, shown by `systemctl status`. Sends only what has changed.
+  void status(const std::string& text);
+
+  /// The loops that move data do so.
+  void feedWatchdog();
+
+  /// How long the manager waits for feedWatchdog() before it restarts the daemon; none: for ever.
+  const std::optional<std::chrono::microseconds>& watchdogPeriod() const noexcept {
+    return watchdogPeriod_;
+  }
+
+ private:
+  void send(const std::string& message);
+
+  sockaddr_un address_ = {};
+  socklen_t addressSize_ = 0;  ///< 0 for no manager
+  std::optional<std::chrono::microseconds> watchdogPeriod_;
+  std::mutex mutex_;
+  std::string status_;
+  bool isUnreachable_ = false;  ///< the last time, and the log says so
+};
+
+}  // namespace korvexd
+
+#endif
