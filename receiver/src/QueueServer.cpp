@@ -302,7 +302,7 @@ void QueueServer::retire() noexcept {
 /// What cannot be done yet is tried at every step.
 void QueueServer::takeOrders() {
   hasOrders_ = false;
-  if (hasChange_ && !session_.isOpen()) tryChange();
+  if (hasChange_ && !refusesStreams_ && !session_.isOpen()) tryChange();
   if (isToRetire_ && !refusesStreams_) prepareRetirement();
   if (refusesStreams_ && !session_.isOpen()) hasRetired_ = true;
 }

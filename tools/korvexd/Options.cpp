@@ -213,7 +213,7 @@ Options optionsOf(const CLI::App& app, const Arguments& found) {
   }
   options.commandLine.queue = queueLayer(app, found);
   options.commandLine.daemon = daemonLayer(app, found);
-  if (!found.configFile.empty()) options.commandLine.configFile = found.configFile;
+  if (app.count("--config") > 0) options.commandLine.configFile = found.configFile;
   return options;
 }
 

@@ -108,7 +108,7 @@ void Configuration::refuseNoQueue() {
       {{Origin::Kind::File, 1, 1}, "found no queue, expected a table [queue.NAME]"});
 }
 
-/// No two queues may mean the same object, and a response queue is one as well.
+/// No two queues may mean the same object, and a response queue is an object too.
 void Configuration::refuseClashes() {
   std::map<std::string, const Queue*> owners;
   for (const Queue& queue : queues_) {

@@ -87,7 +87,7 @@ gid_t groupNumbered(std::int64_t number) {
   return static_cast<gid_t>(numberIn(number, 0, kMost));
 }
 
-/// A number in quotes is one as well, for the command line knows no other.
+/// A number may be in quotes: the command line has only texts.
 gid_t groupIn(const Value& value) {
   if (const auto* const number = std::get_if<std::int64_t>(&value)) return groupNumbered(*number);
   const std::string expected = "the name or the number of a group of this system";

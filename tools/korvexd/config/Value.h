@@ -10,7 +10,7 @@
 
 namespace korvexd {
 
-/// A value as somebody gave it.
+/// A value as a file or a command line gives it.
 using Value = std::variant<bool, std::int64_t, std::string, std::vector<std::string>>;
 
 /// Where a value, or a mistake, comes from.

@@ -68,7 +68,7 @@ class KORVEX_RECEIVER_EXPORT Receiver {
   /// hold again; the observer hears of either.
   void change(const Settings& settings, SinkFactory openSink);
 
-  /// From now on streams that open fail, but those that wait already. Any thread may call it.
+  /// From now on new streams fail; those that wait already are taken. Any thread may call it.
   void retire() noexcept;
 
   /// Whether it was asked to retire, and no stream is open any more. Any thread may ask.
