@@ -4,8 +4,8 @@
 
 #include <stdexcept>
 
+#include "queues/Leftovers.h"
 #include "queues/QueueObject.h"
-#include "queues/StaleQueue.h"
 #include "stream/Reply.h"
 
 namespace korvex::receiver {
@@ -31,23 +31,13 @@ std::string responseNameIfFree(const std::string& name, Receiver::Existing exist
   return replies;
 }
 
-void removeExisting(const std::string& batches, const std::string& replies) {
-  // Both are claimed before either is removed, so that a living daemon keeps both of its queues.
-  StaleQueue staleBatches(batches);
-  StaleQueue staleReplies(replies);
-  staleBatches.remove();
-  staleReplies.remove();
-}
-
 }  // namespace
 
 QueuePair::QueuePair(const std::string& name, Limits limits, mode_t mode,
                      Receiver::Existing existing)
     : replies_(responseNameIfFree(name, existing), kReplyLimits, mode),
       batches_(name, limits, mode) {
-  if (existing == Receiver::Existing::Replace) {
-    removeExisting(name, getMessageQueueResponseName(name));
-  }
+  if (existing == Receiver::Existing::Replace) removeDeadPair(name);
   replies_.publish();
   batches_.publish();
 }

@@ -1,16 +1,38 @@
 #include "korvex/receiver/QueueStatus.h"
 
 #include "queue/QueueView.h"
+#include "queues/BusErrorGuard.h"
+#include "queues/QueueObject.h"
 
 namespace korvex::receiver {
+namespace {
+
+QueueStatus::Object objectAt(const std::string& name) noexcept {
+  struct stat found = {};
+  if (!QueueObject::look(name, found)) return {};
+  return {found.st_dev, found.st_ino, found.st_uid, found.st_gid, found.st_mode, found.st_size};
+}
+
+/// A number that lies in shared memory; 0 when that is gone.
+template <typename Read>
+auto numberFrom(Read read) noexcept -> decltype(read()) {
+  try {
+    return surviveBusError(read);
+  } catch (const MemoryLost&) {
+    return {};
+  }
+}
+
+}  // namespace
 
 struct QueueStatus::View {
   std::string name;
+  Object object;
   QueueView queue;
 };
 
 QueueStatus::QueueStatus(const std::string& name)
-    : view_(std::make_unique<View>(View{name, QueueView(name)})) {}
+    : view_(std::make_unique<View>(View{name, objectAt(name), QueueView(name)})) {}
 
 QueueStatus::~QueueStatus() = default;
 
@@ -36,16 +58,32 @@ QueueStatus::Condition QueueStatus::condition() const noexcept {
 
 int QueueStatus::systemError() const noexcept { return view_->queue.systemError(); }
 
+const QueueStatus::Object& QueueStatus::object() const noexcept { return view_->object; }
+
 Limits QueueStatus::limits() const noexcept {
   return {view_->queue.maxMessages(), view_->queue.maxMessageSize()};
 }
 
 bool QueueStatus::isStillNamed() const noexcept { return view_->queue.isStillNamed(view_->name); }
 
-std::size_t QueueStatus::messages() const noexcept { return view_->queue.messages(); }
+std::size_t QueueStatus::messages() const noexcept {
+  return numberFrom([this] { return view_->queue.messages(); });
+}
 
-bool QueueStatus::looksLocked() const noexcept { return view_->queue.looksLocked(); }
+std::uint64_t QueueStatus::waitingBytes() const noexcept {
+  return numberFrom([this] { return view_->queue.waitingBytes(); });
+}
 
-pid_t QueueStatus::lockOwner() const noexcept { return view_->queue.lockOwner(); }
+bool QueueStatus::looksLocked() const noexcept {
+  return numberFrom([this] { return view_->queue.looksLocked(); });
+}
+
+pid_t QueueStatus::lockOwner() const noexcept {
+  return numberFrom([this] { return view_->queue.lockOwner(); });
+}
+
+bool QueueStatus::isLockOwnerGone() const noexcept {
+  return numberFrom([this] { return view_->queue.isLockOwnerGone(); });
+}
 
 }  // namespace korvex::receiver

@@ -79,6 +79,7 @@ StreamSession::Answer StreamSession::takeOpen(const Header& header) {
   try {
     sink_ = openSink_(queue_, stream_.opened);
     if (sink_ == nullptr) throw std::logic_error("the daemon made no sink for the stream");
+    observer_.streamOpened(placeOf(sink_.get()));
   } catch (const std::exception& error) {
     return fail(kStatusSinkFailed, error.what());
   }

@@ -1,0 +1,76 @@
+#include "korvex/receiver/QueueSurvey.h"
+
+#include <korvex/ShmWriter.h>
+#include <sys/sysmacros.h>
+
+#include <cstdio>
+#include <fstream>
+#include <set>
+
+#include "queue/LockOwner.h"
+#include "queues/QueueObject.h"
+
+namespace korvex::receiver {
+namespace {
+
+const std::string kReplies = getMessageQueueResponseName("");
+
+/// The name of the pair that an object belongs to. One whose name ends in "Response" holds replies,
+/// unless it has replies of its own and nobody whose they are.
+std::string pairOf(const std::string& name, const std::set<std::string>& names) {
+  const bool hasEnding =
+      name.size() > kReplies.size() &&
+      name.compare(name.size() - kReplies.size(), kReplies.size(), kReplies) == 0;
+  if (!hasEnding) return name;
+  const std::string batches = name.substr(0, name.size() - kReplies.size());
+  return names.count(batches) == 0 && names.count(name + kReplies) != 0 ? name : batches;
+}
+
+bool isQueue(const std::string& name) {
+  const auto condition = QueueStatus(name).condition();
+  return condition == QueueStatus::Condition::Sound || condition == QueueStatus::Condition::Busy;
+}
+
+/// A line of the system's table. False unless it is a lock that somebody has, as daemons take it.
+bool readClaim(const std::string& line, std::pair<dev_t, ino_t>& file, pid_t& process) {
+  unsigned major = 0;
+  unsigned minor = 0;
+  unsigned long inode = 0;
+  const int found = std::sscanf(line.c_str(), "%*d: FLOCK ADVISORY WRITE %d %x:%x:%lu", &process,
+                                &major, &minor, &inode);
+  file = {::gnu_dev_makedev(major, minor), inode};
+  return found == 4;
+}
+
+}  // namespace
+
+std::vector<std::string> pairNames() {
+  const std::vector<std::string> list = QueueObject::names();
+  const std::set<std::string> names(list.begin(), list.end());
+  std::set<std::string> pairs;
+  for (const std::string& name : names) {
+    const std::string pair = pairOf(name, names);
+    const bool isWhole = names.count(pair) != 0 && names.count(pair + kReplies) != 0;
+    const bool isHalfMade = name.rfind('.', 0) == 0;
+    if (isWhole || (!isHalfMade && isQueue(name))) pairs.insert(pair);
+  }
+  return {pairs.begin(), pairs.end()};
+}
+
+ServingProcesses::ServingProcesses() {
+  std::ifstream table("/proc/locks");
+  isWhole_ = table.is_open() && isInInitialPidNamespace();
+  for (std::string line; std::getline(table, line);) {
+    std::pair<dev_t, ino_t> file;
+    pid_t process = 0;
+    if (readClaim(line, file, process)) claims_[file] = process;
+  }
+}
+
+std::optional<pid_t> ServingProcesses::of(const QueueStatus::Object& queue) const noexcept {
+  const auto claim = claims_.find({queue.device, queue.inode});
+  if (claim != claims_.end()) return claim->second;
+  return isWhole_ ? std::make_optional(pid_t{0}) : std::nullopt;
+}
+
+}  // namespace korvex::receiver
