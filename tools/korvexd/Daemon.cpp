@@ -78,6 +78,13 @@ class ServerThreads {
 
 }  // namespace
 
+void expectReportSignal() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, kReportSignal);
+  ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
 Daemon::Daemon(const Options& options) : endSignals_(endSignals()), limits_(options.queue.limits) {
   prepareProcess(endSignals_);
   raiseDescriptorLimit();
@@ -147,9 +154,20 @@ void Daemon::announceServing() const {
   }
 }
 
-/// A second signal stays blocked and changes nothing.
+/// A second signal that ends it stays blocked and changes nothing.
 void Daemon::awaitSignal() {
-  while (::sigtimedwait(&endSignals_, nullptr, &kStatsInterval) < 0) doRegularly();
+  sigset_t signals = endSignals_;
+  sigaddset(&signals, kReportSignal);
+  for (;;) {
+    const int signal = ::sigtimedwait(&signals, nullptr, &kStatsInterval);
+    if (signal == kReportSignal) logStreams();
+    if (signal > 0 && signal != kReportSignal) return;
+    doRegularly();
+  }
+}
+
+void Daemon::logStreams() const {
+  for (const auto& served : queues_) served->log.logState(served->receiver.counters());
 }
 
 void Daemon::doRegularly() noexcept {

@@ -20,6 +20,13 @@ namespace korvexd {
 
 namespace receiver = korvex::receiver;
 
+/// Asks a daemon to log what its queues are doing.
+constexpr int kReportSignal = SIGUSR1;
+
+/// From now on that signal waits for a daemon, in threads that start later too; it would end the
+/// process before.
+void expectReportSignal();
+
 /// The whole daemon: one thread for each queue, and the calling one for signals and statistics.
 class Daemon {
  public:
@@ -48,6 +55,7 @@ class Daemon {
   void createStatsFile(const std::string& path);
   void announceServing() const;
   void awaitSignal();
+  void logStreams() const;
   void doRegularly() noexcept;
   void updateStats() noexcept;
 

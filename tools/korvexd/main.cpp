@@ -47,6 +47,7 @@ bool startLog() {
 int main(int argc, char** argv) {
   using namespace korvexd;
   if (isKeeper(argc, argv)) return runKeeper(argc, argv);
+  expectReportSignal();
   korvex::common::occupyStandardDescriptors();
   const ParsedOptions parsed = parseOptions(argc, argv, std::cout, std::cerr);
   if (!parsed.options) return parsed.exitCode;

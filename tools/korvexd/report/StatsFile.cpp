@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
+#include "common/Printable.h"
 #include "common/QueueName.h"
 #include "korvexd/os/File.h"
 
@@ -33,6 +34,27 @@ Json jsonOf(const Sum& sum) {
   }
   json["capture_failures"] = sum.captureFailures;
   return json;
+}
+
+Json jsonOf(const std::optional<StreamHistory::End>& end) {
+  if (!end) return nullptr;
+  Json json = {{"at", common::utcText(end->at)}, {"bytes", end->bytes}};
+  if (!end->reason.empty()) json["reason"] = common::printable(end->reason);
+  return json;
+}
+
+Json openStreamOf(const StreamHistory& history, const receiver::Counters& counters) {
+  if (!history.open) return nullptr;
+  return {{"since", common::utcText(history.open->since)},
+          {"bytes", history.openBytes(counters)},
+          {"place", common::printable(history.open->place)}};
+}
+
+void addHistory(Json& json, const QueueStats& stats) {
+  const StreamHistory history = stats.log == nullptr ? StreamHistory() : stats.log->history();
+  json["open_stream"] = openStreamOf(history, *stats.counters);
+  json["last_complete"] = jsonOf(history.lastComplete);
+  json["last_incomplete"] = jsonOf(history.lastIncomplete);
 }
 
 void add(Sum& sum, const QueueStats& stats) {
@@ -70,7 +92,8 @@ std::string StatsFile::text() const {
     Sum own;
     add(own, stats);
     add(total, stats);
-    queues[common::jsonNameOf(stats.queue)] = jsonOf(own);
+    Json& json = queues[common::jsonNameOf(stats.queue)] = jsonOf(own);
+    addHistory(json, stats);
   }
   const Json json = {{"total", jsonOf(total)}, {"queues", queues}};
   return json.dump(kIndent) + "\n";

@@ -4,6 +4,8 @@
 
 #include <utility>
 
+#include "common/Printable.h"
+
 namespace korvexd {
 
 using korvex::receiver::StreamSummary;
@@ -29,7 +31,30 @@ void StreamLog::messageReceived(std::uint64_t number, const unsigned char* untru
   }
 }
 
+/// Where memory is short, the place is left out.
+void StreamLog::streamOpened(const std::string& place) noexcept {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  history_.open = {std::time(nullptr), {}};
+  try {
+    history_.open->place = place;
+  } catch (const std::bad_alloc&) {
+  }
+}
+
+void StreamLog::noteEnd(const StreamSummary& summary, const std::string& reason) noexcept {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  history_.open.reset();
+  history_.endedBytes += summary.bytes;
+  auto& last = reason.empty() ? history_.lastComplete : history_.lastIncomplete;
+  last = {summary.closed, summary.bytes, {}};
+  try {
+    last->reason = reason;
+  } catch (const std::bad_alloc&) {
+  }
+}
+
 void StreamLog::streamComplete(const StreamSummary& summary, const std::string& place) noexcept {
+  noteEnd(summary, "");
   write(QueueLog::Kind::Stream, spdlog::level::info,
         "stream complete, {} bytes in {} segments, xxh128 {}, {}", summary.bytes, summary.segments,
         summary.xxh128, place);
@@ -37,6 +62,7 @@ void StreamLog::streamComplete(const StreamSummary& summary, const std::string& 
 
 void StreamLog::streamIncomplete(const StreamSummary& summary, const std::string& reason,
                                  const std::string& place) noexcept {
+  noteEnd(summary, reason);
   write(QueueLog::Kind::Stream, spdlog::level::info, "stream incomplete ({}), {} bytes, {}", reason,
         summary.bytes, place.empty() ? "nothing stored" : place.c_str());
 }
@@ -71,6 +97,25 @@ void StreamLog::queuesReplaced() noexcept {
 void StreamLog::messagesLeft(std::size_t count) noexcept {
   write(QueueLog::Kind::QueuePair, spdlog::level::warn, "the daemon ends, messages not taken: {}",
         count);
+}
+
+StreamHistory StreamLog::history() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return history_;
+}
+
+void StreamLog::logState(const korvex::receiver::Counters& counters) const {
+  const StreamHistory now = history();
+  if (now.open) {
+    spdlog::info("{}: stream open since {}, {} bytes, {}", queue_,
+                 korvex::common::utcText(now.open->since), now.openBytes(counters),
+                 now.open->place);
+  } else if (now.lastComplete) {
+    spdlog::info("{}: idle, last complete stream at {}, {} bytes", queue_,
+                 korvex::common::utcText(now.lastComplete->at), now.lastComplete->bytes);
+  } else {
+    spdlog::info("{}: idle, no complete stream yet", queue_);
+  }
 }
 
 void StreamLog::update() {
