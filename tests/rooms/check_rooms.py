@@ -50,10 +50,12 @@ INNER = {
     "tools/korvexd/sink": {"tools/korvexd/os"},
     "tools/korvexd/exec": {"tools/korvexd/os"},
     "tools/korvexd/report": {"tools/korvexd/os"},
-    "tools/korvex": {"tools/korvex/send", "tools/korvex/inspect", "tools/korvex/verify"},
+    "tools/korvex": {"tools/korvex/send", "tools/korvex/inspect", "tools/korvex/verify",
+                     "tools/korvex/status"},
     "tools/korvex/send": {"tools/korvex"},
     "tools/korvex/inspect": {"tools/korvex"},
     "tools/korvex/verify": {"tools/korvex", "tools/korvex/inspect"},
+    "tools/korvex/status": {"tools/korvex", "tools/korvex/inspect"},
 }
 
 
