@@ -8,6 +8,7 @@
 #include <set>
 
 #include "queue/LockOwner.h"
+#include "queues/Leftovers.h"
 #include "queues/QueueObject.h"
 
 namespace korvex::receiver {
@@ -26,9 +27,17 @@ std::string pairOf(const std::string& name, const std::set<std::string>& names) 
   return names.count(batches) == 0 && names.count(name + kReplies) != 0 ? name : batches;
 }
 
-bool isQueue(const std::string& name) {
-  const auto condition = QueueStatus(name).condition();
-  return condition == QueueStatus::Condition::Sound || condition == QueueStatus::Condition::Busy;
+using Condition = QueueStatus::Condition;
+
+bool isQueue(Condition condition) {
+  return condition == Condition::Sound || condition == Condition::Busy;
+}
+
+/// Two names that fit are a pair even when the queues are half made, or another user's; but what
+/// can be read and is neither a queue nor half of one belongs to another program.
+bool isPair(const std::string& batches, const std::string& replies) {
+  return QueueStatus(batches).condition() != Condition::Damaged ||
+         QueueStatus(replies).condition() != Condition::Damaged;
 }
 
 /// A line of the system's table. False unless it is a lock that somebody has, as daemons take it.
@@ -50,9 +59,11 @@ std::vector<std::string> pairNames() {
   std::set<std::string> pairs;
   for (const std::string& name : names) {
     const std::string pair = pairOf(name, names);
+    if (pairs.count(pair) != 0 || isTemporaryQueueName(name)) continue;
     const bool isWhole = names.count(pair) != 0 && names.count(pair + kReplies) != 0;
-    const bool isHalfMade = name.rfind('.', 0) == 0;
-    if (isWhole || (!isHalfMade && isQueue(name))) pairs.insert(pair);
+    if (isWhole ? isPair(pair, pair + kReplies) : isQueue(QueueStatus(name).condition())) {
+      pairs.insert(pair);
+    }
   }
   return {pairs.begin(), pairs.end()};
 }

@@ -10,6 +10,7 @@
 
 #include "Failure.h"
 #include "common/CommandLine.h"
+#include "common/Completion.h"
 #include "common/Printable.h"
 #include "inspect/Inspect.h"
 #include "send/FromCommand.h"
@@ -66,6 +67,16 @@ void parse(CLI::App& tool, std::vector<std::string> words) {
   tool.parse(static_cast<int>(pointers.size()), pointers.data());
 }
 
+CLI::App* declareCompletion(CLI::App& tool, std::string& shell) {
+  CLI::App* const completion =
+      tool.add_subcommand("completion", "Print the script that completes these words in a shell");
+  completion->add_option("SHELL", shell, "Whose script")
+      ->required()
+      ->check(common::checkShell)
+      ->type_name(common::kShells);
+  return completion;
+}
+
 Ending runCommand(int argumentCount, const char* const* arguments, const StopSignal& stop,
                   const Progress& progress, std::ostream& out, std::ostream& errors) {
   CLI::App tool("Sends data to korvexd, and looks at its queues and what it stored.", "korvex");
@@ -83,6 +94,8 @@ Ending runCommand(int argumentCount, const char* const* arguments, const StopSig
   const CLI::App* const status = declareStatus(tool, statusOptions);
   CleanOptions cleanOptions;
   const CLI::App* const clean = declareClean(tool, cleanOptions);
+  std::string shell;
+  const CLI::App* const completion = declareCompletion(tool, shell);
   std::vector<std::string> words(arguments, arguments + argumentCount);
   sendOptions.command = cutCommand(*send, words);
   try {
@@ -93,6 +106,10 @@ Ending runCommand(int argumentCount, const char* const* arguments, const StopSig
     const bool isWrong = tool.exit(error, out, errors) != 0;
     return {static_cast<int>(isWrong ? common::ExitCode::WrongUsage : common::ExitCode::Success),
             0};
+  }
+  if (completion->parsed()) {
+    out << common::completionFor(tool, shell);
+    return {};
   }
   if (status->parsed()) return runStatus(statusOptions, stop, out, errors);
   if (clean->parsed()) return runClean(cleanOptions, stop, out, errors);

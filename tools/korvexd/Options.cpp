@@ -8,6 +8,7 @@
 #include <stdexcept>
 
 #include "common/CommandLine.h"
+#include "common/Completion.h"
 #include "common/ExitCode.h"
 #include "common/Printable.h"
 #include "common/QueueName.h"
@@ -172,6 +173,7 @@ ParsedOptions parseOptions(int argc, const char* const* argv, std::ostream& out,
   Arguments found;
   addQueueOptions(app, found);
   addDataOptions(app, found);
+  declareCompletion(app);
   app.set_version_flag("--version", "korvexd " KORVEX_VERSION);
   try {
     app.parse(argc, argv);

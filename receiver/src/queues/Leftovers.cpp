@@ -62,10 +62,12 @@ std::string temporaryQueueName() {
          std::to_string(random());
 }
 
+bool isTemporaryQueueName(const std::string& name) { return name.rfind(kStart, 0) == 0; }
+
 std::vector<HalfMadeQueue> halfMadeQueues() {
   std::vector<HalfMadeQueue> found;
   for (const std::string& name : QueueObject::names()) {
-    if (name.rfind(kStart, 0) == 0) found.push_back(halfMadeQueue(name));
+    if (isTemporaryQueueName(name)) found.push_back(halfMadeQueue(name));
   }
   std::sort(found.begin(), found.end(),
             [](const auto& left, const auto& right) { return left.name < right.name; });

@@ -43,9 +43,9 @@ std::string pairObstacle(const PairState& pair, bool isNamed) {
 }
 
 CleanItem itemOf(const PairState& pair, bool isNamed) {
-  const std::string found = "served by nobody; " + std::to_string(pair.batches.messages) +
-                            " messages, " +
-                            common::byteText(static_cast<double>(pair.batches.bytes)) + " wait";
+  const std::string found =
+      "served by nobody, messages waiting: " + std::to_string(pair.batches.messages) + " (" +
+      common::byteText(static_cast<double>(pair.batches.bytes)) + ")";
   return {pair.name, CleanItem::Kind::Pair, found, pairObstacle(pair, isNamed)};
 }
 
