@@ -14,17 +14,16 @@
 namespace korvex::receiver {
 namespace {
 
-const std::string kReplies = getMessageQueueResponseName("");
-
-/// The name of the pair that an object belongs to. One whose name ends in "Response" holds replies,
-/// unless it has replies of its own and nobody whose they are.
+/// The name of the pair that an object belongs to. A name that ends in "Response" is a response
+/// queue's, unless it has a response queue itself and there is no queue that it responds for.
 std::string pairOf(const std::string& name, const std::set<std::string>& names) {
-  const bool hasEnding =
-      name.size() > kReplies.size() &&
-      name.compare(name.size() - kReplies.size(), kReplies.size(), kReplies) == 0;
+  const std::string ending = getMessageQueueResponseName("");
+  const bool hasEnding = name.size() > ending.size() &&
+                         name.compare(name.size() - ending.size(), ending.size(), ending) == 0;
   if (!hasEnding) return name;
-  const std::string batches = name.substr(0, name.size() - kReplies.size());
-  return names.count(batches) == 0 && names.count(name + kReplies) != 0 ? name : batches;
+  const std::string batches = name.substr(0, name.size() - ending.size());
+  const bool isPair = names.count(batches) == 0 && names.count(name + ending) != 0;
+  return isPair ? name : batches;
 }
 
 using Condition = QueueStatus::Condition;
@@ -60,8 +59,9 @@ std::vector<std::string> pairNames() {
   for (const std::string& name : names) {
     const std::string pair = pairOf(name, names);
     if (pairs.count(pair) != 0 || isTemporaryQueueName(name)) continue;
-    const bool isWhole = names.count(pair) != 0 && names.count(pair + kReplies) != 0;
-    if (isWhole ? isPair(pair, pair + kReplies) : isQueue(QueueStatus(name).condition())) {
+    const std::string replies = getMessageQueueResponseName(pair);
+    const bool isWhole = names.count(pair) != 0 && names.count(replies) != 0;
+    if (isWhole ? isPair(pair, replies) : isQueue(QueueStatus(name).condition())) {
       pairs.insert(pair);
     }
   }

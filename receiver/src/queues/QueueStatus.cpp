@@ -13,11 +13,11 @@ QueueStatus::Object objectAt(const std::string& name) noexcept {
   return {found.st_dev, found.st_ino, found.st_uid, found.st_gid, found.st_mode, found.st_size};
 }
 
-/// A number that lies in shared memory; 0 when that is gone.
-template <typename Read>
-auto numberFrom(Read read) noexcept -> decltype(read()) {
+/// A look at memory that may have been cut away; 0 then.
+template <typename Look>
+auto lookOrZero(Look look) noexcept -> decltype(look()) {
   try {
-    return surviveBusError(read);
+    return surviveBusError(look);
   } catch (const MemoryLost&) {
     return {};
   }
@@ -67,23 +67,23 @@ Limits QueueStatus::limits() const noexcept {
 bool QueueStatus::isStillNamed() const noexcept { return view_->queue.isStillNamed(view_->name); }
 
 std::size_t QueueStatus::messages() const noexcept {
-  return numberFrom([this] { return view_->queue.messages(); });
+  return lookOrZero([this] { return view_->queue.messages(); });
 }
 
 std::uint64_t QueueStatus::waitingBytes() const noexcept {
-  return numberFrom([this] { return view_->queue.waitingBytes(); });
+  return lookOrZero([this] { return view_->queue.waitingBytes(); });
 }
 
 bool QueueStatus::looksLocked() const noexcept {
-  return numberFrom([this] { return view_->queue.looksLocked(); });
+  return lookOrZero([this] { return view_->queue.looksLocked(); });
 }
 
 pid_t QueueStatus::lockOwner() const noexcept {
-  return numberFrom([this] { return view_->queue.lockOwner(); });
+  return lookOrZero([this] { return view_->queue.lockOwner(); });
 }
 
 bool QueueStatus::isLockOwnerGone() const noexcept {
-  return numberFrom([this] { return view_->queue.isLockOwnerGone(); });
+  return lookOrZero([this] { return view_->queue.isLockOwnerGone(); });
 }
 
 }  // namespace korvex::receiver

@@ -79,10 +79,10 @@ StreamSession::Answer StreamSession::takeOpen(const Header& header) {
   try {
     sink_ = openSink_(queue_, stream_.opened);
     if (sink_ == nullptr) throw std::logic_error("the daemon made no sink for the stream");
-    observer_.streamOpened(placeOf(sink_.get()));
   } catch (const std::exception& error) {
     return fail(kStatusSinkFailed, error.what());
   }
+  observer_.streamOpened(placeOf(sink_.get()));
   return {};
 }
 

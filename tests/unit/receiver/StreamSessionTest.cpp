@@ -66,6 +66,16 @@ class RecordingSink : public Sink {
   const int& failing_;
 };
 
+class RecordingObserver : public korvex::receiver::Observer {
+ public:
+  void streamOpened(const std::string& place) noexcept override { opened_.push_back(place); }
+
+  const std::vector<std::string>& opened() const { return opened_; }
+
+ private:
+  std::vector<std::string> opened_;
+};
+
 class StreamSessionTest : public testing::Test {
  protected:
   StreamSession::Answer take(std::uint32_t type, std::uint64_t sequence,
@@ -102,12 +112,20 @@ class StreamSessionTest : public testing::Test {
   bool isDaemonEnding_ = false;
   std::vector<std::unique_ptr<Fate>> fates_;
   korvex::receiver::Counters stats_;
-  korvex::receiver::Observer observer_;
+  RecordingObserver observer_;
   StreamSession session_{"q", [this](const std::string&, std::time_t) { return openSink(); },
                          stats_, observer_, [this] { return !isDaemonEnding_; }};
 };
 
 }  // namespace
+
+TEST_F(StreamSessionTest, TellsItsObserverOfStreamsThatHaveASink) {
+  take(kOpen, 1);
+  EXPECT_THAT(observer_.opened(), testing::ElementsAre("here"));
+  failing_ = 4;
+  take(kOpen, 1);
+  EXPECT_EQ(observer_.opened().size(), 1u);
+}
 
 TEST_F(StreamSessionTest, HandsDataOnInOrderAndAnswersTheClose) {
   EXPECT_FALSE(take(kOpen, 0));

@@ -9,7 +9,9 @@
 #include <fstream>
 #include <iterator>
 #include <nlohmann/json.hpp>
+#include <string_view>
 #include <system_error>
+#include <vector>
 
 #include "Failure.h"
 
@@ -20,7 +22,7 @@ using Json = nlohmann::json;
 
 constexpr off_t kLargestFile = off_t{64} << 20;  // a thousand queues have less than one
 constexpr double kNanosecond = 1e-9;
-const std::string kOption = "--stats";
+constexpr std::string_view kOption = "--stats";
 
 /// Closed on every way out.
 class File {
@@ -117,10 +119,13 @@ std::vector<std::string> wordsOf(pid_t process) {
   return words;
 }
 
+/// "--stats FILE" or "--stats=FILE".
 std::string statsOption(const std::vector<std::string>& words) {
   for (std::size_t i = 0; i < words.size(); ++i) {
-    if (words[i] == kOption && i + 1 < words.size()) return words[i + 1];
-    if (words[i].rfind(kOption + "=", 0) == 0) return words[i].substr(kOption.size() + 1);
+    if (words[i].rfind(kOption, 0) != 0) continue;
+    const std::string rest = words[i].substr(kOption.size());
+    if (rest.empty() && i + 1 < words.size()) return words[i + 1];
+    if (!rest.empty() && rest.front() == '=') return rest.substr(1);
   }
   return "";
 }

@@ -22,9 +22,6 @@ using Json = nlohmann::ordered_json;
 using Maker = receiver::HalfMadeQueue::Maker;
 
 constexpr mode_t kPermissions = 07777;
-const std::vector<std::string> kTitles = {"QUEUE",  "STATE", "SERVED BY", "WAITING",
-                                          "LIMITS", "LOCK",  "OWNER",     "MODE"};
-
 std::string octalText(mode_t mode) {
   char text[8] = {};
   std::snprintf(text, sizeof text, "%04o", mode & kPermissions);
@@ -121,6 +118,10 @@ std::string lockText(const PairState& pair) {
   const std::string ofReplies = lockText(pair.replies);
   if (ofReplies.rfind("held", 0) != 0) return lockText(pair.batches);
   return lockText(pair.batches) + "; replies: " + ofReplies;
+}
+
+std::vector<std::string> titles() {
+  return {"QUEUE", "STATE", "SERVED BY", "WAITING", "LIMITS", "LOCK", "OWNER", "MODE"};
 }
 
 std::vector<std::string> rowOf(const PairState& pair) {
@@ -282,7 +283,7 @@ Ending StatusReport::ending() const {
 
 std::string StatusReport::text() const {
   if (pairs.empty() && halfMade.empty()) return hasFailed ? "" : "no queues in shared memory\n";
-  std::vector<std::vector<std::string>> rows = {kTitles};
+  std::vector<std::vector<std::string>> rows = {titles()};
   std::string lines;
   for (const Pair& pair : pairs) {
     rows.push_back(rowOf(pair.state));
