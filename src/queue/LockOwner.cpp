@@ -143,13 +143,16 @@ bool isNoThreadOf(long process, pid_t id) noexcept {
 
 /// To all users but root, process 1 is another user's: a /proc that hides any process hides it.
 bool seesEveryProcess() noexcept {
-  struct stat found = {};
   Status first;
-  return ::stat("/proc/self/ns/pid", &found) == 0 && found.st_ino == kInitialNamespace &&
-         first.read("/proc/1") == Status::Reading::Done;
+  return isInInitialPidNamespace() && first.read("/proc/1") == Status::Reading::Done;
 }
 
 }  // namespace
+
+bool isInInitialPidNamespace() noexcept {
+  struct stat found = {};
+  return ::stat("/proc/self/ns/pid", &found) == 0 && found.st_ino == kInitialNamespace;
+}
 
 bool isLockOwnerGone(pid_t thread) noexcept {
   const NoCancellation noCancellation;

@@ -15,6 +15,10 @@ namespace korvex {
 /// Never throws. Cheap while a thread here has the id; otherwise it scans every process.
 bool isLockOwnerGone(pid_t thread) noexcept;
 
+/// Whether this process is in the initial PID namespace, where every process of the machine has an
+/// id. Elsewhere the system hides the others.
+bool isInInitialPidNamespace() noexcept;
+
 }  // namespace korvex
 
 #endif

@@ -316,6 +316,20 @@ bool QueueView::Glance::looksIdle() const noexcept {
 
 void QueueView::Glance::prefetch() const noexcept { __builtin_prefetch(window_ + kMessagesOffset); }
 
+std::uint64_t QueueView::waitingBytes() const noexcept {
+  assert(state_ == State::Sound);
+  const std::uint64_t first = number(kFirstMessageOffset);
+  if (first >= maxMessages_) return 0;
+  const std::uint64_t count =
+      std::min<std::uint64_t>({messages(), maxMessages_, kMostEntriesChecked});
+  std::uint64_t bytes = 0;
+  for (std::uint64_t entry = first; entry < first + count; ++entry) {
+    const std::uint64_t slot = slotOf(entry % maxMessages_);
+    if (slot != kNoSlot) bytes += std::min<std::uint64_t>(number(slot), maxMessageSize_);
+  }
+  return bytes;
+}
+
 /// A prefetch works only on pages that are mapped already, so all are mapped now, once.
 bool QueueView::isFetchable() noexcept {
   if (fetching_ != Fetching::Unasked) return fetching_ == Fetching::Granted;

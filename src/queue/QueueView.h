@@ -71,8 +71,12 @@ class QueueView {
   /// while the state is sound.
   bool isDamaged(Use use = Use::Either) const noexcept;
 
-  // Hints, each one plain read of shared memory. Only while the state is sound.
+  // Hints, plain reads of shared memory. Only while the state is sound.
   std::size_t messages() const noexcept;
+
+  /// Bytes of the messages that wait. Reads a few words for each of them.
+  std::uint64_t waitingBytes() const noexcept;
+
   bool looksFull() const noexcept { return messages() >= maxMessages_; }
   bool looksLocked() const noexcept;
 

@@ -3,14 +3,16 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <stdlib.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "integration/DaemonFixture.h"
+#include "support/Terminal.h"
 
 using korvex::test::eventually;
+using korvex::test::kEraseRest;
+using korvex::test::kToStart;
+using korvex::test::Terminal;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::MatchesRegex;
@@ -18,60 +20,8 @@ using testing::StartsWith;
 
 namespace {
 
-const std::string kToStart = "\r";
-const std::string kEraseRest = "\x1b[K";
-
 // Nothing is sent before there is enough for a record, or the input ends.
 const char kLine[] = "0 B, 0 B/s, [0-9]+:[0-9]+";
-
-/// A terminal and what was written to it. Like every terminal it turns "\n" into "\r\n".
-class Terminal {
- public:
-  explicit Terminal(unsigned short columns)
-      : master_(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK)) {
-    EXPECT_EQ(::grantpt(master_), 0);
-    EXPECT_EQ(::unlockpt(master_), 0);
-    name_ = ::ptsname(master_);
-    // Open as long as the object is, or the end of one program would end the terminal.
-    slave_ = ::open(name_.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
-    const winsize size = {24, columns, 0, 0};
-    EXPECT_EQ(::ioctl(slave_, TIOCSWINSZ, &size), 0);
-  }
-  ~Terminal() {
-    ::close(slave_);
-    ::close(master_);
-  }
-  Terminal(const Terminal&) = delete;
-  Terminal& operator=(const Terminal&) = delete;
-
-  const std::string& name() const { return name_; }
-
-  const std::string& text() {
-    char bytes[4096];
-    for (ssize_t size = 0; (size = ::read(master_, bytes, sizeof bytes)) > 0;) {
-      text_.append(bytes, static_cast<std::size_t>(size));
-    }
-    return text_;
-  }
-
-  /// The lines that were drawn in one place so far, the empty ones that erase them too.
-  std::vector<std::string> drawings() {
-    std::vector<std::string> found;
-    const std::string& all = text();
-    for (std::size_t at = 0, end; (end = all.find(kEraseRest, at)) != std::string::npos;) {
-      const std::size_t start = all.rfind(kToStart, end) + kToStart.size();
-      found.push_back(all.substr(start, end - start));
-      at = end + kEraseRest.size();
-    }
-    return found;
-  }
-
- private:
-  int master_;
-  int slave_;
-  std::string name_;
-  std::string text_;
-};
 
 /// A sender whose input is a pipe that a test holds open.
 class Sender {

@@ -44,11 +44,11 @@ const std::string kNoRoom =
 
 std::string pathOf(const std::string& name) { return "/dev/shm/" + name; }
 
-std::string notReplaced(const std::string& found) {
-  return "queue NAME cannot be replaced: found " + found + ", expected a queue that a daemon left";
+std::string notRemoved(const std::string& found) {
+  return "queue NAME cannot be removed: found " + found + ", expected a queue that a daemon left";
 }
 
-const std::string kAnotherFile = notReplaced("another file");
+const std::string kAnotherFile = notRemoved("another file");
 
 Place bytes(const Bytes& content) {
   return [content](const std::string& name) -> Holder {
@@ -238,7 +238,7 @@ Holder placeRobustLockOfDead(const std::string& name) {
 
 Kind device() {
   const std::string writer = mayDevicesBeOpened() ? kNoQueue : kDenied;
-  return {"Device",       placeDevice,      writer, writer, notReplaced("a device"),
+  return {"Device",       placeDevice,      writer, writer, notRemoved("a device"),
           Actor::Anybody, obstacleToDevices};
 }
 
@@ -267,7 +267,7 @@ Kind foreign(const char* name, mode_t mode, const std::string& writer) {
           owned(0, mode),
           writer,
           writer,
-          "queue NAME cannot be replaced: found one of user 0, expected one of user USER",
+          "queue NAME cannot be removed: found one of user 0, expected one of user USER",
           Actor::Unprivileged,
           obstacleToForeignObjects};
 }
@@ -369,16 +369,16 @@ const std::vector<Kind>& kinds() {
        kServes},
 
       // No files.
-      same("Pipe", placePipe, kNoQueue, notReplaced("a pipe")),
-      same("Folder", placeFolder, kInvalid, notReplaced("a folder")),
-      same("Socket", placeSocket, kSocket, notReplaced("a socket")),
+      same("Pipe", placePipe, kNoQueue, notRemoved("a pipe")),
+      same("Folder", placeFolder, kInvalid, notRemoved("a folder")),
+      same("Socket", placeSocket, kSocket, notRemoved("a socket")),
       device(),
       same("LinkToNothing", linkTo("/dev/shm/korvex-nothing"), kLink,
-           notReplaced("a symbolic link")),
-      same("LinkToAQueue", placeLinkToQueue, kLink, notReplaced("a symbolic link")),
-      same("LinkToADevice", linkTo("/dev/zero"), kLink, notReplaced("a symbolic link")),
-      same("LinkToItself", placeLinkToItself, kLink, notReplaced("a symbolic link")),
-      same("LinkToAFile", linkTo("/etc/passwd"), kLink, notReplaced("a symbolic link")),
+           notRemoved("a symbolic link")),
+      same("LinkToAQueue", placeLinkToQueue, kLink, notRemoved("a symbolic link")),
+      same("LinkToADevice", linkTo("/dev/zero"), kLink, notRemoved("a symbolic link")),
+      same("LinkToItself", placeLinkToItself, kLink, notRemoved("a symbolic link")),
+      same("LinkToAFile", linkTo("/etc/passwd"), kLink, notRemoved("a symbolic link")),
       same("SecondNameOfAQueue", placeSecondName, kWorks),
 
       // Owners and permissions.

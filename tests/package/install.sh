@@ -15,6 +15,10 @@ done
 for file in pkgconfig/korvex-receiver.pc libkorvex-receiver.so; do
   [ -f "$LIBDIR/$file" ] || fail "$LIBDIR/$file is missing"
 done
+for file in bash-completion/completions/korvex zsh/site-functions/_korvexd \
+  fish/vendor_completions.d/korvex.fish; do
+  [ -s "$PREFIX/share/$file" ] || fail "$PREFIX/share/$file is missing"
+done
 if grep -rl -e "$work" -e "$(realpath "$1")" "$LIBDIR/cmake" "$LIBDIR/pkgconfig"; then
   fail "the files above name the folder of the build or of the first installation"
 fi

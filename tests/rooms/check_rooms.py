@@ -55,10 +55,12 @@ INNER = {
     "tools/korvexd/report": {"tools/korvexd/os", "tools/korvexd/log"},
     "tools/korvexd/metrics": {"tools/korvexd/log", "tools/korvexd/exec", "tools/korvexd/report"},
     "tools/korvexd/service": {"tools/korvexd/os", "tools/korvexd/log"},
-    "tools/korvex": {"tools/korvex/send", "tools/korvex/inspect", "tools/korvex/verify"},
+    "tools/korvex": {"tools/korvex/send", "tools/korvex/inspect", "tools/korvex/verify",
+                     "tools/korvex/status"},
     "tools/korvex/send": {"tools/korvex"},
     "tools/korvex/inspect": {"tools/korvex"},
     "tools/korvex/verify": {"tools/korvex", "tools/korvex/inspect"},
+    "tools/korvex/status": {"tools/korvex", "tools/korvex/inspect"},
 }
 
 

@@ -6,7 +6,7 @@
 namespace korvex::test {
 namespace {
 
-constexpr int kSignal = SIGUSR1;
+constexpr int kSignal = SIGUSR2;   // the programs have a use for the other one
 constexpr long kPeriod = 1000000;  // nanoseconds
 
 SharedCounter* counter = nullptr;

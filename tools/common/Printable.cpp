@@ -81,4 +81,12 @@ std::string timeText(std::chrono::seconds time) {
   return formatted("%ld:%02ld:%02ld", seconds / kHour, minutes % kMinute, seconds % kMinute);
 }
 
+std::string utcText(std::time_t time) {
+  std::tm parts = {};
+  ::gmtime_r(&time, &parts);
+  std::array<char, 64> text = {};
+  std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts);
+  return text.data();
+}
+
 }  // namespace korvex::common

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <ctime>
 #include <string>
 #include <string_view>
 
@@ -18,6 +19,9 @@ std::string byteText(double bytes);
 
 /// "0:07", "12:34", "3:00:00".
 std::string timeText(std::chrono::seconds time);
+
+/// "2026-11-21T00:56:23Z".
+std::string utcText(std::time_t time);
 
 }  // namespace korvex::common
 

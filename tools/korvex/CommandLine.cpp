@@ -10,14 +10,25 @@
 
 #include "Failure.h"
 #include "common/CommandLine.h"
+#include "common/Completion.h"
 #include "common/Printable.h"
 #include "inspect/Inspect.h"
 #include "send/FromCommand.h"
 #include "send/Send.h"
+#include "status/Clean.h"
+#include "status/Status.h"
 #include "verify/Verify.h"
 
 namespace korvex::tool {
 namespace {
+
+const char kEpilogue[] =
+    "Is last night's backup missing?\n"
+    "  korvex status         is there a daemon, is a stream open, how did the last one end\n"
+    "  korvex verify DIR     are the stored streams still what was sent\n"
+    "  korvex inspect FILE   what came from a producer, once korvexd ran with --capture\n"
+    "  korvex clean          removes the queues of a dead daemon\n"
+    "\"korvex VERB --help\" says more of each verb, docs/troubleshooting.md of each trouble.";
 
 constexpr char kGuard = '\x01';
 
@@ -56,9 +67,20 @@ void parse(CLI::App& tool, std::vector<std::string> words) {
   tool.parse(static_cast<int>(pointers.size()), pointers.data());
 }
 
+CLI::App* declareCompletion(CLI::App& tool, std::string& shell) {
+  CLI::App* const completion =
+      tool.add_subcommand("completion", "Print the script that completes these words in a shell");
+  completion->add_option("SHELL", shell, "Whose script")
+      ->required()
+      ->check(common::checkShell)
+      ->type_name(common::kShells);
+  return completion;
+}
+
 Ending runCommand(int argumentCount, const char* const* arguments, const StopSignal& stop,
                   const Progress& progress, std::ostream& out, std::ostream& errors) {
-  CLI::App tool("Sends data to korvexd, and looks at what it captured and stored.", "korvex");
+  CLI::App tool("Sends data to korvexd, and looks at its queues and what it stored.", "korvex");
+  tool.footer(kEpilogue);
   tool.set_version_flag("--version", KORVEX_VERSION);
   tool.failure_message(complaint);
   tool.require_subcommand(0, 1);  // so that an unknown word is named, not called missing
@@ -68,6 +90,12 @@ Ending runCommand(int argumentCount, const char* const* arguments, const StopSig
   const CLI::App* const inspect = declareInspect(tool, inspectOptions);
   VerifyOptions verifyOptions;
   const CLI::App* const verify = declareVerify(tool, verifyOptions);
+  StatusOptions statusOptions;
+  const CLI::App* const status = declareStatus(tool, statusOptions);
+  CleanOptions cleanOptions;
+  const CLI::App* const clean = declareClean(tool, cleanOptions);
+  std::string shell;
+  const CLI::App* const completion = declareCompletion(tool, shell);
   std::vector<std::string> words(arguments, arguments + argumentCount);
   sendOptions.command = cutCommand(*send, words);
   try {
@@ -79,6 +107,12 @@ Ending runCommand(int argumentCount, const char* const* arguments, const StopSig
     return {static_cast<int>(isWrong ? common::ExitCode::WrongUsage : common::ExitCode::Success),
             0};
   }
+  if (completion->parsed()) {
+    out << common::completionFor(tool, shell);
+    return {};
+  }
+  if (status->parsed()) return runStatus(statusOptions, stop, out, errors);
+  if (clean->parsed()) return runClean(cleanOptions, stop, out, errors);
   if (inspect->parsed()) return runInspect(inspectOptions, stop, out, errors);
   if (verify->parsed()) {
     return runVerify(verifyOptions, stop, verifyOptions.quiet ? Progress() : progress, out, errors);

@@ -7,6 +7,7 @@
 #include "CommandLine.h"
 #include "Failure.h"
 #include "common/StandardDescriptors.h"
+#include "send/ProgressSignal.h"
 
 namespace {
 
@@ -30,6 +31,7 @@ int runMain(int argumentCount, char** arguments) {
 }  // namespace
 
 int main(int argumentCount, char** arguments) {
+  korvex::tool::ProgressSignal::expect();
   korvex::common::occupyStandardDescriptors();
   // A reader that left early must not kill the stream; writing then fails where it is looked at.
   ::signal(SIGPIPE, SIG_IGN);

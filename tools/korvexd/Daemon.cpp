@@ -39,6 +39,7 @@ sigset_t awaitedSignals(bool hasConfiguration) {
   if (!isIgnored(SIGINT)) sigaddset(&signals, SIGINT);
   // Without a configuration to read again it ends the daemon: queues must not outlive the terminal.
   if (hasConfiguration || !isIgnored(SIGHUP)) sigaddset(&signals, SIGHUP);
+  sigaddset(&signals, kReportSignal);
   return signals;
 }
 
@@ -73,6 +74,13 @@ void announceMemory(const std::vector<QueueSettings>& queues) {
 }
 
 }  // namespace
+
+void expectReportSignal() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, kReportSignal);
+  ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
 
 Daemon::Daemon(CommandLine commandLine, const Settings& settings, ServiceManager& manager)
     : commandLine_(std::move(commandLine)),
@@ -109,9 +117,13 @@ void Daemon::run() {
 void Daemon::awaitEnd() {
   for (;;) {
     const int signal = ::sigtimedwait(&signals_, nullptr, &kStatsInterval);
-    const bool asksForConfiguration = signal == SIGHUP && commandLine_.configFile;
-    if (signal > 0 && !asksForConfiguration) return;
-    if (asksForConfiguration) readAgain();
+    if (signal == kReportSignal) {
+      queues_.logStates();
+    } else if (signal == SIGHUP && commandLine_.configFile) {
+      readAgain();
+    } else if (signal > 0) {
+      return;
+    }
     doRegularly();
   }
 }
@@ -125,7 +137,8 @@ void Daemon::drain() {
                 " seconds to finish"});
   for (unsigned count = 1; !queues_.haveAllRetired(); ++count) {
     const int signal = ::sigtimedwait(&signals_, nullptr, &kDrainInterval);
-    const bool isAnotherEnd = signal > 0 && signal != SIGHUP;
+    if (signal == kReportSignal) queues_.logStates();
+    const bool isAnotherEnd = signal > 0 && signal != SIGHUP && signal != kReportSignal;
     if (isAnotherEnd || std::chrono::steady_clock::now() >= deadline) return;
     if (count % kDrainIntervalsPerUpdate == 0) updateReports();
   }

@@ -14,6 +14,13 @@
 
 namespace korvexd {
 
+/// Asks a daemon to log what its queues are doing.
+constexpr int kReportSignal = SIGUSR1;
+
+/// From now on that signal waits for a daemon, in threads that start later too; it would end the
+/// process before.
+void expectReportSignal();
+
 /// The whole daemon: one thread for each queue, and the calling one for signals and statistics.
 class Daemon {
  public:

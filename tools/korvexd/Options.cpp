@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "common/CommandLine.h"
+#include "common/Completion.h"
 #include "common/ExitCode.h"
 #include "common/Printable.h"
 #include "common/QueueName.h"
@@ -239,6 +240,7 @@ ParsedOptions parseOptions(int argc, const char* const* argv, std::ostream& out,
   addQueueOptions(app, found);
   addDataOptions(app, found);
   addReportOptions(app, found);
+  declareCompletion(app);
   app.set_version_flag("--version", "korvexd " KORVEX_VERSION);
   try {
     app.parse(argc, argv);

@@ -171,6 +171,10 @@ void QueueSet::stop() {
   for (const auto& queue : queues_) queue->join();
 }
 
+void QueueSet::logStates() const {
+  for (const auto& queue : queues_) queue->log().logState(queue->counters());
+}
+
 std::vector<QueueStats> QueueSet::stats() const {
   std::vector<QueueStats> stats;
   for (const auto& queue : queues_) {

@@ -50,6 +50,9 @@ class QueueSet {
   /// Removes the queues.
   void clear() { queues_.clear(); }
 
+  /// Logs what each queue is doing.
+  void logStates() const;
+
   /// Good until the set changes.
   std::vector<QueueStats> stats() const;
 

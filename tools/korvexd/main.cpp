@@ -81,6 +81,7 @@ int run(const korvexd::Options& options) {
 int main(int argc, char** argv) {
   using namespace korvexd;
   if (isKeeper(argc, argv)) return runKeeper(argc, argv);
+  expectReportSignal();
   korvex::common::occupyStandardDescriptors();
   const ParsedOptions parsed = parseOptions(argc, argv, std::cout, std::cerr);
   return parsed.options ? run(*parsed.options) : parsed.exitCode;

@@ -1,10 +1,12 @@
 #include "queues/Leftovers.h"
 
+#include <korvex/ShmWriter.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <limits>
@@ -12,6 +14,7 @@
 #include <string_view>
 
 #include "queues/QueueObject.h"
+#include "queues/StaleQueue.h"
 
 namespace korvex::receiver {
 namespace {
@@ -26,17 +29,23 @@ ino_t processNamespace() noexcept {
 
 bool isAlive(pid_t process) noexcept { return ::kill(process, 0) == 0 || errno != ESRCH; }
 
-/// Whether this is a temporary name that a dead daemon of this namespace gave. False if the
-/// namespace is unknown: a process id that is free here may be a living daemon's elsewhere.
-bool isLeftOver(const std::string& name) {
+/// What follows "PID" in the names that this namespace's processes give. Where namespaces cannot be
+/// told apart, a process id that is free here may be a living daemon's elsewhere.
+std::string ownEnding() {
   const ino_t here = processNamespace();
-  if (here == 0 || name.compare(0, kStart.size(), kStart) != 0) return false;
+  return here == 0 ? "" : "-" + std::to_string(here) + "-";
+}
+
+HalfMadeQueue halfMadeQueue(const std::string& name) {
+  HalfMadeQueue queue{name, 0, HalfMadeQueue::Maker::Unknown};
+  const std::string ending = ownEnding();
   char* end = nullptr;
   const long process = std::strtol(name.c_str() + kStart.size(), &end, 10);
-  if (process <= 0 || process > std::numeric_limits<pid_t>::max()) return false;
-  const std::string place = "-" + std::to_string(here) + "-";
-  return std::string(end).compare(0, place.size(), place) == 0 &&
-         !isAlive(static_cast<pid_t>(process));
+  const bool isProcess = process > 0 && process <= std::numeric_limits<pid_t>::max();
+  if (ending.empty() || !isProcess || std::string(end).rfind(ending, 0) != 0) return queue;
+  queue.process = static_cast<pid_t>(process);
+  queue.maker = isAlive(queue.process) ? HalfMadeQueue::Maker::Alive : HalfMadeQueue::Maker::Dead;
+  return queue;
 }
 
 bool isOwnFile(const std::string& name) {
@@ -53,13 +62,36 @@ std::string temporaryQueueName() {
          std::to_string(random());
 }
 
+bool isTemporaryQueueName(const std::string& name) { return name.rfind(kStart, 0) == 0; }
+
+std::vector<HalfMadeQueue> halfMadeQueues() {
+  std::vector<HalfMadeQueue> found;
+  for (const std::string& name : QueueObject::names()) {
+    if (isTemporaryQueueName(name)) found.push_back(halfMadeQueue(name));
+  }
+  std::sort(found.begin(), found.end(),
+            [](const auto& left, const auto& right) { return left.name < right.name; });
+  return found;
+}
+
 std::vector<std::string> removeHalfMadeQueues() {
   std::vector<std::string> removed;
-  for (const std::string& name : QueueObject::names()) {
-    if (isLeftOver(name) && isOwnFile(name) && ::shm_unlink(name.c_str()) == 0) {
-      removed.push_back(name);
+  for (const HalfMadeQueue& queue : halfMadeQueues()) {
+    if (queue.maker == HalfMadeQueue::Maker::Dead && isOwnFile(queue.name) &&
+        ::shm_unlink(queue.name.c_str()) == 0) {
+      removed.push_back(queue.name);
     }
   }
+  return removed;
+}
+
+std::vector<std::string> removeDeadPair(const std::string& name) {
+  std::vector<std::string> removed;
+  // Both are claimed before one is removed: a living daemon keeps its pair whole.
+  StaleQueue batches(name);
+  StaleQueue replies(getMessageQueueResponseName(name));
+  if (batches.remove()) removed.push_back(name);
+  if (replies.remove()) removed.push_back(getMessageQueueResponseName(name));
   return removed;
 }
 

@@ -11,6 +11,8 @@ namespace korvex::receiver {
 /// alone would not be unique: daemons in containers share /dev/shm and have the same small ids.
 std::string temporaryQueueName();
 
+bool isTemporaryQueueName(const std::string& name);
+
 }  // namespace korvex::receiver
 
 #endif

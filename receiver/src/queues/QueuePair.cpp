@@ -5,8 +5,8 @@
 
 #include <stdexcept>
 
+#include "queues/Leftovers.h"
 #include "queues/QueueObject.h"
-#include "queues/StaleQueue.h"
 #include "stream/Reply.h"
 
 namespace korvex::receiver {
@@ -32,14 +32,6 @@ std::string responseNameIfFree(const std::string& name, Receiver::Existing exist
   return replies;
 }
 
-void removeExisting(const std::string& batches, const std::string& replies) {
-  // Both are claimed before either is removed, so that a living daemon keeps both of its queues.
-  StaleQueue staleBatches(batches);
-  StaleQueue staleReplies(replies);
-  staleBatches.remove();
-  staleReplies.remove();
-}
-
 /// The system gives whole pages.
 std::uint64_t pagesFor(const Limits& limits) noexcept {
   const auto page = static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
@@ -58,9 +50,7 @@ QueuePair::QueuePair(const Receiver::Settings& settings, Receiver::Existing exis
     : replies_(responseNameIfFree(settings.queue, existing), kReplyLimits,
                {settings.mode, settings.group}),
       batches_(settings.queue, settings.limits, {settings.mode, settings.group}) {
-  if (existing == Receiver::Existing::Replace) {
-    removeExisting(settings.queue, getMessageQueueResponseName(settings.queue));
-  }
+  if (existing == Receiver::Existing::Replace) removeDeadPair(settings.queue);
   replies_.publish();
   batches_.publish();
 }

@@ -22,8 +22,8 @@ const char* kindOf(mode_t mode) {
   return "a device";
 }
 
-[[noreturn]] void throwNotReplaced(const std::string& name, const std::string& found) {
-  throw std::runtime_error("queue " + name + " cannot be replaced: found " + found +
+[[noreturn]] void throwNotRemoved(const std::string& name, const std::string& found) {
+  throw std::runtime_error("queue " + name + " cannot be removed: found " + found +
                            ", expected a queue that a daemon left");
 }
 
@@ -32,9 +32,9 @@ const char* kindOf(mode_t mode) {
 void refuseForeign(const std::string& name) {
   struct stat found = {};
   if (!QueueObject::look(name, found)) return;
-  if (!S_ISREG(found.st_mode)) throwNotReplaced(name, kindOf(found.st_mode));
+  if (!S_ISREG(found.st_mode)) throwNotRemoved(name, kindOf(found.st_mode));
   if (found.st_uid != ::geteuid()) {
-    throw std::runtime_error("queue " + name + " cannot be replaced: found one of user " +
+    throw std::runtime_error("queue " + name + " cannot be removed: found one of user " +
                              std::to_string(found.st_uid) + ", expected one of user " +
                              std::to_string(::geteuid()));
   }
@@ -53,11 +53,12 @@ StaleQueue::StaleQueue(std::string name) : name_(std::move(name)) {
   // Between the opening and the claim another daemon may have put its own queue there.
   if (!claim_.isNamed(name_))
     throw std::runtime_error("queue " + name_ + " was just replaced by another daemon");
-  if (!QueueView::canBeQueue(claim_.descriptor())) throwNotReplaced(name_, "another file");
+  if (!QueueView::canBeQueue(claim_.descriptor())) throwNotRemoved(name_, "another file");
 }
 
-void StaleQueue::remove() {
-  if (!claim_.isOpen() || MessageQueue::remove(name_)) return;
+bool StaleQueue::remove() {
+  if (!claim_.isOpen()) return false;
+  if (MessageQueue::remove(name_)) return true;
   throw SystemError("removing the existing queue " + name_, errno);
 }
 

@@ -14,8 +14,8 @@ class StaleQueue {
   /// been left by a daemon of this user: a file that never was a queue, for example.
   explicit StaleQueue(std::string name);
 
-  /// Removes the name. Throws SystemError.
-  void remove();
+  /// Removes the name. False when nothing lay there. Throws SystemError.
+  bool remove();
 
  private:
   std::string name_;

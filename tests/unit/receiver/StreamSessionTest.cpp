@@ -128,6 +128,14 @@ class StreamSessionTest : public testing::Test {
 
 }  // namespace
 
+TEST_F(StreamSessionTest, TellsItsObserverOfStreamsThatHaveASink) {
+  take(kOpen, 1);
+  EXPECT_THAT(observer_.places_, testing::ElementsAre("here"));
+  failing_ = 4;
+  take(kOpen, 1);
+  EXPECT_EQ(observer_.places_.size(), 1u);
+}
+
 TEST_F(StreamSessionTest, HandsDataOnInOrderAndAnswersTheClose) {
   EXPECT_FALSE(take(kOpen, 0));
   EXPECT_FALSE(take(kData, 2, "ab"));

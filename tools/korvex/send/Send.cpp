@@ -19,6 +19,7 @@
 #include "common/QueueName.h"
 #include "send/DaemonStream.h"
 #include "send/FromCommand.h"
+#include "send/ProgressSignal.h"
 #include "send/SendReport.h"
 #include "send/SourceCommand.h"
 
@@ -68,6 +69,7 @@ class SendRun {
   const StopSignal& stop_;
   Progress& progress_;
   Clock::time_point start_;
+  ProgressSignal told_{start_};
   std::unique_ptr<Input> input_;
   SourceCommand* command_ = nullptr;  ///< the input, when it is one
   std::unique_ptr<DaemonStream> daemon_;
@@ -138,6 +140,8 @@ void SendRun::sendAll(Input& input) {
       std::min<std::uint64_t>(daemon_->largestPiece(), options_.segmentSize));
   buffer_ = allocatePages(pieceSize);
   progress_.start(input.totalBytes(), start_);
+  told_.noteTotal(input.totalBytes());
+  told_.note("sending");
   input.whenIdle([this] {
     daemon_->watch();
     progress_.show(digest_.bytes(), Clock::now());
@@ -157,6 +161,7 @@ void SendRun::sendPart(Input& input, std::size_t pieceSize) {
     if (got == 0) break;
     digest_.add(buffer_.get(), got);
     daemon_->write(buffer_.get(), got);
+    told_.noteBytes(digest_.bytes());
     progress_.show(digest_.bytes(), Clock::now());
     inSegment += got;
     if (inSegment < options_.segmentSize) continue;
@@ -176,6 +181,7 @@ void SendRun::verify() {
     report_.message = "sent (not verified)";
     return;
   }
+  told_.note("waiting for the receipt");
   const auto reply = daemon_->awaitReceipt(std::chrono::seconds(options_.receiptTimeout));
   if (!reply) {
     return fail(common::ExitCode::NoReceipt, ETIMEDOUT,

@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "common/Printable.h"
 #include "common/QueueName.h"
 
 namespace korvexd {
@@ -30,6 +31,27 @@ Json jsonOf(const Sum& sum) {
   return json;
 }
 
+Json jsonOf(const std::optional<StreamHistory::End>& end) {
+  if (!end) return nullptr;
+  Json json = {{"at", common::utcText(end->at)}, {"bytes", end->bytes}};
+  if (!end->reason.empty()) json["reason"] = common::printable(end->reason);
+  return json;
+}
+
+Json openStreamOf(const StreamHistory& history, const receiver::Counters& counters) {
+  if (!history.open) return nullptr;
+  return {{"since", common::utcText(history.open->since)},
+          {"bytes", history.openBytes(counters)},
+          {"place", common::printable(history.open->place)}};
+}
+
+void addHistory(Json& json, const QueueStats& stats) {
+  const StreamHistory history = stats.log == nullptr ? StreamHistory() : stats.log->history();
+  json["open_stream"] = openStreamOf(history, *stats.counters);
+  json["last_complete"] = jsonOf(history.lastComplete);
+  json["last_incomplete"] = jsonOf(history.lastIncomplete);
+}
+
 void add(Sum& sum, const QueueStats& stats) {
   for (const receiver::CountName& name : receiver::kCountNames) {
     sum.counts[static_cast<std::size_t>(name.count)] += stats.counters->get(name.count);
@@ -49,7 +71,8 @@ std::string StatsFile::text() const {
     Sum own;
     add(own, stats);
     add(total, stats);
-    queues[common::jsonNameOf(stats.queue)] = jsonOf(own);
+    Json& json = queues[common::jsonNameOf(stats.queue)] = jsonOf(own);
+    addHistory(json, stats);
   }
   const Json json = {{"total", jsonOf(total)}, {"queues", queues}};
   return json.dump(kIndent) + "\n";

@@ -20,7 +20,8 @@ struct QueueStats {
   const StreamLog* log = nullptr;  ///< none where nothing is captured
 };
 
-/// Keeps the counts of all queues as JSON in one file: {"total": {...}, "queues": {NAME: {...}}}.
+/// Keeps the counts of all queues as JSON in one file: {"total": {...}, "queues": {NAME: {...}}}. A
+/// queue also has what is known of its open stream and the last ones that ended.
 ///
 /// Readers see a whole file, the old or the new one. Used by one thread.
 class StatsFile {

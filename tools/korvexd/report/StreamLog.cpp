@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "common/Printable.h"
+
 namespace korvexd {
 
 using korvex::receiver::BatchCheck;
@@ -55,6 +57,7 @@ void StreamLog::messageReceived(std::uint64_t number, const unsigned char* untru
 }
 
 void StreamLog::streamOpened(const std::string& place) noexcept {
+  noteOpening(place);
   write(QueueLog::Kind::StreamOpened, [&] {
     return LogEntry(Event::StreamOpened, level::info, queue_,
                     place.empty() ? "stream opened" : "stream opened, " + place)
@@ -62,7 +65,24 @@ void StreamLog::streamOpened(const std::string& place) noexcept {
   });
 }
 
+/// Where memory is short, the place is left out.
+void StreamLog::noteOpening(const std::string& place) noexcept {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  history_.open = {std::time(nullptr), {}};
+  quietly([&] { history_.open->place = place; });
+}
+
+void StreamLog::noteEnd(const StreamSummary& summary, const std::string& reason) noexcept {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  history_.open.reset();
+  history_.endedBytes += summary.bytes;
+  auto& last = reason.empty() ? history_.lastComplete : history_.lastIncomplete;
+  last = {summary.closed, summary.bytes, {}};
+  quietly([&] { last->reason = reason; });
+}
+
 void StreamLog::streamComplete(const StreamSummary& summary, const std::string& place) noexcept {
+  noteEnd(summary, "");
   count(summary);
   counts_.lastComplete = summary.closed;
   write(QueueLog::Kind::Stream, [&] {
@@ -78,6 +98,7 @@ void StreamLog::streamComplete(const StreamSummary& summary, const std::string& 
 
 void StreamLog::streamIncomplete(const StreamSummary& summary, const std::string& reason,
                                  const std::string& place) noexcept {
+  noteEnd(summary, reason);
   count(summary);
   write(QueueLog::Kind::Stream, [&] {
     return LogEntry(Event::StreamIncomplete, level::info, queue_,
@@ -162,6 +183,29 @@ void StreamLog::messagesLeft(std::size_t count) noexcept {
                     fmt::format("the daemon ends, messages not taken: {}", count))
         .with("messages", std::uint64_t{count});
   });
+}
+
+StreamHistory StreamLog::history() const {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  return history_;
+}
+
+void StreamLog::logState(const korvex::receiver::Counters& counters) const {
+  const StreamHistory now = history();
+  if (now.open) {
+    const std::uint64_t bytes = now.openBytes(counters);
+    writeLog(LogEntry(Event::State, level::info, queue_,
+                      fmt::format("stream open since {}, {} bytes, {}",
+                                  korvex::common::utcText(now.open->since), bytes, now.open->place))
+                 .with("bytes", bytes)
+                 .with("place", now.open->place));
+  } else if (now.lastComplete) {
+    writeLog({Event::State, level::info, queue_,
+              fmt::format("idle, last complete stream at {}, {} bytes",
+                          korvex::common::utcText(now.lastComplete->at), now.lastComplete->bytes)});
+  } else {
+    writeLog({Event::State, level::info, queue_, "idle, no complete stream yet"});
+  }
 }
 
 void StreamLog::update() {

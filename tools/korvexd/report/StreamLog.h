@@ -1,9 +1,11 @@
 #ifndef KORVEXD_REPORT_STREAM_LOG_H
 #define KORVEXD_REPORT_STREAM_LOG_H
 
+#include <korvex/receiver/Counters.h>
 #include <korvex/receiver/Observer.h>
 
 #include <cstdint>
+#include <ctime>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -15,6 +17,29 @@
 #include "korvexd/report/QueueCounts.h"
 
 namespace korvexd {
+
+/// What became of one queue's streams so far.
+struct StreamHistory {
+  struct Open {
+    std::time_t since;
+    std::string place;
+  };
+  struct End {
+    std::time_t at;
+    std::uint64_t bytes;
+    std::string reason;  ///< empty when the stream was complete
+  };
+
+  std::optional<Open> open;
+  std::optional<End> lastComplete;
+  std::optional<End> lastIncomplete;
+  std::uint64_t endedBytes = 0;  ///< of all streams that ended
+
+  /// What the open stream has so far, out of all bytes that were ever handed to a sink.
+  std::uint64_t openBytes(const korvex::receiver::Counters& counters) const noexcept {
+    return counters.get(korvex::receiver::Count::Bytes) - endedBytes;
+  }
+};
 
 /// Logs and counts what happens on one queue, and captures its messages when asked to.
 class StreamLog : public korvex::receiver::Observer {
@@ -42,6 +67,12 @@ class StreamLog : public korvex::receiver::Observer {
   /// May be looked at even when this is gone.
   std::shared_ptr<const Heartbeat> heartbeat() const noexcept { return heartbeat_; }
 
+  /// Any thread may ask.
+  StreamHistory history() const;
+
+  /// Logs what the queue is doing, for somebody who asked. Any thread may call it.
+  void logState(const korvex::receiver::Counters& counters) const;
+
   void messageReceived(std::uint64_t number, const unsigned char* untrusted,
                        std::size_t size) noexcept override;
   void streamOpened(const std::string& place) noexcept override;
@@ -63,14 +94,17 @@ class StreamLog : public korvex::receiver::Observer {
   void waiting() noexcept override { heartbeat_->rest(); }
 
  private:
+  void noteOpening(const std::string& place) noexcept;
+  void noteEnd(const korvex::receiver::StreamSummary& summary, const std::string& reason) noexcept;
   void count(const korvex::receiver::StreamSummary& summary) noexcept;
 
   template <typename MakeEntry>
   void write(QueueLog::Kind kind, MakeEntry makeEntry) noexcept;
 
   const std::string queue_;
-  std::mutex mutex_;
-  QueueLog log_;  ///< guarded by the mutex
+  mutable std::mutex mutex_;
+  QueueLog log_;           ///< guarded by the mutex
+  StreamHistory history_;  ///< guarded by the mutex
   std::mutex captureMutex_;
   std::optional<Capture> capture_;             ///< guarded by that mutex
   std::atomic<std::uint64_t> firstNumber_{0};  ///< messages that earlier daemons captured

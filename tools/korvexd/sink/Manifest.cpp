@@ -1,9 +1,8 @@
 #include "korvexd/sink/Manifest.h"
 
-#include <spdlog/fmt/chrono.h>
-
 #include <nlohmann/json.hpp>
 
+#include "common/Printable.h"
 #include "common/QueueName.h"
 
 namespace korvexd {
@@ -13,11 +12,6 @@ using Json = nlohmann::ordered_json;
 
 constexpr int kFormatVersion = 1;
 constexpr int kIndent = 2;
-
-/// "2026-11-21T00:56:23Z".
-std::string utcText(std::time_t time) {
-  return fmt::format("{:%Y-%m-%dT%H:%M:%SZ}", fmt::gmtime(time));
-}
 
 }  // namespace
 
@@ -32,8 +26,8 @@ std::string manifestOf(const receiver::StreamSummary& summary, const std::string
                      {"records", summary.records},
                      {"sha256", sha256},
                      {"xxh128", summary.xxh128},
-                     {"opened", utcText(summary.opened)},
-                     {"closed", utcText(summary.closed)}};
+                     {"opened", korvex::common::utcText(summary.opened)},
+                     {"closed", korvex::common::utcText(summary.closed)}};
   // Whatever a reason quotes, the manifest stays valid JSON.
   return json.dump(kIndent, ' ', false, Json::error_handler_t::replace) + "\n";
 }

@@ -1,12 +1,26 @@
 #ifndef KORVEX_RECEIVER_LEFTOVERS_H
 #define KORVEX_RECEIVER_LEFTOVERS_H
 
+#include <sys/types.h>
+
 #include <string>
 #include <vector>
 
 #include "korvex/receiver/Export.h"
 
 namespace korvex::receiver {
+
+/// A queue that is being made, under a temporary name, or that was when its daemon was killed.
+struct HalfMadeQueue {
+  enum class Maker { Dead, Alive, Unknown };
+
+  std::string name;
+  pid_t process;  ///< that makes it; 0 unless it can be told in this PID namespace
+  Maker maker;
+};
+
+/// All of them, of every user, by name.
+KORVEX_RECEIVER_EXPORT std::vector<HalfMadeQueue> halfMadeQueues();
 
 /// Removes the queues that dead daemons of this user left half made in this PID namespace, and
 /// returns their names. Call it when a daemon starts.
@@ -15,6 +29,15 @@ namespace korvex::receiver {
 /// else would ever find these objects. What cannot be examined or removed is left alone, and so is
 /// everything where the PID namespace is unknown (no /proc).
 KORVEX_RECEIVER_EXPORT std::vector<std::string> removeHalfMadeQueues();
+
+/// Removes a pair of queues that a dead daemon of this user left, or the one that is left of it,
+/// and returns the names that were there.
+///
+/// Does what a receiver does that replaces its queues: both are claimed before one is removed, so a
+/// living daemon, also one that starts meanwhile, keeps its pair whole. Throws std::runtime_error
+/// when a living daemon serves them, or when what lies there can be no daemon's of this user:
+/// another user's queue, a link, a pipe, a file that never was a queue. Nothing is removed then.
+KORVEX_RECEIVER_EXPORT std::vector<std::string> removeDeadPair(const std::string& name);
 
 }  // namespace korvex::receiver
 

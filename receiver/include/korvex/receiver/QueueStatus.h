@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -44,6 +45,20 @@ class KORVEX_RECEIVER_EXPORT QueueStatus {
   /// The errno that made the queue unreachable, else 0.
   int systemError() const noexcept;
 
+  /// What the file system says of it. All 0 when there is nothing, or nothing can be seen.
+  struct Object {
+    dev_t device;
+    ino_t inode;
+    uid_t user;
+    gid_t group;
+    mode_t mode;  ///< with the bits of its type
+    off_t size;
+  };
+
+  /// What lay under the name at the first look, even when it cannot be opened; a symbolic link is
+  /// not followed.
+  const Object& object() const noexcept;
+
   /// 0 unless sound.
   Limits limits() const noexcept;
 
@@ -56,12 +71,19 @@ class KORVEX_RECEIVER_EXPORT QueueStatus {
   /// Messages that wait to be received.
   std::size_t messages() const noexcept;
 
+  /// The bytes of these messages together.
+  std::uint64_t waitingBytes() const noexcept;
+
   bool looksFull() const noexcept { return messages() >= limits().messages; }
 
   bool looksLocked() const noexcept;
 
   /// The thread that holds the lock, by its id in its own PID namespace; 0 for none.
   pid_t lockOwner() const noexcept;
+
+  /// Whether the lock's owner is certainly dead. False where that cannot be known: in a PID
+  /// namespace other than the first, or where /proc hides processes.
+  bool isLockOwnerGone() const noexcept;
 
  private:
   struct View;

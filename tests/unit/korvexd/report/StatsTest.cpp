@@ -65,6 +65,28 @@ TEST_F(StatsFileTest, HoldsEachQueueAndTheTotal) {
   EXPECT_EQ(written()["total"]["bad_batches"], 1);
 }
 
+TEST_F(StatsFileTest, TellsTheOpenStreamAndTheLastOnesThatEnded) {
+  const auto queue = [this] {
+    file_.update();
+    return written()["queues"]["one"];
+  };
+  EXPECT_TRUE(queue()["open_stream"].is_null() && queue()["last_complete"].is_null());
+  log_.streamOpened("there");
+  one_.add(Count::Bytes, 5);
+  EXPECT_EQ(queue()["open_stream"]["bytes"], 5);
+  EXPECT_EQ(queue()["open_stream"]["place"], "there");
+  log_.streamComplete({"q", 0, 86399, 5, 1, 3, ""}, "there");
+  EXPECT_EQ(queue()["last_complete"],
+            nlohmann::json({{"at", "1970-01-01T23:59:59Z"}, {"bytes", 5}}));
+  log_.streamOpened("here");
+  one_.add(Count::Bytes, 7);
+  EXPECT_EQ(queue()["open_stream"]["bytes"], 7) << "of this stream alone";
+  log_.streamIncomplete({"q", 0, 86400, 7, 1, 3, ""}, "gone\xff", "");
+  EXPECT_TRUE(queue()["open_stream"].is_null());
+  EXPECT_EQ(queue()["last_incomplete"]["reason"], "gone\\xff");
+  EXPECT_EQ(queue()["last_complete"]["bytes"], 5);
+}
+
 TEST_F(StatsFileTest, IsWrittenAgainOnlyAfterAChange) {
   file_.update();
   ASSERT_EQ(std::remove(path_.c_str()), 0);

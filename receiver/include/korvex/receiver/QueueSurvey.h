@@ -1,0 +1,42 @@
+#ifndef KORVEX_RECEIVER_QUEUE_SURVEY_H
+#define KORVEX_RECEIVER_QUEUE_SURVEY_H
+
+#include <sys/types.h>
+
+#include <map>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "korvex/receiver/Export.h"
+#include "korvex/receiver/QueueStatus.h"
+
+namespace korvex::receiver {
+
+/// The names of the pairs of queues in shared memory, sorted: NAME for NAME and NAMEResponse.
+///
+/// A pair counts when both names are there and not both lead to something else than queues, or when
+/// one is that leads to a sound queue. Takes no lock. QueueStatus says more of each queue.
+KORVEX_RECEIVER_EXPORT std::vector<std::string> pairNames();
+
+/// Which processes serve queues, as one look at the system's table of file locks finds it.
+///
+/// A receiver claims its queues by such a lock, and the system frees it when the process ends. The
+/// look takes no lock itself, so it holds nobody up.
+class KORVEX_RECEIVER_EXPORT ServingProcesses {
+ public:
+  ServingProcesses();
+
+  /// The process that serves the queue; 0 when none does. Nothing when that cannot be known: in a
+  /// PID namespace other than the first the system hides locks of processes outside.
+  std::optional<pid_t> of(const QueueStatus::Object& queue) const noexcept;
+
+ private:
+  bool isWhole_ = false;  ///< no lock of this machine is missing
+  std::map<std::pair<dev_t, ino_t>, pid_t> claims_;
+};
+
+}  // namespace korvex::receiver
+
+#endif

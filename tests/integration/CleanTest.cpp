@@ -1,0 +1,186 @@
+// What `korvex clean` removes, and what it leaves.
+
+#include <gmock/gmock.h>
+
+#include "integration/DaemonFixture.h"
+#include "integration/ToolRun.h"
+#include "support/Child.h"
+#include "support/DaemonQueues.h"
+#include "support/Terminal.h"
+
+namespace {
+
+using korvex::test::eventually;
+using korvex::test::queueExists;
+using korvex::test::runProgram;
+using korvex::test::runTool;
+using korvex::test::Terminal;
+using korvex::test::ToolRun;
+using testing::HasSubstr;
+
+class Clean : public DaemonFixture {
+ protected:
+  void leaveByADeadDaemon() { start()->killNow(); }
+
+  bool isThere() const { return queueExists(queue_) && queueExists(queue_ + "Response"); }
+  bool isGone() const { return !queueExists(queue_) && !queueExists(queue_ + "Response"); }
+
+  /// The tool, asking on a terminal; the answer is not given yet.
+  std::unique_ptr<Process> asking(Terminal& terminal) const {
+    auto tool = std::make_unique<Process>(std::vector<std::string>{
+        "/bin/sh", "-c", "exec \"$0\" clean --queue \"$1\" <\"$2\" >\"$2\"", KORVEX_PROGRAM, queue_,
+        terminal.name()});
+    EXPECT_TRUE(eventually([&] {
+      return terminal.text().find("Remove it? [y/N]") != std::string::npos;
+    })) << terminal.text()
+        << tool->errors();
+    return tool;
+  }
+
+  /// Runs a script with the programs as $0 and $1 where nobody else has queues; the test's own
+  /// would vanish with everybody's.
+  static ToolRun alone(const std::string& script) {
+    return runProgram({"/usr/bin/unshare", korvex::test::isRoot() ? "-m" : "-Urm", "/bin/sh", "-c",
+                       "mount -t tmpfs none /dev/shm || exit 99; " + script, KORVEX_PROGRAM,
+                       KORVEXD_PROGRAM});
+  }
+};
+
+// A daemon with one queue that was killed, and one that serves another; both are waited for.
+const char kTwoDaemons[] =
+    "\"$1\" --queue dead --discard 2>/dev/null & dead=$!; "
+    "\"$1\" --queue live --discard 2>/dev/null & live=$!; "
+    "until [ -e /dev/shm/dead -a -e /dev/shm/live ]; do sleep 0.01; done; "
+    "kill -9 $dead; wait $dead 2>/dev/null; ";
+
+}  // namespace
+
+TEST_F(Clean, RemovesWhatADeadDaemonLeft) {
+  leaveByADeadDaemon();
+  const ToolRun run = runTool({"clean", "--yes", "--queue", queue_});
+  EXPECT_EQ(run.code, 0) << run.errors;
+  EXPECT_THAT(run.output, HasSubstr("\nremoved " + queue_ + "\n"));
+  EXPECT_TRUE(isGone());
+}
+
+TEST_F(Clean, RefusesWhatADaemonServes) {
+  const auto daemon = start();
+  const ToolRun run = runTool({"clean", "--yes", "--json", "--queue", queue_});
+  EXPECT_EQ(run.code, 1);
+  EXPECT_EQ(run.json()["queues"][0]["obstacle"],
+            "korvexd (" + std::to_string(daemon->id()) + ") serves it");
+  EXPECT_EQ(run.json()["queues"][0]["removed"], false);
+  EXPECT_THAT(stream("abc"), HasSubstr("stored bytes=3 "));
+  end(*daemon);
+}
+
+TEST_F(Clean, OnlyShowsWithoutATerminal) {
+  leaveByADeadDaemon();
+  const ToolRun run = runTool({"clean", "--queue", queue_});
+  EXPECT_EQ(run.code, 1);
+  EXPECT_EQ(run.output, "remove  " + queue_ + ": served by nobody, messages waiting: 0 (0 B)\n");
+  EXPECT_THAT(run.errors, HasSubstr("without a terminal --yes is needed"));
+  EXPECT_TRUE(isThere());
+}
+
+TEST_F(Clean, AsksOnATerminal) {
+  leaveByADeadDaemon();
+  Terminal terminal(80);
+  for (const char* answer : {"n\n", "\n", "x\n"}) {
+    const auto tool = asking(terminal);
+    terminal.type(answer);
+    EXPECT_EQ(tool->wait(), 1);
+    EXPECT_TRUE(isThere()) << answer;
+  }
+  Terminal fresh(80);
+  const auto tool = asking(fresh);
+  fresh.type("y\n");
+  EXPECT_EQ(tool->wait(), 0) << tool->errors();
+  EXPECT_TRUE(isGone());
+}
+
+TEST_F(Clean, EndsByASignalThatComesInPlaceOfAnAnswer) {
+  leaveByADeadDaemon();
+  Terminal terminal(80);
+  const auto tool = asking(terminal);
+  tool->signal(SIGTERM);
+  EXPECT_EQ(tool->wait(), -SIGTERM);
+  EXPECT_TRUE(isThere());
+}
+
+// It starts between the look and the answer.
+TEST_F(Clean, LeavesADaemonsQueuesThatStartsMeanwhile) {
+  leaveByADeadDaemon();
+  Terminal terminal(80);
+  const auto tool = asking(terminal);
+  const auto daemon = start({"--replace"});
+  terminal.type("y\n");
+  EXPECT_EQ(tool->wait(), 1);
+  EXPECT_EQ(tool->errors(),
+            "korvex: " + queue_ + " stays: queue " + queue_ + " is served by another daemon\n");
+  EXPECT_THAT(stream("abc"), HasSubstr("stored bytes=3 "));
+  end(*daemon);
+}
+
+// In a container that shares /dev/shm, where the claim alone tells.
+TEST_F(Clean, LeavesWhatADaemonServesThatCannotBeSeen) {
+  const auto daemon = start();
+  const auto inside = [this](std::vector<std::string> words) {
+    words.insert(words.begin(), {"/usr/bin/unshare", korvex::test::isRoot() ? "-pfm" : "-Urpfm",
+                                 "--mount-proc", KORVEX_PROGRAM});
+    words.insert(words.end(), {"--json", "--queue", queue_});
+    return runProgram(words);
+  };
+  const ToolRun status = inside({"status"});
+  if (status.output.empty()) GTEST_SKIP() << status.errors;
+  EXPECT_EQ(status.json()["queues"][0]["state"], "unknown");
+  const ToolRun clean = inside({"clean", "--yes"});
+  EXPECT_EQ(clean.code, 1);
+  EXPECT_EQ(clean.json()["queues"][0]["obstacle"],
+            "queue " + queue_ + " is served by another daemon");
+  EXPECT_THAT(stream("abc"), HasSubstr("stored bytes=3 "));
+  end(*daemon);
+}
+
+TEST_F(Clean, FailsForAQueueThatIsNotThere) {
+  const ToolRun run = runTool({"clean", "--yes", "--queue", queue_});
+  EXPECT_EQ(run.code, 1);
+  EXPECT_EQ(run.errors, "korvex: queue '" + queue_ + "' does not exist\n");
+}
+
+TEST_F(Clean, TakesHalfAPairOnlyByName) {
+  const std::string replies = queue_ + "Response";
+  const korvex::test::RawQueue half(replies, 4, 132);
+  const ToolRun run = runTool({"clean", "--json"});  // removes nothing
+  const nlohmann::json found = run.json();
+  bool isFound = false;
+  for (const auto& queue : found["queues"]) {
+    if (queue["name"] != queue_) continue;
+    isFound = true;
+    EXPECT_THAT(queue["obstacle"], HasSubstr("only one of its two queues is there"));
+  }
+  EXPECT_TRUE(isFound);
+  EXPECT_EQ(runTool({"clean", "--yes", "--queue", queue_}).code, 0);
+  EXPECT_FALSE(queueExists(replies));
+}
+
+TEST_F(Clean, OfEverythingLeavesWhatIsServedOrNoQueue) {
+  const ToolRun run =
+      alone(std::string(kTwoDaemons) +
+            "true & wait $!; half=.korvexd-$!-$(stat -Lc %i /proc/self/ns/pid)-1-2; "
+            "cp /dev/shm/live /dev/shm/$half; head -c 4096 /dev/zero >/dev/shm/other; "
+            "\"$0\" clean --yes; code=$?; ls -A /dev/shm; kill $live; wait $live; exit $code");
+  if (run.code == 99 || run.errors.rfind("unshare", 0) == 0) GTEST_SKIP() << run.errors;
+  EXPECT_EQ(run.code, 0) << run.errors;
+  EXPECT_THAT(run.output, HasSubstr("remove  dead: served by nobody"));
+  EXPECT_THAT(run.output, HasSubstr("keep    live: korvexd ("));
+  EXPECT_THAT(run.output, HasSubstr("removed dead\nremoved .korvexd-"));
+  EXPECT_THAT(run.output, testing::EndsWith("\nlive\nliveResponse\nother\n"));
+}
+
+TEST_F(Clean, OfNothingIsDone) {
+  const ToolRun run = alone("\"$0\" clean");
+  if (run.code == 99 || run.errors.rfind("unshare", 0) == 0) GTEST_SKIP() << run.errors;
+  EXPECT_EQ(run.code, 0) << run.errors;
+  EXPECT_EQ(run.output, "no queues in shared memory\n");
+}

@@ -1,0 +1,118 @@
+#include "status/CleanPlan.h"
+
+#include <korvex/receiver/Leftovers.h>
+#include <korvex/receiver/QueueSurvey.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <exception>
+
+#include "common/Printable.h"
+#include "status/PairState.h"
+
+namespace korvex::tool {
+namespace {
+
+using Maker = receiver::HalfMadeQueue::Maker;
+
+std::string ownerObstacle(uid_t owner) {
+  if (owner == ::geteuid()) return "";
+  return "it belongs to user " + std::to_string(owner) + ", expected user " +
+         std::to_string(::geteuid());
+}
+
+std::string queueObstacle(const QueueState& queue) {
+  if (!queue.exists()) return "";
+  if (!S_ISREG(queue.object.mode)) {
+    return common::printable(queue.name) + " is " + kindText(queue.object.mode) + ", no queue";
+  }
+  return ownerObstacle(queue.object.user);
+}
+
+/// Only one of two queues is rarely a daemon's work, and other programs have queues too.
+std::string pairObstacle(const PairState& pair, bool isNamed) {
+  if (pair.service == PairState::Service::Served) return pair.server.text() + " serves it";
+  const bool isWhole = pair.batches.exists() && pair.replies.exists();
+  if (!isWhole && !isNamed) {
+    return "only one of its two queues is there, so it may be another program's; --queue removes "
+           "it";
+  }
+  const std::string obstacle = queueObstacle(pair.batches);
+  return obstacle.empty() ? queueObstacle(pair.replies) : obstacle;
+}
+
+CleanItem itemOf(const PairState& pair, bool isNamed) {
+  const std::string found =
+      "served by nobody, messages waiting: " + std::to_string(pair.batches.messages) + " (" +
+      common::byteText(static_cast<double>(pair.batches.bytes)) + ")";
+  return {pair.name, CleanItem::Kind::Pair, found, pairObstacle(pair, isNamed)};
+}
+
+std::string makerObstacle(const receiver::HalfMadeQueue& queue) {
+  switch (queue.maker) {
+    case Maker::Alive:
+      return runnerOf(queue.process).text() + " is making it";
+    case Maker::Unknown:
+      return "its process cannot be seen from here";
+    case Maker::Dead:
+      break;
+  }
+  return ownerObstacle(receiver::QueueStatus(queue.name).object().user);
+}
+
+CleanItem itemOf(const receiver::HalfMadeQueue& queue) {
+  return {queue.name, CleanItem::Kind::HalfMade,
+          "half made by process " + std::to_string(queue.process) + ", which is dead",
+          makerObstacle(queue)};
+}
+
+void removePair(CleanItem& item) {
+  try {
+    receiver::removeDeadPair(item.name);
+    item.isRemoved = true;
+  } catch (const std::exception& error) {
+    item.obstacle = common::printable(error.what());
+  }
+}
+
+void removeHalfMade(CleanItem& item, const std::vector<std::string>& removed) {
+  item.isRemoved = std::find(removed.begin(), removed.end(), item.name) != removed.end();
+  if (!item.isRemoved) item.obstacle = "it could not be removed";
+}
+
+}  // namespace
+
+std::vector<CleanItem> planCleaning(const std::string& queue) {
+  const receiver::ServingProcesses serving;
+  std::vector<CleanItem> items;
+  if (!queue.empty()) {
+    const PairState pair = lookAtPair(queue, serving);
+    if (pair.exists()) items.push_back(itemOf(pair, true));
+    return items;
+  }
+  for (const std::string& name : receiver::pairNames()) {
+    items.push_back(itemOf(lookAtPair(name, serving), false));
+  }
+  for (const auto& halfMade : receiver::halfMadeQueues()) items.push_back(itemOf(halfMade));
+  return items;
+}
+
+void removeItems(std::vector<CleanItem>& items) {
+  const auto isHalfMade = [](const CleanItem& item) {
+    return item.kind == CleanItem::Kind::HalfMade && item.isToGo();
+  };
+  const bool anyHalfMade = std::any_of(items.begin(), items.end(), isHalfMade);
+  const std::vector<std::string> removed =
+      anyHalfMade ? receiver::removeHalfMadeQueues() : std::vector<std::string>();
+  for (CleanItem& item : items) {
+    if (!item.isToGo()) continue;
+    if (item.kind == CleanItem::Kind::Pair) {
+      removePair(item);
+    } else {
+      removeHalfMade(item, removed);
+    }
+  }
+}
+
+}  // namespace korvex::tool

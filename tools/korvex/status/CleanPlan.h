@@ -1,0 +1,31 @@
+#ifndef KORVEX_TOOL_CLEAN_PLAN_H
+#define KORVEX_TOOL_CLEAN_PLAN_H
+
+#include <string>
+#include <vector>
+
+namespace korvex::tool {
+
+/// A pair of queues or one half-made queue, and what is to become of it.
+struct CleanItem {
+  enum class Kind { Pair, HalfMade };
+
+  std::string name;
+  Kind kind = Kind::Pair;
+  std::string found;          ///< what there is to know of it, for people
+  std::string obstacle = {};  ///< why it stays; empty when it may go
+  bool isRemoved = false;
+
+  bool isToGo() const { return obstacle.empty() && !isRemoved; }
+};
+
+/// Looks at what there is, all of it for an empty name, and takes no lock: whoever starts meanwhile
+/// must not find its queues taken. So only the removal itself knows for certain.
+std::vector<CleanItem> planCleaning(const std::string& queue);
+
+/// Removes what may go. What cannot be removed after all gets an obstacle.
+void removeItems(std::vector<CleanItem>& items);
+
+}  // namespace korvex::tool
+
+#endif

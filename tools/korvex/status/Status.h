@@ -1,0 +1,35 @@
+#ifndef KORVEX_TOOL_STATUS_H
+#define KORVEX_TOOL_STATUS_H
+
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+#include "Ending.h"
+#include "StopSignal.h"
+
+namespace CLI {
+class App;
+}
+
+namespace korvex::tool {
+
+/// What the command line of `korvex status` says.
+struct StatusOptions {
+  std::string queue;               ///< empty for all
+  std::vector<std::string> stats;  ///< files; none for those that the daemons' command lines name
+  bool json = false;
+  bool watch = false;
+};
+
+/// Declares the subcommand; `options` is filled when the command line is parsed.
+CLI::App* declareStatus(CLI::App& tool, StatusOptions& options);
+
+/// Shows what lies in shared memory on `out`, once or every second until a signal comes. What was
+/// asked for and is not there is told on `errors`.
+Ending runStatus(const StatusOptions& options, const StopSignal& stop, std::ostream& out,
+                 std::ostream& errors);
+
+}  // namespace korvex::tool
+
+#endif
