@@ -152,6 +152,6 @@ TEST_F(DaemonNamespace, StoresTheStreamOfASlowForeignProducer) {
     for (int i = 0; i < 5000; ++i) write(*to, piece);
     to->close();
   }));
-  ASSERT_TRUE(awaitLog(*daemon, "stream "));
+  ASSERT_TRUE(awaitLog(*daemon, "stream complete"));
   EXPECT_THAT(daemon->errors(), HasSubstr("stream complete, 500000000 bytes"));
 }
