@@ -175,11 +175,11 @@ TEST_F(OptionsTest, RefusesLongNamesOnlyWhereFilesAreMade) {
 
 TEST_F(OptionsTest, TakesWhereMetricsGoAndHowTheLogIsWritten) {
   ASSERT_EQ(parse("--queue a --discard"), 0);
-  EXPECT_FALSE(options_->metricsFile);
-  EXPECT_EQ(options_->logStyle, korvexd::LogStyle::Text);
+  EXPECT_FALSE(settings_.daemon.metricsFile);
+  EXPECT_EQ(settings_.daemon.logStyle, korvexd::LogStyle::Text);
   ASSERT_EQ(parse("--queue a --discard --metrics file --log-format json"), 0);
-  EXPECT_EQ(*options_->metricsFile, "file");
-  EXPECT_EQ(options_->logStyle, korvexd::LogStyle::Json);
+  EXPECT_EQ(*settings_.daemon.metricsFile, "file");
+  EXPECT_EQ(settings_.daemon.logStyle, korvexd::LogStyle::Json);
   expectWrong("--queue a --discard --log-format xml", "xml");
 }
 

@@ -49,7 +49,7 @@ struct Watched {
   std::future<bool> sleep(Clock::duration patience = kPatience) {
     return std::async(std::launch::async, [this, patience] {
       const auto now = Clock::now();
-      return place.await({queue.view(), stop, {}, now}, now + patience);
+      return place.await({queue.view(), stop, orders, {}, now}, now + patience);
     });
   }
 
@@ -57,6 +57,7 @@ struct Watched {
   const korvex::test::QueueRemover remover{name};
   MessageQueue queue{name, MessageQueue::Limits{4, 100}, 0600};
   std::atomic<bool> stop{false};
+  std::atomic<bool> orders{false};
   std::atomic<int> checks{0};
   std::atomic<int> checksUntilLost{1000};
   std::unique_ptr<korvex::test::LockHolder> holder;
@@ -94,6 +95,7 @@ const News kNews[] = {
        watched.holder = std::make_unique<korvex::test::LockHolder>(watched.name);
      }},
     {"TheEnd", [](Watched& watched) { watched.stop = true; }},
+    {"AnOrder", [](Watched& watched) { watched.orders = true; }},
     {"AnOddCount", overwriteCount},
     {"ALossOfMemory", cut},
     {"ALossThatOnlyChecksFind", [](Watched& watched) { watched.checksUntilLost = 1; }},
@@ -214,7 +216,7 @@ class WatchedReceiver : public testing::Test {
   Story story_;
   std::atomic<bool> sinkIsLost_{false};
   std::atomic<bool> stop_{false};
-  Receiver receiver_{{name_, {4, 4096}, 0600, Receiver::Existing::Refuse, seconds(1), &watch_},
+  Receiver receiver_{{name_, {4, 4096}, 0600, Receiver::Existing::Refuse, seconds(1), {}, &watch_},
                      [this](const std::string&, std::time_t) {
                        return std::make_unique<StorySink>(story_, sinkIsLost_);
                      },
@@ -223,6 +225,13 @@ class WatchedReceiver : public testing::Test {
 };
 
 }  // namespace
+
+TEST_F(WatchedReceiver, TakesAnOrderInItsSleep) {
+  open()->close();
+  EXPECT_EQ(story_.events(1), Events{"complete"});
+  receiver_.retire();
+  EXPECT_TRUE(eventually([this] { return receiver_.hasRetired(); }));
+}
 
 TEST_F(WatchedReceiver, TakesStreamAfterStream) {
   for (std::size_t count = 1; count <= 20; ++count) {

@@ -44,8 +44,8 @@ class KORVEX_RECEIVER_EXPORT Receiver {
     mode_t mode = 0600;            ///< of both queues, whatever the umask
     Existing existing = Existing::Refuse;
     std::optional<std::chrono::seconds> idleTimeout = {};  ///< fails a silent stream; none: never
-    IdleWatch* idleWatch = nullptr;   ///< polls the idle queue for run(); outlives the receiver
     std::optional<gid_t> group = {};  ///< of both queues; none: the process's own
+    IdleWatch* idleWatch = nullptr;   ///< polls the idle queue for run(); outlives the receiver
   };
 
   /// Makes the queues; they get their names once both are complete. The observer must outlive the
