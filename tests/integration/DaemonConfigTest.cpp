@@ -264,6 +264,7 @@ TEST_F(DaemonConfig, WritesStatisticsOfTheQueuesThatItServesNow) {
   configure("discard = true", tableOfOther("discard = true") + daemonTable);
   reload(*daemon);
   EXPECT_EQ(stream(other_, "abc"), kReceiptOfAbc);
+  ASSERT_TRUE(korvex::test::eventually([&] { return ::access(stats.c_str(), R_OK) == 0; }));
   const auto holds = [&](const std::string& queue) {
     return korvex::test::contentsOf(stats).find("\"" + queue + "\"") != std::string::npos;
   };
