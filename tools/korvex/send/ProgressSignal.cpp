@@ -25,11 +25,18 @@ void ProgressSignal::expect() noexcept {
   ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
+/// No other signal is for the thread: who interrupts the stream must reach the one that waits. It
+/// is born with all of them blocked, for its end may be asked for before it has run at all.
 ProgressSignal::ProgressSignal(Clock::time_point start) noexcept : start_(start) {
+  sigset_t all;
+  sigset_t before;
+  sigfillset(&all);
+  ::pthread_sigmask(SIG_SETMASK, &all, &before);
   try {
     thread_ = std::thread([this] { answerSignals(); });
   } catch (const std::system_error&) {
   }
+  ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 ProgressSignal::~ProgressSignal() {
@@ -39,11 +46,7 @@ ProgressSignal::~ProgressSignal() {
   thread_.join();
 }
 
-/// No other signal is for this thread: who interrupts the stream must reach the one that waits.
 void ProgressSignal::answerSignals() const {
-  sigset_t all;
-  sigfillset(&all);
-  ::pthread_sigmask(SIG_SETMASK, &all, nullptr);
   const sigset_t signals = progressSignal();
   for (int signal = 0; ::sigwait(&signals, &signal) == 0 && !isOver_;) answer();
 }
