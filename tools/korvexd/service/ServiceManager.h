@@ -34,7 +34,7 @@ class ServiceManager {
   /// The loops that move data do so.
   void feedWatchdog();
 
-  /// How long the manager waits for feedWatchdog() before it restarts the daemon; none: for ever.
+  /// How long the manager waits for feedWatchdog() before it restarts the daemon; none: forever.
   const std::optional<std::chrono::microseconds>& watchdogPeriod() const noexcept {
     return watchdogPeriod_;
   }

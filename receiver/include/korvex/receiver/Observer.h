@@ -68,7 +68,7 @@ class KORVEX_RECEIVER_EXPORT Observer {
   virtual void messagesLeft(std::size_t count) noexcept;
 
   // For a watchdog: a receiver that works and has not said so for long is stuck, in a sink mostly.
-  // One that waits may do so for ever.
+  // One that waits may do so forever.
 
   /// The thread works. Said before each step of its work, and whenever a sink that finishes says
   /// that it still does.
