@@ -15,7 +15,7 @@
 namespace korvexd {
 
 /// What those hear of the daemon who look after it: a service manager, with its watchdog, and
-/// whoever collects metrics. For one thread.
+/// those who collect metrics. For one thread.
 class Supervision {
  public:
   using Queues = std::vector<QueueStats>;  ///< those that are served, each with its log

@@ -15,8 +15,8 @@
 #include <vector>
 
 #include "korvex/receiver/SystemError.h"
-#include "korvexd/report/Capture.h"
 #include "korvexd/log/LogWriter.h"
+#include "korvexd/report/Capture.h"
 #include "korvexd/report/StatsFile.h"
 #include "korvexd/sink/DirectoryStore.h"
 #include "support/TemporaryFolder.h"
