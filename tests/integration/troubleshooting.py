@@ -105,6 +105,7 @@ def dead_daemon(night):
     night.daemon()
     night.open_stream()
     night.kill_daemon()
+    night.sender.kill()  # it would wait a minute for its receipt
     night.end_stream()
     output_of("korvex clean --yes")
     night.daemon(DAEMON)
