@@ -4,6 +4,7 @@
   cut_backups.py PROGRAM_FOLDER... -- CASE
 """
 
+import contextlib
 import glob
 import os
 import pathlib
@@ -22,6 +23,12 @@ SKIPPED = 77
 MIDDLE = 20_000_000
 # restic in a shell's place, which leaves its number.
 ENGINE = """sh -c 'echo "$$" >engine; exec restic backup --quiet --stdin --stdin-filename data'"""
+
+
+def children_of(process):
+    for children in glob.glob(f"/proc/{process.pid}/task/*/children"):
+        with contextlib.suppress(FileNotFoundError):  # a thread that has ended since
+            yield from map(int, pathlib.Path(children).read_text(encoding="ascii").split())
 
 
 class CutBackup(unittest.TestCase):
@@ -99,9 +106,8 @@ class DatabaseDump(CutBackup):
     def test_killed_leaves_nothing(self):
         with self.server.held_dumps():
             sender = self.send_dump_to_the_middle()
-            for children in glob.glob(f"/proc/{sender.pid}/task/*/children"):
-                for child in pathlib.Path(children).read_text(encoding="ascii").split():
-                    os.kill(int(child), signal.SIGKILL)
+            for child in children_of(sender):
+                os.kill(child, signal.SIGKILL)
             self.expect_nothing_of(sender, rf"'{self.DUMP[0]}' was ended by signal 9")
 
     def test_of_a_stopped_server_leaves_nothing(self):

@@ -10,6 +10,7 @@
 
 #include "korvex/ShmWriter.h"
 #include "korvex/receiver/QueueStatus.h"
+#include "support/Await.h"
 #include "support/Queues.h"
 
 using korvex::ShmWriter;
@@ -304,8 +305,8 @@ TEST(Receiver, SaysThatItWorksWheneverASinkIsCalled) {
   writer.open();
   writer.writeSegment(reinterpret_cast<const unsigned char*>("abc"), 3);
   writer.flush_shm_buffer(1);
-  while (receiver.step()) {
-  }
+  EXPECT_TRUE(korvex::test::eventually([&] { return !receiver.step() && seen.size() == 2; }))
+      << "the sink is asked how it is, now and then";
   EXPECT_FALSE(moves.isWorking_);
   writer.close();
   while (receiver.step()) {

@@ -76,8 +76,8 @@ TEST(ConfigurationKeys, AreTheOptionsOfTheCommandLine) {
   }
   expectOptions(korvexd::queueKeys(), options);
   expectOptions(korvexd::daemonKeys(), options);
-  for (const char* name :
-       {"--help", "--version", "--queue", "--config", "--check-config", "--print-config"}) {
+  for (const char* name : {"--help", "--version", "--queue", "--config", "--check-config",
+                           "--print-config", "--completion"}) {
     options.erase(name);
   }
   EXPECT_THAT(options, IsEmpty());
