@@ -99,7 +99,7 @@ TEST_F(Clean, AsksOnATerminal) {
   EXPECT_TRUE(isGone());
 }
 
-TEST_F(Clean, EndsByASignalThatComesInPlaceOfAnAnswer) {
+TEST_F(Clean, EndsByASignalInPlaceOfAnAnswer) {
   leaveByADeadDaemon();
   Terminal terminal(80);
   const auto tool = asking(terminal);

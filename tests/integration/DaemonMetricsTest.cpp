@@ -370,7 +370,7 @@ TEST_F(DaemonMetrics, KeepTheLastSuccessAcrossARestart) {
   EXPECT_EQ(metric(ended("complete")), 0);
 }
 
-TEST_F(DaemonMetrics, NeedAFileThatCanBeWrittenAtTheStart) {
+TEST_F(DaemonMetrics, NeedAWritableFileAtTheStart) {
   Process daemon({KORVEXD_PROGRAM, "--queue", queue_, "--discard", "--metrics", "/dev/null"});
   EXPECT_EQ(daemon.wait(), 1);
   EXPECT_THAT(daemon.errors(),

@@ -42,7 +42,7 @@ TEST_F(FewThreads, NoneForTheLogIsSaidAllTheSame) {
   expectNoQueues(daemon);
 }
 
-TEST_F(FewThreads, NoneForTheWatchEndsTheDaemonBeforeItMakesQueues) {
+TEST_F(FewThreads, NoneForTheWatchEndsTheDaemonEarly) {
   Process daemon = runWith(1);
   EXPECT_EQ(daemon.wait(), 1);
   EXPECT_THAT(daemon.errors(), Not(HasSubstr("/dev/shm")));

@@ -142,7 +142,7 @@ TEST_F(Status, CountsWhatWaits) {
   EXPECT_THAT(problems(queue), HasSubstr(queue_ + "Response is full: 4 messages wait"));
 }
 
-TEST_F(Status, TellsALivingOwnerOfTheLockFromADeadOne) {
+TEST_F(Status, TellsALivingLockOwnerFromADeadOne) {
   const Pair pair(queue_);
   {
     const korvex::test::LockHolder holder(queue_);
@@ -166,7 +166,7 @@ TEST_F(Status, ShowsHalfOfAPair) {
   EXPECT_THAT(problems(queue), HasSubstr(queue_ + " is missing"));
 }
 
-TEST_F(Status, ShowsStreamsFromTheFileThatTheDaemonsCommandLineNames) {
+TEST_F(Status, FindsTheStatisticsByTheDaemonsCommandLine) {
   const auto daemon = start({"--stats", stats_});
   stream("abc");
   const auto open = writer();

@@ -84,7 +84,7 @@ TEST_P(StrangeObjectForStatus, IsShownAndLeftAsItIs) {
   expectStatus(responseName_);
 }
 
-TEST_P(StrangeObjectForStatus, IsCleanedOnlyWhenADaemonMayHaveLeftIt) {
+TEST_P(StrangeObjectForStatus, IsCleanedOnlyWhenLeftByADaemon) {
   expectCleaning(name_);
   expectCleaning(responseName_);
 }

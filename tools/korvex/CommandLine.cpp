@@ -77,6 +77,46 @@ CLI::App* declareCompletion(CLI::App& tool, std::string& shell) {
   return completion;
 }
 
+/// All verbs, and what each is asked to do once the words are parsed.
+struct Verbs {
+  explicit Verbs(CLI::App& tool)
+      : send(declareSend(tool, sendOptions)),
+        inspect(declareInspect(tool, inspectOptions)),
+        verify(declareVerify(tool, verifyOptions)),
+        status(declareStatus(tool, statusOptions)),
+        clean(declareClean(tool, cleanOptions)),
+        completion(declareCompletion(tool, shell)) {}
+
+  SendOptions sendOptions;
+  InspectOptions inspectOptions;
+  VerifyOptions verifyOptions;
+  StatusOptions statusOptions;
+  CleanOptions cleanOptions;
+  std::string shell;
+  const CLI::App* send;
+  const CLI::App* inspect;
+  const CLI::App* verify;
+  const CLI::App* status;
+  const CLI::App* clean;
+  const CLI::App* completion;
+};
+
+Ending runVerb(const CLI::App& tool, const Verbs& verbs, const StopSignal& stop,
+               const Progress& progress, std::ostream& out, std::ostream& errors) {
+  const auto shown = [&](bool isQuiet) { return isQuiet ? Progress() : progress; };
+  if (verbs.completion->parsed()) {
+    out << common::completionFor(tool, verbs.shell);
+    return {};
+  }
+  if (verbs.status->parsed()) return runStatus(verbs.statusOptions, stop, out, errors);
+  if (verbs.clean->parsed()) return runClean(verbs.cleanOptions, stop, out, errors);
+  if (verbs.inspect->parsed()) return runInspect(verbs.inspectOptions, stop, out, errors);
+  if (verbs.verify->parsed()) {
+    return runVerify(verbs.verifyOptions, stop, shown(verbs.verifyOptions.quiet), out, errors);
+  }
+  return runSend(verbs.sendOptions, stop, shown(verbs.sendOptions.quiet), out, errors);
+}
+
 Ending runCommand(int argumentCount, const char* const* arguments, const StopSignal& stop,
                   const Progress& progress, std::ostream& out, std::ostream& errors) {
   CLI::App tool("Sends data to korvexd, and looks at its queues and what it stored.", "korvex");
@@ -84,20 +124,9 @@ Ending runCommand(int argumentCount, const char* const* arguments, const StopSig
   tool.set_version_flag("--version", KORVEX_VERSION);
   tool.failure_message(complaint);
   tool.require_subcommand(0, 1);  // so that an unknown word is named, not called missing
-  SendOptions sendOptions;
-  const CLI::App* const send = declareSend(tool, sendOptions);
-  InspectOptions inspectOptions;
-  const CLI::App* const inspect = declareInspect(tool, inspectOptions);
-  VerifyOptions verifyOptions;
-  const CLI::App* const verify = declareVerify(tool, verifyOptions);
-  StatusOptions statusOptions;
-  const CLI::App* const status = declareStatus(tool, statusOptions);
-  CleanOptions cleanOptions;
-  const CLI::App* const clean = declareClean(tool, cleanOptions);
-  std::string shell;
-  const CLI::App* const completion = declareCompletion(tool, shell);
+  Verbs verbs(tool);
   std::vector<std::string> words(arguments, arguments + argumentCount);
-  sendOptions.command = cutCommand(*send, words);
+  verbs.sendOptions.command = cutCommand(*verbs.send, words);
   try {
     parse(tool, std::move(words));
     if (tool.get_subcommands().empty()) throw CLI::RequiredError::Subcommand(1);
@@ -107,17 +136,7 @@ Ending runCommand(int argumentCount, const char* const* arguments, const StopSig
     return {static_cast<int>(isWrong ? common::ExitCode::WrongUsage : common::ExitCode::Success),
             0};
   }
-  if (completion->parsed()) {
-    out << common::completionFor(tool, shell);
-    return {};
-  }
-  if (status->parsed()) return runStatus(statusOptions, stop, out, errors);
-  if (clean->parsed()) return runClean(cleanOptions, stop, out, errors);
-  if (inspect->parsed()) return runInspect(inspectOptions, stop, out, errors);
-  if (verify->parsed()) {
-    return runVerify(verifyOptions, stop, verifyOptions.quiet ? Progress() : progress, out, errors);
-  }
-  return runSend(sendOptions, stop, sendOptions.quiet ? Progress() : progress, out, errors);
+  return runVerb(tool, verbs, stop, progress, out, errors);
 }
 
 /// What somebody asked for and did not get is a failure, even when the disk is full that it was to

@@ -173,7 +173,7 @@ TEST_F(OptionsTest, RefusesLongNamesOnlyWhereFilesAreMade) {
   expectWrong("--discard --capture x --queue " + name, "a file name of 201 characters");
 }
 
-TEST_F(OptionsTest, TakesWhereMetricsGoAndHowTheLogIsWritten) {
+TEST_F(OptionsTest, TakesTheMetricsFileAndTheLogFormat) {
   ASSERT_EQ(parse("--queue a --discard"), 0);
   EXPECT_FALSE(settings_.daemon.metricsFile);
   EXPECT_EQ(settings_.daemon.logStyle, korvexd::LogStyle::Text);

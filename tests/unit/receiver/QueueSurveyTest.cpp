@@ -44,14 +44,14 @@ TEST_F(QueueSurvey, NamesAPairOfWhichOneQueueIsLeft) {
   EXPECT_THAT(pairNames(), Contains(name_));
 }
 
-TEST_F(QueueSurvey, NamesAPairWhoseOwnNameEndsLikeOneForReplies) {
+TEST_F(QueueSurvey, NamesAPairNamedLikeAReplyQueue) {
   const RawQueue batches(replies_, 2, 10);
   const RawQueue replies(replies_ + "Response", 2, 10);
   EXPECT_THAT(pairNames(), Contains(replies_));
   EXPECT_THAT(pairNames(), Not(Contains(name_)));
 }
 
-TEST_F(QueueSurvey, NamesAPairThatIsHalfMadeOrDamagedInPart) {
+TEST_F(QueueSurvey, NamesAPairHalfMadeOrPartlyDamaged) {
   const SharedObject zeros(name_);
   const SharedObject text(replies_, Bytes(4096, 'x'));
   EXPECT_THAT(pairNames(), Contains(name_));
@@ -100,7 +100,7 @@ TEST_F(QueueSurvey, TellsOwnerAndSizeOfWhatCannotBeOpened) {
   EXPECT_EQ(object.size, 100);
 }
 
-TEST_F(QueueSurvey, CountsBytesThatWaitAroundTheEndOfTheRing) {
+TEST_F(QueueSurvey, CountsWaitingBytesAroundTheRingsEnd) {
   RawQueue queue(name_, 3, 10);
   const QueueStatus status(name_);
   for (std::size_t size = 1; size <= 10; ++size) {

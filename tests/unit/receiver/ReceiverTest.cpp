@@ -246,7 +246,7 @@ TEST_F(ReceiverOrders, KeepsItsQueuesWhenOnlyTheSinkChanges) {
   EXPECT_THAT(observer_.changes, ElementsAre());
 }
 
-TEST_F(ReceiverOrders, GoesBackToTheOldSettingsWhenTheNewOnesFail) {
+TEST_F(ReceiverOrders, ReturnsToOldSettingsWhenNewOnesFail) {
   receiver_.change({"", kImpossibleLimits}, sinks("second"));
   takeAll();
   takeAll();

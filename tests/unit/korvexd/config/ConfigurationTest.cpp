@@ -82,7 +82,7 @@ TEST_F(ConfigurationTest, NamesGroupsByNameOrNumber) {
   EXPECT_EQ(queueIn(table + "'54321'").receiver.group, gid_t{54321});
 }
 
-TEST_F(ConfigurationTest, OverrulesDefaultsByTablesAndBothByTheCommandLine) {
+TEST_F(ConfigurationTest, OverrulesDefaultsByTablesByTheCommandLine) {
   const std::string text =
       "[defaults]\nmax-messages = 2\nmode = '0640'\nidle-timeout = 3\n"
       "[queue.a]\ndiscard = true\nmax-messages = 4\nmode = '0660'\n";
@@ -137,7 +137,7 @@ TEST_F(ConfigurationTest, RefusesAQueueWithoutSink) {
                           "or in [defaults]"));
 }
 
-TEST_F(ConfigurationTest, RefusesNamesTooLongForFilesOnlyWhereFilesAreMade) {
+TEST_F(ConfigurationTest, RefusesLongNamesOnlyWhereFilesAreNeeded) {
   const std::string table = "[queue." + std::string(201, 'a') + "]\n";
   EXPECT_THAT(textsOf(read(table + "discard = true\n")), IsEmpty());
   EXPECT_THAT(textsOf(read(table + "output = 'x'\n")),
@@ -173,7 +173,7 @@ TEST_F(ConfigurationTest, PrintsWhereEachValueComesFrom) {
             "# capture: not set\n");
 }
 
-TEST_F(ConfigurationTest, PrintsStrangeTextsSoThatTheyCanBeReadAgain) {
+TEST_F(ConfigurationTest, PrintsStrangeTextsThatCanBeReadAgain) {
   const Configuration first =
       read("[queue.\"a b\\n\\\"'ä%\"]\nexec = [\"x\\\\\", \"\\t\\u007f#\", '']\n");
   ASSERT_THAT(textsOf(first), IsEmpty());

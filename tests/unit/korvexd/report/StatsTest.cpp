@@ -65,7 +65,7 @@ TEST_F(StatsFileTest, HoldsEachQueueAndTheTotal) {
   EXPECT_EQ(written()["total"]["bad_batches"], 1);
 }
 
-TEST_F(StatsFileTest, TellsTheOpenStreamAndTheLastOnesThatEnded) {
+TEST_F(StatsFileTest, TellsTheOpenStreamAndTheLastEndings) {
   const auto queue = [this] {
     file_.update();
     return written()["queues"]["one"];
