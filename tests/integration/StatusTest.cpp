@@ -9,6 +9,7 @@
 
 #include "integration/DaemonFixture.h"
 #include "integration/ToolRun.h"
+#include "support/Child.h"
 #include "support/DaemonQueues.h"
 #include "support/LockHolder.h"
 #include "support/SharedObject.h"
@@ -185,6 +186,45 @@ TEST_F(Status, FindsTheStatisticsByTheDaemonsCommandLine) {
   EXPECT_EQ(status()["streams"]["lastIncomplete"]["reason"], "stopped by the producer");
   EXPECT_EQ(status()["streams"]["open"], json());
   end(*daemon);
+}
+
+TEST_F(Status, FindsTheStatisticsByTheDaemonsConfiguration) {
+  const std::string config = folder_ / "korvexd.toml";
+  std::ofstream(config) << "[daemon]\nstats = '" << stats_ << "'\n[queue." << queue_
+                        << "]\noutput = '" << output_ << "'\n";
+  for (const auto& words : {std::vector<std::string>{"--config", config}, {"--config=" + config}}) {
+    std::vector<std::string> command = words;
+    command.insert(command.begin(), KORVEXD_PROGRAM);
+    Process daemon(command);
+    ASSERT_TRUE(awaitServing(daemon)) << daemon.errors();
+    stream("abc");
+    EXPECT_TRUE(eventually([&] {
+      const json streams = status()["streams"];
+      return !streams.is_null() && streams["complete"] == 1;
+    })) << words[0];
+    end(daemon);
+  }
+}
+
+TEST_F(Status, DoesNotBelieveAForeignClaimHolder) {
+  if (!korvex::test::isRoot()) GTEST_SKIP() << "needs another user";
+  const Pair pair(queue_);
+  const std::string object = "/dev/shm/" + queue_;
+  ASSERT_EQ(::chmod(object.c_str(), 0666), 0);
+  writeStats(1000, std::time(nullptr));
+  for (const char* user : {"60001", "0"}) {
+    Process holder({"/usr/bin/setpriv", std::string("--reuid=") + user, "--clear-groups",
+                    "/usr/bin/flock", "-F", object, "/bin/sh", "-c", "kill -STOP $$", "sh",
+                    "--stats", stats_});
+    ASSERT_TRUE(eventually([&] { return status()["state"] == "served"; })) << holder.errors();
+    // Its command line is that of the shell once it has stopped itself.
+    if (*user == '0') {
+      EXPECT_TRUE(eventually([&] { return !status()["streams"].is_null(); }));
+    } else {
+      EXPECT_EQ(status()["streams"], json());
+    }
+    holder.killNow();
+  }
 }
 
 TEST_F(Status, FailsForStatisticsThatCannotBeRead) {

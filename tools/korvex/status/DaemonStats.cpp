@@ -3,13 +3,14 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <time.h>
+#include <toml++/toml.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <fstream>
 #include <iterator>
 #include <nlohmann/json.hpp>
-#include <string_view>
 #include <system_error>
 #include <vector>
 
@@ -22,15 +23,20 @@ using Json = nlohmann::json;
 
 constexpr off_t kLargestFile = off_t{64} << 20;  // a thousand queues have less than one
 constexpr double kNanosecond = 1e-9;
-constexpr std::string_view kOption = "--stats";
 
 /// Closed on every way out.
 class File {
  public:
-  /// Non-blocking: a pipe must not hold the caller up.
-  explicit File(const std::string& path)
-      : descriptor_(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY)) {
+  /// The path may lead to anything, and opening a device can already do something: it is looked at
+  /// before it is opened.
+  explicit File(const std::string& path) : descriptor_(::open(path.c_str(), O_PATH | O_CLOEXEC)) {
     if (descriptor_ < 0 || ::fstat(descriptor_, &status_) != 0) throwError(errno);
+    if (!S_ISREG(status_.st_mode)) throwNoStats();
+    const int found = descriptor_;
+    descriptor_ = reopened(found);
+    const int error = errno;
+    ::close(found);
+    if (descriptor_ < 0) throwError(error);
   }
   ~File() {
     if (descriptor_ >= 0) ::close(descriptor_);
@@ -41,9 +47,7 @@ class File {
   const struct stat& status() const { return status_; }
 
   std::string content() const {
-    if (!S_ISREG(status_.st_mode) || status_.st_size > kLargestFile) {
-      throw Failure(EINVAL, "no daemon's statistics");
-    }
+    if (status_.st_size > kLargestFile) throwNoStats();
     std::string text(static_cast<std::size_t>(status_.st_size), '\0');
     const ssize_t size = ::read(descriptor_, text.data(), text.size());
     if (size < 0) throwError(errno);
@@ -52,6 +56,13 @@ class File {
   }
 
  private:
+  static int reopened(int descriptor) {
+    const std::string path = "/proc/self/fd/" + std::to_string(descriptor);
+    return ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
+  }
+
+  [[noreturn]] static void throwNoStats() { throw Failure(EINVAL, "no daemon's statistics"); }
+
   [[noreturn]] static void throwError(int error) {
     throw Failure(static_cast<ov_status_t>(error), std::generic_category().message(error));
   }
@@ -119,13 +130,32 @@ std::vector<std::string> wordsOf(pid_t process) {
   return words;
 }
 
-/// "--stats FILE" or "--stats=FILE".
-std::string statsOption(const std::vector<std::string>& words) {
+/// Of "--option VALUE" or "--option=VALUE".
+std::string valueOf(const std::string& option, const std::vector<std::string>& words) {
   for (std::size_t i = 0; i < words.size(); ++i) {
-    if (words[i].rfind(kOption, 0) != 0) continue;
-    const std::string rest = words[i].substr(kOption.size());
+    if (words[i].rfind(option, 0) != 0) continue;
+    const std::string rest = words[i].substr(option.size());
     if (rest.empty() && i + 1 < words.size()) return words[i + 1];
     if (!rest.empty() && rest.front() == '=') return rest.substr(1);
+  }
+  return "";
+}
+
+/// The path as the daemon sees it, which may be in a container. Of another user's process that is
+/// hidden.
+std::string seenBy(pid_t daemon, const std::string& path) {
+  const std::string process = "/proc/" + std::to_string(daemon);
+  if (path.front() != '/') return process + "/cwd/" + path;
+  const std::string seen = process + "/root" + path;
+  return ::access(seen.c_str(), R_OK) == 0 ? seen : path;
+}
+
+/// Empty when the file names none or cannot be read.
+std::string statsInConfig(const std::string& path) {
+  try {
+    return toml::parse(File(path).content())["daemon"]["stats"].value_or(std::string());
+  } catch (const toml::parse_error&) {
+  } catch (const Failure&) {
   }
   return "";
 }
@@ -142,13 +172,20 @@ std::string readStats(const std::string& path, StatsByQueue& stats) {
 }
 
 std::string statsPathOf(pid_t daemon) {
-  const std::string path = statsOption(wordsOf(daemon));
-  if (path.empty()) return "";
-  const std::string process = "/proc/" + std::to_string(daemon);
-  // As the daemon sees it, which may be in a container. Of another user's process that is hidden.
-  const std::string seen =
-      path.front() == '/' ? process + "/root" + path : process + "/cwd/" + path;
-  return ::access(seen.c_str(), R_OK) == 0 ? seen : path;
+  const std::vector<std::string> words = wordsOf(daemon);
+  std::string path = valueOf("--stats", words);
+  const std::string config = valueOf("--config", words);
+  if (path.empty() && !config.empty()) path = statsInConfig(seenBy(daemon, config));
+  return path.empty() ? "" : seenBy(daemon, path);
+}
+
+bool isProcessOf(pid_t process, uid_t user) {
+  std::ifstream status("/proc/" + std::to_string(process) + "/status");
+  for (std::string line; std::getline(status, line);) {
+    uid_t found = 0;
+    if (std::sscanf(line.c_str(), "Uid: %u", &found) == 1) return found == user;
+  }
+  return false;
 }
 
 }  // namespace korvex::tool

@@ -40,9 +40,13 @@ using StatsByQueue = std::map<std::string, StreamStats>;
 /// empty when nothing is.
 std::string readStats(const std::string& path, StatsByQueue& stats);
 
-/// The file that a daemon's command line names for its statistics, as this process can open it;
-/// empty when it names none.
+/// The file that a daemon's command line, or the configuration file named there, names for its
+/// statistics, as this process can open it; empty when there is none. Believes the process: ask
+/// isProcessOf() first.
 std::string statsPathOf(pid_t daemon);
+
+/// Whether the user started the process. Its real user counts: a process may hide the others.
+bool isProcessOf(pid_t process, uid_t user);
 
 }  // namespace korvex::tool
 

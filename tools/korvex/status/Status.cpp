@@ -8,8 +8,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <map>
 #include <ostream>
-#include <set>
 
 #include "common/Printable.h"
 #include "common/QueueName.h"
@@ -76,6 +76,7 @@ class Look {
  private:
   void addPairs(StatusReport& report) const;
   void addStats(StatusReport& report);
+  static StatsByQueue findAll(const StatusReport& report);
   StatsByQueue readAll(StatusReport& report) const;
 
   const StatusOptions& options_;
@@ -109,15 +110,33 @@ void Look::addPairs(StatusReport& report) const {
   }
 }
 
-StatsByQueue Look::readAll(StatusReport& report) const {
+/// Whoever may open a queue can pose as its server. Only what its owner or root runs is believed.
+bool isBelievable(const PairState& pair) {
+  const auto isRunFor = [&pair](const QueueState& queue) {
+    return !queue.exists() || isProcessOf(pair.server.id, queue.object.user);
+  };
+  return pair.server.id != 0 &&
+         (isProcessOf(pair.server.id, 0) || (isRunFor(pair.batches) && isRunFor(pair.replies)));
+}
+
+/// What the serving daemons say, each of the queues that it serves.
+StatsByQueue Look::findAll(const StatusReport& report) {
+  std::map<pid_t, StatsByQueue> byDaemon;
   StatsByQueue stats;
-  std::set<std::string> found;
   for (const auto& pair : report.pairs) {
-    if (pair.state.server.id != 0) found.insert(statsPathOf(pair.state.server.id));
+    if (!isBelievable(pair.state)) continue;
+    const pid_t daemon = pair.state.server.id;
+    const auto [said, isNew] = byDaemon.try_emplace(daemon);
+    if (isNew) readStats(statsPathOf(daemon), said->second);
+    const auto found = said->second.find(common::jsonNameOf(pair.state.name));
+    if (found != said->second.end()) stats.insert(*found);
   }
-  if (options_.stats.empty()) {
-    for (const std::string& path : found) readStats(path, stats);
-  }
+  return stats;
+}
+
+StatsByQueue Look::readAll(StatusReport& report) const {
+  if (options_.stats.empty()) return findAll(report);
+  StatsByQueue stats;
   for (const std::string& path : options_.stats) {
     const std::string defect = readStats(path, stats);
     if (defect.empty()) continue;
@@ -204,8 +223,8 @@ CLI::App* declareStatus(CLI::App& tool, StatusOptions& options) {
       ->type_name("NAME");
   status
       ->add_option("--stats", options.stats,
-                   "A daemon's statistics; unless given, those that the command line of a serving "
-                   "daemon names")
+                   "A daemon's statistics; unless given, those that the command line or the "
+                   "configuration file of a serving daemon names")
       ->allow_extra_args(false)
       ->type_name("FILE");
   status->add_flag("--watch", options.watch, "Look again every second until a signal comes");
