@@ -26,6 +26,7 @@ namespace {
 constexpr std::uint64_t kMostEntriesChecked = 65536;  // a hostile object may claim any number
 constexpr std::uint64_t kNoSlot = 0;                  // the init word is there, never a slot
 constexpr std::size_t kCacheLine = 64;
+constexpr std::size_t kBlock = 16384;
 
 /// How many checks must find odd fields under a free lock before a queue counts as damaged. Between
 /// two reads of one check a peer may have taken the lock, changed a field twice and released the
@@ -132,6 +133,19 @@ std::optional<QueueView::State> judge(int file, const Header& header, std::uint6
 bool isBlank(const unsigned char* header, std::size_t size) {
   return header[0] <= kInitialized + 1 &&
          std::all_of(header + 1, header + size, [](unsigned char byte) { return byte == 0; });
+}
+
+/// Whether there are only zeros from here to the end.
+bool isZeroFrom(int file, std::uint64_t offset) {
+  unsigned char bytes[kBlock];
+  for (;;) {
+    const ssize_t size = ::pread(file, bytes, kBlock, static_cast<off_t>(offset));
+    if (size <= 0) return size == 0;
+    if (std::any_of(bytes, bytes + size, [](unsigned char byte) { return byte != 0; })) {
+      return false;
+    }
+    offset += static_cast<std::uint64_t>(size);
+  }
 }
 
 /// Closes on every way out.
@@ -249,9 +263,10 @@ bool QueueView::canBeQueue(int file) noexcept {
   if (size < 0) return false;
   if (Header(bytes).size(kIndexPointerOffset) == kIndexPointer) return true;
   // A queue is all zeros before its header is written, but many programs' objects begin with zeros,
-  // too: only these sizes can be a queue's.
+  // too: only these sizes can be a queue's, and nothing can be behind the header.
   const bool hasHeaderSize = static_cast<std::uint64_t>(found.st_size) >= kSmallestObject;
-  return isBlank(bytes, kHeaderEnd) && (size <= ssize_t{kIndexPointerOffset} || hasHeaderSize);
+  return isBlank(bytes, kHeaderEnd) && (size <= ssize_t{kIndexPointerOffset} || hasHeaderSize) &&
+         isZeroFrom(file, kHeaderEnd);
 }
 
 std::size_t QueueView::fileSize(std::size_t messages, std::size_t messageSize) noexcept {

@@ -178,6 +178,25 @@ TEST_F(Clean, OfEverythingLeavesWhatIsServedOrNoQueue) {
   EXPECT_THAT(run.output, testing::EndsWith("\nlive\nliveResponse\nother\n"));
 }
 
+// A queue is blank before its creator writes to it, but so are other programs' objects.
+TEST_F(Clean, LeavesBlankPairsUnlessNamed) {
+  struct Row {
+    const char* make;
+    int code;  // of removing it by name
+  };
+  for (const Row& row : {Row{": >", 0}, Row{"head -c 4096 /dev/zero >", 0},
+                         Row{"(head -c 4096 /dev/zero; echo data) >", 1}}) {
+    const std::string make = row.make;
+    const ToolRun run = alone(make + "/dev/shm/other; " + make +
+                              "/dev/shm/otherResponse; \"$0\" clean --yes || exit 98; "
+                              "ls /dev/shm; \"$0\" clean --yes --queue other");
+    if (run.code == 99 || run.errors.rfind("unshare", 0) == 0) GTEST_SKIP() << run.errors;
+    EXPECT_THAT(run.output, HasSubstr("keep    other: it was never finished")) << make;
+    EXPECT_THAT(run.output, HasSubstr("\nother\notherResponse\n")) << make;
+    EXPECT_EQ(run.code, row.code) << make << run.errors;
+  }
+}
+
 TEST_F(Clean, OfNothingIsDone) {
   const ToolRun run = alone("\"$0\" clean");
   if (run.code == 99 || run.errors.rfind("unshare", 0) == 0) GTEST_SKIP() << run.errors;

@@ -38,14 +38,28 @@ std::string pairObstacle(const PairState& pair, bool isNamed) {
     return "only one of its two queues is there, so it may be another program's; --queue removes "
            "it";
   }
+  const auto isUnfinished = [](const QueueState& queue) {
+    return queue.condition == receiver::QueueStatus::Condition::Unfinished;
+  };
+  if (!isNamed && (isUnfinished(pair.batches) || isUnfinished(pair.replies))) {
+    return "it was never finished, so it may be another program's; --queue removes it";
+  }
   const std::string obstacle = queueObstacle(pair.batches);
   return obstacle.empty() ? queueObstacle(pair.replies) : obstacle;
 }
 
+std::string waitingText(const QueueState& batches) {
+  if (batches.condition != receiver::QueueStatus::Condition::Sound) {
+    return "what waits in it cannot be seen";
+  }
+  return "messages waiting: " + std::to_string(batches.messages) + " (" +
+         common::byteText(static_cast<double>(batches.bytes)) + ")";
+}
+
 CleanItem itemOf(const PairState& pair, bool isNamed) {
-  const std::string found =
-      "served by nobody, messages waiting: " + std::to_string(pair.batches.messages) + " (" +
-      common::byteText(static_cast<double>(pair.batches.bytes)) + ")";
+  const bool isKnown = pair.service != PairState::Service::Unknown;
+  const std::string found = std::string("served by nobody") + (isKnown ? "" : " seen from here") +
+                            ", " + waitingText(pair.batches);
   return {pair.name, CleanItem::Kind::Pair, found, pairObstacle(pair, isNamed)};
 }
 
