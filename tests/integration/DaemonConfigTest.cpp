@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <fstream>
 #include <regex>
 
@@ -112,7 +113,12 @@ TEST_F(DaemonConfig, ChecksASoundFileInSilence) {
 }
 
 TEST_F(DaemonConfig, FindsNoMistakeInTheExample) {
-  EXPECT_EQ(answerOf({"--config", KORVEX_PACKAGING "/korvexd.toml", "--check-config"}, 0), "");
+  std::string example = korvex::test::contentsOf(KORVEX_PACKAGING "/korvexd.toml");
+  const std::string group = "group = \"korvex\"";  // which an installation makes
+  ASSERT_NE(example.find(group), std::string::npos);
+  example.replace(example.find(group), group.size(), "group = \"nogroup\"");
+  std::ofstream(config_) << example;
+  EXPECT_EQ(answerOf({"--config", config_, "--check-config"}, 0), "");
 }
 
 TEST_F(DaemonConfig, PrintsWhatCanBeFedBack) {
@@ -254,6 +260,36 @@ TEST_F(DaemonConfig, KeepsTheOldLimitsWhenMemoryIsShort) {
   EXPECT_TRUE(awaitLog(*daemon, queue_ + ": served again"));
   EXPECT_EQ(stream("abc"), kReceiptOfAbc);
   end(*daemon);
+}
+
+TEST_F(DaemonConfig, KeepsMetricsAcrossReloadsAndAnUnwritableFile) {
+  const std::string metrics = folder_.makeFolder("metrics") + "/shop.prom";
+  const std::string daemonTable = "[daemon]\nmetrics = '" + metrics + "'\n";
+  const auto awaitSample = [&](const std::string& sample) {
+    return korvex::test::eventually([&] {
+      return ::access(metrics.c_str(), R_OK) == 0 &&
+             korvex::test::contentsOf(metrics).find(sample) != std::string::npos;
+    });
+  };
+  const std::string success = "korvex_last_success_timestamp_seconds{queue=\"" + other_ + "\"} ";
+  const std::string capacity = "korvex_queue_capacity_messages{queue=\"" + queue_ + "\"} ";
+  configure("discard = true", tableOfOther("discard = true") + daemonTable);
+  const auto daemon = startConfigured();
+  EXPECT_EQ(stream(other_, "abc"), kReceiptOfAbc);
+  ASSERT_TRUE(awaitSample(success + "1"));  // seconds since 1970
+  configure("discard = true\nmax-messages = 4", daemonTable);
+  reload(*daemon);
+  EXPECT_TRUE(awaitLog(*daemon, other_ + ": no longer served"));
+  EXPECT_TRUE(awaitSample(capacity + "4"));
+  std::filesystem::rename(folder_ / "metrics", folder_ / "away");
+  configure("discard = true", tableOfOther("discard = true") + daemonTable);
+  reload(*daemon, "serving " + other_);
+  EXPECT_TRUE(awaitLog(*daemon, "writing metrics to "));
+  std::filesystem::rename(folder_ / "away", folder_ / "metrics");
+  EXPECT_TRUE(awaitSample(capacity + "8"));
+  EXPECT_TRUE(awaitSample(success + "1")) << "it was away, and had one before";
+  end(*daemon);
+  EXPECT_EQ(daemon->errors().find("nothing of the configuration is changed"), std::string::npos);
 }
 
 TEST_F(DaemonConfig, WritesStatisticsOfTheQueuesThatItServesNow) {
