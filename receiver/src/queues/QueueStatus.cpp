@@ -64,7 +64,9 @@ Limits QueueStatus::limits() const noexcept {
   return {view_->queue.maxMessages(), view_->queue.maxMessageSize()};
 }
 
-bool QueueStatus::isStillNamed() const noexcept { return view_->queue.isStillNamed(view_->name); }
+bool QueueStatus::isStillNamed() const noexcept {
+  return view_->queue.isStillNamed(view_->name) && objectAt(view_->name).size >= view_->object.size;
+}
 
 std::size_t QueueStatus::messages() const noexcept {
   return lookOrZero([this] { return view_->queue.messages(); });

@@ -167,14 +167,21 @@ void DaemonStream::sendOpenRecord() {
   batchSize_ = 0;
 }
 
+/// Each batch that the daemon takes gives it the whole time again.
 void DaemonStream::awaitAllTaken(const char* what) {
-  const bool isTaken = lookUntil(Clock::now() + settings_.timeout, [this] {
-    if (sendQueue_.messages() == 0) return true;
+  auto deadline = Clock::now() + settings_.timeout;
+  std::size_t fewest = sendQueue_.messages();
+  const auto isTaken = [&] {
     stop_.throwIfReceived();
-    checkStillServed();
-    return false;
-  });
-  if (!isTaken) throwTimedOut(what);
+    const std::size_t left = sendQueue_.messages();
+    checkStillServed();  // afterwards: of a queue that was cut nothing seems to wait
+    if (left < fewest) deadline = Clock::now() + settings_.timeout;
+    fewest = std::min(fewest, left);
+    return left == 0;
+  };
+  while (!lookUntil(deadline, isTaken)) {
+    if (Clock::now() >= deadline) throwTimedOut(what);
+  }
 }
 
 void DaemonStream::write(const unsigned char* data, std::size_t size) {
@@ -366,7 +373,9 @@ void DaemonStream::refuseForeignReply() const {
                                 "\": is another producer using this queue?");
 }
 
-bool DaemonStream::isStillServed() const { return sendQueue_.isStillNamed(); }
+bool DaemonStream::isStillServed() const {
+  return sendQueue_.isStillNamed() && (!replies_ || replies_->isStillNamed());
+}
 
 void DaemonStream::checkStillServed() {
   if (!isStillServed()) throwGone();

@@ -10,6 +10,7 @@
 #include <ostream>
 #include <utility>
 
+#include <korvex/receiver/BusErrorGuard.h>
 #include <korvex/receiver/Receipt.h>
 #include <korvex/receiver/StreamDigest.h>
 #include "Failure.h"
@@ -267,6 +268,7 @@ CLI::App* declareSend(CLI::App& tool, SendOptions& options) {
 
 Ending runSend(const SendOptions& options, const StopSignal& stop, Progress progress,
                std::ostream& out, std::ostream& errors) {
+  receiver::installBusErrorGuard();  // a queue may be cut while it is looked at
   SendReport report = SendRun(options, stop, progress).run();
   progress.clear();
   tell(report, options, out, errors);

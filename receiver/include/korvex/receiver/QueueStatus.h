@@ -62,8 +62,8 @@ class KORVEX_RECEIVER_EXPORT QueueStatus {
   /// 0 unless sound.
   Limits limits() const noexcept;
 
-  /// Whether the name still refers to the object in view. False once its daemon removed or replaced
-  /// it: nobody reads what is sent to it then.
+  /// Whether the name still refers to the object in view, uncut. False once its daemon removed or
+  /// replaced it, or it was truncated: nobody reads what is sent to it then.
   bool isStillNamed() const noexcept;
 
   // The rest is for sound queues only.

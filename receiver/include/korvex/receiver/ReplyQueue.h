@@ -34,10 +34,11 @@ class KORVEX_RECEIVER_EXPORT ReplyQueue {
   /// broken for good.
   std::optional<qmx_shm_response_t> take();
 
-  /// Whether the name still leads to the queue that was opened.
+  /// Whether the name still leads to the queue that was opened, uncut.
   bool isStillNamed() const noexcept;
 
-  /// A hint, read without the lock: how many replies wait.
+  /// A hint, read without the lock: how many replies wait. 0 when the queue was truncated, where
+  /// the guard of BusErrorGuard.h is installed.
   std::size_t messages() const noexcept;
 
   /// How many replies the queue has room for.
