@@ -392,6 +392,45 @@ TEST_F(SendCommand, AReplacedQueueIsNoticed) {
   EXPECT_THAT(result.errors, HasSubstr("removed or replaced"));
 }
 
+TEST_F(SendCommand, ATruncatedQueueIsNoticed) {
+  for (const char* ending : {"", "Response"}) {
+    const FakeDaemon takingNothing;
+    queue = takingNothing.queue();
+    Process sender(sendCommand({"--timeout", "86400", "/dev/zero"}));
+    ASSERT_TRUE(eventually([&] { return takingNothing.waiting() > 0; }));
+    ASSERT_EQ(::truncate(("/dev/shm/" + queue + ending).c_str(), 0), 0);
+    const Result result = resultOf(sender);
+    EXPECT_EQ(result.code, 1) << ending;
+    EXPECT_THAT(result.errors, HasSubstr("removed or replaced"));
+  }
+}
+
+TEST_F(SendCommand, EndsThoughNobodyReadsWhatASignalAsksFor) {
+  startDaemon({"--discard"});
+  const std::string input = folder / "input";
+  const std::string errors = folder / "errors";
+  ASSERT_EQ(::mkfifo(input.c_str(), 0600), 0);
+  ASSERT_EQ(::mkfifo(errors.c_str(), 0600), 0);
+  const int full = ::open(errors.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+  const std::string page(4096, 'x');
+  while (::write(full, page.data(), page.size()) > 0) {
+  }
+  Process sender({"/bin/sh", "-c",
+                  "exec \"$0\" send --quiet --segment-size 1 --queue \"$1\" \"$2\" 2>\"$3\"",
+                  KORVEX_PROGRAM, queue, input, errors});
+  const int writer = ::open(input.c_str(), O_WRONLY | O_CLOEXEC);
+  ASSERT_EQ(::write(writer, page.data(), page.size()), 4096);
+  awaitFlow();
+  sender.signal(SIGUSR1);
+  EXPECT_TRUE(eventually([&] {
+    const std::string status = contentsOf("/proc/" + std::to_string(sender.id()) + "/status");
+    return status.find("\nShdPnd:\t0000000000000000\n") != std::string::npos;
+  }));
+  ::close(writer);
+  EXPECT_EQ(resultOf(sender).code, 0);
+  ::close(full);
+}
+
 TEST_F(SendCommand, WrongUsageTouchesNothing) {
   for (const Words& words :
        {Words{"--fast"}, Words{"--timeout", "0"}, Words{"--timeout", "86401"},

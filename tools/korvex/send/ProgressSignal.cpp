@@ -1,5 +1,6 @@
 #include "send/ProgressSignal.h"
 
+#include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -16,6 +17,13 @@ sigset_t progressSignal() noexcept {
   sigemptyset(&signals);
   sigaddset(&signals, SIGUSR1);
   return signals;
+}
+
+/// Nobody may be reading standard error. A write would hold the thread up then, and the end of the
+/// stream with it.
+bool canTell() noexcept {
+  pollfd errors = {STDERR_FILENO, POLLOUT, 0};
+  return ::poll(&errors, 1, 0) == 1 && (errors.revents & POLLOUT) != 0;
 }
 
 }  // namespace
@@ -53,6 +61,7 @@ void ProgressSignal::answerSignals() const {
 
 /// In one piece and past the stream, which may just be drawing its own line.
 void ProgressSignal::answer() const {
+  if (!canTell()) return;
   const std::uint64_t total = total_;
   const ProgressState state{bytes_, total == kUnknown ? std::nullopt : std::make_optional(total),
                             Clock::now() - start_};
