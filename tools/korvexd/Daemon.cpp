@@ -98,6 +98,7 @@ Daemon::Daemon(CommandLine commandLine, const Settings& settings, ServiceManager
   announceMemory(settings.queues);
   for (const QueueSettings& queue : settings.queues) queues_.add(queue);
   keepFiles();
+  supervision_.requireMetrics(queues_.stats());
   if (statsFile_) statsFile_->update();
 }
 
@@ -156,40 +157,46 @@ void Daemon::readAgain() noexcept {
     take(configuration.settings());
     writeLog({Event::ConfigurationRead, spdlog::level::info, "", "configuration read again"});
   } catch (const std::exception& error) {
-    writeLog({Event::ConfigurationRefused, spdlog::level::err, "",
-              std::string("nothing of the configuration is changed: ") + error.what()});
+    tryToLog([&] {
+      return LogEntry(Event::ConfigurationRefused, spdlog::level::err, "",
+                      std::string("nothing of the configuration is changed: ") + error.what());
+    });
   }
-  supervision_.ready(queues_.stats());
+  hasNews_ = true;
 }
 
 /// The queues first: they change all together or not at all.
-void Daemon::take(const Settings& settings) {
+void Daemon::take(Settings settings) {
   queues_.follow(settings.queues);
-  settings_ = settings.daemon;
-  keepFiles();
+  settings_ = std::move(settings.daemon);
 }
 
 void Daemon::keepFiles() {
   statsFile_.reset();
   if (settings_.statsFile) statsFile_.emplace(*settings_.statsFile, queues_.stats());
-  supervision_.keepMetrics(
-      settings_.metricsFile, queues_.stats(),
-      [this](const std::string& queue) { return queues_.engineFailuresOf(queue); });
+  supervision_.keepMetrics(settings_.metricsFile, [this](const std::string& queue) {
+    return queues_.engineFailuresOf(queue);
+  });
 }
 
+/// The reports come first, for the last word of queues that go now.
 void Daemon::doRegularly() noexcept {
+  updateReports();
+  hasNews_ = queues_.settle() || hasNews_;
+  if (!hasNews_) return;
+  statsFile_.reset();  // it looks at queues that may be gone
   try {
-    if (queues_.settle()) followQueues();
-  } catch (const std::exception& error) {
-    writeLog({Event::FileFailed, spdlog::level::warn, "", error.what()});
+    followQueues();
+    hasNews_ = false;
+  } catch (const std::exception&) {
+    // Memory is short; tried again in a second.
   }
   updateReports();
 }
 
-/// Other queues are served than before.
 void Daemon::followQueues() {
-  keepFiles();
   supervision_.ready(queues_.stats());
+  keepFiles();
 }
 
 void Daemon::updateReports() noexcept {

@@ -41,7 +41,7 @@ class Daemon {
   void awaitEnd();
   void drain();
   void readAgain() noexcept;
-  void take(const Settings& settings);
+  void take(Settings settings);
   void doRegularly() noexcept;
   void followQueues();
   void updateReports() noexcept;
@@ -51,6 +51,7 @@ class Daemon {
   const sigset_t signals_;
   DaemonSettings settings_;
   QueueSet queues_;
+  bool hasNews_ = false;  ///< other queues are served, or in another way, than the rest knows
   std::optional<StatsFile> statsFile_;
   Attempts statsWrites_;
   Supervision supervision_;

@@ -5,7 +5,6 @@
 #include <optional>
 #include <utility>
 
-#include "common/QueueName.h"
 #include "korvexd/log/LogEntry.h"
 #include "korvexd/os/Heartbeat.h"
 
@@ -18,7 +17,7 @@ void announce(const ServedQueue& queue) {
   writeLog(LogEntry(Event::Serving, spdlog::level::info, "",
                     "serving " + queue.name() + ", " + std::to_string(limits.messages) +
                         " messages of " + std::to_string(limits.messageSize) + " bytes")
-               .with("queue", korvex::common::jsonNameOf(queue.name()))
+               .with("queue", queue.name())
                .with("messages", std::uint64_t{limits.messages})
                .with("message_size", std::uint64_t{limits.messageSize}));
 }
@@ -105,8 +104,10 @@ bool QueueSet::tryToStart(const QueueSettings& settings) noexcept {
     startNew(settings);
     return true;
   } catch (const std::exception& error) {
-    writeLog({Event::NotServed, spdlog::level::err, settings.receiver.queue,
-              std::string("not served yet: ") + error.what()});
+    tryToLog([&] {
+      return LogEntry(Event::NotServed, spdlog::level::err, settings.receiver.queue,
+                      std::string("not served yet: ") + error.what());
+    });
     return false;
   }
 }
@@ -129,7 +130,10 @@ bool QueueSet::settle() noexcept {
 bool QueueSet::removeRetired() noexcept {
   const auto end = std::remove_if(queues_.begin(), queues_.end(), [](const auto& queue) {
     if (!queue->hasRetired()) return false;
-    writeLog({Event::NoLongerServed, spdlog::level::info, queue->name(), "no longer served"});
+    tryToLog([&] {
+      return LogEntry(Event::NoLongerServed, spdlog::level::info, queue->name(),
+                      "no longer served");
+    });
     return true;
   });
   const bool isAny = end != queues_.end();

@@ -21,12 +21,16 @@ std::vector<Watchdog::Loop> loopsOf(const Supervision::Queues& queues) {
 
 }  // namespace
 
-void Supervision::keepMetrics(const std::optional<std::string>& path, const Queues& queues,
+void Supervision::keepMetrics(const std::optional<std::string>& path,
                               MetricsFile::EngineFailuresOf engineFailuresOf) {
-  metrics_.reset();
-  if (!path) return;
-  metrics_.emplace(*path, std::move(engineFailuresOf));
-  metrics_->update(queues, 0);
+  if (!path) return metrics_.reset();
+  if (metrics_ && metrics_->path() == *path) return;
+  metrics_.emplace(*path, started_, std::move(engineFailuresOf));
+  metricsWrites_ = {};
+}
+
+void Supervision::requireMetrics(const Queues& queues) {
+  if (metrics_) metrics_->update(queues, 0);
 }
 
 void Supervision::ready(const Queues& queues) {

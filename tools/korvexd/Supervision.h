@@ -2,6 +2,7 @@
 #define KORVEXD_SUPERVISION_H
 
 #include <cstdint>
+#include <ctime>
 #include <optional>
 #include <string>
 #include <vector>
@@ -23,9 +24,13 @@ class Supervision {
   /// `manager` outlives it.
   explicit Supervision(ServiceManager& manager) : manager_(manager) {}
 
-  /// Keeps metrics in this file from now on, or none. Throws when it cannot be written.
-  void keepMetrics(const std::optional<std::string>& path, const Queues& queues,
+  /// Keeps metrics in this file from the next update on, or none. Throws nothing but
+  /// std::bad_alloc.
+  void keepMetrics(const std::optional<std::string>& path,
                    MetricsFile::EngineFailuresOf engineFailuresOf);
+
+  /// Writes them at once. Throws when they cannot be written; update() would try again.
+  void requireMetrics(const Queues& queues);
 
   /// Producers may come, for the first time or after a reload.
   void ready(const Queues& queues);
@@ -44,6 +49,7 @@ class Supervision {
   void updateMetrics(const Queues& queues, std::uint64_t statsFailures) noexcept;
 
   ServiceManager& manager_;
+  const std::time_t started_ = std::time(nullptr);
   std::optional<MetricsFile> metrics_;
   Attempts metricsWrites_;
   std::optional<Watchdog> watchdog_;

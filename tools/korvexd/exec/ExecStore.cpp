@@ -25,7 +25,7 @@ std::uint64_t nanosecondsNow() {
 
 void writeEngineLine(const std::string& queue, const std::string& stream, const std::string& line) {
   writeLog(LogEntry(Event::EngineLine, spdlog::level::info, "", stream + ": engine: " + line)
-               .with("queue", korvex::common::jsonNameOf(queue))
+               .with("queue", queue)
                .with("stream", stream)
                .with("line", line));
 }

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <string>
 #include <utility>
 #include <variant>
@@ -122,6 +123,16 @@ struct LogEntry {
 /// Writes it to the process's log; one that memory is too short for is lost. Any thread may call
 /// it.
 void writeLog(const LogEntry& entry) noexcept;
+
+/// The same for callers that must not throw: memory may be too short already for the entry that
+/// `make` gives.
+template <typename Make>
+void tryToLog(Make make) noexcept {
+  try {
+    writeLog(make());
+  } catch (const std::exception&) {
+  }
+}
 
 /// The entry that this thread is writing just now; none for what comes to the log otherwise.
 const LogEntry* entryBeingWritten() noexcept;

@@ -52,6 +52,11 @@ std::string timeText(spdlog::log_clock::time_point time) {
                      sinceEpoch.count() % 1000);
 }
 
+/// A queue has one name, wherever it stands.
+std::string jsonText(const std::string& field, const std::string& text) {
+  return field == "queue" ? common::jsonNameOf(text) : common::printable(text);
+}
+
 std::string jsonLine(const LogEntry& entry, spdlog::log_clock::time_point time) {
   const auto level = spdlog::level::to_string_view(entry.level);
   nlohmann::ordered_json json = {{"time", timeText(time)},
@@ -62,7 +67,7 @@ std::string jsonLine(const LogEntry& entry, spdlog::log_clock::time_point time) 
     if (const auto* number = std::get_if<std::uint64_t>(&value)) {
       json[name] = *number;
     } else {
-      json[name] = common::printable(std::get<std::string>(value));
+      json[name] = jsonText(name, std::get<std::string>(value));
     }
   }
   json["message"] = common::printable(entry.text);

@@ -28,12 +28,13 @@ std::string daemonName(const std::string& path) {
 
 }  // namespace
 
-MetricsFile::MetricsFile(const std::string& path, EngineFailuresOf engineFailuresOf)
+MetricsFile::MetricsFile(const std::string& path, std::time_t started,
+                         EngineFailuresOf engineFailuresOf)
     : file_(path, "metrics"),
       engineFailuresOf_(std::move(engineFailuresOf)),
       earlier_(earlierText(path)) {
   numbers_.name = daemonName(path);
-  numbers_.started = std::time(nullptr);
+  numbers_.started = started;
 }
 
 void MetricsFile::update(const std::vector<QueueStats>& queues, std::uint64_t statsFailures) {
@@ -55,26 +56,34 @@ QueueNumbers MetricsFile::numbersOf(const QueueStats& queue, QueueFill::Clock::t
   numbers.counters = queue.counters;
   numbers.counts = &queue.log->counts();
   numbers.engineFailures = engineFailuresOf_(queue.queue);
-  Watched& watched = watched_.at(queue.queue);
-  watched.fill.look(now);
-  numbers.waiting = watched.fill.messages();
-  numbers.capacity = watched.fill.capacity();
-  numbers.fullSeconds = watched.fill.fullTime().count();
-  const std::time_t ownSuccess = queue.log->counts().lastComplete;
-  numbers.lastSuccess = ownSuccess != 0 ? ownSuccess : watched.earlierSuccess;
+  QueueFill& fill = fills_.at(queue.queue);
+  fill.look(now);
+  numbers.waiting = fill.messages();
+  numbers.capacity = fill.capacity();
+  numbers.fullSeconds = fill.fullTime().count();
+  numbers.lastSuccess = lastSuccessOf(queue);
   return numbers;
 }
 
-/// Queues come and go; the view of one that is gone would keep its memory.
+std::time_t MetricsFile::lastSuccessOf(const QueueStats& queue) {
+  auto last = successes_.find(queue.queue);
+  if (last == successes_.end()) {
+    const std::time_t earlier = lastSuccessIn(earlier_, common::jsonNameOf(queue.queue));
+    last = successes_.emplace(queue.queue, earlier).first;
+  }
+  const std::time_t own = queue.log->counts().lastComplete;
+  if (own != 0) last->second = own;
+  return last->second;
+}
+
+/// Queues come and go.
 void MetricsFile::watch(const std::vector<QueueStats>& queues, QueueFill::Clock::time_point now) {
-  auto before = std::exchange(watched_, {});
+  auto before = std::exchange(fills_, {});
   for (const QueueStats& queue : queues) {
     if (auto known = before.extract(queue.queue)) {
-      watched_.insert(std::move(known));
+      fills_.insert(std::move(known));
     } else {
-      watched_.emplace(queue.queue,
-                       Watched{QueueFill(queue.queue, now),
-                               lastSuccessIn(earlier_, common::jsonNameOf(queue.queue))});
+      fills_.emplace(queue.queue, QueueFill(queue.queue, now));
     }
   }
 }

@@ -26,8 +26,11 @@ class MetricsFile {
   static constexpr std::time_t kLongestAge = 15;
 
   /// Takes from an existing file when each queue had its last complete stream, for a restart must
-  /// not look like a backup, nor like the lack of one.
-  MetricsFile(const std::string& path, EngineFailuresOf engineFailuresOf);
+  /// not look like a backup, nor like the lack of one. A queue that leaves and comes back while the
+  /// daemon runs is no different. `started` is when the daemon was.
+  MetricsFile(const std::string& path, std::time_t started, EngineFailuresOf engineFailuresOf);
+
+  const std::string& path() const noexcept { return file_.path(); }
 
   /// Looks at these queues, each with its log, and writes the file when a number has changed or the
   /// file is old. `statsFailures` counts failed writes of the statistics. Throws as
@@ -35,21 +38,18 @@ class MetricsFile {
   void update(const std::vector<QueueStats>& queues, std::uint64_t statsFailures);
 
  private:
-  struct Watched {
-    QueueFill fill;
-    std::time_t earlierSuccess;  ///< before this daemon started
-  };
-
+  std::time_t lastSuccessOf(const QueueStats& queue);
   void watch(const std::vector<QueueStats>& queues, QueueFill::Clock::time_point now);
   QueueNumbers numbersOf(const QueueStats& queue, QueueFill::Clock::time_point now);
   void write();
 
   ReplacedFile file_;
   const EngineFailuresOf engineFailuresOf_;
-  const std::string earlier_;  ///< what the file held when the daemon started
+  const std::string earlier_;  ///< what the file held before
   DaemonNumbers numbers_;
-  std::map<std::string, Watched> watched_;  ///< by queue
-  std::string text_;                        ///< as last written
+  std::map<std::string, QueueFill> fills_;        ///< by queue
+  std::map<std::string, std::time_t> successes_;  ///< the last ones, of queues that are gone too
+  std::string text_;                              ///< as last written
 };
 
 }  // namespace korvexd

@@ -1,5 +1,7 @@
 #include "korvexd/metrics/QueueFill.h"
 
+#include <korvex/receiver/QueueStatus.h>
+
 #include <utility>
 
 namespace korvexd {
@@ -8,19 +10,12 @@ using korvex::receiver::QueueStatus;
 
 void QueueFill::look(Clock::time_point now) {
   const Clock::duration sinceLastLook = now - std::exchange(lastLook_, now);
-  if (!status_ || !status_->isStillNamed()) findQueue();
-  messages_ = status_ ? status_->messages() : 0;
-  if (status_ && messages_ >= capacity_) fullTime_ += sinceLastLook;
-}
-
-/// It may have been replaced, or be lost just now.
-void QueueFill::findQueue() {
-  status_.emplace(queue_);
-  if (status_->condition() == QueueStatus::Condition::Sound) {
-    capacity_ = status_->limits().messages;
-  } else {
-    status_.reset();
-  }
+  const QueueStatus status(queue_);
+  const bool isSound = status.condition() == QueueStatus::Condition::Sound;
+  messages_ = isSound ? status.messages() : 0;
+  if (!isSound) return;
+  capacity_ = status.limits().messages;
+  if (messages_ >= capacity_) fullTime_ += sinceLastLook;
 }
 
 }  // namespace korvexd

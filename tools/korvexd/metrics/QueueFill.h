@@ -1,17 +1,15 @@
 #ifndef KORVEXD_QUEUE_FILL_H
 #define KORVEXD_QUEUE_FILL_H
 
-#include <korvex/receiver/QueueStatus.h>
-
 #include <chrono>
 #include <cstddef>
-#include <optional>
 #include <string>
 
 namespace korvexd {
 
 /// How full a queue is, seen from outside: its own thread may be stuck in a sink while producers
-/// wait. For one thread.
+/// wait. Between two looks it has nothing of the queue in view: where memory is short, the old pair
+/// must be gone before another is made. For one thread.
 class QueueFill {
  public:
   using Clock = std::chrono::steady_clock;
@@ -27,11 +25,8 @@ class QueueFill {
   std::chrono::duration<double> fullTime() const noexcept { return fullTime_; }
 
  private:
-  void findQueue();
-
   const std::string queue_;
   Clock::time_point lastLook_;
-  std::optional<korvex::receiver::QueueStatus> status_;  ///< of a sound queue
   std::size_t messages_ = 0;
   std::size_t capacity_ = 0;
   Clock::duration fullTime_{};

@@ -28,7 +28,7 @@ class Attempts {
 
  private:
   static void report(const std::exception& error) noexcept {
-    writeLog({Event::FileFailed, spdlog::level::warn, "", error.what()});
+    tryToLog([&] { return LogEntry(Event::FileFailed, spdlog::level::warn, "", error.what()); });
   }
 
   std::uint64_t failures_ = 0;

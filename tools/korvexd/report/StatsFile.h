@@ -17,7 +17,7 @@ namespace receiver = korvex::receiver;
 struct QueueStats {
   std::string queue;
   const receiver::Counters* counters;
-  const StreamLog* log = nullptr;  ///< none where nothing is captured
+  const StreamLog* log = nullptr;  ///< without it, a queue has no history
 };
 
 /// Keeps the counts of all queues as JSON in one file: {"total": {...}, "queues": {NAME: {...}}}. A

@@ -10,6 +10,7 @@
 namespace korvexd {
 
 using korvex::receiver::BatchCheck;
+using korvex::receiver::Ending;
 using korvex::receiver::StreamSummary;
 
 namespace level = spdlog::level;
@@ -22,6 +23,11 @@ void quietly(Write write) noexcept {
     write();
   } catch (const std::exception&) {
   }
+}
+
+/// A producer that stops its stream knows of it.
+level::level_enum levelOf(Ending ending) {
+  return ending == Ending::Stopped ? level::info : level::warn;
 }
 
 }  // namespace
@@ -38,7 +44,9 @@ void StreamLog::captureWith(std::optional<Capture> capture) noexcept {
   if (capture_) firstNumber_ = std::max(firstNumber_.load(), capture_->lastNumber());
 }
 
-StreamLog::~StreamLog() { log_.finish(); }
+StreamLog::~StreamLog() {
+  quietly([this] { log_.finish(); });
+}
 
 void StreamLog::messageReceived(std::uint64_t number, const unsigned char* untrusted,
                                 std::size_t size) noexcept {
@@ -101,7 +109,7 @@ void StreamLog::streamIncomplete(const StreamSummary& summary, const std::string
   noteEnd(summary, reason);
   count(summary);
   write(QueueLog::Kind::Stream, [&] {
-    return LogEntry(Event::StreamIncomplete, level::info, queue_,
+    return LogEntry(Event::StreamIncomplete, levelOf(summary.ending), queue_,
                     fmt::format("stream incomplete ({}), {} bytes, {}", reason, summary.bytes,
                                 place.empty() ? "nothing stored" : place))
         .with("result", resultOf(summary.ending))
@@ -160,6 +168,7 @@ void StreamLog::queuesReplaced() noexcept {
 }
 
 void StreamLog::settingsChanged() noexcept {
+  counts_.isServed = true;
   write(QueueLog::Kind::QueuePair, [&] {
     return LogEntry(Event::SettingsChanged, level::info, queue_,
                     "served with the changed settings");
@@ -168,6 +177,7 @@ void StreamLog::settingsChanged() noexcept {
 
 void StreamLog::settingsNotChanged(const std::string& reason) noexcept {
   changeRefused_ = true;
+  counts_.isServed = false;
   write(QueueLog::Kind::QueuePair, [&] {
     return LogEntry(
                Event::SettingsNotChanged, level::err, queue_,
@@ -208,9 +218,9 @@ void StreamLog::logState(const korvex::receiver::Counters& counters) const {
   }
 }
 
-void StreamLog::update() {
+void StreamLog::update() noexcept {
   const std::lock_guard<std::mutex> lock(mutex_);
-  log_.update();
+  quietly([this] { log_.update(); });
 }
 
 void StreamLog::count(const StreamSummary& summary) noexcept {

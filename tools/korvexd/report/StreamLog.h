@@ -59,7 +59,7 @@ class StreamLog : public korvex::receiver::Observer {
   bool wasChangeRefused() const noexcept { return changeRefused_; }
 
   /// Logs what was left out in periods that are over. Any thread may call it, now and then.
-  void update();
+  void update() noexcept;
 
   /// May be read by any thread.
   const QueueCounts& counts() const noexcept { return counts_; }

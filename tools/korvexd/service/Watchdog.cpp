@@ -1,6 +1,7 @@
 #include "korvexd/service/Watchdog.h"
 
 #include <algorithm>
+#include <exception>
 #include <utility>
 
 #include "korvexd/log/LogEntry.h"
@@ -39,7 +40,11 @@ bool Watchdog::allMove(Clock::duration longest) {
   const auto stuck = std::find_if(loops_.begin(), loops_.end(), [longest](const Loop& loop) {
     return loop.heartbeat->silence() >= longest;
   });
-  report(stuck == loops_.end() ? "" : stuck->queue, longest);
+  try {
+    report(stuck == loops_.end() ? "" : stuck->queue, longest);
+  } catch (const std::exception&) {
+    // Too little memory for the line; whether loops move counts all the same.
+  }
   return stuck == loops_.end();
 }
 

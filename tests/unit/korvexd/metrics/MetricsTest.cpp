@@ -103,13 +103,13 @@ TEST(MetricFamilies, AreTheOnesThatThePageLists) {
 }
 
 TEST_F(MetricsFileTest, IsNamedInWhatIsTheDaemons) {
-  MetricsFile file(path_, noFailures);
+  MetricsFile file(path_, 0, noFailures);
   update(file);
   EXPECT_THAT(written(), HasSubstr("korvex_build_info{daemon=\"night\",version=\""));
 }
 
 TEST_F(MetricsFileTest, IsWrittenAgainOnlyAfterAChange) {
-  MetricsFile file(path_, noFailures);
+  MetricsFile file(path_, 0, noFailures);
   update(file);
   ASSERT_EQ(std::remove(path_.c_str()), 0);
   update(file);
@@ -121,10 +121,10 @@ TEST_F(MetricsFileTest, IsWrittenAgainOnlyAfterAChange) {
 
 TEST_F(MetricsFileTest, KeepsTheLastSuccessOfAnEarlierDaemon) {
   log_.streamComplete(endedAt(1000000001), "");
-  MetricsFile first(path_, noFailures);
+  MetricsFile first(path_, 0, noFailures);
   update(first);
   StreamLog fresh("shop", std::nullopt);
-  MetricsFile second(path_, noFailures);
+  MetricsFile second(path_, 0, noFailures);
   second.update({{"shop", &counters_, &fresh}, {"other", &counters_, &fresh}}, 0);
   const std::string sample = "korvex_last_success_timestamp_seconds{queue=";
   EXPECT_THAT(written(), HasSubstr(sample + "\"shop\"} 1000000001\n"));
@@ -135,14 +135,25 @@ TEST_F(MetricsFileTest, KeepsTheLastSuccessOfAnEarlierDaemon) {
 }
 
 TEST_F(MetricsFileTest, ForgetsQueuesThatAreNoLongerServed) {
-  MetricsFile file(path_, noFailures);
+  MetricsFile file(path_, 0, noFailures);
   update(file);
   file.update({}, 0);
   EXPECT_THAT(written(), Not(HasSubstr("shop")));
 }
 
+TEST_F(MetricsFileTest, KeepsTheLastSuccessOfAQueueThatComesBack) {
+  log_.streamComplete(endedAt(1000000001), "");
+  MetricsFile file(path_, 0, noFailures);
+  update(file);
+  file.update({}, 0);
+  StreamLog fresh("shop", std::nullopt);
+  file.update({{"shop", &counters_, &fresh}}, 0);
+  EXPECT_THAT(written(),
+              HasSubstr("korvex_last_success_timestamp_seconds{queue=\"shop\"} 1000000001\n"));
+}
+
 TEST_F(MetricsFileTest, CountsEnginesByQueue) {
-  MetricsFile file(path_, [](const std::string& queue) {
+  MetricsFile file(path_, 0, [](const std::string& queue) {
     EngineFailureCounts counts = {};
     counts[static_cast<std::size_t>(korvexd::EngineFailure::Killed)] = queue == "shop" ? 2 : 0;
     return counts;
