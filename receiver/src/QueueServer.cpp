@@ -94,6 +94,7 @@ void QueueServer::takeRest() {
   pause_.reset();
   std::size_t rest = pair_->batches().messages();
   while ((nextSize_ || rest > 0) && Clock::now() < deadline) {
+    observer_.working();
     if (nextSize_) {
       takeNextMessage();
     } else if (tryTakeMessage()) {
@@ -335,6 +336,7 @@ void QueueServer::replacePairAfterChange(const Receiver::Settings& before) {
   dropPair();
   try {
     open(Receiver::Existing::Refuse);
+    reopenFailed_ = false;
     observer_.settingsChanged();
   } catch (const std::exception& error) {
     observer_.settingsNotChanged(error.what());
