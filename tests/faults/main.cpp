@@ -83,7 +83,8 @@ int report(const Options& options, const Tally& tally, double seconds) {
   }
   for (const std::string& what : tally.bad) std::printf("BAD %s\n", what.c_str());
   const unsigned long long wanted = options.hasOnly ? 1 : options.kills;
-  if (tally.kills < wanted) std::printf("ended early, %llu kills were wanted\n", wanted);
+  const bool isCutShort = tally.kills < wanted;
+  if (isCutShort) std::printf("ended early, %llu kills were wanted\n", wanted);
   std::printf("%llu kills, seed %llu, %.0f s: %zu bad\n",
               static_cast<unsigned long long>(tally.kills),
               static_cast<unsigned long long>(options.seed), seconds, tally.bad.size());
@@ -93,7 +94,8 @@ int report(const Options& options, const Tally& tally, double seconds) {
                 options.victims == Victims::Guardians ? " --guardians" : "",
                 static_cast<unsigned long long>(options.seed));
   }
-  return tally.bad.empty() ? 0 : 1;
+  // A single scenario may come to nothing.
+  return tally.bad.empty() && (options.hasOnly || !isCutShort) ? 0 : 1;
 }
 
 /// For this process, its threads and all that they start.
