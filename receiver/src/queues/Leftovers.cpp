@@ -77,12 +77,14 @@ std::vector<HalfMadeQueue> halfMadeQueues() {
 std::vector<std::string> removeHalfMadeQueues() {
   std::vector<std::string> removed;
   for (const HalfMadeQueue& queue : halfMadeQueues()) {
-    if (queue.maker == HalfMadeQueue::Maker::Dead && isOwnFile(queue.name) &&
-        ::shm_unlink(queue.name.c_str()) == 0) {
-      removed.push_back(queue.name);
-    }
+    if (removeHalfMadeQueue(queue.name)) removed.push_back(queue.name);
   }
   return removed;
+}
+
+bool removeHalfMadeQueue(const std::string& name) {
+  return isTemporaryQueueName(name) && halfMadeQueue(name).maker == HalfMadeQueue::Maker::Dead &&
+         isOwnFile(name) && ::shm_unlink(name.c_str()) == 0;
 }
 
 std::vector<std::string> removeDeadPair(const std::string& name) {

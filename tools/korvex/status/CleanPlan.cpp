@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <exception>
 
 #include "common/Printable.h"
@@ -90,8 +89,8 @@ void removePair(CleanItem& item) {
   }
 }
 
-void removeHalfMade(CleanItem& item, const std::vector<std::string>& removed) {
-  item.isRemoved = std::find(removed.begin(), removed.end(), item.name) != removed.end();
+void removeHalfMade(CleanItem& item) {
+  item.isRemoved = receiver::removeHalfMadeQueue(item.name);
   if (!item.isRemoved) item.obstacle = "it could not be removed";
 }
 
@@ -113,18 +112,12 @@ std::vector<CleanItem> planCleaning(const std::string& queue) {
 }
 
 void removeItems(std::vector<CleanItem>& items) {
-  const auto isHalfMade = [](const CleanItem& item) {
-    return item.kind == CleanItem::Kind::HalfMade && item.isToGo();
-  };
-  const bool anyHalfMade = std::any_of(items.begin(), items.end(), isHalfMade);
-  const std::vector<std::string> removed =
-      anyHalfMade ? receiver::removeHalfMadeQueues() : std::vector<std::string>();
   for (CleanItem& item : items) {
     if (!item.isToGo()) continue;
     if (item.kind == CleanItem::Kind::Pair) {
       removePair(item);
     } else {
-      removeHalfMade(item, removed);
+      removeHalfMade(item);
     }
   }
 }

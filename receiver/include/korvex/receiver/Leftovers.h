@@ -30,6 +30,9 @@ KORVEX_RECEIVER_EXPORT std::vector<HalfMadeQueue> halfMadeQueues();
 /// everything where the PID namespace is unknown (no /proc).
 KORVEX_RECEIVER_EXPORT std::vector<std::string> removeHalfMadeQueues();
 
+/// Removes only this one, under the same conditions. Whether it did.
+KORVEX_RECEIVER_EXPORT bool removeHalfMadeQueue(const std::string& name);
+
 /// Removes a pair of queues that a dead daemon of this user left, or the one that is left of it,
 /// and returns the names that were there.
 ///
