@@ -241,7 +241,10 @@ bool QueueServer::mayBeLost() noexcept {
   }
 }
 
+/// The sink first: a failure that is found only after this batch would be taken for the next
+/// producer's, whose first batches this may be one of.
 void QueueServer::takeMessage(std::size_t size) {
+  answer(session_.checkSink());
   if (rest_ && *rest_ > 0) --*rest_;
   nextFinishing_ = Clock::now() + kFinishingPeriod;
   const BatchCheck check(message_.get(), size);

@@ -4,7 +4,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 #include "korvex/receiver/SystemError.h"
@@ -13,6 +15,9 @@
 
 namespace korvex::receiver {
 namespace {
+
+constexpr std::chrono::milliseconds kClaimPatience{250};
+constexpr std::chrono::milliseconds kClaimPeriod{5};
 
 const char* kindOf(mode_t mode) {
   if (S_ISDIR(mode)) return "a folder";
@@ -40,6 +45,17 @@ void refuseForeign(const std::string& name) {
   }
 }
 
+/// A daemon that was killed while it started an engine leaves its claim to the engine's process
+/// until that runs a program of its own: some milliseconds, more on a busy machine.
+bool isClaimedSoon(const QueueObject& object) noexcept {
+  const auto deadline = std::chrono::steady_clock::now() + kClaimPatience;
+  while (!object.claim()) {
+    if (std::chrono::steady_clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(kClaimPeriod);
+  }
+  return true;
+}
+
 }  // namespace
 
 StaleQueue::StaleQueue(std::string name) : name_(std::move(name)) {
@@ -49,7 +65,9 @@ StaleQueue::StaleQueue(std::string name) : name_(std::move(name)) {
     if (errno == ENOENT) return;
     throw SystemError("opening the existing queue " + name_, errno);
   }
-  if (!claim_.claim()) throw std::runtime_error("queue " + name_ + " is served by another daemon");
+  if (!isClaimedSoon(claim_)) {
+    throw std::runtime_error("queue " + name_ + " is served by another daemon");
+  }
   // Between the opening and the claim another daemon may have put its own queue there.
   if (!claim_.isNamed(name_))
     throw std::runtime_error("queue " + name_ + " was just replaced by another daemon");

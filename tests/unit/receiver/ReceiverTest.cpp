@@ -314,3 +314,44 @@ TEST(Receiver, SaysThatItWorksWheneverASinkIsCalled) {
   EXPECT_GE(seen.size(), 3u);
   EXPECT_THAT(seen, testing::Each(true));
 }
+
+namespace {
+
+class LosableSink : public Sink {
+ public:
+  explicit LosableSink(const bool& isLost) : isLost_(isLost) {}
+
+  void write(const unsigned char*, std::size_t) override {}
+  void check() override {
+    if (isLost_) throw std::runtime_error("the engine is gone");
+  }
+  void complete(const StreamSummary&, const StillFinishing&) override {}
+  void abandon(const StreamSummary&, const std::string&) override {}
+
+ private:
+  const bool& isLost_;
+};
+
+}  // namespace
+
+// The next producer's first batches are empty ones. A failure that is found after them would be
+// reported to it instead.
+TEST(Receiver, AsksASinkBeforeItTakesABatch) {
+  const std::string name = korvex::test::uniqueQueueName();
+  const korvex::test::QueueRemover remover(name);
+  NotingObserver observer;
+  bool isLost = false;
+  const auto open = [&](const std::string&, std::time_t) {
+    return std::make_unique<LosableSink>(isLost);
+  };
+  Receiver receiver({name, {4, 4096}}, open, observer);
+  ShmWriter writer("writer", name, 1, 1, false);
+  writer.open();
+  writer.flush_shm_buffer(1);
+  while (receiver.step()) {
+  }
+  isLost = true;
+  writer.flush_shm_buffer(1);
+  receiver.step();
+  EXPECT_THAT(observer.incomplete, ElementsAre("the engine is gone"));
+}
