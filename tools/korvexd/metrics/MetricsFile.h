@@ -25,8 +25,8 @@ class MetricsFile {
   /// daemon.
   static constexpr std::time_t kLongestAge = 15;
 
-  /// Takes from an existing file when each queue had its last complete stream, for a restart must
-  /// not look like a backup, nor like the lack of one.
+  /// Takes from an existing file when each queue had its last complete stream, because a restart
+  /// must not look like a backup, nor like the lack of one.
   MetricsFile(const std::string& path, EngineFailuresOf engineFailuresOf);
 
   /// Looks at these queues, each with its log, and writes the file when a number has changed or the
