@@ -53,12 +53,12 @@ class Bucket:
         return digest.hexdigest() if reader.returncode == 0 else "unreadable"
 
     def unfinished(self):
-        """Uploads that an engine began and did not end. No client sees them as objects."""
+        """Uploads that an engine started but did not finish. No client sees them as objects."""
         text = self.rclone("backend", "list-multipart-uploads", BUCKET)
         return sum(len(uploads or []) for uploads in json.loads(text).values())
 
     def spoil(self, stored, failed):
-        """Does to the store what it must never do by itself. Returns the streams concerned."""
+        """Damages the store on purpose. Returns the streams concerned."""
         changed, lost, *_ = [stream for stream in stored if stream.size > 1]
         names = self.objects(stored)
         self.rclone("rcat", f"{BUCKET}/{names[changed.queue][0]}", data=b"something else")

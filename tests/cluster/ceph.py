@@ -105,7 +105,7 @@ class Cluster:
             process.wait()
 
     def kill_store(self, number):
-        """As if its machine had lost its power. Returns its process id."""
+        """Kills it as a power failure would. Returns its process id."""
         process = self._processes.pop(f"ceph-osd {number}")
         process.kill()
         process.wait()

@@ -11,7 +11,7 @@ import time
 from ceph import Failed
 
 HOSTS = 4
-PATIENCE = "120"  # seconds; a store that has lost a part stands still for a while
+PATIENCE = "120"  # seconds; a store that has lost a part stalls for a while
 SET_CHILD_SUBREAPER = 36
 
 
@@ -36,7 +36,7 @@ def kill_with_this_process(number):
 
 
 class Hosts:
-    """The daemons, each with queues of its own."""
+    """The daemons, each with its own queues."""
 
     def __init__(self, programs, folder, engine, streams, environment):
         self._folder = folder

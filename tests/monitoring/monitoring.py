@@ -54,7 +54,7 @@ def free_port():
 
 
 class Running:
-    """A program that is ended with the block."""
+    """A program that is terminated at the end of the block."""
 
     def __init__(self, folder, name, command):
         self.log = os.path.join(folder, name + ".log")

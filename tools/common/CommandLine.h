@@ -17,9 +17,8 @@ std::string sentenceOf(const CLI::App& app, const CLI::Error& error);
 /// Throws CLI::ValidationError for anything but decimal digits.
 std::string wholeNumber(const std::string& text);
 
-/// A number of bytes: decimal digits, then nothing or K, M, G or T for a power of 1024, which B or
-/// iB may follow; small letters are as good. Throws
-/// CLI::ValidationError for anything else.
+/// A number of bytes: decimal digits, then nothing or K, M, G or T for a power of 1024, optionally
+/// followed by B or iB; case does not matter. Throws CLI::ValidationError for anything else.
 std::string byteCount(const std::string& text);
 
 }  // namespace korvex::common

@@ -19,11 +19,11 @@ std::string checkShell(const std::string& word);
 /// that it knows neither more nor less than --help. The shell is one of kShells.
 ///
 /// The first word of an option's type says what its value is: DIR and FILE are completed as such,
-/// words between bars are a choice, and for anything else nothing is offered.
+/// words between bars are a choice, and anything else is not completed.
 std::string completionFor(const CLI::App& program, const std::string& shell);
 
-/// Declares --completion SHELL for a program without subcommands. It ends the parsing as --version
-/// does, and by the same way.
+/// Declares --completion SHELL for a program without subcommands. It ends parsing just as --version
+/// does.
 void declareCompletion(CLI::App& program);
 
 }  // namespace korvex::common

@@ -3,8 +3,8 @@
 
 namespace korvex::common {
 
-/// What a program tells its caller; the same numbers for the daemon and every command. A program
-/// that a signal ended gives 128 and the signal's number instead.
+/// The exit codes, the same for the daemon and every command. A program that a signal ended gives
+/// 128 and the signal's number instead.
 enum class ExitCode : int {
   Success = 0,
   Failed = 1,

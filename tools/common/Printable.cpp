@@ -22,7 +22,7 @@ unsigned char byteAt(std::string_view text, std::size_t offset) {
   return static_cast<unsigned char>(text[offset]);
 }
 
-/// Overlong forms, halves of pairs, and numbers behind the last character.
+/// Overlong forms, surrogates, and code points beyond U+10FFFF.
 bool isNoCharacter(unsigned char first, unsigned char second) {
   return (first == 0xe0 && second < 0xa0) || (first == 0xed && second > 0x9f) ||
          (first == 0xf0 && second < 0x90) || (first == 0xf4 && second > 0x8f);
@@ -66,7 +66,7 @@ std::string printable(std::string_view untrusted) {
 
 std::string byteText(double bytes) {
   std::size_t unit = 0;
-  // What would be rounded up to a thousand belongs to the next unit.
+  // A value that rounds up to 1000 moves to the next unit.
   while (bytes >= (unit == 0 ? kUnitStep : kUnitStep - 0.05) && unit + 1 < kUnits.size()) {
     bytes /= kUnitStep;
     ++unit;

@@ -6,10 +6,9 @@
 
 namespace korvex::common {
 
-/// For the first line of a program. A closed standard descriptor would be given to the next file
-/// that is opened, a queue for example, and messages for people would be written into that. What
-/// takes its place loses those messages. Reading it as input fails, and so does writing output that
-/// somebody asked for.
+/// Call it first in main(). A closed standard descriptor would be reused for the next file opened,
+/// a queue for example, and log messages would be written into it. Its replacement drops those
+/// messages; reading it as input fails, and so does writing requested output.
 inline void occupyStandardDescriptors() {
   constexpr int kAccess[] = {O_WRONLY, O_RDONLY, O_RDWR};
   for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {

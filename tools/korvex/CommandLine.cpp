@@ -131,7 +131,7 @@ Ending runCommand(int argumentCount, const char* const* arguments, const StopSig
     parse(tool, std::move(words));
     if (tool.get_subcommands().empty()) throw CLI::RequiredError::Subcommand(1);
   } catch (const CLI::ParseError& error) {
-    // Help and version leave by the same way; only they end well.
+    // --help and --version also exit by exception, but with success.
     const bool isWrong = tool.exit(error, out, errors) != 0;
     return {static_cast<int>(isWrong ? common::ExitCode::WrongUsage : common::ExitCode::Success),
             0};
@@ -139,8 +139,7 @@ Ending runCommand(int argumentCount, const char* const* arguments, const StopSig
   return runVerb(tool, verbs, stop, progress, out, errors);
 }
 
-/// What somebody asked for and did not get is a failure, even when the disk is full that it was to
-/// go to.
+/// Failing to write the requested result is a failure, even if the work itself succeeded.
 Ending withOutput(Ending ending, std::ostream& out, std::ostream& errors) {
   if (out) errno = 0;
   if (out.flush()) return ending;

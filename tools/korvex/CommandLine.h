@@ -9,7 +9,7 @@
 
 namespace korvex::tool {
 
-/// The whole tool: finds the subcommand, checks its options and runs it. Wrong usage is told on
+/// The whole tool: finds the subcommand, checks its options and runs it. Wrong usage is reported on
 /// `errors` and touches nothing. `progress` is what a subcommand may draw on.
 Ending runTool(int argumentCount, const char* const* arguments, const StopSignal& stop,
                const Progress& progress, std::ostream& out, std::ostream& errors);

@@ -66,7 +66,7 @@ bool isPipe(const std::string& name) {
   return ::stat(name.c_str(), &status) == 0 && S_ISFIFO(status.st_mode);
 }
 
-/// A pipe without a writer would be waited for here, where nobody sees what becomes of the daemon.
+/// Opening a pipe without a writer would block here, where the daemon's end would go unnoticed.
 int openInput(const std::string& name) {
   if (name == kStandardInput) return STDIN_FILENO;
   return ::open(name.c_str(), kOpenFlags | (isPipe(name) ? O_NONBLOCK : 0));
@@ -115,7 +115,7 @@ void InputReader::openFile(const std::string& name) {
   struct stat status = {};
   if (file_ < 0 || ::fstat(file_, &status) != 0) throwUnreadable(name, errno);
   waits_ = !S_ISREG(status.st_mode);
-  // Both only make it faster, so their results do not matter.
+  // Both are only optimisations, so their results are ignored.
   if (S_ISFIFO(status.st_mode)) ::fcntl(file_, F_SETPIPE_SZ, kPipeSize);
   if (!waits_) ::posix_fadvise(file_, 0, 0, POSIX_FADV_SEQUENTIAL);
 }

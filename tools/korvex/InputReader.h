@@ -15,7 +15,7 @@ namespace korvex::tool {
 /// The named files, read to their ends one after the other. "-" is standard input.
 ///
 /// A file that cannot be read throws a Failure that names it, with the system's error number and
-/// text. A signal throws Interrupted, also while a pipe is waited for.
+/// text. A signal throws Interrupted, even while waiting for a pipe.
 class InputReader : public Input {
  public:
   /// Proves as far as possible that every file can be read: what is missing, forbidden, a
@@ -44,7 +44,7 @@ class InputReader : public Input {
   std::optional<std::uint64_t> totalBytes_ = 0;
   std::size_t next_ = 0;
   int file_ = -1;
-  bool waits_ = false;  ///< whether reading may have to wait for somebody
+  bool waits_ = false;  ///< whether reading may block
 };
 
 }  // namespace korvex::tool

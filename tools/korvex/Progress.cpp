@@ -83,7 +83,7 @@ Progress::Progress(std::ostream& terminal, Width width)
 void Progress::start(std::optional<std::uint64_t> total, Clock::time_point now) {
   total_ = total;
   start_ = now;
-  nextDrawing_ = now + kPeriod;  // what is over in no time shows no bar
+  nextDrawing_ = now + kPeriod;  // short streams show no bar
 }
 
 void Progress::show(std::uint64_t bytes, Clock::time_point now) {

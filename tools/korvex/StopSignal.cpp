@@ -28,7 +28,7 @@ void catchOnce(int signal) {
   if (::sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) return;
   action = {};
   action.sa_handler = noteStopSignal;
-  // No restart: a blocking open or read returns, so that the wish is seen.
+  // No restart: a blocking open or read returns, so that the request is seen.
   action.sa_flags = static_cast<int>(SA_RESETHAND);
   ::sigaction(signal, &action, nullptr);
 }

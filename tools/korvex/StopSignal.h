@@ -5,11 +5,11 @@
 
 namespace korvex::tool {
 
-/// The wish of a person or a supervisor that the process ends soon: SIGINT, SIGTERM or SIGHUP.
+/// A request by a user or a supervisor to end the process: SIGINT, SIGTERM or SIGHUP.
 ///
 /// The first such signal is only noted, so that a stream can be stopped in an orderly way; the
-/// second one ends the process as if nobody had been listening. A signal that the process was
-/// started to ignore stays ignored.
+/// second one ends the process as if it were not handled. A signal that the process was started to
+/// ignore stays ignored.
 class StopSignal {
  public:
   /// Throws std::system_error when the system has no descriptor left.
@@ -30,7 +30,7 @@ class StopSignal {
   /// Throws Interrupted once a signal has come.
   void throwIfReceived() const;
 
-  /// Becomes readable with the first signal, for whoever waits for input.
+  /// Becomes readable with the first signal, for use in poll().
   int descriptor() const noexcept { return descriptor_; }
 
  private:

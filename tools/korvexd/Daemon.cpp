@@ -21,7 +21,7 @@ constexpr timespec kStatsInterval{1, 0};
 constexpr timespec kDrainInterval{0, 50'000'000};
 constexpr unsigned kDrainIntervalsPerUpdate = 20;
 
-/// Readable by the daemon's user alone, unless a mode is asked for. A mask from outside could keep
+/// Readable only by the daemon's user, unless a mode is requested. An inherited umask could lock
 /// the daemon out of its own folders.
 constexpr mode_t kModeMask = 077;
 
@@ -37,7 +37,7 @@ sigset_t awaitedSignals(bool hasConfiguration) {
   sigemptyset(&signals);
   sigaddset(&signals, SIGTERM);
   if (!isIgnored(SIGINT)) sigaddset(&signals, SIGINT);
-  // Without a configuration to read again it ends the daemon: queues must not outlive the terminal.
+  // Without a configuration to reload it ends the daemon: queues must not outlive the terminal.
   if (hasConfiguration || !isIgnored(SIGHUP)) sigaddset(&signals, SIGHUP);
   sigaddset(&signals, kReportSignal);
   return signals;
@@ -48,7 +48,7 @@ void prepareProcess(const sigset_t& awaited) {
   ::umask(kModeMask);
   ::pthread_sigmask(SIG_BLOCK, &awaited, nullptr);
   ::signal(SIGPIPE, SIG_IGN);
-  ::signal(SIGXFSZ, SIG_IGN);  // a file that may not grow is an error of that write, like others
+  ::signal(SIGXFSZ, SIG_IGN);  // hitting the file size limit then fails the write with EFBIG
 }
 
 /// Each queue has several descriptors, and the usual soft limit is for programs that use select().
@@ -129,7 +129,7 @@ void Daemon::awaitEnd() {
   }
 }
 
-/// Streams that are open may end in peace, and none begins.
+/// Open streams may finish; new ones are refused.
 void Daemon::drain() {
   const auto deadline = std::chrono::steady_clock::now() + settings_.drainTimeout;
   queues_.retire();
@@ -204,7 +204,7 @@ void Daemon::updateReports() noexcept {
   try {
     supervision_.update(queues_.stats(), statsWrites_.failures());
   } catch (const std::bad_alloc&) {
-    // Tried again in a second.
+    // Retried in a second.
   }
 }
 

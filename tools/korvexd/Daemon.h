@@ -17,8 +17,8 @@ namespace korvexd {
 /// Asks a daemon to log what its queues are doing.
 constexpr int kReportSignal = SIGUSR1;
 
-/// From now on that signal waits for a daemon, in threads that start later too; it would end the
-/// process before.
+/// Blocks that signal for the calling thread and those started later, so that it stays pending
+/// until a daemon handles it instead of ending the process.
 void expectReportSignal();
 
 /// The whole daemon: one thread for each queue, and the calling one for signals and statistics.
@@ -31,9 +31,9 @@ class Daemon {
   Daemon(CommandLine commandLine, const Settings& settings, ServiceManager& manager);
 
   /// Serves until SIGTERM comes, or SIGINT or SIGHUP where they were not ignored at the start. With
-  /// a configuration file SIGHUP has it read again instead. What producers have sent by the end is
-  /// taken, open streams get the drain timeout and then end as incomplete, the queues are removed.
-  /// Throws SystemError when there is no thread for a queue.
+  /// a configuration file, SIGHUP reloads it instead. On shutdown, messages already queued are
+  /// received, open streams get the drain timeout and then end as incomplete, and the queues are
+  /// removed. Throws SystemError when there is no thread for a queue.
   void run();
 
  private:

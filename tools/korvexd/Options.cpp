@@ -24,7 +24,7 @@ using korvex::receiver::Receiver;
 constexpr long kLongestTimeout = 7L * 24 * 3600;
 constexpr const char* kTextFormat = "text";
 
-/// Words of a command line may hold anything, and a terminal obeys some of it.
+/// Command-line words may hold anything, including terminal escape sequences.
 std::string complaint(const CLI::App* app, const CLI::Error& error) {
   return printable(sentenceOf(*app, error)) + "\nRun with --help for more information.\n";
 }
@@ -218,7 +218,7 @@ Options optionsOf(const CLI::App& app, const Arguments& found) {
   return options;
 }
 
-/// Without a configuration file the command line has to say everything.
+/// Without a configuration file the command line must be complete.
 void refuseIncomplete(const CLI::App& app, const CommandLine& commandLine) {
   if (commandLine.configFile) return;
   if (app.count("--queue") == 0) throw CLI::RequiredError("--queue");

@@ -29,7 +29,7 @@ std::optional<Capture> captureFor(const QueueSettings& settings) {
 
 }  // namespace
 
-/// A queue that is new or to be served in another way, with everything that could fail.
+/// A new or changed queue, with everything that could fail already prepared.
 struct QueueSet::Change {
   QueueSettings settings;
   receiver::SinkFactory openSink;
@@ -141,7 +141,7 @@ bool QueueSet::removeRetired() noexcept {
   return isAny;
 }
 
-/// Silent when it fails once more: the first time was reported.
+/// Does not log repeated failures: the first one was reported.
 bool QueueSet::startAwaited() noexcept {
   const auto isStarted = [this](const QueueSettings& settings) {
     try {
@@ -168,7 +168,7 @@ bool QueueSet::haveAllRetired() const noexcept {
                      [](const auto& queue) { return queue->hasRetired(); });
 }
 
-/// All are told before one is waited for.
+/// All are asked to stop before any is joined.
 void QueueSet::stop() {
   isEnding_ = true;
   for (const auto& queue : queues_) queue->stop();

@@ -23,7 +23,7 @@ class QueueSet {
   QueueSet(const QueueSet&) = delete;
   QueueSet& operator=(const QueueSet&) = delete;
 
-  /// Makes a queue that is not served yet. Throws std::exception; nothing is left of it then.
+  /// Creates a queue without serving it yet. Throws std::exception and then leaves nothing behind.
   void add(const QueueSettings& settings);
 
   /// Serves all of them. Throws SystemError when there is no thread for one.
@@ -34,17 +34,17 @@ class QueueSet {
   /// streams of one cannot be stored; nothing has changed then.
   void follow(const std::vector<QueueSettings>& wanted);
 
-  /// What is due now and then: lets queues go that have ended, tries again those that could not be
-  /// made. True when other queues are served than before.
+  /// Periodic work: drops queues that have ended and retries those that could not be created. True
+  /// when the set of served queues has changed.
   bool settle() noexcept;
 
   /// Streams that open from now on are refused; see Receiver::retire().
   void retire() noexcept;
 
-  /// Whether no stream is open any more after that.
+  /// Whether the last stream has ended since then.
   bool haveAllRetired() const noexcept;
 
-  /// Serves no longer. What is reported of the queues can still be read.
+  /// Stops serving. The queues' statistics can still be read.
   void stop();
 
   /// Removes the queues.
@@ -56,7 +56,7 @@ class QueueSet {
   /// Good until the set changes.
   std::vector<QueueStats> stats() const;
 
-  /// Of a queue's engines, since the start.
+  /// The failures of a queue's engines since the start.
   EngineFailureCounts engineFailuresOf(const std::string& queue) const {
     return sinks_.engineFailuresOf(queue);
   }

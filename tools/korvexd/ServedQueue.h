@@ -18,7 +18,7 @@ namespace receiver = korvex::receiver;
 /// One queue with everything that is its own: its receiver, the thread of it, what is reported.
 class ServedQueue {
  public:
-  /// Makes the queues. Throws std::exception when that fails; nothing is left then.
+  /// Creates the queues. Throws std::exception and then leaves nothing behind.
   ServedQueue(const QueueSettings& settings, receiver::SinkFactory openSink);
 
   /// Stops serving and removes the queues.
@@ -33,7 +33,7 @@ class ServedQueue {
   void change(const QueueSettings& settings, receiver::SinkFactory openSink,
               std::optional<Capture> capture);
 
-  /// Refuses streams from now on, but the open one.
+  /// Refuses new streams from now on; the open one continues.
   void retire() noexcept;
 
   bool isRetiring() const noexcept { return isRetiring_; }
@@ -41,10 +41,10 @@ class ServedQueue {
   /// Whether it was to retire, and no stream is open any more.
   bool hasRetired() const noexcept { return receiver_.hasRetired(); }
 
-  /// Serves no longer, soon.
+  /// Asks the thread to stop serving; does not wait.
   void stop() noexcept { stop_ = true; }
 
-  /// Waits until it serves no longer, which it was told. What is reported of it can still be read.
+  /// Waits for the thread to stop, after it was asked to. The queue's statistics can still be read.
   void join();
 
   /// Whether it is served as these settings say, or will be soon.

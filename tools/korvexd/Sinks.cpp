@@ -22,7 +22,7 @@ receiver::SinkFactory Sinks::folderFactory(const std::string& path) {
       [store](const std::string& queue, std::time_t opened) { return store->open(queue, opened); };
 }
 
-/// A program that is missing is said now, not by each stream.
+/// Reports a missing program now rather than with each stream.
 receiver::SinkFactory Sinks::engineFactory(const ExecStore::Command& command) {
   findProgram(command.words.front());
   if (!engines_) engines_.emplace(isEnding_);

@@ -30,10 +30,10 @@ class Sinks {
   /// such program.
   receiver::SinkFactory factoryFor(const QueueSettings& queue);
 
-  /// Of a queue's engines, since the start.
+  /// The failures of a queue's engines since the start.
   EngineFailureCounts engineFailuresOf(const std::string& queue) const;
 
-  /// To be called now and then.
+  /// Call it periodically.
   void tidyUp() noexcept;
 
  private:

@@ -15,8 +15,8 @@
 
 namespace korvexd {
 
-/// What those hear of the daemon who look after it: a service manager, with its watchdog, and
-/// those who collect metrics. For one thread.
+/// Reports the daemon's health to the service manager, with its watchdog, and to metrics
+/// collectors. For one thread.
 class Supervision {
  public:
   using Queues = std::vector<QueueStats>;  ///< those that are served, each with its log
@@ -42,7 +42,7 @@ class Supervision {
   /// but std::bad_alloc.
   void update(const Queues& queues, std::uint64_t statsFailures);
 
-  /// Nothing is served any more: the last numbers.
+  /// Writes the final numbers, after serving has ended.
   void over(const Queues& queues, std::uint64_t statsFailures) noexcept;
 
  private:

@@ -21,7 +21,7 @@ namespace {
 using korvex::common::codeOf;
 using korvex::common::ExitCode;
 
-/// How long the end waits for somebody to read the log.
+/// How long shutdown waits for the log to be read.
 constexpr std::chrono::seconds kLogPatience{2};
 
 int serve(const korvexd::CommandLine& commandLine, const korvexd::Settings& settings,

@@ -1,4 +1,4 @@
-"""Servers of one's own for the time of a test: PostgreSQL, MariaDB and S3.
+"""Private servers for the duration of a test: PostgreSQL, MariaDB and S3.
 
 Each lives in a folder of its own and is reached there or on 127.0.0.1 only. Database servers do not
 run as root: there they run as nobody. All of them end when the process ends that has started them.
@@ -30,7 +30,7 @@ def eventually(condition):
 
 
 class Server:
-    """What all of them have in common."""
+    """The common base of all servers."""
 
     NEEDS = ()  # programs
     OWNER = []  # whom setpriv runs it as

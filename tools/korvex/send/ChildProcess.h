@@ -53,7 +53,7 @@ class ChildProcess {
   /// ended; nothing when it has outlived even that, as another user's may. The last call.
   std::optional<ProcessEnd> endBefore(Clock::time_point deadline) noexcept;
 
-  /// Lets go of a program that has ended. What it has started lives on. The last call.
+  /// Releases a program that has ended. Its children keep running. The last call.
   void release() noexcept;
 
  private:

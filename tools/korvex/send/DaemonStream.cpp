@@ -121,7 +121,7 @@ void DaemonStream::letEarlierStreamEnd() {
 }
 
 void DaemonStream::withdrawOldReplies() {
-  // Bounded: somebody may be filling the queue meanwhile.
+  // Bounded, as another producer may be filling the queue.
   for (std::size_t left = 2 * replies_->capacity(); left > 0 && replies_->messages() > 0; --left) {
     stop_.throwIfReceived();
     attempt([this] { replies_->take(); });
@@ -292,7 +292,8 @@ void DaemonStream::stop(StopWait wait) noexcept {
   try {
     sendStopRecord(Clock::now() + patience, wait);
   } catch (const std::exception&) {
-    // The stream has failed already, and that is told. The daemon notices at the next open record.
+    // The stream has already failed, and that was reported. The daemon notices at the next open
+    // record.
   }
 }
 
@@ -381,8 +382,8 @@ void DaemonStream::checkStillServed() {
   if (!isStillServed()) throwGone();
 }
 
-/// Runs an operation on the queues and tells its errors in this tool's words. False when there was
-/// no room.
+/// Runs an operation on the queues and translates its errors into Failures. False when there was no
+/// room.
 template <typename Operation>
 bool DaemonStream::attempt(Operation operation) {
   try {

@@ -15,11 +15,11 @@
 
 namespace korvex::tool {
 
-/// One stream to the daemon, with the care that makes the daemon's receipt worth something.
+/// One stream to the daemon, sent so that the daemon's receipt can be trusted.
 ///
 /// A queue pair outlives its streams, so a reply in it may answer an earlier one. Before the stream
-/// opens, such replies are taken away, those too that still wait in the daemon for room. While data
-/// flows, the queue's name is looked at: a daemon that went leaves an object behind that swallows
+/// opens, such replies are removed, even those still waiting in the daemon for room. While data
+/// flows, the queue's name is checked: a daemon that has exited leaves an object that swallows
 /// everything.
 ///
 /// Replies are fetched from the response queue itself. A writer alone would have to send an empty
@@ -68,7 +68,7 @@ class DaemonStream {
   /// The text of the daemon's last reply, once there is one. Nothing when none came in time.
   std::optional<std::string> awaitReceipt(std::chrono::seconds limit);
 
-  /// Tells the daemon that the stream ends here, incomplete, as far as it can still be told.
+  /// Tells the daemon, if it is still reachable, that the stream ends here, incomplete.
   void stop(StopWait wait) noexcept;
 
  private:

@@ -93,7 +93,7 @@ std::string objection(const CleanOptions& options, const Items& items, const Sto
   return "";
 }
 
-/// What was named and stays is a failure; what is merely in use is none.
+/// Keeping a pair that was named is a failure; skipping one in use is not.
 bool isDone(const CleanOptions& options, const Items& planned, const Items& items) {
   for (std::size_t i = 0; i < items.size(); ++i) {
     const bool wasWanted = planned[i].isToGo() || !options.queue.empty();
@@ -122,7 +122,7 @@ CLI::App* declareClean(CLI::App& tool, CleanOptions& options) {
 
 Ending runClean(const CleanOptions& options, const StopSignal& stop, std::ostream& out,
                 std::ostream& errors) {
-  receiver::installBusErrorGuard();  // a queue may be cut while it is looked at
+  receiver::installBusErrorGuard();  // a queue may be truncated while it is examined
   const Items planned = planCleaning(common::plainQueueName(options.queue));
   std::string error = missing(options, planned);
   if (!options.json && error.empty()) show(planned, out);

@@ -19,8 +19,8 @@ struct CleanItem {
   bool isToGo() const { return obstacle.empty() && !isRemoved; }
 };
 
-/// Looks at what there is, all of it for an empty name, and takes no lock: whoever starts meanwhile
-/// must not find its queues taken. So only the removal itself knows for certain.
+/// Looks at what there is, all of it for an empty name, and takes no lock: a daemon that starts
+/// meanwhile must not find its queues claimed. So the outcome is certain only at the removal.
 std::vector<CleanItem> planCleaning(const std::string& queue);
 
 /// Removes what may go. What cannot be removed after all gets an obstacle.

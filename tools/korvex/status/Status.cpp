@@ -234,7 +234,7 @@ CLI::App* declareStatus(CLI::App& tool, StatusOptions& options) {
 
 Ending runStatus(const StatusOptions& options, const StopSignal& stop, std::ostream& out,
                  std::ostream& errors) {
-  receiver::installBusErrorGuard();  // a queue may be cut while it is looked at
+  receiver::installBusErrorGuard();  // a queue may be truncated while it is examined
   Look look(options);
   if (options.watch) return watch(look, options, stop, out, errors);
   const StatusReport report = look.now();

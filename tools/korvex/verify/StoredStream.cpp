@@ -87,7 +87,7 @@ std::vector<std::string> sortedNamesIn(const std::string& folder) {
   return names;
 }
 
-/// Its name, also where the path ends in a slash or a dot.
+/// Its name, even if the path ends in a slash or a dot.
 std::string ownName(const std::string& folder) {
   std::error_code error;
   return fs::canonical(folder, error).filename().string();

@@ -9,7 +9,7 @@ namespace korvex::tool {
 
 enum class StreamState {
   Complete,  ///< the data is what the manifest says
-  Damaged,   ///< it is not, or nobody can tell
+  Damaged,   ///< it is not, or cannot be checked
   Partial,   ///< never got its final name, so it promises nothing
   Foreign,   ///< no stream at all
   Unchecked  ///< the run ended before its turn

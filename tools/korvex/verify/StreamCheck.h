@@ -19,7 +19,7 @@ enum class CheckDepth {
   Quick  ///< XXH128 only
 };
 
-/// Holds stored streams against their manifests, one after the other. One for each thread.
+/// Checks stored streams against their manifests, one after the other. One per thread.
 ///
 /// What lies in a stream's folder may be anything: links are not followed, pipes not waited for,
 /// and files may change while they are read.

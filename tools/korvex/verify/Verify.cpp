@@ -122,7 +122,7 @@ void VerifyRun::work() {
   threadEnded_.notify_one();
 }
 
-/// A signal leaves the rest unchecked.
+/// After a signal the rest stays unchecked.
 void VerifyRun::checkInTurn() {
   StreamCheck streamCheck(options_.quick ? CheckDepth::Quick : CheckDepth::Both, stop_, bytesRead_);
   try {

@@ -27,8 +27,8 @@ struct VerifyOptions {
 /// Declares the subcommand; `options` is filled when the command line is parsed.
 CLI::App* declareVerify(CLI::App& tool, VerifyOptions& options);
 
-/// Holds stored streams against their manifests. The listing goes to `out`, and folders that cannot
-/// be read are reported on `errors`.
+/// Checks stored streams against their manifests. The listing goes to `out`, and folders that
+/// cannot be read are reported on `errors`.
 Ending runVerify(const VerifyOptions& options, const StopSignal& stop, Progress progress,
                  std::ostream& out, std::ostream& errors);
 

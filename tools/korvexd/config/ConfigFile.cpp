@@ -142,7 +142,7 @@ class TableReader {
     }
   }
 
-  /// Said at the second one, as the first may be the right one.
+  /// Reported at the second one, as the first may be the right one.
   void refuseTwoSinks(const Layer& values) {
     std::vector<std::pair<Origin, std::string>> sinks;
     for (const std::string& key : sinkKeys()) {

@@ -23,7 +23,7 @@ struct ConfigFile {
   std::vector<Mistake> mistakes;
 };
 
-/// Reads TOML. After a mistake in the syntax nothing behind it can be known.
+/// Reads TOML. After a syntax error the rest of the file cannot be parsed.
 ConfigFile parseConfigFile(const std::string& text);
 
 /// Throws SystemError when the file cannot be read.

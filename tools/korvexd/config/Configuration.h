@@ -12,7 +12,7 @@
 
 namespace korvexd {
 
-/// What a command line says: each value is right.
+/// The command line's values, already validated.
 struct CommandLine {
   std::vector<std::string> queues;  ///< without leading slash
   Layer queue;                      ///< for every queue
@@ -20,9 +20,9 @@ struct CommandLine {
   std::optional<std::string> configFile;
 };
 
-/// What holds, and where each value comes from: the command line before the queue's table, that
-/// before the defaults of the file, those before what is built in. Where the data goes is one
-/// choice: who names one place for it overrules every place that was named below.
+/// The effective settings and the origin of each: the command line takes precedence over the
+/// queue's table, that over the file's defaults, those over the built-in ones. The destination is
+/// one setting: naming one overrides any destination named at a lower level.
 class Configuration {
  public:
   Configuration(const CommandLine& commandLine, ConfigFile file);

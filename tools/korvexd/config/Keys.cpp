@@ -117,7 +117,7 @@ std::size_t bytesIn(const Value& value) {
   }
 }
 
-/// `false` would leave the question open where the data goes.
+/// `false` would leave the destination undefined.
 void takeDiscard(QueueSettings&, const Value& value) {
   const std::string expected = "true, or output or exec instead";
   if (!as<bool>(value, expected)) throw WrongValue(expected);

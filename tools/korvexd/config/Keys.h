@@ -22,9 +22,9 @@ class WrongValue : public std::invalid_argument {
 template <typename Target>
 struct Key {
   const char* name;
-  std::optional<Value> standard;  ///< what holds when nobody gives a value; none: not set
+  std::optional<Value> standard;  ///< the default; none: not set
 
-  /// Puts the value where it belongs. Throws WrongValue.
+  /// Stores the value in the settings. Throws WrongValue.
   void (*apply)(Target& target, const Value& value);
 };
 

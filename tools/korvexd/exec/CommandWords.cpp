@@ -108,7 +108,7 @@ std::vector<std::string> foldersOfPath() {
   const char* const path = std::getenv("PATH");
   std::istringstream folders(path == nullptr ? kUsualPath : path);
   std::vector<std::string> found;
-  // An empty entry means the working folder, as ever.
+  // An empty entry means the working folder, as in any shell.
   for (std::string folder; std::getline(folders, folder, ':');) {
     found.push_back(folder.empty() ? "." : folder);
   }

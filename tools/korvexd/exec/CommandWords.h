@@ -6,8 +6,8 @@
 
 namespace korvexd {
 
-/// The words of a command, split as a shell would: blanks separate them, quotes and backslashes
-/// keep them together. Nothing else means anything: no variables, no patterns, no pipes.
+/// The words of a command, split as a shell would: whitespace separates them, quotes and
+/// backslashes quote. Nothing else is special: no variables, no patterns, no pipes.
 ///
 /// Throws std::invalid_argument, whose text says what is wrong, when there is no word or a quote is
 /// left open.

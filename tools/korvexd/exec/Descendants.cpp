@@ -38,8 +38,8 @@ bool operator==(const Process& left, const Process& right) {
   return left.parent == right.parent && left.state == right.state;
 }
 
-/// Those that are gone, and other users' where these are hidden. Any other error says nothing about
-/// the process: without a free descriptor, none must look as if it were gone.
+/// The process is gone, or another user's and hidden. Any other error says nothing about the
+/// process: running out of descriptors must not make one look gone.
 bool isNotThere(int error) {
   return error == ENOENT || error == ESRCH || error == EACCES || error == EPERM;
 }
@@ -123,7 +123,7 @@ bool stopThoseThatMove(const Processes& processes) {
   return doesMove;
 }
 
-/// One that was about to fork may have done so behind the eyes of a single look.
+/// A process may fork between being listed and being stopped, so one pass is not enough.
 Processes stoppedDescendantsExcept(const std::set<pid_t>& spared) {
   Processes before;
   for (int round = 0;; ++round) {

@@ -7,20 +7,20 @@
 
 namespace korvexd {
 
-/// Makes this process the parent of whatever its descendants leave behind, in place of init.
+/// Makes this process the subreaper: orphaned descendants are reparented to it instead of init.
 /// Throws SystemError.
 void adoptDescendants();
 
-/// The children of this process, those that have ended and were not waited for too. Throws
-/// SystemError when the system does not tell (no /proc).
+/// The children of this process, including zombies. Throws SystemError when they cannot be
+/// determined (no /proc).
 std::set<pid_t> childrenOfThisProcess();
 
 /// Kills every descendant of this process but these children and their descendants, and returns the
 /// children that were killed, for waiting; empty when there is none.
 ///
-/// All are stopped before the first one dies: to the rest of a pipeline, the death of a part would
-/// be the end of its input. What is adopted or forked meanwhile is found by calling this again.
-/// Throws SystemError when the system does not tell.
+/// All are stopped before the first one dies: to the rest of a pipeline, the death of one part
+/// would look like the end of its input. Processes adopted or forked meanwhile are found by calling
+/// this again. Throws SystemError when the processes cannot be determined.
 std::set<pid_t> killDescendantsExcept(const std::set<pid_t>& spared);
 
 }  // namespace korvexd

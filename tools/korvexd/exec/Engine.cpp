@@ -25,7 +25,7 @@ using std::chrono::milliseconds;
 
 constexpr int kPipeSize = 1 << 20;
 constexpr std::size_t kReadSize = std::size_t{16} * 1024;
-constexpr int kReadsForTheRest = 64;  // what a pipe holds; somebody may go on filling it
+constexpr int kReadsForTheRest = 64;  // one pipe's capacity; a descendant may keep filling it
 constexpr int kFirstFree = keeper::kErrors + 1;
 
 const char kProgramOfThisProcess[] = "/proc/self/exe";
@@ -108,7 +108,7 @@ Engine::Engine(Keepers& keepers, const Command& command, EngineLog::Print print)
   }
   control_ = File(ends[0]);
   const File keepersControl(ends[1]);
-  // A smaller one does as well; the system may have none of this size to give.
+  // Only an optimisation: the per-user limit on pipe memory may refuse this size.
   ::fcntl(input.writer.descriptor(), F_SETPIPE_SZ, kPipeSize);
   for (const File* ours : {&input.writer, &output.reader, &errors.reader}) makeNonBlocking(*ours);
   spawn(command, input, output, errors, keepersControl);
@@ -193,7 +193,7 @@ void Engine::take(const Report& report) {
   end_ = report;
 }
 
-/// Everything that it wrote before its end. What it started may write still.
+/// Everything that it wrote before it ended. Its descendants may still be writing.
 void Engine::readRest() {
   for (int i = 0; i < kReadsForTheRest && readSome(output_, outputLog_); ++i) {
   }
@@ -201,7 +201,7 @@ void Engine::readRest() {
   }
 }
 
-/// Whether there may be more.
+/// Whether there may be more to read.
 bool Engine::readSome(File& from, EngineLog& log) {
   if (from.descriptor() < 0) return false;
   std::array<char, kReadSize> bytes;

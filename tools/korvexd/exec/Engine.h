@@ -36,7 +36,7 @@ constexpr std::size_t kEngineFailures = static_cast<std::size_t>(EngineFailure::
 /// How often each of them happened, by its number.
 using EngineFailureCounts = std::array<std::uint64_t, kEngineFailures>;
 
-/// The daemon's end of one engine: its input, what it has to say, and its keeper.
+/// The daemon's end of one engine: its input, its output, and its keeper.
 ///
 /// Nothing here waits longer than it is told to. Unless announceComplete() was called, the input is
 /// held open until nothing of the engine is left. Used by one thread at a time.
@@ -54,7 +54,7 @@ class Engine {
   /// Starts the keeper, which starts the engine. `keepers` outlives the engine. Throws SystemError.
   Engine(Keepers& keepers, const Command& command, EngineLog::Print print);
 
-  /// The keeper kills what it may not finish, and is left to do so.
+  /// Does not wait: the keeper kills the engine unless it may finish.
   ~Engine() = default;
   Engine(const Engine&) = delete;
   Engine& operator=(const Engine&) = delete;
@@ -76,18 +76,18 @@ class Engine {
   /// What the keeper said of its end; once it is there, everything the engine wrote is in the log.
   const std::optional<keeper::Report>& end() const noexcept { return end_; }
 
-  /// Whether its keeper is no longer there. Without an end(), somebody has killed it.
+  /// Whether its keeper is gone. Without an end(), it was killed.
   bool isAlone() const noexcept { return isAlone_; }
 
-  /// All data has been taken: ends the input, and the engine may finish whatever becomes of this
-  /// process.
+  /// All data is written: closes the input; from then on the engine may finish even if this process
+  /// dies.
   void announceComplete() noexcept;
 
-  /// Has it killed, with everything that it has started.
+  /// Has it killed, with all its descendants.
   void kill() noexcept;
 
-  /// Whether nothing of it is left, its keeper included; false while nobody can tell. Kills what a
-  /// dead keeper has left.
+  /// Whether nothing of it is left, including its keeper; false while that is unknown. Kills what a
+  /// dead keeper left behind.
   bool isGone() noexcept;
 
   /// The last line that it wrote to its standard error.

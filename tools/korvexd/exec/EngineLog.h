@@ -10,11 +10,11 @@
 
 namespace korvexd {
 
-/// Makes lines for the log of what an engine writes, however much that is.
+/// Turns an engine's output into log lines, rate-limited.
 ///
-/// Lines end with a line feed or a carriage return; empty ones do not count. What is no text is
-/// shown in hex, a long line is cut, and of many lines in a short time the first are printed and
-/// the others counted.
+/// Lines end with a line feed or a carriage return; empty ones do not count. Bytes that are not
+/// text are shown in hex, long lines are truncated, and beyond kMostLines per period lines are only
+/// counted.
 class EngineLog {
  public:
   using Clock = std::chrono::steady_clock;
@@ -32,7 +32,7 @@ class EngineLog {
   /// Nothing more comes: prints what is begun and what was left out.
   void end();
 
-  /// The last line that is not empty, printed or not, also one that is not ended yet.
+  /// The last line that is not empty, printed or not, even if it is unfinished.
   std::string lastLine() const;
 
  private:

@@ -22,7 +22,7 @@ using std::chrono::seconds;
 
 constexpr milliseconds kLongestWait{100};  // how late the daemon's end may be noticed
 constexpr seconds kPatienceWithStart{30};
-constexpr seconds kPatienceWithDeath{1};  // then somebody else waits, and the queue goes on
+constexpr seconds kPatienceWithDeath{1};  // then the store waits instead of the queue
 constexpr seconds kPatienceAtTheEnd{3};   // of the daemon
 constexpr milliseconds kLongestPause{20};
 
@@ -83,7 +83,7 @@ std::size_t ExecSink::offer(const unsigned char* data, std::size_t size) {
   }
 }
 
-/// As long as the engine takes something now and then, it may be as slow as it likes.
+/// An engine may be arbitrarily slow as long as it keeps reading.
 void ExecSink::awaitRoom() {
   const auto deadline = Clock::now() + settings_.timeout;
   while (!engine_->wait(Engine::For::Room, kLongestWait)) {
@@ -157,7 +157,7 @@ void ExecSink::letGo() noexcept {
     }
     store_.lookAfter(std::move(engine_));
   } catch (const std::exception&) {
-    // Nobody can remember it: its input stays open as long as the daemon lives.
+    // No memory to track it: its input stays open for the daemon's lifetime.
     static_cast<void>(engine_.release());
   }
 }

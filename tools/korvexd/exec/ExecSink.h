@@ -19,8 +19,8 @@ class ExecStore;
 /// Gives a stream to an engine, a process that reads it as its standard input.
 ///
 /// The stream is stored when the engine has read all of it, seen its end, and exited with 0. In
-/// every other case the engine is killed and gone before its input ends, for to an engine the end
-/// of its input is the end of a whole stream.
+/// every other case the engine is killed and gone before its input ends, because to an engine end
+/// of input means that the stream is complete.
 class ExecSink : public receiver::Sink {
  public:
   struct Settings {
@@ -68,7 +68,7 @@ class ExecSink : public receiver::Sink {
   void letGo() noexcept;
 
   ExecStore& store_;
-  std::unique_ptr<Engine> engine_;  ///< none when it is gone, or somebody else looks after it
+  std::unique_ptr<Engine> engine_;  ///< none when it is gone, or handed over to the store
   const Settings settings_;
   bool mayFinish_ = false;  ///< all of its input is there, and the daemon has other things to do
   std::optional<Clock::time_point> endingSince_;

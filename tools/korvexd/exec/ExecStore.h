@@ -19,7 +19,7 @@ namespace korvexd {
 
 namespace receiver = korvex::receiver;
 
-/// Starts an engine for each stream, and looks after those that take long to die. One in a process;
+/// Starts an engine for each stream, and tracks those that take long to die. One per process;
 /// outlives its sinks. Any thread may use it.
 class ExecStore {
  public:
@@ -42,10 +42,10 @@ class ExecStore {
   /// Counts a failure of an engine of this queue.
   void noteFailure(const std::string& queue, EngineFailure failure);
 
-  /// Of the queue's engines, since the start.
+  /// The failures of the queue's engines since the start.
   EngineFailureCounts failuresOf(const std::string& queue) const;
 
-  /// Lets go of those that are gone by now. To be called now and then.
+  /// Releases those that have died since. Call it periodically.
   void tidyUp() noexcept;
 
  private:

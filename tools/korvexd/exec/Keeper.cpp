@@ -69,7 +69,7 @@ void resetSignals() {
   ::_exit(written == sizeof error ? kCannotExecute : kCannotReport);
 }
 
-/// Keeps one engine, from its start until nothing of it is left.
+/// Supervises one engine, from its start until nothing of it is left.
 class EngineKeeper {
  public:
   explicit EngineKeeper(char** arguments)
@@ -160,7 +160,7 @@ int EngineKeeper::awaitProgram(int failures) {
   return size == sizeof error ? error : 0;
 }
 
-/// Only the engine may hold them, or nobody would notice that it closed them.
+/// Only the engine may hold them, or its closing them would go unnoticed.
 void EngineKeeper::releaseEnginesEnds() const {
   for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     ::dup2(nothing_, standard);
@@ -193,8 +193,8 @@ void EngineKeeper::takeOrder() {
   if (order == static_cast<std::uint8_t>(Order::Complete)) endInput();
 }
 
-/// From now on the engine may finish, whatever becomes of the daemon. A read end stays here, to see
-/// what the engine leaves unread.
+/// From now on the engine may finish, whatever happens to the daemon. A read end stays open here,
+/// to see what the engine leaves unread.
 void EngineKeeper::endInput() {
   const std::string input = "/proc/self/fd/" + std::to_string(kInput);
   inputReader_ = ::open(input.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
@@ -250,7 +250,7 @@ void EngineKeeper::checkTime() {
   isOver_ = true;
 }
 
-/// A daemon that is gone cannot be told.
+/// Fails harmlessly when the daemon is gone.
 void EngineKeeper::report(Event event, int value) {
   Report report = {};
   report.event = event;

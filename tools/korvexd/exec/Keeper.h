@@ -6,10 +6,10 @@
 namespace korvexd {
 
 // Between the daemon and each engine stands a keeper, a process of its own. When a process dies,
-// the system closes its descriptors before anybody hears of its death. Were the daemon alone in
-// holding the write end of the engine's input, its death would look to the engine like the end of a
-// whole stream. The keeper holds the write end as well. When the daemon is gone it kills the engine
-// and everything the engine has started, and only then lets go.
+// the kernel closes its descriptors before any other process learns of its death. If only the
+// daemon held the write end of the engine's input, its death would look to the engine like the end
+// of a complete stream. So the keeper holds the write end as well. When the daemon is gone, it
+// kills the engine and all its descendants, and only then closes its copy.
 //
 // The keeper is the daemon's own program, started with this word as its first argument, then the
 // seconds that the engine may take to finish, the path of its program and its words. It finds these

@@ -9,7 +9,7 @@
 
 namespace korvexd {
 
-/// The keepers of this process, and what falls to it when one of them is killed.
+/// The keepers of this process, and the cleanup when one of them is killed.
 ///
 /// A process has one of these at most: every child that it did not have before and that is no
 /// keeper is taken for something that an engine has started. Any thread may use it.

@@ -7,8 +7,8 @@
 
 namespace korvexd {
 
-/// Keeps messages that a peer can provoke from filling the disk: so many pass in a period, the
-/// others are counted. Used by one thread.
+/// Keeps messages that a peer can provoke from filling the disk: a limited number pass per period,
+/// the rest are counted. Used by one thread.
 class LogBudget {
  public:
   using Clock = std::chrono::steady_clock;

@@ -13,10 +13,10 @@
 
 namespace korvexd {
 
-/// Lines that this process had to say and that are in no log.
+/// Lines of this process that are missing from the log.
 struct LogLosses {
-  std::atomic<std::uint64_t> unread{0};     ///< nobody read them in time
-  std::atomic<std::uint64_t> unwritten{0};  ///< the system took them not, or not whole
+  std::atomic<std::uint64_t> unread{0};     ///< not read in time
+  std::atomic<std::uint64_t> unwritten{0};  ///< the write failed, or wrote only part
   std::atomic<std::uint64_t> held{0};       ///< there were too many of their kind
 };
 

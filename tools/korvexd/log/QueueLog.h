@@ -10,9 +10,8 @@
 
 namespace korvexd {
 
-/// What one queue's server has to say. Everything here can be provoked by a peer, so each kind of
-/// message has a budget, and a line every ten seconds says how many were left out.
-/// Used by one thread.
+/// The log of one queue's server. A peer can provoke everything here, so each kind of message has a
+/// budget, and a line every ten seconds says how many were suppressed. Used by one thread.
 class QueueLog {
  public:
   enum class Kind : std::size_t {

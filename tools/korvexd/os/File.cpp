@@ -95,7 +95,7 @@ void File::sync(const std::string& doing) {
 File replaceFile(int folder, const std::string& name, const std::string& text, mode_t mode,
                  const std::string& doing) {
   const std::string temporary = name + kTemporarySuffix;
-  // One that a crash left behind, or that somebody planted, must not be written through.
+  // Must not write through a file that a crash left behind or an attacker planted.
   ::unlinkat(folder, temporary.c_str(), 0);
   try {
     File file = File::openAt(folder, temporary, O_WRONLY | O_CREAT | O_EXCL, mode, doing);

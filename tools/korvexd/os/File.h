@@ -12,8 +12,8 @@ namespace korvexd {
 
 namespace receiver = korvex::receiver;
 
-/// An open file or folder. Closed when it goes; an error of closing is not seen, so sync() first
-/// what must be kept. Failures are SystemError, whose text begins with `doing`.
+/// An open file or folder. Closed on destruction; close() errors are ignored, so sync() first what
+/// must be kept. Failures are SystemError, whose text begins with `doing`.
 class File {
  public:
   File() noexcept = default;

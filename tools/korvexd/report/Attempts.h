@@ -9,8 +9,8 @@
 
 namespace korvexd {
 
-/// Something that is tried again and again, as writing a file: the log has the first failure of a
-/// row, and all are counted. For one thread.
+/// A repeated attempt, such as writing a file: the first failure in a row is logged, and all are
+/// counted. For one thread.
 class Attempts {
  public:
   template <typename Action>

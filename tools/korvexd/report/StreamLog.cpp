@@ -16,7 +16,7 @@ using korvex::receiver::StreamSummary;
 namespace level = spdlog::level;
 namespace {
 
-/// A line that memory is too short for is lost; the stream goes on.
+/// Out of memory, the line is lost; the stream continues.
 template <typename Write>
 void quietly(Write write) noexcept {
   try {
@@ -73,7 +73,7 @@ void StreamLog::streamOpened(const std::string& place) noexcept {
   });
 }
 
-/// Where memory is short, the place is left out.
+/// Out of memory, the place is left out.
 void StreamLog::noteOpening(const std::string& place) noexcept {
   const std::lock_guard<std::mutex> lock(mutex_);
   history_.open = {std::time(nullptr), {}};

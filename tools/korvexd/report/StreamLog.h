@@ -55,7 +55,7 @@ class StreamLog : public korvex::receiver::Observer {
   /// Other settings are asked for. Any thread may call it.
   void expectChange() noexcept { changeRefused_ = false; }
 
-  /// Whether the settings that were asked for last could not be had. Any thread may call it.
+  /// Whether applying the last requested settings failed. Any thread may call it.
   bool wasChangeRefused() const noexcept { return changeRefused_; }
 
   /// Logs what was left out in periods that are over. Any thread may call it, now and then.
@@ -70,7 +70,7 @@ class StreamLog : public korvex::receiver::Observer {
   /// Any thread may ask.
   StreamHistory history() const;
 
-  /// Logs what the queue is doing, for somebody who asked. Any thread may call it.
+  /// Logs what the queue is doing, on request. Any thread may call it.
   void logState(const korvex::receiver::Counters& counters) const;
 
   void messageReceived(std::uint64_t number, const unsigned char* untrusted,

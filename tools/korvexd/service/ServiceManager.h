@@ -11,7 +11,7 @@
 
 namespace korvexd {
 
-/// What systemd hears of this process, as datagrams to the socket that it names in NOTIFY_SOCKET.
+/// Notifies systemd about this process, with datagrams to the socket named in NOTIFY_SOCKET.
 /// Without one everything here does nothing. One thread sends; any other may feed the watchdog.
 class ServiceManager {
  public:
@@ -31,7 +31,7 @@ class ServiceManager {
   /// One line for people, shown by `systemctl status`. Sends only what has changed.
   void status(const std::string& text);
 
-  /// The loops that move data do so.
+  /// The loops that move data are making progress.
   void feedWatchdog();
 
   /// How long the manager waits for feedWatchdog() before it restarts the daemon; none: forever.

@@ -48,7 +48,7 @@ bool Watchdog::allMove(Clock::duration longest) {
   return stuck == loops_.end();
 }
 
-/// Once for each change: the manager's own line says only that nobody fed it.
+/// Once for each change: the manager's own line says only that the watchdog was not fed.
 void Watchdog::report(const std::string& stuck, Clock::duration longest) {
   const std::string before = std::exchange(stuck_, stuck);
   if (stuck == before) return;

@@ -43,7 +43,7 @@ void DirectorySink::write(const unsigned char* data, std::size_t size) {
 }
 
 void DirectorySink::writeGathered() {
-  // Emptied first: after a failure nobody may write the same bytes once more.
+  // Emptied first: after a failure the same bytes must not be written again.
   std::vector<unsigned char> bytes;
   bytes.swap(gathered_);
   writeData(bytes.data(), bytes.size());
@@ -73,8 +73,8 @@ void DirectorySink::complete(const receiver::StreamSummary& summary,
   publish();
 }
 
-/// What was written is held open. Somebody may have removed or exchanged it under its name since,
-/// and the name is what the producer is promised.
+/// The written file is held open, but may have been removed or replaced under its name since, and
+/// the name is what the producer is promised.
 void DirectorySink::checkPlaces(const File& manifest) const {
   const auto expect = [](const char* what, const File& file, int folder, const std::string& name) {
     if (file.isNamed(folder, name, File::Links::Refuse)) return;
@@ -98,8 +98,8 @@ void DirectorySink::publish() {
     isFinal_ = true;
     return;
   }
-  // Not known to be on the disk: the producer is told so, and the name must not say otherwise. A
-  // disk that takes nothing any more leaves it as it is.
+  // Not known to be on the disk: the producer gets a failure, and the name must not claim
+  // otherwise. On a disk that accepts no more writes the name stays as it is.
   const int error = errno;
   isFinal_ = ::renameat(parent, name_.c_str(), parent, partial.c_str()) != 0;
   throw receiver::SystemError("syncing output folder", error);

@@ -7,7 +7,7 @@ namespace korvexd {
 
 namespace receiver = korvex::receiver;
 
-/// Forgets the data. For measuring and for trying out a producer.
+/// Discards the data. For benchmarks and for testing a producer.
 class DiscardSink : public receiver::Sink {
  public:
   void write(const unsigned char*, std::size_t) override {}
