@@ -1,10 +1,9 @@
 // daemon QUEUE FOLDER: a file for each stream, called .partial until it is whole. Syncs nothing.
-#include <korvex/receiver/Receiver.h>
-
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <korvex/receiver/Receiver.h>
 
 using namespace korvex::receiver;
 std::atomic<bool> stop{false};

@@ -1,8 +1,7 @@
 // producer QUEUE: streams standard input to the daemon that serves the queue, one segment per line.
-#include <korvex/StreamGuard.h>
-
 #include <algorithm>
 #include <iostream>
+#include <korvex/StreamGuard.h>
 #include <string>
 
 int main(int, char* arguments[]) try {

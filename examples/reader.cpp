@@ -1,8 +1,7 @@
 // reader: takes the batch on standard input apart, prints its records. Trusts the bytes.
-#include <korvex/ShmBatch.h>
-
 #include <iostream>
 #include <iterator>
+#include <korvex/ShmBatch.h>
 
 int main() try {
   std::ios::sync_with_stdio(false);  // otherwise a read error looks like the end

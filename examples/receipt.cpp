@@ -1,8 +1,7 @@
 // receipt QUEUE: streams standard input and prints the daemon's receipt once everything is stored.
-#include <korvex/StreamGuard.h>
-
 #include <chrono>
 #include <iostream>
+#include <korvex/StreamGuard.h>
 #include <stdexcept>
 #include <string>
 #include <thread>

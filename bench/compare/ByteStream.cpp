@@ -1,15 +1,14 @@
 // Pipe and Unix stream socket. Each message goes with its length in front, in one system call; the
 // reader takes as much as there is with each call.
-#include <fcntl.h>
-#include <sys/socket.h>
-#include <sys/uio.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <fcntl.h>
 #include <stdexcept>
+#include <sys/socket.h>
+#include <sys/uio.h>
 #include <system_error>
+#include <unistd.h>
 
 #include "Transports.h"
 

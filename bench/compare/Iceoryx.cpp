@@ -1,21 +1,20 @@
 // iceoryx: the producer writes straight into shared memory and the consumer reads there, without a
 // copy at either end beyond the one that puts the record in. Its broker process is started here.
-#include <grp.h>
-#include <korvex/ShmBatch.h>
-#include <spawn.h>
-#include <sys/mman.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cstring>
+#include <grp.h>
 #include <iceoryx_hoofs/log/logmanager.hpp>
 #include <iceoryx_posh/mepoo/chunk_header.hpp>
 #include <iceoryx_posh/popo/untyped_publisher.hpp>
 #include <iceoryx_posh/popo/untyped_subscriber.hpp>
 #include <iceoryx_posh/runtime/posh_runtime.hpp>
+#include <korvex/ShmBatch.h>
+#include <spawn.h>
 #include <stdexcept>
 #include <string>
+#include <sys/mman.h>
+#include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 
 #include "Transports.h"
 #include "queue/Pause.h"

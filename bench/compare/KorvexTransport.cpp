@@ -1,7 +1,6 @@
 // The library itself, and the queue below it with the library's way of waiting.
-#include <korvex/ShmWriter.h>
-
 #include <chrono>
+#include <korvex/ShmWriter.h>
 #include <stdexcept>
 #include <utility>
 

@@ -1,14 +1,13 @@
 // The queue library used as its manual shows it: a timed send and a receive that block in its own
 // condition variables. A shared object of its own, because it is built without the lock timeout
 // that the library sets, and the two must not meet in one binary.
-#include <boost/date_time/posix_time/posix_time_types.hpp>
-#include <boost/interprocess/ipc/message_queue.hpp>
+#include "ManualQueue.h"
 
 #include <algorithm>
+#include <boost/date_time/posix_time/posix_time_types.hpp>
+#include <boost/interprocess/ipc/message_queue.hpp>
 #include <stdexcept>
 #include <utility>
-
-#include "ManualQueue.h"
 
 namespace bench {
 namespace {

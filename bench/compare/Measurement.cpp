@@ -1,19 +1,18 @@
 #include "Measurement.h"
 
-#include <korvex/ShmBatch.h>
-#include <sys/mman.h>
-#include <sys/prctl.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <korvex/ShmBatch.h>
 #include <new>
 #include <stdexcept>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 
 namespace bench {
 namespace {

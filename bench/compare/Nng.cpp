@@ -2,7 +2,6 @@
 #include <nng/nng.h>
 #include <nng/protocol/pipeline0/pull.h>
 #include <nng/protocol/pipeline0/push.h>
-
 #include <stdexcept>
 #include <string>
 

@@ -1,12 +1,11 @@
 // The kernel's message queue.
-#include <fcntl.h>
-#include <mqueue.h>
-#include <sys/resource.h>
-
 #include <algorithm>
 #include <cerrno>
+#include <fcntl.h>
 #include <fstream>
+#include <mqueue.h>
 #include <string>
+#include <sys/resource.h>
 #include <system_error>
 
 #include "Transports.h"

@@ -1,8 +1,7 @@
 #include "Transport.h"
 
-#include <korvex/ShmBatch.h>
-
 #include <cstring>
+#include <korvex/ShmBatch.h>
 #include <utility>
 
 namespace bench {

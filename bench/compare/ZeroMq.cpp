@@ -1,9 +1,8 @@
 // ZeroMQ, push and pull over its ipc transport.
-#include <zmq.h>
-
 #include <cstring>
 #include <stdexcept>
 #include <string>
+#include <zmq.h>
 
 #include "Transports.h"
 

@@ -1,6 +1,4 @@
 // Carries records from one process to another in one way and prints what that took as JSON.
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdio>
@@ -8,6 +6,7 @@
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <unistd.h>
 
 #include "Measurement.h"
 #include "Transports.h"

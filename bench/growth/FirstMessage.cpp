@@ -1,14 +1,13 @@
 // How long a message waits on a queue that has long been idle: each try takes another of the
 // daemon's queues. Prints one JSON object.
-#include <korvex/ShmWriter.h>
-#include <korvex/receiver/QueueStatus.h>
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <exception>
 #include <iostream>
+#include <korvex/ShmWriter.h>
+#include <korvex/receiver/QueueStatus.h>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <random>

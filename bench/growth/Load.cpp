@@ -1,17 +1,16 @@
 // Streams records to a daemon that serves a queue already, and prints after each doubling of the
 // bytes what they took so far: one JSON object a line.
-#include <korvex/ShmWriter.h>
-#include <sys/resource.h>
-
 #include <CLI/CLI.hpp>
 #include <chrono>
 #include <cstdint>
 #include <exception>
 #include <fstream>
 #include <iostream>
+#include <korvex/ShmWriter.h>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <string>
+#include <sys/resource.h>
 #include <vector>
 
 namespace {

@@ -1,7 +1,6 @@
 // Packing records into a batch and taking them out again, beside a plain copy of the same bytes.
-#include <korvex/ShmBatch.h>
-
 #include <cstring>
+#include <korvex/ShmBatch.h>
 #include <queue>
 
 #include "Fill.h"

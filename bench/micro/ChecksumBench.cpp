@@ -1,8 +1,7 @@
 // Our Adler-32 beside zlib's.
 #include <benchmark/benchmark.h>
-#include <zlib.h>
-
 #include <vector>
+#include <zlib.h>
 
 #include "support/Adler32.h"
 

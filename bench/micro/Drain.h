@@ -2,11 +2,10 @@
 #define BENCH_MICRO_DRAIN_H
 
 #include <korvex/ShmWriter.h>
-#include <unistd.h>
-
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <unistd.h>
 
 #include "queue/MessageQueue.h"
 

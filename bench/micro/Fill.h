@@ -2,7 +2,6 @@
 #define BENCH_MICRO_FILL_H
 
 #include <benchmark/benchmark.h>
-
 #include <chrono>
 #include <cstddef>
 #include <cstdint>

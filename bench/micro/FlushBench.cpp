@@ -1,7 +1,6 @@
 // A flush, beside a bare send and receive of the same message.
-#include <korvex/ShmWriter.h>
-
 #include <chrono>
+#include <korvex/ShmWriter.h>
 #include <vector>
 
 #include "Drain.h"

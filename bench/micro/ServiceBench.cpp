@@ -2,7 +2,6 @@
 #include <benchmark/benchmark.h>
 #include <korvex/Logger.h>
 #include <korvex/UniqueIdGenerator.h>
-
 #include <string>
 
 namespace {

@@ -1,11 +1,10 @@
 // The writer's operations per record, tracing off and on, beside a plain copy of the same bytes
 // under the same conditions.
+#include <cstring>
 #include <fcntl.h>
 #include <korvex/ShmWriter.h>
 #include <qmx/trace.h>
 #include <unistd.h>
-
-#include <cstring>
 
 #include "Drain.h"
 #include "Fill.h"

@@ -3,7 +3,6 @@
 
 #include <cstdint>
 #include <iosfwd>
-
 #include <qmx/error.h>
 
 #include "korvex/Export.h"

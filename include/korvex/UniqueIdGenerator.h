@@ -1,9 +1,8 @@
 #ifndef KORVEX_UNIQUE_ID_GENERATOR_H
 #define KORVEX_UNIQUE_ID_GENERATOR_H
 
-#include <pthread.h>
-
 #include <cstdint>
+#include <pthread.h>
 #include <string>
 
 #include "korvex/Export.h"

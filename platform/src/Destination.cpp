@@ -1,14 +1,13 @@
 #include "Destination.h"
 
+#include <cerrno>
+#include <cstdio>
 #include <fcntl.h>
 #include <spdlog/sinks/basic_file_sink.h>
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/sinks/syslog_sink.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstdio>
 #include <system_error>
+#include <unistd.h>
 #include <utility>
 
 #include "Layout.h"

@@ -1,10 +1,9 @@
 #include "Layout.h"
 
-#include <spdlog/fmt/fmt.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <ctime>
+#include <spdlog/fmt/fmt.h>
+#include <unistd.h>
 
 namespace qmx {
 namespace {

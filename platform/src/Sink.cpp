@@ -1,11 +1,10 @@
 #include "Sink.h"
 
-#include <pthread.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <memory>
 #include <mutex>
+#include <pthread.h>
 #include <utility>
 
 #include "Destination.h"

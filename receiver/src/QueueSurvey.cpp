@@ -1,11 +1,10 @@
 #include "korvex/receiver/QueueSurvey.h"
 
-#include <korvex/ShmWriter.h>
-#include <sys/sysmacros.h>
-
 #include <cstdio>
 #include <fstream>
+#include <korvex/ShmWriter.h>
 #include <set>
+#include <sys/sysmacros.h>
 
 #include "queue/LockOwner.h"
 #include "queues/Leftovers.h"

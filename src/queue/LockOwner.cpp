@@ -1,16 +1,15 @@
 #include "queue/LockOwner.h"
 
-#include <dirent.h>
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
 #include <memory>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "queue/NoCancellation.h"
 

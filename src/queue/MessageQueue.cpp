@@ -1,18 +1,17 @@
 #include "queue/MessageQueue.h"
 
-#include <cxxabi.h>
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
 #include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <boost/interprocess/ipc/message_queue.hpp>
 #include <boost/version.hpp>
 #include <cerrno>
+#include <cxxabi.h>
 #include <exception>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <utility>
 
 #include "queue/NoCancellation.h"

@@ -1,12 +1,11 @@
 #ifndef KORVEX_QUEUE_MESSAGE_QUEUE_H
 #define KORVEX_QUEUE_MESSAGE_QUEUE_H
 
-#include <sys/types.h>
-
 #include <chrono>
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <sys/types.h>
 
 #include "queue/QueueView.h"
 

@@ -1,11 +1,10 @@
 #ifndef KORVEX_QUEUE_QUEUE_LAYOUT_H
 #define KORVEX_QUEUE_QUEUE_LAYOUT_H
 
-#include <sys/types.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <sys/types.h>
 
 // How the queue library lays out a queue's shared-memory object, from Boost 1.63 to 1.81 on x86-64.
 // docs/queue-object.md explains it.

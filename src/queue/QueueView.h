@@ -1,11 +1,10 @@
 #ifndef KORVEX_QUEUE_QUEUE_VIEW_H
 #define KORVEX_QUEUE_QUEUE_VIEW_H
 
-#include <sys/types.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <sys/types.h>
 
 namespace korvex {
 

@@ -1,12 +1,11 @@
 #ifndef KORVEX_SHM_BATCH_INLINE_H
 #define KORVEX_SHM_BATCH_INLINE_H
 
-#include <qmx/error.h>
-
 #include <atomic>
 #include <cassert>
 #include <cstddef>
 #include <cstring>
+#include <qmx/error.h>
 
 #include "korvex/ShmBatch.h"
 #include "shm/HeaderBytes.h"

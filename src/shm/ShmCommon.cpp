@@ -2,7 +2,6 @@
 
 #include <cstring>
 #include <ostream>
-
 #include <qmx/string.h>
 
 #include "korvex/Status.h"

@@ -1,10 +1,8 @@
 #include "korvex/ShmWriter.h"
 
-#include <boost/date_time/posix_time/posix_time_types.hpp>
-
 #include <algorithm>
+#include <boost/date_time/posix_time/posix_time_types.hpp>
 #include <chrono>
-
 #include <qmx/log.h>
 
 #include "korvex/Status.h"

@@ -1,8 +1,7 @@
 #include "support/Adler32.h"
 
-#include <emmintrin.h>
-
 #include <algorithm>
+#include <emmintrin.h>
 
 namespace korvex {
 namespace {

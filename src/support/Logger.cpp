@@ -2,7 +2,6 @@
 
 #include <cstdarg>
 #include <cstdio>
-
 #include <qmx/log.h>
 
 #include "support/Text.h"

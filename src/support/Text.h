@@ -2,10 +2,9 @@
 #define KORVEX_SUPPORT_TEXT_H
 
 #include <locale>
+#include <qmx/error.h>
 #include <sstream>
 #include <string>
-
-#include <qmx/error.h>
 
 namespace korvex {
 

@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <cstdint>
-
 #include <qmx/trace.h>
 
 namespace korvex {

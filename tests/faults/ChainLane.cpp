@@ -1,12 +1,11 @@
 #include "ChainLane.h"
 
-#include <signal.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <signal.h>
+#include <sys/syscall.h>
 #include <thread>
+#include <unistd.h>
 
 #include "SourceCommand.h"
 #include "support/Await.h"

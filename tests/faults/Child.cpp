@@ -1,16 +1,15 @@
 #include "Child.h"
 
+#include <cerrno>
 #include <fcntl.h>
+#include <fstream>
+#include <iterator>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <fstream>
-#include <iterator>
 #include <system_error>
 #include <thread>
+#include <unistd.h>
 #include <utility>
 
 namespace korvex::test {

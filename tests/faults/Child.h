@@ -1,11 +1,10 @@
 #ifndef KORVEX_TESTS_FAULTS_CHILD_H
 #define KORVEX_TESTS_FAULTS_CHILD_H
 
-#include <sys/types.h>
-
 #include <chrono>
 #include <optional>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 namespace korvex::test {

@@ -1,13 +1,12 @@
 #include "Lane.h"
 
-#include <signal.h>
-#include <unistd.h>
-
 #include <fstream>
 #include <iterator>
 #include <optional>
+#include <signal.h>
 #include <stdexcept>
 #include <thread>
+#include <unistd.h>
 
 #include "Pattern.h"
 

@@ -1,13 +1,12 @@
 #include "Producer.h"
 
-#include <korvex/ShmWriter.h>
-#include <korvex/Status.h>
-#include <qmx/error.h>
-
 #include <algorithm>
 #include <chrono>
 #include <iostream>
+#include <korvex/ShmWriter.h>
+#include <korvex/Status.h>
 #include <memory>
+#include <qmx/error.h>
 #include <thread>
 #include <vector>
 

@@ -1,11 +1,10 @@
 #ifndef KORVEX_TESTS_FAULTS_PRODUCER_H
 #define KORVEX_TESTS_FAULTS_PRODUCER_H
 
-#include <signal.h>
-
 #include <chrono>
 #include <cstdint>
 #include <iosfwd>
+#include <signal.h>
 #include <string>
 #include <vector>
 

@@ -1,11 +1,10 @@
 #include "QueueLane.h"
 
-#include <signal.h>
-#include <unistd.h>
-
 #include <algorithm>
+#include <signal.h>
 #include <sstream>
 #include <thread>
+#include <unistd.h>
 
 namespace korvex::test {
 namespace {

@@ -1,8 +1,7 @@
 #include "SourceCommand.h"
 
-#include <unistd.h>
-
 #include <algorithm>
+#include <unistd.h>
 #include <vector>
 
 #include "Pattern.h"

@@ -1,7 +1,5 @@
 // Kills producers and daemons, or who else takes part in a stream, at random moments and looks
 // whether anything was lost, hung or left behind.
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
@@ -9,6 +7,7 @@
 #include <future>
 #include <memory>
 #include <random>
+#include <unistd.h>
 
 #include "ChainLane.h"
 #include "QueueLane.h"

@@ -1,8 +1,7 @@
 // Any message at all: what the daemon's check lets pass, the library's reader must take apart as a
 // decoder does that was written from the format alone.
-#include <korvex/ShmBatch.h>
-
 #include <cstring>
+#include <korvex/ShmBatch.h>
 #include <vector>
 
 #include "fuzz/Input.h"

@@ -1,12 +1,11 @@
 // Files as `korvex send` reads them: whatever pieces are asked for, and however a file shrinks and
 // grows between two of them, each piece is what the file then holds behind the piece before.
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstring>
+#include <fcntl.h>
 #include <string>
+#include <sys/mman.h>
+#include <unistd.h>
 #include <vector>
 
 #include "InputReader.h"

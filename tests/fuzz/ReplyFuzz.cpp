@@ -1,13 +1,12 @@
 // Any replies at all, of any length, on the queue of a real writer: it raises what they say and
 // keeps what it got, and nothing of the reply before. Besides, a reply's text ends within its
 // field, and what passes for a receipt is one, digit by digit.
-#include <korvex/ShmWriter.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <boost/interprocess/ipc/message_queue.hpp>
 #include <cstring>
+#include <korvex/ShmWriter.h>
 #include <string>
+#include <unistd.h>
 
 #include "fuzz/Input.h"
 #include "korvex/receiver/Receipt.h"

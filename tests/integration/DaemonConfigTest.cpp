@@ -1,12 +1,11 @@
 // A daemon with a configuration file: what it serves, and what becomes of it while it runs.
 
-#include <gmock/gmock.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <filesystem>
 #include <fstream>
+#include <gmock/gmock.h>
 #include <regex>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "integration/DaemonFixture.h"
 #include "support/Child.h"

@@ -3,10 +3,9 @@
 
 #include <gtest/gtest.h>
 #include <korvex/ShmWriter.h>
-#include <signal.h>
-
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <signal.h>
 #include <string>
 #include <vector>
 

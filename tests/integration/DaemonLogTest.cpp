@@ -2,12 +2,11 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <memory>
 #include <regex>
 #include <sstream>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "integration/DaemonFixture.h"
 #include "queue/MessageQueue.h"

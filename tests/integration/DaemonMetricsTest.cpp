@@ -1,12 +1,11 @@
 // Whatever goes wrong in a daemon shows in its metrics.
 
-#include <gmock/gmock.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <gmock/gmock.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
 
 #include "integration/ExecFixture.h"
 #include "queue/MessageQueue.h"

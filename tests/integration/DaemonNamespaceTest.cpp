@@ -1,13 +1,12 @@
 // Daemon and producer in containers of their own: each has its own process ids.
 
+#include <filesystem>
+#include <fstream>
+#include <functional>
 #include <gmock/gmock.h>
 #include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
-#include <functional>
 
 #include "integration/DaemonFixture.h"
 #include "support/Child.h"

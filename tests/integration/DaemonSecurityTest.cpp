@@ -1,10 +1,9 @@
-#include <fcntl.h>
-#include <gmock/gmock.h>
-#include <sys/stat.h>
-
 #include <algorithm>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <gmock/gmock.h>
+#include <sys/stat.h>
 
 #include "integration/DaemonFixture.h"
 #include "support/HostileNames.h"

@@ -1,9 +1,8 @@
 // The daemon as a service: what its manager hears, and when it would be restarted.
 
+#include <cerrno>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
-
-#include <cerrno>
 
 #include "integration/ExecFixture.h"
 #include "support/FailingCalls.h"

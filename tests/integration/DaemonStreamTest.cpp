@@ -1,6 +1,5 @@
-#include <gmock/gmock.h>
-
 #include <future>
+#include <gmock/gmock.h>
 #include <random>
 
 #include "integration/DaemonFixture.h"

@@ -1,9 +1,8 @@
 // Files are what programs run out of, and queues are files too.
 
+#include <fstream>
 #include <gmock/gmock.h>
 #include <sys/resource.h>
-
-#include <fstream>
 
 #include "integration/DaemonFixture.h"
 

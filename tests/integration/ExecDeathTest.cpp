@@ -1,14 +1,13 @@
 // To an engine the end of its input is the end of a whole stream. So nothing that ends a stream
 // early, and nobody who is killed, may end an engine's input while it lives.
 
+#include <algorithm>
 #include <fcntl.h>
+#include <ostream>
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <unistd.h>
-
-#include <algorithm>
-#include <ostream>
 
 #include "integration/ExecFixture.h"
 #include "queue/MessageQueue.h"

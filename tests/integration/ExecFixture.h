@@ -1,10 +1,9 @@
 #ifndef TESTS_INTEGRATION_EXEC_FIXTURE_H
 #define TESTS_INTEGRATION_EXEC_FIXTURE_H
 
+#include <fstream>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
-
-#include <fstream>
 
 #include "integration/DaemonFixture.h"
 #include "support/EngineProcesses.h"

@@ -1,9 +1,8 @@
 // Streams as the input of engines.
 
-#include <unistd.h>
-
 #include <cstdlib>
 #include <sstream>
+#include <unistd.h>
 
 #include "integration/ExecFixture.h"
 #include "queue/MessageQueue.h"

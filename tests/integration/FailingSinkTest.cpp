@@ -1,8 +1,7 @@
-#include <gmock/gmock.h>
-
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <gmock/gmock.h>
 #include <set>
 #include <tuple>
 

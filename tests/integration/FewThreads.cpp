@@ -1,11 +1,10 @@
 // Comes before the system's functions in a program that is to find no more threads.
 
-#include <dlfcn.h>
-#include <pthread.h>
-
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <dlfcn.h>
+#include <pthread.h>
 
 /// In place of the system's function: starts as many threads as KORVEX_TEST_THREADS says.
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,

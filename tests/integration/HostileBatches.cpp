@@ -1,7 +1,8 @@
 #include "integration/HostileBatches.h"
-#include "support/WireFormat.h"
 
 #include <algorithm>
+
+#include "support/WireFormat.h"
 
 namespace korvex::test::hostile {
 namespace {

@@ -1,8 +1,7 @@
 // Files that are called whatever a file can be called, sent with the command-line tool.
 
-#include <gmock/gmock.h>
-
 #include <fstream>
+#include <gmock/gmock.h>
 
 #include "integration/DaemonFixture.h"
 #include "support/HostileNames.h"

@@ -1,12 +1,11 @@
 // A process that is no writer fills one queue with anything, while an honest one works beside it.
 
-#include <gmock/gmock.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <boost/interprocess/ipc/message_queue.hpp>
+#include <gmock/gmock.h>
 #include <stdexcept>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "integration/DaemonFixture.h"
 #include "integration/HostileBatches.h"

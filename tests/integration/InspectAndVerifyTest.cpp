@@ -1,12 +1,11 @@
 // The tool's look at what a real daemon captured and stored.
 
 #include <fcntl.h>
+#include <fstream>
 #include <gmock/gmock.h>
+#include <sstream>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <fstream>
-#include <sstream>
 
 #include "integration/DaemonFixture.h"
 

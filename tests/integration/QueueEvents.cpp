@@ -1,12 +1,11 @@
 #include "integration/QueueEvents.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cstdint>
 #include <cstring>
+#include <fcntl.h>
 #include <stdexcept>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "support/DaemonQueues.h"
 #include "support/QueueFields.h"

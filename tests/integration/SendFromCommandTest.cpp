@@ -1,10 +1,9 @@
 // A command's output, sent by the real tool to the real daemon, into a folder or an engine.
 
+#include <filesystem>
 #include <gmock/gmock.h>
 #include <signal.h>
 #include <string.h>
-
-#include <filesystem>
 
 #include "integration/ExecFixture.h"
 #include "queue/QueueView.h"

@@ -1,16 +1,15 @@
 // The command-line tool as a person meets it: the real program, mostly with the real daemon.
 
-#include <fcntl.h>
-#include <gmock/gmock.h>
-#include <signal.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cstdint>
+#include <fcntl.h>
 #include <fstream>
+#include <gmock/gmock.h>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "queue/MessageQueue.h"
 #include "support/Await.h"

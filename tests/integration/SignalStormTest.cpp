@@ -1,12 +1,11 @@
 // A thousand signals a second, each of which cuts the call at hand short, change nothing.
 
-#include <gmock/gmock.h>
-
 #include <chrono>
 #include <cstdint>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <gmock/gmock.h>
 #include <thread>
 
 #include "integration/DaemonFixture.h"

@@ -1,11 +1,10 @@
 // What `korvex status` shows of real daemons, living, dead and asked by a signal.
 
 #include <fcntl.h>
-#include <gmock/gmock.h>
-#include <sys/stat.h>
-
 #include <fstream>
+#include <gmock/gmock.h>
 #include <sstream>
+#include <sys/stat.h>
 
 #include "integration/DaemonFixture.h"
 #include "integration/ToolRun.h"

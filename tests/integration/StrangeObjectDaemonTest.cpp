@@ -1,11 +1,10 @@
+#include <chrono>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/stat.h>
-
-#include <chrono>
 #include <optional>
+#include <signal.h>
 #include <string>
+#include <sys/stat.h>
 #include <vector>
 
 #include "integration/StrangeObjects.h"

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-
 #include <string>
+#include <sys/stat.h>
 
 #include "integration/StrangeObjects.h"
 #include "integration/WriterStory.h"

@@ -1,16 +1,15 @@
 #include "integration/StrangeObjects.h"
 
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <stdexcept>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/sysmacros.h>
 #include <sys/un.h>
 #include <unistd.h>
-
-#include <cerrno>
-#include <cstdint>
-#include <cstring>
-#include <stdexcept>
 
 #include "support/Child.h"
 #include "support/DaemonQueues.h"

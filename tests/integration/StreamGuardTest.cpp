@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <korvex/StreamGuard.h>
-
 #include <stdexcept>
 
 #include "integration/DaemonFixture.h"

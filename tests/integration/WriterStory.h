@@ -2,10 +2,9 @@
 #define TESTS_INTEGRATION_WRITER_STORY_H
 
 #include <functional>
+#include <korvex/ShmWriter.h>
 #include <memory>
 #include <string>
-
-#include <korvex/ShmWriter.h>
 
 /// The life of a writer whose timeouts are one second: the first thing that goes wrong in it, and
 /// every call that takes longer than it may.

@@ -1,9 +1,8 @@
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <ctime>
+#include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 
 #include "integration/DaemonFixture.h"
 #include "korvex/Status.h"

@@ -1,14 +1,13 @@
 #include "property/Property.h"
 
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <random>
+#include <sys/wait.h>
 #include <system_error>
+#include <unistd.h>
 
 #include "property/BatchLibrary.h"
 #include "property/BatchModel.h"

@@ -1,15 +1,13 @@
-#include "property/Property.h"
-
-#include <gtest/gtest.h>
-#include <signal.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <gtest/gtest.h>
+#include <signal.h>
 #include <sstream>
 #include <stdexcept>
 
+#include "property/Property.h"
 #include "property/WriterLibrary.h"
 
 namespace korvex::test {

@@ -1,9 +1,8 @@
 #include "property/World.h"
 
-#include <qmx/error.h>
-
 #include <algorithm>
 #include <boost/interprocess/exceptions.hpp>
+#include <qmx/error.h>
 #include <sstream>
 
 namespace korvex::test {

@@ -1,11 +1,10 @@
 #include "property/WriterLibrary.h"
 
-#include <unistd.h>
-
 #include <atomic>
 #include <boost/interprocess/ipc/message_queue.hpp>
 #include <ctime>
 #include <limits>
+#include <unistd.h>
 
 #include "korvex/ShmWriter.h"
 #include "support/PlatformDouble.h"

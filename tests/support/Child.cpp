@@ -3,10 +3,9 @@
 #include <grp.h>
 #include <poll.h>
 #include <signal.h>
+#include <stdexcept>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <stdexcept>
 
 #include "support/Await.h"
 

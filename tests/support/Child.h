@@ -1,10 +1,9 @@
 #ifndef TESTS_SUPPORT_CHILD_H
 #define TESTS_SUPPORT_CHILD_H
 
-#include <sys/types.h>
-
 #include <functional>
 #include <string>
+#include <sys/types.h>
 
 namespace korvex::test {
 

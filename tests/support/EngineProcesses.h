@@ -1,9 +1,8 @@
 #ifndef TESTS_SUPPORT_ENGINE_PROCESSES_H
 #define TESTS_SUPPORT_ENGINE_PROCESSES_H
 
-#include <sys/types.h>
-
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 namespace korvex::test {

@@ -1,11 +1,10 @@
 #include "support/FailingCalls.h"
 
+#include <cerrno>
 #include <fcntl.h>
 #include <sys/mman.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <system_error>
+#include <unistd.h>
 
 namespace korvex::test {
 namespace {

@@ -1,11 +1,9 @@
 #include "support/FakeDaemon.h"
 
 #include <gtest/gtest.h>
-
+#include <korvex/ShmWriter.h>
 #include <queue>
 #include <utility>
-
-#include <korvex/ShmWriter.h>
 
 #include "queue/Pause.h"
 #include "support/Queues.h"

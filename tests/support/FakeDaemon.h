@@ -4,13 +4,12 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <korvex/ShmBatch.h>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
-
-#include <korvex/ShmBatch.h>
 
 #include "queue/MessageQueue.h"
 

@@ -1,15 +1,14 @@
 #include "support/LockHolder.h"
 
+#include <cerrno>
 #include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
+#include <stdexcept>
+#include <string>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <cerrno>
-#include <stdexcept>
-#include <string>
 
 #include "support/Await.h"
 #include "support/Child.h"

@@ -1,9 +1,8 @@
 #ifndef TESTS_SUPPORT_LOCK_HOLDER_H
 #define TESTS_SUPPORT_LOCK_HOLDER_H
 
-#include <sys/types.h>
-
 #include <string>
+#include <sys/types.h>
 
 #include "support/SharedObject.h"
 

@@ -1,13 +1,12 @@
 #include "support/NotifySocket.h"
 
+#include <cerrno>
+#include <cstddef>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstddef>
 #include <system_error>
+#include <unistd.h>
 
 namespace korvex::test {
 

@@ -1,11 +1,10 @@
 #include "support/PlatformDouble.h"
 
-#include <qmx/log.h>
-#include <qmx/trace.h>
-
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
+#include <qmx/log.h>
+#include <qmx/trace.h>
 
 namespace korvex::test::platform_double {
 namespace {

@@ -1,12 +1,11 @@
 #include "support/Process.h"
 
+#include <cerrno>
 #include <fcntl.h>
 #include <signal.h>
+#include <stdexcept>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <cerrno>
-#include <stdexcept>
 
 namespace korvex::test {
 namespace {

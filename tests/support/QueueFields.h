@@ -1,10 +1,9 @@
 #ifndef TESTS_SUPPORT_QUEUE_FIELDS_H
 #define TESTS_SUPPORT_QUEUE_FIELDS_H
 
-#include <sys/types.h>
-
 #include <cstddef>
 #include <cstdint>
+#include <sys/types.h>
 
 /// Where the fields are in a message queue's shared-memory object, for tests that overwrite them.
 ///

@@ -3,12 +3,11 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
+#include <stdexcept>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <stdexcept>
 
 namespace korvex::test {
 namespace {

@@ -1,11 +1,10 @@
 #ifndef TESTS_SUPPORT_QUEUES_H
 #define TESTS_SUPPORT_QUEUES_H
 
-#include <time.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <string>
+#include <time.h>
+#include <unistd.h>
 
 namespace korvex::test {
 

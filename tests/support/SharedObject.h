@@ -1,21 +1,20 @@
 #ifndef TESTS_SUPPORT_SHARED_OBJECT_H
 #define TESTS_SUPPORT_SHARED_OBJECT_H
 
-#include <fcntl.h>
-#include <pthread.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
+#include <fcntl.h>
 #include <fstream>
 #include <iterator>
+#include <pthread.h>
 #include <stdexcept>
 #include <string>
+#include <sys/mman.h>
+#include <sys/stat.h>
 #include <system_error>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 #include "support/Bytes.h"

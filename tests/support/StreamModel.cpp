@@ -1,8 +1,7 @@
 #include "support/StreamModel.h"
 
-#include <xxhash.h>
-
 #include <cstdio>
+#include <xxhash.h>
 
 #include "support/WireFormat.h"
 

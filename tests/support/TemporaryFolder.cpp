@@ -1,12 +1,11 @@
 #include "support/TemporaryFolder.h"
 
-#include <stdlib.h>
-
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
+#include <stdlib.h>
 
 namespace korvex::test {
 

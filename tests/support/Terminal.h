@@ -4,10 +4,9 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <string>
 #include <sys/ioctl.h>
 #include <unistd.h>
-
-#include <string>
 #include <vector>
 
 namespace korvex::test {

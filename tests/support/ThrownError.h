@@ -2,9 +2,8 @@
 #define TESTS_SUPPORT_THROWN_ERROR_H
 
 #include <ostream>
-#include <string>
-
 #include <qmx/error.h>
+#include <string>
 
 namespace korvex::test {
 

@@ -1,7 +1,6 @@
 #include "common/CommandLine.h"
 
 #include <CLI/CLI.hpp>
-
 #include <charconv>
 #include <cstdint>
 #include <limits>

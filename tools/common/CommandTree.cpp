@@ -1,7 +1,6 @@
 #include "common/CommandTree.h"
 
 #include <CLI/CLI.hpp>
-
 #include <sstream>
 
 namespace korvex::common {

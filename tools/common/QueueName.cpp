@@ -1,9 +1,8 @@
 #include "common/QueueName.h"
 
-#include <korvex/ShmWriter.h>
-
 #include <climits>
 #include <cstring>
+#include <korvex/ShmWriter.h>
 #include <nlohmann/json.hpp>
 #include <string_view>
 

@@ -1,8 +1,7 @@
 #include "common/Sha256.h"
 
-#include <spdlog/fmt/ranges.h>
-
 #include <new>
+#include <spdlog/fmt/ranges.h>
 #include <stdexcept>
 
 namespace korvex::common {

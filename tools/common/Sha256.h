@@ -1,10 +1,9 @@
 #ifndef KORVEX_COMMON_SHA256_H
 #define KORVEX_COMMON_SHA256_H
 
-#include <openssl/evp.h>
-
 #include <cstddef>
 #include <memory>
+#include <openssl/evp.h>
 #include <string>
 
 namespace korvex::common {

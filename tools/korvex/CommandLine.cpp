@@ -1,7 +1,6 @@
 #include "CommandLine.h"
 
 #include <CLI/CLI.hpp>
-
 #include <cerrno>
 #include <ostream>
 #include <string>

@@ -1,10 +1,9 @@
 #ifndef KORVEX_TOOL_FAILURE_H
 #define KORVEX_TOOL_FAILURE_H
 
+#include <qmx/error.h>
 #include <stdexcept>
 #include <string>
-
-#include <qmx/error.h>
 
 #include "common/ExitCode.h"
 

@@ -1,16 +1,15 @@
 #include "InputReader.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <fcntl.h>
+#include <poll.h>
 #include <string_view>
+#include <sys/socket.h>
+#include <sys/stat.h>
 #include <system_error>
+#include <unistd.h>
 
 #include "Failure.h"
 #include "common/Printable.h"

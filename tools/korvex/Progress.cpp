@@ -1,11 +1,10 @@
 #include "Progress.h"
 
-#include <sys/ioctl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <ostream>
 #include <string_view>
+#include <sys/ioctl.h>
+#include <unistd.h>
 
 #include "common/Printable.h"
 

@@ -1,12 +1,11 @@
 #include "StopSignal.h"
 
-#include <signal.h>
-#include <sys/eventfd.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdint>
+#include <signal.h>
+#include <sys/eventfd.h>
 #include <system_error>
+#include <unistd.h>
 
 #include "Failure.h"
 

@@ -1,8 +1,7 @@
-#include <signal.h>
-#include <unistd.h>
-
 #include <exception>
 #include <iostream>
+#include <signal.h>
+#include <unistd.h>
 
 #include "CommandLine.h"
 #include "Failure.h"

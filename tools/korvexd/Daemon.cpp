@@ -1,15 +1,14 @@
 #include "korvexd/Daemon.h"
 
+#include <chrono>
 #include <korvex/receiver/BusErrorGuard.h>
 #include <korvex/receiver/Leftovers.h>
+#include <new>
 #include <signal.h>
+#include <stdexcept>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <time.h>
-
-#include <chrono>
-#include <new>
-#include <stdexcept>
 #include <utility>
 
 #include "korvexd/log/LogEntry.h"

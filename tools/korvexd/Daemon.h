@@ -1,9 +1,8 @@
 #ifndef KORVEXD_DAEMON_H
 #define KORVEXD_DAEMON_H
 
-#include <signal.h>
-
 #include <optional>
+#include <signal.h>
 #include <string>
 
 #include "korvexd/QueueSet.h"

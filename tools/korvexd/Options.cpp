@@ -1,7 +1,6 @@
 #include "korvexd/Options.h"
 
 #include <CLI/CLI.hpp>
-
 #include <ostream>
 #include <stdexcept>
 #include <utility>

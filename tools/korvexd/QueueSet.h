@@ -1,9 +1,8 @@
 #ifndef KORVEXD_QUEUE_SET_H
 #define KORVEXD_QUEUE_SET_H
 
-#include <korvex/receiver/IdleWatch.h>
-
 #include <atomic>
+#include <korvex/receiver/IdleWatch.h>
 #include <memory>
 #include <string>
 #include <vector>

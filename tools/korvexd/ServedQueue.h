@@ -1,9 +1,8 @@
 #ifndef KORVEXD_SERVED_QUEUE_H
 #define KORVEXD_SERVED_QUEUE_H
 
-#include <korvex/receiver/Receiver.h>
-
 #include <atomic>
+#include <korvex/receiver/Receiver.h>
 #include <optional>
 #include <string>
 #include <thread>

@@ -1,9 +1,8 @@
 #ifndef KORVEXD_SINKS_H
 #define KORVEXD_SINKS_H
 
-#include <korvex/receiver/Sink.h>
-
 #include <functional>
+#include <korvex/receiver/Sink.h>
 #include <map>
 #include <memory>
 #include <optional>

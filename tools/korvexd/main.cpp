@@ -1,11 +1,10 @@
-#include <spdlog/spdlog.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <exception>
 #include <iostream>
 #include <memory>
 #include <optional>
+#include <spdlog/spdlog.h>
+#include <unistd.h>
 
 #include "common/ExitCode.h"
 #include "common/Printable.h"

@@ -1,9 +1,8 @@
 #include "idle/IdleWatcher.h"
 
-#include <signal.h>
-
 #include <algorithm>
 #include <exception>
+#include <signal.h>
 #include <system_error>
 #include <utility>
 

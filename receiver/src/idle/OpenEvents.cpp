@@ -1,12 +1,11 @@
 #include "idle/OpenEvents.h"
 
+#include <exception>
 #include <limits.h>
 #include <poll.h>
 #include <sys/inotify.h>
 #include <time.h>
 #include <unistd.h>
-
-#include <exception>
 
 #include "queues/QueueObject.h"
 

@@ -2,7 +2,6 @@
 #define KORVEX_RECEIVER_QUEUES_BUS_ERROR_GUARD_H
 
 #include <setjmp.h>
-
 #include <stdexcept>
 
 #include "korvex/receiver/BusErrorGuard.h"

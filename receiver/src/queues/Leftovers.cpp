@@ -1,17 +1,16 @@
 #include "queues/Leftovers.h"
 
-#include <korvex/ShmWriter.h>
-#include <signal.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <korvex/ShmWriter.h>
 #include <limits>
 #include <random>
+#include <signal.h>
 #include <string_view>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "queues/QueueObject.h"
 #include "queues/StaleQueue.h"

@@ -1,12 +1,11 @@
 #ifndef KORVEX_RECEIVER_LOCK_WATCH_H
 #define KORVEX_RECEIVER_LOCK_WATCH_H
 
-#include <sys/types.h>
-
 #include <chrono>
 #include <cstddef>
 #include <optional>
 #include <stdexcept>
+#include <sys/types.h>
 
 #include "queue/MessageQueue.h"
 

@@ -1,10 +1,9 @@
 #include "queues/OwnedQueue.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <boost/interprocess/exceptions.hpp>
 #include <cerrno>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <utility>
 
 #include "korvex/receiver/SystemError.h"

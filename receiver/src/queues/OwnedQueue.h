@@ -1,11 +1,10 @@
 #ifndef KORVEX_RECEIVER_OWNED_QUEUE_H
 #define KORVEX_RECEIVER_OWNED_QUEUE_H
 
-#include <sys/types.h>
-
 #include <memory>
 #include <optional>
 #include <string>
+#include <sys/types.h>
 
 #include "korvex/receiver/Limits.h"
 #include "queue/MessageQueue.h"

@@ -1,14 +1,13 @@
 #include "queues/QueueObject.h"
 
+#include <cerrno>
 #include <fcntl.h>
+#include <filesystem>
 #include <stdio.h>
+#include <string_view>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <unistd.h>
-
-#include <cerrno>
-#include <filesystem>
-#include <string_view>
 #include <utility>
 
 #include "korvex/receiver/SystemError.h"

@@ -1,9 +1,8 @@
 #ifndef KORVEX_RECEIVER_QUEUE_OBJECT_H
 #define KORVEX_RECEIVER_QUEUE_OBJECT_H
 
-#include <sys/stat.h>
-
 #include <string>
+#include <sys/stat.h>
 #include <vector>
 
 namespace korvex::receiver {

@@ -1,9 +1,8 @@
 #include "queues/QueuePair.h"
 
 #include <korvex/ShmWriter.h>
-#include <unistd.h>
-
 #include <stdexcept>
+#include <unistd.h>
 
 #include "queues/Leftovers.h"
 #include "queues/QueueObject.h"

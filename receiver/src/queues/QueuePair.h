@@ -1,9 +1,8 @@
 #ifndef KORVEX_RECEIVER_QUEUE_PAIR_H
 #define KORVEX_RECEIVER_QUEUE_PAIR_H
 
-#include <sys/types.h>
-
 #include <string>
+#include <sys/types.h>
 
 #include "korvex/receiver/Receiver.h"
 #include "queue/MessageQueue.h"

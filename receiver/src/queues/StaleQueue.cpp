@@ -1,12 +1,11 @@
 #include "queues/StaleQueue.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <chrono>
 #include <stdexcept>
+#include <sys/stat.h>
 #include <thread>
+#include <unistd.h>
 #include <utility>
 
 #include "korvex/receiver/SystemError.h"

@@ -2,7 +2,6 @@
 #define KORVEX_RECEIVER_REPLY_H
 
 #include <korvex/ShmCommon.h>
-
 #include <string>
 
 namespace korvex::receiver {

@@ -1,10 +1,9 @@
 #include "korvex/receiver/StreamDigest.h"
 
-#include <xxh_x86dispatch.h>
-
 #include <cinttypes>
 #include <cstdio>
 #include <new>
+#include <xxh_x86dispatch.h>
 
 namespace korvex::receiver {
 

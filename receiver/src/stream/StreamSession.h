@@ -1,10 +1,9 @@
 #ifndef KORVEX_RECEIVER_STREAM_SESSION_H
 #define KORVEX_RECEIVER_STREAM_SESSION_H
 
-#include <korvex/ShmBatch.h>
-
 #include <chrono>
 #include <cstdint>
+#include <korvex/ShmBatch.h>
 #include <memory>
 #include <optional>
 #include <string>

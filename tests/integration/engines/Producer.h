@@ -2,12 +2,11 @@
 #define TESTS_INTEGRATION_ENGINES_PRODUCER_H
 
 #include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "support/Process.h"
 

@@ -1,10 +1,9 @@
 // Streams into real backup engines. Each one's own tools say what it has stored.
 
-#include <gmock/gmock.h>
-#include <signal.h>
-
 #include <fstream>
+#include <gmock/gmock.h>
 #include <iterator>
+#include <signal.h>
 #include <sstream>
 #include <tuple>
 

@@ -1,10 +1,9 @@
 // Uses the installed library as a product would: packs two records, reads them back, catches an
 // error of the library by the platform's type.
+#include <iostream>
 #include <korvex/ShmBatch.h>
 #include <korvex/ShmWriter.h>
 #include <korvex/Status.h>
-
-#include <iostream>
 #include <queue>
 
 namespace {

@@ -1,9 +1,8 @@
 // A platform of somebody else's: the same functions, tracing always on, lines to standard output.
-#include <qmx/log.h>
-#include <qmx/trace.h>
-
 #include <cstdarg>
 #include <cstdio>
+#include <qmx/log.h>
+#include <qmx/trace.h>
 
 namespace {
 

@@ -1,6 +1,6 @@
-#include "common/Printable.h"
-
 #include <gtest/gtest.h>
+
+#include "common/Printable.h"
 
 using korvex::common::byteText;
 using korvex::common::printable;

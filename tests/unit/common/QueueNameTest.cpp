@@ -1,9 +1,7 @@
-#include "common/QueueName.h"
-
 #include <gtest/gtest.h>
-
 #include <set>
 
+#include "common/QueueName.h"
 #include "support/HostileNames.h"
 
 using korvex::common::fileNameOf;

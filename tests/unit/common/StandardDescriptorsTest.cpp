@@ -1,10 +1,9 @@
-#include "common/StandardDescriptors.h"
-
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <string>
 #include <unistd.h>
 
-#include <string>
+#include "common/StandardDescriptors.h"
 
 namespace {
 

@@ -1,13 +1,11 @@
-#include "korvex/ServerInfo.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
 #include <iomanip>
 #include <sstream>
 #include <stdexcept>
 #include <type_traits>
 
+#include "korvex/ServerInfo.h"
 #include "unit/shm/StreamState.h"
 
 using korvex::ServerInfo;

@@ -1,5 +1,4 @@
 #include <iostream>
-
 #include <korvex/UniqueIdGenerator.h>
 
 int main() {

@@ -1,5 +1,4 @@
 #include <iostream>
-
 #include <korvex/ServerInfo.h>
 
 int main() {

@@ -1,11 +1,9 @@
-#include "inspect/CaptureFile.h"
-
+#include <fstream>
 #include <gmock/gmock.h>
 #include <unistd.h>
 
-#include <fstream>
-
 #include "Failure.h"
+#include "inspect/CaptureFile.h"
 #include "support/TemporaryFolder.h"
 #include "support/WireFormat.h"
 

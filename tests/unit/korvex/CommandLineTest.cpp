@@ -1,10 +1,8 @@
-#include "CommandLine.h"
-
-#include <gmock/gmock.h>
 #include <CLI/CLI.hpp>
-
+#include <gmock/gmock.h>
 #include <sstream>
 
+#include "CommandLine.h"
 #include "send/Send.h"
 
 namespace {

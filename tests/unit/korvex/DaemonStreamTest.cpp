@@ -1,9 +1,8 @@
-#include "send/DaemonStream.h"
-
 #include <gtest/gtest.h>
 #include <signal.h>
 
 #include "Failure.h"
+#include "send/DaemonStream.h"
 #include "support/Await.h"
 #include "support/FakeDaemon.h"
 

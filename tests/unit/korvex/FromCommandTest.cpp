@@ -1,11 +1,9 @@
-#include "send/FromCommand.h"
-
-#include <gmock/gmock.h>
 #include <CLI/CLI.hpp>
-
+#include <gmock/gmock.h>
 #include <sstream>
 
 #include "CommandLine.h"
+#include "send/FromCommand.h"
 #include "send/Send.h"
 
 namespace {

@@ -1,9 +1,8 @@
-#include "inspect/HexDump.h"
-
 #include <gtest/gtest.h>
-
 #include <sstream>
 #include <string>
+
+#include "inspect/HexDump.h"
 
 namespace {
 

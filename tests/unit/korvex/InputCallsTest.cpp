@@ -1,12 +1,11 @@
 // The calls that read the input, where the system interrupts them or has nothing to give.
 
-#include <gmock/gmock.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <deque>
 #include <filesystem>
 #include <fstream>
+#include <gmock/gmock.h>
+#include <unistd.h>
 
 #include "Failure.h"
 #include "InputReader.h"

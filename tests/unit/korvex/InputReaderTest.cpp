@@ -1,6 +1,8 @@
-#include "InputReader.h"
-
+#include <cerrno>
 #include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <future>
 #include <gmock/gmock.h>
 #include <signal.h>
 #include <sys/ioctl.h>
@@ -8,15 +10,11 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/un.h>
+#include <thread>
 #include <unistd.h>
 
-#include <cerrno>
-#include <filesystem>
-#include <fstream>
-#include <future>
-#include <thread>
-
 #include "Failure.h"
+#include "InputReader.h"
 
 namespace {
 

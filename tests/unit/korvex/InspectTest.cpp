@@ -1,12 +1,10 @@
-#include "inspect/Inspect.h"
-
-#include <gmock/gmock.h>
-#include <signal.h>
-
 #include <fstream>
+#include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
+#include <signal.h>
 #include <sstream>
 
+#include "inspect/Inspect.h"
 #include "integration/HostileBatches.h"
 #include "korvex/receiver/BatchCheck.h"
 #include "support/TemporaryFolder.h"

@@ -1,8 +1,7 @@
-#include "Progress.h"
-
 #include <gtest/gtest.h>
-
 #include <sstream>
+
+#include "Progress.h"
 
 namespace {
 

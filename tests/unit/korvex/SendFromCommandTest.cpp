@@ -1,12 +1,11 @@
 #include <fcntl.h>
+#include <future>
 #include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
 #include <signal.h>
+#include <sstream>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <future>
-#include <nlohmann/json.hpp>
-#include <sstream>
 
 #include "send/Send.h"
 #include "support/Await.h"

@@ -1,6 +1,6 @@
-#include "send/SendReport.h"
-
 #include <gtest/gtest.h>
+
+#include "send/SendReport.h"
 
 using korvex::tool::SendReport;
 

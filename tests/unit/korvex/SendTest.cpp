@@ -1,21 +1,18 @@
-#include "send/Send.h"
-
 #include <fcntl.h>
-#include <gmock/gmock.h>
-#include <signal.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <gmock/gmock.h>
+#include <korvex/ShmWriter.h>
+#include <signal.h>
 #include <sstream>
+#include <sys/stat.h>
 #include <thread>
+#include <unistd.h>
 #include <utility>
 
-#include <korvex/ShmWriter.h>
-
 #include "queue/QueueView.h"
+#include "send/Send.h"
 #include "support/FakeDaemon.h"
 #include "support/SharedObject.h"
 #include "support/WireFormat.h"

@@ -1,20 +1,18 @@
-#include "send/SourceCommand.h"
-
+#include <algorithm>
+#include <cerrno>
 #include <fcntl.h>
+#include <filesystem>
+#include <fstream>
 #include <gmock/gmock.h>
 #include <signal.h>
+#include <sstream>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-
 #include "Failure.h"
+#include "send/SourceCommand.h"
 #include "support/Await.h"
 #include "support/TemporaryFolder.h"
 

@@ -1,10 +1,9 @@
-#include "StopSignal.h"
-
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 
 #include "Failure.h"
+#include "StopSignal.h"
 
 namespace {
 

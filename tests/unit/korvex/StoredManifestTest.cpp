@@ -1,12 +1,9 @@
-#include "verify/StoredManifest.h"
-
 #include <gmock/gmock.h>
-
 #include <nlohmann/json.hpp>
 
 #include "Failure.h"
-
 #include "unit/korvex/GoodManifest.h"
+#include "verify/StoredManifest.h"
 
 namespace {
 

@@ -1,17 +1,15 @@
-#include "verify/Verify.h"
-
+#include <filesystem>
+#include <fstream>
 #include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
 #include <signal.h>
+#include <sstream>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
-#include <nlohmann/json.hpp>
-#include <sstream>
-
 #include "support/TemporaryFolder.h"
 #include "unit/korvex/GoodManifest.h"
+#include "verify/Verify.h"
 
 namespace {
 

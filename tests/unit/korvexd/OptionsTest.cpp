@@ -1,8 +1,7 @@
-#include "korvexd/Options.h"
-
 #include <gmock/gmock.h>
-
 #include <sstream>
+
+#include "korvexd/Options.h"
 
 using korvex::receiver::Receiver;
 using korvexd::Options;

@@ -1,10 +1,9 @@
+#include <cerrno>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <ostream>
 #include <qmx/log.h>
 #include <qmx/sink.h>
-
-#include <cerrno>
-#include <ostream>
 #include <string>
 #include <vector>
 

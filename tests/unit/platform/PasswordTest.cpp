@@ -1,5 +1,8 @@
+#include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <iomanip>
+#include <iostream>
 #include <korvex/Logger.h>
 #include <korvex/ServerInfo.h>
 #include <korvex/ShmBatch.h>
@@ -8,10 +11,6 @@
 #include <qmx/log.h>
 #include <qmx/sink.h>
 #include <qmx/trace.h>
-
-#include <functional>
-#include <iomanip>
-#include <iostream>
 #include <sstream>
 #include <stdexcept>
 #include <string>

@@ -1,18 +1,17 @@
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <ctime>
 #include <fcntl.h>
+#include <filesystem>
+#include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <qmx/error.h>
 #include <qmx/log.h>
 #include <qmx/sink.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <chrono>
-#include <cstdlib>
-#include <ctime>
-#include <filesystem>
-#include <fstream>
 #include <stdexcept>
+#include <unistd.h>
 
 #include "unit/platform/Support.h"
 

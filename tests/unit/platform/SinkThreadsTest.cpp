@@ -1,3 +1,6 @@
+#include <algorithm>
+#include <atomic>
+#include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -5,12 +8,8 @@
 #include <qmx/sink.h>
 #include <qmx/trace.h>
 #include <sys/wait.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <atomic>
-#include <functional>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 #include "unit/platform/Support.h"

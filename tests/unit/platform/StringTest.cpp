@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
-#include <qmx/string.h>
-
 #include <memory>
+#include <qmx/string.h>
 #include <string>
 
 namespace {

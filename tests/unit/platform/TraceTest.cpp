@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <qmx/sink.h>
 #include <qmx/trace.h>
-
 #include <thread>
 
 namespace {

@@ -1,16 +1,15 @@
 // Whether the owner of a queue's lock is gone, as far as the system tells.
 
+#include <cerrno>
+#include <cstdint>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <string>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <cerrno>
-#include <cstdint>
-#include <string>
 
 #include "queue/QueueView.h"
 #include "support/DaemonQueues.h"

@@ -1,13 +1,11 @@
-#include "queue/MessageQueue.h"
-
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-
 #include <boost/interprocess/exceptions.hpp>
 #include <cstring>
 #include <functional>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <thread>
 
+#include "queue/MessageQueue.h"
 #include "support/DaemonQueues.h"
 #include "support/SharedObject.h"
 

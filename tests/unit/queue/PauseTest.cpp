@@ -1,24 +1,22 @@
-#include "queue/Pause.h"
-
+#include <atomic>
+#include <cerrno>
 #include <fcntl.h>
+#include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <memory>
 #include <pthread.h>
 #include <sched.h>
+#include <string>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
-
-#include <atomic>
-#include <cerrno>
-#include <functional>
-#include <memory>
-#include <string>
 #include <vector>
 
 #include "korvex/ShmWriter.h"
 #include "queue/MessageQueue.h"
+#include "queue/Pause.h"
 #include "support/DaemonQueues.h"
 #include "support/SharedObject.h"
 

@@ -1,10 +1,9 @@
 // The exact edges of what counts as a queue and of what is done for one.
 
-#include <gtest/gtest.h>
-
 #include <cerrno>
 #include <cstdint>
 #include <fstream>
+#include <gtest/gtest.h>
 #include <string>
 #include <utility>
 

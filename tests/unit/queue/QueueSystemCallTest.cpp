@@ -1,16 +1,15 @@
 // The queue's units when the system refuses, or when something happens between two of their calls.
 
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <boost/interprocess/exceptions.hpp>
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstring>
+#include <fcntl.h>
+#include <gtest/gtest.h>
 #include <string>
+#include <sys/mman.h>
+#include <unistd.h>
 #include <vector>
 
 #include "queue/MessageQueue.h"

@@ -1,18 +1,16 @@
-#include "queue/QueueView.h"
-
+#include <cerrno>
 #include <fcntl.h>
+#include <fstream>
+#include <future>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
-#include <cerrno>
-#include <fstream>
-#include <future>
-#include <thread>
-
+#include "queue/QueueView.h"
 #include "support/DaemonQueues.h"
 #include "support/Namespaces.h"
 #include "support/SharedObject.h"

@@ -1,7 +1,6 @@
+#include <cerrno>
 #include <gtest/gtest.h>
 #include <signal.h>
-
-#include <cerrno>
 
 #include "queue/MessageQueue.h"
 #include "support/DaemonQueues.h"

@@ -3,14 +3,13 @@
 
 #include "unit/queue/SystemCalls.h"
 
+#include <cerrno>
+#include <cstdarg>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/mman.h>
 #include <unistd.h>
-
-#include <cerrno>
-#include <cstdarg>
 
 namespace korvex::test::system_calls {
 namespace {

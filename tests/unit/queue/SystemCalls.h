@@ -1,12 +1,11 @@
 #ifndef TESTS_UNIT_SYSTEM_CALLS_H
 #define TESTS_UNIT_SYSTEM_CALLS_H
 
+#include <cstddef>
+#include <functional>
 #include <poll.h>
 #include <sys/stat.h>
 #include <sys/types.h>
-
-#include <cstddef>
-#include <functional>
 
 /// Stands between a test program and the system: the program's own definitions of these calls come
 /// before the system's, and do what the test wants or else what the system does.

@@ -1,7 +1,6 @@
-#include "korvex/receiver/BatchCheck.h"
-
 #include <gtest/gtest.h>
 
+#include "korvex/receiver/BatchCheck.h"
 #include "support/WireFormat.h"
 
 using korvex::receiver::BatchCheck;

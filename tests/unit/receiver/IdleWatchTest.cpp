@@ -1,21 +1,19 @@
-#include "korvex/receiver/IdleWatch.h"
-
 #include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include <functional>
 #include <future>
+#include <gtest/gtest.h>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <sys/mman.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 #include "idle/IdleWatcher.h"
 #include "korvex/ShmWriter.h"
 #include "korvex/receiver/BusErrorGuard.h"
+#include "korvex/receiver/IdleWatch.h"
 #include "korvex/receiver/Receiver.h"
 #include "support/Await.h"
 #include "support/LockHolder.h"

@@ -1,5 +1,3 @@
-#include "queues/QueuePair.h"
-
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/mman.h>
@@ -7,6 +5,7 @@
 #include <unistd.h>
 
 #include "korvex/receiver/SystemError.h"
+#include "queues/QueuePair.h"
 #include "support/Child.h"
 #include "support/Queues.h"
 #include "support/TemporaryFolder.h"

@@ -1,10 +1,9 @@
-#include "korvex/receiver/QueueSurvey.h"
-
 #include <gmock/gmock.h>
 #include <sys/file.h>
 
 #include "korvex/receiver/BusErrorGuard.h"
 #include "korvex/receiver/Leftovers.h"
+#include "korvex/receiver/QueueSurvey.h"
 #include "queues/QueueObject.h"
 #include "support/Child.h"
 #include "support/DaemonQueues.h"

@@ -1,8 +1,7 @@
-#include "korvex/receiver/Receipt.h"
-
+#include <cstring>
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include "korvex/receiver/Receipt.h"
 
 namespace {
 

@@ -1,15 +1,13 @@
-#include "korvex/receiver/Receiver.h"
-
-#include <gmock/gmock.h>
-
 #include <atomic>
 #include <chrono>
+#include <gmock/gmock.h>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "korvex/ShmWriter.h"
 #include "korvex/receiver/QueueStatus.h"
+#include "korvex/receiver/Receiver.h"
 #include "support/Await.h"
 #include "support/Queues.h"
 

@@ -1,11 +1,9 @@
-#include "korvex/receiver/ReplyQueue.h"
-
+#include <exception>
 #include <gtest/gtest.h>
 #include <pthread.h>
 
-#include <exception>
-
 #include "korvex/receiver/Receipt.h"
+#include "korvex/receiver/ReplyQueue.h"
 #include "support/DaemonQueues.h"
 #include "support/SharedObject.h"
 

@@ -1,10 +1,9 @@
-#include "korvex/receiver/Receipt.h"
-#include "stream/Reply.h"
-
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "korvex/receiver/Receipt.h"
 #include "queues/QueuePair.h"
+#include "stream/Reply.h"
 #include "stream/ReplySender.h"
 #include "support/Namespaces.h"
 #include "support/Queues.h"

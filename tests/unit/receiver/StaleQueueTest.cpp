@@ -1,13 +1,11 @@
-#include "queues/StaleQueue.h"
-
+#include <functional>
 #include <gmock/gmock.h>
+#include <memory>
+#include <stdexcept>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <functional>
-#include <memory>
-#include <stdexcept>
-
+#include "queues/StaleQueue.h"
 #include "support/DaemonQueues.h"
 #include "support/Queues.h"
 

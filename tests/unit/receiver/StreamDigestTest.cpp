@@ -1,9 +1,8 @@
-#include "korvex/receiver/StreamDigest.h"
-
 #include <gtest/gtest.h>
-
 #include <string>
 #include <vector>
+
+#include "korvex/receiver/StreamDigest.h"
 
 using korvex::receiver::StreamDigest;
 

@@ -1,11 +1,9 @@
-#include "stream/StreamSession.h"
-
-#include <gmock/gmock.h>
-
 #include <functional>
+#include <gmock/gmock.h>
 
 #include "korvex/Status.h"
 #include "korvex/receiver/SystemError.h"
+#include "stream/StreamSession.h"
 #include "support/WireFormat.h"
 
 using korvex::receiver::Count;

@@ -1,5 +1,4 @@
-#include "queues/Leftovers.h"
-
+#include <algorithm>
 #include <gmock/gmock.h>
 #include <sched.h>
 #include <sys/mman.h>
@@ -8,9 +7,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
-
 #include "queue/MessageQueue.h"
+#include "queues/Leftovers.h"
 #include "support/Await.h"
 #include "support/Child.h"
 #include "support/Queues.h"

@@ -1,8 +1,7 @@
 #include <gtest/gtest.h>
+#include <optional>
 #include <qmx/log.h>
 #include <qmx/trace.h>
-
-#include <optional>
 #include <queue>
 #include <sstream>
 #include <string>

@@ -1,9 +1,8 @@
 #ifndef TESTS_UNIT_ALLOCATION_FAILURES_H
 #define TESTS_UNIT_ALLOCATION_FAILURES_H
 
-#include <gtest/gtest.h>
-
 #include <functional>
+#include <gtest/gtest.h>
 #include <new>
 #include <string>
 

@@ -1,15 +1,14 @@
 // A thread of the host is cancelled in the library. Wherever that is, the process goes on: the wait
 // ends with the thread, or the thread ends behind what must not be left half-way.
 
-#include <gtest/gtest.h>
-#include <pthread.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <functional>
+#include <gtest/gtest.h>
 #include <memory>
+#include <pthread.h>
 #include <stdexcept>
 #include <string>
+#include <unistd.h>
 
 #include "korvex/ShmWriter.h"
 #include "korvex/StreamGuard.h"

@@ -1,11 +1,9 @@
-#include "korvex/Channel.h"
-
-#include <gtest/gtest.h>
-
 #include <cstdint>
 #include <cstring>
+#include <gtest/gtest.h>
 #include <type_traits>
 
+#include "korvex/Channel.h"
 #include "korvex/ShmWriter.h"
 
 using korvex::Channel;

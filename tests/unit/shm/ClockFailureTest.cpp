@@ -1,11 +1,10 @@
 // The system cannot convert the calendar's time: deadlines are counted from it, so that nothing can
 // be sent then, and nothing may be lost either.
 
-#include <dlfcn.h>
-#include <gtest/gtest.h>
-
 #include <ctime>
+#include <dlfcn.h>
 #include <functional>
+#include <gtest/gtest.h>
 #include <memory>
 #include <stdexcept>
 #include <string>

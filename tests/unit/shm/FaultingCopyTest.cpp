@@ -1,13 +1,12 @@
 // A producer maps its input, the file shrinks, and the copy of a record faults. Its handler jumps
 // out of the call, as is usual: the record that was refused so must leave no trace in the batch.
 
+#include <algorithm>
+#include <functional>
 #include <setjmp.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <unistd.h>
-
-#include <algorithm>
-#include <functional>
 
 #include "support/ThrownError.h"
 #include "unit/shm/WriterFixture.h"

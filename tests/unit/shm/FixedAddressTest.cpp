@@ -1,7 +1,6 @@
 #include <dlfcn.h>
-#include <gtest/gtest.h>
-
 #include <exception>
+#include <gtest/gtest.h>
 #include <string>
 #include <typeinfo>
 

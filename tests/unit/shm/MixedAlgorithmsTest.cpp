@@ -2,7 +2,6 @@
 // in front of it. It must work all the same, should a later writer clear it.
 
 #include <korvex/ShmWriter.h>
-
 #include <string>
 
 #include "korvex/Status.h"

@@ -1,13 +1,11 @@
-#include "korvex/ShmBatch.h"
-
-#include <gtest/gtest.h>
-
 #include <cstddef>
 #include <cstring>
+#include <gtest/gtest.h>
 #include <string>
 #include <type_traits>
 #include <vector>
 
+#include "korvex/ShmBatch.h"
 #include "korvex/Status.h"
 #include "support/PlatformDouble.h"
 #include "support/ThrownError.h"

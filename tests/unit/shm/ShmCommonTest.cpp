@@ -1,15 +1,13 @@
-#include "korvex/ShmCommon.h"
-
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <gtest/gtest.h>
 #include <new>
 #include <sstream>
 #include <tuple>
 #include <type_traits>
 
+#include "korvex/ShmCommon.h"
 #include "korvex/Status.h"
 #include "support/Bytes.h"
 #include "support/ThrownError.h"

@@ -1,9 +1,7 @@
-#include "korvex/ShmWriter.h"
-
+#include <boost/interprocess/exceptions.hpp>
 #include <qmx/trace.h>
 
-#include <boost/interprocess/exceptions.hpp>
-
+#include "korvex/ShmWriter.h"
 #include "korvex/Status.h"
 #include "support/SharedObject.h"
 #include "unit/shm/WriterFixture.h"

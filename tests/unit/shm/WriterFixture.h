@@ -1,10 +1,9 @@
 #ifndef TESTS_UNIT_WRITER_FIXTURE_H
 #define TESTS_UNIT_WRITER_FIXTURE_H
 
+#include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <functional>
 #include <memory>
 #include <queue>
 #include <sstream>

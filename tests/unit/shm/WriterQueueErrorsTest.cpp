@@ -1,13 +1,12 @@
-#include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstring>
 #include <exception>
 #include <functional>
+#include <gtest/gtest.h>
 #include <stdexcept>
 #include <string>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "korvex/ShmWriter.h"
 #include "support/DaemonQueues.h"

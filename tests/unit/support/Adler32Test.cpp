@@ -1,10 +1,8 @@
-#include "support/Adler32.h"
-
 #include <gtest/gtest.h>
+#include <string>
 #include <zlib.h>
 
-#include <string>
-
+#include "support/Adler32.h"
 #include "support/Bytes.h"
 
 namespace {

@@ -1,9 +1,8 @@
-#include "support/AutoLock.h"
-
 #include <gtest/gtest.h>
-
 #include <memory>
 #include <type_traits>
+
+#include "support/AutoLock.h"
 
 namespace {
 

@@ -1,7 +1,6 @@
-#include "support/BigEndian.h"
-
 #include <gtest/gtest.h>
 
+#include "support/BigEndian.h"
 #include "support/Bytes.h"
 
 TEST(BigEndian, Puts32BitsMostSignificantByteFirst) {

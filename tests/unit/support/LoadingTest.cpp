@@ -1,11 +1,10 @@
-#include <dlfcn.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
-
 #include <cstring>
+#include <dlfcn.h>
 #include <fstream>
+#include <gtest/gtest.h>
 #include <stdexcept>
 #include <string>
+#include <unistd.h>
 
 #include "korvex/Channel.h"
 #include "korvex/UniqueIdGenerator.h"

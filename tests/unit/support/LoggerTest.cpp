@@ -1,15 +1,12 @@
-#include "korvex/Logger.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
+#include <qmx/trace.h>
 #include <stdexcept>
 #include <thread>
 #include <type_traits>
 #include <vector>
 
-#include <qmx/trace.h>
-
+#include "korvex/Logger.h"
 #include "support/PlatformDouble.h"
 
 using namespace korvex::server;

@@ -1,9 +1,7 @@
-#include "support/Text.h"
-
+#include <cstdint>
 #include <gtest/gtest.h>
 
-#include <cstdint>
-
+#include "support/Text.h"
 #include "support/ThrownError.h"
 #include "unit/shm/StreamState.h"
 

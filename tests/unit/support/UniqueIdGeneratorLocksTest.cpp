@@ -1,18 +1,16 @@
-#include "korvex/UniqueIdGenerator.h"
-
-#include <dlfcn.h>
-#include <semaphore.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <array>
 #include <cstdlib>
+#include <dlfcn.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <new>
+#include <semaphore.h>
+#include <sys/wait.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
+
+#include "korvex/UniqueIdGenerator.h"
 
 // A program of its own: it takes the place of the system's mutex calls and of the allocator, which
 // the sanitizers need for themselves.

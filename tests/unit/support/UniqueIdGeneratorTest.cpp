@@ -1,11 +1,7 @@
-#include "korvex/UniqueIdGenerator.h"
-
+#include <cstring>
 #include <dlfcn.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <cstring>
 #include <locale>
 #include <set>
 #include <stdexcept>
@@ -13,6 +9,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "korvex/UniqueIdGenerator.h"
 #include "support/PlatformDouble.h"
 
 using korvex::UniqueIdGenerator;

@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <korvex/receiver/BatchCheck.h>
 #include <map>
 #include <string_view>
 #include <utility>
 
-#include <korvex/receiver/BatchCheck.h>
 #include "Failure.h"
 #include "InputReader.h"
 #include "common/Printable.h"

@@ -1,12 +1,10 @@
 #include "inspect/Inspect.h"
 
 #include <CLI/CLI.hpp>
-
+#include <korvex/ShmBatch.h>
+#include <korvex/receiver/BatchCheck.h>
 #include <ostream>
 
-#include <korvex/ShmBatch.h>
-
-#include <korvex/receiver/BatchCheck.h>
 #include "Failure.h"
 #include "inspect/CaptureFile.h"
 #include "inspect/InspectPrinter.h"

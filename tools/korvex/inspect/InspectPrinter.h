@@ -3,10 +3,9 @@
 
 #include <cstddef>
 #include <iosfwd>
+#include <korvex/ShmBatch.h>
 #include <memory>
 #include <string>
-
-#include <korvex/ShmBatch.h>
 
 #include "Failure.h"
 #include "inspect/CaptureFile.h"

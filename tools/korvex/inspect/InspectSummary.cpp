@@ -1,10 +1,10 @@
 #include "inspect/InspectSummary.h"
 
 #include <algorithm>
+#include <korvex/RecordType.h>
 #include <nlohmann/json.hpp>
 #include <numeric>
 
-#include <korvex/RecordType.h>
 #include "common/Printable.h"
 #include "inspect/JsonLine.h"
 

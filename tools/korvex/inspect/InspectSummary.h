@@ -3,12 +3,11 @@
 
 #include <array>
 #include <cstdint>
+#include <korvex/ShmCommon.h>
 #include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <vector>
-
-#include <korvex/ShmCommon.h>
 
 #include "inspect/CaptureFile.h"
 

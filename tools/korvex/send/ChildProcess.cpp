@@ -1,19 +1,18 @@
 #include "send/ChildProcess.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
 #include <string.h>
+#include <string_view>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <cstdlib>
-#include <string_view>
 #include <system_error>
+#include <unistd.h>
 
 #include "Failure.h"
 #include "LookUntil.h"

@@ -1,11 +1,10 @@
 #ifndef KORVEX_TOOL_CHILD_PROCESS_H
 #define KORVEX_TOOL_CHILD_PROCESS_H
 
-#include <sys/types.h>
-
 #include <chrono>
 #include <optional>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 namespace korvex::tool {

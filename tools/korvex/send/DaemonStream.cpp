@@ -1,15 +1,14 @@
 #include "send/DaemonStream.h"
 
-#include <qmx/trace.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <exception>
+#include <korvex/receiver/Receipt.h>
+#include <qmx/trace.h>
 #include <string_view>
 #include <utility>
 #include <vector>
 
-#include <korvex/receiver/Receipt.h>
 #include "Failure.h"
 #include "LookUntil.h"
 #include "common/Printable.h"

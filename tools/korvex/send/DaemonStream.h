@@ -3,13 +3,12 @@
 
 #include <chrono>
 #include <cstddef>
-#include <memory>
-#include <optional>
-#include <string>
-
 #include <korvex/ShmWriter.h>
 #include <korvex/receiver/QueueStatus.h>
 #include <korvex/receiver/ReplyQueue.h>
+#include <memory>
+#include <optional>
+#include <string>
 
 #include "StopSignal.h"
 

@@ -2,10 +2,9 @@
 
 #include <poll.h>
 #include <signal.h>
-#include <unistd.h>
-
 #include <string>
 #include <system_error>
+#include <unistd.h>
 
 namespace korvex::tool {
 namespace {

@@ -1,18 +1,17 @@
 #include "send/Send.h"
 
 #include <CLI/CLI.hpp>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <korvex/receiver/BusErrorGuard.h>
+#include <korvex/receiver/Receipt.h>
+#include <korvex/receiver/StreamDigest.h>
 #include <memory>
 #include <optional>
 #include <ostream>
 #include <utility>
 
-#include <korvex/receiver/BusErrorGuard.h>
-#include <korvex/receiver/Receipt.h>
-#include <korvex/receiver/StreamDigest.h>
 #include "Failure.h"
 #include "InputReader.h"
 #include "common/CommandLine.h"

@@ -3,9 +3,8 @@
 
 #include <cstdint>
 #include <optional>
-#include <string>
-
 #include <qmx/error.h>
+#include <string>
 
 #include "send/ChildProcess.h"
 

@@ -1,12 +1,11 @@
 #include "send/SourceCommand.h"
 
+#include <cerrno>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <system_error>
+#include <unistd.h>
 #include <utility>
 
 #include "Failure.h"

@@ -2,11 +2,10 @@
 #define KORVEX_TOOL_SOURCE_COMMAND_H
 
 #include <memory>
+#include <qmx/error.h>
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <qmx/error.h>
 
 #include "Input.h"
 #include "StopSignal.h"

@@ -1,15 +1,13 @@
 #include "status/Clean.h"
 
-#include <korvex/receiver/BusErrorGuard.h>
-#include <poll.h>
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
-
 #include <algorithm>
 #include <cerrno>
+#include <korvex/receiver/BusErrorGuard.h>
 #include <nlohmann/json.hpp>
 #include <ostream>
+#include <poll.h>
+#include <unistd.h>
 
 #include "common/ExitCode.h"
 #include "common/Printable.h"

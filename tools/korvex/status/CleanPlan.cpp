@@ -1,11 +1,10 @@
 #include "status/CleanPlan.h"
 
+#include <exception>
 #include <korvex/receiver/Leftovers.h>
 #include <korvex/receiver/QueueSurvey.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <exception>
 
 #include "common/Printable.h"
 #include "status/PairState.h"

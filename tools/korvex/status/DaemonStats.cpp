@@ -1,17 +1,16 @@
 #include "status/DaemonStats.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <time.h>
-#include <toml++/toml.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdio>
+#include <fcntl.h>
 #include <fstream>
 #include <iterator>
 #include <nlohmann/json.hpp>
+#include <sys/stat.h>
 #include <system_error>
+#include <time.h>
+#include <toml++/toml.h>
+#include <unistd.h>
 #include <vector>
 
 #include "Failure.h"

@@ -1,13 +1,12 @@
 #ifndef KORVEX_TOOL_DAEMON_STATS_H
 #define KORVEX_TOOL_DAEMON_STATS_H
 
-#include <sys/types.h>
-
 #include <cstdint>
 #include <ctime>
 #include <map>
 #include <optional>
 #include <string>
+#include <sys/types.h>
 
 namespace korvex::tool {
 

@@ -1,13 +1,12 @@
 #include "status/PairState.h"
 
-#include <korvex/ShmWriter.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <fstream>
+#include <korvex/ShmWriter.h>
+#include <sys/stat.h>
 #include <system_error>
+#include <unistd.h>
 
 #include "common/Printable.h"
 

@@ -1,14 +1,13 @@
 #ifndef KORVEX_TOOL_PAIR_STATE_H
 #define KORVEX_TOOL_PAIR_STATE_H
 
+#include <cstdint>
 #include <korvex/receiver/Limits.h>
 #include <korvex/receiver/QueueStatus.h>
 #include <korvex/receiver/QueueSurvey.h>
-#include <sys/types.h>
-
-#include <cstdint>
 #include <optional>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 namespace korvex::tool {

@@ -1,15 +1,13 @@
 #include "status/Status.h"
 
+#include <CLI/CLI.hpp>
 #include <korvex/receiver/BusErrorGuard.h>
 #include <korvex/receiver/QueueSurvey.h>
+#include <map>
+#include <ostream>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
-
-#include <CLI/CLI.hpp>
-
-#include <map>
-#include <ostream>
 
 #include "common/Printable.h"
 #include "common/QueueName.h"

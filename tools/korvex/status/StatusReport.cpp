@@ -1,13 +1,12 @@
 #include "status/StatusReport.h"
 
-#include <grp.h>
-#include <pwd.h>
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <grp.h>
 #include <nlohmann/json.hpp>
+#include <pwd.h>
+#include <sys/stat.h>
 #include <system_error>
 
 #include "common/ExitCode.h"

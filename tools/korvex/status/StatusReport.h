@@ -1,9 +1,8 @@
 #ifndef KORVEX_TOOL_STATUS_REPORT_H
 #define KORVEX_TOOL_STATUS_REPORT_H
 
-#include <korvex/receiver/Leftovers.h>
-
 #include <ctime>
+#include <korvex/receiver/Leftovers.h>
 #include <optional>
 #include <string>
 #include <vector>

@@ -1,10 +1,9 @@
 #include "verify/StoredStream.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <filesystem>
 #include <string_view>
+#include <sys/stat.h>
 #include <system_error>
 
 #include "Failure.h"

@@ -1,14 +1,13 @@
 #include "verify/StreamCheck.h"
 
+#include <cerrno>
 #include <fcntl.h>
+#include <korvex/receiver/StreamDigest.h>
+#include <optional>
 #include <sys/stat.h>
+#include <system_error>
 #include <unistd.h>
 
-#include <cerrno>
-#include <optional>
-#include <system_error>
-
-#include <korvex/receiver/StreamDigest.h>
 #include "Failure.h"
 #include "common/Printable.h"
 #include "common/Sha256.h"

@@ -1,7 +1,6 @@
 #include "verify/Verify.h"
 
 #include <CLI/CLI.hpp>
-
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>

@@ -1,14 +1,13 @@
 #include "korvexd/config/ConfigFile.h"
 
-#include <fcntl.h>
-#include <korvex/receiver/SystemError.h>
-#include <toml++/toml.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <fcntl.h>
+#include <korvex/receiver/SystemError.h>
 #include <sstream>
+#include <toml++/toml.h>
+#include <unistd.h>
 
 #include "common/QueueName.h"
 #include "korvexd/config/Keys.h"

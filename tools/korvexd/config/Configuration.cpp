@@ -1,8 +1,7 @@
 #include "korvexd/config/Configuration.h"
 
-#include <korvex/ShmWriter.h>
-
 #include <algorithm>
+#include <korvex/ShmWriter.h>
 #include <map>
 #include <ostream>
 #include <utility>

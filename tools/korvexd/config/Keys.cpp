@@ -1,12 +1,11 @@
 #include "korvexd/config/Keys.h"
 
-#include <grp.h>
-#include <sys/types.h>
-
 #include <charconv>
 #include <chrono>
+#include <grp.h>
 #include <limits>
 #include <string_view>
+#include <sys/types.h>
 
 #include "common/CommandLine.h"
 

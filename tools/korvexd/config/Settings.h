@@ -1,9 +1,8 @@
 #ifndef KORVEXD_CONFIG_SETTINGS_H
 #define KORVEXD_CONFIG_SETTINGS_H
 
-#include <korvex/receiver/Receiver.h>
-
 #include <chrono>
+#include <korvex/receiver/Receiver.h>
 #include <optional>
 #include <string>
 #include <tuple>

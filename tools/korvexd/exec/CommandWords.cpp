@@ -1,15 +1,13 @@
 #include "korvexd/exec/CommandWords.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdlib>
+#include <fcntl.h>
+#include <korvex/receiver/SystemError.h>
 #include <sstream>
 #include <stdexcept>
-
-#include <korvex/receiver/SystemError.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace korvexd {
 

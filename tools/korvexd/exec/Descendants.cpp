@@ -1,21 +1,20 @@
 #include "korvexd/exec/Descendants.h"
 
+#include <array>
+#include <cerrno>
+#include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
+#include <korvex/receiver/SystemError.h>
+#include <map>
+#include <memory>
 #include <signal.h>
+#include <string>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
-#include <array>
-#include <cerrno>
-#include <cstdlib>
-#include <map>
-#include <memory>
-#include <string>
-
-#include <korvex/receiver/SystemError.h>
 #include "korvexd/os/File.h"
 
 namespace korvexd {

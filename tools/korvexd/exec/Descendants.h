@@ -1,9 +1,8 @@
 #ifndef KORVEXD_DESCENDANTS_H
 #define KORVEXD_DESCENDANTS_H
 
-#include <sys/types.h>
-
 #include <set>
+#include <sys/types.h>
 
 namespace korvexd {
 

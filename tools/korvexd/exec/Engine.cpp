@@ -1,17 +1,15 @@
 #include "korvexd/exec/Engine.h"
 
+#include <algorithm>
+#include <cerrno>
+#include <exception>
 #include <fcntl.h>
+#include <korvex/receiver/SystemError.h>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <exception>
 #include <utility>
-
-#include <korvex/receiver/SystemError.h>
 
 namespace korvexd {
 

@@ -1,14 +1,13 @@
 #ifndef KORVEXD_ENGINE_H
 #define KORVEXD_ENGINE_H
 
-#include <sys/types.h>
-
 #include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 #include "korvexd/exec/EngineLog.h"

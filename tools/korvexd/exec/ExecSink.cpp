@@ -1,13 +1,12 @@
 #include "korvexd/exec/ExecSink.h"
 
-#include <time.h>
-
 #include <algorithm>
 #include <cerrno>
+#include <korvex/receiver/SystemError.h>
 #include <stdexcept>
+#include <time.h>
 #include <utility>
 
-#include <korvex/receiver/SystemError.h>
 #include "korvexd/exec/ExecStore.h"
 
 namespace korvexd {

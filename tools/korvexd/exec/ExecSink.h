@@ -3,11 +3,11 @@
 
 #include <chrono>
 #include <functional>
+#include <korvex/receiver/Sink.h>
 #include <memory>
 #include <optional>
 #include <string>
 
-#include <korvex/receiver/Sink.h>
 #include "korvexd/exec/Engine.h"
 
 namespace korvexd {

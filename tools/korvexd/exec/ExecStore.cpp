@@ -1,8 +1,7 @@
 #include "korvexd/exec/ExecStore.h"
 
-#include <spdlog/fmt/chrono.h>
-
 #include <algorithm>
+#include <spdlog/fmt/chrono.h>
 #include <utility>
 
 #include "common/QueueName.h"

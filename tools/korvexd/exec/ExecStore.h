@@ -5,13 +5,13 @@
 #include <cstdint>
 #include <ctime>
 #include <functional>
+#include <korvex/receiver/Sink.h>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
-#include <korvex/receiver/Sink.h>
 #include "korvexd/exec/Engine.h"
 #include "korvexd/exec/Keepers.h"
 

@@ -1,11 +1,10 @@
 #ifndef KORVEXD_KEEPERS_H
 #define KORVEXD_KEEPERS_H
 
-#include <sys/types.h>
-
 #include <functional>
 #include <mutex>
 #include <set>
+#include <sys/types.h>
 
 namespace korvexd {
 

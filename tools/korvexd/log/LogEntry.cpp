@@ -1,8 +1,7 @@
 #include "korvexd/log/LogEntry.h"
 
-#include <spdlog/spdlog.h>
-
 #include <exception>
+#include <spdlog/spdlog.h>
 
 namespace korvexd {
 namespace {

@@ -1,11 +1,10 @@
 #ifndef KORVEXD_LOG_ENTRY_H
 #define KORVEXD_LOG_ENTRY_H
 
-#include <spdlog/common.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <exception>
+#include <spdlog/common.h>
 #include <string>
 #include <utility>
 #include <variant>

@@ -1,12 +1,11 @@
 #include "korvexd/log/LogFormat.h"
 
-#include <spdlog/fmt/chrono.h>
-#include <spdlog/pattern_formatter.h>
-#include <sys/stat.h>
-
 #include <chrono>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
+#include <spdlog/fmt/chrono.h>
+#include <spdlog/pattern_formatter.h>
+#include <sys/stat.h>
 
 #include "common/Printable.h"
 #include "common/QueueName.h"

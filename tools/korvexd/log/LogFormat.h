@@ -2,7 +2,6 @@
 #define KORVEXD_LOG_FORMAT_H
 
 #include <spdlog/common.h>
-
 #include <string>
 
 #include "korvexd/log/LogEntry.h"

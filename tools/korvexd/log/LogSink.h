@@ -1,10 +1,9 @@
 #ifndef KORVEXD_LOG_SINK_H
 #define KORVEXD_LOG_SINK_H
 
-#include <spdlog/sinks/base_sink.h>
-
 #include <chrono>
 #include <mutex>
+#include <spdlog/sinks/base_sink.h>
 #include <string>
 
 #include "korvexd/log/LogEntry.h"

@@ -1,15 +1,14 @@
 #include "korvexd/log/LogWriter.h"
 
-#include <poll.h>
-#include <signal.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <exception>
 #include <mutex>
+#include <poll.h>
+#include <signal.h>
+#include <unistd.h>
 #include <utility>
 
 #include "korvexd/os/Thread.h"

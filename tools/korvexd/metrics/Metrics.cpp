@@ -1,9 +1,8 @@
 #include "korvexd/metrics/Metrics.h"
 
-#include <spdlog/fmt/fmt.h>
-
 #include <cstdlib>
 #include <initializer_list>
+#include <spdlog/fmt/fmt.h>
 #include <utility>
 
 #include "korvexd/log/LogWriter.h"

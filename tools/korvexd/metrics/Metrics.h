@@ -1,11 +1,10 @@
 #ifndef KORVEXD_METRICS_H
 #define KORVEXD_METRICS_H
 
-#include <korvex/receiver/Counters.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <korvex/receiver/Counters.h>
 #include <string>
 #include <vector>
 

@@ -1,7 +1,6 @@
 #include "korvexd/metrics/QueueFill.h"
 
 #include <korvex/receiver/QueueStatus.h>
-
 #include <utility>
 
 namespace korvexd {

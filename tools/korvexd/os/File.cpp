@@ -1,14 +1,12 @@
 #include "korvexd/os/File.h"
 
+#include <cerrno>
 #include <fcntl.h>
+#include <korvex/receiver/SystemError.h>
 #include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
-#include <cerrno>
 #include <utility>
-
-#include <korvex/receiver/SystemError.h>
 
 namespace korvexd {
 namespace {

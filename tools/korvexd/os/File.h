@@ -1,12 +1,11 @@
 #ifndef KORVEXD_FILE_H
 #define KORVEXD_FILE_H
 
-#include <korvex/receiver/SystemError.h>
-#include <sys/types.h>
-
 #include <cstddef>
 #include <cstdint>
+#include <korvex/receiver/SystemError.h>
 #include <string>
+#include <sys/types.h>
 
 namespace korvexd {
 

@@ -1,12 +1,11 @@
 #ifndef KORVEXD_START_THREAD_H
 #define KORVEXD_START_THREAD_H
 
+#include <korvex/receiver/SystemError.h>
 #include <string>
 #include <system_error>
 #include <thread>
 #include <utility>
-
-#include <korvex/receiver/SystemError.h>
 
 namespace korvexd {
 

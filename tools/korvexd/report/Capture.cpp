@@ -1,12 +1,11 @@
 #include "korvexd/report/Capture.h"
 
-#include <fcntl.h>
-
 #include <algorithm>
+#include <fcntl.h>
 #include <filesystem>
+#include <korvex/receiver/SystemError.h>
 #include <string_view>
 
-#include <korvex/receiver/SystemError.h>
 #include "common/QueueName.h"
 
 namespace korvexd {

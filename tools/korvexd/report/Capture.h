@@ -1,10 +1,9 @@
 #ifndef KORVEXD_CAPTURE_H
 #define KORVEXD_CAPTURE_H
 
-#include <korvex/receiver/SystemError.h>
-
 #include <cstddef>
 #include <cstdint>
+#include <korvex/receiver/SystemError.h>
 #include <string>
 
 #include "korvexd/os/File.h"

@@ -1,14 +1,13 @@
 #ifndef KORVEXD_QUEUE_COUNTS_H
 #define KORVEXD_QUEUE_COUNTS_H
 
-#include <korvex/receiver/BatchCheck.h>
-#include <korvex/receiver/StreamSummary.h>
-
 #include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
+#include <korvex/receiver/BatchCheck.h>
+#include <korvex/receiver/StreamSummary.h>
 
 namespace korvexd {
 

@@ -1,9 +1,8 @@
 #include "korvexd/report/ReplacedFile.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
-
 #include <stdexcept>
+#include <sys/stat.h>
 #include <utility>
 
 #include "korvexd/os/File.h"

@@ -1,10 +1,9 @@
 #ifndef KORVEXD_STATS_FILE_H
 #define KORVEXD_STATS_FILE_H
 
+#include <korvex/receiver/Counters.h>
 #include <string>
 #include <vector>
-
-#include <korvex/receiver/Counters.h>
 
 #include "korvexd/report/ReplacedFile.h"
 #include "korvexd/report/StreamLog.h"

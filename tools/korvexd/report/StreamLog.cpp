@@ -1,8 +1,7 @@
 #include "korvexd/report/StreamLog.h"
 
-#include <spdlog/fmt/fmt.h>
-
 #include <algorithm>
+#include <spdlog/fmt/fmt.h>
 #include <utility>
 
 #include "common/Printable.h"

@@ -1,11 +1,10 @@
 #ifndef KORVEXD_REPORT_STREAM_LOG_H
 #define KORVEXD_REPORT_STREAM_LOG_H
 
-#include <korvex/receiver/Counters.h>
-#include <korvex/receiver/Observer.h>
-
 #include <cstdint>
 #include <ctime>
+#include <korvex/receiver/Counters.h>
+#include <korvex/receiver/Observer.h>
 #include <memory>
 #include <mutex>
 #include <optional>

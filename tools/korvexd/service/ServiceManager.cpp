@@ -1,15 +1,14 @@
 #include "korvexd/service/ServiceManager.h"
 
-#include <korvex/receiver/SystemError.h>
-#include <sys/time.h>
-#include <time.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <korvex/receiver/SystemError.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
 #include <utility>
 
 #include "korvexd/log/LogEntry.h"

@@ -1,13 +1,12 @@
 #ifndef KORVEXD_SERVICE_MANAGER_H
 #define KORVEXD_SERVICE_MANAGER_H
 
-#include <sys/socket.h>
-#include <sys/un.h>
-
 #include <chrono>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <sys/socket.h>
+#include <sys/un.h>
 
 namespace korvexd {
 

@@ -2,7 +2,6 @@
 #define KORVEXD_STATUS_TEXT_H
 
 #include <korvex/receiver/Counters.h>
-
 #include <string>
 #include <vector>
 

@@ -1,15 +1,14 @@
 #include "korvexd/sink/DirectorySink.h"
 
-#include <fcntl.h>
-#include <stdio.h>
-#include <unistd.h>
-
 #include <cerrno>
+#include <fcntl.h>
+#include <korvex/receiver/SystemError.h>
 #include <stdexcept>
+#include <stdio.h>
 #include <string>
+#include <unistd.h>
 #include <utility>
 
-#include <korvex/receiver/SystemError.h>
 #include "korvexd/sink/DirectoryStore.h"
 #include "korvexd/sink/Manifest.h"
 

@@ -2,11 +2,11 @@
 #define KORVEXD_DIRECTORY_SINK_H
 
 #include <cstdint>
+#include <korvex/receiver/Sink.h>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include <korvex/receiver/Sink.h>
 #include "common/Sha256.h"
 #include "korvexd/os/File.h"
 

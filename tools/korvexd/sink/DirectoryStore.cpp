@@ -1,14 +1,13 @@
 #include "korvexd/sink/DirectoryStore.h"
 
+#include <cerrno>
 #include <fcntl.h>
+#include <korvex/receiver/SystemError.h>
 #include <spdlog/fmt/chrono.h>
+#include <stdexcept>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <stdexcept>
-
-#include <korvex/receiver/SystemError.h>
 #include "common/QueueName.h"
 #include "korvexd/sink/DirectorySink.h"
 

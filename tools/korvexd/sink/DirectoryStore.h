@@ -4,11 +4,11 @@
 #include <atomic>
 #include <cstdint>
 #include <ctime>
+#include <korvex/receiver/Sink.h>
 #include <memory>
 #include <mutex>
 #include <string>
 
-#include <korvex/receiver/Sink.h>
 #include "korvexd/os/File.h"
 
 namespace korvexd {

@@ -1,9 +1,8 @@
 #ifndef KORVEXD_MANIFEST_H
 #define KORVEXD_MANIFEST_H
 
-#include <string>
-
 #include <korvex/receiver/Sink.h>
+#include <string>
 
 namespace korvexd {
 

@@ -1,9 +1,8 @@
 #ifndef KORVEX_RECEIVER_LEFTOVERS_H
 #define KORVEX_RECEIVER_LEFTOVERS_H
 
-#include <sys/types.h>
-
 #include <string>
+#include <sys/types.h>
 #include <vector>
 
 #include "korvex/receiver/Export.h"

@@ -1,12 +1,11 @@
 #ifndef KORVEX_RECEIVER_QUEUE_STATUS_H
 #define KORVEX_RECEIVER_QUEUE_STATUS_H
 
-#include <sys/types.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <sys/types.h>
 
 #include "korvex/receiver/Export.h"
 #include "korvex/receiver/Limits.h"

@@ -1,11 +1,10 @@
 #ifndef KORVEX_RECEIVER_QUEUE_SURVEY_H
 #define KORVEX_RECEIVER_QUEUE_SURVEY_H
 
-#include <sys/types.h>
-
 #include <map>
 #include <optional>
 #include <string>
+#include <sys/types.h>
 #include <utility>
 #include <vector>
 

@@ -1,9 +1,8 @@
 #ifndef KORVEX_RECEIVER_RECEIPT_H
 #define KORVEX_RECEIVER_RECEIPT_H
 
-#include <korvex/ShmCommon.h>
-
 #include <cstdint>
+#include <korvex/ShmCommon.h>
 #include <optional>
 #include <string>
 #include <string_view>

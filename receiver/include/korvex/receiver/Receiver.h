@@ -1,13 +1,12 @@
 #ifndef KORVEX_RECEIVER_RECEIVER_H
 #define KORVEX_RECEIVER_RECEIVER_H
 
-#include <sys/types.h>
-
 #include <atomic>
 #include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
+#include <sys/types.h>
 
 #include "korvex/receiver/Counters.h"
 #include "korvex/receiver/Export.h"

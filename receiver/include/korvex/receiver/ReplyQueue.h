@@ -1,9 +1,8 @@
 #ifndef KORVEX_RECEIVER_REPLY_QUEUE_H
 #define KORVEX_RECEIVER_REPLY_QUEUE_H
 
-#include <korvex/ShmCommon.h>
-
 #include <cstddef>
+#include <korvex/ShmCommon.h>
 #include <memory>
 #include <optional>
 #include <string>

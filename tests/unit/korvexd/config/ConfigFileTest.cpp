@@ -1,10 +1,8 @@
-#include "korvexd/config/ConfigFile.h"
-
+#include <fstream>
 #include <gmock/gmock.h>
 #include <korvex/receiver/SystemError.h>
 
-#include <fstream>
-
+#include "korvexd/config/ConfigFile.h"
 #include "support/TemporaryFolder.h"
 
 using korvexd::ConfigFile;

@@ -1,8 +1,7 @@
-#include "korvexd/config/Configuration.h"
-
 #include <gmock/gmock.h>
-
 #include <sstream>
+
+#include "korvexd/config/Configuration.h"
 
 using korvexd::CommandLine;
 using korvexd::Configuration;

@@ -1,7 +1,6 @@
 // The page about the configuration and the code name the same keys, with the same defaults.
 
 #include <gmock/gmock.h>
-
 #include <regex>
 #include <sstream>
 

@@ -1,13 +1,11 @@
-#include "korvexd/exec/CommandWords.h"
-
+#include <fstream>
 #include <gmock/gmock.h>
+#include <stdexcept>
 #include <stdlib.h>
 #include <sys/stat.h>
 
-#include <fstream>
-#include <stdexcept>
-
 #include "korvex/receiver/SystemError.h"
+#include "korvexd/exec/CommandWords.h"
 #include "support/TemporaryFolder.h"
 
 using korvexd::findProgram;

@@ -1,6 +1,6 @@
-#include "korvexd/exec/EngineLog.h"
-
 #include <gmock/gmock.h>
+
+#include "korvexd/exec/EngineLog.h"
 
 using korvexd::EngineLog;
 using std::chrono::milliseconds;

@@ -1,6 +1,6 @@
-#include "korvexd/log/LogBudget.h"
-
 #include <gtest/gtest.h>
+
+#include "korvexd/log/LogBudget.h"
 
 using korvexd::LogBudget;
 

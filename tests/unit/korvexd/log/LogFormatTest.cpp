@@ -1,13 +1,11 @@
-#include "korvexd/log/LogFormat.h"
-
+#include <cstdlib>
 #include <gmock/gmock.h>
+#include <set>
+#include <sstream>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdlib>
-#include <set>
-#include <sstream>
-
+#include "korvexd/log/LogFormat.h"
 #include "support/TemporaryFolder.h"
 
 using korvexd::Event;

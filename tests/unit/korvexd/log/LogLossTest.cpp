@@ -1,15 +1,14 @@
-#include <errno.h>
-#include <gmock/gmock.h>
-#include <sys/syscall.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <errno.h>
+#include <gmock/gmock.h>
 #include <memory>
 #include <mutex>
 #include <sstream>
 #include <string>
+#include <sys/syscall.h>
+#include <unistd.h>
 #include <vector>
 
 #include "korvexd/log/LogWriter.h"

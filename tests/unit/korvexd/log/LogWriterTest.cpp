@@ -1,17 +1,16 @@
-#include "korvexd/log/LogWriter.h"
-
-#include <fcntl.h>
-#include <gmock/gmock.h>
-#include <signal.h>
-#include <unistd.h>
-
 #include <chrono>
+#include <fcntl.h>
 #include <future>
+#include <gmock/gmock.h>
 #include <memory>
+#include <signal.h>
 #include <sstream>
 #include <string>
+#include <unistd.h>
 #include <utility>
 #include <vector>
+
+#include "korvexd/log/LogWriter.h"
 
 using korvexd::LogWriter;
 using testing::AnyOf;

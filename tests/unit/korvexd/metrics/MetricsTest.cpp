@@ -1,11 +1,9 @@
-#include "korvexd/metrics/Metrics.h"
-
 #include <gmock/gmock.h>
-
 #include <regex>
 #include <set>
 #include <sstream>
 
+#include "korvexd/metrics/Metrics.h"
 #include "korvexd/metrics/MetricsFile.h"
 #include "support/TemporaryFolder.h"
 

@@ -1,13 +1,11 @@
-#include "korvexd/metrics/QueueFill.h"
-
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <korvex/receiver/BusErrorGuard.h>
+#include <optional>
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <optional>
-
+#include "korvexd/metrics/QueueFill.h"
 #include "support/DaemonQueues.h"
 
 using korvex::test::RawQueue;

@@ -1,13 +1,11 @@
-#include "korvexd/os/File.h"
-
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
-
 #include <utility>
 
 #include "korvex/receiver/SystemError.h"
+#include "korvexd/os/File.h"
 #include "support/TemporaryFolder.h"
 
 using korvex::test::contentsOf;

@@ -1,11 +1,10 @@
 #include <errno.h>
 #include <fcntl.h>
+#include <filesystem>
+#include <fstream>
 #include <gmock/gmock.h>
 #include <sys/syscall.h>
 #include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
 
 #include "korvex/receiver/Receiver.h"
 #include "korvex/receiver/SystemError.h"

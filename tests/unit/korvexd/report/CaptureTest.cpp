@@ -1,8 +1,7 @@
-#include "korvexd/report/Capture.h"
-
 #include <gmock/gmock.h>
 
 #include "korvex/receiver/SystemError.h"
+#include "korvexd/report/Capture.h"
 #include "support/TemporaryFolder.h"
 
 using korvex::test::contentsOf;

@@ -1,9 +1,8 @@
-#include "korvexd/report/StatsFile.h"
-
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
 
 #include "korvex/receiver/SystemError.h"
+#include "korvexd/report/StatsFile.h"
 #include "support/TemporaryFolder.h"
 
 using korvex::receiver::Count;

@@ -1,9 +1,8 @@
+#include <cstdlib>
 #include <gmock/gmock.h>
+#include <memory>
 #include <time.h>
 #include <unistd.h>
-
-#include <cstdlib>
-#include <memory>
 
 #include "korvexd/service/ServiceManager.h"
 #include "korvexd/service/StatusText.h"

@@ -1,16 +1,14 @@
-#include "korvex/receiver/Sink.h"
-
+#include <filesystem>
+#include <fstream>
+#include <functional>
 #include <gmock/gmock.h>
+#include <nlohmann/json.hpp>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <nlohmann/json.hpp>
-
+#include "korvex/receiver/Sink.h"
 #include "korvex/receiver/SystemError.h"
 #include "korvexd/sink/DirectorySink.h"
 #include "korvexd/sink/DirectoryStore.h"

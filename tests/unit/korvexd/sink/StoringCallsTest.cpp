@@ -1,17 +1,16 @@
 // What the daemon asks of the system to keep a stream, and in which order. The order is what makes
 // a stored stream survive a crash of the machine; no file that is looked at later shows it.
 
-#include <fcntl.h>
-#include <gmock/gmock.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <climits>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <gmock/gmock.h>
 #include <string>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 #include "korvex/receiver/SystemError.h"

@@ -1,8 +1,7 @@
 #include <errno.h>
 #include <fcntl.h>
-#include <gmock/gmock.h>
-
 #include <filesystem>
+#include <gmock/gmock.h>
 #include <utility>
 #include <vector>
 
