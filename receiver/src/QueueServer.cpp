@@ -7,7 +7,6 @@
 
 #include "korvex/receiver/BatchCheck.h"
 #include "korvex/receiver/IdleWatch.h"
-#include "shm/Format.h"
 
 namespace korvex::receiver {
 namespace {
@@ -22,12 +21,6 @@ constexpr std::chrono::milliseconds kAlertness{20};
 constexpr std::chrono::seconds kWatchPeriod{1};
 constexpr std::chrono::milliseconds kStreamWatchPeriod{100};
 constexpr std::chrono::seconds kFinishingPeriod{5};
-
-bool holdsNoRecord(const unsigned char* batch, std::size_t size) {
-  std::queue<ShmBatch::Entry> records;
-  ShmBatch::getEntriesFromBuffer(records, batch, size);
-  return records.empty();
-}
 
 }  // namespace
 
@@ -136,7 +129,7 @@ bool QueueServer::tryTakeMessage() {
     pause();
     return false;
   }
-  pause_.reset();
+  pause_.next();
   takeMessage(size);
   return true;
 }
@@ -204,7 +197,8 @@ void QueueServer::takeEmptyBatches() {
   std::size_t size = 0;
   while (!nextSize_ && !isIdle() && receive(next_, size)) {
     nextSize_ = size;  // kept if memory runs out here
-    if (BatchCheck(next_.get(), size).ok() && holdsNoRecord(next_.get(), size)) nextSize_.reset();
+    if (BatchCheck(next_.get(), size).ok() && BatchRecords(next_.get()).isEmpty())
+      nextSize_.reset();
   }
 }
 
@@ -249,21 +243,26 @@ void QueueServer::takeMessage(std::size_t size) {
   nextFinishing_ = Clock::now() + kFinishingPeriod;
   const BatchCheck check(message_.get(), size);
   if (check.ok()) {
-    takeRecords(size);
+    takeRecords();
   } else {
     refuseBatch(check);
   }
   lastSign_ = Clock::now();  // after the sink: its slowness is not the producer's silence
 }
 
-void QueueServer::takeRecords(std::size_t size) {
-  ShmBatch::getEntriesFromBuffer(records_, message_.get(), size);
-  for (; !records_.empty(); records_.pop()) {
-    const ShmBatch::Entry& record = records_.front();
-    // Unread replies were meant for an earlier producer; this one would take them as its own.
-    if (record.header.type == kTypeOpen) replies_->withdraw();
-    answer(session_.take(record));
+void QueueServer::takeRecords() {
+  for (BatchRecords records(message_.get()); !records.isEmpty();) {
+    const Record record = records.take();
+    if (!session_.gather(record)) takeRecord(record);
   }
+  answer(session_.flush());
+}
+
+void QueueServer::takeRecord(const Record& record) {
+  answer(session_.flush());
+  // Unread replies were meant for an earlier producer; this one would take them as its own.
+  if (record.type == kTypeOpen) replies_->withdraw();
+  answer(session_.take(record));
 }
 
 void QueueServer::answer(const StreamSession::Answer& answer) {

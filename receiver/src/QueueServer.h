@@ -7,7 +7,6 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <queue>
 #include <string>
 
 #include "idle/IdleWatcher.h"
@@ -74,7 +73,8 @@ class QueueServer {
   void takeNextMessage();
   bool receive(const Buffer& message, std::size_t& size);
   void takeMessage(std::size_t size);
-  void takeRecords(std::size_t size);
+  void takeRecords();
+  void takeRecord(const Record& record);
   void answer(const StreamSession::Answer& answer);
   void refuseBatch(const BatchCheck& check);
   void replacePair(const std::string& reason) noexcept;
@@ -101,7 +101,6 @@ class QueueServer {
   Buffer message_;
   Buffer next_;                          ///< came while the sink was finishing
   std::optional<std::size_t> nextSize_;  ///< none while it is empty
-  std::queue<ShmBatch::Entry> records_;
   std::uint64_t messageNumber_ = 0;
   bool reopenFailed_ = false;
   std::mutex changeMutex_;

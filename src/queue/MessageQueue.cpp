@@ -15,7 +15,6 @@
 #include <utility>
 
 #include "queue/NoCancellation.h"
-#include "queue/Pause.h"
 #include "queue/SignalsBlocked.h"
 
 #ifndef BOOST_INTERPROCESS_ENABLE_TIMEOUT_WHEN_LOCKING
@@ -27,8 +26,6 @@ namespace korvex {
 namespace {
 
 namespace ipc = boost::interprocess;
-
-constexpr std::chrono::milliseconds kLongestSleep{4};
 
 /// How long one attempt waits for the lock.
 constexpr std::chrono::milliseconds kLockPatience{
@@ -240,16 +237,16 @@ bool MessageQueue::sendBefore(const void* data, std::size_t size, unsigned prior
                               Clock::time_point deadline) {
   const auto start = Clock::now();
   const auto due = isThreadCancelled ? start : std::max(deadline, start);
-  Pause pause(kLongestSleep);
+  sendPause_.next();
   // Checking without the lock spares both ends contention for it, which costs more than the copy.
   // The checks may be stale, so an attempt follows whatever they say.
-  while (looksBusy() && pause.isSpinning()) wait(pause, due);
+  while (looksBusy() && sendPause_.isSpinning()) wait(sendPause_, due);
   for (bool hasAskedForOwner = false;;) {
     const Outcome outcome = trySend(data, size, priority);
     if (outcome == Outcome::Done) return true;
     if (isTooLate(outcome, due, hasAskedForOwner)) return false;
     do {
-      wait(pause, due);
+      wait(sendPause_, due);
     } while (looksBusy() && Clock::now() < due);
   }
 }

@@ -7,6 +7,7 @@
 #include <string>
 #include <sys/types.h>
 
+#include "queue/Pause.h"
 #include "queue/QueueView.h"
 
 namespace korvex {
@@ -92,8 +93,11 @@ class MessageQueue {
   template <typename Operation>
   Outcome attempt(QueueView::Use use, Operation operation);
 
+  static constexpr std::chrono::milliseconds kLongestSleep{4};
+
   std::unique_ptr<Mapping> mapping_;
   QueueView view_;
+  Pause sendPause_{kLongestSleep};  ///< remembers how long a receiver takes
 };
 
 }  // namespace korvex

@@ -13,6 +13,13 @@ constexpr unsigned kInstructionsPerSpin = 4;
 constexpr unsigned kYields = 64;
 constexpr std::chrono::microseconds kShortestSleep{20};
 constexpr unsigned kMostDoublings = 16;
+constexpr unsigned kFirstSleep = kSpins + kYields;
+
+// A wait that got past this step has slept for 620 microseconds. The next one skips all but three
+// of its steps, but never sleeps for more than 320 microseconds at first.
+constexpr unsigned kLongWait = kFirstSleep + 5;
+constexpr unsigned kStepsBack = 3;
+constexpr unsigned kLatestStart = kFirstSleep + 4;
 
 void spin() noexcept {
   for (unsigned i = 0; i < kInstructionsPerSpin; ++i) __builtin_ia32_pause();
@@ -22,13 +29,17 @@ void spin() noexcept {
 
 bool Pause::isSpinning() const noexcept { return step_ < kSpins; }
 
+void Pause::next() noexcept {
+  step_ = step_ < kLongWait ? 0 : std::min(step_ - kStepsBack, kLatestStart);
+}
+
 void Pause::wait(Clock::time_point deadline) {
   const unsigned step = step_;
   if (step < kSpins + kYields + kMostDoublings) ++step_;
   if (step < kSpins) return spin();
-  if (step < kSpins + kYields) return std::this_thread::yield();
+  if (step < kFirstSleep) return std::this_thread::yield();
 
-  const auto grown = kShortestSleep * (1U << (step - kSpins - kYields));
+  const auto grown = kShortestSleep * (1U << (step - kFirstSleep));
   const auto wanted = std::min<Clock::duration>(grown, longestSleep_);
   std::this_thread::sleep_for(std::min(wanted, deadline - Clock::now()));
 }

@@ -23,8 +23,12 @@ class Pause {
   /// Whether the next step is a spin, which does not yield the processor.
   bool isSpinning() const noexcept;
 
-  /// Starts again with the shortest pause, after something happened.
+  /// Starts again with the shortest pause.
   void reset() noexcept { step_ = 0; }
+
+  /// What was waited for has come. The next wait starts with a sleep if this one took half a
+  /// millisecond or more: the other side is slow, and spinning would only burn time.
+  void next() noexcept;
 
  private:
   std::chrono::microseconds longestSleep_;

@@ -160,16 +160,17 @@ class Run {
   }
 
   void record(StreamSession& session, std::uint64_t type, unsigned how, Input& input) {
-    korvex::qmx_shm_message_t header;
-    header.type = static_cast<std::uint32_t>(type);
-    header.sequence = sequence(header.type, how & 7, input);
+    korvex::receiver::Record record = {};
+    record.type = static_cast<std::uint32_t>(type);
+    record.sequence = sequence(record.type, how & 7, input);
     // Where data is wrong, it is rare.
-    const bool hasData = header.type == kData || how >> 3 == 3;
+    const bool hasData = record.type == kData || how >> 3 == 3;
     const std::size_t size = hasData ? kSizes[how >> 3] : 0;
-    header.len = static_cast<std::uint32_t>(size);
-    const unsigned char* const data = size == 0 ? nullptr : source_.next(size);
-    const auto expected = model_.take({header.type, header.sequence, data, size});
-    check(expected, session.take({header, data}), "record type ");
+    record.size = static_cast<std::uint32_t>(size);
+    record.data = size == 0 ? nullptr : source_.next(size);
+    const auto expected = model_.take({record.type, record.sequence, record.data, size});
+    const auto answer = session.gather(record) ? session.flush() : session.take(record);
+    check(expected, answer, "record type ");
   }
 
   /// Mostly the right one.

@@ -1,32 +1,29 @@
 #include "stream/StreamSession.h"
 
+#include <cassert>
 #include <exception>
 #include <stdexcept>
 #include <utility>
 
 #include "korvex/Status.h"
-#include "shm/Format.h"
 
 namespace korvex::receiver {
 namespace {
 
-using Header = qmx_shm_message_t;
-using Entry = ShmBatch::Entry;
-
 /// No record carries the number after the open record's.
 constexpr std::uint64_t kStepAfterOpen = 2;
 
-std::string recordText(const Header& header) {
-  return "record type " + std::to_string(header.type) + " sequence " +
-         std::to_string(header.sequence);
+std::string recordText(const Record& record) {
+  return "record type " + std::to_string(record.type) + " sequence " +
+         std::to_string(record.sequence);
 }
 
 /// What is wrong with a record regardless of those before it; empty if nothing is. Data on a record
 /// that cannot carry any is refused, because it would be lost silently.
-std::string defectOf(const Header& header) {
-  if (header.type > kTypeStop) return recordText(header) + ": unknown type, expected 0 to 4";
-  if (header.type != kTypeSegmentData && header.len != 0) {
-    return recordText(header) + ": found " + std::to_string(header.len) +
+std::string defectOf(const Record& record) {
+  if (record.type > kTypeStop) return recordText(record) + ": unknown type, expected 0 to 4";
+  if (record.type != kTypeSegmentData && record.size != 0) {
+    return recordText(record) + ": found " + std::to_string(record.size) +
            " data bytes, expected none";
   }
   return "";
@@ -53,29 +50,30 @@ StreamSession::StreamSession(std::string queue, SinkFactory openSink, Counters& 
 
 StreamSession::~StreamSession() { end(Ending::ReceiverEnded, "abandoned"); }
 
-StreamSession::Answer StreamSession::take(const Entry& record) {
+StreamSession::Answer StreamSession::take(const Record& record) {
+  assert(gatheredRecords_ == 0);
   counters_.add(Count::Records);
-  if (record.header.type == kTypeOpen) return takeOpen(record.header);
+  if (record.type == kTypeOpen) return takeOpen(record);
   switch (state_) {
     case State::Idle:
-      return takeWithoutStream(record.header);
+      return takeWithoutStream(record);
     case State::Failed:
-      return takeOfFailedStream(record.header);
+      return takeOfFailedStream(record);
     case State::Ended:
-      return takeAfterEnd(record.header);
+      return takeAfterEnd(record);
     case State::Open:
       break;
   }
   return takeInStream(record);
 }
 
-StreamSession::Answer StreamSession::takeOpen(const Header& header) {
+StreamSession::Answer StreamSession::takeOpen(const Record& record) {
   // The producer of the open stream is gone. No reply: it would reach the new producer.
   const bool cutsOffAnother = state_ == State::Open;
   end(Ending::CutOff, "a new stream was opened before its close");
-  const std::string defect = defectOf(header);
+  const std::string defect = defectOf(record);
   if (!defect.empty()) return refuse(defect);
-  startStream(header, cutsOffAnother);
+  startStream(record, cutsOffAnother);
   try {
     sink_ = openSink_(queue_, stream_.opened);
     if (sink_ == nullptr) throw std::logic_error("the daemon made no sink for the stream");
@@ -86,30 +84,30 @@ StreamSession::Answer StreamSession::takeOpen(const Header& header) {
   return {};
 }
 
-void StreamSession::startStream(const Header& header, bool cutsOffAnother) {
+void StreamSession::startStream(const Record& record, bool cutsOffAnother) {
   counters_.add(Count::StreamsOpened);
   state_ = State::Open;
   digest_.reset();
   stream_ = Stream();
   stream_.opened = std::time(nullptr);
-  stream_.lastSequence = header.sequence;
+  stream_.lastSequence = record.sequence;
   stream_.cutOffAnother = cutsOffAnother;
 }
 
 /// A stop may come without a stream.
-StreamSession::Answer StreamSession::takeWithoutStream(const Header& header) {
-  const std::string defect = defectOf(header);
+StreamSession::Answer StreamSession::takeWithoutStream(const Record& record) {
+  const std::string defect = defectOf(record);
   if (!defect.empty()) return refuse(defect);
-  if (header.type != kTypeStop) {
-    return refuse(recordText(header) + ": no stream is open, expected type 0");
+  if (record.type != kTypeStop) {
+    return refuse(recordText(record) + ": no stream is open, expected type 0");
   }
-  rememberEnd(header);
+  rememberEnd(record);
   return {};
 }
 
-StreamSession::Answer StreamSession::takeOfFailedStream(const Header& header) {
-  if (header.type == kTypeClose || header.type == kTypeStop) {
-    rememberEnd(header);
+StreamSession::Answer StreamSession::takeOfFailedStream(const Record& record) {
+  if (record.type == kTypeClose || record.type == kTypeStop) {
+    rememberEnd(record);
   } else {
     counters_.add(Count::DroppedRecords);
   }
@@ -119,30 +117,29 @@ StreamSession::Answer StreamSession::takeOfFailedStream(const Header& header) {
 /// A writer is still open after a stop, and after a close that failed (a failure reply, or no room
 /// in time): it closes again, at the latest in its destructor. A reply to that would reach the next
 /// producer.
-StreamSession::Answer StreamSession::takeAfterEnd(const Header& header) {
-  const bool isCloseAgain = header.type == kTypeClose && header.sequence > stream_.lastSequence;
-  if (!isCloseAgain || !defectOf(header).empty()) return takeWithoutStream(header);
-  rememberEnd(header);
+StreamSession::Answer StreamSession::takeAfterEnd(const Record& record) {
+  const bool isCloseAgain = record.type == kTypeClose && record.sequence > stream_.lastSequence;
+  if (!isCloseAgain || !defectOf(record).empty()) return takeWithoutStream(record);
+  rememberEnd(record);
   return {};
 }
 
-void StreamSession::rememberEnd(const Header& header) {
+void StreamSession::rememberEnd(const Record& record) {
   state_ = State::Ended;
-  stream_.lastSequence = header.sequence;
+  stream_.lastSequence = record.sequence;
 }
 
-StreamSession::Answer StreamSession::takeInStream(const Entry& record) {
-  const Header& header = record.header;
-  const std::string defect = defectOf(header);
+StreamSession::Answer StreamSession::takeInStream(const Record& record) {
+  const std::string defect = defectOf(record);
   if (!defect.empty()) return refuse(defect);
-  const std::string outOfOrder = sequenceDefectOf(header);
+  const std::string outOfOrder = sequenceDefectOf(record);
   if (!outOfOrder.empty()) return refuse(outOfOrder);
-  stream_.lastSequence = header.sequence;
+  stream_.lastSequence = record.sequence;
   ++stream_.records;
-  if (header.type == kTypeSegmentData) return takeData(record);
+  if (record.type == kTypeSegmentData) return passOn(record.data, record.size);
   finishSegment();
-  if (header.type == kTypeClose) return takeClose(header);
-  if (header.type == kTypeStop) return takeStop(header);
+  if (record.type == kTypeClose) return takeClose(record);
+  if (record.type == kTypeStop) return takeStop(record);
   return {};
 }
 
@@ -151,35 +148,42 @@ StreamSession::Answer StreamSession::takeInStream(const Entry& record) {
 /// and what it still sends, even its close, would be taken for this stream's. And none may be right
 /// before the close: a writer whose last write failed still closes in its destructor, with data
 /// missing at the end.
-std::string StreamSession::sequenceDefectOf(const Header& header) const {
+std::string StreamSession::sequenceDefectOf(const Record& record) const {
   const std::uint64_t next = stream_.lastSequence + (stream_.records == 1 ? kStepAfterOpen : 1);
-  if (stream_.cutOffAnother && header.sequence != next) {
-    return recordText(header) + ": expected sequence " + std::to_string(next) +
+  if (stream_.cutOffAnother && record.sequence != next) {
+    return recordText(record) + ": expected sequence " + std::to_string(next) +
            "; two producers on one queue?";
   }
-  if (header.sequence <= stream_.lastSequence) {
-    return recordText(header) + ": expected a sequence above " +
+  if (record.sequence <= stream_.lastSequence) {
+    return recordText(record) + ": expected a sequence above " +
            std::to_string(stream_.lastSequence);
   }
-  if (header.type == kTypeClose && header.sequence != next) {
-    return recordText(header) + ": expected sequence " + std::to_string(next) +
+  if (record.type == kTypeClose && record.sequence != next) {
+    return recordText(record) + ": expected sequence " + std::to_string(next) +
            "; the last record before the close is missing";
   }
   return "";
 }
 
-StreamSession::Answer StreamSession::takeData(const Entry& record) {
-  const std::size_t size = record.header.len;
+StreamSession::Answer StreamSession::passOn(const unsigned char* data, std::size_t size) {
   if (size == 0) return {};
   stream_.segmentHasData = true;
   try {
-    sink_->write(record.data, size);
+    sink_->write(data, size);
   } catch (const std::exception& error) {
     return fail(Ending::SinkFailed, error.what());
   }
-  digest_.add(record.data, size);
+  digest_.add(data, size);
   counters_.add(Count::Bytes, size);
   return {};
+}
+
+StreamSession::Answer StreamSession::flush() {
+  if (gatheredRecords_ == 0) return {};
+  const std::uint64_t records = std::exchange(gatheredRecords_, 0);
+  counters_.add(Count::Records, records);
+  stream_.records += records;
+  return passOn(gathered_.get(), std::exchange(gatheredSize_, 0));
 }
 
 void StreamSession::finishSegment() {
@@ -188,25 +192,25 @@ void StreamSession::finishSegment() {
   stream_.segmentHasData = false;
 }
 
-StreamSession::Answer StreamSession::takeClose(const Header& header) {
+StreamSession::Answer StreamSession::takeClose(const Record& record) {
   const StreamSummary whole = summary(Ending::Complete);
   try {
     sink_->complete(whole, stillFinishing_);
   } catch (const std::exception& error) {
     const Answer answer = fail(Ending::SinkFailed, error.what());
-    rememberEnd(header);
+    rememberEnd(record);
     return answer;
   }
   counters_.add(Count::StreamsComplete);
   observer_.streamComplete(whole, placeOf(sink_.get()));
   sink_.reset();
-  rememberEnd(header);
+  rememberEnd(record);
   return replyOf(0, Receipt{whole.bytes, whole.xxh128}.replyText());
 }
 
-StreamSession::Answer StreamSession::takeStop(const Header& header) {
+StreamSession::Answer StreamSession::takeStop(const Record& record) {
   leaveIncomplete(Ending::Stopped, "stopped by the producer");
-  rememberEnd(header);
+  rememberEnd(record);
   return {};
 }
 

@@ -3,16 +3,18 @@
 
 #include <chrono>
 #include <cstdint>
-#include <korvex/ShmBatch.h>
+#include <cstring>
 #include <memory>
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "korvex/receiver/Counters.h"
 #include "korvex/receiver/Observer.h"
 #include "korvex/receiver/Sink.h"
 #include "korvex/receiver/StreamDigest.h"
+#include "stream/BatchRecords.h"
 #include "stream/Reply.h"
 
 namespace korvex::receiver {
@@ -46,8 +48,23 @@ class StreamSession {
   /// Where the data of later streams goes.
   void openWith(SinkFactory openSink) { openSink_ = std::move(openSink); }
 
-  /// Takes the next record.
-  Answer take(const ShmBatch::Entry& record);
+  /// Takes the next record. What was gathered before it must be flushed.
+  Answer take(const Record& record);
+
+  /// Copies the next record's data, to be passed on with its neighbours', if it is a short one that
+  /// follows others of its segment, and there is room. A sink and a digest cost more for each call
+  /// than for a few bytes. False if nothing was done: the record is for take().
+  bool gather(const Record& record) noexcept {
+    if (state_ != State::Open || !isGatherable(record)) return false;
+    std::memcpy(gathered_.get() + gatheredSize_, record.data, record.size);
+    gatheredSize_ += record.size;
+    ++gatheredRecords_;
+    stream_.lastSequence = record.sequence;
+    return true;
+  }
+
+  /// Passes on what was gathered, at the latest when its batch ends.
+  Answer flush();
 
   /// A batch could not be read, so an open stream misses records.
   Answer takeDamage(const std::string& defect);
@@ -62,6 +79,10 @@ class StreamSession {
   void end(Ending ending, const std::string& reason);
 
  private:
+  /// Longer records are worth a call of their own.
+  static constexpr std::uint32_t kLongestGathered = 4096;
+  static constexpr std::size_t kGatherSize = std::size_t{64} * 1024;
+
   enum class State {
     Idle,
     Open,
@@ -79,19 +100,25 @@ class StreamSession {
     bool cutOffAnother = false;  ///< the stream before may still be sending
   };
 
-  Answer takeOpen(const qmx_shm_message_t& header);
-  Answer takeWithoutStream(const qmx_shm_message_t& header);
-  Answer takeOfFailedStream(const qmx_shm_message_t& header);
-  Answer takeAfterEnd(const qmx_shm_message_t& header);
-  Answer takeInStream(const ShmBatch::Entry& record);
-  std::string sequenceDefectOf(const qmx_shm_message_t& header) const;
-  Answer takeData(const ShmBatch::Entry& record);
-  Answer takeClose(const qmx_shm_message_t& header);
-  Answer takeStop(const qmx_shm_message_t& header);
+  bool isGatherable(const Record& record) const noexcept {
+    return stream_.segmentHasData && record.type == kTypeSegmentData &&
+           record.sequence > stream_.lastSequence && record.sequence - stream_.lastSequence == 1 &&
+           record.size <= kLongestGathered && record.size <= kGatherSize - gatheredSize_;
+  }
+
+  Answer takeOpen(const Record& record);
+  Answer takeWithoutStream(const Record& record);
+  Answer takeOfFailedStream(const Record& record);
+  Answer takeAfterEnd(const Record& record);
+  Answer takeInStream(const Record& record);
+  std::string sequenceDefectOf(const Record& record) const;
+  Answer passOn(const unsigned char* data, std::size_t size);
+  Answer takeClose(const Record& record);
+  Answer takeStop(const Record& record);
   Answer refuse(const std::string& text);
   Answer fail(Ending ending, const std::string& text);
-  void rememberEnd(const qmx_shm_message_t& header);
-  void startStream(const qmx_shm_message_t& header, bool cutsOffAnother);
+  void rememberEnd(const Record& record);
+  void startStream(const Record& record, bool cutsOffAnother);
   void finishSegment();
   void leaveIncomplete(Ending ending, const std::string& reason);
   void abandonSink(const StreamSummary& summary, const std::string& reason);
@@ -106,6 +133,9 @@ class StreamSession {
   std::unique_ptr<Sink> sink_;
   StreamDigest digest_;
   Stream stream_;
+  const std::unique_ptr<unsigned char[]> gathered_{new unsigned char[kGatherSize]};
+  std::size_t gatheredSize_ = 0;
+  std::uint64_t gatheredRecords_ = 0;
 };
 
 }  // namespace korvex::receiver

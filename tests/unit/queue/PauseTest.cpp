@@ -158,6 +158,34 @@ TEST(PauseSteps, StartsAnewAfterAReset) {
   EXPECT_THAT(wait(pause, kSpins + 1), ElementsAre("yield"));
 }
 
+TEST(PauseSteps, SpinsAgainAfterAShortWait) {
+  Pause pause(milliseconds(4));
+  wait(pause, kSpinsAndYields + 4);
+  pause.next();
+  EXPECT_THAT(wait(pause, kSpins + 1), ElementsAre("yield"));
+}
+
+TEST(PauseSteps, StartsWithASleepAfterALongWait) {
+  Pause pause(milliseconds(4));
+  wait(pause, kSpinsAndYields + 5);
+  pause.next();
+  EXPECT_THAT(wait(pause, 2), ElementsAre("sleep 80000", "sleep 160000"));
+  wait(pause, 100);
+  pause.next();
+  EXPECT_THAT(wait(pause, 1), ElementsAre("sleep 320000"));
+}
+
+TEST(PauseSteps, ForgetsALongWaitAfterTwoShortOnes) {
+  Pause pause(milliseconds(4));
+  wait(pause, kSpinsAndYields + 100);
+  for (int shortWaits = 0; shortWaits < 2; ++shortWaits) {
+    pause.next();
+    wait(pause, 1);
+  }
+  pause.next();
+  EXPECT_THAT(wait(pause, 1), IsEmpty());
+}
+
 TEST(PauseSteps, SleepsNoLongerThanToTheDeadline) {
   Pause pause(seconds(100));
   wait(pause, kSpinsAndYields + 17);
@@ -189,6 +217,28 @@ TEST(MessageQueueSend, SleepsForFourMillisecondsAtMost) {
   EXPECT_THAT(sleeps, ElementsAre("sleep 20000", "sleep 40000", "sleep 80000", "sleep 160000",
                                   "sleep 320000", "sleep 640000", "sleep 1280000", "sleep 2560000",
                                   "sleep 4000000", "sleep 4000000"));
+  EXPECT_TRUE(MessageQueue::remove(name));
+}
+
+// A sender would otherwise burn a tenth of a millisecond for each batch that it waits for.
+TEST(MessageQueueSend, SleepsAtOnceAfterALongWait) {
+  const std::string name = uniqueQueueName();
+  MessageQueue queue(name, {1, 8}, 0600);
+  ASSERT_EQ(queue.trySend("first", 5, 1), MessageQueue::Outcome::Done);
+  int sleeps = 0;
+  meanwhile = [&] {
+    char buffer[8];
+    std::size_t size = 0;
+    if (++sleeps == 8) queue.tryReceive(buffer, sizeof buffer, size);
+    if (sleeps < 9) return;
+    EXPECT_THAT(steps, ElementsAre("sleep 320000"));
+    queue.tryReceive(buffer, sizeof buffer, size);
+  };
+  EXPECT_TRUE(queue.sendBefore("second", 6, 1, Pause::Clock::now() + hours(1)));
+  steps.clear();
+  EXPECT_TRUE(queue.sendBefore("third", 5, 1, Pause::Clock::now() + hours(1)));
+  meanwhile = nullptr;
+  EXPECT_EQ(sleeps, 9);
   EXPECT_TRUE(MessageQueue::remove(name));
 }
 

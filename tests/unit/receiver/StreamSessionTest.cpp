@@ -8,6 +8,7 @@
 
 using korvex::receiver::Count;
 using korvex::receiver::Ending;
+using korvex::receiver::Record;
 using korvex::receiver::Reply;
 using korvex::receiver::Sink;
 using korvex::receiver::StreamSession;
@@ -24,6 +25,7 @@ namespace {
 /// What became of one stream's sink.
 struct Fate {
   std::string data;
+  int writes = 0;
   bool complete = false;
   std::string reason;  ///< of an abandoned one
   StreamSummary summary = {};
@@ -39,6 +41,7 @@ class RecordingSink : public Sink {
   void write(const unsigned char* data, std::size_t size) override {
     failOn(1, "writing data");
     fate_.data.append(data, data + size);
+    ++fate_.writes;
   }
   void check() override { failOn(5, "asking the engine"); }
   void complete(const StreamSummary& summary,
@@ -87,12 +90,16 @@ class StreamSessionTest : public testing::Test {
  protected:
   StreamSession::Answer take(std::uint32_t type, std::uint64_t sequence,
                              const std::string& data = "") {
-    korvex::qmx_shm_message_t header;
-    header.type = type;
-    header.sequence = sequence;
-    header.len = static_cast<std::uint32_t>(data.size());
-    const auto* bytes = reinterpret_cast<const unsigned char*>(data.data());
-    return session_.take({header, data.empty() ? nullptr : bytes});
+    return session_.take(recordOf(type, sequence, data));
+  }
+
+  static Record recordOf(std::uint32_t type, std::uint64_t sequence, const std::string& data) {
+    return {type, static_cast<std::uint32_t>(data.size()), sequence,
+            reinterpret_cast<const unsigned char*>(data.data())};
+  }
+
+  bool gather(std::uint64_t sequence, const std::string& data, std::uint32_t type = kData) {
+    return session_.gather(recordOf(type, sequence, data));
   }
 
   std::unique_ptr<Sink> openSink() {
@@ -161,6 +168,62 @@ TEST_F(StreamSessionTest, TellsTheSinkWhatTheStreamWas) {
   EXPECT_EQ(fate().summary.segments, 2u) << "one ended by a record, one by the close, one empty";
   EXPECT_EQ(fate().summary.records, 7u);
   EXPECT_GE(fate().summary.closed, fate().summary.opened);
+}
+
+TEST_F(StreamSessionTest, PassesGatheredRecordsOnAtOnce) {
+  take(kOpen, 0);
+  take(kData, 2, "a");
+  EXPECT_TRUE(gather(3, "b") && gather(4, "") && gather(5, "c"));
+  EXPECT_EQ(fate().data, "a");
+  EXPECT_FALSE(session_.flush());
+  EXPECT_FALSE(session_.flush()) << "nothing is left";
+  EXPECT_EQ(fate().data, "abc");
+  EXPECT_EQ(fate().writes, 2);
+  EXPECT_STREQ(take(kClose, 6)->message, "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950");
+  EXPECT_EQ(fate().summary.records, 6u);
+  EXPECT_EQ(count(Count::Records), 6u);
+  EXPECT_EQ(count(Count::Bytes), 3u);
+}
+
+TEST_F(StreamSessionTest, GathersOnlyWhatContinuesASegment) {
+  EXPECT_FALSE(gather(0, "a")) << "no stream";
+  take(kOpen, 0);
+  EXPECT_FALSE(gather(1, "a")) << "a segment's first";
+  take(kData, 2, "a");
+  EXPECT_FALSE(gather(2, "a") || gather(4, "a") || gather(1, "a")) << "not the next number";
+  EXPECT_FALSE(gather(3, "", kSegmentEnd) || gather(3, "", kClose)) << "no data";
+  EXPECT_FALSE(gather(3, std::string(4097, 'a'))) << "long";
+  take(kSegmentEnd, 3);
+  EXPECT_FALSE(gather(4, "a")) << "another segment's first";
+  take(kData, 18446744073709551615u, "a");
+  EXPECT_FALSE(gather(0, "a")) << "the numbers have ended";
+}
+
+TEST_F(StreamSessionTest, GathersNoMoreThanThereIsRoomFor) {
+  take(kOpen, 0);
+  take(kData, 2, "a");
+  const std::string block(4096, 'b');
+  std::uint64_t sequence = 3;
+  while (gather(sequence, block)) ++sequence;
+  EXPECT_EQ(sequence, 3u + 16);
+  session_.flush();
+  EXPECT_EQ(fate().data.size(), 1 + 16 * block.size());
+  EXPECT_TRUE(gather(sequence, block));
+  session_.flush();
+}
+
+TEST_F(StreamSessionTest, ReportsASinkThatRefusesGatheredRecordsOnce) {
+  take(kOpen, 0);
+  take(kData, 2, "a");
+  gather(3, "b");
+  gather(4, "c");
+  failing_ = 1;
+  expectFailure(session_.flush(), 5, "writing data: error 28 (No space left on device)");
+  EXPECT_FALSE(gather(5, "d")) << "the stream has failed";
+  EXPECT_FALSE(take(kData, 5, "d"));
+  EXPECT_FALSE(session_.flush());
+  EXPECT_EQ(count(Count::Bytes), 1u);
+  EXPECT_EQ(count(Count::Records), 5u);
 }
 
 TEST_F(StreamSessionTest, StoresAStreamWithoutData) {
