@@ -92,6 +92,7 @@ def run(program, source, build, patience, environment=None):
     """Runs it in a session and a temporary folder of its own; both are gone afterwards."""
     command = program.command(source, build)
     scratch = tempfile.mkdtemp(prefix="korvex-mutation-")
+    os.chmod(scratch, 0o755)  # some tests drop the privileges of root
     started = time.monotonic()
     since = time.time() - 1
     is_late = False

@@ -22,6 +22,7 @@ using korvex::receiver::Receiver;
 
 constexpr long kLongestTimeout = 7L * 24 * 3600;
 constexpr const char* kTextFormat = "text";
+constexpr const char* kSha256Name = "sha256";
 
 /// Command-line words may hold anything, including terminal escape sequences.
 std::string complaint(const CLI::App* app, const CLI::Error& error) {
@@ -40,6 +41,7 @@ struct Arguments {
   long engineTimeout = kDefaultEngineTimeout.count();
   long idleTimeout = 0;
   bool discard = false;
+  std::string digest = kSha256Name;
   std::string capture;
   std::string statsFile;
   std::string metricsFile;
@@ -125,6 +127,11 @@ void addDataOptions(CLI::App& app, Arguments& found) {
       ->type_name("COMMAND");
   sink->add_flag("--discard", found.discard, "Forget the data");
   sink->require_option(0, 1);
+  app.add_option("--digest", found.digest,
+                 "Digest that --output keeps: sha256, or only the faster xxh128")
+      ->check(fitsQueueKey("digest"))
+      ->type_name("sha256|xxh128")
+      ->capture_default_str();
   app.add_option("--exec-timeout", found.engineTimeout,
                  "Seconds that COMMAND may take to finish, or take nothing")
       ->check(CLI::Range(1L, kLongestTimeout))
@@ -184,6 +191,7 @@ Layer queueLayer(const CLI::App& app, const Arguments& found) {
   layer.add("output", found.output);
   if (!found.command.empty()) layer.add("exec", splitCommand(found.command));
   layer.add("discard", found.discard);
+  layer.add("digest", found.digest);
   layer.add("exec-timeout", found.engineTimeout);
   layer.add("idle-timeout", found.idleTimeout);
   layer.add("max-messages", found.limits.messages);

@@ -11,15 +11,16 @@ Sinks::Sinks(std::function<bool()> isEnding) : isEnding_(std::move(isEnding)) {}
 
 receiver::SinkFactory Sinks::factoryFor(const QueueSettings& queue) {
   if (!queue.engine.empty()) return engineFactory({queue.engine, queue.engineTimeout});
-  if (queue.output) return folderFactory(*queue.output);
+  if (queue.output) return folderFactory(*queue.output, queue.digest);
   return [](const std::string&, std::time_t) { return std::make_unique<DiscardSink>(); };
 }
 
-receiver::SinkFactory Sinks::folderFactory(const std::string& path) {
+receiver::SinkFactory Sinks::folderFactory(const std::string& path, ExtraDigest digest) {
   std::shared_ptr<DirectoryStore> store = folders_[path].lock();
   if (store == nullptr) folders_[path] = store = std::make_shared<DirectoryStore>(path);
-  return
-      [store](const std::string& queue, std::time_t opened) { return store->open(queue, opened); };
+  return [store, digest](const std::string& queue, std::time_t opened) {
+    return store->open(queue, opened, digest);
+  };
 }
 
 /// Reports a missing program now rather than with each stream.

@@ -36,7 +36,7 @@ class Sinks {
   void tidyUp() noexcept;
 
  private:
-  receiver::SinkFactory folderFactory(const std::string& path);
+  receiver::SinkFactory folderFactory(const std::string& path, ExtraDigest digest);
   receiver::SinkFactory engineFactory(const ExecStore::Command& command);
 
   const std::function<bool()> isEnding_;

@@ -50,6 +50,18 @@ TEST(StoredManifest, ReadsWhyAStreamIsIncomplete) {
   EXPECT_EQ(found.reason, "the daemon ended");
 }
 
+TEST(StoredManifest, ReadsWhichDigestsThereAre) {
+  json manifest = goodManifest();
+  manifest["digest"] = "sha256";
+  EXPECT_EQ(parseManifest(manifest.dump()).sha256, kSha256);
+  manifest.erase("sha256");
+  EXPECT_EQ(defectOf(manifest.dump()), "sha256 is missing");
+  manifest["digest"] = "xxh128";
+  EXPECT_EQ(parseManifest(manifest.dump()).sha256, "");
+  manifest["digest"] = "md5";
+  EXPECT_EQ(defectOf(manifest.dump()), R"(digest is "md5", expected "sha256" or "xxh128")");
+}
+
 TEST(StoredManifest, IgnoresMembersOfLaterVersions) { EXPECT_EQ(defectWith("more", {1, 2}), ""); }
 
 TEST(StoredManifest, TakesTheLargestNumber) {

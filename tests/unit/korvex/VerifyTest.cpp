@@ -150,6 +150,17 @@ TEST_F(Verify, QuickLeavesTheSlowDigestOut) {
   EXPECT_THAT(verifyDamaged(), StartsWith("xxh128: "));
 }
 
+TEST_F(Verify, ComparesTheOneDigestThatWasKept) {
+  json manifest = goodManifest();
+  manifest["digest"] = "xxh128";
+  manifest.erase("sha256");
+  stream(kStream, manifest);
+  EXPECT_THAT(verify(), StartsWith("complete  "));
+  manifest["xxh128"] = std::string(32, '0');
+  stream(kStream, manifest);
+  EXPECT_THAT(verifyDamaged(), StartsWith("xxh128: "));
+}
+
 TEST_F(Verify, NamesAWrongSize) {
   EXPECT_EQ(damagedWith("bytes", 4), "size: found 3 bytes, expected 4 bytes\n");
   EXPECT_EQ(damagedWith("bytes", 2), "size: found 3 bytes, expected 2 bytes\n");

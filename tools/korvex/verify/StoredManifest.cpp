@@ -99,6 +99,14 @@ bool isCompleteIn(const Json& manifest) {
   refuseMember("state", found, "\"complete\" or \"incomplete\"");
 }
 
+/// Manifests of earlier versions do not say which digests they have: both.
+std::string sha256In(const Json& manifest) {
+  const Json digest = manifest.value("digest", Json("sha256"));
+  if (digest == "sha256") return hexIn(manifest, "sha256", kSha256Digits);
+  if (digest == "xxh128") return "";
+  refuseMember("digest", digest, "\"sha256\" or \"xxh128\"");
+}
+
 }  // namespace
 
 StoredManifest parseManifest(std::string_view untrusted) {
@@ -110,8 +118,8 @@ StoredManifest parseManifest(std::string_view untrusted) {
   numberIn(json, "records");
   checkTime(json, "opened");
   checkTime(json, "closed");
-  return {isCompleteIn(json), textIn(json, "reason"), numberIn(json, "bytes"),
-          hexIn(json, "sha256", kSha256Digits), hexIn(json, "xxh128", kXxh128Digits)};
+  return {isCompleteIn(json), textIn(json, "reason"), numberIn(json, "bytes"), sha256In(json),
+          hexIn(json, "xxh128", kXxh128Digits)};
 }
 
 }  // namespace korvex::tool

@@ -12,7 +12,7 @@ struct StoredManifest {
   bool isComplete;
   std::string reason;  ///< why it is not complete; may hold anything
   std::uint64_t bytes;
-  std::string sha256;  ///< 64 lower-case hex digits
+  std::string sha256;  ///< 64 lower-case hex digits; empty if the daemon was to compute none
   std::string xxh128;  ///< 32 lower-case hex digits
 };
 

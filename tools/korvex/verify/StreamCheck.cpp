@@ -151,7 +151,7 @@ void StreamCheck::checkData(int folder, const StoredManifest& manifest, StoredSt
 void StreamCheck::digest(int data, const StoredManifest& manifest, StoredStream& stream) {
   receiver::StreamDigest xxh128;
   std::optional<common::Sha256> sha256;
-  if (depth_ == CheckDepth::Both) sha256.emplace();
+  if (depth_ == CheckDepth::Both && !manifest.sha256.empty()) sha256.emplace();
   ::posix_fadvise(data, 0, 0, POSIX_FADV_SEQUENTIAL);  // only makes it faster
   // A file that grows meanwhile might never end.
   while (stream.bytes <= manifest.bytes) {

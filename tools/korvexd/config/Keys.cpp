@@ -19,6 +19,8 @@ constexpr std::int64_t kLongestTime = std::int64_t{7} * 24 * 3600;
 constexpr unsigned kOwnerReadsAndWrites = 0600;
 constexpr unsigned kAllPermissions = 0777;
 constexpr int kOctal = 8;
+constexpr std::string_view kSha256Name = "sha256";
+constexpr std::string_view kXxh128Name = "xxh128";
 constexpr std::string_view kTextFormat = "text";
 constexpr std::string_view kJsonFormat = "json";
 
@@ -127,6 +129,13 @@ void takeReplace(QueueSettings& queue, const Value& value) {
   queue.receiver.existing = replaces ? Receiver::Existing::Replace : Receiver::Existing::Refuse;
 }
 
+ExtraDigest digestIn(const Value& value) {
+  const std::string expected = R"("sha256" or "xxh128")";
+  const auto& name = as<std::string>(value, expected);
+  if (name != kSha256Name && name != kXxh128Name) throw WrongValue(expected);
+  return name == kSha256Name ? ExtraDigest::Sha256 : ExtraDigest::None;
+}
+
 LogStyle logStyleIn(const Value& value) {
   const std::string expected = R"("text" or "json")";
   const auto& name = as<std::string>(value, expected);
@@ -150,6 +159,8 @@ const std::vector<Key<QueueSettings>>& queueKeys() {
       {"output", {}, [](Queue& queue, const Value& value) { queue.output = pathIn(value); }},
       {"exec", {}, [](Queue& queue, const Value& value) { queue.engine = wordsIn(value); }},
       {"discard", {}, takeDiscard},
+      {"digest", Value(std::string(kSha256Name)),
+       [](Queue& queue, const Value& value) { queue.digest = digestIn(value); }},
       {"exec-timeout", std::int64_t{kDefaultEngineTimeout.count()},
        [](Queue& queue, const Value& value) { queue.engineTimeout = secondsIn(value, 1); }},
       {"idle-timeout",

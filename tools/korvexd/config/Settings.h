@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "korvexd/log/LogFormat.h"
+#include "korvexd/sink/DigestedBlocks.h"
 
 namespace korvexd {
 
@@ -18,6 +19,7 @@ constexpr std::chrono::seconds kDefaultEngineTimeout{3600};
 struct QueueSettings {
   korvex::receiver::Receiver::Settings receiver;  ///< its queue without leading slash
   std::optional<std::string> output;
+  ExtraDigest digest = ExtraDigest::Sha256;  ///< of what is stored in the output folder
   std::vector<std::string> engine;  ///< the words of its command; without it and an output folder
                                     ///< the data is discarded
   std::chrono::seconds engineTimeout = kDefaultEngineTimeout;
@@ -30,8 +32,8 @@ inline bool operator==(const QueueSettings& one, const QueueSettings& other) {
   const auto parts = [](const QueueSettings& queue) {
     const auto& receiver = queue.receiver;
     return std::tie(receiver.queue, receiver.limits.messages, receiver.limits.messageSize,
-                    receiver.mode, receiver.group, receiver.idleTimeout, queue.output, queue.engine,
-                    queue.engineTimeout, queue.capture);
+                    receiver.mode, receiver.group, receiver.idleTimeout, queue.output, queue.digest,
+                    queue.engine, queue.engineTimeout, queue.capture);
   };
   return parts(one) == parts(other);
 }

@@ -1,6 +1,8 @@
 #include "korvexd/sink/DirectorySink.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <korvex/receiver/SystemError.h>
 #include <stdexcept>
@@ -15,7 +17,8 @@
 namespace korvexd {
 namespace {
 
-constexpr std::size_t kGatherSize = std::size_t{256} * 1024;
+/// Bytes that need no digest are written from where they are if they are this many.
+constexpr std::size_t kWorthAWrite = std::size_t{64} * 1024;
 constexpr mode_t kFileMode = 0600;
 
 const char kDataName[] = "data";
@@ -25,9 +28,13 @@ const char kWritingManifest[] = "writing manifest";
 
 }  // namespace
 
-DirectorySink::DirectorySink(std::shared_ptr<const File> parent, std::string name, std::string path)
-    : parent_(std::move(parent)), name_(std::move(name)), path_(std::move(path)) {
-  gathered_.reserve(kGatherSize);
+DirectorySink::DirectorySink(std::shared_ptr<const File> parent, std::string name, std::string path,
+                             ExtraDigest digest)
+    : parent_(std::move(parent)),
+      name_(std::move(name)),
+      path_(std::move(path)),
+      digest_(digest),
+      blocks_(digest) {
   folder_ = File::openAt(parent_->descriptor(), partialName(), O_RDONLY | O_DIRECTORY, 0,
                          "opening stream folder");
   data_ = File::openAt(folder_.descriptor(), kDataName, O_WRONLY | O_CREAT | O_EXCL, kFileMode,
@@ -35,19 +42,34 @@ DirectorySink::DirectorySink(std::shared_ptr<const File> parent, std::string nam
 }
 
 void DirectorySink::write(const unsigned char* data, std::size_t size) {
-  sha256_.update(data, size);
-  if (size > kGatherSize - gathered_.size()) writeGathered();
-  if (size >= kGatherSize) return writeData(data, size);
-  gathered_.insert(gathered_.end(), data, data + size);
+  if (digest_ == ExtraDigest::None && size >= kWorthAWrite) {
+    writeGathered();
+    return writeData(data, size);
+  }
+  while (size > 0) {
+    const std::size_t piece = std::min(size, DigestedBlocks::kBlockSize - gathered_);
+    gather(data, piece);
+    data += piece;
+    size -= piece;
+  }
+}
+
+void DirectorySink::gather(const unsigned char* data, std::size_t size) {
+  std::memcpy(blocks_.current() + gathered_, data, size);
+  gathered_ += size;
+  if (gathered_ == DigestedBlocks::kBlockSize) writeGathered();
 }
 
 void DirectorySink::writeGathered() {
-  // Emptied first: after a failure the same bytes must not be written again.
-  std::vector<unsigned char> bytes;
-  bytes.swap(gathered_);
-  writeData(bytes.data(), bytes.size());
-  bytes.clear();
-  bytes.swap(gathered_);
+  const Gathered bytes = digestGathered();
+  writeData(bytes.data, bytes.size);
+}
+
+/// Emptied first: after a failure the same bytes must not be written again.
+DirectorySink::Gathered DirectorySink::digestGathered() {
+  const Gathered bytes{blocks_.current(), std::exchange(gathered_, 0)};
+  blocks_.submit(bytes.size);
+  return bytes;
 }
 
 void DirectorySink::writeData(const unsigned char* data, std::size_t size) {
@@ -65,7 +87,7 @@ void DirectorySink::complete(const receiver::StreamSummary& summary,
   writeGathered();
   if (::fdatasync(data_.descriptor()) != 0) throw receiver::SystemError("syncing data", errno);
   const File manifest =
-      replaceFile(folder_.descriptor(), kManifestName, manifestOf(summary, sha256_.hex(), ""),
+      replaceFile(folder_.descriptor(), kManifestName, manifestOf(summary, blocks_.hex(), ""),
                   kFileMode, kWritingManifest);
   folder_.sync("syncing stream folder");
   checkPlaces(manifest);
@@ -105,15 +127,16 @@ void DirectorySink::publish() {
 }
 
 void DirectorySink::abandon(const receiver::StreamSummary& summary, const std::string& reason) {
-  const std::string manifest = manifestOf(summary, sha256_.hex(), reason);
+  const Gathered bytes = digestGathered();
+  const std::string manifest = manifestOf(summary, blocks_.hex(), reason);
   try {
     replaceFile(folder_.descriptor(), kManifestName, manifest, kFileMode, kWritingManifest);
   } catch (const receiver::SystemError&) {
     // There may be room where there was none, or in a file that exists already.
-    writeGathered();
+    writeData(bytes.data, bytes.size);
     throw;
   }
-  writeGathered();
+  writeData(bytes.data, bytes.size);
 }
 
 }  // namespace korvexd

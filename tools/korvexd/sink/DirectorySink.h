@@ -5,10 +5,9 @@
 #include <korvex/receiver/Sink.h>
 #include <memory>
 #include <string>
-#include <vector>
 
-#include "common/Sha256.h"
 #include "korvexd/os/File.h"
+#include "korvexd/sink/DigestedBlocks.h"
 
 namespace korvexd {
 
@@ -29,7 +28,8 @@ class DirectorySink : public receiver::Sink {
 
   /// Takes over the empty folder NAME.partial in `parent`, and leaves it empty when it throws.
   /// `path` leads to the parent.
-  DirectorySink(std::shared_ptr<const File> parent, std::string name, std::string path);
+  DirectorySink(std::shared_ptr<const File> parent, std::string name, std::string path,
+                ExtraDigest digest);
 
   void write(const unsigned char* data, std::size_t size) override;
   void complete(const receiver::StreamSummary& summary,
@@ -38,6 +38,13 @@ class DirectorySink : public receiver::Sink {
   std::string place() const override { return path_ + "/" + (isFinal_ ? name_ : partialName()); }
 
  private:
+  struct Gathered {
+    const unsigned char* data;  ///< good until more is gathered
+    std::size_t size;
+  };
+
+  void gather(const unsigned char* data, std::size_t size);
+  Gathered digestGathered();
   void writeGathered();
   void writeData(const unsigned char* data, std::size_t size);
   void checkPlaces(const File& manifest) const;
@@ -48,10 +55,11 @@ class DirectorySink : public receiver::Sink {
   std::string name_;
   std::string path_;
   bool isFinal_ = false;
-  korvex::common::Sha256 sha256_;
   std::uint64_t written_ = 0;
-  std::uint64_t onTheWay_ = 0;           ///< of them, to the disk
-  std::vector<unsigned char> gathered_;  ///< small records, until they are worth a write
+  std::uint64_t onTheWay_ = 0;  ///< of them, to the disk
+  const ExtraDigest digest_;
+  DigestedBlocks blocks_;
+  std::size_t gathered_ = 0;  ///< bytes of the current block
   File folder_;
   File data_;  ///< made last: nothing is left in the folder when something cannot be made
 };

@@ -44,9 +44,10 @@ bool tryToMake(const File& parent, const std::string& name) {
 
 /// In the folder that was made for it, which goes again when the rest cannot be made.
 std::unique_ptr<receiver::Sink> openSink(const std::shared_ptr<const File>& parent,
-                                         const std::string& name, const std::string& path) {
+                                         const std::string& name, const std::string& path,
+                                         ExtraDigest digest) {
   try {
-    return std::make_unique<DirectorySink>(parent, name, path);
+    return std::make_unique<DirectorySink>(parent, name, path, digest);
   } catch (const std::exception&) {
     const std::string partial = name + DirectorySink::kPartialSuffix;
     ::unlinkat(parent->descriptor(), partial.c_str(), AT_REMOVEDIR);
@@ -62,13 +63,14 @@ void throwOutputMoved(const std::string& path) {
 
 DirectoryStore::DirectoryStore(const std::string& path) : path_(path), folder_(openOutput(path)) {}
 
-std::unique_ptr<receiver::Sink> DirectoryStore::open(const std::string& queue, std::time_t opened) {
+std::unique_ptr<receiver::Sink> DirectoryStore::open(const std::string& queue, std::time_t opened,
+                                                     ExtraDigest digest) {
   const std::shared_ptr<const File> folder = findFolder();
   const std::string prefix =
       fmt::format("{}-{:%Y%m%dT%H%M%SZ}-", korvex::common::fileNameOf(queue), fmt::gmtime(opened));
   for (;;) {
     const std::string name = prefix + std::to_string(++lastNumber_);
-    if (tryToMake(*folder, name)) return openSink(folder, name, path_);
+    if (tryToMake(*folder, name)) return openSink(folder, name, path_, digest);
   }
 }
 

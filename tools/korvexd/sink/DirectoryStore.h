@@ -10,6 +10,7 @@
 #include <string>
 
 #include "korvexd/os/File.h"
+#include "korvexd/sink/DigestedBlocks.h"
 
 namespace korvexd {
 
@@ -28,7 +29,8 @@ class DirectoryStore {
 
   /// Makes a folder under a name that was never used here. Throws std::exception; nothing is left
   /// then.
-  std::unique_ptr<receiver::Sink> open(const std::string& queue, std::time_t opened);
+  std::unique_ptr<receiver::Sink> open(const std::string& queue, std::time_t opened,
+                                       ExtraDigest digest = ExtraDigest::Sha256);
 
  private:
   std::shared_ptr<const File> findFolder();

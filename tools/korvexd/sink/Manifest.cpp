@@ -17,17 +17,18 @@ constexpr int kIndent = 2;
 
 std::string manifestOf(const receiver::StreamSummary& summary, const std::string& sha256,
                        const std::string& reason) {
-  const Json json = {{"format", kFormatVersion},
-                     {"queue", korvex::common::jsonNameOf(summary.queue)},
-                     {"state", reason.empty() ? "complete" : "incomplete"},
-                     {"reason", reason},
-                     {"bytes", summary.bytes},
-                     {"segments", summary.segments},
-                     {"records", summary.records},
-                     {"sha256", sha256},
-                     {"xxh128", summary.xxh128},
-                     {"opened", korvex::common::utcText(summary.opened)},
-                     {"closed", korvex::common::utcText(summary.closed)}};
+  Json json = {{"format", kFormatVersion},
+               {"queue", korvex::common::jsonNameOf(summary.queue)},
+               {"state", reason.empty() ? "complete" : "incomplete"},
+               {"reason", reason},
+               {"bytes", summary.bytes},
+               {"segments", summary.segments},
+               {"records", summary.records}};
+  json["digest"] = sha256.empty() ? "xxh128" : "sha256";
+  if (!sha256.empty()) json["sha256"] = sha256;
+  json["xxh128"] = summary.xxh128;
+  json["opened"] = korvex::common::utcText(summary.opened);
+  json["closed"] = korvex::common::utcText(summary.closed);
   // Whatever a reason quotes, the manifest stays valid JSON.
   return json.dump(kIndent, ' ', false, Json::error_handler_t::replace) + "\n";
 }

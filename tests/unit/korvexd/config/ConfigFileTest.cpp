@@ -69,8 +69,9 @@ TEST(ConfigFileTest, ReportsEveryMistakeAtItsPlace) {
               testing::UnorderedElementsAre(
                   "1:1: found 'speed', expected one of [daemon], [defaults] and [queue.NAME]",
                   R"(3:8: mode: found "8", expected an octal number up to 777)",
-                  "5:1: unknown key 'sink', expected one of output, exec, discard, exec-timeout, "
-                  "idle-timeout, max-messages, max-message-size, mode, group, replace, capture",
+                  "5:1: unknown key 'sink', expected one of output, exec, discard, digest, "
+                  "exec-timeout, idle-timeout, max-messages, max-message-size, mode, group, "
+                  "replace, capture",
                   R"(6:8: "x/y" cannot be a queue's name: it holds a slash, )"
                   "which is allowed only as the first character",
                   "7:16: max-messages: found 0, expected a whole number from 1 to 65536"));
@@ -124,6 +125,7 @@ INSTANTIATE_TEST_SUITE_P(
         WrongLine{"output = ''", R"(output: found "", expected a path in quotes)"},
         WrongLine{"output = [ 'x' ]", R"(output: found ["x"], expected a path in quotes)"},
         WrongLine{"capture = \"a\\u0000b\"", R"(capture: found "a\u0000b", expected a path)"},
+        WrongLine{"digest = 'md5'", R"(digest: found "md5", expected "sha256" or "xxh128")"},
         WrongLine{"exec = 'a b'", R"(exec: found "a b", expected a list of words)"},
         WrongLine{"exec = []", "exec: found [], expected a list of words"},
         WrongLine{"exec = ['', 'x']", R"(exec: found ["", "x"], expected a list of words)"},

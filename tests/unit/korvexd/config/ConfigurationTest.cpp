@@ -55,7 +55,7 @@ TEST_F(ConfigurationTest, TakesEveryKey) {
   const QueueSettings queue = queueIn(
       "[queue.'/a']\nexec = ['x', 'y z']\nexec-timeout = 5\nidle-timeout = 6\n"
       "max-messages = 7\nmax-message-size = '64K'\nmode = '0640'\ngroup = 12\n"
-      "replace = true\ncapture = 'c'\n");
+      "replace = true\ncapture = 'c'\ndigest = 'xxh128'\n");
   EXPECT_EQ(queue.receiver.queue, "a");
   EXPECT_THAT(queue.engine, ElementsAre("x", "y z"));
   EXPECT_EQ(queue.engineTimeout.count(), 5);
@@ -66,6 +66,7 @@ TEST_F(ConfigurationTest, TakesEveryKey) {
   EXPECT_EQ(queue.receiver.group, gid_t{12});
   EXPECT_EQ(queue.receiver.existing, korvex::receiver::Receiver::Existing::Replace);
   EXPECT_EQ(queue.capture, "c");
+  EXPECT_EQ(queue.digest, korvexd::ExtraDigest::None);
 }
 
 TEST_F(ConfigurationTest, TakesTheDaemonsKeys) {
@@ -162,6 +163,7 @@ TEST_F(ConfigurationTest, PrintsWhereEachValueComesFrom) {
             "[queue.a]  # file:1\n"
             "output = \"o\"  # file:2\n"
             "# exec: not set\n# discard: not set\n"
+            "digest = \"sha256\"  # default\n"
             "exec-timeout = 3600  # default\n"
             "# idle-timeout: not set\n"
             "max-messages = 3  # command line\n"

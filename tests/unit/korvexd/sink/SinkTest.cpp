@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/Sha256.h"
 #include "korvex/receiver/Sink.h"
 #include "korvex/receiver/SystemError.h"
 #include "korvexd/sink/DirectorySink.h"
@@ -64,6 +65,12 @@ class EverySink : public testing::TestWithParam<Kind> {
 };
 
 std::string nameOfKind(const testing::TestParamInfo<Kind>& info) { return info.param.name; }
+
+std::string sha256Of(const std::string& text) {
+  korvex::common::Sha256 digest;
+  digest.update(text.data(), text.size());
+  return digest.hex();
+}
 
 class DirectorySinkTest : public testing::Test {
  protected:
@@ -177,6 +184,7 @@ TEST_F(DirectorySinkTest, WritesAManifest) {
             "  \"bytes\": 3,\n"
             "  \"segments\": 1,\n"
             "  \"records\": 4,\n"
+            "  \"digest\": \"sha256\",\n"
             "  \"sha256\": \"ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad\",\n"
             "  \"xxh128\": \"0123456789abcdef\",\n"
             "  \"opened\": \"2001-09-09T01:46:40Z\",\n"
@@ -194,6 +202,38 @@ TEST_F(DirectorySinkTest, KeepsTheOrderOfWritesOfAllSizes) {
   }
   sink->complete(kSummary, kPatient);
   EXPECT_TRUE(contentsOf(file(kFinal, "data")) == expected);
+  EXPECT_EQ(manifest(kFinal)["sha256"], sha256Of(expected));
+}
+
+TEST_F(DirectorySinkTest, DigestsStreamsAroundTheSizeOfABlock) {
+  for (const std::size_t size : {0u, 1u, 262143u, 262144u, 262145u, 524288u, 3000001u}) {
+    const auto sink = open();
+    const std::string text(size, 'x');
+    writeText(*sink, text);
+    sink->complete(kSummary, kPatient);
+    EXPECT_EQ(nlohmann::json::parse(contentsOf(sink->place() + "/manifest.json"))["sha256"],
+              sha256Of(text));
+  }
+}
+
+TEST_F(DirectorySinkTest, DigestsAnIncompleteStreamToo) {
+  const auto sink = open();
+  const std::string text(1000000, 'x');
+  writeText(*sink, text);
+  sink->abandon(kSummary, "stopped");
+  EXPECT_EQ(manifest(kPartial)["sha256"], sha256Of(text));
+  EXPECT_TRUE(contentsOf(file(kPartial, "data")) == text);
+}
+
+TEST_F(DirectorySinkTest, LeavesSha256OutWhereItIsNotWanted) {
+  const auto sink = store_.open("q", kOpened, korvexd::ExtraDigest::None);
+  writeText(*sink, "small");
+  writeText(*sink, std::string(100000, 'x'));
+  writeText(*sink, "end");
+  sink->complete(kSummary, kPatient);
+  EXPECT_FALSE(manifest(kFinal).contains("sha256"));
+  EXPECT_EQ(manifest(kFinal)["digest"], "xxh128");
+  EXPECT_TRUE(contentsOf(file(kFinal, "data")) == "small" + std::string(100000, 'x') + "end");
 }
 
 TEST_F(DirectorySinkTest, KeepsAnIncompleteStreamPartialAndSaysWhy) {

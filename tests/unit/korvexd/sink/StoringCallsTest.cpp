@@ -199,14 +199,25 @@ TEST_F(StoringCalls, GatherRecordsUntilTheyAreWorthAWrite) {
   const auto sink = open();
   calls_.clear();
   write(*sink, std::string(100000, 'x'));
-  write(*sink, std::string(162144, 'x'));
-  EXPECT_THAT(calls_, ElementsAre()) << "256 KiB, not one byte more";
+  write(*sink, std::string(162143, 'x'));
+  EXPECT_THAT(calls_, ElementsAre()) << "a byte less than 256 KiB";
   write(*sink, "x");
   EXPECT_THAT(calls_, ElementsAre("write stream.partial/data"));
-  write(*sink, std::string(262143, 'x'));
-  EXPECT_EQ(calls_.size(), 1u);
-  write(*sink, std::string(262144, 'x'));
-  EXPECT_EQ(calls_.size(), 3u) << "what was gathered, then what is large";
+  write(*sink, std::string(3 * 262144 - 1, 'x'));
+  EXPECT_EQ(calls_.size(), 3u);
+  write(*sink, "x");
+  EXPECT_EQ(calls_.size(), 4u);
+}
+
+TEST_F(StoringCalls, WriteLargeRecordsAtOnceWithoutSha256) {
+  korvexd::DirectoryStore store(folder_.path());
+  const auto sink = store.open("q", kOpened, korvexd::ExtraDigest::None);
+  calls_.clear();
+  write(*sink, "x");
+  write(*sink, std::string(65535, 'x'));
+  EXPECT_THAT(calls_, ElementsAre());
+  write(*sink, std::string(65536, 'x'));
+  EXPECT_EQ(calls_.size(), 2u) << "what was gathered, then what is large";
 }
 
 TEST_F(StoringCalls, ReplaceTheStatisticsAsAWhole) {

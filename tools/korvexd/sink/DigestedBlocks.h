@@ -1,0 +1,74 @@
+#ifndef KORVEXD_DIGESTED_BLOCKS_H
+#define KORVEXD_DIGESTED_BLOCKS_H
+
+#include <array>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "common/Sha256.h"
+
+namespace korvexd {
+
+/// The digest that is computed of a stream's data beside its XXH3.
+enum class ExtraDigest { None, Sha256 };
+
+/// Blocks of a stream's data. A thread of its own computes their SHA-256 while they are being
+/// written: a core takes longer for that than for all the rest.
+///
+/// The owner fills a block, submits it, and may read it until it asks for the next. A stream that
+/// fits into one block never starts the thread. Used by one thread.
+class DigestedBlocks {
+ public:
+  static constexpr std::size_t kBlockSize = std::size_t{256} * 1024;
+
+  /// How far the digest may be behind.
+  static constexpr std::size_t kBlocks = 8;
+
+  explicit DigestedBlocks(ExtraDigest wanted) noexcept : wanted_(wanted) {}
+  ~DigestedBlocks();
+  DigestedBlocks(const DigestedBlocks&) = delete;
+  DigestedBlocks& operator=(const DigestedBlocks&) = delete;
+
+  /// The block to fill, of kBlockSize bytes; the same one until it is submitted. Waits while all
+  /// are on their way.
+  unsigned char* current();
+
+  /// Digests the first `size` bytes of the current block; only the last one may be partly filled.
+  /// Throws SystemError when the system has no thread to give.
+  void submit(std::size_t size);
+
+  /// The digest of everything that was submitted: 64 lower-case hex digits; empty if none is
+  /// wanted. Throws what went wrong in the thread.
+  std::string hex();
+
+ private:
+  struct Block {
+    std::unique_ptr<unsigned char[]> bytes;
+    std::size_t size = 0;
+  };
+
+  Block& block(std::uint64_t number) { return blocks_[number % kBlocks]; }
+  void run() noexcept;
+  void digestNext(std::unique_lock<std::mutex>& lock);
+
+  const ExtraDigest wanted_;
+  std::array<Block, kBlocks> blocks_;
+  korvex::common::Sha256 sha256_;  ///< the thread's, while blocks are on their way
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::uint64_t submitted_ = 0;
+  std::uint64_t digested_ = 0;  ///< guarded by the mutex, as those below
+  bool isOver_ = false;
+  std::exception_ptr failure_;
+  std::thread thread_;
+};
+
+}  // namespace korvexd
+
+#endif
