@@ -20,9 +20,9 @@ namespace {
 
 constexpr std::size_t kPieceSize = 100000;
 
-// Making the folder, opening it, making the data file, four writes, its sync; the manifest's open,
+// Making the folder, opening it, making the data file, three writes, its sync; the manifest's open,
 // write, sync and rename; the folder's sync and rename, the parent's sync.
-constexpr int kCalls = 15;
+constexpr int kCalls = 14;
 constexpr int kOpeningCalls = 3;  ///< what a stream does not open without
 
 /// What a producer hears, whenever it hears it.
