@@ -46,7 +46,7 @@ class QueueView {
   std::size_t maxMessageSize() const noexcept { return maxMessageSize_; }
 
   /// Whether `name` still refers to the object in view. False once its owner removed or replaced
-  /// it: nobody reads what is sent to it then.
+  /// it: nothing reads what is sent to it then.
   bool isStillNamed(const std::string& name) const noexcept;
 
   /// Whether an open file can be a queue: a sound one, one that is still being made, or one that

@@ -1,4 +1,4 @@
-"""What is in the store in the end, and whether it is right."""
+"""What the store holds at the end, and whether it is right."""
 
 import concurrent.futures
 import hashlib
@@ -36,7 +36,7 @@ class Bucket:
         return done.stdout
 
     def objects(self, streams):
-        """The names of each stream's objects, and under None those of no stream."""
+        """The names of each stream's objects; under None, those that belong to no stream."""
         found = {stream.queue: [] for stream in streams}
         found[None] = []
         for name in self.rclone("lsf", BUCKET).decode().split():
@@ -58,7 +58,7 @@ class Bucket:
         return sum(len(uploads or []) for uploads in json.loads(text).values())
 
     def spoil(self, stored, failed):
-        """Damages the store on purpose. Returns the streams concerned."""
+        """Damages the store on purpose. Returns the streams affected."""
         changed, lost, *_ = [stream for stream in stored if stream.size > 1]
         names = self.objects(stored)
         self.rclone("rcat", f"{BUCKET}/{names[changed.queue][0]}", data=b"something else")
@@ -68,7 +68,7 @@ class Bucket:
 
 
 def defect_of(stream, result, names, bucket):
-    """What is wrong with a stream; nothing when it was stored, or failed and left nothing."""
+    """What is wrong with a stream; nothing if it was stored, or failed without leaving anything."""
     if result["exitCode"] != 0:
         if names:
             return f"failed ({result['message']}), but {names} is stored"

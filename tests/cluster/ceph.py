@@ -51,7 +51,7 @@ bluestore cache autotune = false
 bluestore cache size = 67108864
 osd memory target = 939524096
 
-# a store that is killed is noticed soon
+# the death of an object store is noticed soon
 osd heartbeat interval = 2
 osd heartbeat grace = 8
 mon osd min down reporters = 1
@@ -119,7 +119,7 @@ class Cluster:
                     lambda: self._ask("osd", "stat")["num_up_osds"] == number)
 
     def await_clean(self):
-        """Until every object is there three times again."""
+        """Until there are three copies of every object again."""
         def is_clean():
             groups = self._ask("pg", "stat")["pg_summary"]
             return {state["name"] for state in groups["num_pg_by_state"]} == {"active+clean"}
@@ -155,7 +155,7 @@ class Cluster:
         return True
 
     def _start(self, program, *arguments):
-        """In the foreground and with this process's life, so that nothing of it stays behind."""
+        """In the foreground, and killed with this process, so that nothing of it stays behind."""
         name = " ".join((program,) + arguments[1:])
         with open(self._folder / f"{name}.out", "ab") as output:
             self._processes[name] = subprocess.Popen(

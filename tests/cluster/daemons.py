@@ -31,7 +31,7 @@ def kill_what_is_left():
 
 
 def kill_with_this_process(number):
-    """Words in front of a command, for the case that nobody is left to end it."""
+    """What precedes a command, so that it ends with this process."""
     return ["setpriv", "--pdeathsig", number]
 
 

@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Streams into a distributed store that loses a part of itself in the middle.
+"""Sends streams into a distributed store that loses one of its parts half-way.
 
 Starts a store of several processes, four daemons as four hosts would run them, and 40 producers at
 once. Kills one of the object stores half-way and starts it again. In the end every stream is in the
@@ -66,7 +66,7 @@ def print_failures(results):
 
 
 def expect_noticed(bucket, results):
-    """A check that cannot fail shows nothing. So the store is spoiled, and checked again."""
+    """A check that cannot fail shows nothing, so the store is damaged and checked again."""
     stored = [stream for stream, result in results.items() if result["exitCode"] == 0]
     failed = [stream for stream, result in results.items() if result["exitCode"] != 0]
     if len(stored) < len(results) // 2:

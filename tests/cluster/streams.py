@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""The data that the cluster is fed with: no two streams are alike, and each can be made again.
+"""The data that the cluster receives: no two streams are alike, and each can be generated again.
 
   streams.py SEED SIZE [FAIL_AFTER]
 
@@ -37,7 +37,7 @@ class Stream:
 
 
 def _size_of(number, mean_mib):
-    """No two are of one size; the smallest have no byte and one."""
+    """No two have the same size; the smallest have no bytes and one."""
     if number < 2:
         return number
     return mean_mib * MIB * (8 + number % 10) // 12 + number

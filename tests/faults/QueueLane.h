@@ -16,7 +16,7 @@
 
 namespace korvex::test {
 
-/// Outcomes that are told even when they never came: they say how much a run has proved.
+/// Outcomes that are reported even if they never occurred: they show how much a run has proved.
 inline const std::string kLateInStall = "  late, machine stalled";
 inline const std::string kNextLateInStall = "  next stream late, machine stalled";
 inline const std::string kTimedOutInStop = "  daemon stopped: timed-out";

@@ -145,7 +145,7 @@ int main(int argc, char** argv) try {
   source.size = load.size;
   if (*command) return korvex::test::runSource(source);
   options.hasOnly = !only->empty();
-  // First of all, so that a run that somebody has to end can be repeated as well.
+  // First of all, so that even a run that has to be ended can be repeated.
   std::printf("seed %llu\n", static_cast<unsigned long long>(options.seed));
   std::fflush(stdout);
   const auto start = std::chrono::steady_clock::now();

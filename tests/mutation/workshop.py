@@ -144,7 +144,7 @@ class Workshop:
         return Verdict(outcome, reason, time.monotonic() - started)
 
     def _leave_file_of_another(self, mutant):
-        """Builds the file before anew, so that its objects are the original's again."""
+        """Rebuilds the previous file, so that its objects are the original's again."""
         if self._changed not in (None, mutant.file):
             self._make(self._all_paths())
         self._changed = mutant.file
@@ -228,7 +228,7 @@ class Workshop:
                                if name.endswith(".cpp.o")}
 
     def _has_same_objects(self, file):
-        """Only for sources: in a header, functions that nobody calls here leave no code."""
+        """Only for sources: in a header, functions that are not called here leave no code."""
         objects = self._objects[file]
         return file.endswith(".cpp") and objects and all(
             digest(self.build / name) == known for name, known in objects.items())

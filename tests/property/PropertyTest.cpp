@@ -118,7 +118,7 @@ TEST(WriterModel, MeetsNoDeadlineAhead) {
   EXPECT_GT(WriterLibrary::clockReads(), before);
 }
 
-/// The scripts that once told library and model apart. A new one is a file beside them.
+/// The scripts on which library and model once differed. A new one is a file beside them.
 class KeptScript : public testing::TestWithParam<std::filesystem::path> {};
 
 std::vector<std::filesystem::path> keptScripts() {

@@ -10,7 +10,7 @@
 
 namespace korvex::tool {
 
-/// Where a stream's data come from. Whatever fails throws a Failure; a signal throws Interrupted.
+/// Where a stream's data comes from. Whatever fails throws a Failure; a signal throws Interrupted.
 class Input {
  public:
   virtual ~Input() = default;
@@ -21,7 +21,7 @@ class Input {
   /// Called twice a second while an input that may be silent is waited for or read.
   void whenIdle(std::function<void()> action) { idle_ = std::move(action); }
 
-  /// Goes on to the next part, whose data share no segment with others. False after the last.
+  /// Moves on to the next part, whose data shares no segment with others. False after the last.
   virtual bool openNext() = 0;
 
   /// Reads until the buffer is full or the present part ends, and returns the number of bytes.
@@ -36,7 +36,7 @@ class Input {
     return filled;
   }
 
-  /// For the time after the last part: throws unless what was read is known to be all.
+  /// Call it after the last part: throws unless everything is known to have been read.
   virtual void finish() {}
 
  protected:
@@ -48,8 +48,8 @@ class Input {
   Input(const Input&) = default;
   Input& operator=(const Input&) = default;
 
-  /// Does what is to be done while waiting, when it is time. An input that trickles never waits
-  /// for long, so this belongs into every turn of a waiting loop.
+  /// Does the periodic work of a wait when it is due. An input that trickles never waits for long,
+  /// so every iteration of a waiting loop calls this.
   void pulse() {
     const auto now = Clock::now();
     if (!idle_ || now < nextPulse_) return;

@@ -39,7 +39,7 @@ struct stat statusOf(const std::string& name) {
   return status;
 }
 
-/// Somebody else opened it: perhaps for writing only, perhaps a socket that leads nowhere.
+/// It was opened by another program, perhaps for writing only; perhaps it is an unconnected socket.
 void proveInputReadable(const std::string& name, mode_t mode) {
   if ((::fcntl(STDIN_FILENO, F_GETFL) & O_ACCMODE) == O_WRONLY) throwUnreadable(name, EBADF);
   if (!S_ISSOCK(mode)) return;

@@ -27,7 +27,7 @@ class InputReader : public Input {
   InputReader(const InputReader&) = delete;
   InputReader& operator=(const InputReader&) = delete;
 
-  /// The bytes to come as the files are now; unknown when one of them is no regular file.
+  /// The bytes to come, as the files are now; unknown if one of them is not a regular file.
   std::optional<std::uint64_t> totalBytes() const override { return totalBytes_; }
 
   bool openNext() override;

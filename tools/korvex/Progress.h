@@ -21,7 +21,7 @@ struct ProgressState {
 /// without, or when there is more than was announced: bytes, rate and time so far.
 std::string progressLine(const ProgressState& state, std::size_t width);
 
-/// The line on a terminal, drawn again and again in one place, at most ten times a second.
+/// The line on a terminal, redrawn in place at most ten times a second.
 class Progress {
  public:
   using Clock = std::chrono::steady_clock;
@@ -38,7 +38,7 @@ class Progress {
   /// Draws when the last drawing is old enough.
   void show(std::uint64_t bytes, Clock::time_point now);
 
-  /// Takes the line away, if there is one.
+  /// Erases the line, if there is one.
   void clear();
 
  private:

@@ -87,8 +87,8 @@ void InspectRun::inspect(const CaptureFile& file) {
                           bytes.size() - check.offset()});
 }
 
-/// The check has been past every record up to `checkedSize`, so each lies inside the bytes, and its
-/// magic is right. In a batch whose metadata block is damaged it has been past none.
+/// The check has passed every record up to `checkedSize`, so each lies inside the bytes and its
+/// magic is right. In a batch with a damaged metadata block it has passed none.
 void InspectRun::printRecords(const CaptureFile& file, const Bytes& bytes,
                               std::size_t checkedSize) {
   RecordPlace place = {0, ShmBatch::MetaData::getSerializedSize()};

@@ -24,9 +24,9 @@ struct InspectOptions {
 /// Declares the subcommand; `options` is filled when the command line is parsed.
 CLI::App* declareInspect(CLI::App& tool, InspectOptions& options);
 
-/// Prints the records of captured batches to `out`, one file in memory at a time. Of a damaged one,
-/// the records before the damage. What cannot be read is reported on `errors`, and the others
-/// follow.
+/// Prints the records of captured batches to `out`, with one file in memory at a time; of a damaged
+/// batch, the records before the damage. A file that cannot be read is reported on `errors`, and
+/// the others follow.
 Ending runInspect(const InspectOptions& options, const StopSignal& stop, std::ostream& out,
                   std::ostream& errors);
 

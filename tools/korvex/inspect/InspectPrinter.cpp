@@ -76,7 +76,7 @@ Json JsonPrinter::objectOf(const char* kind, const CaptureFile& file) {
           {"batch", file.number ? Json(*file.number) : Json(nullptr)}};
 }
 
-/// The data goes past the object, since it may be larger than what one wants to hold twice.
+/// The data is written separately: it may be too large to hold twice.
 void JsonPrinter::write(const Json& object, const char* dataName, const unsigned char* bytes,
                         std::size_t size) {
   std::string line = jsonLine(object);

@@ -16,7 +16,7 @@ namespace korvex::tool {
 /// "open", "segment data", "segment end", "close", "stop"; "unknown" for any other type.
 const char* recordTypeName(std::uint32_t type) noexcept;
 
-/// What is to be said about all captured batches together.
+/// The summary of all captured batches.
 class InspectSummary {
  public:
   /// A file comes next, readable or not. In the order of inBatchOrder().

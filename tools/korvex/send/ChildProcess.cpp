@@ -49,7 +49,7 @@ std::string hint(const std::string& name, int error) {
                     std::generic_category().message(error) + hint(name, error));
 }
 
-/// What a program is started with, as the system wants it said.
+/// What a program is started with, in the system's own terms.
 class Start {
  public:
   Start() {
@@ -104,11 +104,11 @@ class Nothing {
   int file_;
 };
 
-/// Where the parent ignores this signal, so would this process, and never learn how a child ended.
+/// If the parent ignores this signal, this process would too, and never learn how a child ended.
 void heedChildren() { ::signal(SIGCHLD, SIG_DFL); }
 
-/// Processes whose parents have ended come to this one instead of process 1, which in a container
-/// may never see them off: a group of dead processes looks like a living one.
+/// Orphans become children of this process instead of process 1, which in a container may never
+/// reap them: a group of dead processes looks like a living one.
 void adoptOrphans() { ::prctl(PR_SET_CHILD_SUBREAPER, 1); }
 
 pid_t start(const std::vector<std::string>& words, int output) {
@@ -185,7 +185,7 @@ std::optional<ProcessEnd> ChildProcess::awaitEnd(Clock::time_point deadline) con
   return end;
 }
 
-/// The dead do not count.
+/// Zombies do not count.
 bool ChildProcess::hasGroup() const noexcept {
   while (::waitpid(-id_, nullptr, WNOHANG) > 0) {
   }

@@ -48,8 +48,8 @@ class ChildProcess {
   /// Signals the program and those of its processes that have stayed in its group.
   void signal(int number) const noexcept;
 
-  /// Waits until the group is empty, and kills what remains of it at the deadline. How the program
-  /// ended; nothing when it has outlived even that, as another user's may. The last call.
+  /// Waits until the group is empty, and kills what is left at the deadline. Returns how the
+  /// program ended; nothing if it outlived even that, as another user's may. The last call.
   std::optional<ProcessEnd> endBefore(Clock::time_point deadline) noexcept;
 
   /// Releases a program that has ended. Its children keep running. The last call.

@@ -45,7 +45,7 @@ bool isEmpty(const qmx_shm_response_t& reply) {
   return reply.status == 0 && reply.message[0] == '\0';
 }
 
-/// The daemon has everything and is alive, but what stores the stream takes its time.
+/// The daemon has everything and is alive; its sink is still storing the stream.
 bool isFinishing(const qmx_shm_response_t& reply) {
   return reply.status == 0 && receiver::textOf(reply) == kFinishing;
 }
@@ -76,7 +76,7 @@ DaemonStream::~DaemonStream() {
   if (!isWriterClosed_ && writer_) keepForEver(std::move(writer_));
 }
 
-/// A fresh writer, and a view and replies of the very queues that it has.
+/// Opens a new writer, and a view and the replies of exactly the queues that it opened.
 void DaemonStream::openQueues() {
   for (int attempts = 0; attempts < kOpenAttempts; ++attempts) {
     awaitQueuesMade();
@@ -85,14 +85,14 @@ void DaemonStream::openQueues() {
       writer_ = makeWriter(settings_);
       replies_.emplace(settings_.queue);
     });
-    // What had the name before and after the writer looked is what the writer has.
+    // The object with this name before and after the writer opened it is the one it opened.
     const bool isSound = sendQueue_.condition() == Condition::Sound;
     if (isSound && isStillServed() && replies_->isStillNamed()) return;
   }
   throwGone();
 }
 
-/// The writer would wait as well, but not for a signal.
+/// The writer would wait too, but would not notice a signal.
 void DaemonStream::awaitQueuesMade() {
   const std::string replies = getMessageQueueResponseName(settings_.queue);
   const bool areMade = lookUntil(Clock::now() + settings_.timeout, [&] {
@@ -148,15 +148,15 @@ void DaemonStream::open() {
   openQueues();  // a fresh writer remembers no reply
   sendOpenRecord();
   flush();
-  // When nothing waits any more, the empty batch behind the open record was taken, so the open
-  // record was dealt with.
+  // Once nothing waits, the empty batch after the open record has been taken, so the open record
+  // has been processed.
   awaitAllTaken("the daemon to take the open record");
   takeReplies();
   refuseForeignReply();
 }
 
-/// A record that found no room stays in its writer's batch, and a writer that opens again puts a
-/// second one behind it. So each attempt has a fresh one.
+/// A record that found no room stays in its writer's batch, and a writer that opens again appends a
+/// second one. So each attempt has a new writer.
 void DaemonStream::sendOpenRecord() {
   sendPatiently([this, isAgain = false]() mutable {
     if (std::exchange(isAgain, true)) openQueues();
@@ -166,7 +166,7 @@ void DaemonStream::sendOpenRecord() {
   batchSize_ = 0;
 }
 
-/// Each batch that the daemon takes gives it the whole time again.
+/// Each batch that the daemon takes restarts the timeout.
 void DaemonStream::awaitAllTaken(const char* what) {
   auto deadline = Clock::now() + settings_.timeout;
   std::size_t fewest = sendQueue_.messages();
@@ -194,8 +194,8 @@ void DaemonStream::endSegment() {
   if (!attempt([this] { writer_->endSegment(); })) throwTimedOut("room");
 }
 
-/// Sends the batch when the next record would not fit: the writer would do so as well, but wait for
-/// room where it sees no signal, and lose the record in the end.
+/// Sends the batch when the next record would not fit. The writer would do so too, but it would
+/// wait for room without noticing signals, and in the end lose the record.
 void DaemonStream::makeRoomFor(std::size_t dataSize) {
   const std::size_t added = kRecordHeader + dataSize;
   if (kBatchHeader + batchSize_ + added > sendQueue_.limits().messageSize) flush();
@@ -214,8 +214,8 @@ bool DaemonStream::tryFlush() {
   return true;
 }
 
-/// Sends until there was room for it, in steps between which signals and the queue's name are
-/// looked at. `send` returns whether there was room.
+/// Sends until there is room, and between attempts looks for signals and at the queue's name.
+/// `send` returns whether there was room.
 template <typename Send>
 void DaemonStream::sendPatiently(Send send) {
   const auto deadline = Clock::now() + settings_.timeout;
@@ -249,12 +249,12 @@ void DaemonStream::look() {
 }
 
 void DaemonStream::close() {
-  // Ctrl-C reaches a whole pipeline: the command in front has died of it, and its output, which
-  // just ended, must not become a complete stream.
+  // Ctrl-C reaches a whole pipeline: the command before this one has died of it, and its output,
+  // which has just ended, must not become a complete stream.
   stop_.throwIfReceived();
   look();
   makeRoomFor(0);
-  // From here on a close record may be in the batch, and a stop behind it would send it first.
+  // From here on a close record may be in the batch, and a stop would send it first.
   isStoppable_ = false;
   sendCloseRecord();
 }
@@ -291,7 +291,7 @@ void DaemonStream::stop(StopWait wait) noexcept {
   try {
     sendStopRecord(Clock::now() + patience, wait);
   } catch (const std::exception&) {
-    // The stream has already failed, and that was reported. The daemon notices at the next open
+    // The stream has failed already, and that was reported. The daemon will notice at the next open
     // record.
   }
 }
@@ -321,7 +321,7 @@ bool DaemonStream::flushBefore(Clock::time_point deadline, StopWait wait) {
   return false;
 }
 
-/// The writer would wait as well, but neither for a signal nor with an eye on the queue's name.
+/// The writer would wait too, but would notice neither a signal nor a replaced queue.
 void DaemonStream::awaitRoom(Clock::time_point deadline) {
   const bool hasRoom = lookUntil(deadline, [this] {
     if (!sendQueue_.looksFull()) return true;
@@ -332,7 +332,7 @@ void DaemonStream::awaitRoom(Clock::time_point deadline) {
   if (!hasRoom) throwTimedOut("room");
 }
 
-/// Takes what seems to be there, up to the reply that the stream will be judged by.
+/// Takes the replies that seem to be there, up to the one that decides about the stream.
 void DaemonStream::takeReplies() {
   for (std::size_t left = replies_->capacity(); left > 0 && replies_->messages() > 0; --left) {
     if (settings_.expectsReceipt && reply() != nullptr) return;
@@ -354,7 +354,7 @@ void DaemonStream::takeReply() {
   }
 }
 
-/// The reply that has come, if any: fetched here, or by the writer with one of its batches.
+/// The reply received so far, if any: fetched here, or by the writer with one of its batches.
 const qmx_shm_response_t* DaemonStream::reply() const {
   if (!isEmpty(reply_)) return &reply_;
   const qmx_shm_response_t& met = writer_->getResponse();

@@ -40,7 +40,7 @@ class DaemonStream {
 
   enum class StopWait { Short, Ordinary };
 
-  /// Opens the queues and empties the daemon's replies of what an earlier stream left there.
+  /// Opens the queues and removes replies to earlier streams.
   DaemonStream(Settings settings, const StopSignal& stop);
 
   /// A stream that was not closed is left without a close record, so it never looks complete.
@@ -57,9 +57,9 @@ class DaemonStream {
   void write(const unsigned char* data, std::size_t size);
   void endSegment();
 
-  /// Sees whether the daemon is still there and has nothing to say, and sends what there is, if
-  /// only an empty batch, when nothing was sent for long: a daemon may end silent streams. Cheap:
-  /// looks a hundred times a second at most.
+  /// Checks that the daemon is still there and has not replied. After a long silence it sends what
+  /// there is, even an empty batch: a daemon may end silent streams. Cheap: it looks at most a
+  /// hundred times a second.
   void watch();
 
   void close();

@@ -18,8 +18,8 @@ void declareFromCommand(CLI::App& send, SendOptions& options);
 /// Cuts the command off the end of the tool's words and returns it. Its words may be anything, so
 /// the parser must not see them.
 ///
-/// Behind --from-command the command begins with the first word that is neither an option of
-/// `send` nor an option's value, or after "--". Without --from-command nothing is cut.
+/// After --from-command, the command begins with the first word that is neither an option of
+/// `send` nor an option's value, or after "--". Without --from-command, nothing is cut.
 std::vector<std::string> cutCommand(const CLI::App& send, std::vector<std::string>& words);
 
 }  // namespace korvex::tool

@@ -18,8 +18,8 @@ sigset_t progressSignal() noexcept {
   return signals;
 }
 
-/// Nobody may be reading standard error. A write would hold the thread up then, and the end of the
-/// stream with it.
+/// If nobody reads standard error, a write would block the thread, and with it the end of the
+/// stream.
 bool canTell() noexcept {
   pollfd errors = {STDERR_FILENO, POLLOUT, 0};
   return ::poll(&errors, 1, 0) == 1 && (errors.revents & POLLOUT) != 0;
@@ -32,8 +32,8 @@ void ProgressSignal::expect() noexcept {
   ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
-/// No other signal is for the thread: who interrupts the stream must reach the one that waits. It
-/// is born with all of them blocked, for its end may be asked for before it has run at all.
+/// The thread takes no other signal: one that interrupts the stream must reach the thread that
+/// waits. It starts with all of them blocked, since it may be asked to end before it has run.
 ProgressSignal::ProgressSignal(Clock::time_point start) noexcept : start_(start) {
   sigset_t all;
   sigset_t before;
@@ -58,7 +58,7 @@ void ProgressSignal::answerSignals() const {
   for (int signal = 0; ::sigwait(&signals, &signal) == 0 && !isOver_;) answer();
 }
 
-/// In one piece and past the stream, which may just be drawing its own line.
+/// In one write, and not through std::cerr, which may be drawing its own line just now.
 void ProgressSignal::answer() const {
   if (!canTell()) return;
   const std::uint64_t total = total_;

@@ -39,7 +39,7 @@ struct FreeMemory {
 };
 using Buffer = std::unique_ptr<unsigned char, FreeMemory>;
 
-/// Begins at a page, as the system copies fastest.
+/// Page-aligned: the system copies fastest then.
 Buffer allocatePages(std::size_t size) {
   const std::size_t rounded = (size + kPageSize - 1) / kPageSize * kPageSize;
   Buffer buffer(static_cast<unsigned char*>(std::aligned_alloc(kPageSize, rounded)));
@@ -115,7 +115,7 @@ void SendRun::stream() {
     daemon_->close();
   } catch (const Failure&) {
     if (command_ != nullptr) command_->interrupt();
-    // Not a close record: the daemon must see that the stream is broken off.
+    // Not a close record: the daemon must see that the stream was cut short.
     daemon_->stop(DaemonStream::StopWait::Ordinary);
     throw;
   }
@@ -149,8 +149,8 @@ void SendRun::sendAll(Input& input) {
   while (input.openNext()) sendPart(input, pieceSize);
 }
 
-/// A segment is sent in pieces that are small enough to stay in the processor's cache from the read
-/// over the digest to the copy into the batch.
+/// A segment is sent in pieces small enough to stay in the processor's cache from the read through
+/// the digest to the copy into the batch.
 void SendRun::sendPart(Input& input, std::size_t pieceSize) {
   std::uint64_t inSegment = 0;
   for (bool isMore = true; isMore;) {
@@ -210,7 +210,7 @@ void SendRun::fail(common::ExitCode exitCode, ov_status_t status, const std::str
   report_.message = message;
 }
 
-/// A name that no daemon can serve is a mistake in the command line, not a daemon that is away.
+/// A name that no daemon can serve is a mistake on the command line, not a missing daemon.
 std::string checkQueueName(const std::string& name) {
   const std::string defect = common::queueNameDefect(name);
   return defect.empty() ? ""

@@ -34,7 +34,7 @@ std::string SendReport::json() const {
                                    {"status", status},    {"message", message},
                                    {"exitCode", exitCode}};
   if (command) object["command"] = objectOf(*command);
-  // A file name in the message may be no text at all; that must not cost the whole result.
+  // A file name in the message may not be text at all; the result must survive that.
   return object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 

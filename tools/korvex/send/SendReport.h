@@ -10,7 +10,7 @@
 
 namespace korvex::tool {
 
-/// What is to be said about a stream when it is over, well or not.
+/// The result of a stream, whether it succeeded or not.
 struct SendReport {
   std::uint64_t bytes = 0;  ///< of data handed to the writer
   std::uint64_t segments = 0;
@@ -21,7 +21,7 @@ struct SendReport {
   std::string message;
   int exitCode = 0;
   int signal = 0;                     ///< what ended it; 0 for none
-  std::optional<ProcessEnd> command;  ///< how the command ended that the data came from
+  std::optional<ProcessEnd> command;  ///< how the command that produced the data ended
 
   double bytesPerSecond() const { return seconds > 0 ? static_cast<double>(bytes) / seconds : 0; }
 

@@ -43,7 +43,7 @@ void SourceCommand::start() {
                 "cannot be started: " + std::generic_category().message(error));
   }
   output_ = ends[0];
-  // A smaller one does as well; the system may have none of this size to give.
+  // A smaller one will do; the system may refuse this size.
   ::fcntl(output_, F_SETPIPE_SZ, kPipeSize);
   try {
     process_ = std::make_unique<ChildProcess>(settings_.words, ends[1]);
@@ -68,7 +68,7 @@ std::size_t SourceCommand::readSome(unsigned char* buffer, std::size_t size) {
   }
 }
 
-/// Waits for the next event, half a second at most, and looks after everything but the data.
+/// Waits for the next event, half a second at most, and handles everything but the data.
 bool SourceCommand::isReadable(int file) {
   pollfd events[] = {{file, POLLIN, 0},
                      {stop_.descriptor(), POLLIN, 0},
@@ -89,7 +89,7 @@ void SourceCommand::heed() {
   if (!end_->isSuccess()) throwFailed(EIO, textOf(*end_));
 }
 
-/// For the time between the command's end and its output's, whichever came first.
+/// Between the command's end and its output's, whichever comes first.
 void SourceCommand::checkPatience() const {
   const bool isOneOver = end_ || output_ < 0;
   if (!isOneOver || Clock::now() < lastProgress_ + settings_.timeout) return;

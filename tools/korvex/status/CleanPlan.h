@@ -6,13 +6,13 @@
 
 namespace korvex::tool {
 
-/// A pair of queues or one half-made queue, and what is to become of it.
+/// A pair of queues or one half-made queue, and whether it can be removed.
 struct CleanItem {
   enum class Kind { Pair, HalfMade };
 
   std::string name;
   Kind kind = Kind::Pair;
-  std::string found;          ///< what there is to know of it, for people
+  std::string found;          ///< what is known of it, for people
   std::string obstacle = {};  ///< why it stays; empty when it may go
   bool isRemoved = false;
 

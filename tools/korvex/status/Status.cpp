@@ -108,7 +108,8 @@ void Look::addPairs(StatusReport& report) const {
   }
 }
 
-/// Whoever may open a queue can pose as its server. Only what its owner or root runs is believed.
+/// Any process that may open a queue can pose as its server. Only those of its owner and of root
+/// are believed.
 bool isBelievable(const PairState& pair) {
   const auto isRunFor = [&pair](const QueueState& queue) {
     return !queue.exists() || isProcessOf(pair.server.id, queue.object.user);

@@ -25,7 +25,7 @@ struct StatusOptions {
 /// Declares the subcommand; `options` is filled when the command line is parsed.
 CLI::App* declareStatus(CLI::App& tool, StatusOptions& options);
 
-/// Shows what lies in shared memory on `out`, once or every second until a signal comes. Anything
+/// Prints what is in shared memory to `out`, once, or every second until a signal comes. Anything
 /// requested but missing is reported on `errors`.
 Ending runStatus(const StatusOptions& options, const StopSignal& stop, std::ostream& out,
                  std::ostream& errors);

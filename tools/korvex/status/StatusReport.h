@@ -30,7 +30,7 @@ struct StatusReport {
 
   Ending ending() const;
 
-  /// A table, and a line for whatever there is to say of a pair; ends with a line end.
+  /// A table, with a line for each remark about a pair; ends with a line feed.
   std::string text() const;
 
   /// One JSON object on one line.

@@ -21,8 +21,8 @@ constexpr std::string_view kTimeForm = "0000-00-00T00:00:00Z";  // 0 is any digi
 
 [[noreturn]] void refuse(const std::string& text) { throw Failure(EBADMSG, text); }
 
-/// A value for people. Arrays and objects may be nested deeper than the stack is, so they are only
-/// named.
+/// A value for people. Arrays and objects may be nested deeper than the stack allows, so only their
+/// kind is named.
 std::string quoted(const Json& value) {
   if (value.is_structured()) return std::string("an ") + value.type_name();
   const std::string text =

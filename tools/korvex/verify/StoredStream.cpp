@@ -27,7 +27,7 @@ bool hasTimeForm(std::string_view text) {
   return true;
 }
 
-/// Whether a daemon calls a stream of some queue so.
+/// Whether a daemon could have given a stream this name.
 bool isStreamName(std::string_view name) {
   const std::size_t number = name.find_last_not_of(kDigits) + 1;
   if (number == 0 || number == name.size() || number <= kTimeForm.size()) return false;
@@ -43,7 +43,7 @@ std::string_view finalName(std::string_view name) {
   return isPartialName(name) ? name.substr(0, name.size() - kPartialSuffix.size()) : name;
 }
 
-/// No link is followed, so what is a link is neither a folder nor a file.
+/// Links are not followed, so a link is neither a folder nor a file.
 struct stat statusOf(const std::string& path) {
   struct stat status = {};
   if (::lstat(path.c_str(), &status) != 0) status = {};

@@ -11,7 +11,7 @@ enum class StreamState {
   Complete,  ///< the data is what the manifest says
   Damaged,   ///< it is not, or cannot be checked
   Partial,   ///< never got its final name, so it promises nothing
-  Foreign,   ///< no stream at all
+  Foreign,   ///< not a stream
   Unchecked  ///< the run ended before its turn
 };
 

@@ -35,7 +35,7 @@ class Descriptor {
   int descriptor_;
 };
 
-/// The system's words for links are about loops, and for a link in a folder's place about folders.
+/// For a link the system's error is about loops, and for a link in a folder's place about folders.
 std::string textOf(int error) {
   if (error == ELOOP) return "it is a symbolic link";
   if (error == ENOTDIR) return "it is a link or no folder";

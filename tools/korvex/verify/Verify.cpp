@@ -95,7 +95,7 @@ std::size_t VerifyRun::threadCount() const {
   return std::min(std::max(wanted, std::size_t{1}), work_.size());
 }
 
-/// With fewer threads than wanted it takes longer, with none the caller does the work.
+/// With fewer threads than wanted it takes longer; with none, the caller does the work.
 void VerifyRun::startThreads(std::vector<std::thread>& threads) {
   const std::size_t count = threadCount();
   threads.reserve(count);
@@ -130,7 +130,7 @@ void VerifyRun::checkInTurn() {
   }
 }
 
-/// Where memory runs out, nobody knows whether the stream is good.
+/// If memory runs out, it is unknown whether the stream is good.
 void VerifyRun::check(StreamCheck& check, StoredStream& stream) const {
   try {
     check.check(stream);

@@ -11,7 +11,7 @@
 
 namespace korvex::tool {
 
-/// What is to be said about stored streams when all were looked at, or a signal came.
+/// What was found out about stored streams, until all were checked or a signal came.
 struct VerifyReport {
   std::vector<StoredStream> streams;  ///< in the order of the listing
   std::vector<Failure> failures;      ///< folders that could not be read

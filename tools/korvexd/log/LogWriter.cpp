@@ -45,7 +45,7 @@ std::size_t writeAll(int descriptor, const std::string& line) noexcept {
       rest += written;
       size -= static_cast<std::size_t>(written);
     } else if (errno == EAGAIN) {
-      // Whoever shares the descriptor made it non-blocking.
+      // Another process that shares the descriptor made it non-blocking.
       pollfd ready = {descriptor, POLLOUT, 0};
       ::poll(&ready, 1, -1);
     } else if (errno != EINTR) {

@@ -76,7 +76,7 @@ void DirectorySink::writeData(const unsigned char* data, std::size_t size) {
   data_.writeAll(data, size, kWritingData);
   written_ += size;
   if (written_ - onTheWay_ < kWritebackSize) return;
-  // Only a wish. Whether everything has arrived is asked for when the stream closes.
+  // Only a hint. The sync at the end makes sure that everything has arrived.
   ::sync_file_range(data_.descriptor(), static_cast<off64_t>(onTheWay_),
                     static_cast<off64_t>(written_ - onTheWay_), SYNC_FILE_RANGE_WRITE);
   onTheWay_ = written_;

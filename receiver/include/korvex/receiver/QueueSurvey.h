@@ -22,7 +22,7 @@ KORVEX_RECEIVER_EXPORT std::vector<std::string> pairNames();
 /// Which processes serve queues, as one look at the system's table of file locks finds it.
 ///
 /// A receiver claims its queues by such a lock, and the system frees it when the process ends. The
-/// look takes no lock itself, so it holds nobody up.
+/// look takes no lock itself, so it delays no peer.
 class KORVEX_RECEIVER_EXPORT ServingProcesses {
  public:
   ServingProcesses();
