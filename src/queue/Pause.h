@@ -26,8 +26,8 @@ class Pause {
   /// Starts again with the shortest pause.
   void reset() noexcept { step_ = 0; }
 
-  /// What was waited for has come. The next wait starts with a sleep if this one took half a
-  /// millisecond or more: the other side is slow, and spinning would only burn time.
+  /// What was waited for has come. The next wait starts with a sleep if this one was long: the
+  /// other side is slow, and spinning would only burn time.
   void next() noexcept;
 
  private:

@@ -167,7 +167,7 @@ class Run {
     const bool hasData = record.type == kData || how >> 3 == 3;
     const std::size_t size = hasData ? kSizes[how >> 3] : 0;
     record.size = static_cast<std::uint32_t>(size);
-    record.data = size == 0 ? nullptr : source_.next(size);
+    record.data = source_.next(size);
     const auto expected = model_.take({record.type, record.sequence, record.data, size});
     const auto answer = session.gather(record) ? session.flush() : session.take(record);
     check(expected, answer, "record type ");

@@ -92,6 +92,18 @@ TEST_F(DaemonConfig, GivesEachQueueItsOwnSink) {
   EXPECT_EQ(korvex::test::contentsOf(folder_ / "taken"), "abc");
 }
 
+TEST_F(DaemonConfig, ChangesTheDigestOfLaterStreams) {
+  configure(toOutput() + "digest = 'xxh128'");
+  const auto daemon = startConfigured();
+  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  EXPECT_FALSE(manifestOf(streams(false).at(0)).contains("sha256"));
+  configure(toOutput());
+  reload(*daemon);
+  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  EXPECT_TRUE(manifestOf(streams(false).at(1)).contains("sha256"));
+  end(*daemon);
+}
+
 TEST_F(DaemonConfig, ReportsEveryMistakeAndServesNothing) {
   configure("outptu = 'x'\nmode = 660", "[defaults]\nmax-messages = 0\n");
   const auto isComplete =

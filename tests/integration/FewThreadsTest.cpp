@@ -15,10 +15,10 @@ const char kNoMore[] = ": error 11 (Resource temporarily unavailable)\n";
 class FewThreads : public DaemonFixture {
  protected:
   /// A daemon for two queues that gets only so many threads besides its first.
-  Process runWith(int threads) const {
+  Process runWith(int threads, const std::string& sink = "--discard") const {
     return Process({"/usr/bin/env", "LD_PRELOAD=" KORVEX_FEW_THREADS,
                     "KORVEX_TEST_THREADS=" + std::to_string(threads), KORVEXD_PROGRAM, "--queue",
-                    queue_, "--queue", other_, "--discard"});
+                    queue_, "--queue", other_, sink});
   }
 
   void expectNoQueues(const Process& daemon) const {
@@ -67,5 +67,19 @@ TEST_F(FewThreads, OneMoreForEachQueueIsEnough) {
   Process daemon = runWith(4);
   ASSERT_TRUE(awaitServing(daemon));
   EXPECT_EQ(stream(other_, "abc"), "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950");
+  end(daemon);
+}
+
+TEST_F(FewThreads, NoneForADigestOnlyTakesMoreTime) {
+  Process daemon = runWith(4, "--output=" + output_);
+  ASSERT_TRUE(awaitServing(daemon));
+  const auto to = writer();
+  to->open();
+  for (int tenth = 0; tenth < 10; ++tenth) write(*to, std::string(100000, 'a'));
+  to->close();
+  ASSERT_TRUE(korvex::test::eventually([this] { return streams(false).size() == 1; }));
+  // From the standard, FIPS 180: a million times "a".
+  EXPECT_EQ(manifestOf(streams(false).at(0))["sha256"],
+            "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0");
   end(daemon);
 }

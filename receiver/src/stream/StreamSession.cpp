@@ -215,6 +215,7 @@ StreamSession::Answer StreamSession::takeStop(const Record& record) {
 }
 
 StreamSession::Answer StreamSession::takeDamage(const std::string& defect) {
+  assert(gatheredRecords_ == 0);
   if (state_ == State::Failed) return {};
   const std::string text = "damaged batch: " + defect;
   if (state_ == State::Open) return fail(Ending::Corrupt, text);
@@ -253,6 +254,7 @@ StreamSession::Answer StreamSession::fail(Ending ending, const std::string& text
 }
 
 void StreamSession::end(Ending ending, const std::string& reason) {
+  assert(gatheredRecords_ == 0);
   if (state_ == State::Open) leaveIncomplete(ending, reason);
   state_ = State::Idle;
 }

@@ -61,12 +61,13 @@ TEST_F(OptionsTest, DefaultsAreAPairForItsOwnerAlone) {
   EXPECT_EQ(queue().receiver.mode, 0600u);
   EXPECT_EQ(queue().receiver.limits.messages, 8u);
   EXPECT_EQ(queue().receiver.limits.messageSize, 270336u);
+  EXPECT_EQ(queue().digest, korvexd::ExtraDigest::Sha256);
   EXPECT_FALSE(queue().output || queue().capture || settings_.daemon.statsFile);
 }
 
 TEST_F(OptionsTest, TakesEverything) {
   ASSERT_EQ(parse("--queue a --queue /b --replace --mode 0660 --max-messages 3 "
-                  "--max-message-size 64K --output out --capture cap --stats file"),
+                  "--max-message-size 64K --output out --digest xxh128 --capture cap --stats file"),
             0);
   EXPECT_THAT(names(), ElementsAre("a", "b"));
   EXPECT_EQ(queue().receiver.existing, Receiver::Existing::Replace);
@@ -74,6 +75,7 @@ TEST_F(OptionsTest, TakesEverything) {
   EXPECT_EQ(queue().receiver.limits.messages, 3u);
   EXPECT_EQ(queue().receiver.limits.messageSize, 65536u);
   EXPECT_EQ(*queue().output, "out");
+  EXPECT_EQ(queue().digest, korvexd::ExtraDigest::None);
   EXPECT_EQ(*queue().capture, "cap");
   EXPECT_EQ(*settings_.daemon.statsFile, "file");
 }

@@ -2,16 +2,23 @@
 #include <chrono>
 #include <gmock/gmock.h>
 #include <memory>
+#include <optional>
+#include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "korvex/ShmWriter.h"
 #include "korvex/receiver/QueueStatus.h"
 #include "korvex/receiver/Receiver.h"
+#include "korvex/receiver/ReplyQueue.h"
+#include "queue/MessageQueue.h"
 #include "support/Await.h"
 #include "support/Queues.h"
+#include "support/WireFormat.h"
 
 using korvex::ShmWriter;
+using korvex::receiver::Count;
 using korvex::receiver::Limits;
 using korvex::receiver::Observer;
 using korvex::receiver::QueueStatus;
@@ -19,6 +26,10 @@ using korvex::receiver::Receiver;
 using korvex::receiver::Sink;
 using korvex::receiver::StillFinishing;
 using korvex::receiver::StreamSummary;
+using korvex::test::BatchBytes;
+using korvex::test::kClose;
+using korvex::test::kData;
+using korvex::test::kOpen;
 using testing::ElementsAre;
 
 namespace {
@@ -352,4 +363,71 @@ TEST(Receiver, AsksASinkBeforeItTakesABatch) {
   writer.flush_shm_buffer(1);
   receiver.step();
   EXPECT_THAT(observer.incomplete, ElementsAre("the engine is gone"));
+}
+
+namespace {
+
+/// Has room for one write.
+class SmallSink : public Sink {
+ public:
+  void write(const unsigned char*, std::size_t) override {
+    if (std::exchange(isFull_, true)) throw std::runtime_error("no room");
+  }
+  void complete(const StreamSummary&, const StillFinishing&) override {}
+  void abandon(const StreamSummary&, const std::string&) override {}
+
+ private:
+  bool isFull_ = false;
+};
+
+/// A receiver that gets batches byte by byte.
+class ReceiverBatches : public testing::Test {
+ protected:
+  void take(const korvex::test::BatchBytes& batch) {
+    korvex::MessageQueue queue(name_, korvex::MessageQueue::Clock::now());
+    const auto& bytes = batch.bytes();
+    ASSERT_EQ(queue.trySend(bytes.data(), bytes.size(), 0), korvex::MessageQueue::Outcome::Done);
+    ASSERT_TRUE(receiver_->step());
+  }
+
+  void receiveWith(korvex::receiver::SinkFactory open) {
+    receiver_.emplace(Receiver::Settings{name_, kLimits}, std::move(open), silent_);
+    replies_.emplace(name_);
+  }
+
+  std::uint64_t count(Count which) const { return receiver_->counters().get(which); }
+
+  const std::string name_ = korvex::test::uniqueQueueName();
+  const korvex::test::QueueRemover remover_{name_};
+  Observer silent_;
+  std::optional<Receiver> receiver_;
+  std::optional<korvex::receiver::ReplyQueue> replies_;
+};
+
+}  // namespace
+
+TEST_F(ReceiverBatches, LeaveNothingGatheredBehind) {
+  std::vector<std::string> ends;
+  receiveWith(
+      [&](const std::string&, std::time_t) { return std::make_unique<NotingSink>("sink", ends); });
+  take(BatchBytes()
+           .record(kOpen, 0)
+           .record(kData, 2, "a")
+           .record(kData, 3, "b")
+           .record(kData, 4, "c"));
+  EXPECT_EQ(count(Count::Bytes), 3u);
+  EXPECT_EQ(count(Count::Records), 4u);
+  take(BatchBytes().record(kClose, 5));
+  EXPECT_STREQ(replies_->take()->message, "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950");
+}
+
+// The failure belongs to the stream before; the producer that opens the next one must not get it.
+TEST_F(ReceiverBatches, FailBeforeTheNextStreamOpens) {
+  receiveWith([](const std::string&, std::time_t) { return std::make_unique<SmallSink>(); });
+  take(BatchBytes().record(kOpen, 0).record(kData, 2, "a"));
+  take(BatchBytes().record(kData, 3, "b").record(kData, 4, "c").record(kOpen, 0));
+  EXPECT_FALSE(replies_->take());
+  EXPECT_EQ(count(Count::StreamsIncomplete), 1u);
+  take(BatchBytes().record(kData, 2, "a").record(kClose, 3));
+  EXPECT_THAT(replies_->take()->message, testing::StartsWith("stored bytes=1 "));
 }

@@ -26,10 +26,8 @@ unsigned char* DigestedBlocks::current() {
 
 void DigestedBlocks::submit(std::size_t size) {
   if (wanted_ == ExtraDigest::None) return;
-  if (!thread_.joinable()) {
-    if (size < kBlockSize) return sha256_.update(current(), size);
-    thread_ = startThread("a stream's digest", [this] { run(); });
-  }
+  const bool isShortStream = submitted_ == 0 && size < kBlockSize;
+  if (isShortStream || !hasThread()) return sha256_.update(current(), size);
   block(submitted_).size = size;
   {
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -38,11 +36,21 @@ void DigestedBlocks::submit(std::size_t size) {
   changed_.notify_all();
 }
 
+/// A stream that needs more time is better than one that fails.
+bool DigestedBlocks::hasThread() {
+  if (thread_.joinable()) return true;
+  try {
+    thread_ = startThread("a stream's digest", [this] { run(); });
+    return true;
+  } catch (const receiver::SystemError&) {
+    return false;
+  }
+}
+
 std::string DigestedBlocks::hex() {
   if (wanted_ == ExtraDigest::None) return "";
   std::unique_lock<std::mutex> lock(mutex_);
   changed_.wait(lock, [this] { return submitted_ == digested_; });
-  if (failure_) std::rethrow_exception(failure_);
   return sha256_.hex();
 }
 
@@ -51,23 +59,13 @@ void DigestedBlocks::run() noexcept {
   for (;;) {
     changed_.wait(lock, [this] { return isOver_ || digested_ < submitted_; });
     if (isOver_) return;
-    digestNext(lock);
-  }
-}
-
-void DigestedBlocks::digestNext(std::unique_lock<std::mutex>& lock) {
-  const Block& next = block(digested_);
-  lock.unlock();
-  std::exception_ptr failure;
-  try {
+    const Block& next = block(digested_);
+    lock.unlock();
     sha256_.update(next.bytes.get(), next.size);
-  } catch (const std::exception&) {
-    failure = std::current_exception();
+    lock.lock();
+    ++digested_;
+    changed_.notify_all();
   }
-  lock.lock();
-  if (failure) failure_ = failure;
-  ++digested_;
-  changed_.notify_all();
 }
 
 }  // namespace korvexd

@@ -5,7 +5,6 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <exception>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -28,7 +27,7 @@ class DigestedBlocks {
   static constexpr std::size_t kBlockSize = std::size_t{256} * 1024;
 
   /// How far the digest may be behind.
-  static constexpr std::size_t kBlocks = 8;
+  static constexpr std::size_t kBlocks = 4;
 
   explicit DigestedBlocks(ExtraDigest wanted) noexcept : wanted_(wanted) {}
   ~DigestedBlocks();
@@ -40,11 +39,11 @@ class DigestedBlocks {
   unsigned char* current();
 
   /// Digests the first `size` bytes of the current block; only the last one may be partly filled.
-  /// Throws SystemError when the system has no thread to give.
+  /// Takes longer where the system has no thread to give.
   void submit(std::size_t size);
 
   /// The digest of everything that was submitted: 64 lower-case hex digits; empty if none is
-  /// wanted. Throws what went wrong in the thread.
+  /// wanted.
   std::string hex();
 
  private:
@@ -55,17 +54,16 @@ class DigestedBlocks {
 
   Block& block(std::uint64_t number) { return blocks_[number % kBlocks]; }
   void run() noexcept;
-  void digestNext(std::unique_lock<std::mutex>& lock);
+  bool hasThread();
 
   const ExtraDigest wanted_;
   std::array<Block, kBlocks> blocks_;
   korvex::common::Sha256 sha256_;  ///< the thread's, while blocks are on their way
   std::mutex mutex_;
   std::condition_variable changed_;
-  std::uint64_t submitted_ = 0;
-  std::uint64_t digested_ = 0;  ///< guarded by the mutex, as those below
-  bool isOver_ = false;
-  std::exception_ptr failure_;
+  std::uint64_t submitted_ = 0;  ///< written by the owner, under the mutex
+  std::uint64_t digested_ = 0;   ///< guarded by the mutex
+  bool isOver_ = false;          ///< guarded by the mutex
   std::thread thread_;
 };
 
