@@ -7,14 +7,16 @@
 
 namespace korvex::tool {
 
-/// Looks until `isDone`, with a sleep between looks that grows from 50 microseconds to 4 ms, so
-/// that neither a short wait becomes long nor a long one costs much. The result is that of the last
+constexpr std::chrono::steady_clock::duration kShortestSleep = std::chrono::microseconds(50);
+
+/// Looks until `isDone`, with a sleep between looks that grows from `sleep` to 4 ms, so that
+/// neither a short wait becomes long nor a long one costs much. The result is that of the last
 /// look; false means that the deadline has passed.
 template <typename Condition>
-bool lookUntil(std::chrono::steady_clock::time_point deadline, Condition isDone) {
+bool lookUntil(std::chrono::steady_clock::time_point deadline, Condition isDone,
+               std::chrono::steady_clock::duration sleep = kShortestSleep) {
   using Clock = std::chrono::steady_clock;
   constexpr Clock::duration kLongestSleep = std::chrono::milliseconds(4);
-  Clock::duration sleep = std::chrono::microseconds(50);
   while (!isDone()) {
     const auto now = Clock::now();
     if (now >= deadline) return false;

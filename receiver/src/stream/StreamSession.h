@@ -80,7 +80,7 @@ class StreamSession {
 
  private:
   /// Longer records are worth a call of their own.
-  static constexpr std::uint32_t kLongestGathered = 4096;
+  static constexpr std::uint32_t kLongestGathered = 512;
   static constexpr std::size_t kGatherSize = std::size_t{64} * 1024;
 
   enum class State {

@@ -192,7 +192,7 @@ TEST_F(StreamSessionTest, GathersOnlyWhatContinuesASegment) {
   take(kData, 2, "a");
   EXPECT_FALSE(gather(2, "a") || gather(4, "a") || gather(1, "a")) << "not the next number";
   EXPECT_FALSE(gather(3, "", kSegmentEnd) || gather(3, "", kClose)) << "no data";
-  EXPECT_FALSE(gather(3, std::string(4097, 'a'))) << "long";
+  EXPECT_FALSE(gather(3, std::string(513, 'a'))) << "long";
   take(kSegmentEnd, 3);
   EXPECT_FALSE(gather(4, "a")) << "another segment's first";
   take(kData, 18446744073709551615u, "a");
@@ -202,12 +202,12 @@ TEST_F(StreamSessionTest, GathersOnlyWhatContinuesASegment) {
 TEST_F(StreamSessionTest, GathersNoMoreThanThereIsRoomFor) {
   take(kOpen, 0);
   take(kData, 2, "a");
-  const std::string block(4096, 'b');
+  const std::string block(512, 'b');
   std::uint64_t sequence = 3;
   while (gather(sequence, block)) ++sequence;
-  EXPECT_EQ(sequence, 3u + 16);
+  EXPECT_EQ(sequence, 3u + 128);
   session_.flush();
-  EXPECT_EQ(fate().data.size(), 1 + 16 * block.size());
+  EXPECT_EQ(fate().data.size(), 1 + 128 * block.size());
   EXPECT_TRUE(gather(sequence, block));
   session_.flush();
 }

@@ -10,7 +10,6 @@
 #include <vector>
 
 #include "Failure.h"
-#include "LookUntil.h"
 #include "common/Printable.h"
 #include "korvex/Status.h"
 
@@ -28,6 +27,7 @@ constexpr std::size_t kBatchOverhead = kBatchHeader + kRecordHeader;
 constexpr std::string_view kFinishing = "finishing";
 constexpr int kOpenAttempts = 3;
 constexpr std::chrono::milliseconds kWatchPeriod{10};
+constexpr std::chrono::steady_clock::duration kLongestFirstSleep = std::chrono::milliseconds(1);
 
 std::string quoted(const std::string& name) { return "'" + common::printable(name) + "'"; }
 
@@ -322,14 +322,18 @@ bool DaemonStream::flushBefore(Clock::time_point deadline, StopWait wait) {
 }
 
 /// The writer would wait too, but would notice neither a signal nor a replaced queue.
+/// Its first sleep is a quarter of the last wait: behind a slow daemon, shorter ones only cost
+/// time.
 void DaemonStream::awaitRoom(Clock::time_point deadline) {
-  const bool hasRoom = lookUntil(deadline, [this] {
+  const auto start = Clock::now();
+  const auto hasRoom = [this] {
     if (!sendQueue_.looksFull()) return true;
     stop_.throwIfReceived();
     checkStillServed();
     return false;
-  });
-  if (!hasRoom) throwTimedOut("room");
+  };
+  if (!lookUntil(deadline, hasRoom, roomSleep_)) throwTimedOut("room");
+  roomSleep_ = std::clamp((Clock::now() - start) / 4, kShortestSleep, kLongestFirstSleep);
 }
 
 /// Takes the replies that seem to be there, up to the one that decides about the stream.

@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 
+#include "LookUntil.h"
 #include "StopSignal.h"
 
 namespace korvex::tool {
@@ -113,7 +114,8 @@ class DaemonStream {
   qmx_shm_response_t reply_;  ///< the one that was fetched here; all zero before
   receiver::QueueStatus sendQueue_;
   std::size_t largestPiece_ = 0;
-  std::size_t batchSize_ = 0;  ///< at most what the writer's batch has
+  std::size_t batchSize_ = 0;                   ///< at most what the writer's batch has
+  Clock::duration roomSleep_ = kShortestSleep;  ///< the first one of a wait for room
   Clock::time_point nextWatch_;
   Clock::time_point lastSent_;
   Clock::time_point lastSign_;   ///< of life while the stream is being stored

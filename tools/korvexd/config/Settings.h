@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "korvexd/log/LogFormat.h"
-#include "korvexd/sink/DigestedBlocks.h"
+#include "korvexd/sink/ExtraDigest.h"
 
 namespace korvexd {
 

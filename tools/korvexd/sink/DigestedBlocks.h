@@ -11,11 +11,9 @@
 #include <thread>
 
 #include "common/Sha256.h"
+#include "korvexd/sink/ExtraDigest.h"
 
 namespace korvexd {
-
-/// The digest that is computed of a stream's data beside its XXH3.
-enum class ExtraDigest { None, Sha256 };
 
 /// Blocks of a stream's data. A thread of its own computes their SHA-256 while they are being
 /// written: a core takes longer for that than for all the rest.

@@ -10,7 +10,7 @@
 #include <string>
 
 #include "korvexd/os/File.h"
-#include "korvexd/sink/DigestedBlocks.h"
+#include "korvexd/sink/ExtraDigest.h"
 
 namespace korvexd {
 
