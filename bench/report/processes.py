@@ -34,16 +34,20 @@ def run_silently(command, **place):
         raise Failed(f"{shlex.join(command)} ended with {done.returncode}: {done.stderr.strip()}")
 
 
+def run_timed(command):
+    """Seconds and CPU seconds of a program, with as little of this interpreter as can be."""
+    start = time.monotonic()
+    process = os.posix_spawnp(command[0], command, os.environ)
+    _, status, usage = os.wait4(process, 0)
+    seconds = time.monotonic() - start
+    if status != 0:
+        raise Failed(f"{shlex.join(command)} ended with {os.waitstatus_to_exitcode(status)}")
+    return {"seconds": seconds, "cpu": usage.ru_utime + usage.ru_stime}
+
+
 def cpu_seconds(process):
-    """CPU time of all threads that live."""
-    total = 0
-    for thread in os.listdir(f"/proc/{process}/task"):
-        try:
-            with open(f"/proc/{process}/task/{thread}/schedstat") as file:
-                total += int(file.read().split()[0])
-        except OSError:
-            continue  # ended meanwhile
-    return total * 1e-9
+    """CPU time of all threads, of those that have ended too: the kernel's clock of the process."""
+    return time.clock_gettime(~process << 3 | 2)
 
 
 def cpu_seconds_with_children(process):
