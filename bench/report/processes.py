@@ -84,27 +84,29 @@ def memory_kib(process):
 
 @contextmanager
 def daemon(program, queues, options, **place):
-    """A daemon that serves the queues, ready when the body runs, ended after it."""
+    """A daemon that serves the queues, ready when the body runs, ended after it. Its log goes to a
+    file: a pipe that nobody reads would make it keep the lines in memory."""
     command = [str(program)] + [str(option) for option in options]
     for queue in queues:
         command += ["--queue", queue]
-    process = subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
-                               **place)
-    try:
-        _await_queues(process, queues)
-        yield process
-    finally:
-        process.terminate()
-        process.communicate(timeout=60)
+    with tempfile.TemporaryFile(mode="w+") as log:
+        process = subprocess.Popen(command, stdout=subprocess.DEVNULL, stderr=log, **place)
+        try:
+            _await_queues(process, queues, log)
+            yield process
+        finally:
+            process.terminate()
+            process.wait(timeout=60)
 
 
-def _await_queues(process, queues, timeout=30):
+def _await_queues(process, queues, log, timeout=30):
     names = [os.path.join(SHARED_MEMORY, name) for queue in queues
              for name in (queue, queue + "Response")]
     end = time.monotonic() + timeout
     while not all(os.path.exists(name) for name in names):
         if process.poll() is not None:
-            raise Failed(f"the daemon did not start: {process.stderr.read().decode().strip()}")
+            log.seek(0)
+            raise Failed(f"the daemon did not start: {log.read().strip()}")
         if time.monotonic() > end:
             raise Failed("the daemon's queues did not appear")
         time.sleep(0.005)
