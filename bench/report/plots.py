@@ -12,7 +12,7 @@ WIDTH, HEIGHT = 960, 480
 LEFT, RIGHT, TOP, BOTTOM = 64, 590, 36, 420
 LEGEND = RIGHT + 16
 ROW = 22
-LABELS = 280  # the width of a bar's label
+LABELS = 290  # the width of a bar's label
 
 
 class _Scale:
