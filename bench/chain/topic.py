@@ -10,7 +10,7 @@ from report import plots
 from report.figures import rate_text, size_text, spread, table
 from report.processes import (cpu_seconds_with_children, daemon, run_silently, timed_pipeline,
                               write_file)
-from report.targets import Target
+from report.targets import Aim
 
 PIPE, KORVEX = "pipe", "korvex"
 SINK = "cat >/dev/null"
@@ -114,11 +114,11 @@ def targets(results):
     for name, found in results["results"].items():
         times = found["times_the_pipe"]["median"]
         if name == SINK:
-            aims.append(Target(f"`cat FILE` through korvex into `{SINK}`, beside a pipe: speed",
-                               1 / times, least=LEAST_OF_SINK))
+            aims.append(Aim(f"`cat FILE` through korvex into `{SINK}`, beside a pipe: speed",
+                            1 / times, least=LEAST_OF_SINK))
         else:
-            aims.append(Target(f"`cat FILE` through korvex into {name}, beside a pipe: time",
-                               times, most=MOST_OF_ENGINE))
+            aims.append(Aim(f"`cat FILE` through korvex into {name}, beside a pipe: time",
+                            times, most=MOST_OF_ENGINE))
     return aims
 
 

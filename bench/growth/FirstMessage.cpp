@@ -1,5 +1,5 @@
-// How long a message waits on a queue that has long been idle: each try takes another of the
-// daemon's queues. Prints one JSON object.
+// How long a message waits on a queue that has long been idle, each try on another of the daemon's
+// queues; or, with --replies, how long a batch waits for its reply. Prints one JSON object.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
@@ -14,6 +14,8 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "Replies.h"
 
 namespace {
 
@@ -102,9 +104,15 @@ nlohmann::json summary(std::vector<double> milliseconds) {
 int main(int argc, char** argv) {
   CLI::App app{"Times the first message on each of a running daemon's idle queues, as JSON"};
   std::vector<std::string> queues;
+  unsigned replies = 0;
   app.add_option("--queue", queues, "The daemon's queues, one for each try")->required();
+  app.add_option("--replies", replies, "Time so many replies on the first queue instead");
   CLI11_PARSE(app, argc, argv);
   try {
+    if (replies > 0) {
+      std::cout << summary(bench::waitsForReplies(queues.front(), replies)).dump() << std::endl;
+      return 0;
+    }
     const auto attached = summary(triesOfAttached(queues));
     std::this_thread::sleep_for(kUntilIdle);
     const auto fresh = summary(triesOfNew(queues));

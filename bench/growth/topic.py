@@ -8,7 +8,7 @@ import time
 from report import plots
 from report.figures import ratio_text, size_text, table
 from report.processes import Failed, cpu_seconds, daemon, memory_kib, run_json, wakeups
-from report.targets import Target
+from report.targets import Aim, Target
 
 KIB = 1024
 MIB = 2**20
@@ -23,10 +23,13 @@ IDLE_QUEUES = [32, 256, 1000]
 AIM_QUEUES = 256
 IDLE_MESSAGE = 16 * KIB
 FIRST_MESSAGES = 100
+MOST_DAEMON_NS = {16: 30, 100: 40, 1000: 110}  # of CPU a record
 
 
 def run(context):
     growth = _Growth(context)
+    if context.only_aims:
+        return {"record_size": growth.sweep("record_size", list(MOST_DAEMON_NS))}
     return {
         "record_size": growth.sweep("record_size", RECORD_SIZES),
         "message_size": growth.sweep("message_size", MESSAGE_SIZES),
@@ -139,6 +142,14 @@ def _median_run(runs):
 
 
 def targets(results):
+    found = {point["value"]: point for point in results["record_size"]}
+    aims = [Aim(f"daemon's CPU per record of {size_text(size)}, into --discard",
+                found[size]["daemon_cpu_ns_per_record"], most=most, unit=" ns")
+            for size, most in MOST_DAEMON_NS.items()]
+    return aims + (_limits(results) if "stream" in results else [])
+
+
+def _limits(results):
     stream = results["stream"]
     idle = next(each for each in results["idle"] if each["queues"] == AIM_QUEUES)
     first, last = _steps(stream)[0], _steps(stream)[-1]
@@ -195,15 +206,24 @@ def markdown(results, plot_names):
     parts = ["## Growth", "",
              f"Real producers into one `korvexd --discard`. Unless varied: 1000-byte records, "
              f"batches of {size_text(MESSAGE)}, {DEPTH} deep, one queue.", ""]
-    for name, title, text in SWEEPS:
+    for name, title, text in _measured_sweeps(results):
         parts += [f"### {title}", "", _sweep_table(title.lower(), results[name], text), ""]
-    parts += ["### Length of one stream", "", _stream_table(results["stream"]), ""]
+    parts += _long_parts(results) if "stream" in results else []
+    return "\n".join(parts + [f"![{name}]({name})" for name in plot_names])
+
+
+def _measured_sweeps(results):
+    return [sweep for sweep in SWEEPS if sweep[0] in results]
+
+
+def _long_parts(results):
+    parts = ["### Length of one stream", "", _stream_table(results["stream"]), ""]
     parts += ["### Idle", "",
               "Queues on one daemon on which nothing happens; then how long the first message on "
               "each of 100 of them waits, from a producer that was there before and from one that "
               "comes just now: the median, and the 99th of 100.", "",
               _idle_table(results["idle"]), ""]
-    return "\n".join(parts + [f"![{name}]({name})" for name in plot_names])
+    return parts
 
 
 def _sweep_table(first_head, points, text):
@@ -245,12 +265,14 @@ def _stream_table(stream):
 
 def plot(results, folder):
     names = []
-    for name, title, text in SWEEPS:
+    for name, title, text in _measured_sweeps(results):
         points = [(each["value"], each["ns_per_record"], each["ns_per_record_min"],
                    each["ns_per_record_max"]) for each in results[name]]
         plots.lines(folder / f"growth-{name}.svg", title, title.lower(), "ns per record",
                     [("time per record", points)], sizes_on_x=text is size_text)
         names.append(f"growth-{name}.svg")
+    if "stream" not in results:
+        return names
     steps = _steps(results["stream"])
     plots.lines(folder / "growth-stream.svg", "One stream", "bytes so far", "ns per record",
                 [("time per record", [(step["bytes"] // MIB * MIB,) + (step["ns_per_record"],) * 3

@@ -12,6 +12,7 @@ WIDTH, HEIGHT = 960, 480
 LEFT, RIGHT, TOP, BOTTOM = 64, 590, 36, 420
 LEGEND = RIGHT + 16
 ROW = 22
+LABELS = 290  # the width of a bar's label
 
 
 class _Scale:
@@ -80,15 +81,15 @@ def _series(index, label, points, x_scale, y_scale):
 def bars(path, title, x_label, rows):
     """`rows` is a list of (label, value), drawn from the top down."""
     end = TOP + ROW * len(rows)
-    scale = _Scale(0, max(value for _, value in rows), 0, WIDTH - 340, logarithmic=False)
+    scale = _Scale(0, max(value for _, value in rows), 0, WIDTH - LABELS - 60, logarithmic=False)
     parts = [_text(WIDTH / 2, TOP - 14, title, "middle"),
              _text(WIDTH / 2, end + 20, x_label, "middle")]
     for index, (label, value) in enumerate(rows):
         top = TOP + ROW * index
-        parts += [_text(234, top + 14, label, "end"),
-                  f'<rect x="240" y="{top}" width="{scale(value)}" height="{ROW - 6}" '
+        parts += [_text(LABELS - 6, top + 14, label, "end"),
+                  f'<rect x="{LABELS}" y="{top}" width="{scale(value)}" height="{ROW - 6}" '
                   f'fill="{COLOURS[0]}"/>',
-                  _text(246 + scale(value), top + 14, f"{value:.2f}")]
+                  _text(LABELS + 6 + scale(value), top + 14, f"{value:.2f}")]
     _write(path, end + 30, parts)
 
 

@@ -2,96 +2,173 @@
 
 import os
 import shutil
+import subprocess
 import tempfile
+from contextlib import ExitStack
+from functools import partial
 
 from report import plots
 from report.figures import rate_text, ratio_text, size_text, spread, table
-from report.processes import (Failed, cpu_seconds, daemon, memory_kib, timed_pipeline,
-                              write_file)
-from report.targets import Target
+from report.processes import (SHARED_MEMORY, Failed, cpu_seconds, daemon, memory_kib,
+                              run_silently, timed_pipeline, write_file)
+from report.targets import Aim, Target
 
-DISCARD = "korvex send, korvexd --discard"
-OUTPUT = "korvex send, korvexd --output"
+DISCARD = "send into --discard"
 CAT = "cat FILE | cat >/dev/null"
+OPENSSL = "openssl dgst -sha256 FILE"
+VERIFY, SUMS = "korvex verify DIR", "sha256sum DIR/*/data"
 PIPELINES = {
     CAT: [["cat", "FILE"], ["cat"]],
     "pv FILE | cat >/dev/null": [["pv", "-q", "FILE"], ["cat"]],
-    "cp FILE COPY": [["cp", "FILE", "COPY"]],
-    "cp FILE COPY; sync COPY": [["sh", "-c", "cp FILE COPY && sync COPY"]],
+    OPENSSL: [["openssl", "dgst", "-sha256", "FILE"]],
+    VERIFY: [["KORVEX", "verify", "--quiet", "STREAMS"]],
+    SUMS: [["sh", "-c", "sha256sum STREAMS/*/data"]],
 }
+STREAMS = 8  # hold together what the file holds
+
+# Ways of storing the file; each is measured in each place.
+OUTPUT, XXH128 = "send into --output", "send into --output --digest xxh128"
+COPY, TEE = "cp FILE COPY; sync COPY", "tee >(sha256sum) >COPY; sync COPY"
+OUTPUTS = {OUTPUT: ["--output", "STORE"], XXH128: ["--output", "STORE", "--digest", "xxh128"]}
+COPIES = {COPY: [["sh", "-c", "cp FILE COPY && sync COPY"]],
+          TEE: [["bash", "-c", "tee >(sha256sum) <FILE >COPY && sync COPY"]]}
+DISK, TMPFS = "disk", "tmpfs"
 
 
 def run(context):
-    if not (context.build / "tools/korvexd/korvexd").exists():
+    program = context.build / "tools/korvexd/korvexd"
+    if not program.exists():
         raise Failed("the daemon was not built")
-    missing = [name for name in ("pv",) if shutil.which(name) is None]
-    with tempfile.TemporaryDirectory(dir=context.output, prefix="tools-") as folder:
-        bench = _Bench(context, folder, missing)
+    with ExitStack() as stack:
+        places = {place: stack.enter_context(
+            tempfile.TemporaryDirectory(dir=parent, prefix="korvex-bench-"))
+            for place, parent in ((DISK, context.output), (TMPFS, SHARED_MEMORY))}
+        bench = _Bench(context, places, _missing(context, program))
         runs = {}
         for number in range(context.tool_rounds):
             context.say(f"tools: round {number + 1} of {context.tool_rounds}")
             for name, measure in bench.rows():
                 runs.setdefault(name, []).append(measure())
-    return {"bytes": context.file_bytes, "missing": missing,
+    return {"bytes": context.file_bytes, "missing": bench.missing,
             "results": {name: _summary(found) for name, found in runs.items()}}
+
+
+def _missing(context, program):
+    """Programs, options and places that rows would need, each with the reason."""
+    found = {name: f"{name} is not installed" for name in ("pv",) if shutil.which(name) is None}
+    usage = subprocess.run([program, "--help"], capture_output=True, text=True, check=True).stdout
+    if "--digest" not in usage:
+        found[XXH128] = "korvexd has no --digest"
+    if shutil.disk_usage(SHARED_MEMORY).free < 2 * context.file_bytes:
+        found[TMPFS] = f"too little room in {SHARED_MEMORY}"
+    return found
 
 
 def _summary(runs):
     return {name: spread([run[name] for run in runs]) for name in runs[0]}
 
 
+def _in_place(way, place):
+    return f"{way}, {place}"
+
+
 class _Bench:
     """The file, and every way of moving it once."""
 
-    def __init__(self, context, folder, missing):
-        self._tool = context.build / "tools/korvex/korvex"
+    def __init__(self, context, places, missing):
+        self.missing = missing
+        self._tool = str(context.build / "tools/korvex/korvex")
         self._daemon = context.build / "tools/korvexd/korvexd"
-        self._missing = missing
+        self._places = places
         self._queue = f"korvex-bench-{os.getpid()}"
-        self._file = os.path.join(folder, "file")
-        self._copy = os.path.join(folder, "copy")
-        self._store = os.path.join(folder, "store")
+        self._file = os.path.join(places[DISK], "file")
+        self._streams = os.path.join(places[DISK], "streams")
+        self._store_streams(context.file_bytes // STREAMS)
         write_file(self._file, context.file_bytes)
 
-    def rows(self):
-        yield DISCARD, lambda: self._send(["--discard"])
-        yield OUTPUT, lambda: self._send(["--output", self._store])
-        for name, commands in PIPELINES.items():
-            if not any(command[0] in self._missing for command in commands):
-                yield name, lambda commands=commands: self._pipeline(commands)
+    def _store_streams(self, size):
+        write_file(self._file, size)
+        os.mkdir(self._streams)
+        with daemon(self._daemon, [self._queue], ["--output", self._streams]):
+            for _ in range(STREAMS):
+                run_silently([self._tool, "send", "--quiet", "--queue", self._queue, self._file])
 
-    def _send(self, daemon_options):
-        os.mkdir(self._store)
-        with daemon(self._daemon, [self._queue], daemon_options) as receiver:
+    def rows(self):
+        yield DISCARD, partial(self._send, ["--discard"], DISK)
+        for name, commands in PIPELINES.items():
+            if commands[0][0] not in self.missing:
+                yield name, partial(self._pipeline, commands, DISK)
+        for place in (place for place in self._places if place not in self.missing):
+            for name, options in OUTPUTS.items():
+                if name not in self.missing:
+                    yield _in_place(name, place), partial(self._send, options, place)
+            for name, commands in COPIES.items():
+                yield _in_place(name, place), partial(self._pipeline, commands, place)
+
+    def _filled(self, words, place):
+        for name, path in {"KORVEX": self._tool, "FILE": self._file, "STREAMS": self._streams,
+                           "COPY": self._in(place, "copy"),
+                           "STORE": self._in(place, "store")}.items():
+            words = [word.replace(name, path) for word in words]
+        return words
+
+    def _in(self, place, name):
+        return os.path.join(self._places[place], name)
+
+    def _send(self, daemon_options, place):
+        store = self._in(place, "store")
+        os.mkdir(store)
+        with daemon(self._daemon, [self._queue], self._filled(daemon_options, place)) as receiver:
             cpu_before = cpu_seconds(receiver.pid)
-            command = [str(self._tool), "send", "--quiet", "--queue", self._queue, self._file]
+            command = [self._tool, "send", "--quiet", "--queue", self._queue, self._file]
             seconds, (sender,) = timed_pipeline([command])
             found = {"seconds": seconds, "sender_cpu": sender["cpu"],
                      "sender_kib": sender["peak_kib"],
                      "receiver_cpu": cpu_seconds(receiver.pid) - cpu_before,
                      "receiver_kib": memory_kib(receiver.pid)["peak_kib"]}
-        shutil.rmtree(self._store)
+        shutil.rmtree(store)
         return found
 
-    def _pipeline(self, commands):
-        filled = [[part.replace("FILE", self._file).replace("COPY", self._copy)
-                   for part in command] for command in commands]
-        seconds, ends = timed_pipeline(filled)
-        if os.path.exists(self._copy):
-            os.unlink(self._copy)
+    def _pipeline(self, commands, place):
+        seconds, ends = timed_pipeline([self._filled(command, place) for command in commands])
+        copy = self._in(place, "copy")
+        if os.path.exists(copy):
+            os.unlink(copy)
         sender, receiver = ends[0], ends[1] if len(ends) > 1 else {"cpu": 0, "peak_kib": 0}
         return {"seconds": seconds, "sender_cpu": sender["cpu"], "sender_kib": sender["peak_kib"],
                 "receiver_cpu": receiver["cpu"], "receiver_kib": receiver["peak_kib"]}
 
 
-def _ratio(results, name, peer):
-    found = results["results"]
-    return found[peer]["seconds"]["median"] / found[name]["seconds"]["median"]
+def _seconds(results, name):
+    found = results["results"].get(name)
+    return found["seconds"]["median"] if found else None
+
+
+def _ratio(results, name, *peers):
+    """How many times as fast as the slowest of the peers."""
+    ours, theirs = _seconds(results, name), [_seconds(results, peer) for peer in peers]
+    return max(theirs) / ours if ours and all(theirs) else None
 
 
 def targets(results):
-    return [Target(f"korvex send into korvexd --discard, beside {CAT.replace('|', '&#124;')}",
-                   _ratio(results, DISCARD, CAT), least=1.5)]
+    found = [Target(f"{DISCARD}, beside {CAT.replace('|', '&#124;')}: speed",
+                    _ratio(results, DISCARD, CAT), least=1.5)]
+    for place in (TMPFS, DISK):
+        found += _aims_of_storing(results, place)
+    return found + [Aim(f"{VERIFY}, beside {SUMS}: speed", _ratio(results, VERIFY, SUMS), least=4)]
+
+
+def _aims_of_storing(results, place):
+    copy, tee = _in_place(COPY, place), _in_place(TEE, place)
+    rows = [(OUTPUT, (OPENSSL, copy), "the slower of openssl dgst -sha256 and cp; sync", 1.25),
+            (XXH128, (copy,), "cp; sync", 1.2)]
+    for name, peers, beside, most in rows:
+        speed = _ratio(results, _in_place(name, place), *peers)
+        yield Aim(f"{_in_place(name, place)}, beside {beside}: time", speed and 1 / speed,
+                  most=most, why=results["missing"].get(place) or results["missing"].get(name))
+    yield Aim(f"{_in_place(OUTPUT, place)}, beside tee >(sha256sum) >COPY; sync: speed",
+              _ratio(results, _in_place(OUTPUT, place), tee), least=3,
+              why=results["missing"].get(place))
 
 
 def markdown(results, plot_names):
@@ -111,7 +188,7 @@ def markdown(results, plot_names):
              table(["way", "ratio", "time", "rate", "sender's CPU", "receiver's CPU",
                     "sender's memory", "receiver's memory"], rows), ""]
     if results["missing"]:
-        parts += ["Missing on this machine: " + ", ".join(results["missing"]), ""]
+        parts += ["Not measured: " + "; ".join(results["missing"].values()), ""]
     return "\n".join(parts + [f"![{name}]({name})" for name in plot_names])
 
 
