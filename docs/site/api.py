@@ -49,14 +49,22 @@ class Reference:
         self.href = href
         self.targets = {}
         self.pages = read_headers()
+        self.places = {}       # a member's id: its place on its page
         for page in self.pages:
             self.targets[page.file.get("id")] = page.name
-            for compound in page.compounds:
-                self.targets[compound.get("id")] = page.name
-                for member in compound.iter("memberdef"):
-                    self.targets[member.get("id")] = page.name
-            for member in page.members:
-                self.targets[member.get("id")] = page.name
+            self.targets.update((compound.get("id"), page.name) for compound in page.compounds)
+            self.place_members(page)
+
+    def place_members(self, page):
+        taken = set()
+        members = [member for compound in page.compounds for member in compound.iter("memberdef")]
+        for member in members + page.members:
+            name = re.sub(r"[^\w~]", "", text_of(member, "name"))
+            name = next(place for place in itertools.chain([name], (f"{name}-{number}" for number in
+                        itertools.count(2))) if place not in taken)
+            taken.add(name)
+            self.places[member.get("id")] = name
+            self.targets[member.get("id")] = page.name
 
     def prose(self, element):
         """A comment's XML as HTML."""
@@ -72,8 +80,11 @@ class Reference:
         if element.tag in tags:
             return f"<{tags[element.tag]}>{inner}</{tags[element.tag]}>"
         if element.tag == "ref":
-            page = self.targets.get(element.get("refid").removesuffix("_source"))
-            return f'<a href="{self.href(page)}">{inner}</a>' if page and self.href else inner
+            target = element.get("refid").removesuffix("_source")
+            if not self.href or target not in self.targets:
+                return inner
+            place = "#" + self.places[target] if target in self.places else ""
+            return f'<a href="{self.href(self.targets[target])}{place}">{inner}</a>'
         if element.tag in ("ndash", "mdash", "sp"):
             return {"ndash": "–", "mdash": "—", "sp": " "}[element.tag]
         raise ValueError(f"a comment has <{element.tag}>, which has no place on a page: {inner}")
@@ -89,14 +100,18 @@ class Reference:
         out = ""
         for comment, group in itertools.groupby(commented, key=lambda pair: pair[1]):
             group = [member for member, _ in group]
-            signatures = html.escape("\n".join(map(signature_of, group)), quote=False)
+            declared = "\n".join(map(self.declaration, group))
             if group[0].get("kind") == "variable":
-                out += f"<dl><dt><code>{signatures}</code></dt><dd>{comment}</dd></dl>\n"
+                out += f"<dl><dt><code>{declared}</code></dt><dd>{comment}</dd></dl>\n"
             else:
                 values = "".join(map(self.values, group))
-                out += (f'<pre class="signature"><code>{signatures}</code></pre>\n'
+                out += (f'<pre class="signature"><code>{declared}</code></pre>\n'
                         f"<blockquote>{comment}{values}</blockquote>\n")
         return out.replace("</dl>\n<dl>", "\n")
+
+    def declaration(self, member):
+        return (f'<span class="declared" id="{self.places[member.get("id")]}">'
+                f"{html.escape(signature_of(member), quote=False)}</span>")
 
     def values(self, enumeration):
         rows = ""

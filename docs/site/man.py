@@ -59,7 +59,9 @@ def section(page, wanted, and_below):
     for line, other, title in later:
         if line < end:
             lines[line] = "#" * (other - level + 1) + " " + title
-    return "\n".join(lines[start + 1:end])
+    text = "\n".join(lines[start + 1:end])
+    # A page may begin with what is the synopsis of a man page.
+    return text if wanted else re.sub(r"^\n(    korvex .*\n)+", "", text)
 
 
 def source_of(path):
