@@ -171,16 +171,16 @@ class Site:
             self.manuals[f"{name}({section})"] = f"man/{name}.{section}.html"
             # Included sections keep the guide's links.
             self.add(Page(f"man/{name}.{section}.html",
-                          f"<h1>{name}({section})</h1>\n<p class=\"lead\">{summary}</p>\n{body}",
+                          f'<h1>{name}({section})</h1>\n<p class="lead">{summary}</p>\n{body}',
                           "docs/daemon.md"))
             entries.setdefault(section, []).append((f"{name}({section})", summary))
         for page in self.reference.pages:
             self.manuals[f"{page.name}(3)"] = f"api/{page.name}.html"
         body = "<h1>Manual pages</h1>\n<p>Installed, they are read with <code>man</code>.</p>\n"
         for section in "85173":
-            items = "".join(f"<dt><a href=\"/{self.manuals[name]}\">{name}</a></dt>"
+            items = "".join(f'<dt><a href="/{self.manuals[name]}">{name}</a></dt>'
                             f"<dd>{summary}</dd>\n" for name, summary in entries[section])
-            body += f"<h2 id=\"section-{section}\">{SECTIONS[section]}</h2>\n<dl>\n{items}</dl>\n"
+            body += f'<h2 id="section-{section}">{SECTIONS[section]}</h2>\n<dl>\n{items}</dl>\n'
         body += ("<p>The classes have man pages, too, with the content of the "
                  "<a href=\"/api/index.html\">API pages</a>: <code>man korvex-ShmWriter</code>."
                  "</p>\n")
@@ -194,14 +194,14 @@ class Site:
             summary = f"<p>{summaries[page.name]}</p>\n"
             body = (f"<h1>{page.stem}</h1>\n{summary}"
                     f"<pre><code>#include &lt;{page.include}&gt;</code></pre>\n"
-                    f"<p class=\"uses\">CMake <code>{target}</code>, pkg-config "
+                    f'<p class="uses">CMake <code>{target}</code>, pkg-config '
                     f"<code>{package}</code></p>\n")
             for title, section in self.reference.sections(page):
                 if title == "Description":
                     body = body.replace(summary, "") + section
                     continue
                 name = re.sub(r"\W+", "-", title.lower()).strip("-")
-                body += f"<h2 id=\"{name}\">{title}</h2>\n{section}\n"
+                body += f'<h2 id="{name}">{title}</h2>\n{section}\n'
             self.add(Page(f"api/{page.name}.html", body))
             groups.setdefault(target, []).append(page)
         titles = {"korvex::korvex": "For producers", "korvex::receiver": "For daemons",
@@ -210,7 +210,7 @@ class Site:
         for target, title in titles.items():
             body += f"<h2 id=\"{target.replace('::', '-')}\">{title}</h2>\n<dl>\n"
             for page in groups[target]:
-                body += (f"<dt><a href=\"/api/{page.name}.html\">{page.stem}</a></dt>"
+                body += (f'<dt><a href="/api/{page.name}.html">{page.stem}</a></dt>'
                          f"<dd>{summaries[page.name]}</dd>\n")
             body += "</dl>\n"
         self.add(Page("api/index.html", body))
@@ -232,14 +232,14 @@ class Site:
                 path = self.path_of(source)
                 if path in self.pages or path in ("man/index.html", "api/index.html"):
                     here = " aria-current=\"page\"" if path == page.path else ""
-                    entries += f"<li><a href=\"{page.up()}{path}\"{here}>{name}</a></li>\n"
+                    entries += f'<li><a href="{page.up()}{path}"{here}>{name}</a></li>\n'
             out += f"<section><h2>{title}</h2>\n<ul>\n{entries}</ul></section>\n"
         return out
 
     def contents(self, page):
         """The sections of a page, unless there are too few to need a list."""
-        found = re.findall(r"<h([23])[^>]* id=\"([^\"]+)\"[^>]*>(.*?)</h\1>|"
-                           r"<span class=\"declared\" id=\"([^\"]+)\"", page.body, re.S)
+        found = re.findall(r'<h([23])[^>]* id="([^"]+)"[^>]*>(.*?)</h\1>|'
+                           r'<span class="declared" id="([^"]+)"', page.body, re.S)
         found = [("3", place, place) if place else (level, name, title)
                  for level, name, title, place in found]
         if page.kind == "start" or len(found) < 3:
@@ -251,17 +251,17 @@ class Site:
                 f"<ul>\n{entries}</ul>\n</nav>")
 
     def finished(self, page):
-        body = re.sub(r"\b(href|src)=\"([^\"]*)\"",
-                      lambda found: f"{found[1]}=\"{self.link(page, found[2])}\"", page.body)
-        body = re.sub(r"(<a href=\"([^\"#]+)[^\"]*\">)[\w./-]+\.md(?=</a>)",
+        body = re.sub(r'\b(href|src)="([^"]*)"',
+                      lambda found: f'{found[1]}="{self.link(page, found[2])}"', page.body)
+        body = re.sub(r'(<a href="([^"#]+)[^"]*">)[\w./-]+\.md(?=</a>)',
                       lambda found: found[1] + self.title_of(page, found[2]), body)
         body = re.sub(r"<strong>([\w.-]+)</strong>\((\d)\)",
                       lambda found: self.manual_link(page, found), body)
-        body = re.sub(r"<h([234])([^>]* id=\"([^\"]+)\"[^>]*)>(.*?)</h\1>",
+        body = re.sub(r'<h([234])([^>]* id="([^"]+)"[^>]*)>(.*?)</h\1>',
                       r'<h\1\2>\4<a class="anchor" href="#\3" aria-label="Link to here">#</a></h\1>',
                       body, flags=re.S)
         body = re.sub(r"<code>(?=[^<]{1,24}</code>)", '<code class="short">', body)
-        body = re.sub(r"<table.*?</table>", r'<div class="scroll">\g<0></div>', body, flags=re.S)
+        body = re.sub(r"<table.*?</table>", in_frame, body, flags=re.S)
         return self.template.substitute(
             title=html.escape(page.title() if page.kind == "start" else f"{page.title()} · korvex"),
             description=html.escape(page.title()), root=page.up(), version=self.version,
@@ -277,7 +277,7 @@ class Site:
         if not path:
             return found[0]
         here = os.path.relpath(path, os.path.dirname(page.path) or ".")
-        return f"<a href=\"{here}\">{found[1]}({found[2]})</a>"
+        return f'<a href="{here}">{found[1]}({found[2]})</a>'
 
     def write(self, output):
         for page in list(self.pages.values()):   # finds the files that are linked to
@@ -292,6 +292,13 @@ class Site:
             place.parent.mkdir(parents=True, exist_ok=True)
             shutil.copyfile(ROOT / source, place)
         shutil.copyfile(FOLDER / "style.css", output / "style.css")
+
+
+def in_frame(table):
+    """A table that may be wider than the page."""
+    columns = len(re.findall(r"<th[ >]", table[0]))
+    pair = ' class="pair"' if columns == 2 else ""
+    return f'<div class="scroll"><table{pair}{table[0].removeprefix("<table")}</div>'
 
 
 def in_parallel(work, items):
