@@ -22,6 +22,8 @@ ROOT = FOLDER.parents[1]
 
 # What the list of pages shows, in groups. A page of docs/ that has no entry comes last.
 NAVIGATION = [
+    ("Start", [("The promise", "docs/site/index.md"),
+               ("Overview", "README.md")]),
     ("Operators", [("Operating korvexd", "docs/daemon.md"),
                    ("Sending", "docs/send.md"),
                    ("Engines", "docs/exec.md"),
@@ -108,7 +110,7 @@ class Site:
 
     def path_of(self, source):
         """Of a file of the tree."""
-        if source in ("README.md", "docs/site/index.md"):
+        if source == "docs/site/index.md":
             return "index.html"
         if source.endswith(".md"):
             return pathlib.Path(source).stem.lower() + ".html"
@@ -146,7 +148,8 @@ class Site:
         others = {f"docs/{path.name}" for path in (ROOT / "docs").glob("*.md")} - set(listed)
         NAVIGATION[-2][1].extend((source, source) for source in sorted(others))
         sources = [source for source in [*listed, *sorted(others)]
-                   if source.endswith(".md") and (ROOT / source).is_file()]
+                   if source.endswith(".md") and (ROOT / source).is_file()
+                   and source != "docs/site/index.md"]
         texts = [(ROOT / source).read_text(encoding="utf-8") for source in sources]
         for source, body in zip(sources, in_parallel(lambda text: pandoc(text, "gfm"), texts)):
             self.add(Page(self.path_of(source), body, source))
@@ -209,7 +212,7 @@ class Site:
         body = "<h1>API</h1>\n<p>One page for each public header.</p>\n"
         for target, title in titles.items():
             body += f"<h2 id=\"{target.replace('::', '-')}\">{title}</h2>\n<dl>\n"
-            for page in groups[target]:
+            for page in sorted(groups[target], key=lambda page: list(summaries).index(page.name)):
                 body += (f'<dt><a href="/api/{page.name}.html">{page.stem}</a></dt>'
                          f"<dd>{summaries[page.name]}</dd>\n")
             body += "</dl>\n"
@@ -260,7 +263,7 @@ class Site:
         body = re.sub(r'<h([234])([^>]* id="([^"]+)"[^>]*)>(.*?)</h\1>',
                       r'<h\1\2>\4<a class="anchor" href="#\3" aria-label="Link to here">#</a></h\1>',
                       body, flags=re.S)
-        body = re.sub(r"<code>(?=[^<]{1,24}</code>)", '<code class="short">', body)
+        body = re.sub(r"(?<!<pre>)<code>([^<]*)</code>", unbroken, body)
         body = re.sub(r"<table.*?</table>", in_frame, body, flags=re.S)
         return self.template.substitute(
             title=html.escape(page.title() if page.kind == "start" else f"{page.title()} · korvex"),
@@ -292,6 +295,12 @@ class Site:
             place.parent.mkdir(parents=True, exist_ok=True)
             shutil.copyfile(ROOT / source, place)
         shutil.copyfile(FOLDER / "style.css", output / "style.css")
+
+
+def unbroken(code):
+    """Inline code with words that a line's end does not take apart at a hyphen."""
+    return "<code>" + re.sub(r"[^ ]{0,24}-[^ ]{0,24}(?= |$)", r'<span class="word">\g<0></span>',
+                             code[1]) + "</code>"
 
 
 def in_frame(table):
