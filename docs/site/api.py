@@ -12,8 +12,8 @@ FOLDER = pathlib.Path(__file__).resolve().parent
 ROOT = FOLDER.parents[1]
 
 # What a name in an #include starts with, the prefix of its page's name, and what to link.
-LIBRARIES = [("korvex/receiver/", "korvex-receiver-", "korvex::receiver", "korvex-receiver"),
-             ("korvex/", "korvex-", "korvex::korvex", "korvex"),
+LIBRARIES = [("korvex/", "korvex-", "korvex::korvex", "korvex"),
+             ("korvex/receiver/", "korvex-receiver-", "korvex::receiver", "korvex-receiver"),
              ("qmx/", "qmx-", "qmx::qmx", "qmx")]
 
 KINDS = [("define", "Macros"), ("typedef", "Types"), ("enum", "Enumerations"),
@@ -25,7 +25,8 @@ class Page:
 
     def __init__(self, include):
         self.include = include
-        self.library = next(library for library in LIBRARIES if include.startswith(library[0]))
+        self.library = max((library for library in LIBRARIES if include.startswith(library[0])),
+                           key=lambda library: len(library[0]))
         self.stem = pathlib.Path(include).stem
         self.name = self.library[1] + self.stem
         self.file = None       # XML elements
@@ -226,5 +227,4 @@ def read_headers():
     for page in pages.values():
         page.compounds.sort(key=line_of)
         page.members.sort(key=line_of)
-    return sorted(pages.values(), key=lambda page: (LIBRARIES.index(page.library) != 1,
-                                                    page.include))
+    return sorted(pages.values(), key=lambda page: (LIBRARIES.index(page.library), page.include))

@@ -61,8 +61,8 @@ NAVIGATION = [
 # Programs and files that pages link to, shown as pages of their own.
 LANGUAGES = {".cpp": "cpp", ".h": "cpp", ".toml": "toml", ".yml": "yaml", ".sh": "sh", ".py": "python"}
 
-SECTIONS = {"1": "Commands", "3": "Libraries", "5": "Files", "7": "Formats and contracts",
-            "8": "Daemon"}
+SECTIONS = {"8": "Daemon", "5": "Files", "1": "Commands", "7": "Formats and contracts",
+            "3": "Libraries"}
 
 
 def pandoc(text, form):
@@ -163,60 +163,59 @@ class Site:
         sources = sorted((ROOT / "docs" / "man").glob("*.md"))
         bodies = in_parallel(lambda path: pandoc(man.source_of(path), "gfm+definition_lists"),
                              sources)
-        entries = {}
+        summaries = {}
         for path, body in zip(sources, bodies):
             name, section = path.stem.rsplit(".", 1)
+            manual = f"{name}({section})"
             first = re.match(r"<h1[^>]*>NAME</h1>\s*<p>.*? - (.*?)</p>", body, re.S)
-            summary = first[1]
             # A man page's headings are sections of the page here.
             body = re.sub(r"<(/?)h([123])\b", lambda tag: f"<{tag[1]}h{int(tag[2]) + 1}",
                           body[first.end():])
-            self.manuals[f"{name}({section})"] = f"man/{name}.{section}.html"
-            # Included sections keep the guide's links.
-            self.add(Page(f"man/{name}.{section}.html",
-                          f'<h1>{name}({section})</h1>\n<p class="lead">{summary}</p>\n{body}',
+            summaries[manual] = first[1]
+            self.manuals[manual] = f"man/{name}.{section}.html"
+            # The sections that it takes from the guide have the guide's links.
+            self.add(Page(self.manuals[manual], f"<h1>{manual}</h1>\n<p>{first[1]}</p>\n{body}",
                           "docs/daemon.md"))
-            entries.setdefault(section, []).append((f"{name}({section})", summary))
-        for page in self.reference.pages:
-            self.manuals[f"{page.name}(3)"] = f"api/{page.name}.html"
+        self.add(Page("man/index.html", self.list_of_manuals(summaries)))
+        self.manuals.update((f"{page.name}(3)", f"api/{page.name}.html")
+                            for page in self.reference.pages)
+
+    def list_of_manuals(self, summaries):
         body = "<h1>Manual pages</h1>\n<p>Installed, they are read with <code>man</code>.</p>\n"
-        for section in "85173":
-            items = "".join(f'<dt><a href="/{self.manuals[name]}">{name}</a></dt>'
-                            f"<dd>{summary}</dd>\n" for name, summary in entries[section])
-            body += f'<h2 id="section-{section}">{SECTIONS[section]}</h2>\n<dl>\n{items}</dl>\n'
-        body += ("<p>The classes have man pages, too, with the content of the "
-                 "<a href=\"/api/index.html\">API pages</a>: <code>man korvex-ShmWriter</code>."
-                 "</p>\n")
-        self.add(Page("man/index.html", body))
+        for section, title in SECTIONS.items():
+            items = "".join(entry(f"/{self.manuals[manual]}", manual, summary)
+                            for manual, summary in summaries.items() if f"({section})" in manual)
+            body += f'<h2 id="section-{section}">{title}</h2>\n<dl>\n{items}</dl>\n'
+        return body + ("<p>The classes have man pages, too, with the content of the "
+                       '<a href="/api/index.html">API pages</a>: <code>man korvex-ShmWriter</code>.'
+                       "</p>\n")
 
     def read_api(self):
-        summaries = man.listed()
-        groups = {}
+        summaries = man.listed(self.reference)
         for page in self.reference.pages:
-            _, _, target, package = page.library
-            summary = f"<p>{summaries[page.name]}</p>\n"
-            body = (f"<h1>{page.stem}</h1>\n{summary}"
-                    f"<pre><code>#include &lt;{page.include}&gt;</code></pre>\n"
-                    f'<p class="uses">CMake <code>{target}</code>, pkg-config '
-                    f"<code>{package}</code></p>\n")
-            for title, section in self.reference.sections(page):
-                if title == "Description":
-                    body = body.replace(summary, "") + section
-                    continue
-                name = re.sub(r"\W+", "-", title.lower()).strip("-")
-                body += f'<h2 id="{name}">{title}</h2>\n{section}\n'
-            self.add(Page(f"api/{page.name}.html", body))
-            groups.setdefault(target, []).append(page)
-        titles = {"korvex::korvex": "For producers", "korvex::receiver": "For daemons",
-                  "qmx::qmx": "The platform"}
+            self.add(Page(f"api/{page.name}.html", self.header(page, summaries[page.name])))
         body = "<h1>API</h1>\n<p>One page for each public header.</p>\n"
-        for target, title in titles.items():
-            body += f"<h2 id=\"{target.replace('::', '-')}\">{title}</h2>\n<dl>\n"
-            for page in sorted(groups[target], key=lambda page: list(summaries).index(page.name)):
-                body += (f'<dt><a href="/api/{page.name}.html">{page.stem}</a></dt>'
-                         f"<dd>{summaries[page.name]}</dd>\n")
-            body += "</dl>\n"
+        places = list(summaries)
+        for library, title in zip(api.LIBRARIES, ["For producers", "For daemons", "The platform"]):
+            pages = [page for page in self.reference.pages if page.library == library]
+            items = "".join(entry(f"/api/{page.name}.html", page.stem, summaries[page.name])
+                            for page in sorted(pages, key=lambda page: places.index(page.name)))
+            body += f'<h2 id="{library[3]}">{title}</h2>\n<dl>\n{items}</dl>\n'
         self.add(Page("api/index.html", body))
+
+    def header(self, page, summary):
+        """What a header declares."""
+        _, _, target, package = page.library
+        sections = list(self.reference.sections(page))
+        described = sections[0][0] == "Description"
+        body = (f"<h1>{page.stem}</h1>\n{'' if described else f'<p>{summary}</p>'}\n"
+                f"<pre><code>#include &lt;{page.include}&gt;</code></pre>\n"
+                f'<p class="uses">CMake <code>{target}</code>, pkg-config '
+                f"<code>{package}</code></p>\n{sections[0][1] if described else ''}")
+        for title, section in sections[described:]:
+            name = re.sub(r"\W+", "-", title.lower()).strip("-")
+            body += f'<h2 id="{name}">{title}</h2>\n{section}\n'
+        return body
 
     def read_files(self):
         for source in sorted(set(self.wanted)):
@@ -308,6 +307,10 @@ def in_frame(table):
     columns = len(re.findall(r"<th[ >]", table[0]))
     pair = ' class="pair"' if columns == 2 else ""
     return f'<div class="scroll"><table{pair}{table[0].removeprefix("<table")}</div>'
+
+
+def entry(target, name, summary):
+    return f'<dt><a href="{target}">{name}</a></dt><dd>{summary}</dd>\n'
 
 
 def in_parallel(work, items):
