@@ -59,7 +59,7 @@ NAVIGATION = [
 ]
 
 # Programs and files that pages link to, shown as pages of their own.
-LANGUAGES = {".cpp": "cpp", ".h": "cpp", ".toml": "toml", ".yml": "yaml", ".sh": "sh", ".py": "python"}
+LANGUAGES = {".cpp": "cpp", ".h": "cpp", ".toml": "toml", ".yml": "yaml"}
 
 SECTIONS = {"8": "Daemon", "5": "Files", "1": "Commands", "7": "Formats and contracts",
             "3": "Libraries"}
@@ -260,19 +260,20 @@ class Site:
         body = re.sub(r"<strong>([\w.-]+)</strong>\((\d)\)",
                       lambda found: self.manual_link(page, found), body)
         body = re.sub(r'<h([234])([^>]* id="([^"]+)"[^>]*)>(.*?)</h\1>',
-                      r'<h\1\2>\4<a class="anchor" href="#\3" aria-label="Link to here">#</a></h\1>',
+                      r'<h\1\2>\4<a class="anchor" href="#\3" aria-label="Link">#</a></h\1>',
                       body, flags=re.S)
         body = re.sub(r"(?<!<pre>)<code>([^<]*)</code>", unbroken, body)
         body = re.sub(r"<table.*?</table>", in_frame, body, flags=re.S)
         return self.template.substitute(
-            title=html.escape(page.title() if page.kind == "start" else f"{page.title()} · korvex"),
+            title=html.escape(page.title()) + ("" if page.kind == "start" else " · korvex"),
             description=html.escape(page.title()), root=page.up(), version=self.version,
             kind=page.kind, navigation=self.navigation(page), body=body,
             contents=self.contents(page))
 
     def title_of(self, page, target):
         """What a link says that had a file's name in the tree."""
-        return self.pages[os.path.normpath(os.path.join(os.path.dirname(page.path), target))].title()
+        path = os.path.normpath(os.path.join(os.path.dirname(page.path), target))
+        return self.pages[path].title()
 
     def manual_link(self, page, found):
         path = self.manuals.get(f"{found[1]}({found[2]})")

@@ -59,7 +59,8 @@ function Table(element)
     for column in ipairs(wide) do simple.widths[column] = 0 end
   elseif #wide > 2 and others <= narrow then
     for column, columns in ipairs(wide) do
-      simple.widths[column] = (column < #wide and columns + 1 or widest - others - 3 * #wide) / widest
+      local share = column < #wide and columns + 1 or widest - others - 3 * #wide
+      simple.widths[column] = share / widest
     end
   else
     return listOf(simple, wide)

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""look.py SITE PICTURES: opens every page in Chromium at three widths, light and dark, and complains
-of what is wider than the window, of text that is hard to read against what is behind it, of errors
-on the console and of requests that leave the folder. Pictures of some pages go to PICTURES.
+"""look.py SITE PICTURES: opens every page in Chromium at three widths, light and dark, and
+complains of anything wider than the window, text with too little contrast, errors on the console,
+and requests that leave the folder. Pictures of some pages go to PICTURES.
 
 Exits with 77 where there is no Chromium.
 """
@@ -21,7 +21,7 @@ PHOTOGRAPHED = ["index.html", "daemon.html", "benchmarks.html", "recipes.html",
                 "man/korvex-send.1.html", "api/korvex-ShmWriter.html"]
 
 # WCAG 2.1, 1.4.3: 4.5, or 3 for large text. Text in front of a picture counts against the shapes
-# below it. What nobody sees does not count.
+# below it. Hidden text does not count.
 MEASURE = r"""
 (() => {
   const channels = text => (text.match(/[\d.]+/g) || []).map(Number);
@@ -31,8 +31,7 @@ MEASURE = r"""
   const opaque = c => c.length >= 3 && (c.length < 4 || c[3] === 1);
   const painted = element => {
     const style = getComputedStyle(element);
-    const shape = element.ownerSVGElement && element.tagName !== 'g' && element.tagName !== 'text' &&
-        element.tagName !== 'tspan';
+    const shape = element.ownerSVGElement && !['g', 'text', 'tspan'].includes(element.tagName);
     return channels(shape ? style.fill : style.backgroundColor);
   };
   const behind = (element, box) => {

@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""man_pages.py MAN lint: mandoc has nothing to say of the pages in this folder.
+"""man_pages.py MAN lint: mandoc has nothing to say of the pages in this folder, and the pages that
+they name are there.
 
 man_pages.py MAN contents KORVEXD KORVEX SOURCES: they have every verb, option, key, exit code and
 metric that the programs have, and none that they have not.
@@ -144,8 +145,17 @@ def lint(man):
         sys.exit(f"{man}: no pages")
     run = subprocess.run(["mandoc", "-T", "lint", "-W", "warning", *pages], capture_output=True,
                          text=True, check=False)
-    print(run.stdout + run.stderr, end="")
-    return run.returncode
+    lost = [f"{page.name}: there is no {name}({section})" for page in pages
+            for name, section in named_in(page.read_text(encoding="utf-8"))
+            if not (man / f"man{section}" / f"{name}.{section}").is_file()]
+    print(run.stdout + run.stderr + "\n".join(lost), end="")
+    return run.returncode or len(lost)
+
+
+def named_in(page):
+    """The pages of ours that a page names."""
+    text = re.sub(r"\\f\[\w*\]", "", page).replace("\\-", "-")
+    return set(re.findall(r"\b((?:korvex|qmx)[\w.-]*)\((\d)\)", text))
 
 
 def main():
