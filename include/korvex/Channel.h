@@ -14,15 +14,17 @@ namespace korvex {
 /// The order of the virtual operations, here and in ChannelWriter, is part of the binary interface.
 class KORVEX_EXPORT Channel {
  public:
+  /// A closed channel of this name.
   explicit Channel(const std::string& name);
   Channel(const Channel&) = delete;
   Channel& operator=(const Channel&) = delete;
 
+  /// Ends the stream as complete.
   virtual void close() = 0;
   virtual ~Channel();
 
  protected:
-  bool isOpen;
+  bool isOpen;       ///< between open() and close()
   std::string name;  ///< the stream's name, for error texts
 };
 
@@ -30,15 +32,19 @@ class KORVEX_EXPORT Channel {
 /// operation does and throws.
 class KORVEX_EXPORT ChannelWriter : public Channel {
  public:
+  /// A closed channel of this name.
   explicit ChannelWriter(const std::string& name);
   ~ChannelWriter() override;
 
+  /// @{
+  /// As ShmWriter's operation of the same name.
   virtual void open() = 0;
   virtual void setSegmentAlg(korvex_seg_state_t state, unsigned long param1, unsigned long param2,
                              unsigned long param3) = 0;
   virtual void writeSegment(const unsigned char* data, unsigned long length) = 0;
   virtual void endSegment() = 0;
   virtual void stop(bool useStopTimeout) = 0;
+  /// @}
 };
 
 }  // namespace korvex

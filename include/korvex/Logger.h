@@ -33,6 +33,7 @@ enum KorvxServerLoglevel : std::int32_t {
 /// there, and may crash the process.
 class KORVEX_EXPORT Logger final {
  public:
+  /// `name` is the component's; it may be empty.
   explicit Logger(const std::string& name);
 
   /// `code` goes to the platform unchanged; -1 means none. The format and its arguments are

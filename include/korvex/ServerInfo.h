@@ -20,12 +20,14 @@ namespace korvex {
 /// itself.
 class KORVEX_EXPORT ServerInfo {
  public:
+  /// Checks nothing. All other settings are absent, but for the fingerprint type.
   ServerInfo(const std::string& serverName, const std::string& user, const std::string& passwd,
              const std::string& agentCfg, const std::string& currentRoutingTable,
              const std::string& recommendRoutingTable, const std::string& keyDir);
 
-  // Getters return the stored value, present or not. A reference is valid until the field is set or
-  // the record is destroyed.
+  /// @{
+  /// The stored value, present or not. A reference is valid until the field is set or the record is
+  /// destroyed.
   const std::string& getServerName() const { return serverName_; }
   const std::string& getUser() const { return user_; }
   const std::string& getPasswd() const { return passwd_; }
@@ -43,7 +45,9 @@ class KORVEX_EXPORT ServerInfo {
   unsigned char getFPType() const { return fpType_; }
   unsigned int getClusterMode() const { return clusterMode_; }
   const std::string& getClusterName() const { return clusterName_; }
+  /// @}
 
+  /// 0 means absent: no flag is set.
   bool hasFlags() const { return flags_ != 0; }
 
   /// 0 and every negative value but -1 count as present.
@@ -52,9 +56,13 @@ class KORVEX_EXPORT ServerInfo {
   /// Negative values count as present.
   bool hasBandwidthLimit() const { return bandwidthLimit_ != 0; }
 
+  /// @{
+  /// The empty text means absent.
   bool hasLocalIp() const { return !localIp_.empty(); }
   bool hasInterfaceIp() const { return !interfaceIp_.empty(); }
   bool hasInterfaceName() const { return !interfaceName_.empty(); }
+  bool hasClusterName() const { return !clusterName_.empty(); }
+  /// @}
 
   /// True from the start, with type 1; only 255 means absent.
   bool hasFPType() const { return fpType_ != 0xFF; }
@@ -62,23 +70,23 @@ class KORVEX_EXPORT ServerInfo {
   /// 0 is a mode like any other; only 0xFFFFFFFF means absent.
   bool hasClusterMode() const { return clusterMode_ != 0xFFFFFFFF; }
 
-  bool hasClusterName() const { return !clusterName_.empty(); }
-
+  /// @{
+  /// Any value may be stored; the one that means absent makes the setting absent.
   void setFlags(unsigned int flags) { flags_ = flags; }
   void setReconnectTimeout(int timeout) { reconnectTimeout_ = timeout; }
   void setBandwidthLimit(int limit) { bandwidthLimit_ = limit; }
   void setLocalIp(const std::string& address) { localIp_ = address; }
   void setInterfaceIp(const std::string& address) { interfaceIp_ = address; }
   void setInterfaceName(const std::string& name) { interfaceName_ = name; }
+  void setClusterMode(unsigned int mode) { clusterMode_ = mode; }
+  void setClusterName(const std::string& name) { clusterName_ = name; }
+  /// @}
 
   /// The fingerprint type now in use. Leaves the previous run's type alone.
   void setFPType(unsigned char type) { fpType_ = type; }
 
   /// The fingerprint type of the previous run. Can be queried only through reuseMD5ForSHA256().
   void setLastFPType(unsigned char type) { lastFPType_ = type; }
-
-  void setClusterMode(unsigned int mode) { clusterMode_ = mode; }
-  void setClusterName(const std::string& name) { clusterName_ = name; }
 
   /// True when the record asks for SHA-256 fingerprints (type 3) and the previous run used any
   /// other type.

@@ -23,8 +23,8 @@ class KORVEX_EXPORT ShmBatch {
  public:
   /// The block at the start of a batch.
   struct KORVEX_EXPORT MetaData {
-    std::uint32_t magic;  ///< 0xff00ee11 in a sound batch
-    std::uint32_t numEntries;
+    std::uint32_t magic;       ///< 0xff00ee11 in a sound batch
+    std::uint32_t numEntries;  ///< records that follow the block
 
     /// Sets the magic; no entries.
     MetaData();
@@ -43,9 +43,10 @@ class KORVEX_EXPORT ShmBatch {
   /// One record: a copy of its header and a pointer to its data. Never owns the data, which belongs
   /// to the producer (writing) or is part of the batch's bytes (reading).
   struct KORVEX_EXPORT Entry {
-    qmx_shm_message_t header;
+    qmx_shm_message_t header;   ///< as it is stored, unchecked
     const unsigned char* data;  ///< header.len bytes; null when there are none
 
+    /// Copies the header, keeps the pointer.
     Entry(const qmx_shm_message_t& header, const unsigned char* data);
 
     /// A placeholder: every header field is 0, even the magic and segmentEmpty. A batch stores such
@@ -87,15 +88,17 @@ class KORVEX_EXPORT ShmBatch {
   /// Removes all entries. Their bytes stay in the buffer until they are overwritten.
   void clear();
 
+  /// @{
+  /// How many records the batch holds.
   bool empty() const { return metaData_.numEntries == 0; }
+  unsigned int getNumEntries() const { return metaData_.numEntries; }
+  /// @}
 
   /// The batch's bytes, getRawSize() of them in use.
   const unsigned char* getRaw() const { return raw_; }
 
   /// Bytes in use, including the metadata block. Not the capacity.
   unsigned long getRawSize() const { return usedSize_; }
-
-  unsigned int getNumEntries() const { return metaData_.numEntries; }
 
  private:
   friend KORVEX_EXPORT std::ostream& operator<<(std::ostream& stream, const ShmBatch& batch);

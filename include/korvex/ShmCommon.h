@@ -7,6 +7,9 @@
 
 #include "korvex/Export.h"
 
+/// @file
+/// What travels between a producer and its daemon: record headers and replies.
+
 /// How a stream is split into segments; sent in every header. The type has a fixed width, so any
 /// 32-bit value can be stored and compared, even one without a name.
 enum korvex_seg_state_t : std::int32_t {
@@ -33,10 +36,10 @@ struct KORVEX_EXPORT qmx_shm_message_t {
   std::uint64_t segmentCount;  ///< segments completed before this record
   std::uint32_t segmentEmpty;  ///< 1 while the current segment has had no data, else 0
   std::uint32_t segState;      ///< a korvex_seg_state_t
-  std::uint32_t algParam1;     ///< parameters of the segmenting algorithm; not interpreted
-  std::uint32_t algParam2;
-  std::uint32_t algParam3;
-  std::uint32_t magic;  ///< 0xaabbccdd in a sound header
+  std::uint32_t algParam1;     ///< a parameter of the segmenting algorithm; not interpreted
+  std::uint32_t algParam2;     ///< another
+  std::uint32_t algParam3;     ///< another
+  std::uint32_t magic;         ///< 0xaabbccdd in a sound header
 
   /// All fields 0, except segmentEmpty, which is 1, and the magic.
   qmx_shm_message_t();

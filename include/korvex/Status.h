@@ -3,6 +3,7 @@
 
 #include <qmx/error.h>
 
+/// @file
 /// The status codes that the library raises, for comparing with Ov_ErrnoException::getStatus().
 ///
 /// The numbers never change. A daemon's reply is raised with the daemon's own status, which may be

@@ -21,6 +21,7 @@ namespace korvex {
 /// records of the same writer complete nothing.
 class StreamGuard {
  public:
+  /// Keeps a reference to the writer; sends nothing.
   explicit StreamGuard(ShmWriter& stream) noexcept : stream_(&stream) {}
 
   /// Sends a stop record unless close() succeeded, waiting up to the writer's stop timeout with

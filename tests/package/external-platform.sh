@@ -12,7 +12,7 @@ configure() {
   shift
   cmake -S "$source_tree" -B "$build" -G Ninja -DCMAKE_CXX_COMPILER="$compiler" \
     -DCMAKE_CXX_COMPILER_LAUNCHER="$launcher" -DKORVEX_PLATFORM=external \
-    -DKORVEX_BUILD_TESTS=OFF -DKORVEX_BUILD_TOOLS=OFF "$@"
+    -DKORVEX_BUILD_TESTS=OFF -DKORVEX_BUILD_TOOLS=OFF -DKORVEX_BUILD_MAN=OFF "$@"
 }
 
 source_tree=$1 compiler=$2 launcher=${3:-}

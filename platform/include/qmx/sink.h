@@ -6,6 +6,7 @@
 
 #include "qmx/Export.h"
 
+/// @file
 /// Where the default platform's lines go. Another platform library need not have this header.
 ///
 /// A line carries time, level, process id and code, then the text, whose control characters are
@@ -16,13 +17,14 @@
 /// log.h or trace.h is a cancellation point, even while it runs a receiver.
 namespace qmx {
 
+/// How important a line is. Trace lines are written only while tracing is on.
 enum class Level { Trace, Info, Auth, Warning, Error };
 
 /// One line before formatting: the text as it was logged, unescaped. Valid only during the call.
 struct Line {
-  Level level;
-  int code;  ///< the caller's message number; 0 for trace lines
-  const char* text;
+  Level level;       ///< of the call that wrote it
+  int code;          ///< the caller's message number; 0 for trace lines
+  const char* text;  ///< NUL-terminated
 };
 
 /// The default: lines go to standard error.

@@ -5,6 +5,9 @@
 
 #include "qmx/Export.h"
 
+/// @file
+/// Text in buffers of a fixed size.
+
 extern "C" {
 
 /// Copies `source` into `destination`, which has room for `capacity` bytes, truncating what does

@@ -6,11 +6,15 @@
 #include "qmx/Export.h"
 
 #if defined(__GNUC__)
+/// Has the compiler compare a printf format with the arguments behind it.
 #define QMX_PRINTF_FORMAT(formatIndex, firstArgument) \
   __attribute__((format(printf, formatIndex, firstArgument)))
 #else
 #define QMX_PRINTF_FORMAT(formatIndex, firstArgument)
 #endif
+
+/// @file
+/// Lines that follow what a program does, while a flag of the process is on.
 
 extern "C" {
 

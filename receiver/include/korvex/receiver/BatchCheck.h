@@ -16,8 +16,9 @@ namespace korvex::receiver {
 /// on it. Keeps no pointer to the bytes. Never throws.
 class KORVEX_RECEIVER_EXPORT BatchCheck {
  public:
+  /// What is wrong with a message.
   enum class Defect {
-    None,
+    None,           ///< the message is sound
     MetaDataCut,    ///< too short for the metadata block
     MetaDataMagic,  ///< the metadata block's magic is wrong
     HeaderCut,      ///< the message ends before or inside an announced header
@@ -26,11 +27,14 @@ class KORVEX_RECEIVER_EXPORT BatchCheck {
     TrailingBytes   ///< the message goes on after the last announced entry
   };
 
+  /// Does the whole check; `ok()` says how it went.
   BatchCheck(const unsigned char* untrusted, std::size_t size) noexcept;
 
+  /// @{
+  /// What the check found.
   bool ok() const noexcept { return defect_ == Defect::None; }
-
   Defect defect() const noexcept { return defect_; }
+  /// @}
 
   /// Offset of the block that was refused, counted from the start of the message; the size when
   /// `ok()`.

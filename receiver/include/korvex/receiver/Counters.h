@@ -29,10 +29,11 @@ enum class Count : std::size_t {
 
 /// A count and its name in statistics.
 struct CountName {
-  Count count;
-  const char* name;
+  Count count;       ///< what is counted
+  const char* name;  ///< in lower case, with underscores
 };
 
+/// Every count, in the order of their declaration.
 constexpr CountName kCountNames[] = {{Count::StreamsOpened, "streams_opened"},
                                      {Count::StreamsComplete, "streams_complete"},
                                      {Count::StreamsIncomplete, "streams_incomplete"},
@@ -47,6 +48,7 @@ constexpr CountName kCountNames[] = {{Count::StreamsOpened, "streams_opened"},
                                      {Count::RepliesLost, "replies_lost"},
                                      {Count::QueueReplacements, "queue_replacements"}};
 
+/// How many there are.
 constexpr std::size_t kCounts = sizeof kCountNames / sizeof *kCountNames;
 static_assert(kCounts == static_cast<std::size_t>(Count::QueueReplacements) + 1,
               "one name for each count");
@@ -55,10 +57,14 @@ static_assert(kCounts == static_cast<std::size_t>(Count::QueueReplacements) + 1,
 /// read one after the other may be from different moments.
 class KORVEX_RECEIVER_EXPORT Counters {
  public:
+  /// The count since the start; for RepliesPending, the number now.
   std::uint64_t get(Count count) const noexcept;
 
+  /// @{
+  /// For the one thread that counts.
   void add(Count count, std::uint64_t number = 1) noexcept;
   void set(Count count, std::uint64_t number) noexcept;
+  /// @}
 
  private:
   std::array<std::atomic<std::uint64_t>, kCounts> counts_ = {};

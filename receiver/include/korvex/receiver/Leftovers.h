@@ -11,11 +11,12 @@ namespace korvex::receiver {
 
 /// A queue that is being made, under a temporary name, or that was when its daemon was killed.
 struct HalfMadeQueue {
+  /// What is known of the process that makes it.
   enum class Maker { Dead, Alive, Unknown };
 
-  std::string name;
-  pid_t process;  ///< that makes it; 0 unless it can be told in this PID namespace
-  Maker maker;
+  std::string name;  ///< the temporary one
+  pid_t process;     ///< that makes it; 0 unless it can be told in this PID namespace
+  Maker maker;       ///< Unknown where that cannot be told
 };
 
 /// All of them, of every user, by name.

@@ -10,11 +10,11 @@ namespace korvex::receiver {
 
 /// How much a queue holds.
 struct Limits {
-  static constexpr std::size_t kMostMessages = 65536;
+  static constexpr std::size_t kMostMessages = 65536;  ///< that a queue may hold
   static constexpr std::size_t kSmallestMessage = 57;  ///< a batch with one record of one byte
-  static constexpr std::size_t kLargestMessage = std::size_t{1} << 30;
+  static constexpr std::size_t kLargestMessage = std::size_t{1} << 30;  ///< 1 GiB
 
-  std::size_t messages = 0;
+  std::size_t messages = 0;     ///< that wait at most
   std::size_t messageSize = 0;  ///< bytes of the largest message
 };
 

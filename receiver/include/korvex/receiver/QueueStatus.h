@@ -25,20 +25,26 @@ namespace korvex::receiver {
 /// at a time. Nothing here throws but std::bad_alloc.
 class KORVEX_RECEIVER_EXPORT QueueStatus {
  public:
+  /// What the constructor found.
   enum class Condition {
     Unreachable,  ///< missing, forbidden, or an invalid name; systemError() says which
     Unfinished,   ///< looks like a queue that its creator is still making
     Damaged,      ///< nothing that could be used as a queue
     Busy,         ///< looks damaged, but its lock is taken: a peer may be changing it
-    Sound
+    Sound         ///< can be used
   };
 
   /// `name` without a leading slash.
   explicit QueueStatus(const std::string& name);
   ~QueueStatus();
+
+  /// @{
+  /// The one that is moved from may only be destroyed or assigned to.
   QueueStatus(QueueStatus&&) noexcept;
   QueueStatus& operator=(QueueStatus&&) noexcept;
+  /// @}
 
+  /// As the constructor found it; it does not change.
   Condition condition() const noexcept;
 
   /// The errno that made the queue unreachable, else 0.
@@ -46,12 +52,12 @@ class KORVEX_RECEIVER_EXPORT QueueStatus {
 
   /// What the file system says of it. All 0 when there is nothing, or nothing can be seen.
   struct Object {
-    dev_t device;
-    ino_t inode;
-    uid_t user;
-    gid_t group;
-    mode_t mode;  ///< with the bits of its type
-    off_t size;
+    dev_t device;  ///< with the inode, what a file lock names
+    ino_t inode;   ///< unique on the device while the object exists
+    uid_t user;    ///< its owner
+    gid_t group;   ///< its group
+    mode_t mode;   ///< with the bits of its type
+    off_t size;    ///< in bytes
   };
 
   /// What lay under the name at the first look, even when it cannot be opened; a symbolic link is
@@ -73,9 +79,11 @@ class KORVEX_RECEIVER_EXPORT QueueStatus {
   /// The bytes of these messages together.
   std::uint64_t waitingBytes() const noexcept;
 
+  /// @{
+  /// Whether a send would have to wait, as far as can be seen.
   bool looksFull() const noexcept { return messages() >= limits().messages; }
-
   bool looksLocked() const noexcept;
+  /// @}
 
   /// The thread that holds the lock, by its id in its own PID namespace; 0 for none.
   pid_t lockOwner() const noexcept;

@@ -14,8 +14,8 @@ namespace korvex::receiver {
 /// What one end of a stream knows of it after the close. The receiver sends it as its last reply, a
 /// producer keeps its own count, and the stream is stored if the two are equal.
 struct KORVEX_RECEIVER_EXPORT Receipt {
-  std::uint64_t bytes;
-  std::string xxh128;  ///< of all data: 32 lower-case hex digits
+  std::uint64_t bytes;  ///< of all data
+  std::string xxh128;   ///< of all data: 32 lower-case hex digits
 
   /// "bytes=N xxh128=HEX".
   std::string text() const;
@@ -31,6 +31,7 @@ struct KORVEX_RECEIVER_EXPORT Receipt {
 /// The text of a reply, which may fill its field without a NUL.
 KORVEX_RECEIVER_EXPORT std::string_view textOf(const qmx_shm_response_t& untrusted);
 
+/// Whether the same data was counted.
 inline bool operator==(const Receipt& left, const Receipt& right) {
   return left.bytes == right.bytes && left.xxh128 == right.xxh128;
 }

@@ -37,11 +37,12 @@ class KORVEX_RECEIVER_EXPORT Receiver {
     Replace  ///< unless a living daemon serves them, or they are not this user's queues
   };
 
+  /// What a receiver serves, and how.
   struct Settings {
-    std::string queue;             ///< may start with one slash, holds no other
-    Limits limits{8, 264 * 1024};  ///< keeps both sides busy with the largest records
-    mode_t mode = 0600;            ///< of both queues, whatever the umask
-    Existing existing = Existing::Refuse;
+    std::string queue;                     ///< may start with one slash, holds no other
+    Limits limits{8, 264 * 1024};          ///< keeps both sides busy with the largest records
+    mode_t mode = 0600;                    ///< of both queues, whatever the umask
+    Existing existing = Existing::Refuse;  ///< what to do with a dead daemon's queues
     std::optional<std::chrono::seconds> idleTimeout = {};  ///< fails a silent stream; none: never
     std::optional<gid_t> group = {};  ///< of both queues; none: the process's own
     IdleWatch* idleWatch = nullptr;   ///< polls the idle queue for run(); outlives the receiver
@@ -77,6 +78,7 @@ class KORVEX_RECEIVER_EXPORT Receiver {
   /// briefly and returns false.
   bool step() noexcept;
 
+  /// The queue's name, as the settings gave it.
   const std::string& queue() const noexcept;
 
   /// May be read by any thread.

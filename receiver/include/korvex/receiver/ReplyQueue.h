@@ -25,8 +25,12 @@ class KORVEX_RECEIVER_EXPORT ReplyQueue {
   /// when they are absent, damaged or only half made.
   explicit ReplyQueue(const std::string& queue);
   ~ReplyQueue();
+
+  /// @{
+  /// The one that is moved from may only be destroyed or assigned to.
   ReplyQueue(ReplyQueue&&) noexcept;
   ReplyQueue& operator=(ReplyQueue&&) noexcept;
+  /// @}
 
   /// The oldest reply. Nothing when there is none, or while its lock is taken. Its text may fill
   /// its field without a NUL: see textOf() in Receipt.h. Throws a std::exception when the queue is

@@ -20,8 +20,10 @@ class KORVEX_RECEIVER_EXPORT StreamDigest {
   StreamDigest(const StreamDigest&) = delete;
   StreamDigest& operator=(const StreamDigest&) = delete;
 
+  /// Takes the next bytes of the stream.
   void add(const unsigned char* data, std::size_t size) noexcept;
 
+  /// How many bytes it has taken.
   std::uint64_t bytes() const noexcept { return bytes_; }
 
   /// The receipt for the data so far.

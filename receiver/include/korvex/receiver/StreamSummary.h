@@ -21,14 +21,14 @@ enum class Ending {
 
 /// What is known of a stream when it ends.
 struct StreamSummary {
-  std::string queue;
-  std::time_t opened = 0;
-  std::time_t closed = 0;
-  std::uint64_t bytes = 0;     ///< of data, handed to the sink
-  std::uint64_t segments = 0;  ///< that held data
-  std::uint64_t records = 0;   ///< the open and the close record included
-  std::string xxh128;          ///< of all data: 32 lower-case hex digits
-  Ending ending = Ending::Complete;
+  std::string queue;                 ///< that it came from
+  std::time_t opened = 0;            ///< when its open record was taken
+  std::time_t closed = 0;            ///< when it ended, however it did
+  std::uint64_t bytes = 0;           ///< of data, handed to the sink
+  std::uint64_t segments = 0;        ///< that held data
+  std::uint64_t records = 0;         ///< the open and the close record included
+  std::string xxh128;                ///< of all data: 32 lower-case hex digits
+  Ending ending = Ending::Complete;  ///< how it ended
 };
 
 }  // namespace korvex::receiver

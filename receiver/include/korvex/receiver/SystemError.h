@@ -16,6 +16,7 @@ class KORVEX_RECEIVER_EXPORT SystemError : public std::runtime_error {
   SystemError(const std::string& doing, int number);
   ~SystemError() override;
 
+  /// The errno.
   int number() const noexcept { return number_; }
 
  private:
