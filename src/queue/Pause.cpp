@@ -21,8 +21,19 @@ constexpr unsigned kLongWait = kFirstSleep + 5;
 constexpr unsigned kStepsBack = 3;
 constexpr unsigned kLatestStart = kFirstSleep + 4;
 
+/// Tells the processor that this is a loop that waits.
+void relax() noexcept {
+#if defined(__x86_64__)
+  __builtin_ia32_pause();
+#elif defined(__aarch64__)
+  __asm__ volatile("isb");  // takes about as long as x86's pause; yield does nothing on most cores
+#else
+  __asm__ volatile("");  // keeps the loop
+#endif
+}
+
 void spin() noexcept {
-  for (unsigned i = 0; i < kInstructionsPerSpin; ++i) __builtin_ia32_pause();
+  for (unsigned i = 0; i < kInstructionsPerSpin; ++i) relax();
 }
 
 }  // namespace

@@ -1,7 +1,9 @@
 #ifndef KORVEX_SHM_HEADER_BYTES_H
 #define KORVEX_SHM_HEADER_BYTES_H
 
+#ifdef __SSE2__
 #include <emmintrin.h>
+#endif
 
 #include "korvex/ShmCommon.h"
 #include "shm/Format.h"
@@ -9,6 +11,7 @@
 
 namespace korvex {
 
+#ifdef __SSE2__
 /// Swaps the bytes of each of four 32-bit integers.
 inline __m128i swappedWords(__m128i words) noexcept {
   const __m128i pairs = _mm_or_si128(_mm_slli_epi16(words, 8), _mm_srli_epi16(words, 8));
@@ -36,6 +39,17 @@ inline unsigned char* putHeader(unsigned char* bytes, const qmx_shm_message_t& h
   _mm_storeu_si128(reinterpret_cast<__m128i*>(bytes + kAlgParamsOffset), swappedWords(last));
   return bytes + kHeaderSize;
 }
+#else
+/// Writes the header's bytes and returns a pointer past them.
+inline unsigned char* putHeader(unsigned char* bytes, const qmx_shm_message_t& header) noexcept {
+  bytes = putBig64(bytes, joined(header.type, header.len));
+  bytes = putBig64(bytes, header.sequence);
+  bytes = putBig64(bytes, header.segmentCount);
+  bytes = putBig64(bytes, joined(header.segmentEmpty, header.segState));
+  bytes = putBig64(bytes, joined(header.algParam1, header.algParam2));
+  return putBig64(bytes, joined(header.algParam3, header.magic));
+}
+#endif
 
 }  // namespace korvex
 

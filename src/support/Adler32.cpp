@@ -1,7 +1,9 @@
 #include "support/Adler32.h"
 
 #include <algorithm>
+#ifdef __SSE2__
 #include <emmintrin.h>
+#endif
 
 namespace korvex {
 namespace {
@@ -29,6 +31,7 @@ void addBytes(Sums& sums, const unsigned char* data, std::size_t count) noexcept
   }
 }
 
+#ifdef __SSE2__
 std::uint64_t sumOfLanes(__m128i lanes) noexcept {
   std::uint32_t values[4];
   _mm_storeu_si128(reinterpret_cast<__m128i*>(values), lanes);
@@ -58,6 +61,11 @@ void addBlocks(Sums& sums, const unsigned char* data, std::size_t count) noexcep
   sums.second += sumOfLanes(before) * kBlockSize + sumOfLanes(weighted);
   sums.first += static_cast<std::uint32_t>(sumOfLanes(bytes));
 }
+#else
+void addBlocks(Sums& sums, const unsigned char* data, std::size_t count) noexcept {
+  addBytes(sums, data, count * kBlockSize);
+}
+#endif
 
 /// Adds one run and reduces the sums.
 void addRun(Sums& sums, const unsigned char* data, std::size_t length) noexcept {

@@ -3,9 +3,26 @@
 #include <cinttypes>
 #include <cstdio>
 #include <new>
+#ifdef __x86_64__
 #include <xxh_x86dispatch.h>
+#else
+#include <xxhash.h>
+#endif
 
 namespace korvex::receiver {
+namespace {
+
+/// On x86-64 with the widest registers that the processor at hand has, not with those that every
+/// processor has.
+void update(XXH3_state_t* state, const unsigned char* data, std::size_t size) noexcept {
+#ifdef __x86_64__
+  XXH3_128bits_update_dispatch(state, data, size);
+#else
+  XXH3_128bits_update(state, data, size);
+#endif
+}
+
+}  // namespace
 
 struct StreamDigest::State {
   State() : xxh128(XXH3_createState()) {
@@ -23,7 +40,7 @@ StreamDigest::StreamDigest() : state_(std::make_unique<State>()) { reset(); }
 StreamDigest::~StreamDigest() = default;
 
 void StreamDigest::add(const unsigned char* data, std::size_t size) noexcept {
-  XXH3_128bits_update_dispatch(state_->xxh128, data, size);
+  update(state_->xxh128, data, size);
   bytes_ += size;
 }
 
