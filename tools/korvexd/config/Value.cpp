@@ -5,15 +5,13 @@
 namespace korvexd {
 namespace {
 
-constexpr char kDelete = 0x7f;
+constexpr unsigned char kDelete = 0x7f;
 
-bool isControl(char character) {
-  return (character >= 0 && character < ' ') || character == kDelete;
-}
+bool isControl(unsigned char byte) { return byte < ' ' || byte == kDelete; }
 
 std::string escaped(char character) {
   if (character == '"' || character == '\\') return std::string("\\") + character;
-  if (!isControl(character)) return std::string(1, character);
+  if (!isControl(static_cast<unsigned char>(character))) return std::string(1, character);
   char text[sizeof "\\u0000"];
   std::snprintf(text, sizeof text, "\\u%04X", static_cast<unsigned>(character));
   return text;
