@@ -4,10 +4,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <pthread.h>
 #include <sys/types.h>
 
-// How the queue library lays out a queue's shared-memory object, from Boost 1.63 to 1.81 on x86-64.
-// docs/queue-object.md explains it.
+// How the queue library lays out a queue's shared-memory object, from Boost 1.63 to 1.81.
+// docs/queue-object.md explains it. The offsets are those of x86-64; on arm64 the lock has 48
+// bytes, so everything behind it lies 8 bytes further on.
 //
 //     offset  bytes  field                                    written by
 //          0      4  init word                                the creator, last of all
@@ -36,8 +38,9 @@ constexpr std::size_t kMaxMessageSizeOffset = 32;
 constexpr std::size_t kMessagesOffset = 40;
 constexpr std::size_t kLockWordOffset = 48;
 constexpr std::size_t kLockOwnerOffset = 56;
-constexpr std::size_t kFirstMessageOffset = 184;
-constexpr std::size_t kHeaderEnd = 208;
+constexpr std::size_t kFirstMessageOffset =
+    kLockWordOffset + sizeof(pthread_mutex_t) + 2 * sizeof(pthread_cond_t);
+constexpr std::size_t kHeaderEnd = kFirstMessageOffset + 24;
 
 constexpr std::uint64_t kIndexPointer = kHeaderEnd - kIndexPointerOffset;
 constexpr std::uint64_t kIndexEntrySize = 8;
@@ -60,8 +63,9 @@ constexpr std::size_t objectSize(std::size_t messages, std::size_t messageSize) 
 }
 
 constexpr std::size_t kSmallestObject = objectSize(1, 1);
-static_assert(kSmallestObject == 240, "as measured");
-static_assert(objectSize(4, 300) == 1520, "as measured");
+static_assert(kHeaderEnd == 168 + sizeof(pthread_mutex_t), "as measured");
+static_assert(kSmallestObject == kHeaderEnd + 32, "as measured");
+static_assert(objectSize(4, 300) == kHeaderEnd + 1312, "as measured");
 
 /// Where the slots of a queue with these limits lie in its object.
 class Slots {

@@ -130,8 +130,9 @@ std::optional<QueueView::State> judge(int file, const Header& header, std::uint6
 
 /// What a killed creator leaves: zeros, except for the init word.
 bool isBlank(const unsigned char* header, std::size_t size) {
-  return header[0] <= kInitialized + 1 &&
-         std::all_of(header + 1, header + size, [](unsigned char byte) { return byte == 0; });
+  return Header(header).word(kInitWordOffset) <= kInitialized + 1 &&
+         std::all_of(header + sizeof(std::uint32_t), header + size,
+                     [](unsigned char byte) { return byte == 0; });
 }
 
 /// Whether there are only zeros from here to the end.

@@ -12,7 +12,7 @@ namespace korvex {
 ///
 /// The queue library opens whatever has the name: it waits forever for a half-made object, and maps
 /// a truncated one only to crash later. So the object is checked first. The layout has been the
-/// same from Boost 1.63 to 1.81 on x86-64.
+/// same from Boost 1.63 to 1.81.
 ///
 /// A live view also shows how full the queue looks. That is a hint and may be stale: good for
 /// deciding when to try, never proof that something happened.

@@ -22,10 +22,10 @@ namespace {
 using Place = std::function<Holder(const std::string&)>;
 
 // Where a queue of these limits has the end of its index and its slots.
-constexpr std::size_t kLastEntry = 232;
-constexpr std::size_t kFirstSlot = 240;
-constexpr std::size_t kLastSlot = 696;
-constexpr std::size_t kQueueSize = 848;
+constexpr std::size_t kLastEntry = kIndexAt + 24;
+constexpr std::size_t kFirstSlot = kIndexAt + 32;
+constexpr std::size_t kLastSlot = kFirstSlot + 456;
+constexpr std::size_t kQueueSize = kFirstSlot + 608;
 constexpr std::uint64_t kAllOnes = ~std::uint64_t{0};
 
 const std::string kWorks = "works";
@@ -96,7 +96,7 @@ Holder placeHugeQueue(const std::string& name) {
   constexpr std::uint64_t kMany = std::uint64_t{1} << 40;
   Bytes header(kIndexAt);
   header[kStateWordAt] = 2;
-  header[kIndexPointerAt] = 192;
+  header[kIndexPointerAt] = kIndexAt - kIndexPointerAt;
   header[kMaxMessageSizeAt] = 8;
   std::memcpy(header.data() + kMaxMessagesAt, &kMany, sizeof kMany);
   auto object = std::make_shared<SharedObject>(name, header);
@@ -285,7 +285,7 @@ const std::vector<Kind>& kinds() {
       same("TwoBytesThatLookReady", bytes({2, 0}), kNoQueue),
       same("Zeros4", bytes(Bytes(4)), kNoQueue),
       same("ZerosOfAHeader", bytes(Bytes(kIndexAt)), kNoQueue, kAnotherFile),
-      same("ZerosOfTheSmallestQueue", bytes(Bytes(240)), kNoQueue),
+      same("ZerosOfTheSmallestQueue", bytes(Bytes(kIndexAt + 32)), kNoQueue),
       same("ZerosOfAQueue", bytes(Bytes(kQueueSize)), kNoQueue),
       same("ZerosOfAPage", bytes(Bytes(4096)), kNoQueue),
       same("AllOnes", bytes(Bytes(kQueueSize, 0xff)), kNoQueue, kAnotherFile),
@@ -327,8 +327,10 @@ const std::vector<Kind>& kinds() {
       same("FirstBehindTheIndex", number(kFirstMessageAt, kMessages), kNoQueue),
       same("FirstFarAway", number(kFirstMessageAt, kAllOnes), kNoQueue),
       same("IndexNowhere", number(kIndexPointerAt, 0), kNoQueue, kAnotherFile),
-      same("IndexInTheHeader", number(kIndexPointerAt, 184), kNoQueue, kAnotherFile),
-      same("IndexBehindItsPlace", number(kIndexPointerAt, 200), kNoQueue, kAnotherFile),
+      same("IndexInTheHeader", number(kIndexPointerAt, kFirstMessageAt - kIndexPointerAt), kNoQueue,
+           kAnotherFile),
+      same("IndexBehindItsPlace", number(kIndexPointerAt, kIndexAt - kIndexPointerAt + 8), kNoQueue,
+           kAnotherFile),
       same("IndexFarAway", number(kIndexPointerAt, kAllOnes), kNoQueue, kAnotherFile),
       same("FirstEntryLeadsNowhere", number(kIndexAt, 0), kNoQueue),
       same("EntryLeadsIntoTheHeader", number(kIndexAt, std::uint64_t{0} - kIndexAt), kNoQueue),

@@ -16,6 +16,8 @@
 ///     184  which of the index's entries is the first
 ///     208  the index: 8 bytes per message
 ///     then the slots: 16 bytes and the message, rounded up to 8
+///
+/// On arm64 the lock is larger, and what follows it lies 8 bytes further on.
 namespace korvex::test {
 
 constexpr off_t kStateWordAt = 0;
@@ -25,9 +27,13 @@ constexpr off_t kMaxMessageSizeAt = 32;
 constexpr off_t kMessagesAt = 40;
 constexpr off_t kLockWordAt = 48;
 constexpr off_t kLockOwnerAt = 56;
+#ifdef __aarch64__
+constexpr std::size_t kLockSize = 48;
+#else
 constexpr std::size_t kLockSize = 40;
-constexpr off_t kFirstMessageAt = 184;
-constexpr off_t kIndexAt = 208;
+#endif
+constexpr off_t kFirstMessageAt = 144 + off_t{kLockSize};
+constexpr off_t kIndexAt = kFirstMessageAt + 24;
 constexpr off_t kIndexEntrySize = 8;
 constexpr off_t kSlotHeaderSize = 16;
 

@@ -15,9 +15,12 @@
 #include "support/DaemonQueues.h"
 #include "support/LockHolder.h"
 #include "support/Namespaces.h"
+#include "support/QueueFields.h"
 #include "unit/queue/SystemCalls.h"
 
 using korvex::QueueView;
+using korvex::test::kLockOwnerAt;
+using korvex::test::kLockWordAt;
 using korvex::test::RawQueue;
 using korvex::test::seesEveryThread;
 using korvex::test::uniqueQueueName;
@@ -25,9 +28,6 @@ using korvex::test::system_calls::failing;
 using korvex::test::system_calls::instead;
 
 namespace {
-
-constexpr off_t kLockWordAt = 48;
-constexpr off_t kLockOwnerAt = 56;
 
 /// Writes to an object that exists already.
 template <typename Value>

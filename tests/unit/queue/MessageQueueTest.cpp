@@ -7,11 +7,13 @@
 
 #include "queue/MessageQueue.h"
 #include "support/DaemonQueues.h"
+#include "support/QueueFields.h"
 #include "support/SharedObject.h"
 
 using korvex::MessageQueue;
 using korvex::test::bytesOfFile;
 using korvex::test::bytesOfObject;
+using korvex::test::kFirstMessageAt;
 using korvex::test::QueueLock;
 using korvex::test::RawQueue;
 using korvex::test::SharedObject;
@@ -21,8 +23,6 @@ using Outcome = MessageQueue::Outcome;
 namespace ipc = boost::interprocess;
 
 namespace {
-
-constexpr off_t kFirstMessageAt = 184;
 
 const Clock::time_point kPast = Clock::time_point::min();
 
@@ -58,7 +58,7 @@ TEST(MessageQueueOpen, ErrorsAreTheQueueLibrarysOwn) {
 TEST(MessageQueueOpen, HalfMadeObjectIsRefusedAtTheDeadline) {
   SharedObject object(uniqueQueueName());
   EXPECT_EQ(openErrorOf(object.name()), ipc::corrupted_error);
-  object.resize(1520);
+  object.resize(static_cast<off_t>(QueueView::fileSize(4, 300)));
   EXPECT_EQ(openErrorOf(object.name()), ipc::corrupted_error);
 }
 

@@ -9,20 +9,21 @@
 
 #include "queue/QueueView.h"
 #include "support/DaemonQueues.h"
+#include "support/QueueFields.h"
 #include "support/SharedObject.h"
 
 using korvex::QueueView;
 using korvex::test::bytesOfObject;
+using korvex::test::kFirstMessageAt;
+using korvex::test::kIndexAt;
+using korvex::test::kMessagesAt;
 using korvex::test::RawQueue;
 using korvex::test::SharedObject;
 using korvex::test::uniqueQueueName;
 
 namespace {
 
-constexpr off_t kMessagesAt = 40;
-constexpr off_t kFirstMessageAt = 184;
-constexpr off_t kIndexAt = 208;
-constexpr off_t kSlotsAt = 240;
+constexpr off_t kSlotsAt = korvex::test::slotsAt(4);
 constexpr off_t kSlotSize = 320;
 constexpr int kMessages = 4;
 
@@ -253,18 +254,20 @@ TEST(QueueEdges, LargestObjectIsTheLargestFile) {
   constexpr std::size_t kLargestMessage = 9223372036854775568u;
   EXPECT_EQ(QueueView::fileSize(1, kLargestMessage), 9223372036854775800u);
   EXPECT_EQ(QueueView::fileSize(1, kLargestMessage + 1), 0u);
-  EXPECT_EQ(QueueView::fileSize(288230376151711737u, 8), 9223372036854775792u);
+  EXPECT_EQ(QueueView::fileSize(288230376151711737u, 8), 9223372036854775584u + kIndexAt);
   EXPECT_EQ(QueueView::fileSize(288230376151711738u, 8), 0u);
 }
 
 TEST(QueueEdges, ExactlyEightMebibytesAreFetchable) {
+  // 208 + 2 * (8 + 16 + 4194176) is 8 MiB; where the header is longer, the slots end 8 bytes short.
+  constexpr std::size_t kMost = (8388608 - kIndexAt) / 2 / 8 * 8 - 24;
   {
-    FilledQueue queue(2, 4194176);  // 208 + 2 * (8 + 16 + 4194176) is 8 MiB
+    FilledQueue queue(2, kMost);
     EXPECT_TRUE(queue.isFetchable());
     EXPECT_FALSE(FilledQueue(2, 1).isFetchable()) << "nothing is left";
   }
-  EXPECT_FALSE(FilledQueue(2, 4194184).isFetchable());
-  EXPECT_TRUE(FilledQueue(2, 4194176).isFetchable()) << "all was given back";
+  EXPECT_FALSE(FilledQueue(2, kMost + 8).isFetchable());
+  EXPECT_TRUE(FilledQueue(2, kMost).isFetchable()) << "all was given back";
 }
 
 // However many there are, a look takes no longer than that.

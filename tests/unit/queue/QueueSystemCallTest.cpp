@@ -15,11 +15,15 @@
 #include "queue/MessageQueue.h"
 #include "queue/QueueView.h"
 #include "support/DaemonQueues.h"
+#include "support/QueueFields.h"
 #include "support/SharedObject.h"
 #include "unit/queue/SystemCalls.h"
 
 using korvex::MessageQueue;
 using korvex::QueueView;
+using korvex::test::kFirstMessageAt;
+using korvex::test::kIndexAt;
+using korvex::test::kLockWordAt;
 using korvex::test::RawQueue;
 using korvex::test::SharedObject;
 using korvex::test::uniqueQueueName;
@@ -118,9 +122,6 @@ TEST_F(QueueViewCalls, EveryReadThatComesShortMeansDamaged) {
 }
 
 namespace {
-
-constexpr off_t kLockWordAt = 48;
-constexpr off_t kFirstMessageAt = 184;
 
 template <typename Value>
 void overwrite(const std::string& name, off_t offset, Value value) {
@@ -254,7 +255,7 @@ TEST_F(MessageQueueCalls, FailedReservationLeavesNothing) {
   instead.posixFallocate = [](int file, off_t offset, off_t size) {
     EXPECT_NE(std::strstr(pathOf(file), ".room"), nullptr);
     EXPECT_EQ(offset, 0);
-    EXPECT_EQ(size, 208 + 4 * (8 + 16 + 104));
+    EXPECT_EQ(size, kIndexAt + 4 * (8 + 16 + 104));
     return ENOSPC;
   };
   EXPECT_EQ(errorOf([&] { MessageQueue(name, {4, 100}, 0600); }).systemError, ENOSPC);

@@ -13,11 +13,18 @@
 #include "queue/QueueView.h"
 #include "support/DaemonQueues.h"
 #include "support/Namespaces.h"
+#include "support/QueueFields.h"
 #include "support/SharedObject.h"
 
 using korvex::QueueView;
 using korvex::test::bytesOfFile;
 using korvex::test::bytesOfObject;
+using korvex::test::kFirstMessageAt;
+using korvex::test::kIndexAt;
+using korvex::test::kIndexPointerAt;
+using korvex::test::kMaxMessagesAt;
+using korvex::test::kMaxMessageSizeAt;
+using korvex::test::kMessagesAt;
 using korvex::test::QueueLock;
 using korvex::test::RawQueue;
 using korvex::test::SharedObject;
@@ -33,14 +40,9 @@ std::ostream& operator<<(std::ostream& stream, QueueView::State state) {
 
 namespace {
 
-constexpr off_t kIndexPointerAt = 16;
-constexpr off_t kMaxMessagesAt = 24;
-constexpr off_t kMaxMessageSizeAt = 32;
-constexpr off_t kMessagesAt = 40;
-constexpr off_t kFirstMessageAt = 184;
-constexpr off_t kIndexAt = 208;      // 4 entries
-constexpr off_t kFirstSlotAt = 240;  // 4 slots of 16 + 304 bytes
-constexpr std::uint64_t kSlotSize = 320;
+constexpr std::size_t kHeaderSize = kIndexAt;
+constexpr off_t kFirstSlotAt = korvex::test::slotsAt(4);
+constexpr std::uint64_t kSlotSize = 320;  // 16 + 304
 
 /// The bytes of a fresh queue of 4 messages of 300 bytes.
 Bytes queueImage() {
@@ -84,12 +86,12 @@ State afterChange(off_t offset, const Bytes& bytes) {
 }  // namespace
 
 TEST(QueueFileSize, FollowsTheMeasuredSizes) {
-  EXPECT_EQ(QueueView::fileSize(4, 132), 848u);
-  EXPECT_EQ(QueueView::fileSize(4, 300), 1520u);
-  EXPECT_EQ(QueueView::fileSize(1, 1), 240u);
-  EXPECT_EQ(QueueView::fileSize(3, 13), 328u);
-  EXPECT_EQ(QueueView::fileSize(10, 4096), 41408u);
-  EXPECT_EQ(QueueView::fileSize(64, 65536), 4196048u);
+  EXPECT_EQ(QueueView::fileSize(4, 132), kHeaderSize + 640);
+  EXPECT_EQ(QueueView::fileSize(4, 300), kHeaderSize + 1312);
+  EXPECT_EQ(QueueView::fileSize(1, 1), kHeaderSize + 32);
+  EXPECT_EQ(QueueView::fileSize(3, 13), kHeaderSize + 120);
+  EXPECT_EQ(QueueView::fileSize(10, 4096), kHeaderSize + 41200);
+  EXPECT_EQ(QueueView::fileSize(64, 65536), kHeaderSize + 4195840);
 }
 
 TEST(QueueFileSize, IsZeroForLimitsThatNoObjectCanHave) {

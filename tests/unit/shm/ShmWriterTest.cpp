@@ -3,6 +3,7 @@
 
 #include "korvex/ShmWriter.h"
 #include "korvex/Status.h"
+#include "support/QueueFields.h"
 #include "support/SharedObject.h"
 #include "unit/shm/WriterFixture.h"
 
@@ -383,14 +384,13 @@ TEST_F(WriterTrace, DisabledScopeCostsOneFlagRead) {
 
 // The batch is on its way: what is not known of the reply queue yet must not fail the call.
 TEST_F(WriterReply, QueueInMidChangeIsLookedAtLater) {
-  constexpr off_t kFirstMessageAt = 184;
   DaemonQueues queues;
   connect(queues);
   const korvex::test::QueueLock lock(queues.response().name());
   ::pthread_mutex_lock(lock.mutex());
-  lock.field(kFirstMessageAt).store(4);
+  lock.field(korvex::test::kFirstMessageAt).store(4);
   EXPECT_NO_THROW(writer().open());
-  lock.field(kFirstMessageAt).store(0);
+  lock.field(korvex::test::kFirstMessageAt).store(0);
   ::pthread_mutex_unlock(lock.mutex());
   EXPECT_EQ(queues.send().waiting(), 1u);
   queues.reply(7, "late");
