@@ -58,7 +58,7 @@ TEST(MessageQueueOpen, ErrorsAreTheQueueLibrarysOwn) {
 TEST(MessageQueueOpen, HalfMadeObjectIsRefusedAtTheDeadline) {
   SharedObject object(uniqueQueueName());
   EXPECT_EQ(openErrorOf(object.name()), ipc::corrupted_error);
-  object.resize(static_cast<off_t>(QueueView::fileSize(4, 300)));
+  object.resize(static_cast<off_t>(korvex::QueueView::fileSize(4, 300)));
   EXPECT_EQ(openErrorOf(object.name()), ipc::corrupted_error);
 }
 

@@ -23,6 +23,10 @@ using korvex::test::uniqueQueueName;
 
 namespace {
 
+/// The message size with which a queue for two has 8 MiB: 208 + 2 * (8 + 16 + 4194176). Where the
+/// header is longer, it ends 8 bytes short of that.
+constexpr std::size_t kMostFetchable = (8388608 - kIndexAt) / 2 / 8 * 8 - 24;
+
 constexpr off_t kSlotsAt = korvex::test::slotsAt(4);
 constexpr off_t kSlotSize = 320;
 constexpr int kMessages = 4;
@@ -207,20 +211,20 @@ TEST(QueueEdges, NothingIsFetchedFromBehindTheObject) {
 }
 
 TEST(QueueEdges, MovedViewKeepsAllThatItKnew) {
-  FilledQueue filled(2, 4194176);  // all that may be fetchable
+  FilledQueue filled(2, kMostFetchable);  // all that may be fetchable
   QueueView first(filled.name());
   ASSERT_EQ(first.fetchNext(), 1u);
   const QueueView second = std::move(first);
   EXPECT_EQ(second.state(), QueueView::State::Sound);
   EXPECT_EQ(second.maxMessages(), 2u);
-  EXPECT_EQ(second.maxMessageSize(), 4194176u);
+  EXPECT_EQ(second.maxMessageSize(), kMostFetchable);
   EXPECT_TRUE(second.isStillNamed(filled.name()));
   QueueView gone(uniqueQueueName());
   EXPECT_EQ(QueueView(std::move(gone)).systemError(), ENOENT);
 }
 
 TEST(QueueEdges, MovedViewGivesEverythingBackOnce) {
-  const FilledQueue filled(2, 4194176);
+  const FilledQueue filled(2, kMostFetchable);
   for (int round = 0; round < 3; ++round) {
     QueueView first(filled.name());
     EXPECT_EQ(first.fetchNext(), 1u);
@@ -251,7 +255,7 @@ TEST(QueueEdges, NameMayBeAsLongAsTheSystemAllows) {
 }
 
 TEST(QueueEdges, LargestObjectIsTheLargestFile) {
-  constexpr std::size_t kLargestMessage = 9223372036854775568u;
+  constexpr std::size_t kLargestMessage = 9223372036854775776u - kIndexAt;
   EXPECT_EQ(QueueView::fileSize(1, kLargestMessage), 9223372036854775800u);
   EXPECT_EQ(QueueView::fileSize(1, kLargestMessage + 1), 0u);
   EXPECT_EQ(QueueView::fileSize(288230376151711737u, 8), 9223372036854775584u + kIndexAt);
@@ -259,15 +263,13 @@ TEST(QueueEdges, LargestObjectIsTheLargestFile) {
 }
 
 TEST(QueueEdges, ExactlyEightMebibytesAreFetchable) {
-  // 208 + 2 * (8 + 16 + 4194176) is 8 MiB; where the header is longer, the slots end 8 bytes short.
-  constexpr std::size_t kMost = (8388608 - kIndexAt) / 2 / 8 * 8 - 24;
   {
-    FilledQueue queue(2, kMost);
+    FilledQueue queue(2, kMostFetchable);
     EXPECT_TRUE(queue.isFetchable());
     EXPECT_FALSE(FilledQueue(2, 1).isFetchable()) << "nothing is left";
   }
-  EXPECT_FALSE(FilledQueue(2, kMost + 8).isFetchable());
-  EXPECT_TRUE(FilledQueue(2, kMost).isFetchable()) << "all was given back";
+  EXPECT_FALSE(FilledQueue(2, kMostFetchable + 8).isFetchable());
+  EXPECT_TRUE(FilledQueue(2, kMostFetchable).isFetchable()) << "all was given back";
 }
 
 // However many there are, a look takes no longer than that.
