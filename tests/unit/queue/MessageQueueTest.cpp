@@ -14,6 +14,7 @@ using korvex::MessageQueue;
 using korvex::test::bytesOfFile;
 using korvex::test::bytesOfObject;
 using korvex::test::kFirstMessageAt;
+using korvex::test::kMaxMessagesAt;
 using korvex::test::QueueLock;
 using korvex::test::RawQueue;
 using korvex::test::SharedObject;
@@ -206,10 +207,10 @@ TEST(MessageQueueTryLock, TellsWhetherTheLockCanBeHad) {
 
 TEST(MessageQueueUntrusted, OverwrittenQueueIsNotTouched) {
   const std::string name = uniqueQueueName();
-  SharedObject object(name, bytesOfFile(std::string(KORVEX_TEST_DATA) + "/resp_n4_s132_two.img"));
+  SharedObject object(name, bytesOfObject(RawQueue(uniqueQueueName(), 4, 132).name()));
   MessageQueue queue(name, kPast);
   ASSERT_EQ(queue.tryLock(), Outcome::Done);
-  object.write(24, Bytes(8, 0xff));  // the number of messages
+  object.write(kMaxMessagesAt, Bytes(8, 0xff));
   char buffer[132];
   std::size_t size = 0;
   EXPECT_EQ(errorCodeOf([&] { queue.trySend("a", 1, 1); }), ipc::corrupted_error);

@@ -122,7 +122,7 @@ class FilledQueue {
 
 TEST(QueueEdges, SmallestQueueIsSound) {
   const RawQueue queue(uniqueQueueName(), 1, 1);
-  EXPECT_EQ(bytesOfObject(queue.name()).size(), 240u);
+  EXPECT_EQ(bytesOfObject(queue.name()).size(), kIndexAt + std::size_t{32});
   EXPECT_EQ(QueueView(queue.name()).state(), QueueView::State::Sound);
 }
 

@@ -425,7 +425,7 @@ TEST(QueueViewUntrusted, FolderAndLinkUnderTheNameAreUnreachable) {
 namespace {
 
 // A fresh queue's slots, as its bytes lie: the first message is put into the last one.
-constexpr std::uint64_t kSlotOfFirstMessage = 1200;  // of 4 messages of 300 bytes
+constexpr std::uint64_t kSlotOfFirstMessage = kIndexAt + 992;  // of 4 messages of 300 bytes
 
 /// A queue of 4 messages of 300 bytes with two in it, the first of 100 bytes.
 class TwoMessages {

@@ -54,11 +54,15 @@ std::ptrdiff_t offsetIn(const Channel& channel, const void* member) {
 
 /// The place of a virtual operation in its class's table. The Itanium C++ ABI stores one more than
 /// its offset in bytes in the first word of the pointer to member; an even word is no virtual one.
+/// ARM's variant marks the second word instead.
 template <typename Operation>
 std::uintptr_t slotOf(Operation operation) {
   std::uintptr_t words[2];
   static_assert(sizeof operation == sizeof words, "pointer to member of the Itanium C++ ABI");
   std::memcpy(words, &operation, sizeof words);
+#ifdef __aarch64__
+  words[0] += words[1] % 2;
+#endif
   EXPECT_EQ(words[0] % 2, 1u) << "not virtual";
   return (words[0] - 1) / sizeof(void*);
 }
