@@ -1,0 +1,42 @@
+#!/usr/bin/env bash
+# port.sh ARCHITECTURE PACKAGE...: builds everything for another machine, with these packages of its
+# Debian, and runs the tests that need no more than an emulated process. What is skipped, and why,
+# is in skipped.txt.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/../.."
+
+readonly kLabels='^(unit|property|fuzz)$'
+readonly kTargets=(korvexd korvex_tool tests/unit/all tests/property/all tests/fuzz/all)
+readonly kSkipped=tests/port/skipped.txt
+readonly kJobs=${KORVEX_JOBS:-$(nproc)}
+
+architecture=$1
+shift
+case $architecture in
+  arm64) triplet=aarch64-linux-gnu ;;
+  s390x) triplet=s390x-linux-gnu ;;
+  *)
+    echo "port.sh: unknown architecture '$architecture', expected arm64 or s390x" >&2
+    exit 2
+    ;;
+esac
+sysroot=$PWD/build/port/$architecture-root
+build=build/port/$architecture
+
+# skipped COLUMN: of what is skipped on this architecture, the patterns (2) or the reasons (3).
+skipped() {
+  grep -v '^#' "$kSkipped" | awk -v name="$architecture" -v column="$1" \
+    '$1 == "all" || $1 == name { if (column == 2) print $2; else { $1 = $2 = ""; print } }'
+}
+
+tests/port/sysroot.sh "$architecture" "$sysroot" "$@"
+cmake --preset dev -B "$build" --toolchain tests/port/toolchain.cmake --log-level=WARNING \
+  -DKORVEX_TRIPLET=$triplet -DKORVEX_EMULATOR="qemu-${triplet%%-*}-static" \
+  -DKORVEX_SYSROOT="$sysroot" > /dev/null
+cmake --build "$build" -j "$kJobs" --target "${kTargets[@]}"
+
+patterns="^($(skipped 2 | paste -s -d '|'))\$"
+echo "== skipped on $architecture"
+ctest --test-dir "$build" -N -L "$kLabels" -R "$patterns" | sed -n 's/^  Test *#[0-9]*: /  /p'
+ctest --test-dir "$build" -L "$kLabels" -E "$patterns" -j "$kJobs" --output-on-failure \
+  --no-tests=error --timeout 600
