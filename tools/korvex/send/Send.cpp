@@ -10,6 +10,7 @@
 #include <memory>
 #include <optional>
 #include <ostream>
+#include <unistd.h>
 #include <utility>
 
 #include "Failure.h"
@@ -31,7 +32,6 @@ using Clock = std::chrono::steady_clock;
 constexpr unsigned kMinTimeout = 1;
 constexpr unsigned kMaxTimeout = 86400;
 constexpr std::uint64_t kMaxSegmentSize = std::uint64_t{1} << 40;
-constexpr std::size_t kPageSize = 4096;
 constexpr int kSignalExitBase = 128;
 
 struct FreeMemory {
@@ -41,8 +41,9 @@ using Buffer = std::unique_ptr<unsigned char, FreeMemory>;
 
 /// Page-aligned: the system copies fastest then.
 Buffer allocatePages(std::size_t size) {
-  const std::size_t rounded = (size + kPageSize - 1) / kPageSize * kPageSize;
-  Buffer buffer(static_cast<unsigned char*>(std::aligned_alloc(kPageSize, rounded)));
+  const auto page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+  const std::size_t rounded = (size + page - 1) / page * page;
+  Buffer buffer(static_cast<unsigned char*>(std::aligned_alloc(page, rounded)));
   if (!buffer) throw std::bad_alloc();
   return buffer;
 }
