@@ -62,6 +62,7 @@ constexpr std::size_t objectSize(std::size_t messages, std::size_t messageSize) 
   return kHeaderEnd + messages * perMessage;
 }
 
+static_assert(sizeof(std::size_t) == 8, "the queue library's sizes are of this type");
 constexpr std::size_t kSmallestObject = objectSize(1, 1);
 static_assert(kHeaderEnd == 168 + sizeof(pthread_mutex_t), "as measured");
 static_assert(kSmallestObject == kHeaderEnd + 32, "as measured");
