@@ -8,8 +8,9 @@
 #include <sys/types.h>
 
 // How the queue library lays out a queue's shared-memory object, from Boost 1.63 to 1.81.
-// docs/queue-object.md explains it. The offsets are those of x86-64; on arm64 the lock has 48
-// bytes, so everything behind it lies 8 bytes further on.
+// docs/queue-object.md explains it. The offsets are those of x86-64; elsewhere the lock may have
+// another size (48 bytes on arm64), and the header, which starts at 16, another alignment (8 on
+// s390x).
 //
 //     offset  bytes  field                                    written by
 //          0      4  init word                                the creator, last of all
@@ -32,12 +33,12 @@ constexpr std::uint32_t kInitializing = 1;
 constexpr std::uint32_t kInitialized = 2;
 
 constexpr std::size_t kInitWordOffset = 0;
-constexpr std::size_t kIndexPointerOffset = 16;
-constexpr std::size_t kMaxMessagesOffset = 24;
-constexpr std::size_t kMaxMessageSizeOffset = 32;
-constexpr std::size_t kMessagesOffset = 40;
-constexpr std::size_t kLockWordOffset = 48;
-constexpr std::size_t kLockOwnerOffset = 56;
+constexpr std::size_t kIndexPointerOffset = alignof(std::max_align_t);
+constexpr std::size_t kMaxMessagesOffset = kIndexPointerOffset + 8;
+constexpr std::size_t kMaxMessageSizeOffset = kIndexPointerOffset + 16;
+constexpr std::size_t kMessagesOffset = kIndexPointerOffset + 24;
+constexpr std::size_t kLockWordOffset = kIndexPointerOffset + 32;
+constexpr std::size_t kLockOwnerOffset = kLockWordOffset + 8;
 constexpr std::size_t kFirstMessageOffset =
     kLockWordOffset + sizeof(pthread_mutex_t) + 2 * sizeof(pthread_cond_t);
 constexpr std::size_t kHeaderEnd = kFirstMessageOffset + 24;
@@ -64,7 +65,8 @@ constexpr std::size_t objectSize(std::size_t messages, std::size_t messageSize) 
 
 static_assert(sizeof(std::size_t) == 8, "the queue library's sizes are of this type");
 constexpr std::size_t kSmallestObject = objectSize(1, 1);
-static_assert(kHeaderEnd == 168 + sizeof(pthread_mutex_t), "as measured");
+static_assert(kHeaderEnd == 152 + alignof(std::max_align_t) + sizeof(pthread_mutex_t),
+              "as measured");
 static_assert(kSmallestObject == kHeaderEnd + 32, "as measured");
 static_assert(objectSize(4, 300) == kHeaderEnd + 1312, "as measured");
 

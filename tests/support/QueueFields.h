@@ -17,22 +17,27 @@
 ///     208  the index: 8 bytes per message
 ///     then the slots: 16 bytes and the message, rounded up to 8
 ///
-/// On arm64 the lock is larger, and what follows it lies 8 bytes further on.
+/// On arm64 the lock is larger, and what follows it lies 8 bytes further on. On s390x everything
+/// but the state word lies 8 bytes nearer to the start.
 namespace korvex::test {
 
 constexpr off_t kStateWordAt = 0;
+#ifdef __s390x__
+constexpr off_t kIndexPointerAt = 8;
+#else
 constexpr off_t kIndexPointerAt = 16;
-constexpr off_t kMaxMessagesAt = 24;
-constexpr off_t kMaxMessageSizeAt = 32;
-constexpr off_t kMessagesAt = 40;
-constexpr off_t kLockWordAt = 48;
-constexpr off_t kLockOwnerAt = 56;
+#endif
+constexpr off_t kMaxMessagesAt = kIndexPointerAt + 8;
+constexpr off_t kMaxMessageSizeAt = kIndexPointerAt + 16;
+constexpr off_t kMessagesAt = kIndexPointerAt + 24;
+constexpr off_t kLockWordAt = kIndexPointerAt + 32;
+constexpr off_t kLockOwnerAt = kIndexPointerAt + 40;
 #ifdef __aarch64__
 constexpr std::size_t kLockSize = 48;
 #else
 constexpr std::size_t kLockSize = 40;
 #endif
-constexpr off_t kFirstMessageAt = 144 + off_t{kLockSize};
+constexpr off_t kFirstMessageAt = kLockWordAt + off_t{kLockSize} + 96;
 constexpr off_t kIndexAt = kFirstMessageAt + 24;
 constexpr off_t kIndexEntrySize = 8;
 constexpr off_t kSlotHeaderSize = 16;
