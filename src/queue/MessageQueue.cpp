@@ -126,7 +126,9 @@ MessageQueue::MessageQueue(const std::string& name, Limits limits, mode_t mode) 
   const off_t size = fileSizeOf(limits);
   if (size == 0) throw ipc::interprocess_exception(ipc::error_info(ipc::size_error));
   tryRoom(name, size);
-  const ipc::permissions permissions(static_cast<int>(mode));
+  // An int in older releases of the queue library, the system's type in newer ones.
+  using Mode = decltype(ipc::permissions().get_permissions());
+  const ipc::permissions permissions(static_cast<Mode>(mode));
   try {
     mapping_ = std::make_unique<Mapping>(ipc::create_only, name.c_str(), limits.messages,
                                          limits.messageSize, permissions);
