@@ -16,6 +16,7 @@ using korvex::QueueView;
 using korvex::test::bytesOfObject;
 using korvex::test::kFirstMessageAt;
 using korvex::test::kIndexAt;
+using korvex::test::kLockWordAt;
 using korvex::test::kMessagesAt;
 using korvex::test::RawQueue;
 using korvex::test::SharedObject;
@@ -33,10 +34,7 @@ constexpr int kMessages = 4;
 
 Bytes number(std::uint64_t value) {
   Bytes bytes(sizeof value);
-  for (auto& byte : bytes) {
-    byte = static_cast<unsigned char>(value);
-    value >>= 8;
-  }
+  std::memcpy(bytes.data(), &value, sizeof value);
   return bytes;
 }
 
@@ -130,7 +128,7 @@ TEST(QueueEdges, SmallestQueueIsSound) {
 TEST(QueueEdges, EveryByteOfTheLockWordCounts) {
   Overwritten queue;
   const QueueView view(queue.name());
-  for (off_t byte = 48; byte < 52; ++byte) {
+  for (off_t byte = kLockWordAt; byte < kLockWordAt + 4; ++byte) {
     queue.object().write(byte, Bytes(1, 1));
     EXPECT_TRUE(view.looksLocked()) << "byte " << byte;
     queue.object().write(byte, Bytes(1, 0));

@@ -342,7 +342,7 @@ TEST(QueueViewUntrusted, TakenLockExcusesWhatMessagesChange) {
 TEST(QueueViewUntrusted, TakenLockExcusesNothingElse) {
   for (const off_t place : {off_t{0}, kIndexPointerAt, kMaxMessagesAt, kMaxMessageSizeAt}) {
     QueueInChange queue;
-    queue.change(place, size(5));
+    queue.change(place, place == 0 ? word(5) : size(5));
     EXPECT_TRUE(queue.view().isDamaged()) << place;
     EXPECT_EQ(QueueView(queue.name()).state(), State::Damaged) << place;
   }
@@ -386,7 +386,7 @@ TEST(QueueViewUntrusted, NoticesThatTheNextMessageIsTooLong) {
   // The oldest message lies in the last slot.
   std::fstream(("/dev/shm/" + name), std::ios::in | std::ios::out | std::ios::binary)
       .seekp(kFirstSlotAt + 3 * kSlotSize)
-      .write("\x2d\x01", 2);  // 301
+      .write(reinterpret_cast<const char*>(size(301).data()), sizeof(std::uint64_t));
   EXPECT_FALSE(view.isIntact());
 }
 

@@ -268,8 +268,8 @@ TEST_F(WriterReply, ShorterThanTheRecordBringsNoOlderText) {
   connect(queues);
   queues.reply(0, "an earlier and much longer text");
   writer().flush_shm_buffer(kTimeout);
-  const unsigned char four[] = {3, 0, 0, 0};
-  queues.response().post(four, sizeof four);
+  const std::uint32_t status = 3;
+  queues.response().post(&status, sizeof status);
   expectError(3, "", [&] { writer().flush_shm_buffer(kTimeout); });
 }
 
