@@ -3,6 +3,11 @@
 add_library(korvex_warnings INTERFACE)
 target_compile_options(korvex_warnings INTERFACE
   -Wall -Wextra -Wconversion -Wshadow $<$<BOOL:${KORVEX_WERROR}>:-Werror>)
+# These releases refuse the headers of Boost 1.74 otherwise. Later ones know no such option.
+if(CMAKE_CXX_COMPILER_ID STREQUAL Clang AND CMAKE_CXX_COMPILER_VERSION VERSION_GREATER_EQUAL 16
+   AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 20)
+  target_compile_options(korvex_warnings INTERFACE -Wno-enum-constexpr-conversion)
+endif()
 
 add_library(korvex_sanitizers INTERFACE)
 if(KORVEX_SANITIZE)
