@@ -9,13 +9,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "support/QueueFields.h"
+
 namespace korvex::test {
 namespace {
 
-constexpr std::size_t kMutexOffset = 48;
-
 [[noreturn]] void lockAndDie(unsigned char* object) {
-  ::pthread_mutex_lock(reinterpret_cast<pthread_mutex_t*>(object + kMutexOffset));
+  ::pthread_mutex_lock(reinterpret_cast<pthread_mutex_t*>(object + kLockWordAt));
   ::kill(::getpid(), SIGKILL);
   ::_exit(1);
 }
