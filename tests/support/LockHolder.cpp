@@ -28,7 +28,11 @@ unsigned long newNamespace() { return isRoot() ? CLONE_NEWPID : CLONE_NEWPID | C
 /// As fork(), with namespaces. The child must fork once more before it uses threads or locks: the
 /// C library does not learn its id.
 pid_t forkInto(unsigned long namespaceFlags) {
+#ifdef __s390x__  // the stack comes first there
+  return static_cast<pid_t>(::syscall(SYS_clone, 0, namespaceFlags | SIGCHLD, 0, 0, 0));
+#else
   return static_cast<pid_t>(::syscall(SYS_clone, namespaceFlags | SIGCHLD, 0, 0, 0, 0));
+#endif
 }
 
 /// Makes the system assign this id next; where that is not allowed, getting there takes more forks.
