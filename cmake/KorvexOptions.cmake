@@ -8,6 +8,11 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL Clang AND CMAKE_CXX_COMPILER_VERSION VERSION_G
    AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 20)
   target_compile_options(korvex_warnings INTERFACE -Wno-enum-constexpr-conversion)
 endif()
+# Since this release clang complains of what std::stable_sort of libstdc++ 12 uses itself. What is
+# deprecated in this tree the other compilers show.
+if(CMAKE_CXX_COMPILER_ID STREQUAL Clang AND CMAKE_CXX_COMPILER_VERSION VERSION_GREATER_EQUAL 19)
+  target_compile_options(korvex_warnings INTERFACE -Wno-deprecated-declarations)
+endif()
 
 add_library(korvex_sanitizers INTERFACE)
 if(KORVEX_SANITIZE)
