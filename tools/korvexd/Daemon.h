@@ -32,13 +32,18 @@ class Daemon {
   /// Serves until SIGTERM comes, or SIGINT or SIGHUP where they were not ignored at the start. With
   /// a configuration file, SIGHUP reloads it instead. On shutdown, messages already queued are
   /// received, open streams get the drain timeout and then end as incomplete, and the queues are
-  /// removed. Throws SystemError when there is no thread for a queue.
+  /// removed. While a sink hangs, that takes until it returns; another signal then ends the process
+  /// at once, with exit code 128 + N. Throws SystemError when there is no thread for a queue.
   void run();
 
  private:
   void keepFiles();
   void awaitEnd();
+  bool isEnd(int signal) const noexcept;
   void drain();
+  void answerAtTheEnd(int signal) const;
+  void endQueues();
+  [[noreturn]] void endAtOnce(int signal);
   void readAgain() noexcept;
   void take(Settings settings);
   void doRegularly() noexcept;

@@ -22,9 +22,9 @@ void announce(const ServedQueue& queue) {
                .with("message_size", std::uint64_t{limits.messageSize}));
 }
 
-std::optional<Capture> captureFor(const QueueSettings& settings) {
-  if (!settings.capture) return std::nullopt;
-  return Capture(*settings.capture, settings.receiver.queue);
+std::shared_ptr<Capture> captureFor(const QueueSettings& settings) {
+  if (!settings.capture) return nullptr;
+  return std::make_shared<Capture>(*settings.capture, settings.receiver.queue);
 }
 
 }  // namespace
@@ -33,7 +33,7 @@ std::optional<Capture> captureFor(const QueueSettings& settings) {
 struct QueueSet::Change {
   QueueSettings settings;
   receiver::SinkFactory openSink;
-  std::optional<Capture> capture;
+  std::shared_ptr<Capture> capture;
 };
 
 /// An engine that is waited for asks whether it is to go on, which shows that its loop moves.
@@ -43,6 +43,7 @@ QueueSet::QueueSet()
         return isEnding_.load();
       }) {}
 
+/// All are asked to stop before any is waited for.
 QueueSet::~QueueSet() { stop(); }
 
 void QueueSet::add(const QueueSettings& settings) { queues_.push_back(make(settings)); }
@@ -168,11 +169,21 @@ bool QueueSet::haveAllRetired() const noexcept {
                      [](const auto& queue) { return queue->hasRetired(); });
 }
 
-/// All are asked to stop before any is joined.
-void QueueSet::stop() {
+void QueueSet::stop() noexcept {
   isEnding_ = true;
   for (const auto& queue : queues_) queue->stop();
-  for (const auto& queue : queues_) queue->join();
+}
+
+const ServedQueue* QueueSet::stillServing() const noexcept {
+  for (const auto& queue : queues_)
+    if (!queue->hasEnded()) return queue.get();
+  return nullptr;
+}
+
+void QueueSet::removeEnded() noexcept {
+  const auto end = std::remove_if(queues_.begin(), queues_.end(),
+                                  [](const auto& queue) { return queue->hasEnded(); });
+  queues_.erase(end, queues_.end());
 }
 
 void QueueSet::logStates() const {

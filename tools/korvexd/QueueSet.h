@@ -43,11 +43,15 @@ class QueueSet {
   /// Whether the last stream has ended since then.
   bool haveAllRetired() const noexcept;
 
-  /// Stops serving. The queues' statistics can still be read.
-  void stop();
+  /// Asks all of them to stop serving; does not wait.
+  void stop() noexcept;
 
-  /// Removes the queues.
-  void clear() { queues_.clear(); }
+  /// A queue that still serves: after stop(), one whose sink takes long. None when all have ended;
+  /// their statistics can still be read.
+  const ServedQueue* stillServing() const noexcept;
+
+  /// Removes the queues that have ended.
+  void removeEnded() noexcept;
 
   /// Logs what each queue is doing.
   void logStates() const;
