@@ -26,6 +26,13 @@ std::string daemonName(const std::string& path) {
   return common::jsonNameOf(std::filesystem::path(path).stem().string());
 }
 
+QueueFill::Activity activityOf(const QueueStats& queue) {
+  using receiver::Count;
+  const std::uint64_t pairs =
+      queue.counters->get(Count::QueueReplacements) + queue.log->counts().newPairs;
+  return {queue.log->heartbeat()->isResting(), queue.counters->get(Count::Batches) + pairs};
+}
+
 }  // namespace
 
 MetricsFile::MetricsFile(const std::string& path, std::time_t started,
@@ -57,7 +64,7 @@ QueueNumbers MetricsFile::numbersOf(const QueueStats& queue, QueueFill::Clock::t
   numbers.counts = &queue.log->counts();
   numbers.engineFailures = engineFailuresOf_(queue.queue);
   QueueFill& fill = fills_.at(queue.queue);
-  fill.look(now);
+  fill.look(now, activityOf(queue));
   numbers.waiting = fill.messages();
   numbers.capacity = fill.capacity();
   numbers.fullSeconds = fill.fullTime().count();
