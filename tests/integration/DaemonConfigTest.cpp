@@ -384,6 +384,40 @@ TEST_F(DaemonDrain, IsCutShortByASecondSignal) {
   EXPECT_THAT(streams(true), SizeIs(1));
 }
 
+TEST_F(DaemonDrain, IsCutShortByTheHangUpOfItsTerminal) {
+  const auto daemon = startDraining("600");
+  const auto to = openStream();
+  daemon->signal(SIGTERM);
+  ASSERT_TRUE(awaitLog(*daemon, "ending, open streams have"));
+  daemon->signal(SIGHUP);
+  EXPECT_EQ(daemon->wait(), 0);
+}
+
+TEST_F(DaemonDrain, TakesNoOtherConfiguration) {
+  configure(toOutput(), "[daemon]\ndrain-timeout = 600\n");
+  const auto daemon = startConfigured();
+  const auto to = openStream();
+  daemon->signal(SIGTERM);
+  ASSERT_TRUE(awaitLog(*daemon, "ending, open streams have 600 seconds to finish"));
+  configure("discard = true", tableOfOther("discard = true"));
+  reload(*daemon, "nothing of the configuration is changed: the daemon is ending");
+  to->close();
+  EXPECT_STREQ(awaitReply(*to).message, kReceiptOfAbc);
+  EXPECT_EQ(daemon->wait(), 0);
+  EXPECT_FALSE(queueExists(other_));
+}
+
+TEST_F(DaemonConfig, KeepsServingWhenItsFileBecomesAPipe) {
+  configure(toOutput());
+  const auto daemon = startConfigured();
+  ASSERT_EQ(::unlink(config_.c_str()), 0);
+  ASSERT_EQ(::mkfifo(config_.c_str(), 0600), 0);
+  reload(*daemon, "nothing of the configuration is changed: reading configuration " + config_ +
+                      ": found something else, expected a file");
+  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  end(*daemon);
+}
+
 namespace {
 
 /// A daemon and producers that are users of their own, with the groups that they are given.

@@ -182,8 +182,8 @@ void Daemon::endAtOnce(int signal) {
 }
 
 void Daemon::readAgain() noexcept {
-  supervision_.reloading();
   try {
+    supervision_.reloading();
     const Configuration configuration = readConfiguration(commandLine_);
     for (const Mistake& mistake : configuration.mistakes()) {
       writeLog(

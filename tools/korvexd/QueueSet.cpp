@@ -61,18 +61,22 @@ void QueueSet::start() {
 
 void QueueSet::follow(const std::vector<QueueSettings>& wanted) {
   std::vector<Change> changes = changesTo(wanted);
+  std::vector<QueueSettings> awaited;
+  awaited.reserve(changes.size());
   retireOthersThan(wanted);
-  awaited_.clear();
   for (Change& change : changes) {
     ServedQueue* const queue = find(change.settings.receiver.queue);
     if (queue != nullptr && !queue->isRetiring()) {
-      writeLog({Event::SettingsAccepted, spdlog::level::info, queue->name(),
-                "changed settings hold from the next stream on"});
+      tryToLog([&] {
+        return LogEntry(Event::SettingsAccepted, spdlog::level::info, queue->name(),
+                        "changed settings hold from the next stream on");
+      });
       queue->change(change.settings, std::move(change.openSink), std::move(change.capture));
     } else if (queue != nullptr || !tryToStart(change.settings)) {
-      awaited_.push_back(change.settings);
+      awaited.push_back(std::move(change.settings));
     }
   }
+  awaited_.swap(awaited);
 }
 
 std::vector<QueueSet::Change> QueueSet::changesTo(const std::vector<QueueSettings>& wanted) {
