@@ -104,7 +104,7 @@ Daemon::Daemon(CommandLine commandLine, const Settings& settings, ServiceManager
   announceMemory(settings.queues);
   for (const QueueSettings& queue : settings.queues) queues_.add(queue);
   keepFiles();
-  supervision_.requireMetrics(queues_.stats());
+  supervision_.requireMetrics(queues_.stats(), state());
   if (statsFile_) statsFile_->update();
 }
 
@@ -116,7 +116,7 @@ void Daemon::run() {
   if (settings_.drainTimeout.count() > 0) drain();
   endQueues();
   updateStats();
-  supervision_.over(queues_.stats(), statsWrites_.failures());
+  supervision_.over(queues_.stats(), state());
   queues_.removeEnded();
 }
 
@@ -193,6 +193,7 @@ void Daemon::readAgain() noexcept {
     take(configuration.settings());
     writeLog({Event::ConfigurationRead, spdlog::level::info, "", "configuration read again"});
   } catch (const std::exception& error) {
+    isReloadRefused_ = true;
     tryToLog([&] {
       return LogEntry(Event::ConfigurationRefused, spdlog::level::err, "",
                       std::string("nothing of the configuration is changed: ") + error.what());
@@ -205,6 +206,8 @@ void Daemon::readAgain() noexcept {
 void Daemon::take(Settings settings) {
   queues_.follow(settings.queues);
   settings_ = std::move(settings.daemon);
+  configured_ = std::time(nullptr);
+  isReloadRefused_ = false;
 }
 
 void Daemon::keepFiles() {
@@ -238,10 +241,14 @@ void Daemon::followQueues() {
 void Daemon::updateReports() noexcept {
   updateStats();
   try {
-    supervision_.update(queues_.stats(), statsWrites_.failures());
+    supervision_.update(queues_.stats(), state());
   } catch (const std::bad_alloc&) {
     // Retried in a second.
   }
+}
+
+DaemonState Daemon::state() const {
+  return {statsWrites_.failures(), configured_, isReloadRefused_, queues_.awaited()};
 }
 
 void Daemon::updateStats() noexcept {

@@ -1,6 +1,7 @@
 #ifndef KORVEXD_DAEMON_H
 #define KORVEXD_DAEMON_H
 
+#include <ctime>
 #include <optional>
 #include <signal.h>
 #include <string>
@@ -50,6 +51,7 @@ class Daemon {
   void followQueues();
   void updateReports() noexcept;
   void updateStats() noexcept;
+  DaemonState state() const;
 
   const CommandLine commandLine_;
   const sigset_t signals_;
@@ -58,6 +60,8 @@ class Daemon {
   bool hasNews_ = false;  ///< other queues are served, or in another way, than the rest knows
   std::optional<StatsFile> statsFile_;
   Attempts statsWrites_;
+  std::time_t configured_ = std::time(nullptr);
+  bool isReloadRefused_ = false;
   Supervision supervision_;
 };
 

@@ -194,6 +194,15 @@ void QueueSet::logStates() const {
   for (const auto& queue : queues_) queue->log().logState(queue->counters());
 }
 
+/// One that still serves its last stream is not without a server.
+std::vector<std::string> QueueSet::awaited() const {
+  std::vector<std::string> names;
+  for (const QueueSettings& settings : awaited_) {
+    if (find(settings.receiver.queue) == nullptr) names.push_back(settings.receiver.queue);
+  }
+  return names;
+}
+
 std::vector<QueueStats> QueueSet::stats() const {
   std::vector<QueueStats> stats;
   for (const auto& queue : queues_) {

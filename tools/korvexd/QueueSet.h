@@ -59,6 +59,9 @@ class QueueSet {
   /// Good until the set changes.
   std::vector<QueueStats> stats() const;
 
+  /// The names of those that could not be created yet.
+  std::vector<std::string> awaited() const;
+
   /// The failures of a queue's engines since the start.
   EngineFailureCounts engineFailuresOf(const std::string& queue) const {
     return sinks_.engineFailuresOf(queue);

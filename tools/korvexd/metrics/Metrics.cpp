@@ -172,6 +172,22 @@ void addLostLines(Samples& to, const DaemonNumbers& from) {
 
 std::uint64_t seconds(std::time_t time) { return static_cast<std::uint64_t>(time); }
 
+// A queue that cannot be made needs the alerts as much as any other.
+
+void addLastSuccess(Samples& to, const DaemonNumbers& from) {
+  addPerQueue(to, from, [](const QueueNumbers& queue) { return seconds(queue.lastSuccess); });
+  for (const AwaitedQueue& queue : from.awaited) {
+    to.add({{"queue", queue.name}}, seconds(queue.lastSuccess));
+  }
+}
+
+void addServed(Samples& to, const DaemonNumbers& from) {
+  addPerQueue(to, from, [](const QueueNumbers& queue) {
+    return std::uint64_t{queue.counts->isServed ? 1u : 0u};
+  });
+  for (const AwaitedQueue& queue : from.awaited) to.add({{"queue", queue.name}}, 0);
+}
+
 constexpr const char* kLastSuccess = "korvex_last_success_timestamp_seconds";
 constexpr const char* kCounter = "counter";
 constexpr const char* kGauge = "gauge";
@@ -190,6 +206,16 @@ const std::vector<MetricFamily>& metricFamilies() {
        [](Samples& to, const DaemonNumbers& from) {
          to.add({{"daemon", from.name}}, seconds(from.written));
        }},
+      {"korvex_config_last_reload_successful", kGauge,
+       "Whether the last configuration that was to be taken was taken, the first one too.",
+       [](Samples& to, const DaemonNumbers& from) {
+         to.add({{"daemon", from.name}}, std::uint64_t{from.isReloadRefused ? 0u : 1u});
+       }},
+      {"korvex_config_last_reload_success_timestamp_seconds", kGauge,
+       "When a configuration was taken the last time.",
+       [](Samples& to, const DaemonNumbers& from) {
+         to.add({{"daemon", from.name}}, seconds(from.configured));
+       }},
       {"korvex_file_write_failures_total", kCounter,
        "Failed attempts to write the statistics or the metrics.", addFileFailures},
       {"korvex_log_lines_lost_total", kCounter, "Lines that are in no log, by reason.",
@@ -200,10 +226,7 @@ const std::vector<MetricFamily>& metricFamilies() {
       {"korvex_stream_open", kGauge, "Whether a stream is open just now.",
        [](Samples& to, const DaemonNumbers& from) { addPerQueue(to, from, openStreams); }},
       {kLastSuccess, kGauge, "When a stream was complete the last time; 0 for never.",
-       [](Samples& to, const DaemonNumbers& from) {
-         addPerQueue(to, from,
-                     [](const QueueNumbers& queue) { return seconds(queue.lastSuccess); });
-       }},
+       addLastSuccess},
       {"korvex_bytes_total", kCounter, "Bytes of data that were handed to a sink.",
        addCount<Count::Bytes>},
       {"korvex_records_total", kCounter, "Records of sound batches.", addCount<Count::Records>},
@@ -246,12 +269,9 @@ const std::vector<MetricFamily>& metricFamilies() {
            return fmt::format("{:.3f}", queue.fullSeconds);
          });
        }},
-      {"korvex_queue_served", kGauge, "0 while the pair of queues is lost and not made again.",
-       [](Samples& to, const DaemonNumbers& from) {
-         addPerQueue(to, from, [](const QueueNumbers& queue) {
-           return std::uint64_t{queue.counts->isServed ? 1u : 0u};
-         });
-       }},
+      {"korvex_queue_served", kGauge,
+       "0 while the pair of queues is lost and not made again, or cannot be made at all.",
+       addServed},
       {"korvex_queue_pairs_replaced_total", kCounter,
        "Pairs of queues that were of no more use and given up.",
        addCount<Count::QueueReplacements>},
