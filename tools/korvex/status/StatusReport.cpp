@@ -264,12 +264,14 @@ Json jsonOf(const StatusReport::Pair& pair) {
 std::string tableOf(const std::vector<std::vector<std::string>>& rows) {
   std::vector<std::size_t> widths(rows.front().size());
   for (const auto& row : rows) {
-    for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
+    for (std::size_t i = 0; i < row.size(); ++i) {
+      widths[i] = std::max(widths[i], common::columnsOf(row[i]));
+    }
   }
   std::string text;
   for (const auto& row : rows) {
     for (std::size_t i = 0; i + 1 < row.size(); ++i) {
-      text += row[i] + std::string(widths[i] - row[i].size() + 2, ' ');
+      text += row[i] + std::string(widths[i] - common::columnsOf(row[i]) + 2, ' ');
     }
     text += row.back() + "\n";
   }
