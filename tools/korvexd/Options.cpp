@@ -154,9 +154,9 @@ void addReportOptions(CLI::App& app, Arguments& found) {
                  "Keep metrics in FILE, for the textfile collector of Prometheus")
       ->check(fitsDaemonKey("metrics"))
       ->type_name("FILE");
-  app.add_option("--log-format", found.logFormat, "How the log is written: text or json")
+  app.add_option("--log-format", found.logFormat, "How the log is written")
       ->check(fitsDaemonKey("log-format"))
-      ->type_name("FORMAT")
+      ->type_name("text|json")
       ->capture_default_str();
   app.add_option("--drain-timeout", found.drainTimeout,
                  "Seconds that open streams get to finish at the end")
