@@ -95,6 +95,17 @@ std::string printable(std::string_view untrusted) {
   return text;
 }
 
+std::string unambiguous(std::string_view untrusted) {
+  std::string text;
+  for (;;) {
+    const std::size_t backslash = untrusted.find('\\');
+    text += printable(untrusted.substr(0, backslash));
+    if (backslash == std::string_view::npos) return text;
+    text += "\\x5c";
+    untrusted.remove_prefix(backslash + 1);
+  }
+}
+
 std::size_t columnsOf(std::string_view text) {
   std::size_t columns = 0;
   while (!text.empty()) columns += takeCharacter(text);

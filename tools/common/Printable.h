@@ -15,6 +15,9 @@ namespace korvex::common {
 /// of it.
 std::string printable(std::string_view untrusted);
 
+/// The same with every backslash as \x5c, for programs: they can get the bytes back.
+std::string unambiguous(std::string_view untrusted);
+
 /// The columns that printable text takes on a terminal: two for most East Asian characters, none
 /// for an accent that is a character of its own.
 std::size_t columnsOf(std::string_view text);

@@ -7,6 +7,7 @@ using korvex::common::columnsOf;
 using korvex::common::cutToColumns;
 using korvex::common::printable;
 using korvex::common::timeText;
+using korvex::common::unambiguous;
 
 TEST(Printable, LeavesOrdinaryTextAlone) {
   EXPECT_EQ(printable("a b-c_d.\xc3\xa4"), "a b-c_d.\xc3\xa4");
@@ -43,6 +44,13 @@ TEST(PrintableUntrusted, ShowsWhatIsNoCharacterAsHex) {
   EXPECT_EQ(printable("\xf0\x8f\xbf\xbf"), "\\xf0\\x8f\\xbf\\xbf") << "overlong";
   EXPECT_EQ(printable("\xf4\x90\x80\x80"), "\\xf4\\x90\\x80\\x80") << "behind the last";
   EXPECT_EQ(printable("\xf5\x80\x80\x80"), "\\xf5\\x80\\x80\\x80") << "never a first byte";
+}
+
+TEST(Unambiguous, GivesDifferentTextsForDifferentBytes) {
+  EXPECT_EQ(unambiguous("/srv/a b"), "/srv/a b");
+  EXPECT_EQ(unambiguous("\\"), "\\x5c");
+  EXPECT_EQ(unambiguous("a\\x0a\n\xff"), "a\\x5cx0a\\x0a\\xff");
+  EXPECT_EQ(unambiguous(""), "");
 }
 
 TEST(ColumnsOf, CountsWhatATerminalShows) {

@@ -52,7 +52,7 @@ std::string jsonOf(const Items& items, std::size_t unexamined, const std::string
                    int exitCode) {
   Json queues = Json::array();
   for (const CleanItem& item : items) {
-    queues.push_back({{"name", jsonTextOf(item.name)},
+    queues.push_back({{"name", common::jsonNameOf(item.name)},
                       {"halfMade", item.kind == CleanItem::Kind::HalfMade},
                       {"removed", item.isRemoved},
                       {"found", item.found},
