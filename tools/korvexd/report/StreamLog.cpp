@@ -58,12 +58,14 @@ void StreamLog::messageReceived(std::uint64_t number, const unsigned char* untru
   if (capture == nullptr) return;
   try {
     capture->store(firstNumber_ + number, untrusted, size);
+    isCaptureFailing_ = false;
   } catch (const std::exception& error) {
-    // Reported once; a full disk would otherwise fill the log as well.
-    if (counts_.captureFailures++ > 0) return;
-    quietly([&] {
-      writeLog({Event::CaptureFailed, level::warn, queue_,
-                fmt::format("batch {}: {}", firstNumber_.load() + number, error.what())});
+    ++counts_.captureFailures;
+    // The first in a row; a full disk would otherwise fill the log as well.
+    if (std::exchange(isCaptureFailing_, true)) return;
+    write(QueueLog::Kind::SinkTrouble, [&] {
+      return LogEntry(Event::CaptureFailed, level::warn, queue_,
+                      fmt::format("batch {}: {}", firstNumber_.load() + number, error.what()));
     });
   }
 }
