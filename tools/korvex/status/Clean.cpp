@@ -27,15 +27,16 @@ std::size_t countToGo(const Items& items) {
       items.begin(), items.end(), [](const CleanItem& item) { return item.isToGo(); }));
 }
 
-void show(const CleanPlan& plan, std::ostream& out) {
+void show(const CleanPlan& plan, std::ostream& out, std::ostream& errors) {
   for (const CleanItem& item : plan.items) {
     out << (item.isToGo() ? "remove  " : "keep    ") << common::printable(item.name) << ": "
         << (item.isToGo() ? item.found : item.obstacle) << '\n';
   }
   if (plan.items.empty()) out << "no queues in shared memory\n";
   if (plan.unexamined == 0 || countToGo(plan.items) == 0) return;
-  out << "not examined, but may have these queues open: " << plan.unexamined
-      << (plan.unexamined == 1 ? " process" : " processes") << " of other users\n";
+  out.flush();  // both may be one terminal
+  errors << "korvex: not examined, but may have these queues open: " << plan.unexamined
+         << (plan.unexamined == 1 ? " process" : " processes") << std::endl;
 }
 
 void showResult(const Items& planned, const Items& items, std::ostream& out, std::ostream& errors) {
@@ -133,7 +134,7 @@ Ending runClean(const CleanOptions& options, const StopSignal& stop, std::ostrea
   const CleanPlan plan = planCleaning(common::plainQueueName(options.queue));
   const Items& planned = plan.items;
   std::string error = missing(options, planned);
-  if (!options.json && error.empty()) show(plan, out);
+  if (!options.json && error.empty()) show(plan, out, errors);
   if (error.empty()) error = objection(options, planned, stop, out);
   if (stop.received() != 0) return endedBySignal(stop.received());
   Items items = planned;
