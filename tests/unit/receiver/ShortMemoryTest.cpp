@@ -84,7 +84,7 @@ TEST_P(ShortMemory, EndsNoReceiverAndCountsEachStreamOnce) {
     SCOPED_TRACE("allocation " + std::to_string(++allocation));
     sendStream();
   } while (takeAllWithout(allocation) && (recover(), true));
-  EXPECT_GT(allocation, 3u);
+  EXPECT_GT(allocation, 1u) << "none failed";
   recover();
   sendStream();  // after which no failure is left to come back
   recover();
