@@ -16,7 +16,7 @@ import tempfile
 import time
 
 PATIENCE = 30
-CODES_OF_SIGNALS = {"korvex", "korvex-send", "korvex-status", "korvex-clean", "korvex-verify",
+CODES_OF_SIGNALS = {"korvexd", "korvex", "korvex-send", "korvex-status", "korvex-clean", "korvex-verify",
                     "korvex-inspect"}
 
 
