@@ -7,6 +7,7 @@
 
 #include "korvex/receiver/BatchCheck.h"
 #include "korvex/receiver/IdleWatch.h"
+#include "stream/ErrorText.h"
 
 namespace korvex::receiver {
 namespace {
@@ -65,7 +66,7 @@ bool QueueServer::tryStep() noexcept {
   try {
     return step();
   } catch (const std::exception& error) {
-    replacePair(error.what());
+    replacePair(textOf(error));
     return false;
   }
 }
@@ -77,7 +78,7 @@ void QueueServer::drain() noexcept {
     takeRest();
     reportUntaken();
   } catch (const std::exception& error) {
-    replacePair(error.what());
+    replacePair(textOf(error));
   }
 }
 
@@ -278,7 +279,7 @@ void QueueServer::refuseBatch(const BatchCheck& check) {
 void QueueServer::replacePair(const std::string& reason) noexcept {
   observer_.queuesLost(reason);
   counters_.add(Count::QueueReplacements);
-  session_.end(Ending::QueuesLost, "its queues were lost: " + reason);
+  session_.end(Ending::QueuesLost, "its queues were lost: ", reason);
   dropPair();
 }
 
@@ -314,13 +315,13 @@ void QueueServer::tryChange() {
   std::unique_lock<std::mutex> lock(changeMutex_);
   const bool needsOtherPair = !QueuePair::isMadeAlike(settings_, change_->settings);
   if (needsOtherPair && !mayReplacePair()) return;
-  const Receiver::Settings before = settings_;
-  takeSettings(change_->settings);
-  session_.openWith(std::move(change_->openSink));
+  Change change = std::move(*change_);
   change_.reset();
   hasChange_ = false;
   lock.unlock();
-  if (needsOtherPair) replacePairAfterChange(before);
+  if (needsOtherPair && !replacePairFor(change.settings)) return;
+  takeSettings(change.settings);
+  session_.openWith(std::move(change.openSink));
 }
 
 /// A producer whose records wait, or who is about to send some, has to be served from this pair.
@@ -333,17 +334,22 @@ void QueueServer::takeSettings(const Receiver::Settings& settings) {
   settings_.idleTimeout = settings.idleTimeout;
 }
 
-/// The old pair goes first: memory may be too short for both.
-void QueueServer::replacePairAfterChange(const Receiver::Settings& before) {
+/// False when that fails; the old settings then still hold. The old pair goes first: memory may be
+/// too short for both.
+bool QueueServer::replacePairFor(const Receiver::Settings& settings) {
+  const Receiver::Settings before = settings_;
+  takeSettings(settings);
   dropPair();
   try {
     open(Receiver::Existing::Refuse);
-    reopenFailed_ = false;
-    observer_.settingsChanged();
   } catch (const std::exception& error) {
-    observer_.settingsNotChanged(error.what());
     takeSettings(before);
+    observer_.settingsNotChanged(textOf(error));
+    return false;
   }
+  reopenFailed_ = false;
+  observer_.settingsChanged();
+  return true;
 }
 
 /// A stream that was opened before the order, though nobody looked yet, is still taken.
@@ -364,7 +370,7 @@ void QueueServer::reopen() noexcept {
     reopenFailed_ = false;
     observer_.queuesReplaced();
   } catch (const std::exception& error) {
-    if (!std::exchange(reopenFailed_, true)) observer_.queuesNotReplaced(error.what());
+    if (!std::exchange(reopenFailed_, true)) observer_.queuesNotReplaced(textOf(error));
     pause();
   }
 }

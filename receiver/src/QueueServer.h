@@ -56,7 +56,7 @@ class QueueServer {
   void tryChange();
   bool mayReplacePair();
   void takeSettings(const Receiver::Settings& settings);
-  void replacePairAfterChange(const Receiver::Settings& before);
+  bool replacePairFor(const Receiver::Settings& settings);
   void prepareRetirement();
   bool tryStep() noexcept;
   bool step();

@@ -16,8 +16,8 @@ import tempfile
 import time
 
 PATIENCE = 30
-CODES_OF_SIGNALS = {"korvex", "korvex-send", "korvex-status", "korvex-clean", "korvex-verify",
-                    "korvex-inspect"}
+CODES_OF_SIGNALS = {"korvexd", "korvex", "korvex-send", "korvex-status", "korvex-clean",
+                    "korvex-verify", "korvex-inspect"}
 
 
 def page_of(man, name):

@@ -1,11 +1,11 @@
 // What `korvex clean` removes, and what it leaves.
 
 #include <gmock/gmock.h>
+#include <sys/mman.h>
 
 #include "integration/DaemonFixture.h"
 #include "integration/ToolRun.h"
 #include "support/Child.h"
-#include "support/DaemonQueues.h"
 #include "support/Terminal.h"
 
 namespace {
@@ -85,8 +85,8 @@ TEST_F(Clean, OnlyShowsWithoutATerminal) {
 
 TEST_F(Clean, AsksOnATerminal) {
   leaveByADeadDaemon();
-  Terminal terminal(80);
   for (const char* answer : {"n\n", "\n", "x\n"}) {
+    Terminal terminal(80);
     const auto tool = asking(terminal);
     terminal.type(answer);
     EXPECT_EQ(tool->wait(), 1);
@@ -97,6 +97,53 @@ TEST_F(Clean, AsksOnATerminal) {
   fresh.type("y\n");
   EXPECT_EQ(tool->wait(), 0) << tool->errors();
   EXPECT_TRUE(isGone());
+}
+
+TEST_F(Clean, TakesNothingForAnAnswerThatWasTypedBefore) {
+  leaveByADeadDaemon();
+  Terminal terminal(80);
+  terminal.type("y\n");
+  const auto tool = asking(terminal);
+  terminal.type("n\n");
+  EXPECT_EQ(tool->wait(), 1);
+  EXPECT_TRUE(isThere());
+}
+
+TEST_F(Clean, LeavesWhatALivingProcessHasOpen) {
+  const auto daemon = start();
+  auto producer = writer();
+  producer->open();
+  daemon->killNow();
+  const ToolRun refused = runTool({"clean", "--yes", "--json", "--queue", queue_});
+  EXPECT_EQ(refused.code, 1);
+  EXPECT_THAT(
+      refused.json()["queues"][0]["obstacle"],
+      HasSubstr(" (" + std::to_string(::getpid()) + ") has it open; end that process first"));
+  EXPECT_TRUE(isThere());
+  producer.reset();
+  EXPECT_EQ(runTool({"clean", "--yes", "--queue", queue_}).code, 0);
+  EXPECT_TRUE(isGone());
+}
+
+// It opens them between the look and the answer.
+TEST_F(Clean, LeavesWhatAProducerOpensMeanwhile) {
+  leaveByADeadDaemon();
+  Terminal terminal(80);
+  const auto tool = asking(terminal);
+  const auto producer = writer();
+  producer->open();
+  terminal.type("y\n");
+  EXPECT_EQ(tool->wait(), 1);
+  EXPECT_THAT(tool->errors(), HasSubstr("has it open"));
+  EXPECT_TRUE(isThere());
+}
+
+TEST_F(Clean, SaysHowManyProcessesItCouldNotExamine) {
+  if (!korvex::test::isRoot()) GTEST_SKIP() << "needs root to be another user";
+  const ToolRun run = runProgram({"/usr/bin/setpriv", "--reuid", "60001", "--clear-groups",
+                                  KORVEX_PROGRAM, "clean", "--json", "--queue", queue_});
+  if (run.output.empty()) GTEST_SKIP() << run.errors;
+  EXPECT_GT(run.json()["unexaminedProcesses"], 0);
 }
 
 TEST_F(Clean, EndsByASignalInPlaceOfAnAnswer) {
@@ -116,8 +163,8 @@ TEST_F(Clean, LeavesADaemonsQueuesThatStartsMeanwhile) {
   const auto daemon = start({"--replace"});
   terminal.type("y\n");
   EXPECT_EQ(tool->wait(), 1);
-  EXPECT_EQ(tool->errors(),
-            "korvex: " + queue_ + " stays: queue " + queue_ + " is served by another daemon\n");
+  EXPECT_THAT(tool->errors(), HasSubstr("korvex: " + queue_ + " stays: queue " + queue_ +
+                                        " is served by another daemon\n"));
   EXPECT_THAT(stream("abc"), HasSubstr("stored bytes=3 "));
   end(*daemon);
 }
@@ -150,7 +197,8 @@ TEST_F(Clean, FailsForAQueueThatIsNotThere) {
 
 TEST_F(Clean, TakesHalfAPairOnlyByName) {
   const std::string replies = queue_ + "Response";
-  const korvex::test::RawQueue half(replies, 4, 132);
+  leaveByADeadDaemon();
+  ASSERT_EQ(::shm_unlink(queue_.c_str()), 0);
   const ToolRun run = runTool({"clean", "--json"});  // removes nothing
   const nlohmann::json found = run.json();
   bool isFound = false;

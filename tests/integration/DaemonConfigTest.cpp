@@ -75,7 +75,17 @@ class DaemonConfig : public DaemonFixture {
         [&] { return objectOf(queue_) != 0 && objectOf(queue_) != before; });
   }
 
+  std::string tableWithMetrics() const { return "[daemon]\nmetrics = '" + metrics_ + "'\n"; }
+
+  bool awaitSample(const std::string& sample) const {
+    return korvex::test::eventually([&] {
+      return ::access(metrics_.c_str(), R_OK) == 0 &&
+             korvex::test::contentsOf(metrics_).find(sample) != std::string::npos;
+    });
+  }
+
   const std::string config_ = folder_ / "korvexd.toml";
+  const std::string metrics_ = folder_ / "metrics/shop.prom";
   const std::string other_ = korvex::test::uniqueQueueName();
   const korvex::test::QueueRemover otherRemover_{other_};
 };
@@ -274,14 +284,8 @@ TEST_F(DaemonConfig, KeepsTheOldLimitsWhenMemoryIsShort) {
 }
 
 TEST_F(DaemonConfig, KeepsMetricsAcrossReloadsAndAnUnwritableFile) {
-  const std::string metrics = folder_.makeFolder("metrics") + "/shop.prom";
-  const std::string daemonTable = "[daemon]\nmetrics = '" + metrics + "'\n";
-  const auto awaitSample = [&](const std::string& sample) {
-    return korvex::test::eventually([&] {
-      return ::access(metrics.c_str(), R_OK) == 0 &&
-             korvex::test::contentsOf(metrics).find(sample) != std::string::npos;
-    });
-  };
+  folder_.makeFolder("metrics");
+  const std::string daemonTable = tableWithMetrics();
   const std::string success = "korvex_last_success_timestamp_seconds{queue=\"" + other_ + "\"} ";
   const std::string capacity = "korvex_queue_capacity_messages{queue=\"" + queue_ + "\"} ";
   configure("discard = true", tableOfOther("discard = true") + daemonTable);
@@ -301,6 +305,26 @@ TEST_F(DaemonConfig, KeepsMetricsAcrossReloadsAndAnUnwritableFile) {
   EXPECT_TRUE(awaitSample(success + "1")) << "it was away, and had one before";
   end(*daemon);
   EXPECT_EQ(daemon->errors().find("nothing of the configuration is changed"), std::string::npos);
+}
+
+TEST_F(DaemonConfig, ShowsInItsMetricsWhatWasNotTaken) {
+  folder_.makeFolder("metrics");
+  const std::string successful = "korvex_config_last_reload_successful{daemon=\"shop\"} ";
+  const std::string served = "korvex_queue_served{queue=\"" + other_ + "\"} ";
+  configure("discard = true", tableWithMetrics());
+  const auto daemon = startConfigured();
+  EXPECT_TRUE(awaitSample(successful + "1\n"));
+  configure("discard = 1", tableWithMetrics());
+  reload(*daemon, "nothing of the configuration is changed");
+  EXPECT_TRUE(awaitSample(successful + "0\n"));
+  std::ofstream("/dev/shm/" + other_) << "in the way";
+  configure("discard = true", tableOfOther("discard = true") + tableWithMetrics());
+  reload(*daemon);
+  EXPECT_TRUE(awaitSample(successful + "1\n"));
+  EXPECT_TRUE(awaitSample(served + "0\n"));
+  ASSERT_EQ(::unlink(("/dev/shm/" + other_).c_str()), 0);
+  EXPECT_TRUE(awaitSample(served + "1\n"));
+  end(*daemon);
 }
 
 TEST_F(DaemonConfig, WritesStatisticsOfTheQueuesThatItServesNow) {
@@ -382,6 +406,40 @@ TEST_F(DaemonDrain, IsCutShortByASecondSignal) {
   ASSERT_TRUE(awaitLog(*daemon, "ending, open streams have"));
   end(*daemon);
   EXPECT_THAT(streams(true), SizeIs(1));
+}
+
+TEST_F(DaemonDrain, IsCutShortByTheHangUpOfItsTerminal) {
+  const auto daemon = startDraining("600");
+  const auto to = openStream();
+  daemon->signal(SIGTERM);
+  ASSERT_TRUE(awaitLog(*daemon, "ending, open streams have"));
+  daemon->signal(SIGHUP);
+  EXPECT_EQ(daemon->wait(), 0);
+}
+
+TEST_F(DaemonDrain, TakesNoOtherConfiguration) {
+  configure(toOutput(), "[daemon]\ndrain-timeout = 600\n");
+  const auto daemon = startConfigured();
+  const auto to = openStream();
+  daemon->signal(SIGTERM);
+  ASSERT_TRUE(awaitLog(*daemon, "ending, open streams have 600 seconds to finish"));
+  configure("discard = true", tableOfOther("discard = true"));
+  reload(*daemon, "nothing of the configuration is changed: the daemon is ending");
+  to->close();
+  EXPECT_STREQ(awaitReply(*to).message, kReceiptOfAbc);
+  EXPECT_EQ(daemon->wait(), 0);
+  EXPECT_FALSE(queueExists(other_));
+}
+
+TEST_F(DaemonConfig, KeepsServingWhenItsFileBecomesAPipe) {
+  configure(toOutput());
+  const auto daemon = startConfigured();
+  ASSERT_EQ(::unlink(config_.c_str()), 0);
+  ASSERT_EQ(::mkfifo(config_.c_str(), 0600), 0);
+  reload(*daemon, "nothing of the configuration is changed: reading configuration " + config_ +
+                      ": found something else, expected a file");
+  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  end(*daemon);
 }
 
 namespace {

@@ -110,6 +110,40 @@ TEST_F(DaemonService, IsRestartedWhenALoopIsStuck) {
   EXPECT_THAT(awaitReply(*to).message, StartsWith("stored bytes=3 "));
   EXPECT_TRUE(awaitLog(*daemon, queue_ + ": goes on"));
 }
+
+TEST_F(DaemonService, ReadsItsConfigurationAgainWhileACaptureHangs) {
+  FailingCalls calls(output_, folder_ / "orders");
+  const std::string config = folder_ / "korvexd.toml";
+  std::ofstream(config) << "[defaults]\ndiscard = true\ncapture = '" << output_ << "'\n";
+  const auto daemon = startService({"--config", config}, calls.prefix());
+  ASSERT_NE(manager_.await("READY=1"), "") << daemon->errors();
+  calls.fail(1, 0, FailureOrder::Kind::Hanging);
+  writer()->open();
+  ASSERT_TRUE(awaitLog(*daemon, queue_ + ": stuck for"));
+  std::ofstream(config) << "[defaults]\ndiscard = true\n";
+  daemon->signal(SIGHUP);
+  EXPECT_TRUE(awaitLog(*daemon, "configuration read again"));
+  EXPECT_TRUE(calls.stop());
+  end(*daemon);
+}
+
+TEST_F(DaemonService, EndsByAnotherSignalWhileASinkHangs) {
+  FailingCalls calls(output_, folder_ / "orders");
+  const std::string other = korvex::test::uniqueQueueName();
+  const auto daemon = startService({"--queue", other, "--output", output_}, calls.prefix());
+  ASSERT_NE(manager_.await("READY=1"), "") << daemon->errors();
+  calls.fail(1, 0, FailureOrder::Kind::Hanging);
+  writer()->open();
+  ASSERT_TRUE(awaitLog(*daemon, queue_ + ": stuck for"));
+  for (int i = 0; i < 3; ++i) daemon->signal(SIGTERM);
+  ASSERT_TRUE(
+      awaitLog(*daemon, queue_ + ": its sink does not return, and the daemon waits for it"));
+  EXPECT_TRUE(korvex::test::queueExists(other));
+  daemon->signal(SIGTERM);
+  EXPECT_EQ(daemon->wait(), 128 + SIGTERM);
+  EXPECT_TRUE(korvex::test::queueExists(queue_)) << "as of a daemon that was killed";
+  EXPECT_FALSE(korvex::test::queueExists(other));
+}
 #endif
 
 TEST_F(DaemonService, WritesPrioritiesForTheJournalOnly) {

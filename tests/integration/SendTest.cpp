@@ -404,6 +404,33 @@ TEST_F(SendCommand, ATruncatedQueueIsNoticed) {
   }
 }
 
+// In the middle of a call, mostly: it sends as fast as it can.
+TEST_F(SendCommand, IsNotKilledByAQueueThatIsCutUnderIt) {
+  startDaemon({"--discard"});
+  const auto isLogged = [this](const std::string& text, int times) {
+    return eventually([&] {
+      std::size_t at = 0;
+      for (int i = 0; i < times; ++i) {
+        at = daemon->errors().find(text, at);
+        if (at == std::string::npos) return false;
+        at += text.size();
+      }
+      return true;
+    });
+  };
+  for (int round = 1; round <= 4; ++round) {
+    Process sender(sendCommand({"--json", "/dev/zero"}));
+    ASSERT_TRUE(isLogged(": stream opened", round)) << daemon->errors();
+    ASSERT_EQ(::truncate(("/dev/shm/" + queue).c_str(), 0), 0);
+    const Result result = resultOf(sender);
+    EXPECT_EQ(result.code, 1);
+    EXPECT_THAT(result.json()["message"].get<std::string>(),
+                AnyOf(HasSubstr("somebody truncated the queue's memory"),
+                      HasSubstr("removed or replaced")));
+    ASSERT_TRUE(isLogged(": served again", round)) << daemon->errors();
+  }
+}
+
 TEST_F(SendCommand, EndsThoughNobodyReadsWhatASignalAsksFor) {
   startDaemon({"--discard"});
   const std::string input = folder / "input";

@@ -281,6 +281,22 @@ TEST_F(Status, RedrawsOnATerminal) {
   EXPECT_EQ(tool.wait(), -SIGTERM);
 }
 
+TEST_F(Status, CutsLinesBetweenCharacters) {
+  std::string name = queue_ + "-";
+  for (int i = 0; i < 60; ++i) name += "\u00fc";
+  const Pair pair(name);
+  korvex::test::Terminal terminal(60);
+  Process tool({"/bin/sh", "-c", "exec \"$0\" status --watch --queue \"$1\" >\"$2\"",
+                KORVEX_PROGRAM, name, terminal.name()});
+  std::string shown;  // all the terminal has room for, but for its last column
+  for (std::size_t columns = queue_.size() + 1; columns < 59; ++columns) shown += "\u00fc";
+  EXPECT_TRUE(eventually([&] {
+    return terminal.text().find("\n" + queue_ + "-" + shown + "\r\n") != std::string::npos;
+  })) << terminal.text();
+  tool.signal(SIGTERM);
+  EXPECT_EQ(tool.wait(), -SIGTERM);
+}
+
 TEST_F(Status, IsLoggedByTheDaemonWhenASignalAsks) {
   const auto daemon = start();
   daemon->signal(SIGUSR1);

@@ -84,11 +84,21 @@ Place filled(std::size_t offset, std::size_t size) {
   return queueWith([=](Bytes& image) { std::memset(image.data() + offset, 0xff, size); });
 }
 
-/// A sound queue, made by the queue library.
+/// Whatever lies there at the end is removed.
+Holder removedAtTheEnd(const std::string& path) {
+  return Holder(nullptr, [path](void*) { ::remove(path.c_str()); });
+}
+
+/// A sound queue, made by the queue library, that no process has open.
+Holder placeQueue(const std::string& name, std::size_t messages = kMessages,
+                  std::size_t messageSize = kMessageSize) {
+  namespace ipc = boost::interprocess;
+  ipc::message_queue(ipc::create_only, name.c_str(), messages, messageSize);
+  return removedAtTheEnd(pathOf(name));
+}
+
 Place queueOf(std::size_t messages, std::size_t messageSize) {
-  return [=](const std::string& name) -> Holder {
-    return std::make_shared<RawQueue>(name, messages, messageSize);
-  };
+  return [=](const std::string& name) { return placeQueue(name, messages, messageSize); };
 }
 
 /// A header that claims more than any machine has, in a sparse file of the size that it claims.
@@ -129,11 +139,6 @@ Bytes noise() {
 }
 
 Bytes text() { return Bytes(kQueueSize, 'x'); }
-
-/// Whatever lies there at the end is removed.
-Holder removedAtTheEnd(const std::string& path) {
-  return Holder(nullptr, [path](void*) { ::remove(path.c_str()); });
-}
 
 void require(bool done, const char* what) {
   if (!done) throw std::runtime_error(what);
@@ -198,14 +203,16 @@ Place linkTo(const std::string& target) {
 Holder placeLinkToItself(const std::string& name) { return placeLink(pathOf(name), name); }
 
 Holder placeLinkToQueue(const std::string& name) {
-  auto queue = std::make_shared<RawQueue>(uniqueQueueName(), kMessages, kMessageSize);
-  const Holder link = placeLink(pathOf(queue->name()), name);
+  const std::string target = uniqueQueueName();
+  const Holder queue = placeQueue(target);
+  const Holder link = placeLink(pathOf(target), name);
   return Holder(nullptr, [queue, link](void*) {});
 }
 
 Holder placeSecondName(const std::string& name) {
-  auto queue = std::make_shared<RawQueue>(uniqueQueueName(), kMessages, kMessageSize);
-  require(::link(pathOf(queue->name()).c_str(), pathOf(name).c_str()) == 0, "link");
+  const std::string target = uniqueQueueName();
+  const Holder queue = placeQueue(target);
+  require(::link(pathOf(target).c_str(), pathOf(name).c_str()) == 0, "link");
   const Holder second = removedAtTheEnd(pathOf(name));
   return Holder(nullptr, [queue, second](void*) {});
 }
@@ -213,7 +220,7 @@ Holder placeSecondName(const std::string& name) {
 /// A sound queue with this owner and mode.
 Place owned(uid_t owner, mode_t mode) {
   return [=](const std::string& name) -> Holder {
-    auto queue = std::make_shared<RawQueue>(name, kMessages, kMessageSize);
+    Holder queue = placeQueue(name);
     require(::chown(pathOf(name).c_str(), owner, static_cast<gid_t>(-1)) == 0, "chown");
     require(::chmod(pathOf(name).c_str(), mode) == 0, "chmod");
     return queue;
@@ -222,13 +229,13 @@ Place owned(uid_t owner, mode_t mode) {
 
 /// Whose lock a thread took that ended since.
 Holder placeLockOfDead(const std::string& name) {
-  auto queue = std::make_shared<RawQueue>(name, kMessages, kMessageSize);
+  Holder queue = placeQueue(name);
   QueueLock(name).takeAndDie();
   return queue;
 }
 
 Holder placeRobustLockOfDead(const std::string& name) {
-  auto queue = std::make_shared<RawQueue>(name, kMessages, kMessageSize);
+  Holder queue = placeQueue(name);
   const QueueLock lock(name);
   lock.makeRobust();
   lock.takeAndDie();

@@ -47,9 +47,12 @@ void addOption(CommandTree& tree, const CLI::Option& option) {
   tree.options.push_back({words, option.get_description(), valueKindOf(option)});
 }
 
-/// A group of options is a subcommand without a name.
+/// A group of options is a subcommand without a name. It has the help option of its program, again.
 void addContents(CommandTree& tree, const CLI::App& app) {
-  for (const CLI::Option* const option : app.get_options()) addOption(tree, *option);
+  const CLI::Option* const repeated = app.get_name().empty() ? app.get_help_ptr() : nullptr;
+  for (const CLI::Option* const option : app.get_options()) {
+    if (option != repeated) addOption(tree, *option);
+  }
   for (const CLI::App* const command : app.get_subcommands(nullptr)) {
     if (command->get_name().empty()) {
       addContents(tree, *command);

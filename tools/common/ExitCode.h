@@ -14,6 +14,8 @@ enum class ExitCode : int {
 
 constexpr int codeOf(ExitCode exitCode) { return static_cast<int>(exitCode); }
 
+constexpr int codeAfterSignal(int signal) { return 128 + signal; }
+
 }  // namespace korvex::common
 
 #endif

@@ -2,6 +2,8 @@
 
 #include <array>
 #include <cstdio>
+#include <locale.h>
+#include <wchar.h>
 
 namespace korvex::common {
 namespace {
@@ -47,6 +49,35 @@ bool isControl(std::string_view character) {
   return first == 0xc2 && byteAt(character, 1) < 0xa0;
 }
 
+/// Of a character that is in one piece.
+wchar_t codePointOf(std::string_view character) {
+  constexpr std::array<unsigned, 5> kBitsOfFirst = {0, 0x7f, 0x1f, 0x0f, 0x07};
+  unsigned code = byteAt(character, 0) & kBitsOfFirst[character.size()];
+  for (std::size_t i = 1; i < character.size(); ++i) {
+    code = code << 6 | (byteAt(character, i) & 0x3fU);
+  }
+  return static_cast<wchar_t>(code);
+}
+
+/// As the system's tables have it, whatever the locale of the process.
+std::size_t columnsOfCharacter(std::string_view character) {
+  static const locale_t tables = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
+  if (tables == nullptr) return 1;
+  const locale_t before = ::uselocale(tables);
+  const int columns = ::wcwidth(codePointOf(character));
+  ::uselocale(before);
+  return columns < 0 ? 1 : static_cast<std::size_t>(columns);
+}
+
+/// Takes the first character off the text and tells its columns. A byte that belongs to none has
+/// one.
+std::size_t takeCharacter(std::string_view& text) {
+  const std::size_t size = characterSize(text);
+  const std::size_t columns = size == 0 ? 1 : columnsOfCharacter(text.substr(0, size));
+  text.remove_prefix(size == 0 ? 1 : size);
+  return columns;
+}
+
 }  // namespace
 
 std::string printable(std::string_view untrusted) {
@@ -60,6 +91,34 @@ std::string printable(std::string_view untrusted) {
       text += formatted("\\x%02x", static_cast<unsigned>(byteAt(untrusted, 0)));
       untrusted.remove_prefix(1);
     }
+  }
+  return text;
+}
+
+std::string unambiguous(std::string_view untrusted) {
+  std::string text;
+  for (;;) {
+    const std::size_t backslash = untrusted.find('\\');
+    text += printable(untrusted.substr(0, backslash));
+    if (backslash == std::string_view::npos) return text;
+    text += "\\x5c";
+    untrusted.remove_prefix(backslash + 1);
+  }
+}
+
+std::size_t columnsOf(std::string_view text) {
+  std::size_t columns = 0;
+  while (!text.empty()) columns += takeCharacter(text);
+  return columns;
+}
+
+std::string_view cutToColumns(std::string_view text, std::size_t columns) {
+  std::string_view rest = text;
+  while (!rest.empty()) {
+    const std::size_t at = text.size() - rest.size();
+    const std::size_t next = takeCharacter(rest);
+    if (next > columns) return text.substr(0, at);
+    columns -= next;
   }
   return text;
 }

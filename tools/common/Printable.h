@@ -2,6 +2,7 @@
 #define KORVEX_COMMON_PRINTABLE_H
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <ctime>
 #include <string>
@@ -13,6 +14,16 @@ namespace korvex::common {
 /// character as \xNN. File names and a daemon's texts may hold anything, and a terminal obeys some
 /// of it.
 std::string printable(std::string_view untrusted);
+
+/// The same with every backslash as \x5c, for programs: they can get the bytes back.
+std::string unambiguous(std::string_view untrusted);
+
+/// The columns that printable text takes on a terminal: two for most East Asian characters, none
+/// for an accent that is a character of its own.
+std::size_t columnsOf(std::string_view text);
+
+/// As many of its characters, from the first on, as have room in these columns.
+std::string_view cutToColumns(std::string_view text, std::size_t columns);
 
 /// "999 B", "1.0 kB", "2.1 GB": powers of 1000, one decimal.
 std::string byteText(double bytes);

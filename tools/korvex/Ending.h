@@ -1,6 +1,8 @@
 #ifndef KORVEX_TOOL_ENDING_H
 #define KORVEX_TOOL_ENDING_H
 
+#include "common/ExitCode.h"
+
 namespace korvex::tool {
 
 /// How a command ended. With a signal, the process is to end by that signal.
@@ -10,7 +12,7 @@ struct Ending {
 };
 
 /// The code that a shell reports for a process ended by this signal.
-inline Ending endedBySignal(int signal) { return {128 + signal, signal}; }
+inline Ending endedBySignal(int signal) { return {common::codeAfterSignal(signal), signal}; }
 
 }  // namespace korvex::tool
 

@@ -5,12 +5,15 @@
 #include <korvex/receiver/Leftovers.h>
 #include <new>
 #include <signal.h>
+#include <spdlog/spdlog.h>
 #include <stdexcept>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <time.h>
+#include <unistd.h>
 #include <utility>
 
+#include "common/ExitCode.h"
 #include "korvexd/log/LogEntry.h"
 
 namespace korvexd {
@@ -19,6 +22,10 @@ namespace {
 constexpr timespec kStatsInterval{1, 0};
 constexpr timespec kDrainInterval{0, 50'000'000};
 constexpr unsigned kDrainIntervalsPerUpdate = 20;
+constexpr timespec kEndInterval{0, 10'000'000};
+
+/// Longer than a queue takes for its last messages or its engine.
+constexpr std::chrono::seconds kPatienceWithSinks{7};
 
 /// Readable only by the daemon's user, unless a mode is requested. An inherited umask could lock
 /// the daemon out of its own folders.
@@ -97,7 +104,7 @@ Daemon::Daemon(CommandLine commandLine, const Settings& settings, ServiceManager
   announceMemory(settings.queues);
   for (const QueueSettings& queue : settings.queues) queues_.add(queue);
   keepFiles();
-  supervision_.requireMetrics(queues_.stats());
+  supervision_.requireMetrics(queues_.stats(), state());
   if (statsFile_) statsFile_->update();
 }
 
@@ -107,25 +114,24 @@ void Daemon::run() {
   awaitEnd();
   supervision_.stopping();
   if (settings_.drainTimeout.count() > 0) drain();
-  queues_.stop();
+  endQueues();
   updateStats();
-  supervision_.over(queues_.stats(), statsWrites_.failures());
-  queues_.clear();
+  supervision_.over(queues_.stats(), state());
+  queues_.removeEnded();
 }
 
-/// A second signal stays blocked and changes nothing, unless it comes while streams are drained.
 void Daemon::awaitEnd() {
   for (;;) {
     const int signal = ::sigtimedwait(&signals_, nullptr, &kStatsInterval);
-    if (signal == kReportSignal) {
-      queues_.logStates();
-    } else if (signal == SIGHUP && commandLine_.configFile) {
-      readAgain();
-    } else if (signal > 0) {
-      return;
-    }
+    if (isEnd(signal)) return;
+    if (signal == kReportSignal) queues_.logStates();
+    if (signal == SIGHUP) readAgain();
     doRegularly();
   }
+}
+
+bool Daemon::isEnd(int signal) const noexcept {
+  return signal == SIGTERM || signal == SIGINT || (signal == SIGHUP && !commandLine_.configFile);
 }
 
 /// Open streams may finish; new ones are refused.
@@ -137,16 +143,47 @@ void Daemon::drain() {
                 " seconds to finish"});
   for (unsigned count = 1; !queues_.haveAllRetired(); ++count) {
     const int signal = ::sigtimedwait(&signals_, nullptr, &kDrainInterval);
-    if (signal == kReportSignal) queues_.logStates();
-    const bool isAnotherEnd = signal > 0 && signal != SIGHUP && signal != kReportSignal;
-    if (isAnotherEnd || std::chrono::steady_clock::now() >= deadline) return;
+    answerAtTheEnd(signal);
+    if (isEnd(signal) || std::chrono::steady_clock::now() >= deadline) return;
     if (count % kDrainIntervalsPerUpdate == 0) updateReports();
   }
 }
 
+void Daemon::answerAtTheEnd(int signal) const {
+  if (signal == kReportSignal) queues_.logStates();
+  if (signal != SIGHUP || isEnd(SIGHUP)) return;
+  writeLog({Event::ConfigurationRefused, spdlog::level::err, "",
+            "nothing of the configuration is changed: the daemon is ending"});
+}
+
+/// Signals that repeat the first one change nothing, until it shows that a sink hangs: on a disk
+/// that does not come back, for example.
+void Daemon::endQueues() {
+  const auto patienceEnds = std::chrono::steady_clock::now() + kPatienceWithSinks;
+  bool hangs = false;
+  queues_.stop();
+  while (const ServedQueue* const queue = queues_.stillServing()) {
+    const int signal = ::sigtimedwait(&signals_, nullptr, &kEndInterval);
+    answerAtTheEnd(signal);
+    if (hangs && isEnd(signal)) endAtOnce(signal);
+    if (hangs || std::chrono::steady_clock::now() < patienceEnds) continue;
+    hangs = true;
+    writeLog({Event::EndHangs, spdlog::level::err, queue->name(),
+              "its sink does not return, and the daemon waits for it; another signal ends it at "
+              "once"});
+  }
+}
+
+/// As if it were killed, but for the queues that have ended.
+void Daemon::endAtOnce(int signal) {
+  queues_.removeEnded();
+  spdlog::shutdown();  // the last lines are written here
+  ::_exit(korvex::common::codeAfterSignal(signal));
+}
+
 void Daemon::readAgain() noexcept {
-  supervision_.reloading();
   try {
+    supervision_.reloading();
     const Configuration configuration = readConfiguration(commandLine_);
     for (const Mistake& mistake : configuration.mistakes()) {
       writeLog(
@@ -156,6 +193,7 @@ void Daemon::readAgain() noexcept {
     take(configuration.settings());
     writeLog({Event::ConfigurationRead, spdlog::level::info, "", "configuration read again"});
   } catch (const std::exception& error) {
+    isReloadRefused_ = true;
     tryToLog([&] {
       return LogEntry(Event::ConfigurationRefused, spdlog::level::err, "",
                       std::string("nothing of the configuration is changed: ") + error.what());
@@ -168,6 +206,8 @@ void Daemon::readAgain() noexcept {
 void Daemon::take(Settings settings) {
   queues_.follow(settings.queues);
   settings_ = std::move(settings.daemon);
+  configured_ = std::time(nullptr);
+  isReloadRefused_ = false;
 }
 
 void Daemon::keepFiles() {
@@ -201,10 +241,14 @@ void Daemon::followQueues() {
 void Daemon::updateReports() noexcept {
   updateStats();
   try {
-    supervision_.update(queues_.stats(), statsWrites_.failures());
+    supervision_.update(queues_.stats(), state());
   } catch (const std::bad_alloc&) {
     // Retried in a second.
   }
+}
+
+DaemonState Daemon::state() const {
+  return {statsWrites_.failures(), configured_, isReloadRefused_, queues_.awaited()};
 }
 
 void Daemon::updateStats() noexcept {

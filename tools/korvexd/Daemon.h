@@ -1,6 +1,7 @@
 #ifndef KORVEXD_DAEMON_H
 #define KORVEXD_DAEMON_H
 
+#include <ctime>
 #include <optional>
 #include <signal.h>
 #include <string>
@@ -32,19 +33,25 @@ class Daemon {
   /// Serves until SIGTERM comes, or SIGINT or SIGHUP where they were not ignored at the start. With
   /// a configuration file, SIGHUP reloads it instead. On shutdown, messages already queued are
   /// received, open streams get the drain timeout and then end as incomplete, and the queues are
-  /// removed. Throws SystemError when there is no thread for a queue.
+  /// removed. While a sink hangs, that takes until it returns; another signal then ends the process
+  /// at once, with exit code 128 + N. Throws SystemError when there is no thread for a queue.
   void run();
 
  private:
   void keepFiles();
   void awaitEnd();
+  bool isEnd(int signal) const noexcept;
   void drain();
+  void answerAtTheEnd(int signal) const;
+  void endQueues();
+  [[noreturn]] void endAtOnce(int signal);
   void readAgain() noexcept;
   void take(Settings settings);
   void doRegularly() noexcept;
   void followQueues();
   void updateReports() noexcept;
   void updateStats() noexcept;
+  DaemonState state() const;
 
   const CommandLine commandLine_;
   const sigset_t signals_;
@@ -53,6 +60,8 @@ class Daemon {
   bool hasNews_ = false;  ///< other queues are served, or in another way, than the rest knows
   std::optional<StatsFile> statsFile_;
   Attempts statsWrites_;
+  std::time_t configured_ = std::time(nullptr);
+  bool isReloadRefused_ = false;
   Supervision supervision_;
 };
 

@@ -106,18 +106,18 @@ void addQueueOptions(CLI::App& app, Arguments& found) {
 
 void addConfigOptions(CLI::App& app, Arguments& found) {
   auto* const file = app.add_option("--config", found.configFile,
-                                    "Read queues and settings from FILE, and again at SIGHUP")
+                                    "Read queues and settings from FILE, and again on SIGHUP")
                          ->type_name("FILE");
   auto* const check =
       app.add_flag("--check-config", found.checksConfig, "Report every mistake in FILE and exit")
           ->needs(file);
   app.add_flag("--print-config", found.printsConfig,
-               "Print what holds, and where each value comes from, and exit")
+               "Print the effective settings and where each value comes from, and exit")
       ->excludes(check);
 }
 
 void addDataOptions(CLI::App& app, Arguments& found) {
-  auto* const sink = app.add_option_group("data", "Where the data goes; one of");
+  auto* const sink = app.add_option_group("data", "Where the data goes: one of");
   sink->add_option("--output", found.output, "Store each stream as a folder in DIR")
       ->check(fitsQueueKey("output"))
       ->type_name("DIR");
@@ -125,7 +125,7 @@ void addDataOptions(CLI::App& app, Arguments& found) {
                    "Give each stream to COMMAND as its standard input; no shell runs")
       ->check(checkCommand)
       ->type_name("COMMAND");
-  sink->add_flag("--discard", found.discard, "Forget the data");
+  sink->add_flag("--discard", found.discard, "Discard the data");
   sink->require_option(0, 1);
   app.add_option("--digest", found.digest,
                  "Digest that --output keeps: sha256, or only the faster xxh128")
@@ -138,10 +138,10 @@ void addDataOptions(CLI::App& app, Arguments& found) {
       ->type_name("SECONDS")
       ->capture_default_str();
   app.add_option("--idle-timeout", found.idleTimeout,
-                 "Seconds that a stream may be silent; without it for ever")
+                 "Seconds that a stream may be silent; unlimited without it")
       ->check(CLI::Range(1L, kLongestTimeout))
       ->type_name("SECONDS");
-  app.add_option("--capture", found.capture, "Keep every message as it came in DIR")
+  app.add_option("--capture", found.capture, "Save every message as received in DIR")
       ->check(fitsQueueKey("capture"))
       ->type_name("DIR");
 }
@@ -154,12 +154,12 @@ void addReportOptions(CLI::App& app, Arguments& found) {
                  "Keep metrics in FILE, for the textfile collector of Prometheus")
       ->check(fitsDaemonKey("metrics"))
       ->type_name("FILE");
-  app.add_option("--log-format", found.logFormat, "How the log is written: text or json")
+  app.add_option("--log-format", found.logFormat, "How the log is written")
       ->check(fitsDaemonKey("log-format"))
-      ->type_name("FORMAT")
+      ->type_name("text|json")
       ->capture_default_str();
   app.add_option("--drain-timeout", found.drainTimeout,
-                 "Seconds that open streams get to finish at the end")
+                 "Seconds that open streams get to finish on shutdown")
       ->check(CLI::Range(0L, kLongestTimeout))
       ->type_name("SECONDS")
       ->capture_default_str();

@@ -22,9 +22,9 @@ void announce(const ServedQueue& queue) {
                .with("message_size", std::uint64_t{limits.messageSize}));
 }
 
-std::optional<Capture> captureFor(const QueueSettings& settings) {
-  if (!settings.capture) return std::nullopt;
-  return Capture(*settings.capture, settings.receiver.queue);
+std::shared_ptr<Capture> captureFor(const QueueSettings& settings) {
+  if (!settings.capture) return nullptr;
+  return std::make_shared<Capture>(*settings.capture, settings.receiver.queue);
 }
 
 }  // namespace
@@ -33,7 +33,7 @@ std::optional<Capture> captureFor(const QueueSettings& settings) {
 struct QueueSet::Change {
   QueueSettings settings;
   receiver::SinkFactory openSink;
-  std::optional<Capture> capture;
+  std::shared_ptr<Capture> capture;
 };
 
 /// An engine that is waited for asks whether it is to go on, which shows that its loop moves.
@@ -43,6 +43,7 @@ QueueSet::QueueSet()
         return isEnding_.load();
       }) {}
 
+/// All are asked to stop before any is waited for.
 QueueSet::~QueueSet() { stop(); }
 
 void QueueSet::add(const QueueSettings& settings) { queues_.push_back(make(settings)); }
@@ -60,18 +61,22 @@ void QueueSet::start() {
 
 void QueueSet::follow(const std::vector<QueueSettings>& wanted) {
   std::vector<Change> changes = changesTo(wanted);
+  std::vector<QueueSettings> awaited;
+  awaited.reserve(changes.size());
   retireOthersThan(wanted);
-  awaited_.clear();
   for (Change& change : changes) {
     ServedQueue* const queue = find(change.settings.receiver.queue);
     if (queue != nullptr && !queue->isRetiring()) {
-      writeLog({Event::SettingsAccepted, spdlog::level::info, queue->name(),
-                "changed settings hold from the next stream on"});
+      tryToLog([&] {
+        return LogEntry(Event::SettingsAccepted, spdlog::level::info, queue->name(),
+                        "changed settings hold from the next stream on");
+      });
       queue->change(change.settings, std::move(change.openSink), std::move(change.capture));
     } else if (queue != nullptr || !tryToStart(change.settings)) {
-      awaited_.push_back(change.settings);
+      awaited.push_back(std::move(change.settings));
     }
   }
+  awaited_.swap(awaited);
 }
 
 std::vector<QueueSet::Change> QueueSet::changesTo(const std::vector<QueueSettings>& wanted) {
@@ -168,15 +173,34 @@ bool QueueSet::haveAllRetired() const noexcept {
                      [](const auto& queue) { return queue->hasRetired(); });
 }
 
-/// All are asked to stop before any is joined.
-void QueueSet::stop() {
+void QueueSet::stop() noexcept {
   isEnding_ = true;
   for (const auto& queue : queues_) queue->stop();
-  for (const auto& queue : queues_) queue->join();
+}
+
+const ServedQueue* QueueSet::stillServing() const noexcept {
+  for (const auto& queue : queues_)
+    if (!queue->hasEnded()) return queue.get();
+  return nullptr;
+}
+
+void QueueSet::removeEnded() noexcept {
+  const auto end = std::remove_if(queues_.begin(), queues_.end(),
+                                  [](const auto& queue) { return queue->hasEnded(); });
+  queues_.erase(end, queues_.end());
 }
 
 void QueueSet::logStates() const {
   for (const auto& queue : queues_) queue->log().logState(queue->counters());
+}
+
+/// One that still serves its last stream is not without a server.
+std::vector<std::string> QueueSet::awaited() const {
+  std::vector<std::string> names;
+  for (const QueueSettings& settings : awaited_) {
+    if (find(settings.receiver.queue) == nullptr) names.push_back(settings.receiver.queue);
+  }
+  return names;
 }
 
 std::vector<QueueStats> QueueSet::stats() const {

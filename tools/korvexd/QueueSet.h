@@ -43,17 +43,24 @@ class QueueSet {
   /// Whether the last stream has ended since then.
   bool haveAllRetired() const noexcept;
 
-  /// Stops serving. The queues' statistics can still be read.
-  void stop();
+  /// Asks all of them to stop serving; does not wait.
+  void stop() noexcept;
 
-  /// Removes the queues.
-  void clear() { queues_.clear(); }
+  /// A queue that still serves: after stop(), one whose sink takes long. None when all have ended;
+  /// their statistics can still be read.
+  const ServedQueue* stillServing() const noexcept;
+
+  /// Removes the queues that have ended.
+  void removeEnded() noexcept;
 
   /// Logs what each queue is doing.
   void logStates() const;
 
   /// Good until the set changes.
   std::vector<QueueStats> stats() const;
+
+  /// The names of those that could not be created yet.
+  std::vector<std::string> awaited() const;
 
   /// The failures of a queue's engines since the start.
   EngineFailureCounts engineFailuresOf(const std::string& queue) const {

@@ -17,11 +17,15 @@ ServedQueue::~ServedQueue() {
 }
 
 void ServedQueue::start() {
-  thread_ = startThread("queue " + name(), [this] { receiver_.run(stop_); });
+  hasEnded_ = false;
+  thread_ = startThread("queue " + name(), [this] {
+    receiver_.run(stop_);
+    hasEnded_ = true;
+  });
 }
 
 void ServedQueue::change(const QueueSettings& settings, receiver::SinkFactory openSink,
-                         std::optional<Capture> capture) {
+                         std::shared_ptr<Capture> capture) {
   log_.captureWith(std::move(capture));
   log_.expectChange();
   receiver_.change(settings.receiver, std::move(openSink));

@@ -30,7 +30,7 @@ class ServedQueue {
 
   /// Serves as these settings say, from the next stream on; messages are captured at once.
   void change(const QueueSettings& settings, receiver::SinkFactory openSink,
-              std::optional<Capture> capture);
+              std::shared_ptr<Capture> capture);
 
   /// Refuses new streams from now on; the open one continues.
   void retire() noexcept;
@@ -43,7 +43,10 @@ class ServedQueue {
   /// Asks the thread to stop serving; does not wait.
   void stop() noexcept { stop_ = true; }
 
-  /// Waits for the thread to stop, after it was asked to. The queue's statistics can still be read.
+  /// Whether the thread serves no more, or never did.
+  bool hasEnded() const noexcept { return hasEnded_; }
+
+  /// Waits for that, after it was asked to. The queue's statistics can still be read.
   void join();
 
   /// Whether it is served as these settings say, or will be soon.
@@ -61,6 +64,7 @@ class ServedQueue {
   std::thread thread_;
   bool isRetiring_ = false;
   std::atomic<bool> stop_{false};
+  std::atomic<bool> hasEnded_{true};
 };
 
 }  // namespace korvexd

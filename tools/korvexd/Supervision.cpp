@@ -29,8 +29,8 @@ void Supervision::keepMetrics(const std::optional<std::string>& path,
   metricsWrites_ = {};
 }
 
-void Supervision::requireMetrics(const Queues& queues) {
-  if (metrics_) metrics_->update(queues, 0);
+void Supervision::requireMetrics(const Queues& queues, const DaemonState& daemon) {
+  if (metrics_) metrics_->update(queues, daemon);
 }
 
 void Supervision::ready(const Queues& queues) {
@@ -39,19 +39,19 @@ void Supervision::ready(const Queues& queues) {
   manager_.ready(statusOf(queues));
 }
 
-void Supervision::update(const Queues& queues, std::uint64_t statsFailures) {
-  updateMetrics(queues, statsFailures);
+void Supervision::update(const Queues& queues, const DaemonState& daemon) {
+  updateMetrics(queues, daemon);
   manager_.status(statusOf(queues));
 }
 
-void Supervision::over(const Queues& queues, std::uint64_t statsFailures) noexcept {
+void Supervision::over(const Queues& queues, const DaemonState& daemon) noexcept {
   watchdog_.reset();
-  updateMetrics(queues, statsFailures);
+  updateMetrics(queues, daemon);
 }
 
-void Supervision::updateMetrics(const Queues& queues, std::uint64_t statsFailures) noexcept {
+void Supervision::updateMetrics(const Queues& queues, const DaemonState& daemon) noexcept {
   if (!metrics_) return;
-  metricsWrites_.attempt([&] { metrics_->update(queues, statsFailures); });
+  metricsWrites_.attempt([&] { metrics_->update(queues, daemon); });
 }
 
 }  // namespace korvexd

@@ -1,7 +1,6 @@
 #ifndef KORVEXD_SUPERVISION_H
 #define KORVEXD_SUPERVISION_H
 
-#include <cstdint>
 #include <ctime>
 #include <optional>
 #include <string>
@@ -30,7 +29,7 @@ class Supervision {
                    MetricsFile::EngineFailuresOf engineFailuresOf);
 
   /// Writes them at once. Throws when they cannot be written; update() would try again.
-  void requireMetrics(const Queues& queues);
+  void requireMetrics(const Queues& queues, const DaemonState& daemon);
 
   /// Producers may come, for the first time or after a reload.
   void ready(const Queues& queues);
@@ -38,15 +37,14 @@ class Supervision {
   void reloading() { manager_.reloading(); }
   void stopping() { manager_.stopping(); }
 
-  /// Call it once a second. `statsFailures` counts failed writes of the statistics. Throws nothing
-  /// but std::bad_alloc.
-  void update(const Queues& queues, std::uint64_t statsFailures);
+  /// Call it once a second. Throws nothing but std::bad_alloc.
+  void update(const Queues& queues, const DaemonState& daemon);
 
   /// Writes the final numbers, after serving has ended.
-  void over(const Queues& queues, std::uint64_t statsFailures) noexcept;
+  void over(const Queues& queues, const DaemonState& daemon) noexcept;
 
  private:
-  void updateMetrics(const Queues& queues, std::uint64_t statsFailures) noexcept;
+  void updateMetrics(const Queues& queues, const DaemonState& daemon) noexcept;
 
   ServiceManager& manager_;
   const std::time_t started_ = std::time(nullptr);

@@ -30,4 +30,13 @@ void installBusErrorGuard() {
   ::sigaction(SIGBUS, &action, &before);
 }
 
+bool runGuarded(const std::function<void()>& step) {
+  try {
+    surviveBusError([&step] { step(); });
+    return true;
+  } catch (const MemoryLost&) {
+    return false;
+  }
+}
+
 }  // namespace korvex::receiver

@@ -25,18 +25,22 @@ extern thread_local sigjmp_buf* busErrorRecovery;
 /// The jump skips the step's destructors. That is safe because only the queue library's plain
 /// reads, writes and copies touch a queue's memory: all they leave behind is the queue's lock, and
 /// the queue is lost anyway. So a step must not hold anything else.
+///
+/// Such a step may be part of another one, which is then still guarded.
 template <typename Step>
 auto surviveBusError(Step step) {
   sigjmp_buf place;
+  sigjmp_buf* const before = busErrorRecovery;
   if (sigsetjmp(place, 0) != 0) {
-    busErrorRecovery = nullptr;
+    busErrorRecovery = before;
     throwMemoryLost();
   }
-  // Clears the recovery on every ordinary way out.
+  // Leaves the recovery as it was on every ordinary way out.
   const struct Recovery {
-    explicit Recovery(sigjmp_buf& to) { busErrorRecovery = &to; }
-    ~Recovery() { busErrorRecovery = nullptr; }
-  } recovery(place);
+    Recovery(sigjmp_buf& to, sigjmp_buf* last) : before(last) { busErrorRecovery = &to; }
+    ~Recovery() { busErrorRecovery = before; }
+    sigjmp_buf* const before;
+  } recovery(place, before);
   return step();
 }
 

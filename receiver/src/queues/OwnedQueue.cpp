@@ -70,9 +70,12 @@ OwnedQueue::~OwnedQueue() {
   if (isStillNamed()) MessageQueue::remove(presentName_);
 }
 
+/// Once it has the name, nothing may fail: the destructor has to know under which name it removes
+/// the object.
 void OwnedQueue::publish() {
+  std::string name = name_;
   QueueObject::rename(presentName_, name_, "publishing queue " + name_);
-  presentName_ = name_;
+  presentName_.swap(name);
 }
 
 /// Runs an operation that takes the lock, and records its outcome.

@@ -1,10 +1,11 @@
 #include "queues/QueueObject.h"
 
 #include <cerrno>
+#include <climits>
+#include <cstdio>
 #include <fcntl.h>
 #include <filesystem>
 #include <stdio.h>
-#include <string_view>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -15,7 +16,8 @@
 namespace korvex::receiver {
 namespace {
 
-constexpr std::string_view kFolder = "/dev/shm";
+constexpr char kFolder[] = "/dev/shm";
+constexpr std::size_t kLongestPath = sizeof kFolder + 1 + NAME_MAX;
 
 /// For systems without RENAME_NOREPLACE: a link never replaces anything. The object has both names
 /// for a moment.
@@ -57,8 +59,13 @@ off_t QueueObject::size() const noexcept {
   return ::fstat(descriptor_, &found) == 0 ? found.st_size : -1;
 }
 
+/// Needs no memory of its own: queues are removed when there is none left, too.
 bool QueueObject::look(const std::string& name, struct stat& found) noexcept {
-  return ::lstat(path(name).c_str(), &found) == 0;
+  char path[kLongestPath];
+  const int size = std::snprintf(path, sizeof path, "%s/%s", kFolder, name.c_str());
+  if (static_cast<std::size_t>(size) < sizeof path) return ::lstat(path, &found) == 0;
+  errno = ENAMETOOLONG;
+  return false;
 }
 
 bool QueueObject::exists(const std::string& name) noexcept {

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "korvex/Status.h"
+#include "stream/ErrorText.h"
 
 namespace korvex::receiver {
 namespace {
@@ -253,25 +254,33 @@ StreamSession::Answer StreamSession::fail(Ending ending, const std::string& text
   return replyOf(ending == Ending::Corrupt ? kStatusCorrupt : kStatusSinkFailed, text);
 }
 
-void StreamSession::end(Ending ending, const std::string& reason) {
+void StreamSession::end(Ending ending, const char* what, const std::string& details) noexcept {
   assert(gatheredRecords_ == 0);
-  if (state_ == State::Open) leaveIncomplete(ending, reason);
+  if (state_ == State::Open) {
+    try {
+      leaveIncomplete(ending, what + details);
+    } catch (const std::exception&) {
+      counters_.add(Count::StreamsIncomplete);
+      sink_.reset();
+    }
+  }
   state_ = State::Idle;
 }
 
+/// What can throw comes first: a stream is counted and abandoned once.
 void StreamSession::leaveIncomplete(Ending ending, const std::string& reason) {
-  counters_.add(Count::StreamsIncomplete);
   const StreamSummary taken = summary(ending);
+  counters_.add(Count::StreamsIncomplete);
   if (sink_ != nullptr) abandonSink(taken, reason);
   observer_.streamIncomplete(taken, reason, placeOf(sink_.get()));
   sink_.reset();
 }
 
-void StreamSession::abandonSink(const StreamSummary& summary, const std::string& reason) {
+void StreamSession::abandonSink(const StreamSummary& summary, const std::string& reason) noexcept {
   try {
     sink_->abandon(summary, reason);
   } catch (const std::exception& error) {
-    observer_.abandoningFailed(error.what());
+    observer_.abandoningFailed(textOf(error));
   }
 }
 

@@ -75,8 +75,10 @@ class StreamSession {
   /// Nothing arrived for so long that an open stream fails.
   Answer takeSilence(std::chrono::seconds silence);
 
-  /// Ends an open stream as incomplete, for a reason outside of it.
-  void end(Ending ending, const std::string& reason);
+  /// Ends an open stream as incomplete, for a reason outside of it: `what`, with `details` after
+  /// it. When memory is too short for that, the sink is destroyed without abandon(), and nobody is
+  /// told.
+  void end(Ending ending, const char* what, const std::string& details = {}) noexcept;
 
  private:
   /// Longer records are worth a call of their own.
@@ -121,7 +123,7 @@ class StreamSession {
   void startStream(const Record& record, bool cutsOffAnother);
   void finishSegment();
   void leaveIncomplete(Ending ending, const std::string& reason);
-  void abandonSink(const StreamSummary& summary, const std::string& reason);
+  void abandonSink(const StreamSummary& summary, const std::string& reason) noexcept;
   StreamSummary summary(Ending ending) const;
 
   const std::string queue_;

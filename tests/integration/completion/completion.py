@@ -26,13 +26,16 @@ class Shell:
             script = subprocess.run([path, *ask], check=True, capture_output=True).stdout
             (folder / program).write_bytes(script)
 
-    def words(self, *line):
+    def offers(self, *line):
         """What the last word of the line can become, in a folder with a file and a folder."""
         command = [*QUIET[self.name], HERE / f"words.{self.name}", self.folder / line[0], *line]
         place = self.folder / "place"
         found = subprocess.run(command, check=True, capture_output=True, text=True, cwd=place,
                                env={**os.environ, "HOME": str(self.folder), "TERM": "dumb"})
-        return {word.rstrip("/") for word in found.stdout.split()}
+        return [word.rstrip("/") for word in found.stdout.split()]
+
+    def words(self, *line):
+        return set(self.offers(*line))
 
     def help(self, program, *verb):
         return subprocess.run([self.programs[program], *verb, "--help"], check=True,
@@ -55,11 +58,15 @@ def checks(shell):
     verbs = set(VERB.findall(shell.help("korvex").split("Subcommands:")[1].split("\n\n")[0]))
     yield expect("verbs", shell.words("korvex", ""), verbs)
     for line in [["korvexd"], ["korvex"], *(["korvex", verb] for verb in sorted(verbs))]:
-        yield expect(" ".join(line), shell.words(*line, "--"), long_options(shell.help(*line)))
+        offers = shell.offers(*line, "--")
+        yield expect(" ".join(line), set(offers), long_options(shell.help(*line)))
+        yield expect(" ".join(line) + ", twice", {w for w in offers if offers.count(w) > 1}, set())
     yield expect("a word that has begun", shell.words("korvex", "sta"), {"status"})
     yield expect("an option that has begun", shell.words("korvexd", "--max-message-"),
                  {"--max-message-size"})
     yield expect("a choice", shell.words("korvex", "completion", ""), {"bash", "zsh", "fish"})
+    yield expect("a choice of the daemon", shell.words("korvexd", "--log-format", ""),
+                 {"text", "json"})
     yield expect("a file", shell.words("korvexd", "--stats", ""), {"file", "folder"})
     yield expect("a folder", shell.words("korvexd", "--output", ""), {"folder"})
     yield expect("files", shell.words("korvex", "send", ""), {"file", "folder"})

@@ -3,8 +3,11 @@
 #include "common/Printable.h"
 
 using korvex::common::byteText;
+using korvex::common::columnsOf;
+using korvex::common::cutToColumns;
 using korvex::common::printable;
 using korvex::common::timeText;
+using korvex::common::unambiguous;
 
 TEST(Printable, LeavesOrdinaryTextAlone) {
   EXPECT_EQ(printable("a b-c_d.\xc3\xa4"), "a b-c_d.\xc3\xa4");
@@ -41,6 +44,32 @@ TEST(PrintableUntrusted, ShowsWhatIsNoCharacterAsHex) {
   EXPECT_EQ(printable("\xf0\x8f\xbf\xbf"), "\\xf0\\x8f\\xbf\\xbf") << "overlong";
   EXPECT_EQ(printable("\xf4\x90\x80\x80"), "\\xf4\\x90\\x80\\x80") << "behind the last";
   EXPECT_EQ(printable("\xf5\x80\x80\x80"), "\\xf5\\x80\\x80\\x80") << "never a first byte";
+}
+
+TEST(Unambiguous, GivesDifferentTextsForDifferentBytes) {
+  EXPECT_EQ(unambiguous("/srv/a b"), "/srv/a b");
+  EXPECT_EQ(unambiguous("\\"), "\\x5c");
+  EXPECT_EQ(unambiguous("a\\x0a\n\xff"), "a\\x5cx0a\\x0a\\xff");
+  EXPECT_EQ(unambiguous(""), "");
+}
+
+TEST(ColumnsOf, CountsWhatATerminalShows) {
+  EXPECT_EQ(columnsOf(""), 0u);
+  EXPECT_EQ(columnsOf("shop"), 4u);
+  EXPECT_EQ(columnsOf("Gem\u00fcse"), 6u);
+  EXPECT_EQ(columnsOf("\u5099\u4efd"), 4u) << "wide";
+  EXPECT_EQ(columnsOf("e\u0301"), 1u) << "an accent of its own";
+  EXPECT_EQ(columnsOf("\U0001f4be"), 2u);
+  EXPECT_EQ(columnsOf("\xff"), 1u);
+}
+
+TEST(CutToColumns, NeverCutsACharacter) {
+  EXPECT_EQ(cutToColumns("shop", 4), "shop");
+  EXPECT_EQ(cutToColumns("shop", 3), "sho");
+  EXPECT_EQ(cutToColumns("\u00fc\u00fc\u00fc", 2), "\u00fc\u00fc");
+  EXPECT_EQ(cutToColumns("a\u5099\u4efd", 4), "a\u5099") << "half of it does not fit";
+  EXPECT_EQ(cutToColumns("e\u0301x", 1), "e\u0301");
+  EXPECT_EQ(cutToColumns("\xc3", 0), "");
 }
 
 TEST(ByteText, UsesPowersOfThousandWithOneDecimal) {

@@ -1,5 +1,8 @@
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
+#include <korvex/receiver/BusErrorGuard.h>
 #include <signal.h>
+#include <unistd.h>
+#include <vector>
 
 #include "Failure.h"
 #include "send/DaemonStream.h"
@@ -117,6 +120,25 @@ TEST_F(DaemonStreamTo, WaitsForTheReceiptWhileTheDaemonIsFinishing) {
   stream.open();
   stream.close();
   EXPECT_EQ(stream.awaitReceipt(std::chrono::seconds(60)).value_or("none"), "the receipt");
+}
+
+TEST_F(DaemonStreamTo, FailsWhenTheQueueIsCutInTheMiddleOfACall) {
+  korvex::receiver::installBusErrorGuard();
+  FakeDaemon daemon;
+  daemon.serve(staySilent);
+  DaemonStream stream(settings(daemon), stop);
+  stream.open();
+  daemon.finish();  // it shall not read from it any more
+  const std::vector<unsigned char> piece(stream.largestPiece());
+  stream.write(piece.data(), piece.size());  // fills the batch, so that the next record sends it
+  ASSERT_EQ(::truncate(("/dev/shm/" + daemon.queue()).c_str(), 0), 0);
+  try {
+    stream.endSegment();
+    ADD_FAILURE() << "nothing was thrown";
+  } catch (const korvex::tool::Failure& failure) {
+    EXPECT_THAT(failure.what(), testing::HasSubstr("somebody truncated the queue's memory"));
+  }
+  stream.stop(DaemonStream::StopWait::Ordinary);  // must not touch it
 }
 
 TEST_F(DaemonStreamTo, IsStoppedOnceAtMost) {

@@ -5,6 +5,7 @@
 #include <ostream>
 #include <sstream>
 
+#include "common/Printable.h"
 #include "inspect/HexDump.h"
 #include "inspect/JsonLine.h"
 
@@ -72,7 +73,7 @@ class JsonPrinter : public InspectPrinter {
 
 Json JsonPrinter::objectOf(const char* kind, const CaptureFile& file) {
   return {{"kind", kind},
-          {"file", jsonTextOf(file.path)},
+          {"file", common::unambiguous(file.path)},
           {"batch", file.number ? Json(*file.number) : Json(nullptr)}};
 }
 

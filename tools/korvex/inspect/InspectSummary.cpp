@@ -113,7 +113,7 @@ Json InspectSummary::jsonOf(const Capture& capture) {
   for (const Gap& gap : capture.missing) {
     missing.push_back({{"first", gap.first}, {"last", gap.last}});
   }
-  return {{"name", jsonTextOf(capture.name)},
+  return {{"name", common::unambiguous(capture.name)},
           {"firstBatch", jsonOrNull(capture.firstBatch)},
           {"lastBatch", jsonOrNull(capture.lastBatch)},
           {"missing", missing},

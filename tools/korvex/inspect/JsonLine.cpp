@@ -2,21 +2,10 @@
 
 #include <nlohmann/json.hpp>
 
-#include "common/Printable.h"
-
 namespace korvex::tool {
 
 std::string jsonLine(const nlohmann::ordered_json& value) {
   return value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-}
-
-std::string jsonTextOf(const std::string& name) {
-  try {
-    nlohmann::json(name).dump();
-    return name;
-  } catch (const nlohmann::json::type_error&) {
-    return common::printable(name);
-  }
 }
 
 }  // namespace korvex::tool

@@ -9,10 +9,6 @@ namespace korvex::tool {
 /// The value on one line, without its line end. Texts that are not UTF-8 never make it fail.
 std::string jsonLine(const nlohmann::ordered_json& value);
 
-/// A file's name for JSON: the name itself if it is UTF-8, else a printable form, since JSON can
-/// hold no other bytes.
-std::string jsonTextOf(const std::string& name);
-
 }  // namespace korvex::tool
 
 #endif

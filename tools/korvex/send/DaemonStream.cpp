@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <exception>
+#include <functional>
+#include <korvex/receiver/BusErrorGuard.h>
 #include <korvex/receiver/Receipt.h>
 #include <qmx/trace.h>
 #include <string_view>
@@ -130,7 +132,9 @@ void DaemonStream::withdrawOldReplies() {
 void DaemonStream::flushIgnoringReply() {
   sendPatiently([this] {
     try {
-      writer_->flush_shm_buffer(kStep);
+      guarded([this] { writer_->flush_shm_buffer(kStep); });
+    } catch (const Failure&) {
+      throw;
     } catch (const Ov_ErrnoException& error) {
       if (!isReply(error)) return false;
       if (*__qmxlog_trace_location() != 0) {
@@ -300,7 +304,7 @@ void DaemonStream::stop(StopWait wait) noexcept {
 void DaemonStream::sendStopRecord(Clock::time_point deadline, StopWait wait) {
   if (batchSize_ > 0 && !flushBefore(deadline, wait)) return;
   try {
-    writer_->stop(true);
+    guarded([this] { writer_->stop(true); });
   } catch (const Ov_ErrnoException& error) {
     if (!isReply(error)) flushBefore(deadline, wait);
   }
@@ -310,7 +314,7 @@ void DaemonStream::sendStopRecord(Clock::time_point deadline, StopWait wait) {
 bool DaemonStream::flushBefore(Clock::time_point deadline, StopWait wait) {
   while (isStillServed()) {
     try {
-      writer_->flush_shm_buffer(kStep);
+      guarded([this] { writer_->flush_shm_buffer(kStep); });
       return true;
     } catch (const Ov_ErrnoException& error) {
       if (isReply(error)) return true;
@@ -390,8 +394,10 @@ void DaemonStream::checkStillServed() {
 template <typename Operation>
 bool DaemonStream::attempt(Operation operation) {
   try {
-    operation();
+    guarded(operation);
     return true;
+  } catch (const Failure&) {
+    throw;
   } catch (const Ov_ErrnoException& error) {
     const bool isAnswer = writer_ && isReply(error);
     if (!isAnswer && error.getStatus() == kStatusTimedOut) return false;
@@ -400,6 +406,17 @@ bool DaemonStream::attempt(Operation operation) {
   } catch (const std::exception& error) {
     throwQueueError(error);
   }
+}
+
+/// Whoever may open a queue may also truncate its memory, at any moment. The writer is left alone
+/// then, as after any failure.
+template <typename Call>
+void DaemonStream::guarded(Call call) {
+  if (receiver::runGuarded(std::ref(call))) return;
+  isStoppable_ = false;
+  throwStreamFailed(ECONNRESET,
+                    "somebody truncated the queue's memory, or the system has none left: what the "
+                    "daemon has taken of the stream is incomplete");
 }
 
 void DaemonStream::throwStreamFailed(ov_status_t status, const std::string& text) const {

@@ -102,6 +102,8 @@ class DaemonStream {
   void checkStillServed();
   template <typename Operation>
   bool attempt(Operation operation);
+  template <typename Call>
+  void guarded(Call call);
   [[noreturn]] void throwStreamFailed(ov_status_t status, const std::string& text) const;
   [[noreturn]] void throwTimedOut(const std::string& what);
   [[noreturn]] void throwGone();

@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <ostream>
 #include <poll.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include "common/ExitCode.h"
@@ -26,12 +27,16 @@ std::size_t countToGo(const Items& items) {
       items.begin(), items.end(), [](const CleanItem& item) { return item.isToGo(); }));
 }
 
-void show(const Items& items, std::ostream& out) {
-  for (const CleanItem& item : items) {
+void show(const CleanPlan& plan, std::ostream& out, std::ostream& errors) {
+  for (const CleanItem& item : plan.items) {
     out << (item.isToGo() ? "remove  " : "keep    ") << common::printable(item.name) << ": "
         << (item.isToGo() ? item.found : item.obstacle) << '\n';
   }
-  if (items.empty()) out << "no queues in shared memory\n";
+  if (plan.items.empty()) out << "no queues in shared memory\n";
+  if (plan.unexamined == 0 || countToGo(plan.items) == 0) return;
+  out.flush();  // both may be one terminal
+  errors << "korvex: not examined, but may have these queues open: " << plan.unexamined
+         << (plan.unexamined == 1 ? " process" : " processes") << std::endl;
 }
 
 void showResult(const Items& planned, const Items& items, std::ostream& out, std::ostream& errors) {
@@ -44,16 +49,20 @@ void showResult(const Items& planned, const Items& items, std::ostream& out, std
   }
 }
 
-std::string jsonOf(const Items& items, const std::string& error, int exitCode) {
+std::string jsonOf(const Items& items, std::size_t unexamined, const std::string& error,
+                   int exitCode) {
   Json queues = Json::array();
   for (const CleanItem& item : items) {
-    queues.push_back({{"name", jsonTextOf(item.name)},
+    queues.push_back({{"name", common::jsonNameOf(item.name)},
                       {"halfMade", item.kind == CleanItem::Kind::HalfMade},
                       {"removed", item.isRemoved},
                       {"found", item.found},
                       {"obstacle", item.obstacle}});
   }
-  return jsonLine({{"queues", queues}, {"error", error}, {"exitCode", exitCode}});
+  return jsonLine({{"queues", queues},
+                   {"unexaminedProcesses", unexamined},
+                   {"error", error},
+                   {"exitCode", exitCode}});
 }
 
 /// The first byte of the answer; 0 when a signal came or there is no answer.
@@ -69,6 +78,7 @@ enum class Consent { Given, Refused, NoTerminal };
 
 Consent ask(std::size_t count, const StopSignal& stop, std::ostream& out) {
   if (::isatty(STDIN_FILENO) != 1 || ::isatty(STDOUT_FILENO) != 1) return Consent::NoTerminal;
+  ::tcflush(STDIN_FILENO, TCIFLUSH);  // typed before the question, it is no answer
   out << "Remove " << (count == 1 ? "it" : "these " + std::to_string(count)) << "? [y/N] "
       << std::flush;
   const char answer = readAnswer(stop);
@@ -121,9 +131,10 @@ CLI::App* declareClean(CLI::App& tool, CleanOptions& options) {
 Ending runClean(const CleanOptions& options, const StopSignal& stop, std::ostream& out,
                 std::ostream& errors) {
   receiver::installBusErrorGuard();  // a queue may be truncated while it is examined
-  const Items planned = planCleaning(common::plainQueueName(options.queue));
+  const CleanPlan plan = planCleaning(common::plainQueueName(options.queue));
+  const Items& planned = plan.items;
   std::string error = missing(options, planned);
-  if (!options.json && error.empty()) show(planned, out);
+  if (!options.json && error.empty()) show(plan, out, errors);
   if (error.empty()) error = objection(options, planned, stop, out);
   if (stop.received() != 0) return endedBySignal(stop.received());
   Items items = planned;
@@ -132,7 +143,7 @@ Ending runClean(const CleanOptions& options, const StopSignal& stop, std::ostrea
   const int exitCode = codeOf(isGood ? common::ExitCode::Success : common::ExitCode::Failed);
   if (!error.empty()) errors << "korvex: " << error << std::endl;
   if (options.json) {
-    out << jsonOf(items, error, exitCode) << '\n';
+    out << jsonOf(items, plan.unexamined, error, exitCode) << '\n';
   } else if (error.empty()) {
     showResult(planned, items, out, errors);
   }

@@ -8,6 +8,7 @@
 
 #include "common/Printable.h"
 #include "status/PairState.h"
+#include "status/QueueUsers.h"
 
 namespace korvex::tool {
 namespace {
@@ -28,9 +29,17 @@ std::string queueObstacle(const QueueState& queue) {
   return ownerObstacle(queue.object.user);
 }
 
+std::string userObstacle(const PairState& pair, const QueueUsers& users) {
+  const pid_t ofReplies = users.of(pair.replies.object);
+  const pid_t user = ofReplies != 0 ? ofReplies : users.of(pair.batches.object);
+  return user == 0 ? "" : runnerOf(user).text() + " has it open; end that process first";
+}
+
 /// Only one of two queues is rarely a daemon's work, and other programs have queues too.
-std::string pairObstacle(const PairState& pair, bool isNamed) {
+std::string pairObstacle(const PairState& pair, bool isNamed, const QueueUsers& users) {
   if (pair.service == PairState::Service::Served) return pair.server.text() + " serves it";
+  const std::string inUse = userObstacle(pair, users);
+  if (!inUse.empty()) return inUse;
   const bool isWhole = pair.batches.exists() && pair.replies.exists();
   if (!isWhole && !isNamed) {
     return "only one of its two queues is there, so it may be another program's; --queue removes "
@@ -54,11 +63,11 @@ std::string waitingText(const QueueState& batches) {
          common::byteText(static_cast<double>(batches.bytes)) + ")";
 }
 
-CleanItem itemOf(const PairState& pair, bool isNamed) {
+CleanItem itemOf(const PairState& pair, bool isNamed, const QueueUsers& users) {
   const bool isKnown = pair.service != PairState::Service::Unknown;
   const std::string found = std::string("served by nobody") + (isKnown ? "" : " seen from here") +
                             ", " + waitingText(pair.batches);
-  return {pair.name, CleanItem::Kind::Pair, found, pairObstacle(pair, isNamed)};
+  return {pair.name, CleanItem::Kind::Pair, found, pairObstacle(pair, isNamed, users)};
 }
 
 std::string makerObstacle(const receiver::HalfMadeQueue& queue) {
@@ -79,7 +88,12 @@ CleanItem itemOf(const receiver::HalfMadeQueue& queue) {
           makerObstacle(queue)};
 }
 
-void removePair(CleanItem& item) {
+/// A daemon or a producer may have come since the plan was made. What is served is refused below.
+void removePair(CleanItem& item, const receiver::ServingProcesses& serving,
+                const QueueUsers& users) {
+  const PairState pair = lookAtPair(item.name, serving);
+  if (pair.service != PairState::Service::Served) item.obstacle = userObstacle(pair, users);
+  if (!item.obstacle.empty()) return;
   try {
     receiver::removeDeadPair(item.name);
     item.isRemoved = true;
@@ -95,26 +109,30 @@ void removeHalfMade(CleanItem& item) {
 
 }  // namespace
 
-std::vector<CleanItem> planCleaning(const std::string& queue) {
+CleanPlan planCleaning(const std::string& queue) {
   const receiver::ServingProcesses serving;
-  std::vector<CleanItem> items;
+  const QueueUsers users;
+  CleanPlan plan;
+  plan.unexamined = users.unexamined();
   if (!queue.empty()) {
     const PairState pair = lookAtPair(queue, serving);
-    if (pair.exists()) items.push_back(itemOf(pair, true));
-    return items;
+    if (pair.exists()) plan.items.push_back(itemOf(pair, true, users));
+    return plan;
   }
   for (const std::string& name : receiver::pairNames()) {
-    items.push_back(itemOf(lookAtPair(name, serving), false));
+    plan.items.push_back(itemOf(lookAtPair(name, serving), false, users));
   }
-  for (const auto& halfMade : receiver::halfMadeQueues()) items.push_back(itemOf(halfMade));
-  return items;
+  for (const auto& halfMade : receiver::halfMadeQueues()) plan.items.push_back(itemOf(halfMade));
+  return plan;
 }
 
 void removeItems(std::vector<CleanItem>& items) {
+  const receiver::ServingProcesses serving;
+  const QueueUsers users;
   for (CleanItem& item : items) {
     if (!item.isToGo()) continue;
     if (item.kind == CleanItem::Kind::Pair) {
-      removePair(item);
+      removePair(item, serving, users);
     } else {
       removeHalfMade(item);
     }

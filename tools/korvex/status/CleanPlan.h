@@ -1,6 +1,7 @@
 #ifndef KORVEX_TOOL_CLEAN_PLAN_H
 #define KORVEX_TOOL_CLEAN_PLAN_H
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -19,9 +20,14 @@ struct CleanItem {
   bool isToGo() const { return obstacle.empty() && !isRemoved; }
 };
 
+struct CleanPlan {
+  std::vector<CleanItem> items;
+  std::size_t unexamined = 0;  ///< processes that may use the queues; this user cannot tell
+};
+
 /// Looks at what there is, all of it for an empty name, and takes no lock: a daemon that starts
 /// meanwhile must not find its queues claimed. So the outcome is certain only at the removal.
-std::vector<CleanItem> planCleaning(const std::string& queue);
+CleanPlan planCleaning(const std::string& queue);
 
 /// Removes what may go. What cannot be removed after all gets an obstacle.
 void removeItems(std::vector<CleanItem>& items);

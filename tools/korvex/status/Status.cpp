@@ -6,6 +6,7 @@
 #include <map>
 #include <ostream>
 #include <poll.h>
+#include <string_view>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -168,7 +169,8 @@ std::string fitted(const std::string& text) {
   std::size_t rows = 0;
   for (std::size_t at = 0; at < text.size() && ++rows < size.ws_row;) {
     const std::size_t end = text.find('\n', at);
-    fitting += text.substr(at, std::min<std::size_t>(end - at, size.ws_col - 1U)) + "\n";
+    const std::string_view line = std::string_view(text).substr(at, end - at);
+    fitting += std::string(common::cutToColumns(line, size.ws_col - 1U)) + "\n";
     at = end + 1;
   }
   return fitting;

@@ -11,6 +11,7 @@
 
 #include "common/ExitCode.h"
 #include "common/Printable.h"
+#include "common/QueueName.h"
 #include "inspect/JsonLine.h"
 
 namespace korvex::tool {
@@ -197,7 +198,7 @@ std::string lineOf(const receiver::HalfMadeQueue& queue) {
 }
 
 Json jsonOf(const Runner& runner) {
-  return {{"id", runner.id}, {"program", jsonTextOf(runner.program)}};
+  return {{"id", runner.id}, {"program", common::unambiguous(runner.program)}};
 }
 
 Json lockJson(const QueueState& queue) {
@@ -209,7 +210,7 @@ Json lockJson(const QueueState& queue) {
 }
 
 Json jsonOf(const QueueState& queue) {
-  Json json = {{"name", jsonTextOf(queue.name)}, {"condition", nameOf(queue)}};
+  Json json = {{"name", common::jsonNameOf(queue.name)}, {"condition", nameOf(queue)}};
   json["error"] = queue.systemError == 0 ? "" : std::generic_category().message(queue.systemError);
   if (!queue.exists()) return json;
   json["kind"] = kindText(queue.object.mode);
@@ -250,7 +251,7 @@ Json streamsJson(const StatusReport::Pair& pair) {
 
 Json jsonOf(const StatusReport::Pair& pair) {
   const bool isServed = pair.state.service == PairState::Service::Served;
-  return {{"name", jsonTextOf(pair.state.name)},
+  return {{"name", common::jsonNameOf(pair.state.name)},
           {"state", nameOf(pair.state.service)},
           {"servedBy", isServed ? jsonOf(pair.state.server) : Json()},
           {"batches", jsonOf(pair.state.batches)},
@@ -264,12 +265,14 @@ Json jsonOf(const StatusReport::Pair& pair) {
 std::string tableOf(const std::vector<std::vector<std::string>>& rows) {
   std::vector<std::size_t> widths(rows.front().size());
   for (const auto& row : rows) {
-    for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
+    for (std::size_t i = 0; i < row.size(); ++i) {
+      widths[i] = std::max(widths[i], common::columnsOf(row[i]));
+    }
   }
   std::string text;
   for (const auto& row : rows) {
     for (std::size_t i = 0; i + 1 < row.size(); ++i) {
-      text += row[i] + std::string(widths[i] - row[i].size() + 2, ' ');
+      text += row[i] + std::string(widths[i] - common::columnsOf(row[i]) + 2, ' ');
     }
     text += row.back() + "\n";
   }
@@ -297,7 +300,7 @@ std::string StatusReport::json() const {
   for (const Pair& pair : pairs) object["queues"].push_back(jsonOf(pair));
   object["halfMade"] = Json::array();
   for (const receiver::HalfMadeQueue& queue : halfMade) {
-    object["halfMade"].push_back({{"name", jsonTextOf(queue.name)},
+    object["halfMade"].push_back({{"name", common::jsonNameOf(queue.name)},
                                   {"process", queue.process},
                                   {"maker", nameOf(queue.maker)}});
   }

@@ -32,7 +32,7 @@ Json jsonOf(const StoredStream& stream) {
   for (const StreamProblem& problem : stream.problems) {
     problems.push_back({{"what", problem.what}, {"message", problem.text}});
   }
-  return {{"path", jsonTextOf(stream.path)},
+  return {{"path", common::unambiguous(stream.path)},
           {"state", nameOf(stream.state)},
           {"bytes", stream.bytes},
           {"note", stream.note},

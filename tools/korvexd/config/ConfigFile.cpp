@@ -6,6 +6,8 @@
 #include <fcntl.h>
 #include <korvex/receiver/SystemError.h>
 #include <sstream>
+#include <stdexcept>
+#include <sys/stat.h>
 #include <toml++/toml.h>
 #include <unistd.h>
 
@@ -164,6 +166,12 @@ class TableReader {
   ConfigFile file_;
 };
 
+void refuseOtherThanFile(const File& file, const std::string& doing) {
+  struct stat found = {};
+  if (::fstat(file.descriptor(), &found) == 0 && S_ISREG(found.st_mode)) return;
+  throw std::runtime_error(doing + ": found something else, expected a file");
+}
+
 }  // namespace
 
 ConfigFile parseConfigFile(const std::string& text) {
@@ -177,9 +185,12 @@ ConfigFile parseConfigFile(const std::string& text) {
 }
 
 ConfigFile readConfigFile(const std::string& path) {
-  const auto fail = [&] { throw receiver::SystemError("reading configuration " + path, errno); };
-  const File file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  const std::string doing = "reading configuration " + path;
+  const auto fail = [&] { throw receiver::SystemError(doing, errno); };
+  // Opening a pipe that nobody writes to would wait for ever, and a daemon with it.
+  const File file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (file.descriptor() < 0) fail();
+  refuseOtherThanFile(file, doing);
   std::string text;
   std::array<char, kChunk> chunk;
   for (;;) {

@@ -26,7 +26,8 @@ struct ConfigFile {
 /// Reads TOML. After a syntax error the rest of the file cannot be parsed.
 ConfigFile parseConfigFile(const std::string& text);
 
-/// Throws SystemError when the file cannot be read.
+/// Throws SystemError when the file cannot be read, std::runtime_error when it is a folder, a pipe
+/// or anything else but a file.
 ConfigFile readConfigFile(const std::string& path);
 
 }  // namespace korvexd

@@ -63,7 +63,7 @@ class Configuration {
   std::vector<Mistake> mistakes_;
 };
 
-/// Reads the file that the command line names, if any. Throws SystemError when it cannot be read.
+/// Reads the file that the command line names, if any. Throws as readConfigFile() does.
 Configuration readConfiguration(const CommandLine& commandLine);
 
 }  // namespace korvexd

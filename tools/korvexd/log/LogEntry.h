@@ -45,6 +45,7 @@ enum class Event : std::size_t {
   ConfigurationMistake,
   ConfigurationRefused,
   Draining,
+  EndHangs,
   LinesHeld,
   LinesLost,
   DaemonFailed
@@ -85,6 +86,7 @@ constexpr EventName kEventNames[] = {{Event::Note, "note"},
                                      {Event::ConfigurationMistake, "configuration_mistake"},
                                      {Event::ConfigurationRefused, "configuration_refused"},
                                      {Event::Draining, "draining"},
+                                     {Event::EndHangs, "end_hangs"},
                                      {Event::LinesHeld, "lines_held"},
                                      {Event::LinesLost, "lines_lost"},
                                      {Event::DaemonFailed, "daemon_failed"}};

@@ -53,7 +53,7 @@ std::string timeText(spdlog::log_clock::time_point time) {
 
 /// A queue has one name, wherever it stands.
 std::string jsonText(const std::string& field, const std::string& text) {
-  return field == "queue" ? common::jsonNameOf(text) : common::printable(text);
+  return field == "queue" ? common::jsonNameOf(text) : common::unambiguous(text);
 }
 
 std::string jsonLine(const LogEntry& entry, spdlog::log_clock::time_point time) {

@@ -172,6 +172,22 @@ void addLostLines(Samples& to, const DaemonNumbers& from) {
 
 std::uint64_t seconds(std::time_t time) { return static_cast<std::uint64_t>(time); }
 
+// A queue that cannot be made needs the alerts as much as any other.
+
+void addLastSuccess(Samples& to, const DaemonNumbers& from) {
+  addPerQueue(to, from, [](const QueueNumbers& queue) { return seconds(queue.lastSuccess); });
+  for (const AwaitedQueue& queue : from.awaited) {
+    to.add({{"queue", queue.name}}, seconds(queue.lastSuccess));
+  }
+}
+
+void addServed(Samples& to, const DaemonNumbers& from) {
+  addPerQueue(to, from, [](const QueueNumbers& queue) {
+    return std::uint64_t{queue.counts->isServed ? 1u : 0u};
+  });
+  for (const AwaitedQueue& queue : from.awaited) to.add({{"queue", queue.name}}, 0);
+}
+
 constexpr const char* kLastSuccess = "korvex_last_success_timestamp_seconds";
 constexpr const char* kCounter = "counter";
 constexpr const char* kGauge = "gauge";
@@ -190,23 +206,30 @@ const std::vector<MetricFamily>& metricFamilies() {
        [](Samples& to, const DaemonNumbers& from) {
          to.add({{"daemon", from.name}}, seconds(from.written));
        }},
+      {"korvex_config_last_reload_successful", kGauge,
+       "Whether the last attempt to load the configuration succeeded.",
+       [](Samples& to, const DaemonNumbers& from) {
+         to.add({{"daemon", from.name}}, std::uint64_t{from.isReloadRefused ? 0u : 1u});
+       }},
+      {"korvex_config_last_reload_success_timestamp_seconds", kGauge,
+       "When the configuration was last loaded.",
+       [](Samples& to, const DaemonNumbers& from) {
+         to.add({{"daemon", from.name}}, seconds(from.configured));
+       }},
       {"korvex_file_write_failures_total", kCounter,
        "Failed attempts to write the statistics or the metrics.", addFileFailures},
-      {"korvex_log_lines_lost_total", kCounter, "Lines that are in no log, by reason.",
+      {"korvex_log_lines_lost_total", kCounter, "Lines missing from the log, by reason.",
        addLostLines},
       {"korvex_streams_opened_total", kCounter, "Streams that were opened.",
        addCount<Count::StreamsOpened>},
       {"korvex_streams_total", kCounter, "Streams that ended, by result.", addResults},
-      {"korvex_stream_open", kGauge, "Whether a stream is open just now.",
+      {"korvex_stream_open", kGauge, "Whether a stream is open.",
        [](Samples& to, const DaemonNumbers& from) { addPerQueue(to, from, openStreams); }},
-      {kLastSuccess, kGauge, "When a stream was complete the last time; 0 for never.",
-       [](Samples& to, const DaemonNumbers& from) {
-         addPerQueue(to, from,
-                     [](const QueueNumbers& queue) { return seconds(queue.lastSuccess); });
-       }},
+      {kLastSuccess, kGauge, "When a stream last completed; 0 for never.",
+       addLastSuccess},
       {"korvex_bytes_total", kCounter, "Bytes of data that were handed to a sink.",
        addCount<Count::Bytes>},
-      {"korvex_records_total", kCounter, "Records of sound batches.", addCount<Count::Records>},
+      {"korvex_records_total", kCounter, "Records in valid batches.", addCount<Count::Records>},
       {"korvex_records_dropped_total", kCounter, "Records outside of a stream or in a failed one.",
        addCount<Count::DroppedRecords>},
       {"korvex_records_refused_total", kCounter,
@@ -240,23 +263,20 @@ const std::vector<MetricFamily>& metricFamilies() {
          addPerQueue(to, from, [](const QueueNumbers& queue) { return queue.capacity; });
        }},
       {"korvex_queue_full_seconds_total", kCounter,
-       "Time that the queue was full and producers had to wait, looked at once a second.",
+       "Time that the queue was full and producers had to wait, sampled once a second.",
        [](Samples& to, const DaemonNumbers& from) {
          addPerQueue(to, from, [](const QueueNumbers& queue) {
            return fmt::format("{:.3f}", queue.fullSeconds);
          });
        }},
-      {"korvex_queue_served", kGauge, "0 while the pair of queues is lost and not made again.",
-       [](Samples& to, const DaemonNumbers& from) {
-         addPerQueue(to, from, [](const QueueNumbers& queue) {
-           return std::uint64_t{queue.counts->isServed ? 1u : 0u};
-         });
-       }},
+      {"korvex_queue_served", kGauge,
+       "0 while the pair of queues is lost and not yet recreated, or could not be created at all.",
+       addServed},
       {"korvex_queue_pairs_replaced_total", kCounter,
-       "Pairs of queues that were of no more use and given up.",
+       "Pairs of queues that became unusable and were given up.",
        addCount<Count::QueueReplacements>},
       {"korvex_queue_pair_failures_total", kCounter,
-       "Times that a lost pair could not be made again at once.",
+       "Times that a lost pair could not be recreated at once.",
        addNumber<&QueueCounts::failuresToReplace>},
       {"korvex_messages_untaken_total", kCounter,
        "Messages that were lost with the queue when the daemon ended.",

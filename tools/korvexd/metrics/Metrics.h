@@ -27,14 +27,23 @@ struct QueueNumbers {
   double fullSeconds = 0;
 };
 
+/// A queue of the configuration that cannot be made yet.
+struct AwaitedQueue {
+  std::string name;             ///< in UTF-8
+  std::time_t lastSuccess = 0;  ///< 0 for never
+};
+
 /// What is known of the whole daemon at one moment.
 struct DaemonNumbers {
   std::string name;  ///< tells daemons of one machine apart
   std::time_t started = 0;
   std::time_t written = 0;
+  std::time_t configured = 0;         ///< when a configuration was taken the last time
+  bool isReloadRefused = false;       ///< the last one that was to be
   std::uint64_t statsFailures = 0;    ///< writes of the statistics
   std::uint64_t metricsFailures = 0;  ///< writes of the metrics
   std::vector<QueueNumbers> queues;
+  std::vector<AwaitedQueue> awaited;
 };
 
 /// Metrics that share a name. docs/monitoring.md lists them.

@@ -26,6 +26,13 @@ std::string daemonName(const std::string& path) {
   return common::jsonNameOf(std::filesystem::path(path).stem().string());
 }
 
+QueueFill::Activity activityOf(const QueueStats& queue) {
+  using receiver::Count;
+  const std::uint64_t pairs =
+      queue.counters->get(Count::QueueReplacements) + queue.log->counts().newPairs;
+  return {queue.log->heartbeat()->isResting(), queue.counters->get(Count::Batches) + pairs};
+}
+
 }  // namespace
 
 MetricsFile::MetricsFile(const std::string& path, std::time_t started,
@@ -37,12 +44,18 @@ MetricsFile::MetricsFile(const std::string& path, std::time_t started,
   numbers_.started = started;
 }
 
-void MetricsFile::update(const std::vector<QueueStats>& queues, std::uint64_t statsFailures) {
+void MetricsFile::update(const std::vector<QueueStats>& queues, const DaemonState& daemon) {
   const auto now = QueueFill::Clock::now();
-  numbers_.statsFailures = statsFailures;
+  numbers_.statsFailures = daemon.statsFailures;
+  numbers_.configured = daemon.configured;
+  numbers_.isReloadRefused = daemon.isReloadRefused;
   watch(queues, now);
   numbers_.queues.clear();
   for (const QueueStats& queue : queues) numbers_.queues.push_back(numbersOf(queue, now));
+  numbers_.awaited.clear();
+  for (const std::string& queue : daemon.awaited) {
+    numbers_.awaited.push_back({common::jsonNameOf(queue), lastSuccessOf(queue, 0)});
+  }
   const std::time_t time = std::time(nullptr);
   const bool isOld = time < numbers_.written || time - numbers_.written >= kLongestAge;
   if (!isOld && metricsText(numbers_) == text_) return;
@@ -57,22 +70,21 @@ QueueNumbers MetricsFile::numbersOf(const QueueStats& queue, QueueFill::Clock::t
   numbers.counts = &queue.log->counts();
   numbers.engineFailures = engineFailuresOf_(queue.queue);
   QueueFill& fill = fills_.at(queue.queue);
-  fill.look(now);
+  fill.look(now, activityOf(queue));
   numbers.waiting = fill.messages();
   numbers.capacity = fill.capacity();
   numbers.fullSeconds = fill.fullTime().count();
-  numbers.lastSuccess = lastSuccessOf(queue);
+  numbers.lastSuccess = lastSuccessOf(queue.queue, queue.log->counts().lastComplete);
   return numbers;
 }
 
-std::time_t MetricsFile::lastSuccessOf(const QueueStats& queue) {
-  auto last = successes_.find(queue.queue);
+std::time_t MetricsFile::lastSuccessOf(const std::string& queue, std::time_t sinceTheStart) {
+  auto last = successes_.find(queue);
   if (last == successes_.end()) {
-    const std::time_t earlier = lastSuccessIn(earlier_, common::jsonNameOf(queue.queue));
-    last = successes_.emplace(queue.queue, earlier).first;
+    const std::time_t earlier = lastSuccessIn(earlier_, common::jsonNameOf(queue));
+    last = successes_.emplace(queue, earlier).first;
   }
-  const std::time_t own = queue.log->counts().lastComplete;
-  if (own != 0) last->second = own;
+  if (sinceTheStart != 0) last->second = sinceTheStart;
   return last->second;
 }
 

@@ -15,6 +15,14 @@
 
 namespace korvexd {
 
+/// What is not a matter of one queue that is served.
+struct DaemonState {
+  std::uint64_t statsFailures = 0;        ///< writes of the statistics
+  std::time_t configured = 0;             ///< when a configuration was taken the last time
+  bool isReloadRefused = false;           ///< the last one that was to be
+  std::vector<std::string> awaited = {};  ///< queues that cannot be made yet
+};
+
 /// Keeps the daemon's metrics in one file, for the textfile collector of Prometheus' node exporter.
 /// Readers see a whole file. For one thread.
 class MetricsFile {
@@ -33,12 +41,11 @@ class MetricsFile {
   const std::string& path() const noexcept { return file_.path(); }
 
   /// Looks at these queues, each with its log, and writes the file when a number has changed or the
-  /// file is old. `statsFailures` counts failed writes of the statistics. Throws as
-  /// ReplacedFile::update() does.
-  void update(const std::vector<QueueStats>& queues, std::uint64_t statsFailures);
+  /// file is old. Throws as ReplacedFile::update() does.
+  void update(const std::vector<QueueStats>& queues, const DaemonState& daemon);
 
  private:
-  std::time_t lastSuccessOf(const QueueStats& queue);
+  std::time_t lastSuccessOf(const std::string& queue, std::time_t sinceTheStart);
   void watch(const std::vector<QueueStats>& queues, QueueFill::Clock::time_point now);
   QueueNumbers numbersOf(const QueueStats& queue, QueueFill::Clock::time_point now);
   void write();

@@ -69,6 +69,11 @@ bool File::isNamed(int folder, const std::string& name, Links links) const noexc
          here.st_dev == there.st_dev && here.st_ino == there.st_ino;
 }
 
+bool File::isRemoved() const noexcept {
+  struct stat found = {};
+  return ::fstat(descriptor_, &found) == 0 && found.st_nlink == 0;
+}
+
 std::uint64_t File::size(const std::string& doing) const {
   struct stat found = {};
   if (::fstat(descriptor_, &found) != 0) throw receiver::SystemError(doing, errno);

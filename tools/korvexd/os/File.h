@@ -37,6 +37,9 @@ class File {
   /// Whether `name` in a folder (or AT_FDCWD) leads here, not elsewhere or nowhere.
   bool isNamed(int folder, const std::string& name, Links links) const noexcept;
 
+  /// Whether it has no name left: a file or a folder that was removed.
+  bool isRemoved() const noexcept;
+
   /// Its size now. Throws SystemError.
   std::uint64_t size(const std::string& doing) const;
 

@@ -27,6 +27,8 @@ class Heartbeat {
 
   void rest() noexcept { lastBeat_ = kResting; }
 
+  bool isResting() const noexcept { return lastBeat_ == kResting; }
+
   /// For what waits on purpose and with a limit, deep inside of a step.
   static void beatOfThisThread() noexcept {
     if (ofThisThread() != nullptr) ofThisThread()->beat();

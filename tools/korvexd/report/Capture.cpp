@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <korvex/receiver/SystemError.h>
+#include <stdexcept>
 #include <string_view>
 
 #include "common/QueueName.h"
@@ -44,18 +45,32 @@ std::string padded(std::uint64_t number) {
   return std::string(kDigits - std::min(kDigits, digits.size()), '0') + digits;
 }
 
+File openCapture(const std::string& path) {
+  return File::openFolder(path, "opening capture folder " + path);
+}
+
 }  // namespace
 
 Capture::Capture(const std::string& folder, const std::string& queue)
-    : folder_(File::openFolder(folder, "opening capture folder " + folder)),
+    : path_(folder),
+      folder_(openCapture(folder)),
       prefix_(korvex::common::fileNameOf(queue) + "-"),
       lastNumber_(highestNumber(folder, prefix_)) {}
 
 void Capture::store(std::uint64_t number, const unsigned char* untrusted, std::size_t size) {
+  findFolder();
   const std::string name = prefix_ + padded(number) + std::string(kSuffix);
   File file =
       File::openAt(folder_.descriptor(), name, O_WRONLY | O_CREAT | O_EXCL, kFileMode, kStoring);
   file.writeAll(untrusted, size, kStoring);
+}
+
+void Capture::findFolder() {
+  if (folder_.isNamed(AT_FDCWD, path_, File::Links::Follow)) return;
+  if (!folder_.isRemoved()) {
+    throw std::runtime_error("capture folder was moved, replaced or unmounted: " + path_);
+  }
+  folder_ = openCapture(path_);
 }
 
 }  // namespace korvexd

@@ -50,6 +50,7 @@ struct QueueCounts {
   Number abandonFailures{0};
   Number captureFailures{0};
   Number failuresToReplace{0};  ///< tries in a row count once
+  Number newPairs{0};           ///< made in place of others
   Number messagesLeft{0};       ///< when the daemon ended
   std::atomic<bool> isServed{true};
   std::atomic<std::time_t> lastComplete{0};  ///< when; 0 for never since the start

@@ -42,7 +42,7 @@ Json openStreamOf(const StreamHistory& history, const receiver::Counters& counte
   if (!history.open) return nullptr;
   return {{"since", common::utcText(history.open->since)},
           {"bytes", history.openBytes(counters)},
-          {"place", common::printable(history.open->place)}};
+          {"place", common::unambiguous(history.open->place)}};
 }
 
 void addHistory(Json& json, const QueueStats& stats) {

@@ -33,14 +33,19 @@ level::level_enum levelOf(Ending ending) {
 
 StreamLog::StreamLog(std::string queue, const std::optional<std::string>& captureFolder)
     : queue_(std::move(queue)), log_(queue_) {
-  if (captureFolder) captureWith(Capture(*captureFolder, queue_));
+  if (captureFolder) captureWith(std::make_shared<Capture>(*captureFolder, queue_));
 }
 
 /// Numbers never go back: the log names batches by them.
-void StreamLog::captureWith(std::optional<Capture> capture) noexcept {
+void StreamLog::captureWith(std::shared_ptr<Capture> capture) noexcept {
   const std::lock_guard<std::mutex> lock(captureMutex_);
-  capture_ = std::move(capture);
+  capture_.swap(capture);
   if (capture_) firstNumber_ = std::max(firstNumber_.load(), capture_->lastNumber());
+}
+
+std::shared_ptr<Capture> StreamLog::capture() noexcept {
+  const std::lock_guard<std::mutex> lock(captureMutex_);
+  return capture_;
 }
 
 StreamLog::~StreamLog() {
@@ -49,16 +54,18 @@ StreamLog::~StreamLog() {
 
 void StreamLog::messageReceived(std::uint64_t number, const unsigned char* untrusted,
                                 std::size_t size) noexcept {
-  const std::lock_guard<std::mutex> lock(captureMutex_);
-  if (!capture_) return;
+  const std::shared_ptr<Capture> capture = this->capture();
+  if (capture == nullptr) return;
   try {
-    capture_->store(firstNumber_ + number, untrusted, size);
+    capture->store(firstNumber_ + number, untrusted, size);
+    isCaptureFailing_ = false;
   } catch (const std::exception& error) {
-    // Reported once; a full disk would otherwise fill the log as well.
-    if (counts_.captureFailures++ > 0) return;
-    quietly([&] {
-      writeLog({Event::CaptureFailed, level::warn, queue_,
-                fmt::format("batch {}: {}", firstNumber_.load() + number, error.what())});
+    ++counts_.captureFailures;
+    // The first in a row; a full disk would otherwise fill the log as well.
+    if (std::exchange(isCaptureFailing_, true)) return;
+    write(QueueLog::Kind::SinkTrouble, [&] {
+      return LogEntry(Event::CaptureFailed, level::warn, queue_,
+                      fmt::format("batch {}: {}", firstNumber_.load() + number, error.what()));
     });
   }
 }
@@ -162,12 +169,14 @@ void StreamLog::queuesNotReplaced(const std::string& reason) noexcept {
 
 void StreamLog::queuesReplaced() noexcept {
   counts_.isServed = true;
+  ++counts_.newPairs;
   write(QueueLog::Kind::QueuePair,
         [&] { return LogEntry(Event::QueuesReplaced, level::info, queue_, "served again"); });
 }
 
 void StreamLog::settingsChanged() noexcept {
   counts_.isServed = true;
+  ++counts_.newPairs;
   write(QueueLog::Kind::QueuePair, [&] {
     return LogEntry(Event::SettingsChanged, level::info, queue_,
                     "served with the changed settings");

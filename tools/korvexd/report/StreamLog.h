@@ -48,8 +48,9 @@ class StreamLog : public korvex::receiver::Observer {
 
   ~StreamLog() override;
 
-  /// Captures this way from now on, or not at all. Any thread may call it.
-  void captureWith(std::optional<Capture> capture) noexcept;
+  /// Captures this way from now on, or not at all. Any thread may call it; it does not wait for a
+  /// message that is being stored.
+  void captureWith(std::shared_ptr<Capture> capture) noexcept;
 
   /// Other settings are asked for. Any thread may call it.
   void expectChange() noexcept { changeRefused_ = false; }
@@ -93,6 +94,7 @@ class StreamLog : public korvex::receiver::Observer {
   void waiting() noexcept override { heartbeat_->rest(); }
 
  private:
+  std::shared_ptr<Capture> capture() noexcept;
   void noteOpening(const std::string& place) noexcept;
   void noteEnd(const korvex::receiver::StreamSummary& summary, const std::string& reason) noexcept;
   void count(const korvex::receiver::StreamSummary& summary) noexcept;
@@ -105,8 +107,9 @@ class StreamLog : public korvex::receiver::Observer {
   QueueLog log_;           ///< guarded by the mutex
   StreamHistory history_;  ///< guarded by the mutex
   std::mutex captureMutex_;
-  std::optional<Capture> capture_;             ///< guarded by that mutex
+  std::shared_ptr<Capture> capture_;           ///< guarded by that mutex; itself the receiver's
   std::atomic<std::uint64_t> firstNumber_{0};  ///< messages that earlier daemons captured
+  bool isCaptureFailing_ = false;              ///< the last one did; for the receiver's thread
   std::atomic<bool> changeRefused_{false};
   QueueCounts counts_;
   const std::shared_ptr<Heartbeat> heartbeat_ = std::make_shared<Heartbeat>();

@@ -26,11 +26,6 @@ std::shared_ptr<const File> openOutput(const std::string& path) {
   return folder;
 }
 
-bool isRemoved(const File& folder) {
-  struct stat found = {};
-  return ::fstat(folder.descriptor(), &found) == 0 && found.st_nlink == 0;
-}
-
 /// False when the name is in use. The numbers start again with every daemon, so an earlier one may
 /// have used it within the same second.
 bool tryToMake(const File& parent, const std::string& name) {
@@ -77,7 +72,7 @@ std::unique_ptr<receiver::Sink> DirectoryStore::open(const std::string& queue, s
 std::shared_ptr<const File> DirectoryStore::findFolder() {
   const std::lock_guard<std::mutex> lock(mutex_);
   if (folder_->isNamed(AT_FDCWD, path_, File::Links::Follow)) return folder_;
-  if (!isRemoved(*folder_)) throwOutputMoved(path_);
+  if (!folder_->isRemoved()) throwOutputMoved(path_);
   return folder_ = openOutput(path_);
 }
 

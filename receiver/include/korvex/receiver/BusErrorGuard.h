@@ -1,6 +1,8 @@
 #ifndef KORVEX_RECEIVER_BUS_ERROR_GUARD_H
 #define KORVEX_RECEIVER_BUS_ERROR_GUARD_H
 
+#include <functional>
+
 #include "korvex/receiver/Export.h"
 
 namespace korvex::receiver {
@@ -15,6 +17,13 @@ namespace korvex::receiver {
 ///
 /// A separate call, because a library must not take a signal from its host unasked.
 KORVEX_RECEIVER_EXPORT void installBusErrorGuard();
+
+/// Runs a step that touches a queue other than through this library: a writer's call. False when a
+/// SIGBUS ended it, which takes the guard; what the step throws passes through.
+///
+/// A step that is ended so is left as it stands: no destructor of it runs, a lock that it took stays
+/// taken, and the writer must not be used any more, nor destroyed.
+KORVEX_RECEIVER_EXPORT bool runGuarded(const std::function<void()>& step);
 
 }  // namespace korvex::receiver
 

@@ -78,11 +78,11 @@ TEST(LogFormat, GivesTheJournalAPriorityAndNoTime) {
 
 TEST(LogFormatUntrusted, KeepsEverythingOnOneLine) {
   const LogEntry entry = LogEntry(Event::Note, level::info, "a\nb\xff", "c\nd\x1b\xff")
-                             .with("place", "e\nf\xff")
+                             .with("place", "e\nf\xff\\")
                              .with("queue", "a\nb\xff");
   EXPECT_THAT(lineOf(entry, LogStyle::Text), EndsWith(" a\\x0ab\\xff: c\\x0ad\\x1b\\xff\n"));
   EXPECT_THAT(lineOf(entry, LogStyle::Json),
-              EndsWith("\"queue\":\"a%0Ab%FF\",\"place\":\"e\\\\x0af\\\\xff\","
+              EndsWith("\"queue\":\"a%0Ab%FF\",\"place\":\"e\\\\x0af\\\\xff\\\\x5c\","
                        "\"message\":\"c\\\\x0ad\\\\x1b\\\\xff\"}\n"));
 }
 

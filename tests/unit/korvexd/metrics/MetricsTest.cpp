@@ -39,7 +39,7 @@ class MetricsTest : public testing::Test {
 class MetricsFileTest : public testing::Test {
  protected:
   std::string written() const { return contentsOf(path_); }
-  void update(MetricsFile& file) { file.update({{"shop", &counters_, &log_}}, 0); }
+  void update(MetricsFile& file) { file.update({{"shop", &counters_, &log_}}, {}); }
   static EngineFailureCounts noFailures(const std::string&) { return {}; }
 
   korvex::test::TemporaryFolder folder_;
@@ -123,19 +123,19 @@ TEST_F(MetricsFileTest, KeepsTheLastSuccessOfAnEarlierDaemon) {
   update(first);
   StreamLog fresh("shop", std::nullopt);
   MetricsFile second(path_, 0, noFailures);
-  second.update({{"shop", &counters_, &fresh}, {"other", &counters_, &fresh}}, 0);
+  second.update({{"shop", &counters_, &fresh}, {"other", &counters_, &fresh}}, {});
   const std::string sample = "korvex_last_success_timestamp_seconds{queue=";
   EXPECT_THAT(written(), HasSubstr(sample + "\"shop\"} 1000000001\n"));
   EXPECT_THAT(written(), HasSubstr(sample + "\"other\"} 0\n"));
   fresh.streamComplete(endedAt(1000000002), "");
-  second.update({{"shop", &counters_, &fresh}}, 0);
+  second.update({{"shop", &counters_, &fresh}}, {});
   EXPECT_THAT(written(), HasSubstr(sample + "\"shop\"} 1000000002\n"));
 }
 
 TEST_F(MetricsFileTest, ForgetsQueuesThatAreNoLongerServed) {
   MetricsFile file(path_, 0, noFailures);
   update(file);
-  file.update({}, 0);
+  file.update({}, {});
   EXPECT_THAT(written(), Not(HasSubstr("shop")));
 }
 
@@ -143,11 +143,25 @@ TEST_F(MetricsFileTest, KeepsTheLastSuccessOfAQueueThatComesBack) {
   log_.streamComplete(endedAt(1000000001), "");
   MetricsFile file(path_, 0, noFailures);
   update(file);
-  file.update({}, 0);
+  file.update({}, {});
   StreamLog fresh("shop", std::nullopt);
-  file.update({{"shop", &counters_, &fresh}}, 0);
+  file.update({{"shop", &counters_, &fresh}}, {});
   EXPECT_THAT(written(),
               HasSubstr("korvex_last_success_timestamp_seconds{queue=\"shop\"} 1000000001\n"));
+}
+
+TEST_F(MetricsFileTest, KnowsAQueueThatCannotBeMade) {
+  log_.streamComplete(endedAt(1000000001), "");
+  MetricsFile file(path_, 0, noFailures);
+  update(file);
+  korvexd::DaemonState state;
+  state.awaited = {"shop", "new"};
+  file.update({}, state);
+  const std::string sample = "korvex_last_success_timestamp_seconds{queue=";
+  EXPECT_THAT(written(), HasSubstr("korvex_queue_served{queue=\"shop\"} 0\n"));
+  EXPECT_THAT(written(), HasSubstr("korvex_queue_served{queue=\"new\"} 0\n"));
+  EXPECT_THAT(written(), HasSubstr(sample + "\"shop\"} 1000000001\n"));
+  EXPECT_THAT(written(), HasSubstr(sample + "\"new\"} 0\n"));
 }
 
 TEST_F(MetricsFileTest, CountsEnginesByQueue) {

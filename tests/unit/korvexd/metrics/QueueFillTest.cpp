@@ -19,7 +19,9 @@ constexpr std::size_t kMessages = 2;
 class QueueFillTest : public testing::Test {
  protected:
   /// Looks so many seconds after the start.
-  void lookAfter(int time) { fill_.look(QueueFill::Clock::time_point(seconds(time))); }
+  void lookAfter(int time, const QueueFill::Activity& activity = {false, 0}) {
+    fill_.look(QueueFill::Clock::time_point(seconds(time)), activity);
+  }
   double fullSeconds() const { return fill_.fullTime().count(); }
   void makeQueue() { queue_.emplace(name_, kMessages, 16); }
 
@@ -57,6 +59,22 @@ TEST_F(QueueFillTest, GoesOnWithTheQueueThatReplacesAnother) {
   queue_->post("a", 1);
   lookAfter(3);
   EXPECT_EQ(fill_.messages(), 1u);
+}
+
+TEST_F(QueueFillTest, OpensNoQueueWhoseThreadOnlyWaits) {
+  makeQueue();
+  lookAfter(1, {true, 7});
+  EXPECT_EQ(fill_.capacity(), kMessages);
+  queue_->post("a", 1);
+  lookAfter(2, {true, 7});
+  EXPECT_EQ(fill_.messages(), 0u);
+  lookAfter(3, {true, 8});
+  EXPECT_EQ(fill_.messages(), 1u) << "it took another one";
+  queue_->post("b", 1);
+  lookAfter(4, {false, 8});
+  EXPECT_EQ(fill_.messages(), 2u) << "it hangs in its sink";
+  lookAfter(6, {true, 8});
+  EXPECT_EQ(fullSeconds(), 3) << "it waits for a lock";
 }
 
 TEST_F(QueueFillTest, OutlivesAQueueThatIsCut) {

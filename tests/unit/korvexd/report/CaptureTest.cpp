@@ -1,4 +1,6 @@
+#include <cstdio>
 #include <gmock/gmock.h>
+#include <unistd.h>
 
 #include "korvex/receiver/SystemError.h"
 #include "korvexd/report/Capture.h"
@@ -14,6 +16,16 @@ namespace {
 
 void store(Capture& capture, std::uint64_t number, const std::string& text) {
   capture.store(number, reinterpret_cast<const unsigned char*>(text.data()), text.size());
+}
+
+/// What storing a message throws; empty when it is stored.
+std::string refusalOf(Capture& capture, std::uint64_t number) {
+  try {
+    store(capture, number, "x");
+    return "";
+  } catch (const std::exception& error) {
+    return error.what();
+  }
 }
 
 }  // namespace
@@ -73,6 +85,32 @@ TEST(Capture, NeverReplacesACapturedMessage) {
   store(capture, 1, "first");
   EXPECT_THROW(store(capture, 1, "second"), korvex::receiver::SystemError);
   EXPECT_EQ(contentsOf(folder / "q-00000001.batch"), "first");
+}
+
+TEST(Capture, StoresNothingInAFolderThatWasMoved) {
+  const TemporaryFolder folder;
+  const std::string path = folder.makeFolder("captured");
+  Capture capture(path, "q");
+  ASSERT_EQ(std::rename(path.c_str(), (folder / "moved").c_str()), 0);
+  EXPECT_EQ(refusalOf(capture, 1), "capture folder was moved, replaced or unmounted: " + path);
+  folder.makeFolder("captured");
+  EXPECT_EQ(refusalOf(capture, 2), "capture folder was moved, replaced or unmounted: " + path);
+  EXPECT_THAT(namesIn(folder / "moved"), testing::IsEmpty());
+  ASSERT_EQ(::rmdir(path.c_str()), 0);
+  ASSERT_EQ(std::rename((folder / "moved").c_str(), path.c_str()), 0);
+  EXPECT_EQ(refusalOf(capture, 3), "") << "it is back";
+}
+
+TEST(Capture, GoesOnInTheFolderThatReplacesARemovedOne) {
+  const TemporaryFolder folder;
+  const std::string path = folder.makeFolder("captured");
+  Capture capture(path, "q");
+  ASSERT_EQ(::rmdir(path.c_str()), 0);
+  EXPECT_EQ(refusalOf(capture, 1),
+            "opening capture folder " + path + ": error 2 (No such file or directory)");
+  folder.makeFolder("captured");
+  store(capture, 2, "x");
+  EXPECT_THAT(namesIn(path), ElementsAre("q-00000002.batch"));
 }
 
 TEST(Capture, NamesAMissingFolder) {
