@@ -101,6 +101,7 @@ reproduce() {
   [ "$(id -u)" != 0 ] || chown -R $kAnotherUser:$kAnotherUser "$again"
   export kJobs
   export -f rebuild
+  # shellcheck disable=SC2016
   as_another bash -euc 'rebuild "$1"' rebuild "$again" > "$log" 2>&1 ||
     fail "the second build failed; the end of $log is
 $(tail -n 30 "$log" | cut -c 1-300)"

@@ -5,8 +5,8 @@
 # HEADERS are the folders of the public headers: types that are declared elsewhere may change.
 set -euo pipefail
 
-readonly kHere=$(dirname "$(realpath "${BASH_SOURCE[0]}")")
-readonly kSource=$(realpath "$kHere/../..")
+kHere=$(dirname "$(realpath "${BASH_SOURCE[0]}")")
+kSource=$(realpath "$kHere/../..")
 readonly kLibraries="src/libkorvex receiver/libkorvex-receiver platform/libqmx"
 
 work=$(mktemp -d "${TMPDIR:-/tmp}/korvex-abi-XXXXXX")
@@ -31,17 +31,17 @@ check() {
   abidiff --no-added-syms "$work/expected" "$work/found"
 }
 
-# symbols LIBRARY PACKAGE VERSION: its names as the packages' builds expect them. The names before
-# mangling are the same on every architecture.
+# symbols LIBRARY PACKAGE VERSION: its names as the packages' builds expect them. Those that were known
+# keep the version that they came with. The names before mangling are the same on every architecture.
 symbols() {
   local folder=$work/package/usr/lib
   mkdir -p "$folder"
   cp "$1" "$folder/$(basename "$1").$3"
-  dpkg-gensymbols -p"$2" -P"$work/package" -v"$3" -O"$work/mangled" > /dev/null 2>&1
+  dpkg-gensymbols -t -p"$2" -P"$work/package" -v"$3" -O"$work/mangled" > /dev/null 2>&1
   head -n 1 "$work/mangled"
   echo "* Build-Depends-Package: libkorvex-dev"
-  tail -n +2 "$work/mangled" | sed -E 's/^ (_Z[^ ]*)/ (c++)"\1"/' | c++filt | LC_ALL=C sort -u
-  rm -r "$work/package"
+  sed -En 's/^ (_Z[^ ]*)/ (c++)"\1"/; /^ /p' "$work/mangled" | c++filt | LC_ALL=C sort -u
+  rm -r "$work/package" "$work/mangled"  # which would be the basis of the next
 }
 
 update() {

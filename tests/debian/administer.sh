@@ -1,3 +1,4 @@
+#!/usr/bin/env bash
 # administer.sh: runs inside the bare system, as root.
 set -euo pipefail
 cd /root/debs

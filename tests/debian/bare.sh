@@ -20,6 +20,7 @@ cp "$source_tree/README.md" "$here/administer.sh" "$root/root/"
 mkdir -p "$base.packages"
 
 # Mounts and processes of their own: all of them end with the shell.
+# shellcheck disable=SC2016
 unshare --mount --pid --fork --kill-child bash -euc '
   mount -t proc proc "$1/proc"
   mkdir -p "$1/dev/shm"

@@ -6,6 +6,7 @@ readonly kRelease=bookworm
 
 # The archive's URIs and suites, as this machine's apt knows them.
 debian_suites() {
+  # shellcheck disable=SC2016
   apt-get indextargets --format '$(REPO_URI) $(RELEASE) $(COMPONENT)' \
     'Identifier: Packages' 'Origin: Debian' | sort -u
 }
@@ -23,7 +24,7 @@ debootstrap --variant=minbase $kRelease "$work/root" "$mirror" > "$work/log" 2>&
   tail -n 20 "$work/log" >&2
   exit 1
 }
-sed 's/^/deb /' <<< "$suites" > "$work/root/etc/apt/sources.list"
+awk '{ print "deb", $0 }' <<< "$suites" > "$work/root/etc/apt/sources.list"
 # How this machine fetches: through a proxy, from a mirror that is behind.
 apt-config dump | grep -E '^Acquire::[^"]*"[^"]+";$' > "$work/root/etc/apt/apt.conf.d/machine"
 rm -f "$work"/root/var/cache/apt/archives/*.deb
