@@ -1,10 +1,10 @@
-# abi.sh SOURCE COMPILER OBJECT...: programs that were built with the release that is written down
+# abi.sh SOURCE COMPILER OBJECTS: programs that were built with the release that is written down
 # work with these libraries; a library that would break them is refused. The objects are those of
-# libqmx.
+# libqmx, with semicolons between them.
 source "$(dirname "$0")/common.sh"
 
 source_tree=$1 compiler=$2
-shift 2
+IFS=';' read -ra objects <<< "$3"
 abi=$source_tree/packaging/abi/abi.sh
 
 for library in korvex korvex-receiver qmx; do
@@ -29,7 +29,6 @@ refuses() {
   grep -q "$2" "$work/log" || fail "it does not say that its $1: $(cat "$work/log")"
 }
 
-objects=("$@")
 link "${objects[@]}"
 "$abi" check "$work/libqmx.so" "$PREFIX/include" || fail "the parts alone are refused"
 

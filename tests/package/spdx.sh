@@ -32,13 +32,14 @@ done
 describe "$1" | cmp - "$work/document" || fail "described twice, it is described differently"
 
 # refuses WHAT SCRIPT: a document that the script for sed has changed.
+mv "$work/document" "$work/right"
 refuses() {
-  describe "$1" | sed "$3" > "$work/document"
-  ! cmp -s "$work/document" <(describe "$1") || fail "nothing was changed: $3"
-  ! check > "$work/log" || fail "it takes a document with $2"
+  sed "$2" "$work/right" > "$work/document"
+  ! cmp -s "$work/document" "$work/right" || fail "nothing was changed: $2"
+  ! check > "$work/log" || fail "it takes a document with $1"
 }
-refuses "$1" "another version of SPDX" 's/SPDX-2.3/SPDX-2.2/'
-refuses "$1" "a file's digest changed" 's/\("checksumValue": "\)\(.\)\([0-9a-f]*\)/\1\3\2/'
-refuses "$1" "a file left out" 's/CONTAINS/DESCRIBES/'
-refuses "$1" "a name that is used twice" 's/SPDXRef-BuiltWith-dash/SPDXRef-BuiltWith-libc6/'
-refuses "$1" "nothing said of the build" 's/BUILD_DEPENDENCY_OF/DESCRIBES/'
+refuses "another version of SPDX" 's/SPDX-2.3/SPDX-2.2/'
+refuses "a file's digest changed" 's/\("checksumValue": "\)\(.\)\([0-9a-f]*\)/\1\3\2/'
+refuses "a file left out" 's/CONTAINS/DESCRIBES/'
+refuses "a name that is used twice" 's/SPDXRef-BuiltWith-dash/SPDXRef-BuiltWith-libc6/'
+refuses "nothing said of the build" 's/BUILD_DEPENDENCY_OF/DESCRIBES/'
