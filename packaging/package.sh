@@ -134,6 +134,8 @@ for option in "$@"; do
   esac
 done
 
+[ "$(sed -n 's/^project(korvex VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)" = "$version" ] ||
+  fail "packaging/debian/changelog says $version, CMakeLists.txt says another version"
 git diff --quiet HEAD -- || echo "note: only what is committed is packaged; this tree has changes"
 step "build $version for $architecture"
 build

@@ -5,6 +5,7 @@ source "$(dirname "$0")/common.sh"
 deb=$work/small_1.0_all.deb
 mkdir -p "$work/small/DEBIAN" "$work/small/usr/share/small"
 echo data > "$work/small/usr/share/small/data"
+echo more > "$work/small/usr/share/small/more"
 ln -s data "$work/small/usr/share/small/link"
 printf '%s\n' "Package: small" "Version: 1.0" "Architecture: all" \
   "Maintainer: nobody <nobody@small.invalid>" "Description: small" > "$work/small/DEBIAN/control"
@@ -24,7 +25,7 @@ check() { python3 -B "$here/check_spdx.py" "$work/document" "$deb"; }
 
 describe "$1" > "$work/document"
 expect "the check of the document" "$(check)" \
-  "1 files in 1 packages, 4 packages: as described"
+  "2 files in 1 packages, 4 packages: as described"
 for line in '"created": "1970-01-02T00:00:00Z"' '"versionInfo": "2.36-9+deb12u14"' \
   '"fileName": "./usr/share/small/data"' '"licenseDeclared": "NONE"'; do
   grep -qF "$line" "$work/document" || fail "the document has no $line"
@@ -42,4 +43,5 @@ refuses "another version of SPDX" 's/SPDX-2.3/SPDX-2.2/'
 refuses "a file's digest changed" 's/\("checksumValue": "\)\(.\)\([0-9a-f]*\)/\1\3\2/'
 refuses "a file left out" 's/CONTAINS/DESCRIBES/'
 refuses "a name that is used twice" 's/SPDXRef-BuiltWith-dash/SPDXRef-BuiltWith-libc6/'
+refuses "a relation to nothing" 's/"relatedSpdxElement": "SPDXRef-Source-small"/"relatedSpdxElement": "SPDXRef-nobody"/'
 refuses "nothing said of the build" 's/BUILD_DEPENDENCY_OF/DESCRIBES/'
