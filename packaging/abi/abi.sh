@@ -37,7 +37,7 @@ symbols() {
   local folder=$work/package/usr/lib
   mkdir -p "$folder"
   cp "$1" "$folder/$(basename "$1").$3"
-  dpkg-gensymbols -t -p"$2" -P"$work/package" -v"$3" -O"$work/mangled" > /dev/null 2>&1
+  dpkg-gensymbols -q -t -p"$2" -P"$work/package" -v"$3" -O"$work/mangled"
   head -n 1 "$work/mangled"
   echo "* Build-Depends-Package: libkorvex-dev"
   sed -En 's/^ (_Z[^ ]*)/ (c++)"\1"/; /^ /p' "$work/mangled" | c++filt | LC_ALL=C sort -u
