@@ -29,6 +29,7 @@ NAVIGATION = [
                    ("Engines", "docs/exec.md"),
                    ("Recipes", "docs/recipes.md"),
                    ("Configuration", "docs/configuration.md"),
+                   ("Debian packages", "docs/packages.md"),
                    ("systemd", "docs/systemd.md"),
                    ("Status", "docs/status.md"),
                    ("Verifying", "docs/verify.md"),

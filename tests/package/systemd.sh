@@ -23,7 +23,7 @@ expect_at_most() {
 
 for unit in korvexd.service korvexd@shop.service; do
   [ -f "$units/$unit" ] || cp "$units/korvexd@.service" "$units/$unit"
-  complaints=$(SYSTEMD_UNIT_PATH="$units:" systemd-analyze verify "$units/$unit" 2>&1) ||
+  complaints=$(SYSTEMD_UNIT_PATH="$units:" systemd-analyze verify --man=no "$units/$unit" 2>&1) ||
     fail "systemd-analyze verify $unit: $complaints"
   expect "what systemd-analyze says of $unit" "$complaints" ""
   local_score=$(exposure "$units/$unit")
@@ -38,7 +38,7 @@ expect "KillMode" "$(grep -c '^KillMode=process$' "$units/korvexd.service")" 1
 
 mkdir "$units/korvexd.service.d"
 cp "$work/usr/share/korvex/systemd/network.conf" "$units/korvexd.service.d/"
-complaints=$(SYSTEMD_UNIT_PATH="$units:" systemd-analyze verify "$units/korvexd.service" 2>&1) ||
+complaints=$(SYSTEMD_UNIT_PATH="$units:" systemd-analyze verify --man=no "$units/korvexd.service" 2>&1) ||
   fail "systemd-analyze verify with network.conf: $complaints"
 expect "what systemd-analyze says with network.conf" "$complaints" ""
 network_score=$(SYSTEMD_UNIT_PATH="$units:" exposure "$units/korvexd.service")
