@@ -40,8 +40,10 @@ QueueServer::QueueServer(Receiver::Settings settings, SinkFactory openSink, Obse
 void QueueServer::open(Receiver::Existing existing) {
   message_.reset(new unsigned char[settings_.limits.messageSize]);
   next_.reset();
-  pair_ = std::make_unique<QueuePair>(settings_, existing);
-  replies_ = std::make_unique<ReplySender>(pair_->replies(), counters_);
+  // Both or neither, even when memory runs out in between.
+  auto pair = std::make_unique<QueuePair>(settings_, existing);
+  replies_ = std::make_unique<ReplySender>(pair->replies(), counters_);
+  pair_ = std::move(pair);
   if (idlePlace_) idlePlace_->listenTo(settings_.queue);
 }
 
@@ -312,6 +314,7 @@ void QueueServer::takeOrders() {
 }
 
 void QueueServer::tryChange() {
+  const Receiver::Settings before = settings_;  // while the order still stands: it takes memory
   std::unique_lock<std::mutex> lock(changeMutex_);
   const bool needsOtherPair = !QueuePair::isMadeAlike(settings_, change_->settings);
   if (needsOtherPair && !mayReplacePair()) return;
@@ -319,7 +322,7 @@ void QueueServer::tryChange() {
   change_.reset();
   hasChange_ = false;
   lock.unlock();
-  if (needsOtherPair && !replacePairFor(change.settings)) return;
+  if (needsOtherPair && !replacePairFor(change.settings, before)) return;
   takeSettings(change.settings);
   session_.openWith(std::move(change.openSink));
 }
@@ -336,8 +339,8 @@ void QueueServer::takeSettings(const Receiver::Settings& settings) {
 
 /// False when that fails; the old settings then still hold. The old pair goes first: memory may be
 /// too short for both.
-bool QueueServer::replacePairFor(const Receiver::Settings& settings) {
-  const Receiver::Settings before = settings_;
+bool QueueServer::replacePairFor(const Receiver::Settings& settings,
+                                 const Receiver::Settings& before) {
   takeSettings(settings);
   dropPair();
   try {

@@ -56,7 +56,7 @@ class QueueServer {
   void tryChange();
   bool mayReplacePair();
   void takeSettings(const Receiver::Settings& settings);
-  bool replacePairFor(const Receiver::Settings& settings);
+  bool replacePairFor(const Receiver::Settings& settings, const Receiver::Settings& before);
   void prepareRetirement();
   bool tryStep() noexcept;
   bool step();

@@ -42,12 +42,13 @@ readme() {
   readme_commands > /root/commands
   [ "$(wc -l < /root/commands)" = 3 ] ||
     fail "the README shows these commands, expected three: $(cat /root/commands)"
+  : > /root/log
   while read -r command; do
     echo "# $command"
-    eval "$command" < /dev/null > /root/log 2>&1 || fail "$command: $(tail -n 40 /root/log)"
+    eval "$command" < /dev/null >> /root/log 2>&1 || fail "$command: $(tail -n 40 /root/log)"
   done < /root/commands
   grep -a "stored and verified" /root/log || fail "nothing was verified: $(cat /root/log)"
-  quietly korvex verify /var/backups
+  quietly korvex verify /srv
   kill %korvexd
   wait
 }
@@ -88,7 +89,7 @@ install ./korvexd_*.deb
 rm -r $kState/streams/kept $kConfiguration/korvexd.toml
 quietly apt-get purge -y korvexd korvex 'libkorvex*' 'libqmx*'
 gone $kState $kConfiguration
-! has_user || fail "the user is still there"
+has_user || fail "the user is gone, whose streams may lie elsewhere"
 left=$(find / -xdev \( -name '*korvex*' -o -name '*libqmx*' \) ! -path '/root/*' ! -path '/proc/*' \
   ! -path '/var/cache/*')
 [ -z "$left" ] || fail "left behind: $left"

@@ -25,7 +25,7 @@ debootstrap --variant=minbase $kRelease "$work/root" "$mirror" > "$work/log" 2>&
   exit 1
 }
 awk '{ print "deb", $0 }' <<< "$suites" > "$work/root/etc/apt/sources.list"
-# How this machine fetches: through a proxy, from a mirror that is behind.
+# With the settings of this machine's apt.
 apt-config dump | grep -E '^Acquire::[^"]*"[^"]+";$' > "$work/root/etc/apt/apt.conf.d/machine"
 rm -f "$work"/root/var/cache/apt/archives/*.deb
 

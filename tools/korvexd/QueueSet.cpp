@@ -135,6 +135,8 @@ bool QueueSet::settle() noexcept {
 bool QueueSet::removeRetired() noexcept {
   const auto end = std::remove_if(queues_.begin(), queues_.end(), [](const auto& queue) {
     if (!queue->hasRetired()) return false;
+    queue->stop();
+    if (!queue->hasEnded()) return false;  // waiting for it here would hold up the signals
     tryToLog([&] {
       return LogEntry(Event::NoLongerServed, spdlog::level::info, queue->name(),
                       "no longer served");

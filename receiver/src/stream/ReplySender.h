@@ -19,8 +19,7 @@ class ReplySender {
   static constexpr std::size_t kMostPending = 4;
 
   /// Both outlive the sender.
-  ReplySender(OwnedQueue& replies, Counters& counters) noexcept
-      : replies_(replies), counters_(counters) {}
+  ReplySender(OwnedQueue& replies, Counters& counters) : replies_(replies), counters_(counters) {}
 
   /// Whether something waits for room.
   bool isPending() const noexcept { return !pending_.empty(); }

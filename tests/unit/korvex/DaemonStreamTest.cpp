@@ -136,7 +136,7 @@ TEST_F(DaemonStreamTo, FailsWhenTheQueueIsCutInTheMiddleOfACall) {
     stream.endSegment();
     ADD_FAILURE() << "nothing was thrown";
   } catch (const korvex::tool::Failure& failure) {
-    EXPECT_THAT(failure.what(), testing::HasSubstr("somebody truncated the queue's memory"));
+    EXPECT_THAT(failure.what(), testing::HasSubstr("the queue's memory was truncated"));
   }
   stream.stop(DaemonStream::StopWait::Ordinary);  // must not touch it
 }

@@ -93,3 +93,18 @@ TEST_P(ShortMemory, EndsNoReceiverAndCountsEachStreamOnce) {
   EXPECT_EQ(count(Count::StreamsOpened), count(Count::StreamsIncomplete));
   EXPECT_EQ(sinks_, 0);
 }
+
+TEST_P(ShortMemory, EndsNoReceiverThatMakesItsQueuesAgain) {
+  const auto open = [this](const std::string&, std::time_t) {
+    return std::make_unique<QuietSink>(sinks_);
+  };
+  std::size_t allocation = 0;
+  for (bool isAny = true; isAny; recover()) {
+    SCOPED_TRACE("allocation " + std::to_string(++allocation));
+    receiver_.change({name_, {4, 4096 * (1 + allocation)}}, open);
+    const AllocationFailure failure(allocation, GetParam());
+    for (int steps = 0; steps < 4; ++steps) receiver_.step();
+    isAny = failure.happened();
+  }
+  EXPECT_GT(allocation, 1u) << "none failed";
+}

@@ -414,9 +414,10 @@ template <typename Call>
 void DaemonStream::guarded(Call call) {
   if (receiver::runGuarded(std::ref(call))) return;
   isStoppable_ = false;
-  throwStreamFailed(ECONNRESET,
-                    "somebody truncated the queue's memory, or the system has none left: what the "
-                    "daemon has taken of the stream is incomplete");
+  throwStreamFailed(
+      ECONNRESET,
+      "the queue's memory was truncated, or the system has none left: what the daemon "
+      "was sent may be lost");
 }
 
 void DaemonStream::throwStreamFailed(ov_status_t status, const std::string& text) const {

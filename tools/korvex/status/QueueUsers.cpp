@@ -18,13 +18,14 @@ QueueUsers::QueueUsers() {
     const pid_t process = std::atoi(at->path().filename().c_str());
     if (process > 0) examine(process);
   }
+  if (error) ++unexamined_;
 }
 
 /// A line of the system's table: ADDRESSES PERMISSIONS OFFSET MAJOR:MINOR INODE NAME.
 void QueueUsers::examine(pid_t process) {
   errno = 0;
   std::ifstream maps("/proc/" + std::to_string(process) + "/maps");
-  if (!maps && (errno == EACCES || errno == EPERM)) ++unexamined_;
+  if (!maps && errno != ENOENT && errno != ESRCH) ++unexamined_;
   for (std::string line; std::getline(maps, line);) {
     unsigned deviceMajor = 0;
     unsigned deviceMinor = 0;
