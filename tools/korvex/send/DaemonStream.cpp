@@ -29,7 +29,7 @@ constexpr std::size_t kBatchOverhead = kBatchHeader + kRecordHeader;
 constexpr std::string_view kFinishing = "finishing";
 constexpr int kOpenAttempts = 3;
 constexpr std::chrono::milliseconds kWatchPeriod{10};
-constexpr std::chrono::steady_clock::duration kLongestFirstSleep = std::chrono::milliseconds(1);
+constexpr std::chrono::steady_clock::duration kLongestFirstSleep = std::chrono::milliseconds(4);
 
 std::string quoted(const std::string& name) { return "'" + common::printable(name) + "'"; }
 
@@ -326,8 +326,8 @@ bool DaemonStream::flushBefore(Clock::time_point deadline, StopWait wait) {
 }
 
 /// The writer would wait too, but would notice neither a signal nor a replaced queue.
-/// Its first sleep is a quarter of the last wait: behind a slow daemon, shorter ones only cost
-/// time.
+/// The first sleep is half of the last wait: behind a slow daemon, shorter ones only cost time. It
+/// shrinks by half with each batch that finds room at once.
 void DaemonStream::awaitRoom(Clock::time_point deadline) {
   const auto start = Clock::now();
   const auto hasRoom = [this] {
@@ -337,7 +337,8 @@ void DaemonStream::awaitRoom(Clock::time_point deadline) {
     return false;
   };
   if (!lookUntil(deadline, hasRoom, roomSleep_)) throwTimedOut("room");
-  roomSleep_ = std::clamp((Clock::now() - start) / 4, kShortestSleep, kLongestFirstSleep);
+  const auto half = std::max(Clock::now() - start, roomSleep_) / 2;
+  roomSleep_ = std::clamp(half, kShortestSleep, kLongestFirstSleep);
 }
 
 /// Takes the replies that seem to be there, up to the one that decides about the stream.

@@ -17,7 +17,7 @@ DigestedBlocks::~DigestedBlocks() {
 unsigned char* DigestedBlocks::current() {
   {
     std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait(lock, [this] { return submitted_ - digested_ < kBlocks; });
+    if (pending() == kBlocks) changed_.wait(lock, [this] { return pending() <= kWorthWaking; });
   }
   Block& next = block(submitted_);
   if (next.bytes == nullptr) next.bytes.reset(new unsigned char[kBlockSize]);
@@ -32,6 +32,7 @@ void DigestedBlocks::submit(std::size_t size) {
   {
     const std::lock_guard<std::mutex> lock(mutex_);
     ++submitted_;
+    if (pending() < kWorthWaking) return;
   }
   changed_.notify_all();
 }
@@ -50,22 +51,32 @@ bool DigestedBlocks::hasThread() {
 std::string DigestedBlocks::hex() {
   if (wanted_ == ExtraDigest::None) return "";
   std::unique_lock<std::mutex> lock(mutex_);
-  changed_.wait(lock, [this] { return submitted_ == digested_; });
+  isAwaited_ = true;
+  changed_.notify_all();
+  changed_.wait(lock, [this] { return pending() == 0; });
+  isAwaited_ = false;
   return sha256_.hex();
 }
 
 void DigestedBlocks::run() noexcept {
   std::unique_lock<std::mutex> lock(mutex_);
+  const auto hasWork = [this] {
+    return isOver_ || pending() >= kWorthWaking || (isAwaited_ && pending() > 0);
+  };
   for (;;) {
-    changed_.wait(lock, [this] { return isOver_ || digested_ < submitted_; });
+    changed_.wait(lock, hasWork);
+    while (pending() > 0 && !isOver_) digestNext(lock);
     if (isOver_) return;
-    const Block& next = block(digested_);
-    lock.unlock();
-    sha256_.update(next.bytes.get(), next.size);
-    lock.lock();
-    ++digested_;
-    changed_.notify_all();
   }
+}
+
+void DigestedBlocks::digestNext(std::unique_lock<std::mutex>& lock) {
+  const Block& next = block(digested_);
+  lock.unlock();
+  sha256_.update(next.bytes.get(), next.size);
+  lock.lock();
+  ++digested_;
+  if (pending() <= kWorthWaking) changed_.notify_all();
 }
 
 }  // namespace korvexd

@@ -25,7 +25,11 @@ class DigestedBlocks {
   static constexpr std::size_t kBlockSize = std::size_t{256} * 1024;
 
   /// How far the digest may be behind.
-  static constexpr std::size_t kBlocks = 4;
+  static constexpr std::size_t kBlocks = 8;
+
+  /// Waking the other thread may take as long as digesting a block. So each sleeps until half of
+  /// the blocks are there for it.
+  static constexpr std::size_t kWorthWaking = kBlocks / 2;
 
   explicit DigestedBlocks(ExtraDigest wanted) noexcept : wanted_(wanted) {}
   ~DigestedBlocks();
@@ -51,7 +55,9 @@ class DigestedBlocks {
   };
 
   Block& block(std::uint64_t number) { return blocks_[number % kBlocks]; }
+  std::uint64_t pending() const noexcept { return submitted_ - digested_; }
   void run() noexcept;
+  void digestNext(std::unique_lock<std::mutex>& lock);
   bool hasThread();
 
   const ExtraDigest wanted_;
@@ -61,6 +67,7 @@ class DigestedBlocks {
   std::condition_variable changed_;
   std::uint64_t submitted_ = 0;  ///< written by the owner, under the mutex
   std::uint64_t digested_ = 0;   ///< guarded by the mutex
+  bool isAwaited_ = false;       ///< guarded by the mutex
   bool isOver_ = false;          ///< guarded by the mutex
   std::thread thread_;
 };
