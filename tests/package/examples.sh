@@ -63,6 +63,11 @@ for _ in $(seq 3000); do
 done
 "$work/build/receipt" "$queue" < "$work/line" > /dev/null
 "$work/build/producer" "$queue" < "$work" 2> /dev/null && fail "a folder was streamed"
+# The producer does not wait for the daemon.
+for _ in $(seq 3000); do
+  ls "$work/files" | grep -q -- '-2[.]partial$' && break
+  sleep 0.02
+done
 expect "the stored files" "$(ls "$work/files" | sed -E "s/^$queue-[0-9]+-//" | sort | tr '\n' ' ')" \
   "1 2.partial "
 cmp "$work/line" "$work"/files/*-1 || fail "the example daemon stored something else"
