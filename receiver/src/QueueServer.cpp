@@ -198,7 +198,9 @@ void QueueServer::sayFinishing() {
 void QueueServer::takeEmptyBatches() {
   if (next_ == nullptr) next_.reset(new unsigned char[settings_.limits.messageSize]);
   std::size_t size = 0;
-  while (!nextSize_ && !isIdle() && receive(next_, size)) {
+  // No more than the queue can hold: the sink waits for the answer.
+  for (std::size_t left = settings_.limits.messages; left > 0 && !nextSize_ && !isIdle(); --left) {
+    if (!receive(next_, size)) return;
     nextSize_ = size;  // kept if memory runs out here
     if (BatchCheck(next_.get(), size).ok() && BatchRecords(next_.get()).isEmpty())
       nextSize_.reset();

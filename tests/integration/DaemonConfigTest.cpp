@@ -247,6 +247,22 @@ TEST_F(DaemonConfig, SwitchesTheCaptureOnAndOff) {
   EXPECT_EQ(namesIn(capture), atTheEnd);
 }
 
+TEST_F(DaemonConfig, ReportsAFailureOfEachCapture) {
+  const std::string first = folder_.makeFolder("first");
+  const std::string second = folder_.makeFolder("second");
+  configure("discard = true\ncapture = '" + first + "'");
+  const auto daemon = startConfigured();
+  std::filesystem::remove_all(first);
+  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  EXPECT_THAT(daemon->errors(), HasSubstr("batch 1: "));
+  configure("discard = true\ncapture = '" + second + "'");
+  reload(*daemon);
+  std::filesystem::remove_all(second);
+  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  EXPECT_THAT(daemon->errors(), HasSubstr(second));
+  end(*daemon);
+}
+
 TEST_F(DaemonConfig, ChangesNothingForAFileWithMistakes) {
   configure(toOutput());
   const auto daemon = startConfigured();

@@ -14,7 +14,7 @@ from dataclasses import dataclass, field
 SHARED_MEMORY = pathlib.Path("/dev/shm")
 QUEUE_OF_A_TEST = re.compile(r"\.?korvexd?-(?:[a-z]+-)*(\d{1,7})(?!\d)")
 FAILED_TEST = re.compile(r"^\[  FAILED  \] (\S+?),? ", re.MULTILINE)
-MOST_MEMORY = 8 << 30
+MOST_MEMORY = 12 << 30  # of addresses: a thousand threads reserve 8 GiB for their stacks
 
 
 @dataclass(frozen=True)

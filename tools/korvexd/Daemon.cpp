@@ -169,15 +169,16 @@ void Daemon::endQueues() {
     if (hangs || std::chrono::steady_clock::now() < patienceEnds) continue;
     hangs = true;
     writeLog({Event::EndHangs, spdlog::level::err, queue->name(),
-              "its sink does not return, and the daemon waits for it; another signal ends it at "
-              "once"});
+              "the sink has not returned for " + std::to_string(kPatienceWithSinks.count()) +
+                  " seconds; another signal ends the daemon at once"});
   }
 }
 
-/// As if it were killed, but for the queues that have ended.
+/// As if it were killed, but for the queues that have ended. The others may still log, so the
+/// logger stays.
 void Daemon::endAtOnce(int signal) {
   queues_.removeEnded();
-  spdlog::shutdown();  // the last lines are written here
+  spdlog::default_logger_raw()->flush();
   ::_exit(korvex::common::codeAfterSignal(signal));
 }
 
@@ -191,7 +192,10 @@ void Daemon::readAgain() noexcept {
     }
     if (!configuration.mistakes().empty()) throw std::runtime_error("it holds mistakes");
     take(configuration.settings());
-    writeLog({Event::ConfigurationRead, spdlog::level::info, "", "configuration read again"});
+    tryToLog([] {
+      return LogEntry(Event::ConfigurationRead, spdlog::level::info, "",
+                      "configuration read again");
+    });
   } catch (const std::exception& error) {
     isReloadRefused_ = true;
     tryToLog([&] {

@@ -1,5 +1,7 @@
 #include "stream/ReplySender.h"
 
+#include <algorithm>
+
 namespace korvex::receiver {
 namespace {
 
@@ -8,8 +10,8 @@ constexpr unsigned kPriority = 0;  // all alike, so that they keep their order
 }  // namespace
 
 void ReplySender::send(const Reply& reply) {
-  if (pending_.size() < kMostPending) {
-    pending_.push_back(reply);
+  if (waiting_ < kMostPending) {
+    pending_[waiting_++] = reply;
   } else {
     counters_.add(Count::RepliesLost);
   }
@@ -18,17 +20,17 @@ void ReplySender::send(const Reply& reply) {
 
 void ReplySender::sendPending() {
   while (isPending() && !replies_.looksFull()) {
-    const auto outcome = replies_.send(&pending_.front(), sizeof(Reply), kPriority);
+    const auto outcome = replies_.send(pending_.data(), sizeof(Reply), kPriority);
     if (outcome != MessageQueue::Outcome::Done) break;
-    pending_.pop_front();
+    std::move(pending_.begin() + 1, pending_.begin() + waiting_--, pending_.begin());
     counters_.add(Count::RepliesSent);
   }
   updatePending();
 }
 
 void ReplySender::withdraw() {
-  counters_.add(Count::RepliesWithdrawn, pending_.size());
-  pending_.clear();
+  counters_.add(Count::RepliesWithdrawn, waiting_);
+  waiting_ = 0;
   updatePending();
   // No more than the queue can hold: a peer that keeps filling it must not keep us here.
   for (std::size_t i = 0; i < replies_.limits().messages;) {
@@ -42,6 +44,6 @@ void ReplySender::withdraw() {
   }
 }
 
-void ReplySender::updatePending() { counters_.set(Count::RepliesPending, pending_.size()); }
+void ReplySender::updatePending() { counters_.set(Count::RepliesPending, waiting_); }
 
 }  // namespace korvex::receiver

@@ -1,8 +1,8 @@
 #ifndef KORVEX_RECEIVER_REPLY_SENDER_H
 #define KORVEX_RECEIVER_REPLY_SENDER_H
 
+#include <array>
 #include <cstddef>
-#include <deque>
 
 #include "korvex/receiver/Counters.h"
 #include "queues/OwnedQueue.h"
@@ -12,7 +12,8 @@ namespace korvex::receiver {
 
 /// Sends replies without ever waiting for room: a producer may never take them.
 ///
-/// What finds no room is kept, up to kMostPending, and retried. Throws LockLost, or what the queue
+/// What finds no room is kept, up to kMostPending, and retried. Takes no memory for that: a receipt
+/// comes when its stream has been stored already. Throws LockLost, or what the queue
 /// library throws, once the response queue is unusable.
 class ReplySender {
  public:
@@ -22,7 +23,7 @@ class ReplySender {
   ReplySender(OwnedQueue& replies, Counters& counters) : replies_(replies), counters_(counters) {}
 
   /// Whether something waits for room.
-  bool isPending() const noexcept { return !pending_.empty(); }
+  bool isPending() const noexcept { return waiting_ > 0; }
 
   /// Sends the reply after those that are already waiting.
   void send(const Reply& reply);
@@ -41,7 +42,8 @@ class ReplySender {
 
   OwnedQueue& replies_;
   Counters& counters_;
-  std::deque<Reply> pending_;
+  std::array<Reply, kMostPending> pending_;
+  std::size_t waiting_ = 0;  ///< in front of the array
 };
 
 }  // namespace korvex::receiver

@@ -195,6 +195,8 @@ void StreamSession::finishSegment() {
 
 StreamSession::Answer StreamSession::takeClose(const Record& record) {
   const StreamSummary whole = summary(Ending::Complete);
+  // Before the sink publishes anything: afterwards nothing may fail any more.
+  const Reply receipt = replyOf(0, Receipt{whole.bytes, whole.xxh128}.replyText());
   try {
     sink_->complete(whole, stillFinishing_);
   } catch (const std::exception& error) {
@@ -206,11 +208,11 @@ StreamSession::Answer StreamSession::takeClose(const Record& record) {
   observer_.streamComplete(whole, placeOf(sink_.get()));
   sink_.reset();
   rememberEnd(record);
-  return replyOf(0, Receipt{whole.bytes, whole.xxh128}.replyText());
+  return receipt;
 }
 
 StreamSession::Answer StreamSession::takeStop(const Record& record) {
-  leaveIncomplete(Ending::Stopped, "stopped by the producer");
+  leaveIncomplete(summary(Ending::Stopped), "stopped by the producer");
   rememberEnd(record);
   return {};
 }
@@ -246,7 +248,7 @@ StreamSession::Answer StreamSession::refuse(const std::string& text) {
 
 StreamSession::Answer StreamSession::fail(Ending ending, const std::string& text) {
   if (state_ == State::Open) {
-    leaveIncomplete(ending, text);
+    leaveIncomplete(summary(ending), text);
   } else {
     observer_.recordRefused(text);
   }
@@ -258,18 +260,16 @@ void StreamSession::end(Ending ending, const char* what, const std::string& deta
   assert(gatheredRecords_ == 0);
   if (state_ == State::Open) {
     try {
-      leaveIncomplete(ending, what + details);
+      leaveIncomplete(summary(ending), what + details);
     } catch (const std::exception&) {
-      counters_.add(Count::StreamsIncomplete);
-      sink_.reset();
+      leaveIncomplete(summaryWithoutMemory(ending), "out of memory");  // short enough to take none
     }
   }
   state_ = State::Idle;
 }
 
-/// What can throw comes first: a stream is counted and abandoned once.
-void StreamSession::leaveIncomplete(Ending ending, const std::string& reason) {
-  const StreamSummary taken = summary(ending);
+void StreamSession::leaveIncomplete(const StreamSummary& taken,
+                                    const std::string& reason) noexcept {
   counters_.add(Count::StreamsIncomplete);
   if (sink_ != nullptr) abandonSink(taken, reason);
   observer_.streamIncomplete(taken, reason, placeOf(sink_.get()));
@@ -285,15 +285,31 @@ void StreamSession::abandonSink(const StreamSummary& summary, const std::string&
 }
 
 StreamSummary StreamSession::summary(Ending ending) const {
-  const Receipt taken = digest_.expected();
-  StreamSummary result;
+  StreamSummary result = figures(ending);
   result.queue = queue_;
+  result.xxh128 = digest_.expected().xxh128;
+  return result;
+}
+
+/// With the texts that there is memory for.
+StreamSummary StreamSession::summaryWithoutMemory(Ending ending) const noexcept {
+  StreamSummary result = figures(ending);
+  try {
+    result.queue = queue_;
+    result.xxh128 = digest_.expected().xxh128;
+  } catch (const std::exception&) {
+    // Both are for people.
+  }
+  return result;
+}
+
+StreamSummary StreamSession::figures(Ending ending) const noexcept {
+  StreamSummary result;
   result.opened = stream_.opened;
   result.closed = std::time(nullptr);
-  result.bytes = taken.bytes;
+  result.bytes = digest_.bytes();
   result.segments = stream_.segments;
   result.records = stream_.records;
-  result.xxh128 = taken.xxh128;
   result.ending = ending;
   return result;
 }

@@ -76,8 +76,7 @@ class StreamSession {
   Answer takeSilence(std::chrono::seconds silence);
 
   /// Ends an open stream as incomplete, for a reason outside of it: `what`, with `details` after
-  /// it. When memory is too short for that, the sink is destroyed without abandon(), and nobody is
-  /// told.
+  /// it. When memory is too short for that, sink and observer are told "out of memory".
   void end(Ending ending, const char* what, const std::string& details = {}) noexcept;
 
  private:
@@ -122,9 +121,11 @@ class StreamSession {
   void rememberEnd(const Record& record);
   void startStream(const Record& record, bool cutsOffAnother);
   void finishSegment();
-  void leaveIncomplete(Ending ending, const std::string& reason);
+  void leaveIncomplete(const StreamSummary& taken, const std::string& reason) noexcept;
   void abandonSink(const StreamSummary& summary, const std::string& reason) noexcept;
   StreamSummary summary(Ending ending) const;
+  StreamSummary summaryWithoutMemory(Ending ending) const noexcept;
+  StreamSummary figures(Ending ending) const noexcept;
 
   const std::string queue_;
   SinkFactory openSink_;

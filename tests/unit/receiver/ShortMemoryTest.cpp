@@ -30,6 +30,21 @@ struct QuietSink : Sink {
   int& living;
 };
 
+/// Counts what it is told of streams.
+struct CountingObserver : Observer {
+  void streamOpened(const std::string&) noexcept override { isOpen = true; }
+  void streamIncomplete(const StreamSummary& summary, const std::string& reason,
+                        const std::string&) noexcept override {
+    EXPECT_NE(summary.opened, 0);
+    EXPECT_FALSE(reason.empty());
+    isOpen = false;
+    ++incomplete;
+  }
+
+  bool isOpen = false;
+  std::uint64_t incomplete = 0;
+};
+
 class ShortMemory : public testing::TestWithParam<AllocationFailure::Kind> {
  protected:
   /// Takes what waits while the allocation with this number fails. False when there are not so
@@ -64,7 +79,7 @@ class ShortMemory : public testing::TestWithParam<AllocationFailure::Kind> {
 
   const std::string name_ = "short-memory-" + korvex::test::uniqueQueueName();
   const korvex::test::QueueRemover remover_{name_};
-  Observer observer_;
+  CountingObserver observer_;
   int sinks_ = 0;
   Receiver receiver_{
       {name_, {4, 4096}},
@@ -91,6 +106,8 @@ TEST_P(ShortMemory, EndsNoReceiverAndCountsEachStreamOnce) {
   sendStream();
   recover();
   EXPECT_EQ(count(Count::StreamsOpened), count(Count::StreamsIncomplete));
+  EXPECT_EQ(observer_.incomplete, count(Count::StreamsIncomplete));
+  EXPECT_FALSE(observer_.isOpen);
   EXPECT_EQ(sinks_, 0);
 }
 

@@ -114,7 +114,7 @@ void SendRun::stream() {
     sendAll(input);
     input.finish();
     daemon_->close();
-  } catch (const Failure&) {
+  } catch (const std::exception&) {
     if (command_ != nullptr) command_->interrupt();
     // Not a close record: the daemon must see that the stream was cut short.
     daemon_->stop(DaemonStream::StopWait::Ordinary);

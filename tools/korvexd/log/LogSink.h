@@ -24,7 +24,7 @@ class LogSink : public spdlog::sinks::base_sink<std::mutex> {
     writer_.add(format_.line(entry != nullptr ? *entry : noteOf(message), message.time));
   }
 
-  void flush_() override {}
+  void flush_() override { writer_.flush(); }
 
  private:
   static LogEntry noteOf(const spdlog::details::log_msg& message) {

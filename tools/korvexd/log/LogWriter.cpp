@@ -85,12 +85,13 @@ struct LogWriter::State {
   const LogFormat format;
   std::mutex mutex;
   std::condition_variable changed;
-  std::condition_variable ended;
+  std::condition_variable idle;
   std::deque<std::string> lines;
   Loss unwritten{"they could not be written", logLosses().unwritten};
   Loss unread{"nobody read them", logLosses().unread};
   bool isCut = false;  ///< what was written last has no line feed; the thread's alone
   bool isOver = false;
+  bool isWriting = false;
   bool hasEnded = false;
 };
 
@@ -99,11 +100,14 @@ void LogWriter::State::run() noexcept {
   for (;;) {
     changed.wait(lock, [this] { return isOver || !lines.empty(); });
     if (lines.empty()) break;
+    isWriting = true;
     writeNext(lock);
+    isWriting = false;
+    if (lines.empty()) idle.notify_all();
   }
   if (report(unwritten, lock)) report(unread, lock);
   hasEnded = true;
-  ended.notify_all();
+  idle.notify_all();
 }
 
 /// What is missing comes first: it was older than the lines that are there, and more may be missing
@@ -158,7 +162,7 @@ LogWriter::~LogWriter() {
   state_->isOver = true;
   state_->changed.notify_one();
   const bool isWritten =
-      state_->ended.wait_for(lock, patience_, [this] { return state_->hasEnded; });
+      state_->idle.wait_for(lock, patience_, [this] { return state_->hasEnded; });
   lock.unlock();
   if (isWritten) {
     thread_.join();
@@ -166,6 +170,12 @@ LogWriter::~LogWriter() {
     // It hangs in a write, which ends with the process.
     thread_.detach();
   }
+}
+
+void LogWriter::flush() noexcept {
+  std::unique_lock<std::mutex> lock(state_->mutex);
+  state_->idle.wait_for(lock, patience_,
+                        [this] { return state_->lines.empty() && !state_->isWriting; });
 }
 
 void LogWriter::add(std::string line) noexcept {

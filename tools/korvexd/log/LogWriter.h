@@ -44,6 +44,9 @@ class LogWriter {
   LogWriter(const LogWriter&) = delete;
   LogWriter& operator=(const LogWriter&) = delete;
 
+  /// Waits until no line is left to write, but no longer than its patience.
+  void flush() noexcept;
+
   /// Takes a line with its line feed. Never waits for the reader; may be called by any thread.
   void add(std::string line) noexcept;
 

@@ -40,6 +40,7 @@ StreamLog::StreamLog(std::string queue, const std::optional<std::string>& captur
 void StreamLog::captureWith(std::shared_ptr<Capture> capture) noexcept {
   const std::lock_guard<std::mutex> lock(captureMutex_);
   capture_.swap(capture);
+  isCaptureFailing_ = false;
   if (capture_) firstNumber_ = std::max(firstNumber_.load(), capture_->lastNumber());
 }
 
@@ -62,7 +63,7 @@ void StreamLog::messageReceived(std::uint64_t number, const unsigned char* untru
   } catch (const std::exception& error) {
     ++counts_.captureFailures;
     // The first in a row; a full disk would otherwise fill the log as well.
-    if (std::exchange(isCaptureFailing_, true)) return;
+    if (isCaptureFailing_.exchange(true)) return;
     write(QueueLog::Kind::SinkTrouble, [&] {
       return LogEntry(Event::CaptureFailed, level::warn, queue_,
                       fmt::format("batch {}: {}", firstNumber_.load() + number, error.what()));
@@ -90,7 +91,8 @@ void StreamLog::noteEnd(const StreamSummary& summary, const std::string& reason)
   const std::lock_guard<std::mutex> lock(mutex_);
   history_.open.reset();
   history_.endedBytes += summary.bytes;
-  auto& last = reason.empty() ? history_.lastComplete : history_.lastIncomplete;
+  const bool isComplete = summary.ending == Ending::Complete;
+  auto& last = isComplete ? history_.lastComplete : history_.lastIncomplete;
   last = {summary.closed, summary.bytes, {}};
   quietly([&] { last->reason = reason; });
 }

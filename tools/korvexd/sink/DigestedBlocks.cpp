@@ -1,5 +1,7 @@
 #include "korvexd/sink/DigestedBlocks.h"
 
+#include <exception>
+
 #include "korvexd/os/Thread.h"
 
 namespace korvexd {
@@ -43,7 +45,7 @@ bool DigestedBlocks::hasThread() {
   try {
     thread_ = startThread("a stream's digest", [this] { run(); });
     return true;
-  } catch (const receiver::SystemError&) {
+  } catch (const std::exception&) {
     return false;
   }
 }
@@ -55,6 +57,7 @@ std::string DigestedBlocks::hex() {
   changed_.notify_all();
   changed_.wait(lock, [this] { return pending() == 0; });
   isAwaited_ = false;
+  if (failure_) std::rethrow_exception(failure_);
   return sha256_.hex();
 }
 
@@ -73,7 +76,11 @@ void DigestedBlocks::run() noexcept {
 void DigestedBlocks::digestNext(std::unique_lock<std::mutex>& lock) {
   const Block& next = block(digested_);
   lock.unlock();
-  sha256_.update(next.bytes.get(), next.size);
+  try {
+    sha256_.update(next.bytes.get(), next.size);
+  } catch (const std::exception&) {
+    failure_ = std::current_exception();
+  }
   lock.lock();
   ++digested_;
   if (pending() <= kWorthWaking) changed_.notify_all();

@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -45,7 +46,7 @@ class DigestedBlocks {
   void submit(std::size_t size);
 
   /// The digest of everything that was submitted: 64 lower-case hex digits; empty if none is
-  /// wanted.
+  /// wanted. Throws what the crypto library's refusal of any block threw.
   std::string hex();
 
  private:
@@ -69,6 +70,7 @@ class DigestedBlocks {
   std::uint64_t digested_ = 0;   ///< guarded by the mutex
   bool isAwaited_ = false;       ///< guarded by the mutex
   bool isOver_ = false;          ///< guarded by the mutex
+  std::exception_ptr failure_;   ///< to digest a block; the thread's, while blocks are on their way
   std::thread thread_;
 };
 

@@ -128,10 +128,10 @@ void DirectorySink::publish() {
 
 void DirectorySink::abandon(const receiver::StreamSummary& summary, const std::string& reason) {
   const Gathered bytes = digestGathered();
-  const std::string manifest = manifestOf(summary, blocks_.hex(), reason);
   try {
-    replaceFile(folder_.descriptor(), kManifestName, manifest, kFileMode, kWritingManifest);
-  } catch (const receiver::SystemError&) {
+    replaceFile(folder_.descriptor(), kManifestName, manifestOf(summary, blocks_.hex(), reason),
+                kFileMode, kWritingManifest);
+  } catch (const std::exception&) {
     // There may be room where there was none, or in a file that exists already.
     writeData(bytes.data, bytes.size);
     throw;

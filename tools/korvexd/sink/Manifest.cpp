@@ -17,9 +17,10 @@ constexpr int kIndent = 2;
 
 std::string manifestOf(const receiver::StreamSummary& summary, const std::string& sha256,
                        const std::string& reason) {
+  const bool isComplete = summary.ending == receiver::Ending::Complete;
   Json json = {{"format", kFormatVersion},
                {"queue", korvex::common::jsonNameOf(summary.queue)},
-               {"state", reason.empty() ? "complete" : "incomplete"},
+               {"state", isComplete ? "complete" : "incomplete"},
                {"reason", reason},
                {"bytes", summary.bytes},
                {"segments", summary.segments},

@@ -19,7 +19,8 @@ enum class Ending {
   ReceiverEnded  ///< in the middle of the stream
 };
 
-/// What is known of a stream when it ends.
+/// What is known of a stream when it ends. When memory is short, an incomplete one has no `queue`
+/// and no `xxh128`.
 struct StreamSummary {
   std::string queue;                 ///< that it came from
   std::time_t opened = 0;            ///< when its open record was taken

@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <sstream>
 #include <string>
+#include <sys/ioctl.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -41,6 +42,13 @@ class LogWriterLines : public testing::Test {
 
   /// Leaves the end to a thread that may still write into it.
   int giveWritingEndAway() { return std::exchange(ends_[1], -1); }
+
+  /// Bytes in the pipe.
+  int waiting() const {
+    int count = -1;
+    EXPECT_EQ(::ioctl(ends_[0], FIONREAD, &count), 0);
+    return count;
+  }
 
   void setNonBlocking(bool on) const { ::fcntl(ends_[1], F_SETFL, on ? O_NONBLOCK : 0); }
 
@@ -127,6 +135,25 @@ TEST_F(LogWriterLines, DelayTheEndOnlyBrieflyWhenNobodyReads) {
   writer.reset();
   EXPECT_GE(std::chrono::steady_clock::now() - start, kShort);
   closeReadingEnd();  // lets the thread end
+}
+
+TEST_F(LogWriterLines, AreWrittenOnceTheyAreFlushed) {
+  LogWriter writer(writingEnd(), kLong);
+  for (int i = 0; i < 100; ++i) {
+    writer.add("1234567\n");
+    writer.flush();
+    EXPECT_EQ(waiting(), 8 * (i + 1));
+  }
+}
+
+TEST_F(LogWriterLines, DelayAFlushOnlyBrieflyWhenNobodyReads) {
+  fill();
+  auto writer = std::make_unique<LogWriter>(giveWritingEndAway(), kShort);
+  writer->add("unread\n");
+  const auto start = std::chrono::steady_clock::now();
+  writer->flush();
+  EXPECT_GE(std::chrono::steady_clock::now() - start, kShort);
+  closeReadingEnd();
 }
 
 TEST_F(LogWriterLines, ReachANonBlockingDescriptorWhole) {

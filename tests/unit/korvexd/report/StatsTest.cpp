@@ -7,6 +7,7 @@
 
 using korvex::receiver::Count;
 using korvex::receiver::Counters;
+using korvex::receiver::Ending;
 using korvex::test::contentsOf;
 using korvex::test::namesIn;
 using korvex::test::TemporaryFolder;
@@ -93,7 +94,7 @@ TEST_F(StatsFileTest, TellsTheOpenStreamAndTheLastEndings) {
   log_.streamOpened("here");
   one_.add(Count::Bytes, 7);
   EXPECT_EQ(queue()["open_stream"]["bytes"], 7) << "of this stream alone";
-  log_.streamIncomplete({"q", 0, 86400, 7, 1, 3, ""}, "gone\xff", "");
+  log_.streamIncomplete({"q", 0, 86400, 7, 1, 3, "", Ending::Stopped}, "gone\xff", "");
   EXPECT_TRUE(queue()["open_stream"].is_null());
   EXPECT_EQ(queue()["last_incomplete"]["reason"], "gone\\xff");
   EXPECT_EQ(queue()["last_complete"]["bytes"], 5);

@@ -17,6 +17,7 @@
 #include "support/Child.h"
 #include "support/TemporaryFolder.h"
 
+using korvex::receiver::Ending;
 using korvex::receiver::Sink;
 using korvex::receiver::SinkFactory;
 using korvex::receiver::StreamSummary;
@@ -35,6 +36,8 @@ namespace {
 constexpr std::time_t kOpened = 1000000000;  // 2001-09-09 01:46:40 UTC
 
 const StreamSummary kSummary{"q", kOpened, kOpened + 60, 3, 1, 4, "0123456789abcdef"};
+const StreamSummary kStopped{"q", kOpened, kOpened + 60,       3,
+                             1,   4,       "0123456789abcdef", Ending::Stopped};
 
 const korvex::receiver::StillFinishing kPatient = [] { return true; };
 
@@ -143,7 +146,7 @@ TEST_P(EverySink, CompletesAStreamWithoutData) {
 TEST_P(EverySink, AbandonsAStream) {
   const auto sink = open_("q", kOpened);
   writeText(*sink, "abc");
-  EXPECT_NO_THROW(sink->abandon(kSummary, "why"));
+  EXPECT_NO_THROW(sink->abandon(kStopped, "why"));
 }
 
 TEST_P(EverySink, CanBeDestroyedWithoutEnd) {
@@ -154,7 +157,7 @@ TEST_P(EverySink, CanBeDestroyedWithoutEnd) {
 TEST_P(EverySink, LeavesNoDescriptorOpen) {
   const std::size_t before = namesIn("/proc/self/fd").size();
   open_("q", kOpened)->complete(kSummary, kPatient);
-  open_("q", kOpened)->abandon(kSummary, "why");
+  open_("q", kOpened)->abandon(kStopped, "why");
   open_("q", kOpened);
   EXPECT_EQ(namesIn("/proc/self/fd").size(), before);
 }
@@ -227,7 +230,7 @@ TEST_F(DirectorySinkTest, DigestsAnIncompleteStreamToo) {
   const auto sink = open();
   const std::string text(1000000, 'x');
   writeText(*sink, text);
-  sink->abandon(kSummary, "stopped");
+  sink->abandon(kStopped, "stopped");
   EXPECT_EQ(manifest(kPartial)["sha256"], sha256Of(text));
   EXPECT_TRUE(contentsOf(file(kPartial, "data")) == text);
 }
@@ -246,7 +249,7 @@ TEST_F(DirectorySinkTest, LeavesSha256OutWhereItIsNotWanted) {
 TEST_F(DirectorySinkTest, KeepsAnIncompleteStreamPartialAndSaysWhy) {
   const auto sink = open();
   writeText(*sink, "abc");
-  sink->abandon(kSummary, "stopped");
+  sink->abandon(kStopped, "stopped");
   EXPECT_THAT(namesIn(folder_.path()), ElementsAre(kPartial));
   EXPECT_EQ(manifest(kPartial)["state"], "incomplete");
   EXPECT_EQ(manifest(kPartial)["reason"], "stopped");
@@ -257,7 +260,7 @@ TEST_F(DirectorySinkTest, KeepsTheDataWhereTheManifestCannotBeWritten) {
   const auto sink = open();
   writeText(*sink, "abc");
   folder_.makeFolder(std::string(kPartial) + "/manifest.json.tmp");
-  EXPECT_THROW(sink->abandon(kSummary, "stopped"), SystemError);
+  EXPECT_THROW(sink->abandon(kStopped, "stopped"), SystemError);
   EXPECT_EQ(contentsOf(file(kPartial, "data")), "abc");
 }
 
@@ -271,7 +274,7 @@ TEST_F(DirectorySinkTest, ACrashLeavesThePartialFolder) {
 
 TEST_F(DirectorySinkTest, NeverUsesANameTwice) {
   open()->complete(kSummary, kPatient);
-  open()->abandon(kSummary, "x");
+  open()->abandon(kStopped, "x");
   DirectoryStore restarted(folder_.path());
   restarted.open("q", kOpened)->complete(kSummary, kPatient);
   EXPECT_THAT(namesIn(folder_.path()),
@@ -283,7 +286,7 @@ TEST_F(DirectorySinkTest, RefusesToReplaceAFinalNameThatAppearedMeanwhile) {
   folder_.makeFolder(kFinal);
   EXPECT_THROW(sink->complete(kSummary, kPatient), SystemError);
   EXPECT_THAT(namesIn(folder_ / kFinal), ElementsAre());
-  sink->abandon(kSummary, "name taken");
+  sink->abandon(kStopped, "name taken");
   EXPECT_EQ(manifest(kPartial)["state"], "incomplete");
 }
 
@@ -329,7 +332,7 @@ TEST_F(DirectorySinkTest, ReportsAFullDiskAndKeepsTheStreamPartial) {
     } catch (const SystemError& error) {
       EXPECT_STREQ(error.what(), "writing data: error 27 (File too large)");
     }
-    sink->abandon(kSummary, "disk full");
+    sink->abandon(kStopped, "disk full");
   }
   EXPECT_EQ(manifest(kPartial)["state"], "incomplete");
   EXPECT_EQ(contentsOf(file(kPartial, "data")).size(), 100000u) << "what fitted stays";
