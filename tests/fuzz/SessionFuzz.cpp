@@ -125,6 +125,7 @@ class Run {
     {
       StreamSession session("q", factory_, stats_, log_);
       while (!input.isEmpty()) step(session, input);
+      settle(session);
     }
     model_.end();
     compare();
@@ -134,6 +135,7 @@ class Run {
   void step(StreamSession& session, Input& input) {
     const unsigned what = input.byte();
     const unsigned how = what >> 3;
+    if (what % 8 > kStop) settle(session);
     switch (what & 7) {
       case 5:
         return failOnce(static_cast<Step>(how & 3));
@@ -168,10 +170,16 @@ class Run {
     const std::size_t size = hasData ? kSizes[how >> 3] : 0;
     record.size = static_cast<std::uint32_t>(size);
     record.data = source_.next(size);
+    const bool isGathered = session.gather(record);
+    if (!isGathered) settle(session);
+    const bool fails = model_.failing() == Step::Writing;
     const auto expected = model_.take({record.type, record.sequence, record.data, size});
-    const auto answer = session.gather(record) ? session.flush() : session.take(record);
-    check(expected, answer, "record type ");
+    if (isGathered && !fails) return require(expected == StreamModel::Answer::None, "no answer");
+    check(expected, isGathered ? session.flush() : session.take(record), "record type ");
   }
+
+  /// What was gathered may wait as long as nothing but the like follows.
+  void settle(StreamSession& session) { check(StreamModel::Answer::None, session.flush(), ""); }
 
   /// Mostly the right one.
   std::uint64_t sequence(std::uint32_t type, unsigned how, Input& input) {

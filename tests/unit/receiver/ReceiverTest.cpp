@@ -93,6 +93,38 @@ TEST(Receiver, TakesAtItsEndWhatCameDuringAFinish) {
   EXPECT_THAT(streams.ends, ElementsAre("complete", "the daemon ended"));
 }
 
+namespace {
+
+/// For each message that the receiver takes, an empty batch.
+class Flood : public Observer {
+ public:
+  void messageReceived(std::uint64_t, const unsigned char*, std::size_t) noexcept override {
+    if (producer != nullptr) producer->flush_shm_buffer(1);
+  }
+
+  ShmWriter* producer = nullptr;
+};
+
+}  // namespace
+
+TEST(Receiver, FinishesAStreamUnderAFloodOfEmptyBatches) {
+  const std::string name = korvex::test::uniqueQueueName();
+  const korvex::test::QueueRemover remover(name);
+  Streams streams;
+  Flood flood;
+  const auto open = [&](const std::string&, std::time_t) {
+    return std::make_unique<SlowSink>(streams);
+  };
+  Receiver receiver({name, {4, 4096}}, open, flood);
+  ShmWriter first("first", name, 1, 1, false);
+  first.open();
+  first.close();
+  ShmWriter second("second", name, 1, 1, false);
+  flood.producer = &second;
+  receiver.run(streams.stop);
+  EXPECT_THAT(streams.ends, ElementsAre("complete"));
+}
+
 // Asking takes a system call or two. At each look at the queue, that would cost a processor.
 TEST(Receiver, AsksASinkAFewTimesASecondOnly) {
   const std::string name = korvex::test::uniqueQueueName();

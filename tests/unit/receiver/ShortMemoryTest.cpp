@@ -4,6 +4,7 @@
 #include <memory>
 #include <qmx/error.h>
 #include <string>
+#include <utility>
 
 #include "korvex/ShmWriter.h"
 #include "korvex/receiver/Receiver.h"
@@ -41,7 +42,13 @@ struct CountingObserver : Observer {
     ++incomplete;
   }
 
+  void streamComplete(const StreamSummary&, const std::string&) noexcept override {
+    isOpen = false;
+    ++complete;
+  }
+
   bool isOpen = false;
+  std::uint64_t complete = 0;
   std::uint64_t incomplete = 0;
 };
 
@@ -64,14 +71,23 @@ class ShortMemory : public testing::TestWithParam<AllocationFailure::Kind> {
     }
   }
 
-  /// The failure of the stream before may come back at any call; all up to that was sent.
-  void sendStream() const {
+  /// The failure of the stream before may come back at any call; all up to that was sent. Whether
+  /// the stream was sent whole.
+  bool sendStream(bool isWhole = false) const {
     try {
       ShmWriter writer("test", name_, 1, 1, false);
       writer.open();
-      writer.writeSegment(reinterpret_cast<const unsigned char*>("abc"), 3);
-      writer.stop(true);
+      for (int i = 0; i < 3; ++i) {
+        writer.writeSegment(reinterpret_cast<const unsigned char*>("abc"), 3);
+      }
+      if (isWhole) {
+        writer.close();
+      } else {
+        writer.stop(true);
+      }
+      return true;
     } catch (const Ov_ErrnoException&) {
+      return false;
     }
   }
 
@@ -94,19 +110,24 @@ INSTANTIATE_TEST_SUITE_P(, ShortMemory,
                                          AllocationFailure::Kind::Lasting));
 
 TEST_P(ShortMemory, EndsNoReceiverAndCountsEachStreamOnce) {
-  std::size_t allocation = 0;
-  do {
-    SCOPED_TRACE("allocation " + std::to_string(++allocation));
-    sendStream();
-  } while (takeAllWithout(allocation) && (recover(), true));
-  EXPECT_GT(allocation, 1u) << "none failed";
-  recover();
+  std::size_t allocation = 1;
+  for (bool isWhole : {true, false}) {
+    for (bool isAny = true; isAny; recover()) {
+      SCOPED_TRACE("allocation " + std::to_string(allocation));
+      const bool isSent = sendStream(isWhole);
+      isAny = takeAllWithout(allocation) || !isSent;
+      if (isSent) ++allocation;
+    }
+    EXPECT_GT(std::exchange(allocation, 1), 2u) << "none failed";
+  }
   sendStream();  // after which no failure is left to come back
   recover();
   sendStream();
   recover();
-  EXPECT_EQ(count(Count::StreamsOpened), count(Count::StreamsIncomplete));
+  EXPECT_EQ(count(Count::StreamsOpened),
+            count(Count::StreamsComplete) + count(Count::StreamsIncomplete));
   EXPECT_EQ(observer_.incomplete, count(Count::StreamsIncomplete));
+  EXPECT_EQ(observer_.complete, count(Count::StreamsComplete));
   EXPECT_FALSE(observer_.isOpen);
   EXPECT_EQ(sinks_, 0);
 }

@@ -223,6 +223,7 @@ TEST_F(DirectorySinkTest, DigestsStreamsAroundTheSizeOfABlock) {
     sink->complete(kSummary, kPatient);
     EXPECT_EQ(nlohmann::json::parse(contentsOf(sink->place() + "/manifest.json"))["sha256"],
               sha256Of(text));
+    EXPECT_TRUE(contentsOf(sink->place() + "/data") == text);
   }
 }
 
