@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # What programs that were built with the libraries rely on, and how it is written down:
 #   abi.sh check LIBRARY HEADERS...   compares a library with its dump; says what no longer fits
-#   abi.sh update BUILD               writes the dumps and packaging/debian/*.symbols from a build
+#   abi.sh update BUILD               writes the dumps and packaging/debian/*.symbols from a build;
+#                                     refuses to once that would break programs built with a release
 # HEADERS are the folders of the public headers: types that are declared elsewhere may change.
 set -euo pipefail
 
@@ -45,20 +46,33 @@ symbols() {
   local folder=$work/package/usr/lib
   mkdir -p "$folder"
   cp "$1" "$folder/$(basename "$1").$3"
-  dpkg-gensymbols -q -t -p"$2" -P"$work/package" -v"$3" -O"$work/mangled"
+  dpkg-gensymbols -q -t -c0 -p"$2" -P"$work/package" -v"$3" -O"$work/mangled"
   head -n 1 "$work/mangled"
   echo "* Build-Depends-Package: libkorvex-dev"
   sed -En 's/^ (_Z[^ ]*)/ (c++)"\1"/; /^ /p' "$work/mangled" | c++filt | LC_ALL=C sort -u
   rm -r "$work/package" "$work/mangled"  # which would be the basis of the next
 }
 
+# Whether a version with the same names of libraries has been released.
+is_released() { # version
+  sed -En 's/^korvex \(([^)]*)\.[^.)]*\) ([^;]*);.*/\1 \2/p' "$kSource/packaging/debian/changelog" |
+    grep -v ' UNRELEASED$' | cut -d ' ' -f 1 | grep -qxF "${1%.*}"
+}
+
 update() {
   local build version library name headers package
   build=$(realpath "$1")
   version=$(dpkg-parsechangelog -l "$kSource/packaging/debian/changelog" -S Version)
+  headers=$(ls -d {"$kSource","$build"}/{include,receiver/include,platform/include})
+  for library in $kLibraries; do
+    is_released "$version" || break
+    # shellcheck disable=SC2086
+    check "$build/$library.so" $headers && continue
+    echo "$library.so breaks programs built with a released ${version%.*}; raise the minor version" >&2
+    return 1
+  done
   for library in $kLibraries; do
     name=$(basename "$library")
-    headers=$(ls -d {"$kSource","$build"}/{include,receiver/include,platform/include})
     # shellcheck disable=SC2086
     write_dump "$build/$library.so" $headers
     package=$name${version%.*}

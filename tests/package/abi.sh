@@ -41,6 +41,29 @@ sed 's/^  ov_status_t status_;/&\n  ov_status_t reserved_[2];/' "$PREFIX/include
 link "$work/Error.o" $(objects_without Error)
 refuses "exception grew" "type size changed"
 
+# A tree of its own, whose build holds that library.
+tree=$work/tree
+mkdir -p "$tree"/build/{src,receiver,platform,include,receiver/include,platform/include}
+cp -r "$source_tree/packaging" "$tree"
+ln -s "$source_tree"/{include,receiver,platform} "$tree"
+cp "$LIBDIR/libkorvex.so" "$tree/build/src"
+cp "$LIBDIR/libkorvex-receiver.so" "$tree/build/receiver"
+cp "$work/libqmx.so" "$tree/build/platform"
+
+# updated_once_it_is DISTRIBUTION
+updated_once_it_is() {
+  sed -i "1s/) [^;]*;/) $1;/" "$tree/packaging/debian/changelog"
+  "$tree/packaging/abi/abi.sh" update "$tree/build" > "$work/log" 2>&1
+}
+
+! updated_once_it_is unstable || fail "a break of a release can be written down"
+grep -q "raise the minor version" "$work/log" || fail "it does not say what to do: $(cat "$work/log")"
+diff -r "$source_tree/packaging" "$tree/packaging" --exclude changelog ||
+  fail "a refused update changes what is written down"
+updated_once_it_is UNRELEASED || fail "before its release it cannot be changed: $(cat "$work/log")"
+"$tree/packaging/abi/abi.sh" check "$work/libqmx.so" "$PREFIX/include" > "$work/log" ||
+  fail "the update wrote something else down: $(cat "$work/log")"
+
 # shellcheck disable=SC2046
 link $(objects_without String)
 refuses "function is gone" "qmxstrcpy"
