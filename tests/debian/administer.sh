@@ -4,6 +4,7 @@ set -euo pipefail
 cd /root/debs
 
 readonly kState=/var/lib/korvex kConfiguration=/etc/korvex
+readonly kWanted=/etc/systemd/system/multi-user.target.wants
 export DEBIAN_FRONTEND=noninteractive
 
 fail() {
@@ -53,12 +54,14 @@ readme() {
   wait
 }
 
-# What the service would leave; no systemd runs here.
+# What the service and its administrator would leave; no systemd runs here.
 use() {
-  systemd-tmpfiles --create
   mkdir -p $kState/streams/kept $kState/metrics
   echo data > $kState/streams/kept/data
   chown -R korvex:korvex $kState
+  touch $kState/stats.json $kState/metrics/korvex.prom
+  mkdir -p $kWanted
+  ln -sf /lib/systemd/system/korvexd@.service $kWanted/korvexd@shop.service
   echo '[defaults]' > $kConfiguration/korvexd.toml
 }
 
@@ -74,6 +77,10 @@ readme
 step "the installed programs carry a stream"
 quietly /root/tests/stream
 
+step "only root changes configurations, and only the daemon reads them, too"
+found=$(stat -c '%a %U:%G' $kConfiguration)
+[ "$found" = "750 root:korvex" ] || fail "$kConfiguration: found $found, expected 750 root:korvex"
+
 step "an upgrade, a removal and even a purge keep streams and configuration"
 use
 install --reinstall ./korvexd_*.deb
@@ -83,6 +90,7 @@ gone /usr/bin/korvexd
 expect_kept
 quietly apt-get purge -y korvexd
 expect_kept
+gone $kState/stats.json $kState/metrics $kWanted/korvexd@shop.service
 
 step "without them, a purge leaves nothing"
 install ./korvexd_*.deb
@@ -101,4 +109,5 @@ quietly /root/tests/stream
 step "programs build against libkorvex-dev with CMake and pkg-config"
 install ./libkorvex-dev_*.deb cmake g++ make pkg-config
 quietly /root/tests/build
-gone /dev/shm/korvex*
+left=$(ls -A /dev/shm)
+[ -z "$left" ] || fail "left in shared memory: $left"

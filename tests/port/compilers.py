@@ -134,6 +134,8 @@ def main():
         sys.exit(f"compilers.py: {shlex.join(error.cmd)} failed")
     entries = [entry for entry in json.loads((BUILD / "compile_commands.json").read_text())
                if re.search(options.only, entry["file"])]
+    if not entries:
+        parser.error("--only: no source fits")
     checks = [*header_checks(), *boost_checks(entries), *source_checks(entries)]
     with concurrent.futures.ThreadPoolExecutor(options.jobs) as pool:
         results = list(pool.map(passed, checks))
