@@ -364,7 +364,7 @@ void QueueServer::prepareRetirement() {
   if (!isRestTaken || nextSize_) return;
   refusesStreams_ = true;
   session_.openWith([](const std::string&, std::time_t) -> std::unique_ptr<Sink> {
-    throw std::runtime_error("the daemon takes no new streams from this queue");
+    throw std::runtime_error("the daemon accepts no new streams on this queue");
   });
 }
 

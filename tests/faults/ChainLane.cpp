@@ -61,7 +61,7 @@ struct Blame {
 };
 
 constexpr Blame kBlames[] = {{"was ended by signal 9", Part::Command},
-                             {"somebody killed the engine's keeper", Part::Keeper},
+                             {"the engine's keeper was killed", Part::Keeper},
                              {"the engine was killed by signal 9", Part::Engine}};
 
 bool isDocumented(int code) {

@@ -78,7 +78,8 @@ TEST_F(Clean, OnlyShowsWithoutATerminal) {
   leaveByADeadDaemon();
   const ToolRun run = runTool({"clean", "--queue", queue_});
   EXPECT_EQ(run.code, 1);
-  EXPECT_EQ(run.output, "remove  " + queue_ + ": served by nobody, messages waiting: 0 (0 B)\n");
+  EXPECT_EQ(run.output,
+            "remove  " + queue_ + ": no process serves it, messages waiting: 0 (0 B)\n");
   EXPECT_THAT(run.errors, HasSubstr("without a terminal --yes is needed"));
   EXPECT_TRUE(isThere());
 }
@@ -163,7 +164,7 @@ TEST_F(Clean, LeavesADaemonsQueuesThatStartsMeanwhile) {
   const auto daemon = start({"--replace"});
   terminal.type("y\n");
   EXPECT_EQ(tool->wait(), 1);
-  EXPECT_THAT(tool->errors(), HasSubstr("korvex: " + queue_ + " stays: queue " + queue_ +
+  EXPECT_THAT(tool->errors(), HasSubstr("korvex: " + queue_ + " was kept: queue " + queue_ +
                                         " is served by another daemon\n"));
   EXPECT_THAT(stream("abc"), HasSubstr("stored bytes=3 "));
   end(*daemon);
@@ -220,7 +221,7 @@ TEST_F(Clean, OfEverythingLeavesWhatIsServedOrNoQueue) {
             "\"$0\" clean --yes; code=$?; ls -A /dev/shm; kill $live; wait $live; exit $code");
   if (run.code == 99 || run.errors.rfind("unshare", 0) == 0) GTEST_SKIP() << run.errors;
   EXPECT_EQ(run.code, 0) << run.errors;
-  EXPECT_THAT(run.output, HasSubstr("remove  dead: served by nobody"));
+  EXPECT_THAT(run.output, HasSubstr("remove  dead: no process serves it"));
   EXPECT_THAT(run.output, HasSubstr("keep    live: korvexd ("));
   EXPECT_THAT(run.output, HasSubstr("removed dead\nremoved .korvexd-"));
   EXPECT_THAT(run.output, testing::EndsWith("\nlive\nliveResponse\nother\n"));

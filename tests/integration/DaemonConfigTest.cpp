@@ -42,7 +42,7 @@ class DaemonConfig : public DaemonFixture {
   }
 
   /// Has it read the file again, and waits until it has.
-  static void reload(Process& daemon, const std::string& line = "configuration read again") {
+  static void reload(Process& daemon, const std::string& line = "configuration reloaded") {
     daemon.signal(SIGHUP);
     EXPECT_TRUE(awaitLog(daemon, line)) << daemon.errors();
   }
@@ -240,7 +240,7 @@ TEST_F(DaemonConfig, SwitchesTheCaptureOnAndOff) {
   EXPECT_THAT(captured, testing::Not(IsEmpty()));
   configure("discard = true");
   daemon->signal(SIGHUP);
-  EXPECT_TRUE(awaitLog(*daemon, "configuration read again", 2));
+  EXPECT_TRUE(awaitLog(*daemon, "configuration reloaded", 2));
   const auto atTheEnd = namesIn(capture);
   EXPECT_EQ(stream("abc"), kReceiptOfAbc);
   end(*daemon);
@@ -267,10 +267,10 @@ TEST_F(DaemonConfig, ChangesNothingForAFileWithMistakes) {
   configure(toOutput());
   const auto daemon = startConfigured();
   configure("discard = true\nmode = 1", tableOfOther("discard = true"));
-  reload(*daemon, "nothing of the configuration is changed: it holds mistakes");
+  reload(*daemon, "the configuration was not changed: it has mistakes");
   EXPECT_THAT(daemon->errors(), HasSubstr(config_ + ":3:8: mode: found 1, expected"));
   configure("output = '/nonexistent'", tableOfOther("discard = true"));
-  reload(*daemon, "nothing of the configuration is changed: opening output folder /nonexistent");
+  reload(*daemon, "the configuration was not changed: opening output folder /nonexistent");
   EXPECT_FALSE(queueExists(other_));
   EXPECT_EQ(stream("abc"), kReceiptOfAbc);
   end(*daemon);
@@ -293,7 +293,7 @@ TEST_F(DaemonConfig, KeepsTheOldLimitsWhenMemoryIsShort) {
   configure(toOutput());
   const auto daemon = startConfigured();
   configure(toOutput() + "max-messages = 65536\nmax-message-size = '16M'");
-  reload(*daemon, queue_ + ": cannot be served with the changed settings, the old ones hold again");
+  reload(*daemon, queue_ + ": cannot be served with the changed settings, keeping the old ones");
   EXPECT_TRUE(awaitLog(*daemon, queue_ + ": served again"));
   EXPECT_EQ(stream("abc"), kReceiptOfAbc);
   end(*daemon);
@@ -320,7 +320,7 @@ TEST_F(DaemonConfig, KeepsMetricsAcrossReloadsAndAnUnwritableFile) {
   EXPECT_TRUE(awaitSample(capacity + "8"));
   EXPECT_TRUE(awaitSample(success + "1")) << "it was away, and had one before";
   end(*daemon);
-  EXPECT_EQ(daemon->errors().find("nothing of the configuration is changed"), std::string::npos);
+  EXPECT_EQ(daemon->errors().find("the configuration was not changed"), std::string::npos);
 }
 
 TEST_F(DaemonConfig, ShowsInItsMetricsWhatWasNotTaken) {
@@ -331,7 +331,7 @@ TEST_F(DaemonConfig, ShowsInItsMetricsWhatWasNotTaken) {
   const auto daemon = startConfigured();
   EXPECT_TRUE(awaitSample(successful + "1\n"));
   configure("discard = 1", tableWithMetrics());
-  reload(*daemon, "nothing of the configuration is changed");
+  reload(*daemon, "the configuration was not changed");
   EXPECT_TRUE(awaitSample(successful + "0\n"));
   std::ofstream("/dev/shm/" + other_) << "in the way";
   configure("discard = true", tableOfOther("discard = true") + tableWithMetrics());
@@ -393,10 +393,10 @@ TEST_F(DaemonDrain, LetsTheOpenStreamFinishAndRefusesOthers) {
   const auto daemon = start({"--queue", other_, "--drain-timeout", "60"});
   const auto to = openStream();
   daemon->signal(SIGTERM);
-  ASSERT_TRUE(awaitLog(*daemon, "ending, open streams have 60 seconds to finish"));
+  ASSERT_TRUE(awaitLog(*daemon, "shutting down; open streams have 60 seconds to finish"));
   // What comes before the queue's thread has heard of it is still taken.
   EXPECT_TRUE(korvex::test::eventually(
-      [this] { return outcomeOn(other_) == "the daemon takes no new streams from this queue"; }));
+      [this] { return outcomeOn(other_) == "the daemon accepts no new streams on this queue"; }));
   to->close();
   EXPECT_STREQ(awaitReply(*to).message, kReceiptOfAbc);
   EXPECT_EQ(daemon->wait(), 0);
@@ -419,7 +419,7 @@ TEST_F(DaemonDrain, IsCutShortByASecondSignal) {
   const auto daemon = startDraining("600");
   const auto to = openStream();
   daemon->signal(SIGTERM);
-  ASSERT_TRUE(awaitLog(*daemon, "ending, open streams have"));
+  ASSERT_TRUE(awaitLog(*daemon, "shutting down; open streams have"));
   end(*daemon);
   EXPECT_THAT(streams(true), SizeIs(1));
 }
@@ -428,7 +428,7 @@ TEST_F(DaemonDrain, IsCutShortByTheHangUpOfItsTerminal) {
   const auto daemon = startDraining("600");
   const auto to = openStream();
   daemon->signal(SIGTERM);
-  ASSERT_TRUE(awaitLog(*daemon, "ending, open streams have"));
+  ASSERT_TRUE(awaitLog(*daemon, "shutting down; open streams have"));
   daemon->signal(SIGHUP);
   EXPECT_EQ(daemon->wait(), 0);
 }
@@ -438,9 +438,9 @@ TEST_F(DaemonDrain, TakesNoOtherConfiguration) {
   const auto daemon = startConfigured();
   const auto to = openStream();
   daemon->signal(SIGTERM);
-  ASSERT_TRUE(awaitLog(*daemon, "ending, open streams have 600 seconds to finish"));
+  ASSERT_TRUE(awaitLog(*daemon, "shutting down; open streams have 600 seconds to finish"));
   configure("discard = true", tableOfOther("discard = true"));
-  reload(*daemon, "nothing of the configuration is changed: the daemon is ending");
+  reload(*daemon, "the configuration was not changed: the daemon is shutting down");
   to->close();
   EXPECT_STREQ(awaitReply(*to).message, kReceiptOfAbc);
   EXPECT_EQ(daemon->wait(), 0);
@@ -452,7 +452,7 @@ TEST_F(DaemonConfig, KeepsServingWhenItsFileBecomesAPipe) {
   const auto daemon = startConfigured();
   ASSERT_EQ(::unlink(config_.c_str()), 0);
   ASSERT_EQ(::mkfifo(config_.c_str(), 0600), 0);
-  reload(*daemon, "nothing of the configuration is changed: reading configuration " + config_ +
+  reload(*daemon, "the configuration was not changed: reading configuration " + config_ +
                       ": found something else, expected a file");
   EXPECT_EQ(stream("abc"), kReceiptOfAbc);
   end(*daemon);

@@ -86,7 +86,7 @@ TEST_F(DaemonFixture, CountsDamagedBatchesInsteadOfLoggingEach) {
   std::istringstream log(daemon->errors());
   unsigned long lines = 0;
   unsigned long held = 0;
-  const std::regex left(": ([0-9]+) more lines about damaged batches were left out within 10 s");
+  const std::regex left(": ([0-9]+) more lines about damaged batches were suppressed within 10 s");
   std::smatch match;
   for (std::string line; std::getline(log, line);) {
     if (line.find(" is damaged: ") != std::string::npos) ++lines;

@@ -108,7 +108,7 @@ TEST_F(DaemonService, IsRestartedWhenALoopIsStuck) {
   EXPECT_TRUE(calls.stop());
   EXPECT_TRUE(awaitFeeding(1)) << "it goes on";
   EXPECT_THAT(awaitReply(*to).message, StartsWith("stored bytes=3 "));
-  EXPECT_TRUE(awaitLog(*daemon, queue_ + ": goes on"));
+  EXPECT_TRUE(awaitLog(*daemon, queue_ + ": making progress again"));
 }
 
 TEST_F(DaemonService, ReadsItsConfigurationAgainWhileACaptureHangs) {
@@ -122,7 +122,7 @@ TEST_F(DaemonService, ReadsItsConfigurationAgainWhileACaptureHangs) {
   ASSERT_TRUE(awaitLog(*daemon, queue_ + ": stuck for"));
   std::ofstream(config) << "[defaults]\ndiscard = true\n";
   daemon->signal(SIGHUP);
-  EXPECT_TRUE(awaitLog(*daemon, "configuration read again"));
+  EXPECT_TRUE(awaitLog(*daemon, "configuration reloaded"));
   EXPECT_TRUE(calls.stop());
   end(*daemon);
 }

@@ -164,7 +164,7 @@ TEST_F(DaemonStream, IsReportedWhenTheEndingDaemonCannotTakeIt) {
   daemon->signal(SIGTERM);
   daemon->signal(SIGCONT);
   EXPECT_EQ(daemon->wait(), 0);
-  EXPECT_THAT(daemon->errors(), HasSubstr(queue_ + ": the daemon ends, messages not taken: 1"));
+  EXPECT_THAT(daemon->errors(), HasSubstr(queue_ + ": messages lost with the queue: 1"));
 }
 
 TEST_F(DaemonStream, IsIncompleteWhenItsQueuesAreLost) {
@@ -178,7 +178,7 @@ TEST_F(DaemonStream, IsIncompleteWhenItsQueuesAreLost) {
   ASSERT_TRUE(awaitLog(*daemon, queue_ + ": served again"));
   ASSERT_EQ(streams(true).size(), 1u);
   EXPECT_EQ(manifestOf(streams(true)[0])["reason"],
-            "its queues were lost: somebody removed or replaced their names");
+            "its queues were lost: they were removed or replaced");
   EXPECT_TRUE(awaitCount("streams_incomplete", 1));
   EXPECT_EQ(stream("abc"), "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950");
   end(*daemon);

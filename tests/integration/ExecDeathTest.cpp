@@ -164,7 +164,7 @@ TEST_P(ExecDeath, ComesWithTheKeepers) {
   expectCutNowhere();
   const Reply reply = awaitReply(*to);
   EXPECT_EQ(reply.status, 5u);
-  EXPECT_STREQ(reply.message, "somebody killed the engine's keeper");
+  EXPECT_STREQ(reply.message, "the engine's keeper was killed");
   EXPECT_TRUE(eventually([&] { return childrenOf(daemon->id()).empty(); })) << "zombies";
 }
 
@@ -246,7 +246,7 @@ TEST_F(ExecOneDeath, OfTheKeeperFailsAStreamThatIsFinishing) {
   to->close();
   ASSERT_TRUE(awaitFile("ended"));
   ::kill(keeper(), SIGKILL);
-  EXPECT_STREQ(awaitReply(*to).message, "somebody killed the engine's keeper");
+  EXPECT_STREQ(awaitReply(*to).message, "the engine's keeper was killed");
   EXPECT_TRUE(awaitNoProcess());
 }
 
@@ -277,7 +277,7 @@ TEST_F(ExecOneDeath, OfAKeeperTouchesNoOtherStream) {
   untouched->flush_shm_buffer(kTimeout);
   const auto to = openRecorded("abc");
   ::kill(keeper(), SIGKILL);
-  EXPECT_STREQ(awaitReply(*to).message, "somebody killed the engine's keeper");
+  EXPECT_STREQ(awaitReply(*to).message, "the engine's keeper was killed");
   EXPECT_STREQ(replyToClose(*untouched).message, kReceiptOfAbc);
 }
 
@@ -289,7 +289,7 @@ TEST_F(ExecOneDeath, OfAKeeperSparesChildrenThatAreNoEngines) {
   const pid_t child = processIn("child");
   const auto to = openRecorded("abc");
   ::kill(keeper(), SIGKILL);
-  EXPECT_STREQ(awaitReply(*to).message, "somebody killed the engine's keeper");
+  EXPECT_STREQ(awaitReply(*to).message, "the engine's keeper was killed");
   EXPECT_TRUE(awaitNoProcess());
   EXPECT_THAT(childrenOf(daemon.id()), testing::ElementsAre(child));
   EXPECT_EQ(::kill(child, SIGKILL), 0);
@@ -303,7 +303,7 @@ TEST_F(ExecOneDeath, OfTheKeeperIsMendedWithFewDescriptorsToo) {
     {
       const FewDescriptors few(daemon->id(), left);
       ::kill(keeper(), SIGKILL);
-      EXPECT_STREQ(awaitReply(*to).message, "somebody killed the engine's keeper");
+      EXPECT_STREQ(awaitReply(*to).message, "the engine's keeper was killed");
     }
     EXPECT_TRUE(awaitNoProcess());
     EXPECT_THAT(stored(), IsEmpty());
@@ -316,7 +316,7 @@ TEST_F(ExecOneDeath, IsUpToAKeeperWithoutDescriptors) {
   {
     const FewDescriptors few(keeper(), 0);
     EXPECT_STREQ(replyToClose(*to).message,
-                 "looking at the engine's input: error 24 (Too many open files)");
+                 "checking the engine's input: error 24 (Too many open files)");
     daemon->killNow();
     EXPECT_THAT(korvex::test::processesFor(queue_), SizeIs(2)) << "keeper and engine";
   }

@@ -278,9 +278,9 @@ TEST_F(ExecTest, LeavesNothingBehindAfterManyStreams) {
 TEST_F(ExecTest, EndsAStreamThatIsSilentForTooLong) {
   const auto daemon = startExec(recorderCommand(), {"--idle-timeout", "1"});
   const auto to = openRecorded("abc");
-  ASSERT_TRUE(awaitLog(*daemon, "stream incomplete (nothing came for 1 seconds)"));
+  ASSERT_TRUE(awaitLog(*daemon, "stream incomplete (no batch for 1 seconds)"));
   EXPECT_TRUE(awaitNoProcess());
-  expectFailure(awaitReply(*to), "nothing came for 1 seconds");
+  expectFailure(awaitReply(*to), "no batch for 1 seconds");
 }
 
 TEST_F(ExecTest, TakesEmptyBatchesForSignsOfLife) {

@@ -49,7 +49,7 @@ TEST_P(ManyQueues, EachTakesItsStream) {
   const auto daemon = startAll();
   // A page for the batches of a queue, and one for its replies.
   EXPECT_THAT(daemon->errors(),
-              HasSubstr("queues: " + std::to_string(GetParam()) + ", which take " +
+              HasSubstr("queues: " + std::to_string(GetParam()) + ", needing " +
                         std::to_string((GetParam() * 8 + 1023) / 1024) + " MiB of /dev/shm"));
   std::vector<std::unique_ptr<korvex::ShmWriter>> writers;
   for (const std::string& name : names_) {

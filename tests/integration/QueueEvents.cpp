@@ -21,15 +21,15 @@ const std::string kWorks = "works";
 const std::string kNoQueue = "open: the shared-memory object is not a sound message queue";
 const std::string kLockBroken = "open: boost::interprocess::lock_exception";
 const std::string kUntouched;
-const std::string kGone = "somebody removed or replaced their names";
-const std::string kOverwritten = "somebody overwrote their memory";
+const std::string kGone = "they were removed or replaced";
+const std::string kOverwritten = "their memory was overwritten";
 // Counts too large to be true are noticed when a message is looked for, unless they come just
 // before the memory is watched, or lie where none is looked for.
 const std::string kOverwrittenOrUnsound =
     kOverwritten + "|the shared-memory object is not a sound message queue";
-const std::string kGrown = "somebody changed the size of their memory";
+const std::string kGrown = "their size was changed";
 // Which of the two it is depends on whether a size is looked at before a byte.
-const std::string kCut = "somebody cut their memory, or the system has none left|" + kGrown;
+const std::string kCut = "their memory was truncated, or the system is out of memory|" + kGrown;
 // What is promised to no host process: its queue's file is cut under it.
 const std::string kBusError = "killed by signal 7";
 

@@ -106,7 +106,7 @@ class QueueInUseByDaemon : public DaemonFixture, public testing::WithParamInterf
   }
 
   void expectBlocked(Process& daemon, const std::string& place) const {
-    ASSERT_TRUE(awaitLog(daemon, queue_ + ": the queues cannot be made again yet: queue " + place +
+    ASSERT_TRUE(awaitLog(daemon, queue_ + ": the queues cannot be recreated yet: queue " + place +
                                      " exists already"))
         << daemon.errors();
     struct stat found = {};
@@ -143,8 +143,8 @@ TEST_F(DaemonFixture, NoticesThatTheNamesWereSwapped) {
   ASSERT_EQ(::renameat2(0, pathOf(queue_).c_str(), 0, pathOf(queue_ + "Response").c_str(),
                         RENAME_EXCHANGE),
             0);
-  ASSERT_TRUE(awaitLog(*daemon, "the queues are lost: somebody removed or replaced their names"));
-  ASSERT_TRUE(awaitLog(*daemon, "cannot be made again yet: queue " + queue_ + " exists already"));
+  ASSERT_TRUE(awaitLog(*daemon, "the queues are lost: they were removed or replaced"));
+  ASSERT_TRUE(awaitLog(*daemon, "cannot be recreated yet: queue " + queue_ + " exists already"));
   ::remove(pathOf(queue_).c_str());
   ::remove(pathOf(queue_ + "Response").c_str());
   ASSERT_TRUE(awaitLog(*daemon, queue_ + ": served again"));

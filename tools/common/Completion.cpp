@@ -242,7 +242,7 @@ void declareCompletion(CLI::App& program) {
             // The parser prints what leaves it like this, and asks for no option that is missing.
             throw CLI::CallForVersion(completionFor(program, shell), 0);
           },
-          "Print the script that completes this program's words in a shell, and exit")
+          "Print a shell's completion script for this program, and exit")
       ->check(checkShell)
       ->type_name(kShells);
 }

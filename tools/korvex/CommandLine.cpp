@@ -25,9 +25,9 @@ const char kEpilogue[] =
     "Is last night's backup missing?\n"
     "  korvex status         is there a daemon, is a stream open, how did the last one end\n"
     "  korvex verify DIR     are the stored streams still what was sent\n"
-    "  korvex inspect FILE   what came from a producer, once korvexd ran with --capture\n"
+    "  korvex inspect FILE   what a producer sent, if korvexd ran with --capture\n"
     "  korvex clean          removes the queues of a dead daemon\n"
-    "\"korvex VERB --help\" says more of each verb, docs/troubleshooting.md of each trouble.";
+    "\"korvex VERB --help\" describes each verb, docs/troubleshooting.md each common failure.";
 
 constexpr char kGuard = '\x01';
 
@@ -68,8 +68,8 @@ void parse(CLI::App& tool, std::vector<std::string> words) {
 
 CLI::App* declareCompletion(CLI::App& tool, std::string& shell) {
   CLI::App* const completion =
-      tool.add_subcommand("completion", "Print the script that completes these words in a shell");
-  completion->add_option("SHELL", shell, "Whose script")
+      tool.add_subcommand("completion", "Print a shell's completion script for this tool");
+  completion->add_option("SHELL", shell, "The shell")
       ->required()
       ->check(common::checkShell)
       ->type_name(common::kShells);
@@ -118,7 +118,7 @@ Ending runVerb(const CLI::App& tool, const Verbs& verbs, const StopSignal& stop,
 
 Ending runCommand(int argumentCount, const char* const* arguments, const StopSignal& stop,
                   const Progress& progress, std::ostream& out, std::ostream& errors) {
-  CLI::App tool("Sends data to korvexd, and looks at its queues and what it stored.", "korvex");
+  CLI::App tool("Sends data to korvexd, inspects its queues, and checks what it stored.", "korvex");
   tool.footer(kEpilogue);
   tool.set_version_flag("--version", KORVEX_VERSION);
   tool.failure_message(complaint);

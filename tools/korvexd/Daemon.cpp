@@ -73,7 +73,7 @@ void announceMemory(const std::vector<QueueSettings>& queues) {
     bytes += receiver::sharedMemoryFor(queue.receiver.limits);
   const std::uint64_t mebibytes = (bytes + kMiB - 1) / kMiB;
   writeLog(LogEntry(Event::Memory, spdlog::level::info, "",
-                    "queues: " + std::to_string(queues.size()) + ", which take " +
+                    "queues: " + std::to_string(queues.size()) + ", needing " +
                         std::to_string(mebibytes) + " MiB of /dev/shm")
                .with("queues", std::uint64_t{queues.size()})
                .with("mebibytes", mebibytes));
@@ -98,7 +98,7 @@ Daemon::Daemon(CommandLine commandLine, const Settings& settings, ServiceManager
   receiver::installBusErrorGuard();
   for (const std::string& name : receiver::removeHalfMadeQueues()) {
     writeLog(LogEntry(Event::HalfMadeRemoved, spdlog::level::info, "",
-                      "removed " + name + ", half made by a daemon that was killed")
+                      "removed " + name + ", left half-made by a daemon that was killed")
                  .with("object", name));
   }
   announceMemory(settings.queues);
@@ -139,7 +139,7 @@ void Daemon::drain() {
   const auto deadline = std::chrono::steady_clock::now() + settings_.drainTimeout;
   queues_.retire();
   writeLog({Event::Draining, spdlog::level::info, "",
-            "ending, open streams have " + std::to_string(settings_.drainTimeout.count()) +
+            "shutting down; open streams have " + std::to_string(settings_.drainTimeout.count()) +
                 " seconds to finish"});
   for (unsigned count = 1; !queues_.haveAllRetired(); ++count) {
     const int signal = ::sigtimedwait(&signals_, nullptr, &kDrainInterval);
@@ -153,7 +153,7 @@ void Daemon::answerAtTheEnd(int signal) const {
   if (signal == kReportSignal) queues_.logStates();
   if (signal != SIGHUP || isEnd(SIGHUP)) return;
   writeLog({Event::ConfigurationRefused, spdlog::level::err, "",
-            "nothing of the configuration is changed: the daemon is ending"});
+            "the configuration was not changed: the daemon is shutting down"});
 }
 
 /// Signals that repeat the first one change nothing, until it shows that a sink hangs: on a disk
@@ -190,17 +190,16 @@ void Daemon::readAgain() noexcept {
       writeLog(
           {Event::ConfigurationMistake, spdlog::level::err, "", configuration.textOf(mistake)});
     }
-    if (!configuration.mistakes().empty()) throw std::runtime_error("it holds mistakes");
+    if (!configuration.mistakes().empty()) throw std::runtime_error("it has mistakes");
     take(configuration.settings());
     tryToLog([] {
-      return LogEntry(Event::ConfigurationRead, spdlog::level::info, "",
-                      "configuration read again");
+      return LogEntry(Event::ConfigurationRead, spdlog::level::info, "", "configuration reloaded");
     });
   } catch (const std::exception& error) {
     isReloadRefused_ = true;
     tryToLog([&] {
       return LogEntry(Event::ConfigurationRefused, spdlog::level::err, "",
-                      std::string("nothing of the configuration is changed: ") + error.what());
+                      std::string("the configuration was not changed: ") + error.what());
     });
   }
   hasNews_ = true;

@@ -133,12 +133,12 @@ void addDataOptions(CLI::App& app, Arguments& found) {
       ->type_name("sha256|xxh128")
       ->capture_default_str();
   app.add_option("--exec-timeout", found.engineTimeout,
-                 "Seconds that COMMAND may take to finish, or take nothing")
+                 "Seconds that COMMAND may take to finish, or go without reading")
       ->check(CLI::Range(1L, kLongestTimeout))
       ->type_name("SECONDS")
       ->capture_default_str();
   app.add_option("--idle-timeout", found.idleTimeout,
-                 "Seconds that a stream may be silent; unlimited without it")
+                 "Seconds that a stream may be silent; no limit by default")
       ->check(CLI::Range(1L, kLongestTimeout))
       ->type_name("SECONDS");
   app.add_option("--capture", found.capture, "Save every message as received in DIR")

@@ -69,7 +69,7 @@ void QueueSet::follow(const std::vector<QueueSettings>& wanted) {
     if (queue != nullptr && !queue->isRetiring()) {
       tryToLog([&] {
         return LogEntry(Event::SettingsAccepted, spdlog::level::info, queue->name(),
-                        "changed settings hold from the next stream on");
+                        "changed settings take effect with the next stream");
       });
       queue->change(change.settings, std::move(change.openSink), std::move(change.capture));
     } else if (queue != nullptr || !tryToStart(change.settings)) {

@@ -20,7 +20,7 @@ void onBusError(int number, siginfo_t* info, void*) {
 thread_local sigjmp_buf* busErrorRecovery = nullptr;
 
 void throwMemoryLost() {
-  throw MemoryLost("somebody cut their memory, or the system has none left");
+  throw MemoryLost("their memory was truncated, or the system is out of memory");
 }
 
 void installBusErrorGuard() {

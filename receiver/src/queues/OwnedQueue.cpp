@@ -109,10 +109,10 @@ bool OwnedQueue::looksLocked() {
 }
 
 std::string OwnedQueue::defect() {
-  if (!isStillNamed()) return "somebody removed or replaced their names";
-  if (!isWhole()) return "somebody changed the size of their memory";
+  if (!isStillNamed()) return "they were removed or replaced";
+  if (!isWhole()) return "their size was changed";
   const bool isDamaged = surviveBusError([this] { return queue_->view().isDamaged(); });
-  return isDamaged ? "somebody overwrote their memory" : "";
+  return isDamaged ? "their memory was overwritten" : "";
 }
 
 bool OwnedQueue::isStillNamed() const noexcept { return claim_.isNamed(presentName_); }

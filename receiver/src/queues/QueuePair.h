@@ -12,7 +12,7 @@ namespace korvex::receiver {
 
 /// The two queues that a producer works with: NAME for its batches, NAMEResponse for the replies.
 ///
-/// Both names appear once both queues are usable, the one that producers open first as the last;
+/// Both names appear once both queues are usable, the one that producers open first coming last;
 /// they disappear with the pair.
 class QueuePair {
  public:
@@ -20,7 +20,7 @@ class QueuePair {
   /// is left behind then.
   QueuePair(const Receiver::Settings& settings, Receiver::Existing existing);
 
-  /// Whether a pair made with the one looks like a pair made with the other.
+  /// Whether a change from the one to the other needs no new pair.
   static bool isMadeAlike(const Receiver::Settings& one, const Receiver::Settings& other) noexcept;
 
   /// As OwnedQueue's, of either queue.

@@ -6,7 +6,7 @@
 
 namespace korvex::receiver {
 
-/// What an error says. Memory may be too short for that; what is said then needs none.
+/// The error's text, or "out of memory" if there is too little memory for a copy of it.
 inline std::string textOf(const std::exception& error) noexcept {
   try {
     return error.what();

@@ -237,7 +237,7 @@ StreamSession::Answer StreamSession::checkSink() {
 
 StreamSession::Answer StreamSession::takeSilence(std::chrono::seconds silence) {
   if (state_ != State::Open) return {};
-  return fail(Ending::Silent, "nothing came for " + std::to_string(silence.count()) + " seconds");
+  return fail(Ending::Silent, "no batch for " + std::to_string(silence.count()) + " seconds");
 }
 
 /// Drops a record that breaks the protocol, and with it the stream.

@@ -204,7 +204,7 @@ const Ending kEndings[] = {
        // It may have died with the queue's lock, which is noticed earlier.
        EXPECT_TRUE(eventually([&] {
          const std::string log = scene.daemon.errors();
-         return log.find("nothing came for 2 seconds") != std::string::npos ||
+         return log.find("no batch for 2 seconds") != std::string::npos ||
                 log.find("a process died with the queue's lock") != std::string::npos;
        })) << scene.daemon.errors();
      },
@@ -220,7 +220,7 @@ const Ending kEndings[] = {
      {}},
     {"DeathOfTheKeeper",
      [](Scene& scene) { ::kill(scene.keeper(), SIGKILL); },
-     "somebody killed the engine's keeper",
+     "the engine's keeper was killed",
      {}},
     {"DeathOfTheEngine",
      [](Scene& scene) { ::kill(scene.engine(), SIGKILL); },

@@ -168,7 +168,7 @@ TEST_F(SendStream, FailsOnAReplyThatIsNoReceipt) {
   addFile("a", "abc");
   daemon.serve(replyTo(kClose, 0, "fine\x1b[2J"));
   EXPECT_EQ(send(), 1);
-  EXPECT_THAT(errors.str(), HasSubstr("is no receipt: found \"fine\\x1b[2J\", expected"));
+  EXPECT_THAT(errors.str(), HasSubstr("is not a receipt: found \"fine\\x1b[2J\", expected"));
 }
 
 TEST_F(SendStream, HasItsOwnExitCodeWithoutAReceipt) {
@@ -444,7 +444,7 @@ TEST_F(SendStream, TellsThatAQueueIsNeverFinished) {
   options.timeout = 1;
   EXPECT_EQ(send(), 1);
   EXPECT_EQ(errors.str(), "korvex: queue '" + halfMade.name() +
-                              "': it was not finished within 1 s; korvexd must be running and "
+                              "': it was still unfinished after 1 s; korvexd must be running and "
                               "serve this queue\n");
 }
 

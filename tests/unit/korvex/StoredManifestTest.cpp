@@ -124,7 +124,7 @@ TEST(StoredManifestUntrusted, RefusesWhatIsNoJson) {
   for (const std::string& text :
        {std::string(), std::string("{"), std::string("\0", 1), std::string("\xff"),
         std::string("{} x"), std::string(R"({"bytes":1e999})")}) {
-    EXPECT_THAT(defectOf(text), StartsWith("no JSON: ")) << text;
+    EXPECT_THAT(defectOf(text), StartsWith("not JSON: ")) << text;
   }
 }
 
@@ -140,5 +140,5 @@ TEST(StoredManifestUntrusted, OutlivesDeepNesting) {
   std::string inside = goodManifest().dump();
   inside.replace(inside.find("\"bytes\":3"), 9, "\"bytes\":" + deep);
   EXPECT_THAT(defectOf(inside), StartsWith("bytes is an array"));
-  EXPECT_THAT(defectOf(std::string(1000000, '[')), StartsWith("no JSON: "));
+  EXPECT_THAT(defectOf(std::string(1000000, '[')), StartsWith("not JSON: "));
 }

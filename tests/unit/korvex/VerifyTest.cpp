@@ -189,7 +189,7 @@ TEST_F(Verify, SaysWhyAStreamIsPartial) {
   fs::remove(path + "/manifest.json");
   EXPECT_THAT(verify(), HasSubstr(": still open, or its daemon died: no manifest\n"));
   writeFile(path + "/manifest.json", "{");
-  EXPECT_THAT(verify(), HasSubstr(": manifest: no JSON: "));
+  EXPECT_THAT(verify(), HasSubstr(": manifest: not JSON: "));
   EXPECT_EQ(ending_.exitCode, 0);
 }
 
@@ -273,7 +273,7 @@ TEST_F(Verify, FollowsNoLink) {
   }
   fs::rename(path, store_ / "kept");
   fs::create_directory_symlink(store_ / "kept", path);
-  EXPECT_EQ(verifyDamaged(), "folder: it is a link or no folder\n");
+  EXPECT_EQ(verifyDamaged(), "folder: it is a link or not a folder\n");
 }
 
 TEST_F(Verify, WaitsForNoPipe) {
@@ -281,7 +281,7 @@ TEST_F(Verify, WaitsForNoPipe) {
   for (const char* name : {"data", "manifest.json"}) {
     fs::remove(path + "/" + name);
     ASSERT_EQ(::mkfifo((path + "/" + name).c_str(), 0600), 0);
-    EXPECT_THAT(verifyDamaged(), HasSubstr(": it is no regular file\n"));
+    EXPECT_THAT(verifyDamaged(), HasSubstr(": it is not a regular file\n"));
   }
 }
 

@@ -240,7 +240,7 @@ TEST_F(WatchedReceiver, TakesStreamAfterStream) {
 
 TEST_F(WatchedReceiver, EndsAStreamThatIsSilent) {
   const auto writer = open();
-  EXPECT_EQ(story_.events(1), Events{"nothing came for 1 seconds"});
+  EXPECT_EQ(story_.events(1), Events{"no batch for 1 seconds"});
 }
 
 TEST_F(WatchedReceiver, ChecksTheSinkOfASilentStream) {

@@ -247,7 +247,7 @@ TEST_F(ReceiverOrders, RefusesStreamsThatOpenAfterItRetired) {
   takeAll();
   const auto late = opened();
   takeAll();
-  EXPECT_THAT(observer_.incomplete, ElementsAre("the daemon takes no new streams from this queue"));
+  EXPECT_THAT(observer_.incomplete, ElementsAre("the daemon accepts no new streams on this queue"));
   EXPECT_TRUE(receiver_.hasRetired());
 }
 

@@ -532,8 +532,8 @@ TEST_F(StreamSessionTest, NoticesBetweenRecordsThatASinkFailed) {
 TEST_F(StreamSessionTest, FailsAStreamThatIsSilentForTooLong) {
   EXPECT_FALSE(session_.takeSilence(std::chrono::seconds(60))) << "no stream";
   take(kOpen, 0);
-  expectFailure(session_.takeSilence(std::chrono::seconds(60)), 5, "nothing came for 60 seconds");
-  EXPECT_EQ(fate().reason, "nothing came for 60 seconds");
+  expectFailure(session_.takeSilence(std::chrono::seconds(60)), 5, "no batch for 60 seconds");
+  EXPECT_EQ(fate().reason, "no batch for 60 seconds");
   EXPECT_FALSE(session_.takeSilence(std::chrono::seconds(60))) << "told once";
   EXPECT_FALSE(take(kData, 2, "a"));
   EXPECT_FALSE(take(kClose, 3)) << "no receipt";

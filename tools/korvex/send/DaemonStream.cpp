@@ -107,7 +107,7 @@ void DaemonStream::awaitQueuesMade() {
     return !isHalfMade(settings_.queue) && !isHalfMade(replies);
   });
   if (areMade) return;
-  throwQueueError(std::runtime_error("it was not finished within " +
+  throwQueueError(std::runtime_error("it was still unfinished after " +
                                      std::to_string(settings_.timeout.count()) + " s"));
 }
 
@@ -422,8 +422,8 @@ void DaemonStream::guarded(Call call) {
   isStoppable_ = false;
   throwStreamFailed(
       ECONNRESET,
-      "the queue's memory was truncated, or the system has none left: what the daemon "
-      "was sent may be lost");
+      "the queue's memory was truncated, or the system is out of memory: the data sent to "
+      "the daemon may be lost");
 }
 
 void DaemonStream::throwStreamFailed(ov_status_t status, const std::string& text) const {
@@ -443,8 +443,8 @@ void DaemonStream::throwTimedOut(const std::string& what) {
 void DaemonStream::throwGone() {
   isStoppable_ = false;
   throwStreamFailed(ECONNRESET,
-                    "the queue was removed or replaced: the daemon that took this stream has "
-                    "ended, and what it was sent may be lost");
+                    "the queue was removed or replaced: the daemon that received this stream has "
+                    "ended, and the data sent to it may be lost");
 }
 
 void DaemonStream::throwQueueError(const std::exception& error) {

@@ -52,10 +52,11 @@ void check(const SendOptions& options) {
 void declareFromCommand(CLI::App& send, SendOptions& options) {
   CLI::Option* const flag = send.add_flag(
       kFlag, options.fromCommand,
-      "Run a command and send its output: all words from the first that is no option, or after --");
+      "Run a command and send its output; the command begins at the first word that is not an "
+      "option, or after --");
   send.add_option("--command-timeout", options.commandTimeout,
-                  "How long a command may go on without output, or its output without it, in "
-                  "seconds")
+                  "Seconds that the command may keep running after its output ends, or that its "
+                  "output may stay silent after the command ends")
       ->needs(flag)
       ->transform(common::wholeNumber)
       ->check(CLI::Range(kMinTimeout, kMaxTimeout))

@@ -192,7 +192,7 @@ void SendRun::verify() {
   const std::optional<receiver::Receipt> stored = receiver::Receipt::parse(*reply);
   if (!stored) {
     return fail(common::ExitCode::Failed, EPROTO,
-                "the daemon's reply is no receipt: found \"" + common::printable(*reply) +
+                "the daemon's reply is not a receipt: found \"" + common::printable(*reply) +
                     "\", expected \"stored bytes=N xxh128=HEX\"");
   }
   const receiver::Receipt sent = digest_.expected();
@@ -239,7 +239,8 @@ CLI::App* declareSend(CLI::App& tool, SendOptions& options) {
       ->type_name("NAME");
   send->add_option("--name", options.name, "A name for the stream in error texts")
       ->type_name("STREAM");
-  send->add_option("--timeout", options.timeout, "How long the daemon may take nothing, in seconds")
+  send->add_option("--timeout", options.timeout,
+                   "How long the daemon may accept nothing before the stream fails, in seconds")
       ->transform(common::wholeNumber)
       ->check(CLI::Range(kMinTimeout, kMaxTimeout))
       ->type_name("SECONDS")
@@ -259,10 +260,10 @@ CLI::App* declareSend(CLI::App& tool, SendOptions& options) {
           ->capture_default_str();
   send->add_flag("--no-receipt", options.noReceipt, "Do not wait for a receipt: verifies nothing")
       ->excludes(receiptTimeout);
-  send->add_flag("--quiet", options.quiet, "Tell errors only");
+  send->add_flag("--quiet", options.quiet, "Print errors only");
   send->add_flag("--json", options.json, "Write the result to standard output as a JSON object");
   declareFromCommand(*send, options);
-  send->add_option("FILE", options.files, "Files to send; - or none is standard input");
+  send->add_option("FILE", options.files, "Files to send; by default, or for -, standard input");
   return send;
 }
 

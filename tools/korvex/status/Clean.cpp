@@ -44,7 +44,7 @@ void showResult(const Items& planned, const Items& items, std::ostream& out, std
     const std::string name = common::printable(items[i].name);
     if (items[i].isRemoved) out << "removed " << name << '\n';
     if (planned[i].isToGo() && !items[i].isRemoved) {
-      errors << "korvex: " << name << " stays: " << items[i].obstacle << std::endl;
+      errors << "korvex: " << name << " was kept: " << items[i].obstacle << std::endl;
     }
   }
 }

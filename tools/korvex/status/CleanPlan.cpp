@@ -24,7 +24,7 @@ std::string ownerObstacle(uid_t owner) {
 std::string queueObstacle(const QueueState& queue) {
   if (!queue.exists()) return "";
   if (!S_ISREG(queue.object.mode)) {
-    return common::printable(queue.name) + " is " + kindText(queue.object.mode) + ", no queue";
+    return common::printable(queue.name) + " is " + kindText(queue.object.mode) + ", not a queue";
   }
   return ownerObstacle(queue.object.user);
 }
@@ -57,7 +57,7 @@ std::string pairObstacle(const PairState& pair, bool isNamed, const QueueUsers& 
 
 std::string waitingText(const QueueState& batches) {
   if (batches.condition != receiver::QueueStatus::Condition::Sound) {
-    return "what waits in it cannot be seen";
+    return "its messages cannot be counted";
   }
   return "messages waiting: " + std::to_string(batches.messages) + " (" +
          common::byteText(static_cast<double>(batches.bytes)) + ")";
@@ -65,8 +65,8 @@ std::string waitingText(const QueueState& batches) {
 
 CleanItem itemOf(const PairState& pair, bool isNamed, const QueueUsers& users) {
   const bool isKnown = pair.service != PairState::Service::Unknown;
-  const std::string found = std::string("served by nobody") + (isKnown ? "" : " seen from here") +
-                            ", " + waitingText(pair.batches);
+  const std::string found = std::string(isKnown ? "no" : "no visible") + " process serves it, " +
+                            waitingText(pair.batches);
   return {pair.name, CleanItem::Kind::Pair, found, pairObstacle(pair, isNamed, users)};
 }
 

@@ -60,7 +60,7 @@ class File {
     return ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY);
   }
 
-  [[noreturn]] static void throwNoStats() { throw Failure(EINVAL, "no daemon's statistics"); }
+  [[noreturn]] static void throwNoStats() { throw Failure(EINVAL, "not a daemon's statistics"); }
 
   [[noreturn]] static void throwError(int error) {
     throw Failure(static_cast<ov_status_t>(error), std::generic_category().message(error));
@@ -112,7 +112,7 @@ StreamStats statsOf(const Json& json) {
 void addStats(const File& file, StatsByQueue& stats) {
   const Json json = Json::parse(file.content(), nullptr, false);
   const Json* const queues = json.is_object() ? memberOf(json, "queues") : nullptr;
-  if (queues == nullptr) throw Failure(EINVAL, "no daemon's statistics");
+  if (queues == nullptr) throw Failure(EINVAL, "not a daemon's statistics");
   const timespec written = file.status().st_mtim;
   for (const auto& [name, queue] : queues->items()) {
     if (!queue.is_object()) continue;

@@ -57,7 +57,7 @@ void findServer(PairState& pair) {
 /// Why it cannot be used; empty when it can.
 std::string defectOf(const QueueState& queue) {
   if (!queue.exists() && queue.systemError != EACCES) return "is missing";
-  if (!S_ISREG(queue.object.mode)) return "is " + kindText(queue.object.mode) + ", no queue";
+  if (!S_ISREG(queue.object.mode)) return "is " + kindText(queue.object.mode) + ", not a queue";
   switch (queue.condition) {
     case Condition::Unreachable:
       return "cannot be opened by user " + std::to_string(::geteuid()) + ": " +
@@ -65,7 +65,7 @@ std::string defectOf(const QueueState& queue) {
     case Condition::Unfinished:
       return "is half made";
     case Condition::Damaged:
-      return "is damaged, or no queue";
+      return "is damaged, or not a queue";
     case Condition::Busy:
     case Condition::Sound:
       break;

@@ -224,11 +224,11 @@ CLI::App* declareStatus(CLI::App& tool, StatusOptions& options) {
       ->type_name("NAME");
   status
       ->add_option("--stats", options.stats,
-                   "A daemon's statistics; unless given, those that the command line or the "
-                   "configuration file of a serving daemon names")
+                   "Read a daemon's statistics from FILE; by default, from the file named on a "
+                   "serving daemon's command line or in its configuration")
       ->allow_extra_args(false)
       ->type_name("FILE");
-  status->add_flag("--watch", options.watch, "Look again every second until a signal comes");
+  status->add_flag("--watch", options.watch, "Refresh every second until interrupted by a signal");
   status->add_flag("--json", options.json, "Write the result to standard output as a JSON object");
   return status;
 }

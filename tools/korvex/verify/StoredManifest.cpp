@@ -46,7 +46,7 @@ Json parse(std::string_view untrusted) {
   try {
     return Json::parse(untrusted);
   } catch (const Json::exception& error) {
-    refuse("no JSON: " + reasonOf(error));
+    refuse("not JSON: " + reasonOf(error));
   }
 }
 

@@ -38,7 +38,7 @@ class Descriptor {
 /// For a link the system's error is about loops, and for a link in a folder's place about folders.
 std::string textOf(int error) {
   if (error == ELOOP) return "it is a symbolic link";
-  if (error == ENOTDIR) return "it is a link or no folder";
+  if (error == ENOTDIR) return "it is a link or not a folder";
   return std::generic_category().message(error);
 }
 
@@ -49,7 +49,7 @@ std::string textOf(int error) {
 std::uint64_t sizeOfRegularFile(int file) {
   struct stat status = {};
   if (file < 0 || ::fstat(file, &status) != 0) throwError(errno);
-  if (!S_ISREG(status.st_mode)) throw Failure(EINVAL, "it is no regular file");
+  if (!S_ISREG(status.st_mode)) throw Failure(EINVAL, "it is not a regular file");
   return static_cast<std::uint64_t>(status.st_size);
 }
 

@@ -155,11 +155,10 @@ void print(const VerifyReport& report, const VerifyOptions& options, std::ostrea
 
 CLI::App* declareVerify(CLI::App& tool, VerifyOptions& options) {
   CLI::App* const verify =
-      tool.add_subcommand("verify", "Hold stored streams against their manifests");
+      tool.add_subcommand("verify", "Check stored streams against their manifests");
   verify
       ->add_option("--jobs", options.jobs,
-                   "Streams to read at the same time; as many as cores "
-                   "unless given")
+                   "Streams to read at the same time; one per core by default")
       ->check(CLI::Range(1U, kMostJobs))
       ->type_name("N");
   verify->add_flag("--quick", options.quick, "Compare sizes and XXH128 only, not SHA-256");

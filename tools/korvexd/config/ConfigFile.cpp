@@ -51,7 +51,7 @@ std::optional<Value> valueOf(const toml::node& node) {
 std::string foundText(const toml::node& node) {
   if (const auto value = valueOf(node)) return tomlOf(*value);
   if (node.is_table()) return "a table";
-  if (node.is_array()) return "a list with other things than texts";
+  if (node.is_array()) return "a list with elements other than strings";
   std::ostringstream text;
   text << toml::node_view<const toml::node>(node);
   return text.str();
@@ -187,7 +187,7 @@ ConfigFile parseConfigFile(const std::string& text) {
 ConfigFile readConfigFile(const std::string& path) {
   const std::string doing = "reading configuration " + path;
   const auto fail = [&] { throw receiver::SystemError(doing, errno); };
-  // Opening a pipe that nobody writes to would wait for ever, and a daemon with it.
+  // Opening a pipe without a writer would block forever, and the daemon with it.
   const File file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (file.descriptor() < 0) fail();
   refuseOtherThanFile(file, doing);

@@ -26,8 +26,8 @@ struct QueueSettings {
   std::optional<std::string> capture;
 };
 
-/// Whether a queue is served alike with both. What is to become of queues that exist at the start
-/// makes no difference later.
+/// Whether a queue is served in the same way with both. `receiver.existing` is not compared: it
+/// matters only when a queue is created.
 inline bool operator==(const QueueSettings& one, const QueueSettings& other) {
   const auto parts = [](const QueueSettings& queue) {
     const auto& receiver = queue.receiver;

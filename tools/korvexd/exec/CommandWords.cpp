@@ -139,7 +139,7 @@ std::vector<std::string> splitCommand(const std::string& command) {
 std::string findProgram(const std::string& name) {
   if (name.find('/') == std::string::npos) return findInPath(name);
   const int obstacle = obstacleTo(name);
-  if (obstacle != 0) throw receiver::SystemError("looking at the engine '" + name + "'", obstacle);
+  if (obstacle != 0) throw receiver::SystemError("checking the engine '" + name + "'", obstacle);
   return name;
 }
 

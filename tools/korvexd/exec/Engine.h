@@ -62,8 +62,8 @@ class Engine {
   /// when the engine has closed its input.
   std::size_t offer(const unsigned char* data, std::size_t size);
 
-  /// Waits for room in its input or for news, at most so long, and takes the news. Whether there is
-  /// room, if that was the question.
+  /// Waits up to `longest` for room in its input, or only for news, and takes the news. Returns
+  /// whether there is room, if it waited for that.
   bool wait(For what, std::chrono::milliseconds longest);
 
   /// Takes news without waiting.

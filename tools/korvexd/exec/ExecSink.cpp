@@ -196,7 +196,7 @@ std::string ExecSink::withLastError(const std::string& text) const {
 /// None for an engine that has stored the stream.
 std::optional<ExecSink::Defect> ExecSink::defectOfEnd() const {
   const auto& end = engine_->end();
-  if (!end) return Defect{EngineFailure::KeeperLost, "somebody killed the engine's keeper"};
+  if (!end) return Defect{EngineFailure::KeeperLost, "the engine's keeper was killed"};
   switch (end->event) {
     case Event::Killed:
       return Defect{EngineFailure::Killed,
@@ -206,7 +206,7 @@ std::optional<ExecSink::Defect> ExecSink::defectOfEnd() const {
                     "the engine did not finish within " + secondsText(settings_.timeout)};
     case Event::LostInput:
       return Defect{EngineFailure::KeeperLost,
-                    receiver::SystemError("looking at the engine's input", end->value).what()};
+                    receiver::SystemError("checking the engine's input", end->value).what()};
     case Event::Started:
     case Event::NotStarted:
     case Event::Exited:

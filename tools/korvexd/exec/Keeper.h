@@ -25,7 +25,7 @@ constexpr int kInput = 4;    ///< the write end of the engine's input
 constexpr int kOutput = 5;   ///< the read ends of what the engine writes, so that it can go on
 constexpr int kErrors = 6;   ///< writing when the daemon is gone
 
-/// What the daemon says, one byte. Its silence forever is an order too: kill the engine, unless
+/// An order from the daemon, one byte. Its death counts as an order, too: kill the engine, unless
 /// the stream is complete.
 enum class Order : std::uint8_t {
   Complete = 'c',  ///< all data is in the pipe: end the input, let the engine finish

@@ -88,7 +88,7 @@ struct LogWriter::State {
   std::condition_variable idle;
   std::deque<std::string> lines;
   Loss unwritten{"they could not be written", logLosses().unwritten};
-  Loss unread{"nobody read them", logLosses().unread};
+  Loss unread{"they were not read in time", logLosses().unread};
   bool isCut = false;  ///< what was written last has no line feed; the thread's alone
   bool isOver = false;
   bool isWriting = false;

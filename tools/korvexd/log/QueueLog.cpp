@@ -7,9 +7,9 @@
 namespace korvexd {
 namespace {
 
-constexpr std::array<const char*, QueueLog::kKinds> kTitles = {
-    "streams that opened", "streams that ended", "damaged batches",
-    "refused records",     "failures of a sink", "losses of the queues"};
+constexpr std::array<const char*, QueueLog::kKinds> kTitles = {"opened streams",  "ended streams",
+                                                               "damaged batches", "refused records",
+                                                               "sink failures",   "lost queues"};
 
 }  // namespace
 
@@ -38,7 +38,7 @@ void QueueLog::writeHeld(std::size_t kind, std::uint64_t held) const {
   if (held == 0) return;
   writeLog(LogEntry(Event::LinesHeld, spdlog::level::warn, queue_,
                     std::to_string(held) + " more lines about " + kTitles[kind] +
-                        " were left out within " + std::to_string(LogBudget::kPeriod.count()) +
+                        " were suppressed within " + std::to_string(LogBudget::kPeriod.count()) +
                         " s")
                .with("lines", held));
 }

@@ -61,7 +61,7 @@ const std::vector<MetricFamily>& metricFamilies();
 /// All of them, in the text format of Prometheus.
 std::string metricsText(const DaemonNumbers& numbers);
 
-/// When such a text says that the queue had its last complete stream; 0 when it does not.
+/// The time of the queue's last complete stream, taken from such a text; 0 if it has none.
 std::time_t lastSuccessIn(const std::string& metrics, const std::string& queue);
 
 }  // namespace korvexd

@@ -33,9 +33,9 @@ class MetricsFile {
   /// daemon.
   static constexpr std::time_t kLongestAge = 15;
 
-  /// Takes from an existing file when each queue had its last complete stream, for a restart must
-  /// not look like a backup, nor like the lack of one. A queue that leaves and comes back while the
-  /// daemon runs is no different. `started` is when the daemon was.
+  /// Reads from an existing file when each queue had its last complete stream, so that a restart
+  /// looks neither like a backup nor like a missing one. The time is kept, too, while a queue is
+  /// out of the configuration. `started` is the daemon's start time.
   MetricsFile(const std::string& path, std::time_t started, EngineFailuresOf engineFailuresOf);
 
   const std::string& path() const noexcept { return file_.path(); }

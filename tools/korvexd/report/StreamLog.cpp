@@ -164,7 +164,7 @@ void StreamLog::queuesNotReplaced(const std::string& reason) noexcept {
   ++counts_.failuresToReplace;
   write(QueueLog::Kind::QueuePair, [&] {
     return LogEntry(Event::QueuesNotReplaced, level::err, queue_,
-                    "the queues cannot be made again yet: " + reason)
+                    "the queues cannot be recreated yet: " + reason)
         .with("reason", reason);
   });
 }
@@ -189,9 +189,8 @@ void StreamLog::settingsNotChanged(const std::string& reason) noexcept {
   changeRefused_ = true;
   counts_.isServed = false;
   write(QueueLog::Kind::QueuePair, [&] {
-    return LogEntry(
-               Event::SettingsNotChanged, level::err, queue_,
-               "cannot be served with the changed settings, the old ones hold again: " + reason)
+    return LogEntry(Event::SettingsNotChanged, level::err, queue_,
+                    "cannot be served with the changed settings, keeping the old ones: " + reason)
         .with("reason", reason);
   });
 }
@@ -200,7 +199,7 @@ void StreamLog::messagesLeft(std::size_t count) noexcept {
   counts_.messagesLeft += count;
   write(QueueLog::Kind::QueuePair, [&] {
     return LogEntry(Event::MessagesLeft, level::warn, queue_,
-                    fmt::format("the daemon ends, messages not taken: {}", count))
+                    fmt::format("messages lost with the queue: {}", count))
         .with("messages", std::uint64_t{count});
   });
 }

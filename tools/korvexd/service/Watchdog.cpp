@@ -53,7 +53,7 @@ void Watchdog::report(const std::string& stuck, Clock::duration longest) {
   const std::string before = std::exchange(stuck_, stuck);
   if (stuck == before) return;
   if (stuck.empty()) {
-    writeLog({Event::LoopMoves, spdlog::level::info, before, "goes on"});
+    writeLog({Event::LoopMoves, spdlog::level::info, before, "making progress again"});
     return;
   }
   const auto silence = std::chrono::duration_cast<std::chrono::milliseconds>(longest).count();

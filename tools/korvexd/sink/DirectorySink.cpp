@@ -99,13 +99,13 @@ void DirectorySink::complete(const receiver::StreamSummary& summary,
 void DirectorySink::checkPlaces(const File& manifest) const {
   const auto expect = [](const char* what, const File& file, int folder, const std::string& name) {
     if (file.isNamed(folder, name, File::Links::Refuse)) return;
-    throw std::runtime_error(std::string(what) + " was removed or exchanged: " + name);
+    throw std::runtime_error(std::string(what) + " was removed or replaced: " + name);
   };
   if (!parent_->isNamed(AT_FDCWD, path_, File::Links::Follow)) throwOutputMoved(path_);
   expect("stream folder", folder_, parent_->descriptor(), partialName());
   expect("data file", data_, folder_.descriptor(), kDataName);
   expect("manifest", manifest, folder_.descriptor(), kManifestName);
-  const std::uint64_t size = data_.size("looking at data");
+  const std::uint64_t size = data_.size("checking the data file");
   if (size == written_) return;
   throw std::runtime_error("data file was changed: found " + std::to_string(size) +
                            " bytes, expected " + std::to_string(written_));

@@ -18,11 +18,12 @@ namespace korvex::receiver {
 /// A separate call, because a library must not take a signal from its host unasked.
 KORVEX_RECEIVER_EXPORT void installBusErrorGuard();
 
-/// Runs a step that touches a queue other than through this library: a writer's call. False when a
-/// SIGBUS ended it, which takes the guard; what the step throws passes through.
+/// Runs a step that touches a queue other than through this library, such as a writer's call.
+/// Returns false if a SIGBUS ended the step, for which the guard must be installed; what the step
+/// throws passes through.
 ///
-/// A step that is ended so is left as it stands: no destructor of it runs, a lock that it took stays
-/// taken, and the writer must not be used any more, nor destroyed.
+/// A step that ends this way is abandoned: none of its destructors run, a lock that it took stays
+/// taken, and the writer must be neither used again nor destroyed.
 KORVEX_RECEIVER_EXPORT bool runGuarded(const std::function<void()>& step);
 
 }  // namespace korvex::receiver

@@ -9,13 +9,14 @@
 
 namespace korvex::receiver {
 
-/// A queue that is being made, under a temporary name, or that was when its daemon was killed.
+/// A queue under a temporary name: one that is still being made, or that a killed daemon left
+/// unfinished.
 struct HalfMadeQueue {
   /// What is known of the process that makes it.
   enum class Maker { Dead, Alive, Unknown };
 
   std::string name;  ///< the temporary one
-  pid_t process;     ///< that makes it; 0 unless it can be told in this PID namespace
+  pid_t process;     ///< the one that makes it; 0 if it is not known in this PID namespace
   Maker maker;       ///< Unknown where that cannot be told
 };
 
@@ -30,16 +31,17 @@ KORVEX_RECEIVER_EXPORT std::vector<HalfMadeQueue> halfMadeQueues();
 /// everything where the PID namespace is unknown (no /proc).
 KORVEX_RECEIVER_EXPORT std::vector<std::string> removeHalfMadeQueues();
 
-/// Removes only this one, under the same conditions. Whether it did.
+/// Removes only this one, under the same conditions. Returns whether it was removed.
 KORVEX_RECEIVER_EXPORT bool removeHalfMadeQueue(const std::string& name);
 
-/// Removes a pair of queues that a dead daemon of this user left, or the one that is left of it,
-/// and returns the names that were there.
+/// Removes a pair of queues that a dead daemon of this user left behind, or whichever of the two
+/// remains, and returns the names that were there.
 ///
-/// Does what a receiver does that replaces its queues: both are claimed before one is removed, so a
-/// living daemon, also one that starts meanwhile, keeps its pair whole. Throws std::runtime_error
-/// when a living daemon serves them, or when what lies there can be no daemon's of this user:
-/// another user's queue, a link, a pipe, a file that never was a queue. Nothing is removed then.
+/// Works as a receiver with Existing::Replace does: both are claimed before either is removed, so a
+/// living daemon, even one that starts meanwhile, keeps its pair whole. Throws std::runtime_error
+/// when a living daemon serves them, or when an object under these names cannot have been left by a
+/// daemon of this user: another user's queue, a link, a pipe, a file that never was a queue.
+/// Nothing is removed then.
 KORVEX_RECEIVER_EXPORT std::vector<std::string> removeDeadPair(const std::string& name);
 
 }  // namespace korvex::receiver

@@ -62,17 +62,17 @@ class KORVEX_RECEIVER_EXPORT Observer {
   /// The queues were made again with the settings that Receiver::change() asked for.
   virtual void settingsChanged() noexcept;
 
-  /// They could not be, and are made again with the old ones.
+  /// The queues could not be made with those settings, and are made again with the old ones.
   virtual void settingsNotChanged(const std::string& reason) noexcept;
 
   /// The receiver ended while this many messages were waiting.
   virtual void messagesLeft(std::size_t count) noexcept;
 
-  // For a watchdog: a receiver that works and has not said so for long is stuck, in a sink mostly.
-  // One that waits may do so forever.
+  // For a watchdog: a receiver that is working but has not called working() for a long time is
+  // stuck, usually in a sink. One that waits may do so forever.
 
-  /// The thread works. Said before each step of its work, and whenever a sink that finishes says
-  /// that it still does.
+  /// The thread is working. Called before each step of its work, and whenever a sink that is
+  /// finishing reports that it still is.
   virtual void working() noexcept;
 
   /// The step is over, or the thread is about to wait for something to do.

@@ -15,8 +15,8 @@ namespace korvex::receiver {
 
 /// The names of the pairs of queues in shared memory, sorted: NAME for NAME and NAMEResponse.
 ///
-/// A pair counts when both names are there and not both lead to something else than queues, or when
-/// one is that leads to a sound queue. Takes no lock. QueueStatus says more of each queue.
+/// A pair is listed if both names exist, unless neither leads to a queue, or if only one exists and
+/// leads to a sound queue. Takes no lock. QueueStatus has the details of each queue.
 KORVEX_RECEIVER_EXPORT std::vector<std::string> pairNames();
 
 /// Which processes serve queues, as one look at the system's table of file locks finds it.

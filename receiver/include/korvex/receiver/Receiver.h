@@ -63,9 +63,9 @@ class KORVEX_RECEIVER_EXPORT Receiver {
   void run(const std::atomic<bool>& stop) noexcept;
 
   /// From the next stream on, serves with these settings, but for the queue's name and `existing`.
-  /// Any thread may call it. Other limits, another mode or group need other queues: the present
-  /// pair is replaced when no stream is open and nothing waits. When that fails, the old settings
-  /// hold again; the observer hears of either.
+  /// Any thread may call it. Other limits, another mode or group need other queues: the current
+  /// pair is replaced when no stream is open and nothing waits. If that fails, the old settings
+  /// are kept. The observer is notified in either case.
   void change(const Settings& settings, SinkFactory openSink);
 
   /// From now on new streams fail; those that wait already are taken. Any thread may call it.

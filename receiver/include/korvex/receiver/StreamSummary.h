@@ -12,7 +12,7 @@ enum class Ending {
   Complete,
   Stopped,       ///< by its producer
   CutOff,        ///< another stream was opened before its close
-  Silent,        ///< nothing came for `Settings::idleTimeout`
+  Silent,        ///< no batch for `Settings::idleTimeout`
   Corrupt,       ///< a damaged batch, or a record against the protocol
   SinkFailed,    ///< it could not be stored
   QueuesLost,    ///< the queues had to be given up

@@ -137,7 +137,7 @@ INSTANTIATE_TEST_SUITE_P(
         WrongLine{"exec = 'a b'", R"(exec: found "a b", expected a list of words)"},
         WrongLine{"exec = []", "exec: found [], expected a list of words"},
         WrongLine{"exec = ['', 'x']", R"(exec: found ["", "x"], expected a list of words)"},
-        WrongLine{"exec = ['x', 1]", "exec: found a list with other things than texts"},
+        WrongLine{"exec = ['x', 1]", "exec: found a list with elements other than strings"},
         WrongLine{"discard = false", "discard: found false, expected true"},
         WrongLine{"discard = 1", "discard: found 1, expected true"},
         WrongLine{"replace = 'yes'", R"(replace: found "yes", expected true or false)"},

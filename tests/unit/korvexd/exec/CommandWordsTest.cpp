@@ -115,7 +115,7 @@ TEST(FindProgram, LooksNowhereForAPath) {
   TwoFolders::make(path.second_ + "/engine", 0700);
   EXPECT_EQ(findProgram(path.second_ + "/engine"), path.second_ + "/engine");
   EXPECT_EQ(obstacleTo("./engine"),
-            "looking at the engine './engine': error 2 (No such file or directory)");
+            "checking the engine './engine': error 2 (No such file or directory)");
 }
 
 TEST(FindProgram, TellsAMissingProgramFromAForbiddenOne) {
@@ -126,5 +126,5 @@ TEST(FindProgram, TellsAMissingProgramFromAForbiddenOne) {
   EXPECT_EQ(obstacleTo("engine"),
             "looking for the engine 'engine' in PATH: error 13 (Permission denied)");
   EXPECT_EQ(obstacleTo(path.first_),
-            "looking at the engine '" + path.first_ + "': error 13 (Permission denied)");
+            "checking the engine '" + path.first_ + "': error 13 (Permission denied)");
 }

@@ -85,7 +85,7 @@ class LogWriterLines : public testing::Test {
 /// The number in a line that says how many are missing; 0 for any other.
 std::size_t missingOf(const std::string& line) {
   static const std::string before = "[korvexd] [warning] ";
-  static const std::string after = " log lines are missing here: nobody read them";
+  static const std::string after = " log lines are missing here: they were not read in time";
   const std::size_t at = line.find(before);
   if (at == std::string::npos) return 0;
   const std::string number = line.substr(at + before.size());

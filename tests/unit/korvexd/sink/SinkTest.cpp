@@ -403,27 +403,27 @@ INSTANTIATE_TEST_SUITE_P(
     , MeddledSink,
     testing::Values(
         Meddling{"DataRemoved", [](const auto& partial) { fs::remove(partial + "/data"); },
-                 "data file was removed or exchanged: data"},
+                 "data file was removed or replaced: data"},
         Meddling{"DataExchanged",
                  [](const auto& partial) {
                    fs::rename(partial + "/data", partial + "/other");
                    writeFile(partial + "/data", "abc");
                  },
-                 "data file was removed or exchanged: data"},
+                 "data file was removed or replaced: data"},
         Meddling{"DataALink",
                  [](const auto& partial) {
                    fs::rename(partial + "/data", partial + "/other");
                    fs::create_symlink("other", partial + "/data");
                  },
-                 "data file was removed or exchanged: data"},
+                 "data file was removed or replaced: data"},
         Meddling{"DataGrown", [](const auto& partial) { fs::resize_file(partial + "/data", 4); },
                  "data file was changed: found 4 bytes, expected 3"},
         Meddling{"FolderRemoved", [](const auto& partial) { fs::remove_all(partial); }, ""},
         Meddling{"FolderMoved",
                  [](const auto& partial) { fs::rename(partial, partial + ".moved"); },
-                 "stream folder was removed or exchanged: q-20010909T014640Z-1.partial"},
+                 "stream folder was removed or replaced: q-20010909T014640Z-1.partial"},
         Meddling{"FolderExchanged", replaceFolder,
-                 "stream folder was removed or exchanged: q-20010909T014640Z-1.partial"},
+                 "stream folder was removed or replaced: q-20010909T014640Z-1.partial"},
         Meddling{"OutputMoved",
                  [](const auto& partial) { replaceFolder(fs::path(partial).parent_path()); },
                  "output folder was moved, replaced or unmounted: "}),
