@@ -140,8 +140,8 @@ def check_scraped(prometheus, queue, running):
     if age is None or not -1 <= age <= 2 * PATIENCE:
         fail(f"the last success is {age} s ago, expected a few")
     rules = eventually(prometheus.rules, "all rules are evaluated", *running)
-    if len(rules) != 7:
-        fail(f"Prometheus has {len(rules)} rules, expected 7")
+    if len(rules) != 8:
+        fail(f"Prometheus has {len(rules)} rules, expected 8")
     return rules
 
 
