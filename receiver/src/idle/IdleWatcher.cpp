@@ -19,10 +19,12 @@ constexpr std::chrono::milliseconds kPeriod{10};
 
 /// The same while a producer seems active. Half of the other, which thus still fits the rounds.
 constexpr std::chrono::milliseconds kShortPeriod{5};
-constexpr std::chrono::seconds kRecently{1};
+constexpr std::chrono::milliseconds kRecently{150};
 
-/// Between the opening of a queue and the first message that most producers send.
-constexpr std::chrono::milliseconds kFirstMessage{1};
+/// After a queue was opened, the watch polls so often, for as long as most producers need to send
+/// their first message.
+constexpr std::chrono::microseconds kOpenedPeriod{500};
+constexpr unsigned kOpenedRounds = 8;
 
 constexpr std::chrono::seconds kCheckPeriod{2};
 constexpr std::size_t kRoundsPerCheck = kCheckPeriod / kPeriod;
@@ -104,15 +106,19 @@ void IdleWatcher::run() noexcept {
   }
 }
 
-/// Whether a queue was opened meanwhile. Events do not shorten a hurried round, so a process that
-/// keeps opening queues cannot make the watch spin.
+/// Whether a queue was opened not long ago. A process that keeps opening queues cannot make the
+/// watch spin: after each series of rounds it does not listen for a while.
 bool IdleWatcher::awaitRound() noexcept {
-  if (isHurried_) {
-    std::this_thread::sleep_for(kShortPeriod);
-    return opens_.await(std::chrono::seconds(0));
+  if (openedRounds_ == 0) {
+    const std::chrono::nanoseconds period = isHurried_ ? kShortPeriod : kPeriod;
+    const auto deaf = std::clamp<Clock::duration>(nextSeries_ - Clock::now(), {}, period);
+    std::this_thread::sleep_for(deaf);
+    if (!opens_.await(period - deaf)) return false;
+    openedRounds_ = kOpenedRounds;
+    nextSeries_ = Clock::now() + kShortPeriod;
   }
-  if (!opens_.await(kPeriod)) return false;
-  std::this_thread::sleep_for(kFirstMessage);
+  --openedRounds_;
+  std::this_thread::sleep_for(kOpenedPeriod);
   return true;
 }
 

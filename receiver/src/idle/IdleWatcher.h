@@ -61,6 +61,8 @@ class IdleWatcher {
   std::size_t places_ = 0;
   std::vector<Sleeper> sleepers_;  ///< with room for all places
   bool isHurried_ = false;         ///< a message for one of them is likely soon
+  unsigned openedRounds_ = 0;      ///< left of a series after a queue was opened
+  Clock::time_point nextSeries_{};
   Clock::time_point nextFullRound_{};
   std::size_t checksLeft_ = 0;  ///< of this round
   std::thread thread_;

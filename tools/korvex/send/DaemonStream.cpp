@@ -29,7 +29,7 @@ constexpr std::size_t kBatchOverhead = kBatchHeader + kRecordHeader;
 constexpr std::string_view kFinishing = "finishing";
 constexpr int kOpenAttempts = 3;
 constexpr std::chrono::milliseconds kWatchPeriod{10};
-constexpr std::chrono::steady_clock::duration kLongestFirstSleep = std::chrono::milliseconds(4);
+constexpr std::chrono::steady_clock::duration kLongestHalfTime = std::chrono::milliseconds(20);
 
 std::string quoted(const std::string& name) { return "'" + common::printable(name) + "'"; }
 
@@ -330,10 +330,11 @@ bool DaemonStream::flushBefore(Clock::time_point deadline, StopWait wait) {
   return false;
 }
 
-/// The writer would wait too, but would notice neither a signal nor a replaced queue.
-/// The first sleep is half of the last wait: behind a slow daemon, shorter ones only cost time. It
-/// shrinks by half with each batch that finds room at once.
+/// The writer would wait too, but would notice neither a signal nor a replaced queue. And it would
+/// fill each place as soon as it is free. Behind a slow daemon it is cheaper to sleep until half of
+/// the queue is free, and the daemon still does not run out of work.
 void DaemonStream::awaitRoom(Clock::time_point deadline) {
+  if (!sendQueue_.looksFull()) return;
   const auto start = Clock::now();
   const auto hasRoom = [this] {
     if (!sendQueue_.looksFull()) return true;
@@ -341,9 +342,20 @@ void DaemonStream::awaitRoom(Clock::time_point deadline) {
     checkStillServed();
     return false;
   };
-  if (!lookUntil(deadline, hasRoom, roomSleep_)) throwTimedOut("room");
-  const auto half = std::max(Clock::now() - start, roomSleep_) / 2;
-  roomSleep_ = std::clamp(half, kShortestSleep, kLongestFirstSleep);
+  stop_.throwIfReceived();
+  std::this_thread::sleep_for(std::clamp(halfTime_, kShortestSleep, kLongestHalfTime));
+  if (!lookUntil(deadline, hasRoom)) throwTimedOut("room");
+  noteHalfTime(Clock::now() - start);
+}
+
+/// One wait that was long says nothing yet: the daemon may have had something else to do once. So
+/// the estimate doubles at most.
+void DaemonStream::noteHalfTime(Clock::duration waited) noexcept {
+  const auto capacity = std::max<std::size_t>(1, sendQueue_.limits().messages);
+  const std::size_t taken = capacity - std::min(sendQueue_.messages(), capacity - 1);
+  const auto found =
+      waited / static_cast<Clock::rep>(2 * taken) * static_cast<Clock::rep>(capacity);
+  halfTime_ = std::min(found, 2 * std::max(halfTime_, kShortestSleep));
 }
 
 /// Takes the replies that seem to be there, up to the one that decides about the stream.

@@ -100,6 +100,7 @@ class DaemonStream {
   bool isReply(const Ov_ErrnoException& error) const;
   bool isStillServed() const;
   void checkStillServed();
+  void noteHalfTime(Clock::duration waited) noexcept;
   template <typename Operation>
   bool attempt(Operation operation);
   template <typename Call>
@@ -116,8 +117,8 @@ class DaemonStream {
   qmx_shm_response_t reply_;  ///< the one that was fetched here; all zero before
   receiver::QueueStatus sendQueue_;
   std::size_t largestPiece_ = 0;
-  std::size_t batchSize_ = 0;                   ///< at most what the writer's batch has
-  Clock::duration roomSleep_ = kShortestSleep;  ///< the first one of a wait for room
+  std::size_t batchSize_ = 0;   ///< at most what the writer's batch has
+  Clock::duration halfTime_{};  ///< in which the daemon took half of a full queue
   Clock::time_point nextWatch_;
   Clock::time_point lastSent_;
   Clock::time_point lastSign_;   ///< of life while the stream is being stored
