@@ -27,7 +27,7 @@ ValueKind valueKindOf(const CLI::Option& option) {
 
 /// A positional's own name says what it is where its type does not.
 ValueKind positionalKindOf(const CLI::Option& option) {
-  const ValueKind kind = valueKindOf(option);
+  ValueKind kind = valueKindOf(option);
   if (kind.source != ValueKind::Source::Anything) return kind;
   const std::string& name = option.get_name(true);
   if (name == "DIR") return {ValueKind::Source::Folders, name, {}};

@@ -1,6 +1,7 @@
 #include "common/Completion.h"
 
 #include <CLI/CLI.hpp>
+#include <utility>
 
 #include "common/CommandTree.h"
 
@@ -28,6 +29,7 @@ std::string functionOf(const CommandTree& program) { return "_" + program.name; 
 
 std::vector<std::string> namesOf(const std::vector<CommandTree>& commands) {
   std::vector<std::string> names;
+  names.reserve(commands.size());
   for (const CommandTree& command : commands) names.push_back(command.name);
   return names;
 }
@@ -65,7 +67,10 @@ std::string bashCases(const CommandTree& command, const std::string& verb) {
     all.insert(all.end(), option.words.begin(), option.words.end());
     if (option.value.source == Source::None) continue;
     for (const std::string& word : option.words) {
-      cases += "    " + quoted(verb + " " + word + " ") + "*) " + bashReply(option.value) + " ;;\n";
+      std::string typed = verb;
+      typed.append(" ").append(word).append(" ");
+      const std::string pattern = quoted(std::as_const(typed));  // std::quoted is no match then
+      cases += "    " + pattern + "*) " + bashReply(option.value) + " ;;\n";
     }
   }
   cases += "    " + quoted(verb + " ") + "*' -'*) " + bashWords(all) + " ;;\n";

@@ -93,6 +93,7 @@ std::vector<CaptureFile> inBatchOrder(const std::vector<std::string>& paths) {
   std::stable_sort(files.begin(), files.end(),
                    [](const auto& left, const auto& right) { return left.first < right.first; });
   std::vector<CaptureFile> sorted;
+  sorted.reserve(files.size());
   for (auto& file : files) sorted.push_back(std::move(file.second));
   return sorted;
 }

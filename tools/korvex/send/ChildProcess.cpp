@@ -30,7 +30,9 @@ bool isFound(const std::string& name) {
   std::string_view folders = path == nullptr ? "" : path;
   while (!folders.empty()) {
     const std::string folder(folders.substr(0, folders.find(':')));
-    const std::string file = folder.empty() ? name : folder + "/" + name;
+    std::string file = folder;
+    if (!folder.empty()) file += '/';
+    file += name;
     if (::access(file.c_str(), F_OK) == 0) return true;
     folders.remove_prefix(std::min(folders.size(), folder.size() + 1));
   }
@@ -77,6 +79,7 @@ class Start {
   }
   int run(const std::vector<std::string>& words, pid_t& process) const {
     std::vector<char*> pointers;
+    pointers.reserve(words.size() + 1);
     for (const std::string& word : words) pointers.push_back(const_cast<char*>(word.c_str()));
     pointers.push_back(nullptr);
     return ::posix_spawnp(&process, pointers.front(), &actions_, &attributes_, pointers.data(),

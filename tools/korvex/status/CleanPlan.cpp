@@ -38,7 +38,7 @@ std::string userObstacle(const PairState& pair, const QueueUsers& users) {
 /// Only one of two queues is rarely a daemon's work, and other programs have queues too.
 std::string pairObstacle(const PairState& pair, bool isNamed, const QueueUsers& users) {
   if (pair.service == PairState::Service::Served) return pair.server.text() + " serves it";
-  const std::string inUse = userObstacle(pair, users);
+  std::string inUse = userObstacle(pair, users);
   if (!inUse.empty()) return inUse;
   const bool isWhole = pair.batches.exists() && pair.replies.exists();
   if (!isWhole && !isNamed) {

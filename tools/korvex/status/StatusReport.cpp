@@ -178,8 +178,11 @@ std::vector<std::string> streamLines(const StatusReport::Pair& pair, std::time_t
 std::string linesOf(const StatusReport::Pair& pair, std::time_t now) {
   const std::string name = common::printable(pair.state.name) + ": ";
   std::string text;
-  for (const std::string& line : streamLines(pair, now)) text += name + line + "\n";
-  for (const std::string& problem : pair.state.problems()) text += name + "! " + problem + "\n";
+  for (const std::string& line : streamLines(pair, now))
+    text.append(name).append(line).append("\n");
+  for (const std::string& problem : pair.state.problems()) {
+    text.append(name).append("! ").append(problem).append("\n");
+  }
   return text;
 }
 

@@ -70,7 +70,7 @@ std::string textIn(const Json& manifest, const std::string& name) {
 
 std::string hexIn(const Json& manifest, const std::string& name, std::size_t digits) {
   const Json& found = member(manifest, name);
-  const std::string text = found.is_string() ? found.get<std::string>() : "";
+  std::string text = found.is_string() ? found.get<std::string>() : "";
   if (text.size() != digits || text.find_first_not_of(kHexDigits) != std::string::npos) {
     refuseMember(name, found, std::to_string(digits) + " lower-case hex digits");
   }

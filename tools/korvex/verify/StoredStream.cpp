@@ -131,6 +131,7 @@ std::vector<StoredStream> streamsIn(const std::string& folder) {
   }
   const std::string prefix = folder.back() == '/' ? folder : folder + "/";
   std::vector<StoredStream> streams;
+  streams.reserve(names.size());
   for (const std::string& entry : names) streams.push_back(entryAt(prefix + entry, entry));
   return streams;
 }

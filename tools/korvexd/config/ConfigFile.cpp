@@ -18,7 +18,7 @@
 namespace korvexd {
 namespace {
 
-constexpr std::size_t kChunk = 16 * 1024;
+constexpr std::size_t kChunk = std::size_t{16} * 1024;
 
 using korvex::common::plainQueueName;
 using korvex::common::queueNameDefect;
@@ -66,6 +66,7 @@ std::string listText(const std::vector<std::string>& names) {
 template <typename Target>
 std::vector<std::string> namesOf(const std::vector<Key<Target>>& keys) {
   std::vector<std::string> names;
+  names.reserve(keys.size());
   for (const Key<Target>& key : keys) names.push_back(key.name);
   return names;
 }

@@ -117,7 +117,8 @@ std::vector<std::string> foldersOfPath() {
 std::string findInPath(const std::string& name) {
   int obstacle = ENOENT;
   for (const std::string& folder : foldersOfPath()) {
-    std::string path = folder + "/" + name;
+    std::string path = folder;
+    path.append("/").append(name);
     const int found = obstacleTo(path);
     if (found == 0) return path;
     if (found == EACCES) obstacle = found;

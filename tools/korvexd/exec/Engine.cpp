@@ -96,7 +96,7 @@ class Descriptors {
 }  // namespace
 
 Engine::Engine(Keepers& keepers, const Command& command, EngineLog::Print print)
-    : keepers_(keepers), outputLog_(print), errorLog_(print) {
+    : keepers_(keepers), outputLog_(print), errorLog_(std::move(print)) {
   Pipe input = makePipe();
   Pipe output = makePipe();
   Pipe errors = makePipe();

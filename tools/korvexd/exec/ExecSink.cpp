@@ -15,7 +15,6 @@ namespace receiver = korvex::receiver;
 namespace {
 
 using keeper::Event;
-using keeper::Report;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 

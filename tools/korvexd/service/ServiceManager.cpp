@@ -23,7 +23,7 @@ constexpr std::int64_t kNanosecondsPerMicrosecond = 1000;
 
 std::string takeVariable(const char* name) {
   const char* const value = std::getenv(name);
-  const std::string text = value == nullptr ? "" : value;
+  std::string text = value == nullptr ? "" : value;
   ::unsetenv(name);
   return text;
 }

@@ -39,10 +39,10 @@ class KORVEX_RECEIVER_EXPORT Receiver {
 
   /// What a receiver serves, and how.
   struct Settings {
-    std::string queue;                     ///< may start with one slash, holds no other
-    Limits limits{8, 264 * 1024};          ///< keeps both sides busy with the largest records
-    mode_t mode = 0600;                    ///< of both queues, whatever the umask
-    Existing existing = Existing::Refuse;  ///< what to do with a dead daemon's queues
+    std::string queue;                          ///< may start with one slash, holds no other
+    Limits limits{8, std::size_t{264} * 1024};  ///< keeps both sides busy with the largest records
+    mode_t mode = 0600;                         ///< of both queues, whatever the umask
+    Existing existing = Existing::Refuse;       ///< what to do with a dead daemon's queues
     std::optional<std::chrono::seconds> idleTimeout = {};  ///< fails a silent stream; none: never
     std::optional<gid_t> group = {};  ///< of both queues; none: the process's own
     IdleWatch* idleWatch = nullptr;   ///< polls the idle queue for run(); outlives the receiver
