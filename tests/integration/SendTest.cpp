@@ -424,9 +424,9 @@ TEST_F(SendCommand, IsNotKilledByAQueueThatIsCutUnderIt) {
     ASSERT_EQ(::truncate(("/dev/shm/" + queue).c_str(), 0), 0);
     const Result result = resultOf(sender);
     EXPECT_EQ(result.code, 1);
-    EXPECT_THAT(result.json()["message"].get<std::string>(),
-                AnyOf(HasSubstr("the queue's memory was truncated"),
-                      HasSubstr("removed or replaced")));
+    EXPECT_THAT(
+        result.json()["message"].get<std::string>(),
+        AnyOf(HasSubstr("the queue's memory was truncated"), HasSubstr("removed or replaced")));
     ASSERT_TRUE(isLogged(": served again", round)) << daemon->errors();
   }
 }
