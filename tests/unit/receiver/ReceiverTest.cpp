@@ -58,6 +58,36 @@ class SlowSink : public Sink {
   Streams& streams_;
 };
 
+/// For each message that the receiver takes, an empty batch of the producer, if there is one.
+class Flood : public Observer {
+ public:
+  void messageReceived(std::uint64_t, const unsigned char*, std::size_t) noexcept override {
+    if (producer != nullptr) producer->flush_shm_buffer(1);
+  }
+
+  ShmWriter* producer = nullptr;
+};
+
+/// A whole stream that waits for a slow sink, and the next producer.
+class SlowFinish : public testing::Test {
+ protected:
+  SlowFinish() {
+    ShmWriter first("first", name_, 1, 1, false);
+    first.open();
+    first.close();
+  }
+
+  const std::string name_ = korvex::test::uniqueQueueName();
+  const korvex::test::QueueRemover remover_{name_};
+  Streams streams_;
+  Flood observer_;
+  Receiver receiver_{
+      {name_, {4, 4096}},
+      [this](const std::string&, std::time_t) { return std::make_unique<SlowSink>(streams_); },
+      observer_};
+  ShmWriter second_{"second", name_, 1, 1, false};
+};
+
 /// Ends its receiver when it was asked a third time.
 class AskedSink : public Sink {
  public:
@@ -75,54 +105,16 @@ class AskedSink : public Sink {
 
 }  // namespace
 
-TEST(Receiver, TakesAtItsEndWhatCameDuringAFinish) {
-  const std::string name = korvex::test::uniqueQueueName();
-  const korvex::test::QueueRemover remover(name);
-  Streams streams;
-  Observer silent;
-  const auto open = [&](const std::string&, std::time_t) {
-    return std::make_unique<SlowSink>(streams);
-  };
-  Receiver receiver({name, {4, 4096}}, open, silent);
-  ShmWriter first("first", name, 1, 1, false);
-  first.open();
-  first.close();
-  ShmWriter second("second", name, 1, 1, false);
-  second.open();
-  receiver.run(streams.stop);
-  EXPECT_THAT(streams.ends, ElementsAre("complete", "the daemon ended"));
+TEST_F(SlowFinish, IsFollowedByWhatCameMeanwhile) {
+  second_.open();
+  receiver_.run(streams_.stop);
+  EXPECT_THAT(streams_.ends, ElementsAre("complete", "the daemon ended"));
 }
 
-namespace {
-
-/// For each message that the receiver takes, an empty batch.
-class Flood : public Observer {
- public:
-  void messageReceived(std::uint64_t, const unsigned char*, std::size_t) noexcept override {
-    if (producer != nullptr) producer->flush_shm_buffer(1);
-  }
-
-  ShmWriter* producer = nullptr;
-};
-
-}  // namespace
-
-TEST(Receiver, FinishesAStreamUnderAFloodOfEmptyBatches) {
-  const std::string name = korvex::test::uniqueQueueName();
-  const korvex::test::QueueRemover remover(name);
-  Streams streams;
-  Flood flood;
-  const auto open = [&](const std::string&, std::time_t) {
-    return std::make_unique<SlowSink>(streams);
-  };
-  Receiver receiver({name, {4, 4096}}, open, flood);
-  ShmWriter first("first", name, 1, 1, false);
-  first.open();
-  first.close();
-  ShmWriter second("second", name, 1, 1, false);
-  flood.producer = &second;
-  receiver.run(streams.stop);
-  EXPECT_THAT(streams.ends, ElementsAre("complete"));
+TEST_F(SlowFinish, ComesToItsEndUnderAFloodOfEmptyBatches) {
+  observer_.producer = &second_;
+  receiver_.run(streams_.stop);
+  EXPECT_THAT(streams_.ends, ElementsAre("complete"));
 }
 
 // Asking takes a system call or two. At each look at the queue, that would cost a processor.
