@@ -286,8 +286,7 @@ void StreamSession::abandonSink(const StreamSummary& summary, const std::string&
 
 StreamSummary StreamSession::summary(Ending ending) const {
   StreamSummary result = figures(ending);
-  result.queue = queue_;
-  result.xxh128 = digest_.expected().xxh128;
+  addTexts(result);
   return result;
 }
 
@@ -295,12 +294,16 @@ StreamSummary StreamSession::summary(Ending ending) const {
 StreamSummary StreamSession::summaryWithoutMemory(Ending ending) const noexcept {
   StreamSummary result = figures(ending);
   try {
-    result.queue = queue_;
-    result.xxh128 = digest_.expected().xxh128;
+    addTexts(result);
   } catch (const std::exception&) {
     // Both are for people.
   }
   return result;
+}
+
+void StreamSession::addTexts(StreamSummary& summary) const {
+  summary.queue = queue_;
+  summary.xxh128 = digest_.expected().xxh128;
 }
 
 StreamSummary StreamSession::figures(Ending ending) const noexcept {

@@ -126,6 +126,7 @@ class StreamSession {
   StreamSummary summary(Ending ending) const;
   StreamSummary summaryWithoutMemory(Ending ending) const noexcept;
   StreamSummary figures(Ending ending) const noexcept;
+  void addTexts(StreamSummary& summary) const;
 
   const std::string queue_;
   SinkFactory openSink_;
