@@ -1,7 +1,6 @@
 #include "common/Completion.h"
 
 #include <CLI/CLI.hpp>
-#include <utility>
 
 #include "common/CommandTree.h"
 
@@ -17,7 +16,7 @@ std::string joined(const std::vector<std::string>& words, const std::string& sep
 }
 
 /// For any of the shells: in quotes that leave everything as it is.
-std::string quoted(const std::string& text) {
+std::string shellQuoted(const std::string& text) {
   std::string safe = "'";
   for (const char character : text) {
     safe += character == '\'' ? std::string("'\\''") : std::string(1, character);
@@ -46,7 +45,7 @@ std::string bashReply(const ValueKind& value) {
       return "compopt -o filenames 2>/dev/null; mapfile -t COMPREPLY < <(compgen -d -- "
              "\"$current\")";
     case Source::Choice:
-      return "mapfile -t COMPREPLY < <(compgen -W " + quoted(joined(value.choices)) +
+      return "mapfile -t COMPREPLY < <(compgen -W " + shellQuoted(joined(value.choices)) +
              " -- \"$current\")";
     case Source::None:
     case Source::Anything:
@@ -67,15 +66,13 @@ std::string bashCases(const CommandTree& command, const std::string& verb) {
     all.insert(all.end(), option.words.begin(), option.words.end());
     if (option.value.source == Source::None) continue;
     for (const std::string& word : option.words) {
-      std::string typed = verb;
-      typed.append(" ").append(word).append(" ");
-      const std::string pattern = quoted(std::as_const(typed));  // std::quoted is no match then
-      cases += "    " + pattern + "*) " + bashReply(option.value) + " ;;\n";
+      const auto typed = std::string(verb).append(" ").append(word).append(" ");
+      cases += "    " + shellQuoted(typed) + "*) " + bashReply(option.value) + " ;;\n";
     }
   }
-  cases += "    " + quoted(verb + " ") + "*' -'*) " + bashWords(all) + " ;;\n";
+  cases += "    " + shellQuoted(verb + " ") + "*' -'*) " + bashWords(all) + " ;;\n";
   const bool hasVerbs = !command.subcommands.empty();
-  return cases + "    " + quoted(verb + " ") + "*) " +
+  return cases + "    " + shellQuoted(verb + " ") + "*) " +
          (hasVerbs ? bashWords(namesOf(command.subcommands)) : bashReply(command.positional)) +
          " ;;\n";
 }
@@ -130,13 +127,13 @@ std::string zshArguments(const CommandTree& command, const std::string& indent) 
   std::string text;
   for (const OptionWords& option : command.options) {
     for (const std::string& word : option.words) {
-      text +=
-          " \\\n" + indent +
-          quoted("*" + word + "[" + zshEscaped(option.description) + "]" + zshValue(option.value));
+      text += " \\\n" + indent +
+              shellQuoted("*" + word + "[" + zshEscaped(option.description) + "]" +
+                          zshValue(option.value));
     }
   }
   if (command.positional.source != Source::None) {
-    text += " \\\n" + indent + quoted("*" + zshValue(command.positional));
+    text += " \\\n" + indent + shellQuoted("*" + zshValue(command.positional));
   }
   return text;
 }
@@ -144,7 +141,7 @@ std::string zshArguments(const CommandTree& command, const std::string& indent) 
 std::string zshVerbs(const CommandTree& program) {
   std::string text;
   for (const CommandTree& command : program.subcommands) {
-    text += "\n    " + quoted(command.name + ":" + zshEscaped(command.description));
+    text += "\n    " + shellQuoted(command.name + ":" + zshEscaped(command.description));
   }
   return text;
 }
@@ -191,7 +188,7 @@ std::string fishValue(const ValueKind& value) {
     case Source::Choice:
       break;
   }
-  return " -x -a " + quoted(joined(value.choices));
+  return " -x -a " + shellQuoted(joined(value.choices));
 }
 
 std::string fishOption(const OptionWords& option) {
@@ -200,7 +197,7 @@ std::string fishOption(const OptionWords& option) {
     const bool isLong = word.rfind("--", 0) == 0;
     text += (isLong ? " -l " : " -s ") + word.substr(isLong ? 2 : 1);
   }
-  return text + fishValue(option.value) + " -d " + quoted(option.description);
+  return text + fishValue(option.value) + " -d " + shellQuoted(option.description);
 }
 
 std::string fishLines(const CommandTree& command, const std::string& start) {
@@ -220,7 +217,7 @@ std::string fishCompletion(const CommandTree& program) {
   text += fishLines(program, start + " -n __fish_use_subcommand");
   for (const CommandTree& command : program.subcommands) {
     text += start + " -n __fish_use_subcommand -a " + command.name + " -d " +
-            quoted(command.description) + "\n" +
+            shellQuoted(command.description) + "\n" +
             fishLines(command, start + " -n '__fish_seen_subcommand_from " + command.name + "'");
   }
   return text;
