@@ -264,7 +264,7 @@ std::vector<DaemonMetrics::Path> DaemonMetrics::engines() {
        }},
       {"DaemonEndedWhileEngineFinished", engineFailed("daemon_ended"),
        [](Test& test) {
-         test.startEngine("cat >/dev/null; : >$0/read; sleep 600", "5");
+         test.startEngine("cat >/dev/null; : >$0/read; sleep 600", "30");
          test.sendStream();
          EXPECT_TRUE(test.awaitFile("read"));
          test.end();

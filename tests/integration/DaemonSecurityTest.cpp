@@ -142,7 +142,7 @@ TEST_F(DaemonSecurity, CapturesThroughNoPlantedLinkOrPipe) {
   fs::create_symlink(treasure_, capture_ + "/" + queue_ + "-00000001.batch");
   ASSERT_EQ(::mkfifo((capture_ + "/" + queue_ + "-00000002.batch").c_str(), 0600), 0);
   EXPECT_EQ(stream("abc"), kReceiptOfAbc);
-  EXPECT_THAT(daemon->errors(), HasSubstr("capturing a batch: error 17 (File exists)"));
+  EXPECT_TRUE(awaitLog(*daemon, "capturing a batch: error 17 (File exists)"));
   end(*daemon);
   EXPECT_EQ(contentsOf(treasure_), "gold");
 }

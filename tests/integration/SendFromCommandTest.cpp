@@ -134,7 +134,7 @@ TEST_F(FromCommand, ADaemonThatEndsEndsTheCommand) {
 
 TEST_F(FromCommand, AKilledDaemonEndsTheCommand) {
   const auto daemon = start();
-  Process sender({KORVEX_PROGRAM, "send", "--queue", queue_, "--json", "--timeout", "1",
+  Process sender({KORVEX_PROGRAM, "send", "--queue", queue_, "--json", "--timeout", "5",
                   "--from-command", "sh", "-c", "echo $$ >\"$0/id\"; exec yes", traces_});
   awaitFlow();
   daemon->killNow();

@@ -181,9 +181,13 @@ TEST_F(Status, FindsTheStatisticsByTheDaemonsCommandLine) {
   EXPECT_EQ(streams["lastComplete"]["bytes"], 3);
   EXPECT_EQ(streams["open"]["place"], output_ + "/" + this->streams(true)[0]);
   open->stop(true);
-  ASSERT_TRUE(eventually([&] { return status()["streams"]["incomplete"] == 1; }));
-  EXPECT_EQ(status()["streams"]["lastIncomplete"]["reason"], "stopped by the producer");
-  EXPECT_EQ(status()["streams"]["open"], json());
+  ASSERT_TRUE(eventually([&] {
+    streams = status()["streams"];
+    return !streams["lastIncomplete"].is_null();
+  }));
+  EXPECT_EQ(streams["incomplete"], 1);
+  EXPECT_EQ(streams["lastIncomplete"]["reason"], "stopped by the producer");
+  EXPECT_EQ(streams["open"], json());
   end(*daemon);
 }
 

@@ -10,6 +10,7 @@ Exits with 77 where no namespace of one's own, with shared memory that nobody el
 import os
 import pathlib
 import re
+import signal
 import subprocess
 import sys
 import tempfile
@@ -135,9 +136,11 @@ def failing_command(night):
 def two_producers(night):
     night.daemon()
     night.open_stream()
+    night.sender.send_signal(signal.SIGSTOP)  # or it might meet the other's receipt, and say so
     subprocess.run([*SEND, "dump.sql"], check=False)
-    night.see("failed streams")
+    night.see("last complete stream: 2")
     night.pipe.write(night.dump)
+    night.sender.send_signal(signal.SIGCONT)
     night.end_stream()
 
 

@@ -30,14 +30,19 @@ mkdir "$work/stored"
 "$PREFIX/bin/korvexd" --queue "$queue" --output "$work/stored" 2> "$work/log" &
 daemon=$!
 trap 'kill "$daemon"; wait "$daemon" || true; rm -rf "$work"' EXIT
-for _ in $(seq 3000); do
-  grep -q "serving $queue," "$work/log" && break
-  sleep 0.02
-done
+await_log() { # text
+  for _ in $(seq 3000); do
+    grep -q "$1" "$work/log" && break
+    sleep 0.02
+  done
+}
+await_log "serving $queue,"
 
 head -c 300000 /dev/zero | tr '\0' x > "$work/line" # longer than a record may be
 "$work/build/producer" "$queue" < "$work/line"
-expect "the receipt" "$("$work/build/receipt" "$queue" < "$work/line")" \
+receipt=$("$work/build/receipt" "$queue" < "$work/line")
+await_log " 300000 bytes "
+expect "the receipt" "$receipt" \
   "stored bytes=300000 xxh128=$(sed -n 's/.* 300000 bytes .* xxh128 \([0-9a-f]*\),.*/\1/p' "$work/log" | head -n 1)"
 expect "the data of the line" "$(cat "$work"/stored/*-1/data | cmp - "$work/line" && echo same)" same
 expect "the data of the file" "$(cat "$work"/stored/*-2/data | cmp - "$work/line" && echo same)" same

@@ -395,7 +395,7 @@ TEST_F(SendStream, ASignalEndsTheWaitForTheReceipt) {
 
 TEST_F(SendStream, ASignalEndsTheWaitForRoom) {
   addFile("a", std::string(100000, 'x'));
-  options.timeout = 2;
+  options.timeout = 60;
   std::promise<void> ended;
   const auto end = ended.get_future().share();
   daemon.serve([&, end, stuck = false](FakeDaemon& self, const FakeDaemon::Record& record) mutable {
@@ -468,14 +468,14 @@ TEST_F(SendStream, ASignalEndsTheWaitForTheLock) {
 
 TEST_F(SendStream, TellsThatTheLockStaysTaken) {
   addFile("a", std::string(100000, 'x'));
-  options.timeout = 1;
+  options.timeout = 3;
   options.name = "photos";
   daemon.serve([isDone = false](FakeDaemon& self, const FakeDaemon::Record& record) mutable {
     if (record.type != kData || std::exchange(isDone, true)) return;
     korvex::test::QueueLock(self.queue()).takeAndDie();
   });
   EXPECT_EQ(send(), 1);
-  EXPECT_THAT(errors.str(), HasSubstr("status 15: waited 1 s for room on stream photos: "));
+  EXPECT_THAT(errors.str(), HasSubstr("status 15: waited 3 s for room on stream photos: "));
 }
 
 TEST_F(SendStream, ManySmallSegmentsShareBatches) {

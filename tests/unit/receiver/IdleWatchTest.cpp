@@ -214,7 +214,7 @@ class WatchedReceiver : public testing::Test {
   Story story_;
   std::atomic<bool> sinkIsLost_{false};
   std::atomic<bool> stop_{false};
-  Receiver receiver_{{name_, {4, 4096}, 0600, Receiver::Existing::Refuse, seconds(1), {}, &watch_},
+  Receiver receiver_{{name_, {4, 4096}, 0600, Receiver::Existing::Refuse, seconds(3), {}, &watch_},
                      [this](const std::string&, std::time_t) {
                        return std::make_unique<StorySink>(story_, sinkIsLost_);
                      },
@@ -240,7 +240,7 @@ TEST_F(WatchedReceiver, TakesStreamAfterStream) {
 
 TEST_F(WatchedReceiver, EndsAStreamThatIsSilent) {
   const auto writer = open();
-  EXPECT_EQ(story_.events(1), Events{"no batch for 1 seconds"});
+  EXPECT_EQ(story_.events(1), Events{"no batch for 3 seconds"});
 }
 
 TEST_F(WatchedReceiver, ChecksTheSinkOfASilentStream) {

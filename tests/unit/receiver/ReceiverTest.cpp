@@ -338,7 +338,7 @@ TEST(Receiver, SaysThatItWorksWheneverASinkIsCalled) {
   writer.open();
   writer.writeSegment(reinterpret_cast<const unsigned char*>("abc"), 3);
   writer.flush_shm_buffer(1);
-  EXPECT_TRUE(korvex::test::eventually([&] { return !receiver.step() && seen.size() == 2; }))
+  EXPECT_TRUE(korvex::test::eventually([&] { return !receiver.step() && seen.size() >= 2; }))
       << "the sink is asked how it is, now and then";
   EXPECT_FALSE(moves.isWorking_);
   writer.close();
