@@ -34,6 +34,13 @@ using testing::ElementsAre;
 
 namespace {
 
+/// Sends a message that no writer would.
+void sendRaw(const std::string& name, const BatchBytes& batch) {
+  korvex::MessageQueue queue(name, korvex::MessageQueue::Clock::now());
+  const auto& bytes = batch.bytes();
+  ASSERT_EQ(queue.trySend(bytes.data(), bytes.size(), 0), korvex::MessageQueue::Outcome::Done);
+}
+
 /// Sinks of one receiver, the first of which is still finishing when the receiver is to end.
 struct Streams {
   std::atomic<bool> stop{false};
@@ -407,10 +414,8 @@ class SmallSink : public Sink {
 /// A receiver that gets batches byte by byte.
 class ReceiverBatches : public testing::Test {
  protected:
-  void take(const korvex::test::BatchBytes& batch) {
-    korvex::MessageQueue queue(name_, korvex::MessageQueue::Clock::now());
-    const auto& bytes = batch.bytes();
-    ASSERT_EQ(queue.trySend(bytes.data(), bytes.size(), 0), korvex::MessageQueue::Outcome::Done);
+  void take(const BatchBytes& batch) {
+    sendRaw(name_, batch);
     ASSERT_TRUE(receiver_->step());
   }
 
