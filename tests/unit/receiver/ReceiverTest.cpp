@@ -88,10 +88,10 @@ class SlowFinish : public testing::Test {
   const korvex::test::QueueRemover remover_{name_};
   Streams streams_;
   Flood observer_;
-  Receiver receiver_{
-      {name_, {4, 4096}},
-      [this](const std::string&, std::time_t) { return std::make_unique<SlowSink>(streams_); },
-      observer_};
+  const korvex::receiver::SinkFactory open_ = [this](const std::string&, std::time_t) {
+    return std::make_unique<SlowSink>(streams_);
+  };
+  Receiver receiver_{{name_, {4, 4096}}, open_, observer_};
   ShmWriter second_{"second", name_, 1, 1, false};
 };
 
@@ -122,6 +122,20 @@ TEST_F(SlowFinish, ComesToItsEndUnderAFloodOfEmptyBatches) {
   observer_.producer = &second_;
   receiver_.run(streams_.stop);
   EXPECT_THAT(streams_.ends, ElementsAre("complete"));
+}
+
+TEST_F(SlowFinish, HasRoomForALargerMessageAfterAChange) {
+  while (receiver_.step()) {
+  }
+  receiver_.change({"", {4, 65536}}, open_);
+  receiver_.step();
+  ShmWriter next("next", name_, 1, 1, false);
+  next.open();
+  next.close();
+  sendRaw(name_, BatchBytes().record(kOpen, 0).record(kData, 2, std::string(50000, 'x')));
+  while (receiver_.step()) {
+  }
+  EXPECT_EQ(receiver_.counters().get(Count::Bytes), 50000u);
 }
 
 // Asking takes a system call or two. At each look at the queue, that would cost a processor.
