@@ -1,14 +1,17 @@
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <gmock/gmock.h>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
 #include "korvex/ShmWriter.h"
+#include "korvex/receiver/BusErrorGuard.h"
 #include "korvex/receiver/QueueStatus.h"
 #include "korvex/receiver/Receiver.h"
 #include "korvex/receiver/ReplyQueue.h"
@@ -27,9 +30,11 @@ using korvex::receiver::Sink;
 using korvex::receiver::StillFinishing;
 using korvex::receiver::StreamSummary;
 using korvex::test::BatchBytes;
+using korvex::test::eventually;
 using korvex::test::kClose;
 using korvex::test::kData;
 using korvex::test::kOpen;
+using korvex::test::queueExists;
 using testing::ElementsAre;
 
 namespace {
@@ -43,6 +48,7 @@ void sendRaw(const std::string& name, const BatchBytes& batch) {
 
 /// Sinks of one receiver, the first of which is still finishing when the receiver is to end.
 struct Streams {
+  std::function<void()> whileFinishing = [] {};
   std::atomic<bool> stop{false};
   std::vector<std::string> ends;
 };
@@ -54,6 +60,7 @@ class SlowSink : public Sink {
   void write(const unsigned char*, std::size_t) override {}
   void complete(const StreamSummary&, const StillFinishing& stillFinishing) override {
     stillFinishing();  // meets what the next producer has sent
+    streams_.whileFinishing();
     streams_.stop = true;
     streams_.ends.push_back("complete");
   }
@@ -136,6 +143,19 @@ TEST_F(SlowFinish, HasRoomForALargerMessageAfterAChange) {
   while (receiver_.step()) {
   }
   EXPECT_EQ(receiver_.counters().get(Count::Bytes), 50000u);
+}
+
+TEST_F(SlowFinish, KeepsNothingOfQueuesThatAreLostMeanwhile) {
+  korvex::receiver::installBusErrorGuard();
+  sendRaw(name_, BatchBytes().record(kOpen, 0));
+  streams_.whileFinishing = [this] {
+    EXPECT_EQ(::truncate(("/dev/shm/" + name_ + "Response").c_str(), 0), 0);
+  };
+  EXPECT_TRUE(eventually([this] {
+    receiver_.step();
+    return receiver_.counters().get(Count::QueueReplacements) == 1 && queueExists(name_);
+  }));
+  EXPECT_FALSE(receiver_.step());
 }
 
 // Asking takes a system call or two. At each look at the queue, that would cost a processor.
@@ -359,7 +379,7 @@ TEST(Receiver, SaysThatItWorksWheneverASinkIsCalled) {
   writer.open();
   writer.writeSegment(reinterpret_cast<const unsigned char*>("abc"), 3);
   writer.flush_shm_buffer(1);
-  EXPECT_TRUE(korvex::test::eventually([&] { return !receiver.step() && seen.size() >= 2; }))
+  EXPECT_TRUE(eventually([&] { return !receiver.step() && seen.size() >= 2; }))
       << "the sink is asked how it is, now and then";
   EXPECT_FALSE(moves.isWorking_);
   writer.close();
