@@ -6,10 +6,12 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <unistd.h>
 #include <utility>
 #include <vector>
 
+#include "QueueServer.h"
 #include "korvex/ShmWriter.h"
 #include "korvex/receiver/BusErrorGuard.h"
 #include "korvex/receiver/QueueStatus.h"
@@ -72,14 +74,17 @@ class SlowSink : public Sink {
   Streams& streams_;
 };
 
-/// For each message that the receiver takes, an empty batch of the producer, if there is one.
+/// For each message that the receiver takes, an empty batch of the producer, if there is one. Also
+/// how many it leaves at its end.
 class Flood : public Observer {
  public:
   void messageReceived(std::uint64_t, const unsigned char*, std::size_t) noexcept override {
     if (producer != nullptr) producer->flush_shm_buffer(1);
   }
+  void messagesLeft(std::size_t count) noexcept override { left = count; }
 
   ShmWriter* producer = nullptr;
+  std::size_t left = 0;
 };
 
 /// A whole stream that waits for a slow sink, and the next producer.
@@ -156,6 +161,16 @@ TEST_F(SlowFinish, KeepsNothingOfQueuesThatAreLostMeanwhile) {
     return receiver_.counters().get(Count::QueueReplacements) == 1 && queueExists(name_);
   }));
   EXPECT_FALSE(receiver_.step());
+}
+
+TEST_F(SlowFinish, LeavesWhatCameMeanwhileWhenTheDrainIsOver) {
+  second_.open();
+  streams_.whileFinishing = [] {
+    std::this_thread::sleep_for(korvex::receiver::QueueServer::kDrainPatience);
+  };
+  streams_.stop = true;
+  receiver_.run(streams_.stop);
+  EXPECT_EQ(observer_.left, 1u);
 }
 
 // Asking takes a system call or two. At each look at the queue, that would cost a processor.
