@@ -299,6 +299,17 @@ TEST_F(ReceiverOrders, RefusesStreamsThatOpenAfterItRetired) {
   EXPECT_TRUE(receiver_.hasRetired());
 }
 
+// Otherwise a producer that never pauses could keep it for ever.
+TEST_F(ReceiverOrders, RefusesStreamsThatComeWhileItTakesTheRest) {
+  opened()->close();
+  receiver_.retire();
+  receiver_.step();
+  opened()->close();
+  takeAll();
+  EXPECT_THAT(ends_, ElementsAre("first complete"));
+  EXPECT_THAT(observer_.incomplete, ElementsAre("the daemon accepts no new streams on this queue"));
+}
+
 TEST_F(ReceiverOrders, ChangesItsQueuesBetweenStreams) {
   const auto writer = opened();
   takeAll();
