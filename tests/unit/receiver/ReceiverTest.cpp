@@ -19,6 +19,7 @@
 #include "korvex/receiver/ReplyQueue.h"
 #include "queue/MessageQueue.h"
 #include "support/Await.h"
+#include "support/Child.h"
 #include "support/Queues.h"
 #include "support/WireFormat.h"
 
@@ -344,6 +345,24 @@ TEST_F(ReceiverOrders, KeepsItsQueuesWhenOnlyTheSinkChanges) {
   EXPECT_TRUE(before.isStillNamed());
   EXPECT_THAT(ends_, ElementsAre("second complete"));
   EXPECT_THAT(observer_.changes, ElementsAre());
+}
+
+TEST_F(ReceiverOrders, ChangesEachSettingOfItsQueuesAlone) {
+  Receiver::Settings settings{"", kLimits};
+  const auto changed = [&] {
+    receiver_.change(settings, sinks("second"));
+    receiver_.step();
+    return QueueStatus(name_);
+  };
+  settings.limits.messages = kOtherLimits.messages;
+  EXPECT_EQ(changed().limits().messages, kOtherLimits.messages);
+  settings.limits.messageSize = kOtherLimits.messageSize;
+  EXPECT_EQ(changed().limits().messageSize, kOtherLimits.messageSize);
+  settings.mode = 0660;
+  EXPECT_EQ(changed().object().mode & 0777, 0660u);
+  settings.group = korvex::test::isRoot() ? 12345 : ::getegid();
+  EXPECT_EQ(changed().object().group, *settings.group);
+  EXPECT_THAT(observer_.changes, ElementsAre("changed", "changed", "changed", "changed"));
 }
 
 TEST_F(ReceiverOrders, ReturnsToOldSettingsWhenNewOnesFail) {
