@@ -21,6 +21,7 @@
 #include "support/Await.h"
 #include "support/Child.h"
 #include "support/Queues.h"
+#include "support/SharedObject.h"
 #include "support/WireFormat.h"
 
 using korvex::ShmWriter;
@@ -222,6 +223,7 @@ class NotingObserver : public Observer {
                         const std::string&) noexcept override {
     incomplete.push_back(reason);
   }
+  void queuesNotReplaced(const std::string&) noexcept override { ++outages; }
   void settingsChanged() noexcept override { changes.push_back("changed"); }
   void settingsNotChanged(const std::string&) noexcept override {
     changes.push_back("not changed");
@@ -229,6 +231,7 @@ class NotingObserver : public Observer {
 
   std::vector<std::string> incomplete;
   std::vector<std::string> changes;
+  unsigned outages = 0;
 };
 
 /// A receiver that is stepped, and gets orders meanwhile.
@@ -250,6 +253,18 @@ class ReceiverOrders : public testing::Test {
   void takeAll() {
     while (receiver_.step()) {
     }
+  }
+
+  /// Has the receiver lose its queues to another object, and waits until it says so.
+  std::unique_ptr<korvex::test::SharedObject> obstruct() {
+    const unsigned before = observer_.outages;
+    EXPECT_TRUE(korvex::MessageQueue::remove(name_));
+    auto obstacle = std::make_unique<korvex::test::SharedObject>(name_);
+    EXPECT_TRUE(eventually([&] {
+      receiver_.step();
+      return observer_.outages > before;
+    }));
+    return obstacle;
   }
 
   std::size_t messageSizeNow() const { return QueueStatus(name_).limits().messageSize; }
@@ -374,6 +389,20 @@ TEST_F(ReceiverOrders, ReturnsToOldSettingsWhenNewOnesFail) {
   opened()->close();
   takeAll();
   EXPECT_THAT(ends_, ElementsAre("first complete")) << "the sink is one of the settings";
+}
+
+TEST_F(ReceiverOrders, ReportsEveryOutageOfItsQueues) {
+  for (unsigned outages : {1u, 2u, 3u}) {
+    auto obstacle = obstruct();
+    receiver_.step();
+    EXPECT_EQ(observer_.outages, outages);
+    obstacle.reset();
+    if (outages == 2) receiver_.change({"", kOtherLimits}, sinks("second"));  // another way back
+    EXPECT_TRUE(eventually([this] {
+      receiver_.step();
+      return queueExists(name_);
+    }));
+  }
 }
 
 namespace {
