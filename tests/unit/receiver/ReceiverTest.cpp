@@ -405,6 +405,17 @@ TEST_F(ReceiverOrders, ReportsEveryOutageOfItsQueues) {
   }
 }
 
+TEST_F(ReceiverOrders, TakesOrdersWhileItsQueuesAreLost) {
+  const auto obstacle = obstruct();
+  receiver_.change({"", kOtherLimits}, sinks("second"));
+  receiver_.step();
+  EXPECT_THAT(observer_.changes, ElementsAre("not changed"));
+  receiver_.retire();
+  receiver_.step();
+  EXPECT_TRUE(receiver_.hasRetired());
+  receiver_.run(std::atomic<bool>(true));
+}
+
 namespace {
 
 /// Whether the receiver works, as it says, at each moment that a sink sees.
