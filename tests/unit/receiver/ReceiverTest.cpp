@@ -418,6 +418,43 @@ TEST_F(ReceiverOrders, TakesOrdersWhileItsQueuesAreLost) {
 
 namespace {
 
+class SluggishSink : public Sink {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  explicit SluggishSink(Clock::time_point& written) : written_(written) {}
+
+  void write(const unsigned char*, std::size_t) override {
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    written_ = Clock::now();
+  }
+  void complete(const StreamSummary&, const StillFinishing&) override {}
+  void abandon(const StreamSummary&, const std::string&) override {}
+
+ private:
+  Clock::time_point& written_;
+};
+
+}  // namespace
+
+TEST_F(ReceiverOrders, CountsSilenceFromTheEndOfASlowWrite) {
+  Receiver::Settings settings{"", kLimits};
+  settings.idleTimeout = std::chrono::seconds(1);
+  SluggishSink::Clock::time_point written;
+  receiver_.change(settings, [&](const std::string&, std::time_t) {
+    return std::make_unique<SluggishSink>(written);
+  });
+  sendRaw(name_, BatchBytes().record(kOpen, 0).record(kData, 2, "abc"));
+  EXPECT_TRUE(eventually([this] {
+    receiver_.step();
+    return !observer_.incomplete.empty();
+  }));
+  EXPECT_GE(SluggishSink::Clock::now() - written, *settings.idleTimeout);
+  EXPECT_THAT(observer_.incomplete, ElementsAre("no batch for 1 seconds"));
+}
+
+namespace {
+
 /// Whether the receiver works, as it says, at each moment that a sink sees.
 class Moves : public Observer {
  public:
