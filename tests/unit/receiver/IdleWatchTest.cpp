@@ -160,12 +160,20 @@ class Story : public Observer {
     events_.push_back(event);
   }
   void queuesReplaced() noexcept override { add("replaced"); }
+  void working() noexcept override {
+    isWorking = true;
+    ++steps;
+  }
+  void waiting() noexcept override { isWorking = false; }
 
   /// Waits for that many events.
   std::vector<std::string> events(std::size_t count) const {
     eventually([&] { return read().size() >= count; });
     return read();
   }
+
+  std::atomic<unsigned> steps{0};
+  std::atomic<bool> isWorking{false};
 
  private:
   std::vector<std::string> read() const {
@@ -256,6 +264,11 @@ TEST_F(WatchedReceiver, OffersItsQueuesAgainWhenOneIsLost) {
   EXPECT_EQ(story_.events(2), (Events{"replaced", "replaced"}));
   open()->close();
   EXPECT_EQ(story_.events(3).back(), "complete");
+}
+
+// The first step looks at the queues, the second one sleeps.
+TEST_F(WatchedReceiver, SaysThatItWaitsInItsSleep) {
+  EXPECT_TRUE(eventually([this] { return story_.steps > 1 && !story_.isWorking; }));
 }
 
 // Its caller has a loop of its own, in which it may not be kept.
