@@ -15,6 +15,7 @@
 #include "korvex/receiver/BusErrorGuard.h"
 #include "korvex/receiver/IdleWatch.h"
 #include "korvex/receiver/Receiver.h"
+#include "korvex/receiver/ReplyQueue.h"
 #include "support/Await.h"
 #include "support/LockHolder.h"
 #include "support/QueueFields.h"
@@ -22,11 +23,13 @@
 
 using korvex::MessageQueue;
 using korvex::ShmWriter;
+using korvex::receiver::Count;
 using korvex::receiver::IdlePlace;
 using korvex::receiver::IdleWatch;
 using korvex::receiver::IdleWatcher;
 using korvex::receiver::Observer;
 using korvex::receiver::Receiver;
+using korvex::receiver::ReplyQueue;
 using korvex::receiver::Sink;
 using korvex::receiver::StillFinishing;
 using korvex::receiver::StreamSummary;
@@ -216,6 +219,18 @@ class WatchedReceiver : public testing::Test {
     return writer;
   }
 
+  /// Sends a bad message more than the answers to which find room.
+  void leaveAReplyPending() const {
+    MessageQueue queue(name_, Clock::now());
+    for (std::size_t left = ReplyQueue(name_).capacity() + 1; left > 0; --left)
+      ASSERT_TRUE(queue.sendBefore("x", 1, 0, Clock::now() + kPatience));
+    ASSERT_TRUE(awaitCount(Count::RepliesPending, 1));
+  }
+
+  bool awaitCount(Count count, std::uint64_t number) const {
+    return eventually([&] { return receiver_.counters().get(count) == number; });
+  }
+
   const std::string name_ = korvex::test::uniqueQueueName();
   const korvex::test::QueueRemover remover_{name_};
   IdleWatch watch_;
@@ -269,6 +284,14 @@ TEST_F(WatchedReceiver, OffersItsQueuesAgainWhenOneIsLost) {
 // The first step looks at the queues, the second one sleeps.
 TEST_F(WatchedReceiver, SaysThatItWaitsInItsSleep) {
   EXPECT_TRUE(eventually([this] { return story_.steps > 1 && !story_.isWorking; }));
+}
+
+TEST_F(WatchedReceiver, SendsAReplyLateRatherThanNever) {
+  leaveAReplyPending();
+  std::this_thread::sleep_for(milliseconds(100));  // after which it would sleep in the watch
+  ReplyQueue replies(name_);
+  EXPECT_TRUE(eventually([&] { return replies.take().has_value(); }));
+  EXPECT_TRUE(awaitCount(Count::RepliesSent, replies.capacity() + 1));
 }
 
 // Its caller has a loop of its own, in which it may not be kept.
