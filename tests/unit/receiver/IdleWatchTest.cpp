@@ -294,6 +294,12 @@ TEST_F(WatchedReceiver, SendsAReplyLateRatherThanNever) {
   EXPECT_TRUE(awaitCount(Count::RepliesSent, replies.capacity() + 1));
 }
 
+TEST_F(WatchedReceiver, OwesNoReplyAfterTheLossOfItsQueues) {
+  leaveAReplyPending();
+  ASSERT_TRUE(MessageQueue::remove(name_));
+  EXPECT_TRUE(awaitCount(Count::RepliesPending, 0));
+}
+
 // Its caller has a loop of its own, in which it may not be kept.
 TEST_F(WatchedReceiver, DoesNotSleepInAStep) {
   end();
