@@ -1,10 +1,12 @@
 #include <gtest/gtest.h>
+#include <thread>
 #include <unistd.h>
 
 #include "korvex/receiver/Receipt.h"
 #include "queues/QueuePair.h"
 #include "stream/Reply.h"
 #include "stream/ReplySender.h"
+#include "support/LockHolder.h"
 #include "support/Namespaces.h"
 #include "support/Queues.h"
 #include "support/SharedObject.h"
@@ -92,6 +94,19 @@ TEST_F(ReplySenderTest, WithdrawsWhatWasNotPickedUp) {
   EXPECT_FALSE(sender_.isPending());
   EXPECT_EQ(stats_.get(Count::RepliesWithdrawn), 18u);
   EXPECT_EQ(stats_.get(Count::RepliesPending), 0u);
+}
+
+TEST_F(ReplySenderTest, WithdrawsEveryReplyWhenTheLockIsTakenAtFirst) {
+  send(3);
+  korvex::test::LockHolder holder(name_ + "Response");
+  std::thread release([&] {
+    EXPECT_TRUE(holder.awaitOthersTry());
+    holder.release();
+  });
+  sender_.withdraw();
+  release.join();
+  EXPECT_EQ(receive(), 0u);
+  EXPECT_EQ(stats_.get(Count::RepliesWithdrawn), 3u);
 }
 
 TEST_F(ReplySenderTest, NoticesAProducerThatDiedWithTheLock) {
