@@ -1,5 +1,6 @@
 #include <functional>
 #include <gmock/gmock.h>
+#include <new>
 
 #include "korvex/Status.h"
 #include "korvex/receiver/SystemError.h"
@@ -104,6 +105,7 @@ class StreamSessionTest : public testing::Test {
 
   std::unique_ptr<Sink> openSink() {
     if (failing_ == 7) return nullptr;
+    if (failing_ == 8) throw std::bad_alloc();
     if (failing_ == 4) throw korvex::receiver::SystemError("creating stream folder", EACCES);
     fates_.push_back(std::make_unique<Fate>());
     return std::make_unique<RecordingSink>(*fates_.back(), failing_);
@@ -563,6 +565,11 @@ TEST_F(StreamSessionTest, IsCompleteThoughItsSinkCannotSayWhere) {
 TEST_F(StreamSessionTest, FailsWhenThereIsNoSinkForIt) {
   failing_ = 7;
   expectFailure(take(kOpen, 0), 5, "the daemon made no sink for the stream");
+}
+
+TEST_F(StreamSessionTest, FailsWhenThereIsNoMemoryForItsSink) {
+  failing_ = 8;
+  expectFailure(take(kOpen, 0), 5, "std::bad_alloc");
 }
 
 TEST_F(StreamSessionTest, TellsTheObserverWhereAnOpenedStreamGoes) {
