@@ -69,6 +69,25 @@ TEST_F(ConfigurationTest, TakesEveryKey) {
   EXPECT_EQ(queue.digest, korvexd::ExtraDigest::None);
 }
 
+// Where it tells none, a configuration that is read again changes nothing.
+TEST_F(ConfigurationTest, TellsEveryDifference) {
+  const std::string table = "[queue.a]\n";
+  const auto expectChange = [&](const std::string& before, const std::string& after) {
+    EXPECT_FALSE(queueIn(table + before) == queueIn(table + after)) << after;
+    EXPECT_TRUE(queueIn(table + after) == queueIn(table + after)) << after;
+  };
+  const std::string engine = "exec = ['x']\n";
+  for (const char* line :
+       {"exec-timeout = 5", "idle-timeout = 6", "max-messages = 7", "max-message-size = '64K'",
+        "mode = '0640'", "group = 12", "capture = 'c'"}) {
+    expectChange(engine, engine + line);
+  }
+  expectChange(engine, "exec = ['x', 'y']");
+  expectChange(engine, "discard = true");
+  expectChange("output = 'o'", "output = 'p'");
+  expectChange("output = 'o'", "output = 'o'\ndigest = 'xxh128'");
+}
+
 TEST_F(ConfigurationTest, TakesTheDaemonsKeys) {
   const auto settings =
       read("[daemon]\nstats = 's'\ndrain-timeout = 9\n[queue.a]\ndiscard = true").settings();
