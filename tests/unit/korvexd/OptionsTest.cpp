@@ -66,12 +66,13 @@ TEST_F(OptionsTest, DefaultsAreAPairForItsOwnerAlone) {
 }
 
 TEST_F(OptionsTest, TakesEverything) {
-  ASSERT_EQ(parse("--queue a --queue /b --replace --mode 0660 --max-messages 3 "
+  ASSERT_EQ(parse("--queue a --queue /b --replace --mode 0660 --group 12345 --max-messages 3 "
                   "--max-message-size 64K --output out --digest xxh128 --capture cap --stats file"),
             0);
   EXPECT_THAT(names(), ElementsAre("a", "b"));
   EXPECT_EQ(queue().receiver.existing, Receiver::Existing::Replace);
   EXPECT_EQ(queue().receiver.mode, 0660u);
+  EXPECT_EQ(queue().receiver.group, gid_t{12345});
   EXPECT_EQ(queue().receiver.limits.messages, 3u);
   EXPECT_EQ(queue().receiver.limits.messageSize, 65536u);
   EXPECT_EQ(*queue().output, "out");
