@@ -282,6 +282,16 @@ TEST_F(StoringCalls, LeaveNoTemporaryFileWhenTheLastOneFails) {
   EXPECT_THAT(namesIn(folder_ / kPartial), ElementsAre("data"));
 }
 
+TEST_F(StoringCalls, NoticeAManifestThatVanishes) {
+  const auto sink = open();
+  instead.sync = [this](int file) {
+    fs::remove(folder_ / kPartial + "/manifest.json");  // not there yet at the first two
+    return korvex::test::system_calls::sync(file);
+  };
+  EXPECT_THROW(sink->complete(kSummary, kPatient), std::runtime_error);
+  EXPECT_THAT(namesIn(folder_.path()), ElementsAre(kPartial));
+}
+
 TEST_F(StoringCalls, ThatMissTheDiskLeaveTheStreamPartial) {
   for (int failing = 1; failing <= 4; ++failing) {
     const auto sink = open();
