@@ -5,6 +5,7 @@
 
 #include "korvexd/metrics/Metrics.h"
 #include "korvexd/metrics/MetricsFile.h"
+#include "support/DaemonQueues.h"
 #include "support/TemporaryFolder.h"
 
 using korvex::receiver::Count;
@@ -104,6 +105,19 @@ TEST_F(MetricsFileTest, IsNamedInWhatIsTheDaemons) {
   MetricsFile file(path_, 0, noFailures);
   update(file);
   EXPECT_THAT(written(), HasSubstr("korvex_build_info{daemon=\"night\",version=\""));
+}
+
+TEST_F(MetricsFileTest, HoldsTheDaemonsTimesAndWhatWaits) {
+  korvex::test::RawQueue queue(korvex::test::uniqueQueueName(), 2, 16);
+  queue.post("a", 1);
+  korvexd::DaemonState state;
+  state.configured = 1000000003;
+  MetricsFile(path_, 1000000002, noFailures).update({{queue.name(), &counters_, &log_}}, state);
+  EXPECT_THAT(written(),
+              HasSubstr("korvex_start_timestamp_seconds{daemon=\"night\"} 1000000002\n"));
+  EXPECT_THAT(written(), HasSubstr("korvex_config_last_reload_success_timestamp_seconds"
+                                   "{daemon=\"night\"} 1000000003\n"));
+  EXPECT_THAT(written(), HasSubstr("korvex_messages_waiting{queue=\"" + queue.name() + "\"} 1\n"));
 }
 
 TEST_F(MetricsFileTest, IsWrittenAgainOnlyAfterAChange) {
