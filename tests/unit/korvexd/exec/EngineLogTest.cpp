@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 
 #include "korvexd/exec/EngineLog.h"
+#include "korvexd/log/LogWriter.h"
 
 using korvexd::EngineLog;
 using std::chrono::milliseconds;
@@ -68,6 +69,7 @@ TEST_F(EngineLogTest, CutsALongLine) {
 }
 
 TEST_F(EngineLogTest, CountsTheLinesThatAreTooMany) {
+  const std::uint64_t heldBefore = korvexd::logLosses().held;
   takeLines(100);
   EXPECT_THAT(lines_, SizeIs(100));
   takeLines(7);
@@ -77,6 +79,7 @@ TEST_F(EngineLogTest, CountsTheLinesThatAreTooMany) {
   log_.end();
   ASSERT_THAT(lines_, SizeIs(101));
   EXPECT_EQ(lines_.back(), "(8 more lines)");
+  EXPECT_EQ(korvexd::logLosses().held - heldBefore, 8u);
 }
 
 TEST_F(EngineLogTest, PrintsAgainInTheNextPeriod) {

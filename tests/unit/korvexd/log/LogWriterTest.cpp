@@ -108,6 +108,7 @@ TEST_F(LogWriterLines, AreAllWrittenInOrderBeforeItGoes) {
 
 TEST_F(LogWriterLines, GiveWayToNewerOnesAndAreCounted) {
   constexpr std::size_t kAdded = LogWriter::kMostLines + 100;
+  const std::uint64_t lostBefore = korvexd::logLosses().unread;
   fill();
   auto writer = std::make_unique<LogWriter>(writingEnd(), kLong);
   for (std::size_t i = 1; i <= kAdded; ++i) writer->add(std::to_string(i) + "\n");
@@ -125,6 +126,7 @@ TEST_F(LogWriterLines, GiveWayToNewerOnesAndAreCounted) {
   EXPECT_EQ(number, kAdded);
   // One line may have been on its way already, and a notice too.
   EXPECT_THAT(missing, AnyOf(99u, 100u));
+  EXPECT_EQ(korvexd::logLosses().unread - lostBefore, missing);
 }
 
 TEST_F(LogWriterLines, DelayTheEndOnlyBrieflyWhenNobodyReads) {
