@@ -250,6 +250,17 @@ TEST_F(ExecOneDeath, OfTheKeeperFailsAStreamThatIsFinishing) {
   EXPECT_TRUE(awaitNoProcess());
 }
 
+TEST_F(ExecOneDeath, OfAStreamDoesNotWaitForAKeeperThatHangs) {
+  const auto daemon = startExec(recorderCommand(), {"--exec-timeout", "1"});
+  const auto to = openRecorded("abc");
+  const pid_t hanging = keeper();
+  ::kill(hanging, SIGSTOP);
+  to->close();
+  EXPECT_TRUE(awaitLog(*daemon, "stream incomplete (the engine's keeper does not answer)"));
+  ::kill(hanging, SIGCONT);
+  EXPECT_TRUE(awaitNoProcess());
+}
+
 TEST_F(ExecOneDeath, OrderlyOfTheDaemonLeavesAnEngineToFinish) {
   const auto daemon = startExec(
       script(R"sh("$1" "$0"; echo >"$0/ended"; until [ -e "$0/go" ]; do sleep 0.02; done; )sh"
