@@ -123,6 +123,20 @@ TEST_F(ExecTest, FailsWithTheExitCodeAndTheLastError) {
   EXPECT_TRUE(awaitLog(*daemon, "engine: first"));
 }
 
+TEST_F(ExecTest, FailsWithTheLastOfManyErrors) {
+  const auto daemon =
+      startExec(script("cat >/dev/null; echo >\"$0/ended\"; until [ -e \"$0/go\" ]; do sleep 0.02; "
+                       "done; yes | head -c 42000 >&2; echo oh no >&2; exit 3"));
+  const auto to = openStream("abc");
+  to->close();
+  ASSERT_TRUE(awaitFile("ended"));
+  daemon->freeze();  // so that it finds all of it together with the engine's end
+  makeFile("go");
+  EXPECT_TRUE(awaitNoProcess());
+  daemon->signal(SIGCONT);
+  EXPECT_TRUE(awaitLog(*daemon, "stream incomplete (the engine exited with code 3: oh no)"));
+}
+
 TEST_F(ExecTest, FailsWithTheSignalThatEndedTheEngine) {
   const auto daemon = startExec(script("cat >/dev/null; kill -ABRT $$"));
   expectFailure(replyTo("abc"), "the engine was killed by signal 6");
