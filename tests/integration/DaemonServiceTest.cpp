@@ -62,6 +62,20 @@ TEST_F(DaemonService, IsNeverReadyWhenItCannotStart) {
   EXPECT_EQ(manager_.next(std::chrono::milliseconds(0)), "");
 }
 
+TEST_F(DaemonService, HearsOfAReloadAndItsEnd) {
+  const std::string config = folder_ / "korvexd.toml";
+  const std::string other = korvex::test::uniqueQueueName();
+  const korvex::test::QueueRemover remover(other);
+  std::ofstream(config) << "[defaults]\ndiscard = true\n";
+  const auto daemon = startService({"--config", config});
+  ASSERT_NE(manager_.await("READY=1"), "") << daemon->errors();
+  std::ofstream(config, std::ios::app) << "[queue." << other << "]\n";
+  daemon->signal(SIGHUP);
+  EXPECT_THAT(manager_.await("RELOADING=1"), StartsWith("RELOADING=1\nMONOTONIC_USEC="));
+  EXPECT_THAT(manager_.await("READY=1"), StartsWith("READY=1\nSTATUS=2 queues, "));
+  end(*daemon);
+}
+
 TEST_F(DaemonService, KeepsTheManagersVariablesFromItsEngines) {
   const auto daemon = startService({"--exec", script("env >$0/env; cat >/dev/null")});
   ASSERT_NE(manager_.await("READY=1"), "") << daemon->errors();
