@@ -199,6 +199,23 @@ TEST_F(DaemonConfig, ServesAQueueAgainThatWasRemovedMeanwhile) {
   end(*daemon);
 }
 
+TEST_F(DaemonConfig, NamesAQueueOnceInItsMetrics) {
+  folder_.makeFolder("metrics");
+  const std::string served = "korvex_queue_served{queue=\"" + queue_ + "\"} ";
+  configure(toOutput(), tableOfOther("discard = true") + tableWithMetrics());
+  const auto daemon = startConfigured();
+  const auto to = openStream();
+  std::ofstream(config_) << tableOfOther("discard = true") + tableWithMetrics();
+  reload(*daemon);
+  configure(toOutput(), tableOfOther("discard = true\nmax-messages = 4") + tableWithMetrics());
+  daemon->signal(SIGHUP);
+  ASSERT_TRUE(awaitSample("korvex_queue_capacity_messages{queue=\"" + other_ + "\"} 4\n"));
+  const std::string text = korvex::test::contentsOf(metrics_);
+  EXPECT_NE(text.find(served), std::string::npos);
+  EXPECT_EQ(text.find(served), text.rfind(served)) << text;
+  end(*daemon);
+}
+
 TEST_F(DaemonConfig, ChangesLimitsWithTheNextStream) {
   configure(toOutput());
   const auto daemon = startConfigured();
