@@ -4,6 +4,7 @@
 #include <fstream>
 #include <gmock/gmock.h>
 #include <regex>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -21,6 +22,9 @@ using testing::StartsWith;
 namespace {
 
 const char kReceiptOfAbc[] = "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950";
+
+/// More than a queue of the usual limits takes, and less than one with messages of 4 MiB.
+constexpr rlim_t kRoomForTheOldQueue = rlim_t{8} << 20;
 
 class DaemonConfig : public DaemonFixture {
  protected:
@@ -313,6 +317,20 @@ TEST_F(DaemonConfig, KeepsTheOldLimitsWhenMemoryIsShort) {
   reload(*daemon, queue_ + ": cannot be served with the changed settings, keeping the old ones");
   EXPECT_TRUE(awaitLog(*daemon, queue_ + ": served again"));
   EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  end(*daemon);
+}
+
+TEST_F(DaemonConfig, TriesRefusedLimitsAgain) {
+  configure(toOutput());
+  const auto daemon = startConfigured();
+  rlimit before = {};
+  rlimit limit = {kRoomForTheOldQueue, RLIM_INFINITY};
+  ASSERT_EQ(::prlimit(daemon->id(), RLIMIT_FSIZE, &limit, &before), 0);
+  configure(toOutput() + "max-message-size = '4M'");
+  reload(*daemon, queue_ + ": cannot be served with the changed settings, keeping the old ones");
+  EXPECT_TRUE(awaitLog(*daemon, queue_ + ": served again"));
+  ASSERT_EQ(::prlimit(daemon->id(), RLIMIT_FSIZE, &before, nullptr), 0);
+  reload(*daemon, queue_ + ": served with the changed settings");
   end(*daemon);
 }
 
