@@ -438,6 +438,20 @@ TEST_F(DaemonDrain, LetsTheOpenStreamFinishAndRefusesOthers) {
   EXPECT_THAT(streams(true), IsEmpty());
 }
 
+TEST_F(DaemonDrain, KeepsItsStatisticsUpToDate) {
+  const std::string stats = folder_ / "stats.json";
+  const auto daemon = start({"--drain-timeout", "600", "--stats", stats});
+  const auto to = openStream();
+  daemon->signal(SIGTERM);
+  ASSERT_TRUE(awaitLog(*daemon, "shutting down; open streams have"));
+  write(*to, "def");
+  to->flush_shm_buffer(kTimeout);
+  EXPECT_TRUE(korvex::test::eventually([&] {
+    return nlohmann::json::parse(korvex::test::contentsOf(stats))["total"]["bytes"] == 6;
+  }));
+  end(*daemon);
+}
+
 TEST_F(DaemonDrain, EndsWithoutStreamsAtOnce) {
   const auto daemon = startDraining("600");
   end(*daemon);
