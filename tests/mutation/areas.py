@@ -80,7 +80,7 @@ AREAS = (
          (tuple(tool_program(f"tests/unit/korvexd/korvexd_{name}_tests")
                 for name in ("unit", "system_call")),
           tuple(tool_program(f"tests/unit/korvexd/korvexd_{name}_tests")
-                for name in ("rename", "writeback", "log_loss", "age"))),
+                for name in ("rename", "writeback", "log_loss", "age", "refused_digest"))),
          (DAEMON_TESTS, Program("tests/integration/korvexd_failing_sink_tests"), EXEC_TESTS,
           STRANGE_OBJECT_TESTS, SEND_TESTS, OPERATING_TESTS),
          TOOLS_GROUND),
