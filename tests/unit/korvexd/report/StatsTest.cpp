@@ -54,19 +54,6 @@ TEST(Stats, EachCountHasItsOwnName) {
   }
 }
 
-TEST(StreamLog, KnowsWhetherItsQueueIsServed) {
-  StreamLog log("q", std::nullopt);
-  EXPECT_TRUE(log.counts().isServed);
-  log.queuesLost("removed");
-  EXPECT_FALSE(log.counts().isServed);
-  log.settingsChanged();
-  EXPECT_TRUE(log.counts().isServed);
-  log.settingsNotChanged("no memory");
-  EXPECT_FALSE(log.counts().isServed);
-  log.queuesReplaced();
-  EXPECT_TRUE(log.counts().isServed);
-}
-
 TEST_F(StatsFileTest, HoldsEachQueueAndTheTotal) {
   one_.add(Count::Bytes, 3);
   two_.add(Count::Bytes, 4);
