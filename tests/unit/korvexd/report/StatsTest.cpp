@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <nlohmann/json.hpp>
+#include <unistd.h>
 
 #include "korvex/receiver/SystemError.h"
 #include "korvexd/report/StatsFile.h"
@@ -63,6 +64,16 @@ TEST_F(StatsFileTest, HoldsEachQueueAndTheTotal) {
   EXPECT_EQ(written()["queues"]["two"]["bytes"], 4);
   EXPECT_EQ(written()["total"]["bytes"], 7);
   EXPECT_EQ(written()["total"]["bad_batches"], 1);
+}
+
+TEST_F(StatsFileTest, CountsMessagesThatWereNotCaptured) {
+  const std::string captured = folder_.makeFolder("captured");
+  StreamLog log("q", captured);
+  ASSERT_EQ(::rmdir(captured.c_str()), 0);
+  log.messageReceived(1, nullptr, 0);
+  StatsFile(path_, {{"q", &one_, &log}, {"two", &two_, &log_}}).update();
+  EXPECT_EQ(written()["queues"]["q"]["capture_failures"], 1);
+  EXPECT_EQ(written()["total"]["capture_failures"], 1);
 }
 
 TEST_F(StatsFileTest, TellsTheOpenStreamAndTheLastEndings) {
