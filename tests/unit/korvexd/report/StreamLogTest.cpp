@@ -1,8 +1,25 @@
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include "korvexd/report/StreamLog.h"
+#include "support/TemporaryFolder.h"
 
+using korvex::test::namesIn;
 using korvexd::StreamLog;
+using testing::ElementsAre;
+
+namespace {
+
+/// The log of a queue whose messages are captured.
+class CapturingLog : public testing::Test {
+ protected:
+  void receive(std::uint64_t number) { log_.messageReceived(number, nullptr, 0); }
+
+  korvex::test::TemporaryFolder folder_;
+  const std::string captured_ = folder_.makeFolder("captured");
+  StreamLog log_{"q", captured_};
+};
+
+}  // namespace
 
 TEST(StreamLog, KnowsWhetherItsQueueIsServed) {
   StreamLog log("q", std::nullopt);
@@ -15,4 +32,12 @@ TEST(StreamLog, KnowsWhetherItsQueueIsServed) {
   EXPECT_FALSE(log.counts().isServed);
   log.queuesReplaced();
   EXPECT_TRUE(log.counts().isServed);
+}
+
+TEST_F(CapturingLog, GoesOnAfterTheNumbersOfAnEarlierDaemon) {
+  receive(1);
+  receive(2);
+  StreamLog("q", captured_).messageReceived(1, nullptr, 0);
+  EXPECT_THAT(namesIn(captured_),
+              ElementsAre("q-00000001.batch", "q-00000002.batch", "q-00000003.batch"));
 }
