@@ -3,7 +3,9 @@
 #include <unistd.h>
 
 #include "korvex/receiver/SystemError.h"
+#include "korvexd/report/Attempts.h"
 #include "korvexd/report/StatsFile.h"
+#include "support/LoggedText.h"
 #include "support/TemporaryFolder.h"
 
 using korvex::receiver::Count;
@@ -130,4 +132,17 @@ TEST(StatsFileErrors, NameTheFileAndTheSystemsError) {
                  "writing statistics to /nonexistent/stats.json: error 2 (No such file or "
                  "directory)");
   }
+}
+
+TEST(Attempts, ReportTheFirstFailureOfEachOutage) {
+  const korvex::test::LoggedText logged;
+  korvexd::Attempts writes;
+  const auto fail = [] { throw std::runtime_error("no disk"); };
+  for (int outage = 1; outage <= 2; ++outage) {
+    writes.attempt(fail);
+    writes.attempt(fail);
+    writes.attempt([] {});
+  }
+  EXPECT_EQ(writes.failures(), 4u);
+  EXPECT_EQ(logged.text(), "no disk\nno disk\n");
 }

@@ -1,11 +1,14 @@
+#include <filesystem>
 #include <gmock/gmock.h>
 
 #include "korvexd/report/StreamLog.h"
+#include "support/LoggedText.h"
 #include "support/TemporaryFolder.h"
 
 using korvex::test::namesIn;
 using korvexd::StreamLog;
 using testing::ElementsAre;
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -40,4 +43,18 @@ TEST_F(CapturingLog, GoesOnAfterTheNumbersOfAnEarlierDaemon) {
   StreamLog("q", captured_).messageReceived(1, nullptr, 0);
   EXPECT_THAT(namesIn(captured_),
               ElementsAre("q-00000001.batch", "q-00000002.batch", "q-00000003.batch"));
+}
+
+TEST_F(CapturingLog, ReportsTheFirstFailureOfEachOutage) {
+  const korvex::test::LoggedText logged;
+  for (const std::uint64_t number : {1, 4}) {
+    fs::rename(captured_, folder_ / "away");
+    receive(number);
+    receive(number + 1);
+    fs::rename(folder_ / "away", captured_);
+    receive(number + 2);
+  }
+  const std::string moved = ": capture folder was moved, replaced or unmounted: " + captured_;
+  EXPECT_EQ(logged.text(), "q: batch 1" + moved + "\nq: batch 4" + moved + "\n");
+  EXPECT_THAT(namesIn(captured_), ElementsAre("q-00000003.batch", "q-00000006.batch"));
 }
