@@ -32,10 +32,14 @@ std::string NotifySocket::next(std::chrono::milliseconds patience) {
   return {text, size > 0 ? static_cast<std::size_t>(size) : 0};
 }
 
+/// With an end of its own: a watchdog that is fed leaves no silence.
 std::string NotifySocket::await(const std::string& beginning) {
-  std::string message = next();
-  while (!message.empty() && message.rfind(beginning, 0) != 0) message = next();
-  return message;
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  while (std::chrono::steady_clock::now() < deadline) {
+    std::string message = next();
+    if (message.empty() || message.rfind(beginning, 0) == 0) return message;
+  }
+  return "";
 }
 
 void NotifySocket::forget() {
