@@ -1,5 +1,8 @@
+#include <cerrno>
+#include <future>
 #include <gmock/gmock.h>
 #include <korvex/receiver/BusErrorGuard.h>
+#include <memory>
 #include <signal.h>
 #include <unistd.h>
 #include <vector>
@@ -8,20 +11,48 @@
 #include "send/DaemonStream.h"
 #include "support/Await.h"
 #include "support/FakeDaemon.h"
+#include "support/LockHolder.h"
 
 namespace {
 
+using korvex::test::eventually;
 using korvex::test::FakeDaemon;
+using korvex::test::LockHolder;
 using korvex::test::staySilent;
 using korvex::tool::DaemonStream;
+using korvex::tool::Failure;
 using korvex::tool::Interrupted;
 using korvex::tool::StopSignal;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using testing::HasSubstr;
+using testing::StartsWith;
+using Clock = std::chrono::steady_clock;
 
 const unsigned char kByte[] = {'x'};
 
+/// Waits until an attempt to send has failed. Each tries to take the lock once at the beginning,
+/// and then every 20 ms for 180 ms from its deadline on.
+void awaitFailedAttempt(const LockHolder& holder) {
+  constexpr int kMoreTries = 12;
+  for (int tries = 0; tries < kMoreTries && holder.awaitOthersTry(); tries += 2) {
+  }
+}
+
+template <typename Operation>
+Failure failureOf(Operation operation) {
+  try {
+    operation();
+  } catch (const Failure& failure) {
+    return failure;
+  }
+  ADD_FAILURE() << "it did not fail";
+  return {0, ""};
+}
+
 struct DaemonStreamTo : testing::Test {
-  DaemonStream::Settings settings(const FakeDaemon& daemon) const {
-    return {daemon.queue(), "", std::chrono::seconds(60), true};
+  DaemonStream::Settings settings(const FakeDaemon& daemon, seconds timeout = seconds(60)) const {
+    return {daemon.queue(), "", timeout, true};
   }
 
   /// Watches as an idle sender does. False when the condition never held.
@@ -31,10 +62,46 @@ struct DaemonStreamTo : testing::Test {
       stream.watch();
       return condition();
     };
-    return korvex::test::eventually(isMet);
+    return eventually(isMet);
   }
 
   StopSignal stop;
+};
+
+/// An open stream whose daemon takes no more.
+struct StuckDaemonStream : DaemonStreamTo {
+  void open(seconds timeout = seconds(60)) {
+    stream = std::make_unique<DaemonStream>(settings(daemon, timeout), stop);
+    daemon.serve(staySilent);
+    stream->open();
+    daemon.finish();
+  }
+
+  /// The next record sends the batch.
+  void fillBatch() const {
+    const std::vector<unsigned char> piece(stream->largestPiece());
+    stream->write(piece.data(), piece.size());
+  }
+
+  /// Runs an operation on the stream whose first attempt to send finds the queue locked.
+  template <typename Operation>
+  void runLocked(Operation operation) const {
+    LockHolder holder(daemon.queue());
+    auto done = std::async(std::launch::async, operation);
+    awaitFailedAttempt(holder);
+    holder.release();
+    done.get();
+  }
+
+  /// Takes what waits. The types of all records so far.
+  std::string takenTypes() {
+    daemon.serve(staySilent);
+    daemon.finish();
+    return daemon.types();
+  }
+
+  FakeDaemon daemon;
+  std::unique_ptr<DaemonStream> stream;
 };
 
 }  // namespace
@@ -61,7 +128,7 @@ TEST_F(DaemonStreamTo, KeepsASilentStreamAliveWithEmptyBatches) {
   FakeDaemon daemon;
   daemon.serve(staySilent);
   auto lively = settings(daemon);
-  lively.keepAlive = std::chrono::milliseconds(1);
+  lively.keepAlive = milliseconds(1);
   DaemonStream stream(lively, stop);
   stream.open();
   const std::size_t before = daemon.batches();
@@ -73,7 +140,7 @@ TEST_F(DaemonStreamTo, SendsWhatThereIsAsASignOfLife) {
   FakeDaemon daemon;
   daemon.serve(staySilent);
   auto lively = settings(daemon);
-  lively.keepAlive = std::chrono::milliseconds(1);
+  lively.keepAlive = milliseconds(1);
   DaemonStream stream(lively, stop);
   stream.open();
   stream.write(kByte, sizeof kByte);
@@ -84,14 +151,14 @@ TEST_F(DaemonStreamTo, LeavesAQueueAloneThatIsNotEmptied) {
   FakeDaemon daemon;
   daemon.serve(staySilent);
   auto lively = settings(daemon);
-  lively.keepAlive = std::chrono::milliseconds(0);
+  lively.keepAlive = milliseconds(0);
   DaemonStream stream(lively, stop);
   stream.open();
   daemon.finish();
   EXPECT_TRUE(watchUntil(stream, [&] { return daemon.waiting() == 1; }));
   // Each look is at least 10 ms after the one before, so the second one has looked.
-  const auto later = std::chrono::steady_clock::now() + std::chrono::milliseconds(20);
-  watchUntil(stream, [&] { return std::chrono::steady_clock::now() > later; });
+  const auto later = Clock::now() + milliseconds(20);
+  watchUntil(stream, [&] { return Clock::now() > later; });
   EXPECT_EQ(daemon.waiting(), 1u);
 }
 
@@ -119,26 +186,7 @@ TEST_F(DaemonStreamTo, WaitsForTheReceiptWhileTheDaemonIsFinishing) {
   DaemonStream stream(settings(daemon), stop);
   stream.open();
   stream.close();
-  EXPECT_EQ(stream.awaitReceipt(std::chrono::seconds(60)).value_or("none"), "the receipt");
-}
-
-TEST_F(DaemonStreamTo, FailsWhenTheQueueIsCutInTheMiddleOfACall) {
-  korvex::receiver::installBusErrorGuard();
-  FakeDaemon daemon;
-  daemon.serve(staySilent);
-  DaemonStream stream(settings(daemon), stop);
-  stream.open();
-  daemon.finish();  // it shall not read from it any more
-  const std::vector<unsigned char> piece(stream.largestPiece());
-  stream.write(piece.data(), piece.size());  // fills the batch, so that the next record sends it
-  ASSERT_EQ(::truncate(("/dev/shm/" + daemon.queue()).c_str(), 0), 0);
-  try {
-    stream.endSegment();
-    ADD_FAILURE() << "nothing was thrown";
-  } catch (const korvex::tool::Failure& failure) {
-    EXPECT_THAT(failure.what(), testing::HasSubstr("the queue's memory was truncated"));
-  }
-  stream.stop(DaemonStream::StopWait::Ordinary);  // must not touch it
+  EXPECT_EQ(stream.awaitReceipt(seconds(60)).value_or("none"), "the receipt");
 }
 
 TEST_F(DaemonStreamTo, IsStoppedOnceAtMost) {
@@ -151,4 +199,36 @@ TEST_F(DaemonStreamTo, IsStoppedOnceAtMost) {
   stream.stop(DaemonStream::StopWait::Ordinary);
   daemon.finish();
   EXPECT_EQ(daemon.types(), "04");
+}
+
+TEST_F(StuckDaemonStream, IsClosedOnceThoughTheQueueWasLocked) {
+  open();
+  stream->write(kByte, sizeof kByte);
+  runLocked([this] { stream->close(); });
+  EXPECT_EQ(takenTypes(), "013");
+}
+
+TEST_F(StuckDaemonStream, IsClosedThoughTheFullBatchMetALockedQueue) {
+  open();
+  fillBatch();
+  runLocked([this] { stream->close(); });
+  EXPECT_EQ(takenTypes(), "013");
+}
+
+TEST_F(StuckDaemonStream, IsStoppedOnceThoughTheQueueWasLocked) {
+  open();
+  runLocked([this] { stream->stop(DaemonStream::StopWait::Ordinary); });
+  EXPECT_EQ(takenTypes(), "04");
+}
+
+TEST_F(StuckDaemonStream, FailsWhenTheQueueIsCutInTheMiddleOfACall) {
+  korvex::receiver::installBusErrorGuard();
+  open();
+  fillBatch();
+  ASSERT_EQ(::truncate(("/dev/shm/" + daemon.queue()).c_str(), 0), 0);
+  const Failure failure = failureOf([this] { stream->endSegment(); });
+  EXPECT_EQ(failure.status(), static_cast<unsigned>(ECONNRESET));
+  EXPECT_THAT(failure.what(), StartsWith("the stream to queue '"));
+  EXPECT_THAT(failure.what(), HasSubstr("the queue's memory was truncated"));
+  stream->stop(DaemonStream::StopWait::Ordinary);  // must not touch it
 }
