@@ -12,12 +12,14 @@
 #include "support/Await.h"
 #include "support/FakeDaemon.h"
 #include "support/LockHolder.h"
+#include "support/SharedObject.h"
 
 namespace {
 
 using korvex::test::eventually;
 using korvex::test::FakeDaemon;
 using korvex::test::LockHolder;
+using korvex::test::QueueLock;
 using korvex::test::staySilent;
 using korvex::tool::DaemonStream;
 using korvex::tool::Failure;
@@ -219,6 +221,24 @@ TEST_F(StuckDaemonStream, IsStoppedOnceThoughTheQueueWasLocked) {
   open();
   runLocked([this] { stream->stop(DaemonStream::StopWait::Ordinary); });
   EXPECT_EQ(takenTypes(), "04");
+}
+
+TEST_F(StuckDaemonStream, ASignalEndsAnOrdinaryStop) {
+  open(std::chrono::hours(1));
+  daemon.fill();
+  stop.note(SIGTERM);
+  const auto stopped =
+      std::async(std::launch::async, [this] { stream->stop(DaemonStream::StopWait::Ordinary); });
+  EXPECT_EQ(stopped.wait_for(seconds(30)), std::future_status::ready);
+  EXPECT_EQ(takenTypes(), "0");
+}
+
+TEST_F(StuckDaemonStream, NoticesThatALockedQueueWasReplaced) {
+  open(seconds(5));
+  fillBatch();
+  QueueLock(daemon.queue()).takeAndDie();
+  daemon.replaceQueues();
+  EXPECT_THAT(failureOf([this] { stream->endSegment(); }).what(), HasSubstr("removed or replaced"));
 }
 
 TEST_F(StuckDaemonStream, FailsWhenTheQueueIsCutInTheMiddleOfACall) {
