@@ -4,6 +4,7 @@
 #include <korvex/receiver/BusErrorGuard.h>
 #include <memory>
 #include <signal.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -32,6 +33,30 @@ using testing::StartsWith;
 using Clock = std::chrono::steady_clock;
 
 const unsigned char kByte[] = {'x'};
+
+constexpr seconds kLimit{2};
+
+/// Steps that take less than the limit each, and more than that together.
+class SlowSteps {
+ public:
+  template <typename Step>
+  void take(Step step) {
+    for (int i = 0; i < 3; ++i) {
+      std::this_thread::sleep_for(milliseconds(800));
+      const auto start = Clock::now();
+      step();
+      isLate_ = hasStalled();
+      last_ = start;
+    }
+  }
+
+  /// Whether the machine has made a step, or what came after the last one, last too long.
+  bool hasStalled() const { return isLate_ || Clock::now() >= last_ + kLimit; }
+
+ private:
+  Clock::time_point last_ = Clock::now();
+  bool isLate_ = false;
+};
 
 /// Waits until an attempt to send has failed. Each tries to take the lock once at the beginning,
 /// and then every 20 ms for 180 ms from its deadline on.
@@ -203,6 +228,18 @@ TEST_F(DaemonStreamTo, IsStoppedOnceAtMost) {
   EXPECT_EQ(daemon.types(), "04");
 }
 
+TEST_F(StuckDaemonStream, EachSignOfLifeRestartsTheReceiptsTime) {
+  open();
+  stream->close();
+  SlowSteps steps;
+  auto received = std::async(std::launch::async, [this] { return stream->awaitReceipt(kLimit); });
+  steps.take([this] { daemon.reply(0, "finishing"); });
+  daemon.reply(0, "the receipt");
+  const auto receipt = received.get();
+  if (steps.hasStalled()) GTEST_SKIP() << "the machine stalled";
+  EXPECT_EQ(receipt.value_or("none"), "the receipt");
+}
+
 TEST_F(StuckDaemonStream, IsClosedOnceThoughTheQueueWasLocked) {
   open();
   stream->write(kByte, sizeof kByte);
@@ -230,6 +267,16 @@ TEST_F(StuckDaemonStream, ASignalEndsAnOrdinaryStop) {
   const auto stopped =
       std::async(std::launch::async, [this] { stream->stop(DaemonStream::StopWait::Ordinary); });
   EXPECT_EQ(stopped.wait_for(seconds(30)), std::future_status::ready);
+  EXPECT_EQ(takenTypes(), "0");
+}
+
+TEST_F(StuckDaemonStream, IsLeftAloneAfterATimeout) {
+  open(kLimit);
+  fillBatch();
+  daemon.fill();
+  EXPECT_THROW(stream->endSegment(), Failure);
+  takenTypes();
+  stream->stop(DaemonStream::StopWait::Ordinary);
   EXPECT_EQ(takenTypes(), "0");
 }
 
