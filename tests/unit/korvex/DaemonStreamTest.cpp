@@ -1,4 +1,6 @@
+#include <atomic>
 #include <cerrno>
+#include <cstdint>
 #include <future>
 #include <gmock/gmock.h>
 #include <korvex/receiver/BusErrorGuard.h>
@@ -13,6 +15,7 @@
 #include "support/Await.h"
 #include "support/FakeDaemon.h"
 #include "support/LockHolder.h"
+#include "support/QueueFields.h"
 #include "support/SharedObject.h"
 
 namespace {
@@ -128,6 +131,28 @@ struct StuckDaemonStream : DaemonStreamTo {
   }
 
   FakeDaemon daemon;
+  std::unique_ptr<DaemonStream> stream;
+};
+
+/// A daemon whose batches are taken by hand: by changing the number of those that wait.
+struct DaemonStreamByHand : DaemonStreamTo {
+  bool awaitWaiting(std::uint64_t count) const {
+    return eventually([&] { return waiting == count; });
+  }
+
+  /// Opens a stream while three batches of others wait.
+  std::future<void> openBehindOthers(seconds timeout) {
+    daemon.fill();
+    waiting = 3;
+    stream = std::make_unique<DaemonStream>(settings(daemon, timeout), stop);
+    auto opened = std::async(std::launch::async, [this] { stream->open(); });
+    EXPECT_TRUE(awaitWaiting(4));
+    return opened;
+  }
+
+  FakeDaemon daemon;
+  QueueLock lock{daemon.queue()};
+  std::atomic<std::uint64_t>& waiting = lock.field(korvex::test::kMessagesAt);
   std::unique_ptr<DaemonStream> stream;
 };
 
@@ -298,4 +323,47 @@ TEST_F(StuckDaemonStream, FailsWhenTheQueueIsCutInTheMiddleOfACall) {
   EXPECT_THAT(failure.what(), StartsWith("the stream to queue '"));
   EXPECT_THAT(failure.what(), HasSubstr("the queue's memory was truncated"));
   stream->stop(DaemonStream::StopWait::Ordinary);  // must not touch it
+}
+
+TEST_F(DaemonStreamByHand, FailsWhenTheQueueIsCutBeforeItOpens) {
+  korvex::receiver::installBusErrorGuard();
+  DaemonStream cut(settings(daemon), stop);
+  ASSERT_EQ(::truncate(("/dev/shm/" + daemon.queue()).c_str(), 0), 0);
+  const Failure failure = failureOf([&] { cut.open(); });
+  EXPECT_EQ(failure.status(), static_cast<unsigned>(ECONNRESET));
+  EXPECT_THAT(failure.what(), StartsWith("the stream to queue '"));
+}
+
+TEST_F(DaemonStreamByHand, FailsWhenTheDaemonSticksAfterABatch) {
+  auto opened = openBehindOthers(seconds(1));
+  std::this_thread::sleep_for(milliseconds(50));  // so that it has seen them all
+  waiting = 3;
+  EXPECT_EQ(opened.wait_for(seconds(30)), std::future_status::ready);
+  stop.note(SIGTERM);
+  EXPECT_THAT(failureOf([&] { opened.get(); }).what(), HasSubstr("waited 1 s for the daemon"));
+}
+
+TEST_F(DaemonStreamByHand, EachBatchTakenRestartsTheTimeout) {
+  SlowSteps steps;
+  auto opened = openBehindOthers(kLimit);
+  steps.take([this] { --waiting; });
+  daemon.serve(staySilent);
+  opened.wait();
+  if (steps.hasStalled()) GTEST_SKIP() << "the machine stalled";
+  EXPECT_NO_THROW(opened.get());
+}
+
+TEST_F(DaemonStreamByHand, OpensOnceThoughTheQueueWasLocked) {
+  stream = std::make_unique<DaemonStream>(settings(daemon), stop);
+  auto opened = std::async(std::launch::async, [this] { stream->open(); });
+  ASSERT_TRUE(awaitWaiting(1));
+  waiting = 0;
+  ASSERT_TRUE(awaitWaiting(2));
+  LockHolder holder(daemon.queue());
+  waiting = 0;  // the open record comes next
+  awaitFailedAttempt(holder);
+  holder.release();
+  daemon.serve(staySilent);
+  opened.get();
+  EXPECT_EQ(daemon.types(), "0");
 }
