@@ -228,6 +228,20 @@ TEST_F(DaemonStreamTo, IsNotClosedAfterASignal) {
   EXPECT_EQ(daemon.types(), "0");
 }
 
+TEST_F(DaemonStreamTo, IsNotClosedOverAForeignReceipt) {
+  FakeDaemon daemon;
+  daemon.serve(staySilent);
+  {
+    DaemonStream stream(settings(daemon), stop);
+    stream.open();
+    stream.write(kByte, sizeof kByte);
+    daemon.reply(0, "stored bytes=1 xxh128=00");
+    EXPECT_THROW(stream.close(), Failure);
+  }
+  daemon.finish();
+  EXPECT_EQ(daemon.types(), "0");
+}
+
 TEST_F(DaemonStreamTo, WaitsForTheReceiptWhileTheDaemonIsFinishing) {
   FakeDaemon daemon;
   daemon.serve([](FakeDaemon& fake, const FakeDaemon::Record& record) {
@@ -251,6 +265,14 @@ TEST_F(DaemonStreamTo, IsStoppedOnceAtMost) {
   stream.stop(DaemonStream::StopWait::Ordinary);
   daemon.finish();
   EXPECT_EQ(daemon.types(), "04");
+}
+
+TEST_F(StuckDaemonStream, TakesNothingBehindItsReceipt) {
+  open();
+  stream->close();
+  daemon.reply(0, "the receipt");
+  daemon.reply(32, "no stream is open");
+  EXPECT_EQ(stream->awaitReceipt(seconds(60)).value_or("none"), "the receipt");
 }
 
 TEST_F(StuckDaemonStream, EachSignOfLifeRestartsTheReceiptsTime) {
