@@ -176,6 +176,15 @@ TEST_F(DaemonStreamTo, OpensOnceTheDaemonTookTheOpenRecord) {
   EXPECT_EQ(daemon.types(), "0");
 }
 
+TEST_F(DaemonStreamTo, OpensAfterThreeEmptyBatches) {
+  FakeDaemon daemon;
+  std::size_t opensIn = 0;
+  daemon.serve([&](FakeDaemon& self, const FakeDaemon::Record&) { opensIn = self.batches(); });
+  DaemonStream(settings(daemon), stop).open();
+  daemon.finish();
+  EXPECT_EQ(opensIn, 4u);
+}
+
 TEST_F(DaemonStreamTo, KeepsASilentStreamAliveWithEmptyBatches) {
   FakeDaemon daemon;
   daemon.serve(staySilent);
