@@ -81,6 +81,12 @@ class StandardInput {
   int saved_;
 };
 
+int lowestFreeDescriptor() {
+  const int found = ::open("/", O_PATH | O_CLOEXEC);
+  ::close(found);
+  return found;
+}
+
 struct Pipe {
   Pipe() { EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0); }
   ~Pipe() {
@@ -113,6 +119,14 @@ TEST_F(InputReaderFiles, ReadsFilesOneAfterTheOther) {
   ASSERT_TRUE(reader.openNext());
   EXPECT_EQ(fill(reader, 100), "second");
   EXPECT_FALSE(reader.openNext());
+}
+
+TEST_F(InputReaderFiles, HasOneFileOpenAtATime) {
+  InputReader reader({file("a", "first"), file("b", "second")}, stop);
+  ASSERT_TRUE(reader.openNext());
+  const int free = lowestFreeDescriptor();
+  ASSERT_TRUE(reader.openNext());
+  EXPECT_EQ(lowestFreeDescriptor(), free);
 }
 
 TEST_F(InputReaderFiles, FillsTheBufferAndGoesOnWhereItStopped) {
@@ -277,15 +291,21 @@ TEST_F(InputReaderFiles, RefusesASocketAsStandardInputThatLeadsNowhere) {
 }
 
 TEST_F(InputReaderFiles, ReadsASocketAsStandardInput) {
-  int ends[2];
-  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-  const StandardInput input(ends[0]);
-  ::close(ends[0]);
-  InputReader reader({}, stop);
-  ASSERT_EQ(::write(ends[1], "abc", 3), 3);
-  ::close(ends[1]);
-  ASSERT_TRUE(reader.openNext());
-  EXPECT_EQ(fill(reader, 10), "abc");
+  for (const bool isEarly : {false, true}) {  // is there something before the reader looks?
+    int ends[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    const StandardInput input(ends[0]);
+    ::close(ends[0]);
+    const auto write = [&] {
+      EXPECT_EQ(::write(ends[1], "abc", 3), 3);
+      ::close(ends[1]);
+    };
+    if (isEarly) write();
+    InputReader reader({}, stop);
+    if (!isEarly) write();
+    ASSERT_TRUE(reader.openNext());
+    EXPECT_EQ(fill(reader, 10), "abc");
+  }
 }
 
 TEST_F(InputReaderFiles, RefusesADeviceThatIsNotThere) {
