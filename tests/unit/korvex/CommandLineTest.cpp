@@ -55,6 +55,7 @@ TEST(SendOptionsParsing, HasDefaults) {
   EXPECT_EQ(options.timeout, 60u);
   EXPECT_EQ(options.segmentSize, 1048576u);
   EXPECT_EQ(options.receiptTimeout, 60u);
+  EXPECT_EQ(options.keepAlive, std::chrono::seconds(10));
   EXPECT_FALSE(options.noReceipt || options.quiet || options.json);
   EXPECT_THAT(options.files, IsEmpty());
 }
