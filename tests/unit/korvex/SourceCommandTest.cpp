@@ -1,5 +1,6 @@
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -9,6 +10,7 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "Failure.h"
@@ -44,6 +46,13 @@ std::size_t openDescriptors() {
   std::size_t count = 0;
   for (int file = 0; file < 1024; ++file) count += ::fcntl(file, F_GETFD) >= 0;
   return count;
+}
+
+/// The processor time of this thread.
+std::chrono::nanoseconds threadTime() {
+  timespec time = {};
+  ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+  return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
 }
 
 /// Puts another file in the place of standard input for a while.
@@ -312,6 +321,17 @@ TEST_F(CommandThatCannotStart, AndLeavesNoDescriptor) {
 TEST_F(CommandThatLeavesChildren, EndsWithTheLastOfTheirOutput) {
   whenIdle = [this] { go(); };
   EXPECT_EQ(outputOf("(cat \"$0/go\"; echo late) & echo early"), "early\nlate\n");
+}
+
+TEST_F(CommandThatLeavesChildren, IsWaitedForAsleep) {
+  const auto enough = std::chrono::steady_clock::now() + milliseconds(1000);
+  whenIdle = [&] {
+    if (std::chrono::steady_clock::now() > enough) go();
+  };
+  startShell("cat \"$0/go\" &");
+  const auto before = threadTime();
+  readAll();
+  EXPECT_LT(threadTime() - before, milliseconds(100)) << "of more than a second";
 }
 
 TEST_F(CommandThatLeavesChildren, FailsAtOnceWithItsExitCode) {
