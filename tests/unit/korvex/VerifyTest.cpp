@@ -68,7 +68,7 @@ class Verify : public testing::Test {
     options_.folders = folders;
     out_.str("");
     errors_.str("");
-    ending_ = runVerify(options_, stop_, Progress(), out_, errors_);
+    ending_ = runVerify(options_, stop_, progress_, out_, errors_);
     return out_.str();
   }
 
@@ -80,6 +80,7 @@ class Verify : public testing::Test {
   korvex::test::TemporaryFolder store_;
   VerifyOptions options_;
   StopSignal stop_;
+  Progress progress_;
   std::ostringstream out_;
   std::ostringstream errors_;
   Ending ending_ = {-1, -1};
@@ -234,6 +235,20 @@ TEST_F(Verify, LeavesTheRestUncheckedAtASignal) {
   EXPECT_EQ(ending_.signal, SIGINT);
 }
 
+TEST_F(Verify, IsInterruptedInTheMiddleOfAStream) {
+  constexpr off_t kMuchToRead = off_t{1} << 36;
+  json manifest = goodManifest();
+  manifest["bytes"] = kMuchToRead;
+  ASSERT_EQ(::truncate((stream(kStream, manifest) + "/data").c_str(), kMuchToRead), 0);
+  std::ostringstream terminal;
+  progress_ = Progress(terminal, [this] {  // asked once it has read for a while
+    stop_.note(SIGINT);
+    return std::size_t{80};
+  });
+  EXPECT_EQ(verifyAsJson()["streams"][0]["state"], "unchecked");
+  EXPECT_EQ(ending_.exitCode, 130);
+}
+
 TEST_F(Verify, ReadsStreamsWithoutDataAndWithMuch) {
   json empty = goodManifest();
   empty["bytes"] = 0;
@@ -274,6 +289,12 @@ TEST_F(Verify, FollowsNoLink) {
   fs::rename(path, store_ / "kept");
   fs::create_directory_symlink(store_ / "kept", path);
   EXPECT_EQ(verifyDamaged(), "folder: it is a link or not a folder\n");
+}
+
+TEST_F(Verify, LeavesALinkInAStoreToOthers) {
+  fs::create_directory_symlink(stream(kStream), store_ / "link");
+  EXPECT_THAT(verify(), HasSubstr("foreign   " + store_ / "link" + "\n"));
+  EXPECT_EQ(ending_.exitCode, 0);
 }
 
 TEST_F(Verify, WaitsForNoPipe) {
