@@ -1,3 +1,4 @@
+#include <cerrno>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -523,6 +524,31 @@ TEST_F(SendStream, JsonTellsAFailureToo) {
   EXPECT_THAT(errors.str(), HasSubstr("status 5: sink full"));
 }
 
+TEST_F(SendStream, JsonTellsTheKindOfAFailure) {
+  struct Row {
+    std::string reply;
+    int status;
+  };
+  addFile("a", "abc");
+  options.json = true;
+  for (const Row& row : {Row{kAbcdReceipt, EBADMSG}, Row{"fine", EPROTO}}) {
+    FakeDaemon failing;
+    options.queue = failing.queue();
+    failing.serve(replyTo(kClose, 0, row.reply));
+    out.str("");
+    EXPECT_EQ(send(), 1);
+    EXPECT_THAT(out.str(), HasSubstr("\"status\":" + std::to_string(row.status) + ","));
+  }
+}
+
+TEST_F(SendStream, JsonTellsASignal) {
+  addFile("a", "abc");
+  options.json = true;
+  stop.note(SIGTERM);
+  send();
+  EXPECT_THAT(out.str(), HasSubstr("\"status\":" + std::to_string(EINTR) + ","));
+}
+
 TEST_F(SendStream, JsonTellsAMissingReceipt) {
   options.json = true;
   options.receiptTimeout = 1;
@@ -530,5 +556,6 @@ TEST_F(SendStream, JsonTellsAMissingReceipt) {
   daemon.serve(staySilent);
   EXPECT_EQ(send(), 3);
   EXPECT_THAT(out.str(), HasSubstr(R"("verified":false)"));
+  EXPECT_THAT(out.str(), HasSubstr("\"status\":" + std::to_string(ETIMEDOUT) + ","));
   EXPECT_THAT(out.str(), HasSubstr(R"("exitCode":3})"));
 }
