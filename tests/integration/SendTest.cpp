@@ -432,6 +432,20 @@ TEST_F(SendCommand, IsNotKilledByAQueueThatIsCutUnderIt) {
   }
 }
 
+TEST_F(SendCommand, TellsWhatItWaitsForWhenASignalAsks) {
+  FakeDaemon fake;
+  queue = fake.queue();
+  fake.serve(staySilent);
+  Process sender(sendCommand({file("a", "abc")}));
+  fake.awaitRecord(kClose);
+  EXPECT_TRUE(eventually([&] {
+    sender.signal(SIGUSR1);
+    return sender.errors().find("korvex: waiting for the receipt: 100% [") != std::string::npos;
+  })) << sender.errors();
+  fake.reply(0, kAbcReceipt);
+  EXPECT_EQ(resultOf(sender).code, 0);
+}
+
 TEST_F(SendCommand, EndsThoughNobodyReadsWhatASignalAsksFor) {
   startDaemon({"--discard"});
   const std::string input = folder / "input";

@@ -54,8 +54,8 @@ class SendStream : public testing::Test {
     options.files.push_back(folder / name);
   }
 
-  int send() {
-    const Ending ending = runSend(options, stop, Progress(), out, errors);
+  int send(const Progress& progress = Progress()) {
+    const Ending ending = runSend(options, stop, progress, out, errors);
     signal = ending.signal;
     return ending.exitCode;
   }
@@ -488,6 +488,18 @@ TEST_F(SendStream, ManySmallSegmentsShareBatches) {
   daemon.finish();
   EXPECT_EQ(daemon.segments().size(), 4000u);
   EXPECT_LT(daemon.batches(), 60u);  // 97 bytes for each segment, in messages of 4096
+}
+
+TEST_F(SendStream, ShowsProgressBetweenThePiecesOfAFile) {
+  addFile("a", std::string(100000, 'x'));
+  options.noReceipt = true;
+  daemon.serve([isDone = false](FakeDaemon&, const FakeDaemon::Record& record) mutable {
+    if (record.type != kData || std::exchange(isDone, true)) return;
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));  // short streams show no bar
+  });
+  std::ostringstream terminal;
+  EXPECT_EQ(send(Progress(terminal, [] { return std::size_t{80}; })), 0);
+  EXPECT_THAT(terminal.str(), HasSubstr("% ["));
 }
 
 TEST_F(SendStream, QuietTellsNothingOnSuccess) {
