@@ -110,6 +110,16 @@ TEST_F(Clean, TakesNothingForAnAnswerThatWasTypedBefore) {
   EXPECT_TRUE(isThere());
 }
 
+TEST_F(Clean, TakesNoAnswerFromAPipe) {
+  leaveByADeadDaemon();
+  const Terminal terminal(80);
+  const ToolRun run = runProgram({"/bin/sh", "-c", "echo y | \"$0\" clean --queue \"$1\" >\"$2\"",
+                                  KORVEX_PROGRAM, queue_, terminal.name()});
+  EXPECT_EQ(run.code, 1);
+  EXPECT_THAT(run.errors, HasSubstr("without a terminal --yes is needed"));
+  EXPECT_TRUE(isThere());
+}
+
 TEST_F(Clean, LeavesWhatALivingProcessHasOpen) {
   const auto daemon = start();
   auto producer = writer();
