@@ -1,8 +1,10 @@
 // A container may have no thread left to give.
 
+#include <fstream>
 #include <gmock/gmock.h>
 
 #include "integration/DaemonFixture.h"
+#include "integration/ToolRun.h"
 
 using testing::EndsWith;
 using testing::HasSubstr;
@@ -82,4 +84,20 @@ TEST_F(FewThreads, NoneForADigestOnlyTakesMoreTime) {
   EXPECT_EQ(manifestOf(streams(false).at(0))["sha256"],
             "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0");
   end(daemon);
+}
+
+TEST_F(FewThreads, NoneForTheToolOnlyTakesMoreTime) {
+  const auto runTool = [](std::vector<std::string> words) {
+    words.insert(words.begin(), {"/usr/bin/env", "LD_PRELOAD=" KORVEX_FEW_THREADS,
+                                 "KORVEX_TEST_THREADS=0", KORVEX_PROGRAM});
+    return korvex::test::runProgram(words);
+  };
+  const auto daemon = start();
+  std::ofstream(folder_ / "file") << "abc";
+  const auto sent = runTool({"send", "--queue", queue_, folder_ / "file"});
+  ASSERT_EQ(sent.code, 0) << sent.errors;
+  EXPECT_EQ(runTool({"verify", output_}).code, 0);
+  std::ofstream(output_ + "/" + streams(false).at(0) + "/data") << "abd";
+  EXPECT_EQ(runTool({"verify", output_}).code, 1);
+  end(*daemon);
 }
