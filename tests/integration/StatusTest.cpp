@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <sstream>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "integration/DaemonFixture.h"
 #include "integration/ToolRun.h"
@@ -51,7 +52,7 @@ class Status : public DaemonFixture {
   };
 
   void writeStats(std::uint64_t bytes, std::time_t writtenAt) const {
-    const json open = {{"since", "2026-11-21T00:00:00Z"}, {"bytes", bytes}, {"place", "there"}};
+    const json open = {{"since", "2020-01-01T00:00:00Z"}, {"bytes", bytes}, {"place", "there"}};
     const std::string temporary = stats_ + ".new";
     std::ofstream(temporary) << json{
         {"queues", {{queue_, {{"bytes", bytes}, {"open_stream", open}}}}}};
@@ -60,6 +61,7 @@ class Status : public DaemonFixture {
     ASSERT_EQ(::rename(temporary.c_str(), stats_.c_str()), 0);
   }
 
+  const std::time_t since_ = 1577836800;  // the same in seconds
   const std::string stats_ = folder_ / "stats.json";
 };
 
@@ -166,6 +168,25 @@ TEST_F(Status, ShowsHalfOfAPair) {
   EXPECT_THAT(problems(queue), HasSubstr(queue_ + " is missing"));
 }
 
+TEST_F(Status, ShowsAQueueThatIsBeingMade) {
+  struct stat ids = {};
+  ASSERT_EQ(::stat("/proc/self/ns/pid", &ids), 0);
+  const std::string process = std::to_string(::getpid());
+  const korvex::test::SharedObject halfMade(".korvexd-" + process + "-" +
+                                            std::to_string(ids.st_ino) + "-1-2");
+  const json expected = {{"name", halfMade.name()}, {"process", ::getpid()}, {"maker", "alive"}};
+  EXPECT_THAT(runTool({"status", "--json"}).json()["halfMade"], Contains(expected));
+  EXPECT_THAT(runTool({"status"}).output, HasSubstr(halfMade.name() + ": half made by "));
+}
+
+TEST_F(Status, OfADeadDaemonShowsNoOpenStream) {
+  const Pair pair(queue_);
+  writeStats(1000, std::time(nullptr));
+  const json streams = status({"--stats", stats_})["streams"];
+  EXPECT_EQ(streams["complete"], 0) << "there are statistics";
+  EXPECT_EQ(streams["open"], json());
+}
+
 TEST_F(Status, FindsTheStatisticsByTheDaemonsCommandLine) {
   const auto daemon = start({"--stats", stats_});
   stream("abc");
@@ -235,7 +256,9 @@ TEST_F(Status, FailsForStatisticsThatCannotBeRead) {
   ASSERT_EQ(::mkfifo((folder_ / "pipe").c_str(), 0600), 0);
   std::ofstream(folder_ / "text") << "no statistics";
   std::ofstream(folder_ / "list") << "[1]";
-  for (const char* name : {"missing", "pipe", "text", "list", "out"}) {
+  std::ofstream(folder_ / "huge") << "{}";
+  ASSERT_EQ(::truncate((folder_ / "huge").c_str(), off_t{1} << 40), 0);
+  for (const char* name : {"missing", "pipe", "text", "list", "huge", "out"}) {
     const std::string path = folder_ / name;
     const ToolRun run = runTool({"status", "--queue", queue_, "--stats", path});
     EXPECT_EQ(run.code, 1);
@@ -266,6 +289,25 @@ TEST_F(Status, ShowsTheRateBetweenTwoLooks) {
   EXPECT_TRUE(eventually([&] {
     return objectsOf(tool).back()["queues"][0]["streams"]["open"]["bytesPerSecond"] == 1500000.0;
   })) << tool.output();
+  writeStats(5, later + 4);  // of a daemon that has counted from 0 again
+  json open;
+  ASSERT_TRUE(eventually([&] {
+    open = objectsOf(tool).back()["queues"][0]["streams"]["open"];
+    return open["bytes"] == 5;
+  }));
+  EXPECT_EQ(open["bytesPerSecond"], 1500000.0);
+  end(*daemon);
+}
+
+TEST_F(Status, ShowsNoRateOnceTheStatisticsAreOld) {
+  const auto daemon = start();
+  writeStats(1000, since_ + 10);
+  EXPECT_EQ(status({"--stats", stats_})["streams"]["open"]["bytesPerSecond"], 100.0)
+      << "on the average";
+  Process tool(
+      {KORVEX_PROGRAM, "status", "--watch", "--json", "--queue", queue_, "--stats", stats_});
+  ASSERT_TRUE(eventually([&] { return !objectsOf(tool).empty(); }));
+  EXPECT_EQ(objectsOf(tool)[0]["queues"][0]["streams"]["open"]["bytesPerSecond"], 0);
   end(*daemon);
 }
 
