@@ -47,6 +47,7 @@ TOOLS_GROUND = (r"(src|include|platform|receiver|tools|cmake|tests/support)/.*"
 
 SEND_TESTS = Program("tests/integration/korvex_send_integration_tests")
 STRANGE_OBJECT_TESTS = Program("tests/integration/korvexd_strange_object_tests")
+STATUS_TESTS = Program("tests/integration/korvex_status_tests")
 EXEC_TESTS = Program("tests/integration/korvexd_exec_tests")
 DAEMON_TESTS = Program("tests/integration/korvexd_integration_tests")
 OPERATING_TESTS = Program("tests/integration/korvexd_operating_tests")
@@ -90,7 +91,7 @@ AREAS = (
          (tuple(tool_program(f"tests/unit/korvex/korvex_tool_{name}_tests")
                 for name in ("unit", "system_call")),
           (tool_program("tests/unit/common/korvex_common_unit_tests"),)),
-         (SEND_TESTS,),
+         (SEND_TESTS, STATUS_TESTS, EXEC_TESTS, DAEMON_TESTS),
          TOOLS_GROUND),
 )
 
