@@ -19,8 +19,7 @@ MOST_MEMORY = 12 << 30  # of addresses: a thousand threads reserve 8 GiB for the
 
 @dataclass(frozen=True)
 class Program:
-    """A test program, relative to the build folder. An argument with a "*" stands for the sources
-    that match it."""
+    """A test program, relative to the build folder."""
 
     path: str
     arguments: tuple = ()
@@ -31,15 +30,8 @@ class Program:
     def name(self):
         return pathlib.PurePath(self.path).name
 
-    def command(self, source, build):
-        return [build / self.path, *(word for argument in self.arguments
-                                     for word in expanded(argument, source))]
-
-
-def expanded(argument, source):
-    if "*" not in argument:
-        return [argument]
-    return sorted(str(path) for path in source.glob(argument))
+    def command(self, build):
+        return [build / self.path, *self.arguments]
 
 
 @dataclass(frozen=True)
@@ -88,9 +80,9 @@ def end_group(process):
         pass
 
 
-def run(program, source, build, patience, environment=None):
+def run(program, build, patience, environment=None):
     """Runs it in a session and a temporary folder of its own; both are gone afterwards."""
-    command = program.command(source, build)
+    command = program.command(build)
     scratch = tempfile.mkdtemp(prefix="korvex-mutation-")
     os.chmod(scratch, 0o755)  # some tests drop the privileges of root
     started = time.monotonic()

@@ -94,7 +94,7 @@ class Workshop:
     def _prove(self, proof):
         self._patience = {}
         for program in self._quick_programs():
-            self._note_time(program, run(program, self.source, self.build, LONGEST_PATIENCE))
+            self._note_time(program, run(program, self.build, LONGEST_PATIENCE))
         shards = self._shards(self._areas)
         for shard, ending in zip(shards, self._run_shards(shards)):
             # As with a mutant: only what fails again, by itself, counts.
@@ -167,9 +167,9 @@ class Workshop:
 
     def _complaint(self, program):
         """A busy machine is no mistake of the mutant's: who was late gets twice the time once."""
-        ending = run(program, self.source, self.build, self._patience[program.path])
+        ending = run(program, self.build, self._patience[program.path])
         if ending.is_late:
-            ending = run(program, self.source, self.build, 2 * self._patience[program.path])
+            ending = run(program, self.build, 2 * self._patience[program.path])
         return ending.complaint
 
     def _judge_slowly(self, area):
@@ -195,7 +195,7 @@ class Workshop:
     def _run_shard(self, shard):
         program, environment = shard
         patience = self._patience.get(program.path, LONGEST_PATIENCE)
-        return run(program, self.source, self.build, patience, environment)
+        return run(program, self.build, patience, environment)
 
     def _units(self, file):
         """The compile commands of what includes the file, by object."""
