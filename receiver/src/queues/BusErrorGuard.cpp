@@ -7,9 +7,20 @@ namespace {
 
 struct sigaction before = {};  ///< the host's handling of SIGBUS
 
+/// A jump restores no signal mask. Blocked, the next fault would end the process.
+void unblock(int number) {
+  sigset_t signals;
+  ::sigemptyset(&signals);
+  ::sigaddset(&signals, number);
+  ::pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
 void onBusError(int number, siginfo_t* info, void*) {
   const bool isFault = info->si_code > 0;  // not one that a process has sent
-  if (isFault && busErrorRecovery != nullptr) ::siglongjmp(*busErrorRecovery, 1);
+  if (isFault && busErrorRecovery != nullptr) {
+    unblock(number);
+    ::siglongjmp(*busErrorRecovery, 1);
+  }
   // Not ours: restore the host's handling. A fault recurs by itself, a sent signal is raised again.
   ::sigaction(number, &before, nullptr);
   if (!isFault) ::raise(number);
@@ -26,7 +37,7 @@ void throwMemoryLost() {
 void installBusErrorGuard() {
   struct sigaction action = {};
   action.sa_sigaction = onBusError;
-  action.sa_flags = SA_SIGINFO | SA_NODEFER;  // left by a jump, which restores no signal mask
+  action.sa_flags = SA_SIGINFO;
   ::sigaction(SIGBUS, &action, &before);
 }
 
