@@ -6,7 +6,6 @@
 #include <boost/interprocess/ipc/message_queue.hpp>
 #include <boost/version.hpp>
 #include <cerrno>
-#include <cxxabi.h>
 #include <exception>
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -53,13 +52,22 @@ constexpr bool kBrokenLockPinsMapping = BOOST_VERSION < 107800;
 /// waits, in the destructors on its stack, would hold up the thread that joins it.
 thread_local bool isThreadCancelled = false;
 
-void wait(Pause& pause, MessageQueue::Clock::time_point deadline) {
-  try {
-    pause.wait(deadline);
-  } catch (const abi::__forced_unwind&) {
-    isThreadCancelled = true;
-    throw;
+/// Only a cancellation keeps a wait from its end.
+class WaitWatch {
+ public:
+  ~WaitWatch() {
+    if (!isOver_) isThreadCancelled = true;
   }
+  void end() noexcept { isOver_ = true; }
+
+ private:
+  bool isOver_ = false;
+};
+
+void wait(Pause& pause, MessageQueue::Clock::time_point deadline) {
+  WaitWatch watch;
+  pause.wait(deadline);
+  watch.end();
 }
 
 /// Returns an errno value. posix_fallocate() starts over after EINTR, so frequent signals could
