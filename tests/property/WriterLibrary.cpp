@@ -36,7 +36,9 @@ class RealQueue : public QueueEnd {
   std::size_t messageSize() const override { return queue_.get_max_msg_size(); }
 
   bool send(const QueueMessage& message) override {
-    return queue_.try_send(message.bytes.data(), message.bytes.size(), message.priority);
+    const void* const data =
+        message.bytes.empty() ? "" : static_cast<const void*>(message.bytes.data());
+    return queue_.try_send(data, message.bytes.size(), message.priority);
   }
 
   std::optional<QueueMessage> take() override {
