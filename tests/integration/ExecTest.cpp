@@ -112,7 +112,7 @@ TEST_F(ExecTest, StartsTheEngineWithoutTheDaemonsWaysWithSignals) {
 }
 
 TEST_F(ExecTest, GivesTheEngineNothingButTheStandardDescriptors) {
-  const auto daemon = startExec(script(R"(cat >/dev/null; ls /proc/$$/fd | cat >"$0/open")"));
+  const auto daemon = startExec(script(R"(cat >/dev/null; ls /proc/$$/fd >"$0/open" & wait)"));
   EXPECT_STREQ(replyTo("abc").message, kReceiptOfAbc);
   EXPECT_EQ(written("open"), "0\n1\n2\n");
 }

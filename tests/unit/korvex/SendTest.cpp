@@ -60,10 +60,10 @@ class SendStream : public testing::Test {
     return ending.exitCode;
   }
 
+  StopSignal stop;  // the daemon's thread may use it to its end
   FakeDaemon daemon;
   std::filesystem::path folder;
   SendOptions options;
-  StopSignal stop;
   std::ostringstream out;
   std::ostringstream errors;
   int signal = 0;
