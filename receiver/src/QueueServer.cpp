@@ -15,9 +15,9 @@ namespace {
 /// Long enough that many idle queues cost next to nothing, short enough to go unnoticed.
 constexpr std::chrono::milliseconds kLongestPause{25};
 
-/// For so long after a message the queue is not left to the watch, whose period is longer than the
-/// pauses have grown by then.
-constexpr std::chrono::milliseconds kAlertness{20};
+/// For so long after a message the queue is not left to the watch, whose period is as long as the
+/// next pause would be.
+constexpr std::chrono::milliseconds kAlertness{5};
 
 constexpr std::chrono::seconds kWatchPeriod{1};
 constexpr std::chrono::milliseconds kStreamWatchPeriod{100};
