@@ -95,6 +95,22 @@ struct DaemonStreamTo : testing::Test {
     return eventually(isMet);
   }
 
+  /// Of a stream with data, to which this happens, the daemon sees no end.
+  template <typename Error>
+  void expectNotClosedAfter(const std::function<void(FakeDaemon&)>& event) const {
+    FakeDaemon daemon;
+    daemon.serve(staySilent);
+    {
+      DaemonStream stream(settings(daemon), stop);
+      stream.open();
+      stream.write(kByte, sizeof kByte);
+      event(daemon);
+      EXPECT_THROW(stream.close(), Error);
+    }
+    daemon.finish();
+    EXPECT_EQ(daemon.types(), "0");
+  }
+
   StopSignal stop;
 };
 
@@ -224,31 +240,12 @@ TEST_F(DaemonStreamTo, LeavesAQueueAloneThatIsNotEmptied) {
 }
 
 TEST_F(DaemonStreamTo, IsNotClosedAfterASignal) {
-  FakeDaemon daemon;
-  daemon.serve(staySilent);
-  {
-    DaemonStream stream(settings(daemon), stop);
-    stream.open();
-    stream.write(kByte, sizeof kByte);
-    stop.note(SIGINT);
-    EXPECT_THROW(stream.close(), Interrupted);
-  }
-  daemon.finish();
-  EXPECT_EQ(daemon.types(), "0");
+  expectNotClosedAfter<Interrupted>([this](FakeDaemon&) { stop.note(SIGINT); });
 }
 
 TEST_F(DaemonStreamTo, IsNotClosedOverAForeignReceipt) {
-  FakeDaemon daemon;
-  daemon.serve(staySilent);
-  {
-    DaemonStream stream(settings(daemon), stop);
-    stream.open();
-    stream.write(kByte, sizeof kByte);
-    daemon.reply(0, "stored bytes=1 xxh128=00");
-    EXPECT_THROW(stream.close(), Failure);
-  }
-  daemon.finish();
-  EXPECT_EQ(daemon.types(), "0");
+  expectNotClosedAfter<Failure>(
+      [](FakeDaemon& daemon) { daemon.reply(0, "stored bytes=1 xxh128=00"); });
 }
 
 TEST_F(DaemonStreamTo, WaitsForTheReceiptWhileTheDaemonIsFinishing) {
