@@ -138,7 +138,7 @@ def two_producers(night):
     night.open_stream()
     night.sender.send_signal(signal.SIGSTOP)  # or it might meet the other's receipt, and say so
     subprocess.run([*SEND, "dump.sql"], check=False)
-    night.see("last complete stream: 2")
+    night.see("300.0 kB")
     night.pipe.write(night.dump)
     night.sender.send_signal(signal.SIGCONT)
     night.end_stream()
