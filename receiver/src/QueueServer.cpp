@@ -44,7 +44,7 @@ void QueueServer::open(Receiver::Existing existing) {
   auto pair = std::make_unique<QueuePair>(settings_, existing);
   replies_ = std::make_unique<ReplySender>(pair->replies(), counters_);
   pair_ = std::move(pair);
-  if (idlePlace_) idlePlace_->listenTo(settings_.queue);
+  if (idlePlace_) idlePlace_->attach(settings_.queue, pair_->batches().object());
 }
 
 void QueueServer::run(const std::atomic<bool>& stop) noexcept {
@@ -223,7 +223,7 @@ void QueueServer::pauseWhileIdle(Clock::time_point now) noexcept {
   if (!idlePlace_ || stop_ == nullptr || isOnTheAlert || replies_->isPending()) return pause();
   observer_.waiting();
   const bool hasNews = idlePlace_->await(
-      {pair_->batches().view(), *stop_, hasOrders_, lastSign_, nextLook_}, nextLookAtStream());
+      {pair_->batches().view(), *stop_, hasOrders_, lastSign_}, nextLookAtStream());
   if (hasNews) pause_.reset();
 }
 
@@ -288,6 +288,7 @@ void QueueServer::replacePair(const std::string& reason) noexcept {
 }
 
 void QueueServer::dropPair() noexcept {
+  if (idlePlace_) idlePlace_->detach();
   replies_.reset();
   pair_.reset();
   counters_.set(Count::RepliesPending, 0);

@@ -325,11 +325,11 @@ std::size_t QueueView::messages() const noexcept {
 }
 
 bool QueueView::Glance::looksIdle() const noexcept {
-  return load<std::uint64_t>(window_, kMessagesOffset) == 0 &&
-         load<std::uint32_t>(window_, kLockWordOffset) == 0;
+  return load<std::uint64_t>(header_, kMessagesOffset) == 0 &&
+         load<std::uint32_t>(header_, kLockWordOffset) == 0;
 }
 
-void QueueView::Glance::prefetch() const noexcept { __builtin_prefetch(window_ + kMessagesOffset); }
+void QueueView::Glance::prefetch() const noexcept { __builtin_prefetch(header_ + kMessagesOffset); }
 
 std::uint64_t QueueView::waitingBytes() const noexcept {
   assert(state_ == State::Sound);

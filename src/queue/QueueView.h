@@ -80,10 +80,14 @@ class QueueView {
   bool looksLocked() const noexcept;
 
   /// Whether a queue looks idle, for polling many queues in a row: reads a single cache line. Valid
-  /// as long as the view.
+  /// as long as what it looks at is mapped.
   class Glance {
    public:
-    explicit Glance(const QueueView& view) noexcept : window_(view.window_) {}
+    explicit Glance(const QueueView& view) noexcept : header_(view.window_) {}
+
+    /// At the first page of a sound queue's object, wherever it is mapped.
+    explicit Glance(const void* header) noexcept
+        : header_(static_cast<const unsigned char*>(header)) {}
 
     bool looksIdle() const noexcept;
 
@@ -91,7 +95,7 @@ class QueueView {
     void prefetch() const noexcept;
 
    private:
-    const unsigned char* window_;
+    const unsigned char* header_;
   };
 
   /// Prefetches the message that would be received next into this core's cache, unless it is the

@@ -64,6 +64,14 @@ inline Bytes bytesOfFile(const std::string& path) {
 
 inline Bytes bytesOfObject(const std::string& name) { return bytesOfFile("/dev/shm/" + name); }
 
+/// How often this process has an object mapped that has, or had, this name.
+inline std::size_t mappingsOf(const std::string& name) {
+  std::ifstream maps("/proc/self/maps");
+  std::size_t count = 0;
+  for (std::string line; std::getline(maps, line);) count += line.find(name) != line.npos;
+  return count;
+}
+
 /// The lock of an existing queue, for tests that take it and never release it.
 class QueueLock {
  public:

@@ -26,8 +26,10 @@ constexpr std::chrono::milliseconds kRecently{150};
 constexpr std::chrono::microseconds kOpenedPeriod{500};
 constexpr unsigned kOpenedRounds = 8;
 
-constexpr std::chrono::seconds kCheckPeriod{2};
-constexpr std::size_t kRoundsPerCheck = kCheckPeriod / kPeriod;
+/// Each queue is checked every two seconds for what a glance does not show. A tenth of them at a
+/// time: after a sleep, a lone check takes five times as long as one of a series.
+constexpr std::chrono::milliseconds kCheckPause{200};
+constexpr std::size_t kCheckSeries = 10;
 
 /// The host's signal handlers run in its own threads; only a fault is always this thread's.
 void takeOnlyFaults() noexcept {
@@ -68,14 +70,18 @@ IdleWatcher::~IdleWatcher() {
   thread_.join();
 }
 
-void IdleWatcher::addPlace() {
+/// Returns room for the first page of the place's queue.
+void* IdleWatcher::addPlace() {
   const std::lock_guard<std::mutex> lock(mutex_);
   sleepers_.reserve(places_ + 1);
+  void* const headerPage = headerPages_.take();
   ++places_;
+  return headerPage;
 }
 
-void IdleWatcher::removePlace() noexcept {
+void IdleWatcher::removePlace(void* headerPage) noexcept {
   const std::lock_guard<std::mutex> lock(mutex_);
+  headerPages_.give(headerPage);
   --places_;
 }
 
@@ -126,46 +132,76 @@ void IdleWatcher::lookAtAll(bool isOpened) noexcept {
   const auto now = Clock::now();
   const bool isFullRound = isOpened || now >= nextFullRound_;
   if (isFullRound) nextFullRound_ = now + kPeriod;
-  checksLeft_ = sleepers_.size() / kRoundsPerCheck + 1;
   isHurried_ = false;
   for (std::size_t at = 0; at < sleepers_.size();) {
-    if (at + kAhead < sleepers_.size()) sleepers_[at + kAhead].queue.prefetch();
+    if (at + kAhead < sleepers_.size()) sleepers_[at + kAhead].prefetch();
     Sleeper& sleeper = sleepers_[at];
     if (isOpened) sleeper.recentUntil = now + kRecently;
     const bool isRecent = now < sleeper.recentUntil;
     isHurried_ = isHurried_ || isRecent;
-    if ((isRecent || isFullRound) && hasNews(sleeper, now)) {
-      sleeper.place->wake();
-      sleeper = sleepers_.back();
-      sleepers_.pop_back();
+    if ((isRecent || isFullRound) && sleeper.hasNews()) {
+      wake(at);
     } else {
       ++at;
     }
   }
+  if (now >= nextChecks_) {
+    nextChecks_ = now + kCheckPause;
+    checkSome();
+  }
 }
 
-/// The checks are system calls, so they are spread over the rounds.
-bool IdleWatcher::hasNews(Sleeper& sleeper, Clock::time_point now) noexcept {
-  if (*sleeper.stop || *sleeper.orders || !looksIdle(sleeper.queue)) return true;
-  if (now < sleeper.nextCheck || checksLeft_ == 0) return false;
-  --checksLeft_;
-  sleeper.nextCheck = now + kCheckPeriod;
-  return sleeper.place->mayBeLost_();
+/// In turns, so that none is left out.
+void IdleWatcher::checkSome() noexcept {
+  std::size_t count = (sleepers_.size() + kCheckSeries - 1) / kCheckSeries;
+  for (; count > 0 && !sleepers_.empty(); --count) {
+    if (++checked_ >= sleepers_.size()) checked_ = 0;
+    if (sleepers_[checked_].place->mayBeLost_()) wake(checked_);
+  }
+}
+
+/// The last sleeper moves up to its index.
+void IdleWatcher::wake(std::size_t at) noexcept {
+  sleepers_[at].place->wake();
+  sleepers_[at] = sleepers_.back();
+  sleepers_.pop_back();
+}
+
+bool IdleWatcher::Sleeper::hasNews() const noexcept {
+  return *stop || *orders || !looksIdle(queue);
+}
+
+void IdleWatcher::Sleeper::prefetch() const noexcept {
+  queue.prefetch();
+  __builtin_prefetch(stop);
+  __builtin_prefetch(orders);
 }
 
 IdlePlace::IdlePlace(IdleWatcher& watcher, std::function<bool()> mayBeLost)
-    : watcher_(watcher), mayBeLost_(std::move(mayBeLost)) {
-  watcher_.addPlace();
+    : watcher_(watcher), mayBeLost_(std::move(mayBeLost)), headerPage_(watcher.addPlace()) {}
+
+IdlePlace::~IdlePlace() { watcher_.removePlace(headerPage_); }
+
+void IdlePlace::attach(const std::string& queue, const QueueObject& object) noexcept {
+  isHeaderMapped_ = HeaderPages::map(headerPage_, object.descriptor());
+  watcher_.opens_.listenTo(queue);
 }
 
-IdlePlace::~IdlePlace() { watcher_.removePlace(); }
+void IdlePlace::detach() noexcept {
+  if (isHeaderMapped_) HeaderPages::unmap(headerPage_);
+  isHeaderMapped_ = false;
+}
+
+QueueView::Glance IdlePlace::glanceAt(const QueueView& queue) const noexcept {
+  return isHeaderMapped_ ? QueueView::Glance(headerPage_) : QueueView::Glance(queue);
+}
 
 bool IdlePlace::await(const Idleness& idleness, Clock::time_point deadline) noexcept {
   std::unique_lock<std::mutex> lock(mutex_);
   isAwake_ = false;
   lock.unlock();
-  watcher_.add({QueueView::Glance(idleness.queue), &idleness.stop, &idleness.orders,
-                idleness.lastSign + kRecently, idleness.nextCheck, this});
+  watcher_.add({glanceAt(idleness.queue), &idleness.stop, &idleness.orders,
+                idleness.lastSign + kRecently, this});
   lock.lock();
   const bool isWoken = woken_.wait_until(lock, deadline, [this] { return isAwake_; });
   lock.unlock();

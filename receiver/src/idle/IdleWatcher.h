@@ -10,8 +10,10 @@
 #include <thread>
 #include <vector>
 
+#include "idle/HeaderPages.h"
 #include "idle/OpenEvents.h"
 #include "queue/MessageQueue.h"
+#include "queues/QueueObject.h"
 
 namespace korvex::receiver {
 
@@ -41,30 +43,35 @@ class IdleWatcher {
     const std::atomic<bool>* stop;
     const std::atomic<bool>* orders;
     Clock::time_point recentUntil;
-    Clock::time_point nextCheck;
     IdlePlace* place;
+
+    void prefetch() const noexcept;
+    bool hasNews() const noexcept;
   };
 
-  void addPlace();
-  void removePlace() noexcept;
+  void* addPlace();
+  void removePlace(void* headerPage) noexcept;
   void add(const Sleeper& sleeper) noexcept;
   void remove(const IdlePlace& place) noexcept;
   void run() noexcept;
   bool awaitRound() noexcept;
   void lookAtAll(bool isOpened) noexcept;
-  bool hasNews(Sleeper& sleeper, Clock::time_point now) noexcept;
+  void checkSome() noexcept;
+  void wake(std::size_t at) noexcept;
 
   OpenEvents opens_;
   std::mutex mutex_;
   std::condition_variable changed_;
   bool isOver_ = false;
   std::size_t places_ = 0;
+  HeaderPages headerPages_;
   std::vector<Sleeper> sleepers_;  ///< with room for all places
   bool isHurried_ = false;         ///< a message for one of them is likely soon
   unsigned openedRounds_ = 0;      ///< left of a series after a queue was opened
   Clock::time_point nextSeries_{};
   Clock::time_point nextFullRound_{};
-  std::size_t checksLeft_ = 0;  ///< of this round
+  Clock::time_point nextChecks_{};
+  std::size_t checked_ = 0;  ///< the index whose turn it was last
   std::thread thread_;
 };
 
@@ -79,17 +86,20 @@ class IdlePlace {
     const std::atomic<bool>& stop;
     const std::atomic<bool>& orders;  ///< set when the receiver is to do something else
     Clock::time_point lastSign;       ///< of a producer's life
-    Clock::time_point nextCheck;      ///< when to ask next whether the queues are lost
   };
 
-  /// `mayBeLost` is called by the watch's thread, every two seconds while the receiver's sleeps.
+  /// `mayBeLost` is called by the watch's thread while the receiver's sleeps, at least every two
+  /// seconds.
   IdlePlace(IdleWatcher& watcher, std::function<bool()> mayBeLost);
   ~IdlePlace();
   IdlePlace(const IdlePlace&) = delete;
   IdlePlace& operator=(const IdlePlace&) = delete;
 
-  /// From now on, opening the queue of this name makes the watch poll sooner.
-  void listenTo(const std::string& queue) noexcept { watcher_.opens_.listenTo(queue); }
+  /// What await() is about from now on. Opening this queue makes the watch poll sooner.
+  void attach(const std::string& queue, const QueueObject& object) noexcept;
+
+  /// Lets go of the queue's memory, for when it has been lost.
+  void detach() noexcept;
 
   /// Sleeps until the receiver has something to do; false if there was nothing by the deadline.
   bool await(const Idleness& idleness, Clock::time_point deadline) noexcept;
@@ -97,10 +107,13 @@ class IdlePlace {
  private:
   friend class IdleWatcher;
 
+  QueueView::Glance glanceAt(const QueueView& queue) const noexcept;
   void wake() noexcept;
 
   IdleWatcher& watcher_;
   const std::function<bool()> mayBeLost_;
+  void* const headerPage_;
+  bool isHeaderMapped_ = false;
   std::mutex mutex_;
   std::condition_variable woken_;
   bool isAwake_ = false;

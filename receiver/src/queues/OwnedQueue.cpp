@@ -39,15 +39,15 @@ OwnedQueue::OwnedQueue(std::string name, Limits limits, const Access& access)
 }
 
 void OwnedQueue::claim() {
-  claim_ = QueueObject(presentName_);
-  if (!claim_.isOpen() || !claim_.claim()) throw SystemError("claiming queue " + name_, errno);
+  object_ = QueueObject(presentName_);
+  if (!object_.isOpen() || !object_.claim()) throw SystemError("claiming queue " + name_, errno);
 }
 
 /// The mode comes last: until then it would hold for the process's own group.
 void OwnedQueue::giveTo(gid_t group, mode_t mode) {
   constexpr auto kSameOwner = static_cast<uid_t>(-1);
-  if (::fchown(claim_.descriptor(), kSameOwner, group) != 0 ||
-      ::fchmod(claim_.descriptor(), mode) != 0) {
+  if (::fchown(object_.descriptor(), kSameOwner, group) != 0 ||
+      ::fchmod(object_.descriptor(), mode) != 0) {
     throw SystemError("giving queue " + name_ + " to group " + std::to_string(group), errno);
   }
 }
@@ -109,17 +109,14 @@ bool OwnedQueue::looksLocked() {
 }
 
 std::string OwnedQueue::defect() {
-  if (!isStillNamed()) return "they were removed or replaced";
-  if (!isWhole()) return "their size was changed";
+  off_t size = 0;
+  if (!object_.isNamed(presentName_, &size)) return "they were removed or replaced";
+  if (static_cast<std::size_t>(size) != QueueView::fileSize(limits_.messages, limits_.messageSize))
+    return "their size was changed";
   const bool isDamaged = surviveBusError([this] { return queue_->view().isDamaged(); });
   return isDamaged ? "their memory was overwritten" : "";
 }
 
-bool OwnedQueue::isStillNamed() const noexcept { return claim_.isNamed(presentName_); }
-
-bool OwnedQueue::isWhole() const noexcept {
-  return static_cast<std::size_t>(claim_.size()) ==
-         QueueView::fileSize(limits_.messages, limits_.messageSize);
-}
+bool OwnedQueue::isStillNamed() const noexcept { return object_.isNamed(presentName_); }
 
 }  // namespace korvex::receiver

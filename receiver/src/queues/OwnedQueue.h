@@ -64,6 +64,8 @@ class OwnedQueue {
   /// Unguarded: reading it may raise SIGBUS; see surviveBusError().
   const QueueView& view() const noexcept { return queue_->view(); }
 
+  const QueueObject& object() const noexcept { return object_; }
+
   Limits limits() const noexcept { return limits_; }
 
  private:
@@ -71,7 +73,6 @@ class OwnedQueue {
   void claim();
   void giveTo(gid_t group, mode_t mode);
   bool isStillNamed() const noexcept;
-  bool isWhole() const noexcept;
   template <typename Operation>
   Outcome noted(Operation operation);
 
@@ -80,7 +81,7 @@ class OwnedQueue {
   std::string presentName_;
   std::unique_ptr<MessageQueue> queue_;
   LockWatch lockWatch_;
-  QueueObject claim_;
+  QueueObject object_;  ///< claimed
 };
 
 }  // namespace korvex::receiver

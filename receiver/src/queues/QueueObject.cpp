@@ -29,35 +29,36 @@ int linkAndUnlink(const char* from, const char* to) {
 
 QueueObject::QueueObject(const std::string& name) noexcept
     // Non-blocking, so that a pipe under the name does not hold the caller up.
-    : descriptor_(::shm_open(name.c_str(), O_RDWR | O_NONBLOCK, 0)) {}
+    : descriptor_(::shm_open(name.c_str(), O_RDWR | O_NONBLOCK, 0)) {
+  struct stat found = {};
+  if (!isOpen() || ::fstat(descriptor_, &found) != 0) return;
+  device_ = found.st_dev;
+  inode_ = found.st_ino;
+}
 
 QueueObject::~QueueObject() {
   if (isOpen()) ::close(descriptor_);
 }
 
-QueueObject::QueueObject(QueueObject&& other) noexcept
-    : descriptor_(std::exchange(other.descriptor_, -1)) {}
+QueueObject::QueueObject(QueueObject&& other) noexcept { *this = std::move(other); }
 
 QueueObject& QueueObject::operator=(QueueObject&& other) noexcept {
   std::swap(descriptor_, other.descriptor_);
+  std::swap(device_, other.device_);
+  std::swap(inode_, other.inode_);
   return *this;
 }
 
 bool QueueObject::claim() const noexcept { return ::flock(descriptor_, LOCK_EX | LOCK_NB) == 0; }
 
-bool QueueObject::isNamed(const std::string& name) const noexcept {
-  struct stat own = {};
+bool QueueObject::isNamed(const std::string& name, off_t* size) const noexcept {
   struct stat named = {};
-  return ::fstat(descriptor_, &own) == 0 && look(name, named) && own.st_dev == named.st_dev &&
-         own.st_ino == named.st_ino;
+  if (!look(name, named) || named.st_dev != device_ || named.st_ino != inode_) return false;
+  if (size != nullptr) *size = named.st_size;
+  return true;
 }
 
 std::string QueueObject::path(const std::string& name) { return std::string(kFolder) + "/" + name; }
-
-off_t QueueObject::size() const noexcept {
-  struct stat found = {};
-  return ::fstat(descriptor_, &found) == 0 ? found.st_size : -1;
-}
 
 /// Needs no memory of its own: queues are removed when there is none left, too.
 bool QueueObject::look(const std::string& name, struct stat& found) noexcept {

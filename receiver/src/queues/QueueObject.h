@@ -28,12 +28,9 @@ class QueueObject {
   /// Claims it until it is closed. False when another daemon has it.
   bool claim() const noexcept;
 
-  /// Whether the name refers to this very object. Opens nothing, so it works when descriptors have
-  /// run out.
-  bool isNamed(const std::string& name) const noexcept;
-
-  /// In bytes; -1 if unknown.
-  off_t size() const noexcept;
+  /// Whether the name refers to this very object, and how many bytes it has then. Opens nothing, so
+  /// it works when descriptors have run out. One system call: idle queues are asked often.
+  bool isNamed(const std::string& name, off_t* size = nullptr) const noexcept;
 
   static std::string path(const std::string& name);
 
@@ -51,6 +48,8 @@ class QueueObject {
 
  private:
   int descriptor_ = -1;
+  dev_t device_ = 0;
+  ino_t inode_ = 0;
 };
 
 }  // namespace korvex::receiver

@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <cstdint>
-#include <fstream>
 #include <gtest/gtest.h>
 #include <string>
 #include <utility>
@@ -18,6 +17,7 @@ using korvex::test::kFirstMessageAt;
 using korvex::test::kIndexAt;
 using korvex::test::kLockWordAt;
 using korvex::test::kMessagesAt;
+using korvex::test::mappingsOf;
 using korvex::test::RawQueue;
 using korvex::test::SharedObject;
 using korvex::test::uniqueQueueName;
@@ -89,13 +89,6 @@ bool isIntactWithBadEntry(int first, int messages, int bad, QueueView::Use use) 
   queue.store(first, messages);
   queue.lead(bad, kSlotsAt + 1);
   return view.isIntact(use);
-}
-
-std::size_t windowsOf(const std::string& name) {
-  std::ifstream maps("/proc/self/maps");
-  std::size_t count = 0;
-  for (std::string line; std::getline(maps, line);) count += line.find(name) != line.npos;
-  return count;
 }
 
 /// A queue with two messages, so that the next one is worth fetching.
@@ -237,9 +230,9 @@ TEST(QueueEdges, ViewTakesItsWindowAway) {
   {
     QueueView first(queue.name());
     const QueueView second = std::move(first);
-    EXPECT_EQ(windowsOf(queue.name()), 1u);
+    EXPECT_EQ(mappingsOf(queue.name()), 1u);
   }
-  EXPECT_EQ(windowsOf(queue.name()), 0u);
+  EXPECT_EQ(mappingsOf(queue.name()), 0u);
 }
 
 TEST(QueueEdges, NameMayBeAsLongAsTheSystemAllows) {

@@ -20,6 +20,7 @@
 #include "support/LockHolder.h"
 #include "support/QueueFields.h"
 #include "support/Queues.h"
+#include "support/SharedObject.h"
 
 using korvex::MessageQueue;
 using korvex::ShmWriter;
@@ -28,6 +29,7 @@ using korvex::receiver::IdlePlace;
 using korvex::receiver::IdleWatch;
 using korvex::receiver::IdleWatcher;
 using korvex::receiver::Observer;
+using korvex::receiver::QueueObject;
 using korvex::receiver::Receiver;
 using korvex::receiver::ReplyQueue;
 using korvex::receiver::Sink;
@@ -44,19 +46,21 @@ namespace {
 /// A queue that nobody uses, and its place in a watch.
 struct Watched {
   explicit Watched(IdleWatcher& watcher)
-      : place(watcher, [this] { return ++checks > checksUntilLost; }) {}
+      : place(watcher, [this] { return ++checks > checksUntilLost; }) {
+    place.attach(name, object);
+  }
 
   /// Sleeps in a thread of its own. False when nothing woke it.
   std::future<bool> sleep(Clock::duration patience = kPatience) {
     return std::async(std::launch::async, [this, patience] {
-      const auto now = Clock::now();
-      return place.await({queue.view(), stop, orders, {}, now}, now + patience);
+      return place.await({queue.view(), stop, orders, {}}, Clock::now() + patience);
     });
   }
 
   const std::string name = korvex::test::uniqueQueueName();
   const korvex::test::QueueRemover remover{name};
   MessageQueue queue{name, MessageQueue::Limits{4, 100}, 0600};
+  const QueueObject object{name};
   std::atomic<bool> stop{false};
   std::atomic<bool> orders{false};
   std::atomic<int> checks{0};
@@ -135,6 +139,16 @@ TEST(IdleWatcher, LetsAReceiverSleepUntilItsDeadline) {
   IdleWatcher watcher;
   Watched watched(watcher);
   for (int i = 0; i < 3; ++i) EXPECT_FALSE(watched.sleep(milliseconds(20)).get());
+}
+
+TEST(IdleWatcher, WatchesAQueueWhoseHeaderItCannotMapAgain) {
+  IdleWatcher watcher;
+  Watched watched(watcher);
+  watched.place.attach(watched.name, QueueObject());
+  auto woken = watched.sleep();
+  ASSERT_TRUE(eventually([&] { return watched.checks > 0; }));
+  watched.queue.trySend("a", 1, 1);
+  EXPECT_TRUE(woken.get());
 }
 
 TEST(IdleWatcher, WatchesHundredsOfQueues) {
@@ -298,6 +312,14 @@ TEST_F(WatchedReceiver, OwesNoReplyAfterTheLossOfItsQueues) {
   leaveAReplyPending();
   ASSERT_TRUE(MessageQueue::remove(name_));
   EXPECT_TRUE(awaitCount(Count::RepliesPending, 0));
+}
+
+// Memory may be short when new ones are to be made.
+TEST_F(WatchedReceiver, LetsGoOfTheMemoryOfLostQueues) {
+  ASSERT_GT(korvex::test::mappingsOf(name_), 2U);
+  ASSERT_TRUE(MessageQueue::remove(name_));
+  const korvex::test::SharedObject another(name_);
+  EXPECT_TRUE(eventually([this] { return korvex::test::mappingsOf(name_) == 0; }));
 }
 
 // Its caller has a loop of its own, in which it may not be kept.
