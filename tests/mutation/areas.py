@@ -81,7 +81,8 @@ AREAS = (
          (tuple(tool_program(f"tests/unit/korvexd/korvexd_{name}_tests")
                 for name in ("unit", "system_call")),
           tuple(tool_program(f"tests/unit/korvexd/korvexd_{name}_tests")
-                for name in ("rename", "writeback", "log_loss", "age", "refused_digest"))),
+                for name in ("rename", "writeback", "log_loss", "age", "refused_digest",
+                              "engine_end"))),
          (DAEMON_TESTS, Program("tests/integration/korvexd_failing_sink_tests"), EXEC_TESTS,
           STRANGE_OBJECT_TESTS, SEND_TESTS, OPERATING_TESTS),
          TOOLS_GROUND),
