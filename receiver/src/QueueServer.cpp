@@ -53,6 +53,7 @@ void QueueServer::run(const std::atomic<bool>& stop) noexcept {
   observer_.working();
   drain();
   session_.end(Ending::ReceiverEnded, "the daemon ended");
+  removeQueues();
   observer_.waiting();
   stop_ = nullptr;
 }
@@ -78,7 +79,6 @@ void QueueServer::drain() noexcept {
   if (pair_ == nullptr) return;
   try {
     takeRest();
-    reportUntaken();
   } catch (const std::exception& error) {
     replacePair(textOf(error));
   }
@@ -99,9 +99,18 @@ void QueueServer::takeRest() {
   }
 }
 
-void QueueServer::reportUntaken() {
-  const std::size_t untaken = pair_->batches().messages() + (nextSize_ ? 1 : 0);
-  if (untaken > 0) observer_.messagesLeft(untaken);
+/// Counts what is lost only when no producer finds the queues any more: the end of a stream takes
+/// its time, and the host may have other receivers to wait for.
+void QueueServer::removeQueues() noexcept {
+  if (pair_ == nullptr) return;
+  try {
+    pair_->removeNames();
+    const std::size_t untaken = pair_->batches().messages() + (nextSize_ ? 1 : 0);
+    if (untaken > 0) observer_.messagesLeft(untaken);
+    dropPair();
+  } catch (const std::exception& error) {
+    replacePair(textOf(error));
+  }
 }
 
 /// Tries one message. Tries an empty queue too, if its lock is taken: the lock's owner may be
@@ -222,8 +231,8 @@ void QueueServer::pauseWhileIdle(Clock::time_point now) noexcept {
   const bool isOnTheAlert = now - lastSign_ < kAlertness;
   if (!idlePlace_ || stop_ == nullptr || isOnTheAlert || replies_->isPending()) return pause();
   observer_.waiting();
-  const bool hasNews = idlePlace_->await(
-      {pair_->batches().view(), *stop_, hasOrders_, lastSign_}, nextLookAtStream());
+  const bool hasNews = idlePlace_->await({pair_->batches().view(), *stop_, hasOrders_, lastSign_},
+                                         nextLookAtStream());
   if (hasNews) pause_.reset();
 }
 

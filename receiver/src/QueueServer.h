@@ -62,7 +62,7 @@ class QueueServer {
   bool step();
   void drain() noexcept;
   void takeRest();
-  void reportUntaken();
+  void removeQueues() noexcept;
   bool tryTakeMessage();
   bool isIdle();
   void watchQueues();

@@ -66,7 +66,9 @@ void OwnedQueue::create(mode_t mode) {
   }
 }
 
-OwnedQueue::~OwnedQueue() {
+OwnedQueue::~OwnedQueue() { removeName(); }
+
+void OwnedQueue::removeName() noexcept {
   if (isStillNamed()) MessageQueue::remove(presentName_);
 }
 

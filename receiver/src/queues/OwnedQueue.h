@@ -36,13 +36,17 @@ class OwnedQueue {
   /// refuses, above all for lack of memory; otherwise what MessageQueue throws.
   OwnedQueue(std::string name, Limits limits, const Access& access);
 
-  /// Removes the name, unless it refers to another object by now.
+  /// As removeName().
   ~OwnedQueue();
   OwnedQueue(const OwnedQueue&) = delete;
   OwnedQueue& operator=(const OwnedQueue&) = delete;
 
   /// Gives the queue its name. Throws std::runtime_error when the name is taken.
   void publish();
+
+  /// Removes the name, unless it refers to another object by now. Peers that have the queue open
+  /// keep it.
+  void removeName() noexcept;
 
   /// Takes the next message. May wait briefly while the lock is taken.
   Outcome receive(void* buffer, std::size_t capacity, std::size_t& size);

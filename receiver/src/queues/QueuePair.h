@@ -29,6 +29,11 @@ class QueuePair {
     return defect.empty() ? batches_.defect() : defect;
   }
 
+  void removeNames() noexcept {
+    batches_.removeName();
+    replies_.removeName();
+  }
+
   OwnedQueue& batches() noexcept { return batches_; }
   OwnedQueue& replies() noexcept { return replies_; }
 

@@ -53,6 +53,7 @@ void sendRaw(const std::string& name, const BatchBytes& batch) {
 /// Sinks of one receiver, the first of which is still finishing when the receiver is to end.
 struct Streams {
   std::function<void()> whileFinishing = [] {};
+  std::function<void()> whileAbandoning = [] {};
   std::atomic<bool> stop{false};
   std::vector<std::string> ends;
 };
@@ -69,6 +70,7 @@ class SlowSink : public Sink {
     streams_.ends.push_back("complete");
   }
   void abandon(const StreamSummary&, const std::string& reason) override {
+    streams_.whileAbandoning();
     streams_.ends.push_back(reason);
   }
 
@@ -132,10 +134,27 @@ TEST_F(SlowFinish, IsFollowedByWhatCameMeanwhile) {
   EXPECT_THAT(streams_.ends, ElementsAre("complete", "the daemon ended"));
 }
 
+// The end takes no more than had come by then, and what follows is soon lost with the queues.
 TEST_F(SlowFinish, ComesToItsEndUnderAFloodOfEmptyBatches) {
   observer_.producer = &second_;
   receiver_.run(streams_.stop);
   EXPECT_THAT(streams_.ends, ElementsAre("complete"));
+  EXPECT_LE(receiver_.counters().get(Count::Batches), 12u);
+  EXPECT_GT(observer_.left, 0u);
+}
+
+TEST_F(SlowFinish, IsTheLastThatItsQueuesSee) {
+  receiver_.run(streams_.stop);
+  EXPECT_FALSE(queueExists(name_));
+  EXPECT_FALSE(queueExists(name_ + "Response"));
+  EXPECT_EQ(observer_.left, 0u);
+}
+
+TEST_F(SlowFinish, IsFollowedByAnEndThatCountsWhatComesMeanwhile) {
+  second_.open();
+  streams_.whileAbandoning = [this] { second_.flush_shm_buffer(1); };
+  receiver_.run(streams_.stop);
+  EXPECT_EQ(observer_.left, 1u);
 }
 
 TEST_F(SlowFinish, HasRoomForALargerMessageAfterAChange) {

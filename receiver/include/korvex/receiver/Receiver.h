@@ -53,13 +53,13 @@ class KORVEX_RECEIVER_EXPORT Receiver {
   /// call failed, and leaves nothing behind.
   Receiver(Settings settings, SinkFactory openSink, Observer& observer);
 
-  /// Ends an open stream as incomplete and removes the queues.
+  /// Ends an open stream as incomplete and removes the queues, unless run() has done so.
   ~Receiver();
   Receiver(const Receiver&) = delete;
   Receiver& operator=(const Receiver&) = delete;
 
-  /// Serves until `stop` is set, takes what was waiting at that moment, and ends an open stream as
-  /// incomplete.
+  /// Serves until `stop` is set, takes what was waiting at that moment, ends an open stream as
+  /// incomplete and removes the queues.
   void run(const std::atomic<bool>& stop) noexcept;
 
   /// From the next stream on, serves with these settings, but for the queue's name and `existing`.
