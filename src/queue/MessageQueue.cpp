@@ -150,6 +150,11 @@ MessageQueue::MessageQueue(const std::string& name, Limits limits, mode_t mode) 
   }
 }
 
+int MessageQueue::systemErrorOf(const std::exception& error) noexcept {
+  const auto* const known = dynamic_cast<const ipc::interprocess_exception*>(&error);
+  return known == nullptr ? 0 : known->get_native_error();
+}
+
 MessageQueue::~MessageQueue() {
   // Unmapping would leave a dangling entry in the thread's robust-mutex list; the next robust lock
   // that the thread takes would crash.

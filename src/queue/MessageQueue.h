@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <exception>
 #include <memory>
 #include <string>
 #include <sys/types.h>
@@ -50,6 +51,9 @@ class MessageQueue {
   MessageQueue(const std::string& name, Limits limits, mode_t mode);
 
   ~MessageQueue();
+
+  /// The errno behind one of the queue library's exceptions; 0 if there is none.
+  static int systemErrorOf(const std::exception& error) noexcept;
 
   std::size_t maxMessageSize() const noexcept { return view_.maxMessageSize(); }
 

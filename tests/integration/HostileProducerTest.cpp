@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include "integration/DaemonFixture.h"
-#include "integration/HostileBatches.h"
+#include "support/HostileBatches.h"
 #include "support/SharedCounter.h"
 
 using korvex::test::contentsOf;

@@ -64,6 +64,22 @@ INNER = {
 }
 
 
+# Headers that only one room of what we ship may include: waits and exceptions of the queue library
+# are handled there.
+CONFINED = {"boost/interprocess/": "src/queue"}
+
+# A group of tests uses its own files and the shared tools, never another group's files.
+TEST_GROUPS = ("tests/unit/", "tests/")
+
+
+def group_of(file):
+    """The folder of a file's group of tests: tests/GROUP or tests/unit/GROUP."""
+    for groups in TEST_GROUPS:
+        if file.startswith(groups):
+            return groups + file[len(groups):].split("/")[0]
+    return None
+
+
 def room_of(path, rooms):
     fitting = [room for room in rooms if path.startswith(room + "/")]
     return max(fitting, key=len, default=None)
@@ -80,6 +96,20 @@ def found_at(root, file, kind, name):
     return None
 
 
+def group_complaint(file, target):
+    group, used = group_of(file), group_of(target)
+    if group and used and used not in (group, "tests/support"):
+        return f"{file} includes {target}: expected a file of {group} or tests/support"
+    return None
+
+
+def confined_complaint(file, name):
+    for prefix, room in CONFINED.items():
+        if name.startswith(prefix) and not file.startswith((room + "/", "tests/", "bench/")):
+            return f"{file} includes <{name}>: only {room} may"
+    return None
+
+
 def complaint(file, target, rooms):
     room, used = room_of(file, rooms), room_of(target, rooms)
     if room and used and used != room and used not in rooms[room]:
@@ -91,8 +121,11 @@ def include_complaints(root, files):
     for file in files:
         for kind, name in INCLUDE.findall((root / file).read_text(errors="replace")):
             target = found_at(root, file, kind, name)
+            found = [confined_complaint(file, name)]
             if target:
-                yield from filter(None, (complaint(file, target, rooms) for rooms in (ROOMS, INNER)))
+                found += [complaint(file, target, rooms) for rooms in (ROOMS, INNER)]
+                found.append(group_complaint(file, target))
+            yield from filter(None, found)
 
 
 def folder_complaints(files):

@@ -1,7 +1,7 @@
 #include "queues/OwnedQueue.h"
 
-#include <boost/interprocess/exceptions.hpp>
 #include <cerrno>
+#include <exception>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
@@ -60,9 +60,10 @@ void OwnedQueue::create(mode_t mode) {
   } catch (const MemoryLost&) {
     MessageQueue::remove(presentName_);
     throwNotCreated(name_, limits_, ENOSPC);
-  } catch (const boost::interprocess::interprocess_exception& error) {
-    if (error.get_native_error() == 0) throw;
-    throwNotCreated(name_, limits_, error.get_native_error());
+  } catch (const std::exception& error) {
+    const int systemError = MessageQueue::systemErrorOf(error);
+    if (systemError == 0) throw;
+    throwNotCreated(name_, limits_, systemError);
   }
 }
 

@@ -6,7 +6,7 @@
 #include <type_traits>
 
 #include "korvex/ServerInfo.h"
-#include "unit/shm/StreamState.h"
+#include "support/StreamState.h"
 
 using korvex::ServerInfo;
 

@@ -9,7 +9,7 @@
 
 #include "Failure.h"
 #include "InputReader.h"
-#include "unit/queue/SystemCalls.h"
+#include "support/SystemCalls.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <sstream>
 
 #include "inspect/Inspect.h"
-#include "integration/HostileBatches.h"
+#include "support/HostileBatches.h"
 #include "korvex/receiver/BatchCheck.h"
 #include "support/TemporaryFolder.h"
 #include "support/WireFormat.h"

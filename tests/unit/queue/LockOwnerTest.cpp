@@ -17,7 +17,7 @@
 #include "support/LockHolder.h"
 #include "support/Namespaces.h"
 #include "support/QueueFields.h"
-#include "unit/queue/SystemCalls.h"
+#include "support/SystemCalls.h"
 
 using korvex::QueueView;
 using korvex::test::kLockOwnerAt;

@@ -17,7 +17,7 @@
 #include "support/DaemonQueues.h"
 #include "support/QueueFields.h"
 #include "support/SharedObject.h"
-#include "unit/queue/SystemCalls.h"
+#include "support/SystemCalls.h"
 
 using korvex::MessageQueue;
 using korvex::QueueView;

@@ -8,7 +8,7 @@
 #include "korvex/Status.h"
 #include "support/ThrownError.h"
 #include "unit/shm/BatchBuilders.h"
-#include "unit/shm/StreamState.h"
+#include "support/StreamState.h"
 
 // The reader's half of a batch, and its printed forms.
 

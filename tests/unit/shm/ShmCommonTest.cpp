@@ -11,7 +11,7 @@
 #include "korvex/Status.h"
 #include "support/Bytes.h"
 #include "support/ThrownError.h"
-#include "unit/shm/StreamState.h"
+#include "support/StreamState.h"
 
 using korvex::qmx_shm_message_t;
 using korvex::qmx_shm_response_t;

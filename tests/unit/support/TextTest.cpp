@@ -3,7 +3,7 @@
 
 #include "support/Text.h"
 #include "support/ThrownError.h"
-#include "unit/shm/StreamState.h"
+#include "support/StreamState.h"
 
 TEST(Text, JoinsItsPieces) {
   EXPECT_EQ(korvex::textOf("a ", std::string("b"), ' ', 7u, -1), "a b 7-1");

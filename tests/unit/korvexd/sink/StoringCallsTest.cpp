@@ -19,7 +19,7 @@
 #include "korvexd/report/StatsFile.h"
 #include "korvexd/sink/DirectoryStore.h"
 #include "support/TemporaryFolder.h"
-#include "unit/queue/SystemCalls.h"
+#include "support/SystemCalls.h"
 
 using korvex::receiver::SystemError;
 using korvex::test::contentsOf;

@@ -1,5 +1,5 @@
-#ifndef TESTS_UNIT_SYSTEM_CALLS_H
-#define TESTS_UNIT_SYSTEM_CALLS_H
+#ifndef TESTS_SUPPORT_SYSTEM_CALLS_H
+#define TESTS_SUPPORT_SYSTEM_CALLS_H
 
 #include <cstddef>
 #include <functional>

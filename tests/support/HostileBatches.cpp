@@ -1,4 +1,4 @@
-#include "integration/HostileBatches.h"
+#include "support/HostileBatches.h"
 
 #include <algorithm>
 

@@ -1,7 +1,7 @@
 // The checked variants are inline definitions of these calls; clang refuses another beside them.
 #undef _FORTIFY_SOURCE
 
-#include "unit/queue/SystemCalls.h"
+#include "support/SystemCalls.h"
 
 #include <cerrno>
 #include <cstdarg>
