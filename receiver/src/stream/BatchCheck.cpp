@@ -4,6 +4,7 @@
 #include <locale>
 #include <sstream>
 
+#include "korvex/receiver/Limits.h"
 #include "shm/Format.h"
 #include "support/BigEndian.h"
 
@@ -11,6 +12,8 @@ namespace korvex::receiver {
 namespace {
 
 constexpr int kHexDigits = 8;  // of a magic
+
+static_assert(Limits::kSmallestMessage == kSmallestDataBatch, "a data record must fit");
 
 std::uint32_t big32At(const unsigned char* bytes) noexcept {
   std::uint32_t value = 0;
