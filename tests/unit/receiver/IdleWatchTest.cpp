@@ -17,6 +17,7 @@
 #include "korvex/receiver/Receiver.h"
 #include "korvex/receiver/ReplyQueue.h"
 #include "support/Await.h"
+#include "support/EngineProcesses.h"
 #include "support/LockHolder.h"
 #include "support/QueueFields.h"
 #include "support/Queues.h"
@@ -133,6 +134,12 @@ TEST_P(WatchedQueue, WakesItsReceiverAndNoOther) {
 TEST_P(WatchedQueue, LetsNobodySleepOverWhatCameBefore) {
   GetParam().come(watched_);
   EXPECT_TRUE(watched_.sleep().get());
+}
+
+TEST(IdleWatch, LeavesNoDescriptorOpen) {
+  const std::size_t before = korvex::test::descriptorsOf(::getpid());
+  { const IdleWatch watch; }
+  EXPECT_EQ(korvex::test::descriptorsOf(::getpid()), before);
 }
 
 TEST(IdleWatcher, LetsAReceiverSleepUntilItsDeadline) {
