@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <memory>
 #include <optional>
+#include <signal.h>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -192,6 +193,17 @@ TEST_F(SlowFinish, LeavesWhatCameMeanwhileWhenTheDrainIsOver) {
   streams_.stop = true;
   receiver_.run(streams_.stop);
   EXPECT_EQ(observer_.left, 1u);
+}
+
+// Only a fault is taken for lost memory.
+TEST(BusErrorGuard, LeavesASignalThatWasSentToTheHost) {
+  const auto beKilledInAStep = [] {
+    ::signal(SIGBUS, SIG_DFL);  // a sanitizer would report it
+    korvex::receiver::installBusErrorGuard();
+    korvex::receiver::runGuarded([] { ::raise(SIGBUS); });
+    ::_exit(0);
+  };
+  EXPECT_EXIT(beKilledInAStep(), testing::KilledBySignal(SIGBUS), "");
 }
 
 // Asking takes a system call or two. At each look at the queue, that would cost a processor.
