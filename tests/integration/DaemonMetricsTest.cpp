@@ -9,6 +9,7 @@
 
 #include "integration/ExecFixture.h"
 #include "queue/MessageQueue.h"
+#include "support/FailingCalls.h"
 #include "support/LockHolder.h"
 #include "support/WireFormat.h"
 
@@ -36,9 +37,10 @@ class DaemonMetrics : public ExecFixture {
   }
 
   /// Starts a daemon with metrics and these options; a sink is among them.
-  void startWith(const std::vector<std::string>& options) {
-    std::vector<std::string> command = {KORVEXD_PROGRAM, "--queue", queue_, "--metrics",
-                                        metricsFile_};
+  void startWith(const std::vector<std::string>& options,
+                 const std::vector<std::string>& prefix = {}) {
+    std::vector<std::string> command = prefix;
+    command.insert(command.end(), {KORVEXD_PROGRAM, "--queue", queue_, "--metrics", metricsFile_});
     command.insert(command.end(), options.begin(), options.end());
     daemon_ = std::make_unique<Process>(command);
     EXPECT_TRUE(awaitServing(*daemon_)) << daemon_->errors();
@@ -50,6 +52,25 @@ class DaemonMetrics : public ExecFixture {
   }
   void startEngine(const std::string& script, const std::string& timeout = "60") {
     startWith({"--exec", "sh -c '" + script + "' " + output_, "--exec-timeout", timeout});
+  }
+
+  /// Starts one with a configuration that can change.
+  void startConfigured() {
+    std::ofstream(config_) << kConfiguration;
+    startWith({"--config", config_, "--drain-timeout", "60"});
+  }
+  /// Adds these lines, and has it read the file again.
+  void reloadWith(const std::string& lines) const {
+    std::ofstream(config_) << kConfiguration << lines;
+    daemon_->signal(SIGHUP);
+  }
+
+  /// Starts one under a watchdog, whose disk hangs with the next stream.
+  void startHanging() {
+    std::vector<std::string> prefix = calls_.prefix();
+    prefix.push_back("WATCHDOG_USEC=400000");
+    startWith({"--output", output_}, prefix);
+    calls_.fail(1, 0, korvex::test::FailureOrder::Kind::Hanging);
   }
 
   void sendRaw(const Bytes& bytes) const {
@@ -88,7 +109,12 @@ class DaemonMetrics : public ExecFixture {
   void end() { DaemonFixture::end(*daemon_); }
   std::string sharedObject() const { return "/dev/shm/" + queue_; }
 
+  static constexpr const char* kConfiguration = "[defaults]\ndiscard = true\n";
+  static constexpr const char* kMoreThanThereIs = "max-messages = 65536\nmax-message-size = '1G'\n";
+
+  const std::string config_ = folder_ / "korvexd.toml";
   std::string metricsFile_ = folder_.makeFolder("metrics") + "/shop.prom";
+  korvex::test::FailingCalls calls_{output_, folder_ / "orders"};
   std::unique_ptr<Process> daemon_;
 
  public:
@@ -103,6 +129,8 @@ class DaemonMetrics : public ExecFixture {
   static std::vector<Path> batches();
   static std::vector<Path> engines();
   static std::vector<Path> surroundings();
+  static std::vector<Path> reloads();
+  static std::vector<Path> hangs();
 };
 
 std::string sampleOf(const std::string& family, const std::string& label,
@@ -333,6 +361,71 @@ std::vector<DaemonMetrics::Path> DaemonMetrics::surroundings() {
          EXPECT_TRUE(eventually([&] { return korvex::test::queueExists(test.queue_); }));
          test.sendStream();
        }},
+      {"LogNotRead", "korvex_log_lines_lost_total{daemon=\"shop\",reason=\"unread\"}",
+       [](Test& test) {
+         test.startConfigured();
+         std::string mistakes;
+         for (int i = 0; i < 12000; ++i) mistakes += "wrong" + std::to_string(i) + " = 1\n";
+         test.reloadWith(mistakes);  // more lines than are kept and fit into the pipe of the log
+       }},
+      {"ManagerUnreachable", "korvex_service_manager_failures_total{daemon=\"shop\"}",
+       [](Test& test) {
+         const std::string nobody = test.folder_ / "nobody";
+         test.startWith({"--discard"}, {"/usr/bin/env", "NOTIFY_SOCKET=" + nobody});
+       }},
+  };
+}
+
+std::vector<DaemonMetrics::Path> DaemonMetrics::reloads() {
+  using Test = DaemonMetrics;
+  return {
+      {"ReloadRefused", "korvex_config_reload_failures_total{daemon=\"shop\"}",
+       [](Test& test) {
+         test.startConfigured();
+         test.reloadWith("mode = 1\n");
+         EXPECT_TRUE(test.awaitLog(*test.daemon_, "the configuration was not changed"));
+         test.reloadWith("");
+         EXPECT_TRUE(test.awaitLog(*test.daemon_, "configuration reloaded"));
+       }},
+      {"ReloadDuringShutdown", "korvex_config_reload_failures_total{daemon=\"shop\"}",
+       [](Test& test) {
+         test.startConfigured();
+         test.sendOpeningAndAwaitIt();
+         test.daemon_->signal(SIGTERM);
+         EXPECT_TRUE(test.awaitLog(*test.daemon_, "shutting down; "));
+         test.reloadWith("");
+       }},
+      {"AddedQueueNotCreated", "korvex_queue_creation_failures_total{daemon=\"shop\"}",
+       [](Test& test) {
+         test.startConfigured();
+         test.reloadWith("[queue." + test.queue_ + "-large]\n" + kMoreThanThereIs);
+       }},
+      {"SettingsNotChanged", "korvex_settings_failures_total{queue=\"QUEUE\"}",
+       [](Test& test) {
+         test.startConfigured();
+         test.reloadWith(kMoreThanThereIs);
+         EXPECT_TRUE(test.awaitLog(*test.daemon_, test.queue_ + ": served again"));
+       }},
+  };
+}
+
+std::vector<DaemonMetrics::Path> DaemonMetrics::hangs() {
+  using Test = DaemonMetrics;
+  return {
+      {"QueueStuck", "korvex_watchdog_withheld_total{daemon=\"shop\"}",
+       [](Test& test) {
+         test.startHanging();
+         test.sendOpening();
+       }},
+      {"ShutdownHangs", "korvex_shutdown_hangs_total{daemon=\"shop\"}",
+       [](Test& test) {
+         test.startHanging();
+         test.sendOpening();
+         test.daemon_->signal(SIGTERM);
+         EXPECT_TRUE(test.awaitLog(*test.daemon_, "the sink has not returned for "));
+         EXPECT_TRUE(test.calls_.stop());
+         EXPECT_EQ(test.daemon_->wait(), 0);
+       }},
   };
 }
 
@@ -349,6 +442,11 @@ INSTANTIATE_TEST_SUITE_P(OfEngines, FailingPath, testing::ValuesIn(DaemonMetrics
                          kName);
 INSTANTIATE_TEST_SUITE_P(OfSurroundings, FailingPath,
                          testing::ValuesIn(DaemonMetrics::surroundings()), kName);
+INSTANTIATE_TEST_SUITE_P(OfReloads, FailingPath, testing::ValuesIn(DaemonMetrics::reloads()),
+                         kName);
+#ifdef KORVEX_FAILING_CALLS
+INSTANTIATE_TEST_SUITE_P(OfHangs, FailingPath, testing::ValuesIn(DaemonMetrics::hangs()), kName);
+#endif
 
 }  // namespace
 

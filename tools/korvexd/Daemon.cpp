@@ -149,9 +149,10 @@ void Daemon::drain() {
   }
 }
 
-void Daemon::answerAtTheEnd(int signal) const {
+void Daemon::answerAtTheEnd(int signal) {
   if (signal == kReportSignal) queues_.logStates();
   if (signal != SIGHUP || isEnd(SIGHUP)) return;
+  ++reloadFailures_;
   writeLog({Event::ConfigurationRefused, spdlog::level::err, "",
             "the configuration was not changed: the daemon is shutting down"});
 }
@@ -168,6 +169,7 @@ void Daemon::endQueues() {
     if (hangs && isEnd(signal)) endAtOnce(signal);
     if (hangs || std::chrono::steady_clock::now() < patienceEnds) continue;
     hangs = true;
+    ++hangingEnds_;  // for the last metrics: writing them now might hang, too
     writeLog({Event::EndHangs, spdlog::level::err, queue->name(),
               "the sink has not returned for " + std::to_string(kPatienceWithSinks.count()) +
                   " seconds; another signal ends the daemon at once"});
@@ -197,6 +199,7 @@ void Daemon::readAgain() noexcept {
     });
   } catch (const std::exception& error) {
     isReloadRefused_ = true;
+    ++reloadFailures_;
     tryToLog([&] {
       return LogEntry(Event::ConfigurationRefused, spdlog::level::err, "",
                       std::string("the configuration was not changed: ") + error.what());
@@ -251,7 +254,12 @@ void Daemon::updateReports() noexcept {
 }
 
 DaemonState Daemon::state() const {
-  return {statsWrites_.failures(), configured_, isReloadRefused_, queues_.awaited()};
+  DaemonFailures failures;
+  failures.stats = statsWrites_.failures();
+  failures.reloads = reloadFailures_;
+  failures.newQueues = queues_.creationFailures();
+  failures.ends = hangingEnds_;
+  return {failures, configured_, isReloadRefused_, queues_.awaited()};
 }
 
 void Daemon::updateStats() noexcept {

@@ -1,6 +1,7 @@
 #ifndef KORVEXD_DAEMON_H
 #define KORVEXD_DAEMON_H
 
+#include <cstdint>
 #include <ctime>
 #include <optional>
 #include <signal.h>
@@ -42,7 +43,7 @@ class Daemon {
   void awaitEnd();
   bool isEnd(int signal) const noexcept;
   void drain();
-  void answerAtTheEnd(int signal) const;
+  void answerAtTheEnd(int signal);
   void endQueues();
   [[noreturn]] void endAtOnce(int signal);
   void readAgain() noexcept;
@@ -62,6 +63,8 @@ class Daemon {
   Attempts statsWrites_;
   std::time_t configured_ = std::time(nullptr);
   bool isReloadRefused_ = false;
+  std::uint64_t reloadFailures_ = 0;
+  std::uint64_t hangingEnds_ = 0;
   Supervision supervision_;
 };
 

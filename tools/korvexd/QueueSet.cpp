@@ -109,6 +109,7 @@ bool QueueSet::tryToStart(const QueueSettings& settings) noexcept {
     startNew(settings);
     return true;
   } catch (const std::exception& error) {
+    ++creationFailures_;
     tryToLog([&] {
       return LogEntry(Event::NotServed, spdlog::level::err, settings.receiver.queue,
                       std::string("not served yet: ") + error.what());

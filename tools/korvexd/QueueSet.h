@@ -2,6 +2,7 @@
 #define KORVEXD_QUEUE_SET_H
 
 #include <atomic>
+#include <cstdint>
 #include <korvex/receiver/IdleWatch.h>
 #include <memory>
 #include <string>
@@ -62,6 +63,9 @@ class QueueSet {
   /// The names of those that could not be created yet.
   std::vector<std::string> awaited() const;
 
+  /// How often a queue could not be created at the first try of follow(), since the start.
+  std::uint64_t creationFailures() const noexcept { return creationFailures_; }
+
   /// The failures of a queue's engines since the start.
   EngineFailureCounts engineFailuresOf(const std::string& queue) const {
     return sinks_.engineFailuresOf(queue);
@@ -84,6 +88,7 @@ class QueueSet {
   receiver::IdleWatch idleWatch_;
   std::vector<std::unique_ptr<ServedQueue>> queues_;
   std::vector<QueueSettings> awaited_;  ///< queues that could not be made yet
+  std::uint64_t creationFailures_ = 0;
 };
 
 }  // namespace korvexd

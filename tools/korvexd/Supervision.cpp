@@ -51,7 +51,12 @@ void Supervision::over(const Queues& queues, const DaemonState& daemon) noexcept
 
 void Supervision::updateMetrics(const Queues& queues, const DaemonState& daemon) noexcept {
   if (!metrics_) return;
-  metricsWrites_.attempt([&] { metrics_->update(queues, daemon); });
+  metricsWrites_.attempt([&] {
+    DaemonState whole = daemon;
+    whole.failures.notifications = manager_.failures();
+    whole.failures.feedings = manager_.feedingsWithheld();
+    metrics_->update(queues, whole);
+  });
 }
 
 }  // namespace korvexd

@@ -158,8 +158,13 @@ void addBuildInfo(Samples& to, const DaemonNumbers& from) {
   to.add({{"daemon", from.name}, {"version", KORVEX_VERSION}}, 1);
 }
 
+template <std::uint64_t DaemonFailures::*kFailures>
+void addFailures(Samples& to, const DaemonNumbers& from) {
+  to.add({{"daemon", from.name}}, from.failures.*kFailures);
+}
+
 void addFileFailures(Samples& to, const DaemonNumbers& from) {
-  to.add({{"daemon", from.name}, {"file", "stats"}}, from.statsFailures);
+  to.add({{"daemon", from.name}, {"file", "stats"}}, from.failures.stats);
   to.add({{"daemon", from.name}, {"file", "metrics"}}, from.metricsFailures);
 }
 
@@ -216,6 +221,19 @@ const std::vector<MetricFamily>& metricFamilies() {
        [](Samples& to, const DaemonNumbers& from) {
          to.add({{"daemon", from.name}}, seconds(from.configured));
        }},
+      {"korvex_config_reload_failures_total", kCounter, "Refused reloads of the configuration.",
+       addFailures<&DaemonFailures::reloads>},
+      {"korvex_queue_creation_failures_total", kCounter,
+       "Queues that a reload added and that could not be created at once.",
+       addFailures<&DaemonFailures::newQueues>},
+      {"korvex_service_manager_failures_total", kCounter,
+       "Failed attempts to notify the service manager.",
+       addFailures<&DaemonFailures::notifications>},
+      {"korvex_watchdog_withheld_total", kCounter,
+       "Times that the watchdog was not fed because a queue was stuck.",
+       addFailures<&DaemonFailures::feedings>},
+      {"korvex_shutdown_hangs_total", kCounter, "Shutdowns held up by a sink that did not return.",
+       addFailures<&DaemonFailures::ends>},
       {"korvex_file_write_failures_total", kCounter,
        "Failed attempts to write the statistics or the metrics.", addFileFailures},
       {"korvex_log_lines_lost_total", kCounter, "Lines missing from the log, by reason.",
@@ -277,6 +295,9 @@ const std::vector<MetricFamily>& metricFamilies() {
       {"korvex_queue_pair_failures_total", kCounter,
        "Times that a lost pair could not be recreated at once.",
        addNumber<&QueueCounts::failuresToReplace>},
+      {"korvex_settings_failures_total", kCounter,
+       "Times that changed settings could not be applied and the old ones were kept.",
+       addNumber<&QueueCounts::settingsFailures>},
       {"korvex_messages_untaken_total", kCounter,
        "Messages that were lost with the queue when the daemon ended.",
        addNumber<&QueueCounts::messagesLeft>},

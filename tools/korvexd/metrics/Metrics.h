@@ -33,14 +33,24 @@ struct AwaitedQueue {
   std::time_t lastSuccess = 0;  ///< 0 for never
 };
 
+/// How often something went wrong that is not a matter of one served queue.
+struct DaemonFailures {
+  std::uint64_t stats = 0;          ///< writes of the statistics
+  std::uint64_t reloads = 0;        ///< of the configuration
+  std::uint64_t newQueues = 0;      ///< not made at the first try
+  std::uint64_t notifications = 0;  ///< of the service manager
+  std::uint64_t feedings = 0;       ///< of the watchdog
+  std::uint64_t ends = 0;           ///< held up by a sink
+};
+
 /// What is known of the whole daemon at one moment.
 struct DaemonNumbers {
   std::string name;  ///< tells daemons of one machine apart
   std::time_t started = 0;
   std::time_t written = 0;
-  std::time_t configured = 0;         ///< when a configuration was taken the last time
-  bool isReloadRefused = false;       ///< the last one that was to be
-  std::uint64_t statsFailures = 0;    ///< writes of the statistics
+  std::time_t configured = 0;    ///< when a configuration was taken the last time
+  bool isReloadRefused = false;  ///< the last one that was to be
+  DaemonFailures failures;
   std::uint64_t metricsFailures = 0;  ///< writes of the metrics
   std::vector<QueueNumbers> queues;
   std::vector<AwaitedQueue> awaited;

@@ -46,7 +46,7 @@ MetricsFile::MetricsFile(const std::string& path, std::time_t started,
 
 void MetricsFile::update(const std::vector<QueueStats>& queues, const DaemonState& daemon) {
   const auto now = QueueFill::Clock::now();
-  numbers_.statsFailures = daemon.statsFailures;
+  numbers_.failures = daemon.failures;
   numbers_.configured = daemon.configured;
   numbers_.isReloadRefused = daemon.isReloadRefused;
   watch(queues, now);

@@ -17,7 +17,7 @@ namespace korvexd {
 
 /// What is not a matter of one queue that is served.
 struct DaemonState {
-  std::uint64_t statsFailures = 0;        ///< writes of the statistics
+  DaemonFailures failures = {};
   std::time_t configured = 0;             ///< when a configuration was taken the last time
   bool isReloadRefused = false;           ///< the last one that was to be
   std::vector<std::string> awaited = {};  ///< queues that cannot be made yet

@@ -51,6 +51,7 @@ struct QueueCounts {
   Number captureFailures{0};
   Number failuresToReplace{0};  ///< tries in a row count once
   Number newPairs{0};           ///< made in place of others
+  Number settingsFailures{0};   ///< changes that were taken back
   Number messagesLeft{0};       ///< when the daemon ended
   std::atomic<bool> isServed{true};
   std::atomic<std::time_t> lastComplete{0};  ///< when; 0 for never since the start

@@ -187,6 +187,7 @@ void StreamLog::settingsChanged() noexcept {
 
 void StreamLog::settingsNotChanged(const std::string& reason) noexcept {
   changeRefused_ = true;
+  ++counts_.settingsFailures;
   counts_.isServed = false;
   write(QueueLog::Kind::QueuePair, [&] {
     return LogEntry(Event::SettingsNotChanged, level::err, queue_,

@@ -98,6 +98,7 @@ void ServiceManager::send(const std::string& message) {
   if (addressSize_ == 0) return;
   const std::lock_guard<std::mutex> lock(mutex_);
   const int error = sendTo(address_, addressSize_, message);
+  if (error != 0) ++failures_;
   const bool wasUnreachable = std::exchange(isUnreachable_, error != 0);
   if (error == 0 || wasUnreachable) return;
   writeLog({Event::ManagerUnreachable, spdlog::level::warn, "",

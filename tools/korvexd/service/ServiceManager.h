@@ -1,7 +1,9 @@
 #ifndef KORVEXD_SERVICE_MANAGER_H
 #define KORVEXD_SERVICE_MANAGER_H
 
+#include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -33,6 +35,13 @@ class ServiceManager {
   /// The loops that move data are making progress.
   void feedWatchdog();
 
+  /// A loop is stuck, so the watchdog is not fed this time.
+  void withholdFeeding() noexcept { ++feedingsWithheld_; }
+
+  /// Since the start. Any thread may ask.
+  std::uint64_t failures() const noexcept { return failures_; }  ///< messages not sent
+  std::uint64_t feedingsWithheld() const noexcept { return feedingsWithheld_; }
+
   /// How long the manager waits for feedWatchdog() before it restarts the daemon; none: forever.
   const std::optional<std::chrono::microseconds>& watchdogPeriod() const noexcept {
     return watchdogPeriod_;
@@ -46,6 +55,8 @@ class ServiceManager {
   std::optional<std::chrono::microseconds> watchdogPeriod_;
   std::mutex mutex_;
   std::string status_;
+  std::atomic<std::uint64_t> failures_{0};
+  std::atomic<std::uint64_t> feedingsWithheld_{0};
   bool isUnreachable_ = false;  ///< the last time, and the log says so
 };
 

@@ -32,7 +32,11 @@ void Watchdog::watch(std::vector<Loop> loops) {
 void Watchdog::run(Clock::duration interval) {
   std::unique_lock<std::mutex> lock(mutex_);
   do {
-    if (allMove(interval)) manager_.feedWatchdog();
+    if (allMove(interval)) {
+      manager_.feedWatchdog();
+    } else {
+      manager_.withholdFeeding();
+    }
   } while (!changed_.wait_for(lock, interval, [this] { return isOver_; }));
 }
 

@@ -101,6 +101,16 @@ TEST(MetricFamilies, AreTheOnesThatThePageLists) {
   EXPECT_EQ(known, documented);
 }
 
+TEST(MetricFamilies, CoverEachWarningAndErrorOfTheLog) {
+  std::set<std::string> known;
+  for (const auto& family : korvexd::metricFamilies()) known.insert(family.name);
+  const std::string page = contentsOf(KORVEX_DOCS "/logs.md");
+  const std::regex row("\\| `(\\w+)` \\| (?:warning|error).* \\|(?: `(\\w+)`)? \\|");
+  for (std::sregex_iterator at(page.begin(), page.end(), row), end; at != end; ++at) {
+    EXPECT_EQ(known.count((*at)[2]), 1u) << (*at)[1];
+  }
+}
+
 TEST_F(MetricsFileTest, IsNamedInWhatIsTheDaemons) {
   MetricsFile file(path_, 0, noFailures);
   update(file);
