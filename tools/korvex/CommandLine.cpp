@@ -26,6 +26,7 @@ const char kEpilogue[] =
     "  korvex status         is there a daemon, is a stream open, how did the last one end\n"
     "  korvex verify DIR     are the stored streams still what was sent\n"
     "  korvex inspect FILE   what a producer sent, if korvexd ran with --capture\n"
+    "  journalctl -u korvexd the daemon's log: why it ended, did not start or stored nothing\n"
     "  korvex clean          removes the queues of a dead daemon\n"
     "\"korvex VERB --help\" describes each verb, docs/troubleshooting.md each common failure.";
 

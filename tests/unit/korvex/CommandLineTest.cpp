@@ -175,6 +175,14 @@ TEST_F(CommandLine, HelpGoesToStandardOutput) {
   EXPECT_EQ(errors.str(), "");
 }
 
+TEST_F(CommandLine, HelpSaysWhereToLookForAMissingBackup) {
+  EXPECT_EQ(run({"--help"}), 0);
+  for (const char* part :
+       {"\n  korvex status ", "\n  korvex verify DIR ", "\n  journalctl -u korvexd "}) {
+    EXPECT_THAT(out.str(), HasSubstr(part));
+  }
+}
+
 TEST_F(CommandLine, TellsItsVersion) {
   EXPECT_EQ(run({"--version"}), 0);
   EXPECT_EQ(out.str(), "0.1.0\n");

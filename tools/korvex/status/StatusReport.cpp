@@ -21,6 +21,11 @@ using Condition = receiver::QueueStatus::Condition;
 using Json = nlohmann::ordered_json;
 using Maker = receiver::HalfMadeQueue::Maker;
 
+/// A daemon that runs has queues, so this one has ended, or could not start.
+const char kNothing[] =
+    "no queues in shared memory\n"
+    "no daemon serves any here: its log says why, for example journalctl -u korvexd\n";
+
 constexpr mode_t kPermissions = 07777;
 std::string octalText(mode_t mode) {
   char text[8] = {};
@@ -287,7 +292,7 @@ Ending StatusReport::ending() const {
 }
 
 std::string StatusReport::text() const {
-  if (pairs.empty() && halfMade.empty()) return hasFailed ? "" : "no queues in shared memory\n";
+  if (pairs.empty() && halfMade.empty()) return hasFailed ? "" : kNothing;
   std::vector<std::vector<std::string>> rows = {titles()};
   std::string lines;
   for (const Pair& pair : pairs) {
