@@ -10,6 +10,7 @@ Exits with 77 where no namespace of one's own, with shared memory that nobody el
 import os
 import pathlib
 import re
+import shlex
 import signal
 import subprocess
 import sys
@@ -18,6 +19,8 @@ import time
 
 PATIENCE = 60
 DAEMON = "korvexd --queue shop --output /srv/backups --stats /srv/stats.json"
+ENGINE_DAEMON = ("korvexd --queue shop --stats /srv/stats.json "
+                 "--exec 'restic -r /srv/repo backup --stdin'")
 SEND = ["korvex", "send", "--quiet", "--timeout", "2", "--queue", "shop"]
 
 # Dies with the lock, which lies at offset 48 of the object.
@@ -56,7 +59,7 @@ class Night:
 
     def daemon(self, command=DAEMON):
         with open("daemon.log", "w", encoding="utf-8") as log:
-            self.daemons.append(subprocess.Popen(command.split(), stdout=log, stderr=log))
+            self.daemons.append(subprocess.Popen(shlex.split(command), stdout=log, stderr=log))
         log = pathlib.Path("daemon.log")
         await_that(lambda: "serving" in log.read_text(encoding="utf-8"), f"{command} serves")
 
@@ -133,6 +136,20 @@ def failing_command(night):
     night.see("failed streams")
 
 
+def failing_engine(night):
+    os.environ["PATH"] = f"/srv:{os.environ['PATH']}"
+    engine = pathlib.Path("/srv/restic")
+    engine.write_text("#!/bin/sh\ncat >/dev/null\necho 'unable to create lock in backend' >&2\n"
+                      "echo 'Fatal: repository is already locked' >&2\nexit 1\n",
+                      encoding="utf-8")
+    engine.chmod(0o755)
+    night.daemon(ENGINE_DAEMON)
+    night.send("dump.sql")
+    night.see("failed streams")
+    log = pathlib.Path("daemon.log")
+    await_that(lambda: "incomplete" in log.read_text(encoding="utf-8"), "the log has the failure")
+
+
 def two_producers(night):
     night.daemon()
     night.open_stream()
@@ -183,6 +200,7 @@ STAGES = {
     "No daemon": [no_daemon],
     "A full disk": [full_disk, nothing],
     "A failing command": [failing_command],
+    "A failing engine": [failing_engine, nothing],
     "Two producers": [two_producers],
     "A producer killed with the lock": [killed_with_the_lock, lock_without_daemon],
     "/dev/shm is too small": [small_shared_memory, nothing],
