@@ -130,6 +130,46 @@ TEST_F(DaemonConfig, ReportsEveryMistakeAndServesNothing) {
   EXPECT_FALSE(queueExists(queue_));
 }
 
+TEST_F(DaemonConfig, ReportsEveryFolderAndProgramThatIsMissing) {
+  configure("capture = '/nonexistent/c'\nmax-messages = 0",
+            tableOfOther("exec = ['korvex-no-program', 'x']") +
+                "[defaults]\noutput = '/nonexistent/o'\n");
+  const auto isComplete = AllOf(
+      HasSubstr(config_ + ":2:11: capture: found \"/nonexistent/c\", expected a folder: error 2"),
+      HasSubstr(config_ + ":3:16: max-messages: found 0"),
+      HasSubstr(config_ + ":5:8: exec: found [\"korvex-no-program\", \"x\"], expected a program to "
+                          "run: error 2"),
+      HasSubstr(config_ + ":7:10: output: found \"/nonexistent/o\", expected a folder to write to: "
+                          "error 2"));
+  EXPECT_THAT(answerOf({"--config", config_, "--check-config"}, 2), isComplete);
+  EXPECT_THAT(answerOf({"--config", config_}, 2), isComplete);
+}
+
+// A service manager does not try again after code 2, and a mount may merely be late.
+TEST_F(DaemonConfig, EndsOtherwiseWhenOnlyTheSystemLacksSomething) {
+  configure("output = '/nonexistent'");
+  EXPECT_EQ(answerOf({"--config", config_, "--check-config"}, 2),
+            answerOf({"--config", config_}, 1));
+  answerOf({"--config", config_, "--print-config"}, 0);
+}
+
+TEST_F(DaemonConfig, ChecksOnlyTheFoldersThatAreUsed) {
+  configure("output = '/nonexistent/a'", "[defaults]\noutput = '/nonexistent/b'\n");
+  EXPECT_EQ(answerOf({"--config", config_, "--discard", "--check-config"}, 0), "");
+  EXPECT_THAT(answerOf({"--config", config_, "--check-config"}, 2),
+              testing::Not(HasSubstr("/nonexistent/b")));
+}
+
+TEST_F(DaemonConfig, TakesChangesWhileAnotherQueueLacksItsFolder) {
+  configure(toOutput());
+  const auto daemon = startConfigured();
+  std::filesystem::remove_all(output_);
+  configure(toOutput(), tableOfOther("discard = true"));
+  reload(*daemon);
+  EXPECT_TRUE(awaitLog(*daemon, "serving " + other_ + ","));
+  end(*daemon);
+}
+
 TEST_F(DaemonConfig, ChecksASoundFileInSilence) {
   configure(toOutput());
   EXPECT_EQ(answerOf({"--config", config_, "--check-config"}, 0), "");
@@ -139,9 +179,15 @@ TEST_F(DaemonConfig, ChecksASoundFileInSilence) {
 
 TEST_F(DaemonConfig, FindsNoMistakeInTheExample) {
   std::string example = korvex::test::contentsOf(KORVEX_PACKAGING "/korvexd.toml");
-  const std::string group = "group = \"korvex\"";  // which an installation makes
-  ASSERT_NE(example.find(group), std::string::npos);
-  example.replace(example.find(group), group.size(), "group = \"nogroup\"");
+  const std::pair<std::string, std::string> installed[] = {
+      {"group = \"korvex\"", "group = \"nogroup\""},
+      {"/var/lib/korvex/streams", output_},
+      {"/var/lib/korvex/captured", output_},
+      {"\"restic\"", "\"sh\""}};
+  for (const auto& [there, here] : installed) {
+    ASSERT_NE(example.find(there), std::string::npos);
+    example.replace(example.find(there), there.size(), here);
+  }
   std::ofstream(config_) << example;
   EXPECT_EQ(answerOf({"--config", config_, "--check-config"}, 0), "");
 }
@@ -291,7 +337,8 @@ TEST_F(DaemonConfig, ChangesNothingForAFileWithMistakes) {
   reload(*daemon, "the configuration was not changed: it has mistakes");
   EXPECT_THAT(daemon->errors(), HasSubstr(config_ + ":3:8: mode: found 1, expected"));
   configure("output = '/nonexistent'", tableOfOther("discard = true"));
-  reload(*daemon, "the configuration was not changed: opening output folder /nonexistent");
+  reload(*daemon, config_ + ":2:10: output: found \"/nonexistent\", expected a folder to write to");
+  EXPECT_TRUE(awaitLog(*daemon, "the configuration was not changed: it has mistakes", 2));
   EXPECT_FALSE(queueExists(other_));
   EXPECT_EQ(stream("abc"), kReceiptOfAbc);
   end(*daemon);

@@ -187,7 +187,8 @@ void Daemon::endAtOnce(int signal) {
 void Daemon::readAgain() noexcept {
   try {
     supervision_.reloading();
-    const Configuration configuration = readConfiguration(commandLine_);
+    Configuration configuration = readConfiguration(commandLine_);
+    configuration.checkSystem([this](const auto& queue) { return queues_.serves(queue); });
     for (const Mistake& mistake : configuration.mistakes()) {
       writeLog(
           {Event::ConfigurationMistake, spdlog::level::err, "", configuration.textOf(mistake)});

@@ -82,8 +82,7 @@ void QueueSet::follow(const std::vector<QueueSettings>& wanted) {
 std::vector<QueueSet::Change> QueueSet::changesTo(const std::vector<QueueSettings>& wanted) {
   std::vector<Change> changes;
   for (const QueueSettings& settings : wanted) {
-    const ServedQueue* const queue = find(settings.receiver.queue);
-    if (queue != nullptr && queue->serves(settings)) continue;
+    if (serves(settings)) continue;
     changes.push_back({settings, sinks_.factoryFor(settings), captureFor(settings)});
   }
   return changes;
@@ -96,6 +95,11 @@ void QueueSet::retireOthersThan(const std::vector<QueueSettings>& wanted) noexce
         [&](const QueueSettings& settings) { return settings.receiver.queue == queue->name(); });
     if (!isWanted) queue->retire();
   }
+}
+
+bool QueueSet::serves(const QueueSettings& settings) const {
+  const ServedQueue* const queue = find(settings.receiver.queue);
+  return queue != nullptr && queue->serves(settings);
 }
 
 ServedQueue* QueueSet::find(const std::string& name) const noexcept {

@@ -34,6 +34,9 @@ class QueueSet {
   /// streams of one cannot be stored; nothing has changed then.
   void follow(const std::vector<QueueSettings>& wanted);
 
+  /// Whether a queue is served as these settings say, or will be soon.
+  bool serves(const QueueSettings& settings) const;
+
   /// Periodic work: drops queues that have ended and retries those that could not be created. True
   /// when the set of served queues has changed.
   bool settle() noexcept;

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <chrono>
 #include <exception>
 #include <iostream>
@@ -5,6 +6,7 @@
 #include <optional>
 #include <spdlog/spdlog.h>
 #include <unistd.h>
+#include <vector>
 
 #include "common/ExitCode.h"
 #include "common/Printable.h"
@@ -47,13 +49,23 @@ bool startLog(korvexd::LogStyle style) {
   }
 }
 
+/// A mount may be late: a service manager tries again after Failed, but not after WrongUsage.
+ExitCode codeAfter(const std::vector<korvexd::Mistake>& mistakes, korvexd::Options::Task task) {
+  const bool isAllOfTheSystem =
+      std::all_of(mistakes.begin(), mistakes.end(), [](const korvexd::Mistake& mistake) {
+        return mistake.remedy == korvexd::Mistake::Remedy::System;
+      });
+  const bool mayComeRight = task == korvexd::Options::Task::Serve && isAllOfTheSystem;
+  return mayComeRight ? ExitCode::Failed : ExitCode::WrongUsage;
+}
+
 /// Everything but the usual: the code to exit with, unless the daemon is to serve.
 std::optional<int> answer(korvexd::Options::Task task, const korvexd::Configuration& found) {
   using Task = korvexd::Options::Task;
   for (const korvexd::Mistake& mistake : found.mistakes()) {
     std::cerr << found.textOf(mistake) << '\n';
   }
-  if (!found.mistakes().empty()) return codeOf(ExitCode::WrongUsage);
+  if (!found.mistakes().empty()) return codeOf(codeAfter(found.mistakes(), task));
   if (task == Task::PrintConfig) found.print(std::cout);
   if (task == Task::Serve) return std::nullopt;
   return codeOf(std::cout.flush() ? ExitCode::Success : ExitCode::Failed);
@@ -63,6 +75,10 @@ int run(const korvexd::Options& options) {
   std::optional<korvexd::Configuration> found;
   try {
     found.emplace(korvexd::readConfiguration(options.commandLine));
+    const bool printsOnly = options.task == korvexd::Options::Task::PrintConfig;
+    if (options.commandLine.configFile && !printsOnly) {
+      found->checkSystem([](const korvexd::QueueSettings&) { return false; });
+    }
   } catch (const std::exception& error) {
     std::cerr << "korvexd: " << korvex::common::printable(error.what()) << '\n';
     return codeOf(ExitCode::Failed);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <korvex/ShmWriter.h>
+#include <korvex/receiver/SystemError.h>
 #include <map>
 #include <ostream>
 #include <utility>
@@ -9,6 +10,9 @@
 #include "common/Printable.h"
 #include "common/QueueName.h"
 #include "korvexd/config/Keys.h"
+#include "korvexd/exec/CommandWords.h"
+#include "korvexd/report/Capture.h"
+#include "korvexd/sink/DirectoryStore.h"
 
 namespace korvexd {
 namespace {
@@ -45,6 +49,39 @@ void apply(const std::vector<Key<Target>>& keys, const Layer& values, Target& ta
   }
 }
 
+/// A key whose value names something of the system.
+struct SystemKey {
+  const char* name;
+  const char* expected;
+  void (*tryOut)(const QueueSettings& settings);  ///< throws SystemError as the start would
+};
+
+constexpr SystemKey kSystemKeys[] = {
+    {"output", "a folder to write to",
+     [](const QueueSettings& settings) { DirectoryStore store(*settings.output); }},
+    {"exec", "a program to run",
+     [](const QueueSettings& settings) { findProgram(settings.engine.front()); }},
+    {"capture", "a folder", [](const QueueSettings& settings) {
+       Capture capture(*settings.capture, settings.receiver.queue);
+     }}};
+
+/// Empty for a value that is refused whatever the system has.
+std::string defectOf(const SystemKey& key, const Value& value, const std::string& queue) {
+  QueueSettings settings;
+  settings.receiver.queue = queue;
+  try {
+    findKey(queueKeys(), key.name)->apply(settings, value);
+    key.tryOut(settings);
+    return "";
+  } catch (const WrongValue&) {
+    return "";
+  } catch (const korvex::receiver::SystemError& error) {
+    const std::string what =
+        std::string(key.name) + ": found " + tomlOf(value) + ", expected " + key.expected;
+    return korvex::receiver::SystemError(what, error.number()).what();
+  }
+}
+
 bool makesFiles(const Layer& values) {
   return values.count("output") + values.count("exec") + values.count("capture") > 0;
 }
@@ -64,10 +101,23 @@ Configuration::Configuration(const CommandLine& commandLine, ConfigFile file)
     refuseWithoutSink(queue);
     refuseLongFileName(queue);
   }
+  sortMistakes();
+  if (mistakes_.empty()) takeSettings();
+}
+
+/// After mistakes in the file there are no settings to compare.
+void Configuration::checkSystem(const std::function<bool(const QueueSettings&)>& isServed) {
+  const bool hasSettings = mistakes_.empty();
+  for (std::size_t i = 0; i < queues_.size(); ++i) {
+    if (!hasSettings || !isServed(settings_.queues[i])) refuseMissing(queues_[i]);
+  }
+  sortMistakes();
+}
+
+void Configuration::sortMistakes() {
   std::stable_sort(mistakes_.begin(), mistakes_.end(), [](const auto& one, const auto& other) {
     return isBefore(one.origin, other.origin);
   });
-  if (mistakes_.empty()) takeSettings();
 }
 
 void Configuration::addQueues(const CommandLine& commandLine, const ConfigFile& file) {
@@ -135,6 +185,24 @@ void Configuration::refuseLongFileName(const Queue& queue) {
   mistakes_.push_back({queue.origin, "'" + queue.name + "' makes a file name of " +
                                          std::to_string(length) + " characters, expected at most " +
                                          std::to_string(kLongestFileName)});
+}
+
+void Configuration::refuseMissing(const Queue& queue) {
+  for (const SystemKey& key : kSystemKeys) {
+    const auto given = queue.values.find(key.name);
+    if (given == queue.values.end()) continue;
+    const std::string defect = defectOf(key, given->second.value, queue.name);
+    if (!defect.empty()) addMistake({given->second.origin, defect, Mistake::Remedy::System});
+  }
+}
+
+/// Once, though many queues may have the value from the defaults.
+void Configuration::addMistake(Mistake mistake) {
+  const bool isKnown = std::any_of(mistakes_.begin(), mistakes_.end(), [&](const Mistake& known) {
+    return known.text == mistake.text && !isBefore(known.origin, mistake.origin) &&
+           !isBefore(mistake.origin, known.origin);
+  });
+  if (!isKnown) mistakes_.push_back(std::move(mistake));
 }
 
 void Configuration::print(std::ostream& to) const {

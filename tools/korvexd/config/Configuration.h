@@ -1,6 +1,7 @@
 #ifndef KORVEXD_CONFIGURATION_H
 #define KORVEXD_CONFIGURATION_H
 
+#include <functional>
 #include <iosfwd>
 #include <optional>
 #include <string>
@@ -32,6 +33,11 @@ class Configuration {
 
   const Settings& settings() const noexcept { return settings_; }
 
+  /// Adds what the system lacks to the mistakes: folders and programs that are named and that this
+  /// process cannot use. Leaves out queues that are served as they are to be: what they have lost
+  /// since then is reported by their streams, and must not hold up changes of other queues.
+  void checkSystem(const std::function<bool(const QueueSettings&)>& isServed);
+
   /// Writes TOML that, read again, gives the same settings. A comment names each value's origin.
   void print(std::ostream& to) const;
 
@@ -53,6 +59,9 @@ class Configuration {
   void refuseClashes();
   void refuseWithoutSink(const Queue& queue);
   void refuseLongFileName(const Queue& queue);
+  void refuseMissing(const Queue& queue);
+  void addMistake(Mistake mistake);
+  void sortMistakes();
   void printValue(std::ostream& to, const char* key, const Layer& values) const;
   std::string textOf(const Origin& origin) const;
 

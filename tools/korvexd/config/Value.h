@@ -32,8 +32,13 @@ using Layer = std::map<std::string, GivenValue>;
 
 /// What is wrong, for a person: the value found and what is expected.
 struct Mistake {
+  /// What has to change: the file itself, or the system that it describes. A folder may come later,
+  /// with a mount for example.
+  enum class Remedy { File, System };
+
   Origin origin;
   std::string text;
+  Remedy remedy = Remedy::File;
 };
 
 /// For sorting: whether a place in a file is before another.

@@ -145,6 +145,18 @@ TEST_F(ConfigurationTest, RefusesClashingNames) {
                           "the other is a, file:3"));
 }
 
+TEST_F(ConfigurationTest, ReportsAMissingFolderOfTheDefaultsOnce) {
+  Configuration configuration = read("[defaults]\noutput = '/none'\n[queue.a]\n[queue.b]\n");
+  configuration.checkSystem([](const QueueSettings&) { return false; });
+  EXPECT_THAT(textsOf(configuration), ElementsAre(HasSubstr("file:2:10: output: found \"/none\"")));
+}
+
+TEST_F(ConfigurationTest, ChecksTheSystemForQueuesThatAreNotServedYet) {
+  Configuration configuration = read("[defaults]\noutput = '/none'\n[queue.a]\n");
+  configuration.checkSystem([](const QueueSettings& queue) { return queue.output == "/none"; });
+  EXPECT_THAT(textsOf(configuration), IsEmpty());
+}
+
 TEST_F(ConfigurationTest, RefusesAFileWithoutQueues) {
   EXPECT_THAT(textsOf(read("[defaults]\ndiscard = true\n")),
               ElementsAre("file:1:1: found no queue, expected a table [queue.NAME]"));
