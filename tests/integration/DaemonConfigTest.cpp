@@ -357,6 +357,21 @@ TEST_F(DaemonConfig, WaitsForAQueueThatCannotBeMadeYet) {
   end(*daemon);
 }
 
+TEST_F(DaemonConfig, SaysWhyAQueueThatReturnsCannotBeMade) {
+  configure(toOutput(), tableOfOther("discard = true"));
+  const auto daemon = startConfigured();
+  const auto to = openStream();
+  std::ofstream(config_) << tableOfOther("discard = true");
+  reload(*daemon);
+  configure(toOutput() + "max-messages = 65536\nmax-message-size = '1G'",
+            tableOfOther("discard = true"));
+  daemon->signal(SIGHUP);
+  ASSERT_TRUE(awaitLog(*daemon, "configuration reloaded", 2));
+  to->close();
+  EXPECT_TRUE(awaitLog(*daemon, queue_ + ": not served yet: creating queue " + queue_));
+  end(*daemon);
+}
+
 TEST_F(DaemonConfig, KeepsTheOldLimitsWhenMemoryIsShort) {
   configure(toOutput());
   const auto daemon = startConfigured();

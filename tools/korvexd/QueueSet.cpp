@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <iterator>
 #include <optional>
 #include <utility>
 
@@ -61,7 +62,7 @@ void QueueSet::start() {
 
 void QueueSet::follow(const std::vector<QueueSettings>& wanted) {
   std::vector<Change> changes = changesTo(wanted);
-  std::vector<QueueSettings> awaited;
+  std::vector<Awaited> awaited;
   awaited.reserve(changes.size());
   retireOthersThan(wanted);
   for (Change& change : changes) {
@@ -72,8 +73,9 @@ void QueueSet::follow(const std::vector<QueueSettings>& wanted) {
                         "changed settings take effect with the next stream");
       });
       queue->change(change.settings, std::move(change.openSink), std::move(change.capture));
-    } else if (queue != nullptr || !tryToStart(change.settings)) {
-      awaited.push_back(std::move(change.settings));
+    } else {
+      Awaited fresh{std::move(change.settings)};
+      if (!tryToStart(fresh)) awaited.push_back(std::move(fresh));
     }
   }
   awaited_.swap(awaited);
@@ -108,14 +110,18 @@ ServedQueue* QueueSet::find(const std::string& name) const noexcept {
   return nullptr;
 }
 
-bool QueueSet::tryToStart(const QueueSettings& settings) noexcept {
+/// Does not log repeated failures. A queue of that name may still have its last stream.
+bool QueueSet::tryToStart(Awaited& queue) noexcept {
+  const std::string& name = queue.settings.receiver.queue;
+  if (find(name) != nullptr) return false;
   try {
-    startNew(settings);
+    startNew(queue.settings);
     return true;
   } catch (const std::exception& error) {
+    if (std::exchange(queue.isReported, true)) return false;
     ++creationFailures_;
     tryToLog([&] {
-      return LogEntry(Event::NotServed, spdlog::level::err, settings.receiver.queue,
+      return LogEntry(Event::NotServed, spdlog::level::err, name,
                       std::string("not served yet: ") + error.what());
     });
     return false;
@@ -153,21 +159,12 @@ bool QueueSet::removeRetired() noexcept {
   return isAny;
 }
 
-/// Does not log repeated failures: the first one was reported.
 bool QueueSet::startAwaited() noexcept {
-  const auto isStarted = [this](const QueueSettings& settings) {
-    try {
-      if (find(settings.receiver.queue) != nullptr) return false;
-      startNew(settings);
-      return true;
-    } catch (const std::exception&) {
-      return false;
-    }
-  };
-  const auto end = std::remove_if(awaited_.begin(), awaited_.end(), isStarted);
-  const bool isAny = end != awaited_.end();
-  awaited_.erase(end, awaited_.end());
-  return isAny;
+  const std::size_t before = awaited_.size();
+  for (auto queue = awaited_.begin(); queue != awaited_.end();) {
+    queue = tryToStart(*queue) ? awaited_.erase(queue) : std::next(queue);
+  }
+  return awaited_.size() != before;
 }
 
 void QueueSet::retire() noexcept {
@@ -204,8 +201,9 @@ void QueueSet::logStates() const {
 /// One that still serves its last stream is not without a server.
 std::vector<std::string> QueueSet::awaited() const {
   std::vector<std::string> names;
-  for (const QueueSettings& settings : awaited_) {
-    if (find(settings.receiver.queue) == nullptr) names.push_back(settings.receiver.queue);
+  for (const Awaited& queue : awaited_) {
+    const std::string& name = queue.settings.receiver.queue;
+    if (find(name) == nullptr) names.push_back(name);
   }
   return names;
 }

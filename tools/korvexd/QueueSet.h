@@ -66,7 +66,7 @@ class QueueSet {
   /// The names of those that could not be created yet.
   std::vector<std::string> awaited() const;
 
-  /// How often a queue could not be created at the first try of follow(), since the start.
+  /// How often a queue could not be created at the first try, since the start.
   std::uint64_t creationFailures() const noexcept { return creationFailures_; }
 
   /// The failures of a queue's engines since the start.
@@ -77,20 +77,26 @@ class QueueSet {
  private:
   struct Change;
 
+  /// A queue that could not be made yet.
+  struct Awaited {
+    QueueSettings settings;
+    bool isReported = false;  ///< the log says why
+  };
+
   std::vector<Change> changesTo(const std::vector<QueueSettings>& wanted);
   void retireOthersThan(const std::vector<QueueSettings>& wanted) noexcept;
   std::unique_ptr<ServedQueue> make(const QueueSettings& settings);
   ServedQueue* find(const std::string& name) const noexcept;
   void startNew(const QueueSettings& settings);
   bool startAwaited() noexcept;
-  bool tryToStart(const QueueSettings& settings) noexcept;
+  bool tryToStart(Awaited& queue) noexcept;
   bool removeRetired() noexcept;
 
   std::atomic<bool> isEnding_{false};
   Sinks sinks_;
   receiver::IdleWatch idleWatch_;
   std::vector<std::unique_ptr<ServedQueue>> queues_;
-  std::vector<QueueSettings> awaited_;  ///< queues that could not be made yet
+  std::vector<Awaited> awaited_;
   std::uint64_t creationFailures_ = 0;
 };
 
