@@ -5,7 +5,7 @@
 
 #include "integration/DaemonFixture.h"
 #include "integration/ToolRun.h"
-#include "support/Child.h"
+#include "support/Namespaces.h"
 #include "support/Terminal.h"
 
 namespace {
@@ -40,9 +40,9 @@ class Clean : public DaemonFixture {
   /// Runs a script with the programs as $0 and $1 where nobody else has queues; the test's own
   /// would vanish with everybody's.
   static ToolRun alone(const std::string& script) {
-    return runProgram({"/usr/bin/unshare", korvex::test::isRoot() ? "-m" : "-Urm", "/bin/sh", "-c",
-                       "mount -t tmpfs none /dev/shm || exit 99; " + script, KORVEX_PROGRAM,
-                       KORVEXD_PROGRAM});
+    return runProgram(korvex::test::withOwnMounts(
+        {"/bin/sh", "-c", "mount -t tmpfs none /dev/shm || exit 99; " + script, KORVEX_PROGRAM,
+         KORVEXD_PROGRAM}));
   }
 };
 

@@ -6,8 +6,8 @@
 #include <tuple>
 
 #include "integration/DaemonFixture.h"
-#include "support/Child.h"
 #include "support/FailingCalls.h"
+#include "support/Namespaces.h"
 
 using korvex::test::FailingCalls;
 using korvex::test::FailureOrder;
@@ -144,25 +144,19 @@ class FullDisk : public DaemonFixture {
  protected:
   std::unique_ptr<Process> startOnSmallDisk() {
     const std::string script = "mount -t tmpfs -o size=256k none \"$0\" || exit 99; exec \"$@\"";
-    auto daemon = std::make_unique<Process>(std::vector<std::string>{
-        "/usr/bin/unshare", korvex::test::isRoot() ? "-m" : "-Urm", "/bin/sh", "-c", script,
-        output_, KORVEXD_PROGRAM, "--queue", queue_, "--output", output_});
+    auto daemon = std::make_unique<Process>(
+        korvex::test::withOwnMounts({"/bin/sh", "-c", script, output_, KORVEXD_PROGRAM, "--queue",
+                                     queue_, "--output", output_}));
     if (!awaitServing(*daemon)) return nullptr;
     output_ = "/proc/" + std::to_string(daemon->id()) + "/root" + output_;
     return daemon;
   }
 };
 
-bool canMount() {
-  Process trial({"/usr/bin/unshare", korvex::test::isRoot() ? "-m" : "-Urm", "/bin/sh", "-c",
-                 "mount -t tmpfs none /mnt"});
-  return trial.wait() == 0;
-}
-
 }  // namespace
 
 TEST_F(FullDisk, FailsTheStreamUntilThereIsRoomAgain) {
-  if (!canMount()) GTEST_SKIP() << "no mount namespace of one's own";
+  if (!korvex::test::canMount()) GTEST_SKIP() << "no mount namespace of one's own";
   const auto daemon = startOnSmallDisk();
   ASSERT_NE(daemon, nullptr);
   const auto reply = outcomeOf(*writer(), std::string(700000, 'x'), kTimeout);

@@ -3,11 +3,12 @@
 #include <string>
 #include <vector>
 
-#include "support/Child.h"
+#include "support/Namespaces.h"
 #include "support/Process.h"
 #include "support/Queues.h"
 
 using korvex::test::Process;
+using korvex::test::withOwnMounts;
 using testing::HasSubstr;
 
 namespace {
@@ -16,23 +17,15 @@ namespace {
 class SmallSharedMemory : public testing::Test {
  protected:
   void SetUp() override {
-    std::vector<std::string> command = unshared();
-    command.insert(command.end(), {"/bin/sh", "-c", "mount -t tmpfs -o size=64k none /dev/shm"});
-    Process trial(command);
+    Process trial(withOwnMounts({"/bin/sh", "-c", "mount -t tmpfs -o size=64k none /dev/shm"}));
     if (trial.wait() != 0) GTEST_SKIP() << "no mount namespace of one's own: " << trial.errors();
-  }
-
-  static std::vector<std::string> unshared() {
-    return {"/usr/bin/unshare", korvex::test::isRoot() ? "-m" : "-Urm"};
   }
 
   /// Runs a script there with the daemon's command line as its arguments.
   static Process inside(const std::string& options, const std::string& script) {
-    std::vector<std::string> command = unshared();
     const std::string mount = "mount -t tmpfs -o " + options + " none /dev/shm || exit 99; ";
-    command.insert(command.end(), {"/bin/sh", "-c", mount + script, KORVEXD_PROGRAM, "--queue",
-                                   "korvex-small", "--discard"});
-    return Process(command);
+    return Process(withOwnMounts({"/bin/sh", "-c", mount + script, KORVEXD_PROGRAM, "--queue",
+                                  "korvex-small", "--discard"}));
   }
 };
 

@@ -1,7 +1,12 @@
 #ifndef TESTS_SUPPORT_NAMESPACES_H
 #define TESTS_SUPPORT_NAMESPACES_H
 
+#include <string>
 #include <sys/stat.h>
+#include <vector>
+
+#include "support/Child.h"
+#include "support/Process.h"
 
 namespace korvex::test {
 
@@ -13,6 +18,16 @@ constexpr ino_t kInitialPidNamespace = 0xEFFFFFFC;
 inline bool seesEveryThread() {
   struct stat found = {};
   return ::stat("/proc/self/ns/pid", &found) == 0 && found.st_ino == kInitialPidNamespace;
+}
+
+/// A command to run with mounts of its own, which nobody else sees.
+inline std::vector<std::string> withOwnMounts(std::vector<std::string> command) {
+  command.insert(command.begin(), {"/usr/bin/unshare", isRoot() ? "-m" : "-Urm"});
+  return command;
+}
+
+inline bool canMount() {
+  return Process(withOwnMounts({"/bin/sh", "-c", "mount -t tmpfs none /mnt"})).wait() == 0;
 }
 
 }  // namespace korvex::test
