@@ -1,6 +1,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <gmock/gmock.h>
 #include <set>
 #include <tuple>
@@ -24,6 +25,7 @@ constexpr std::size_t kPieceSize = 100000;
 // write, sync and rename; the folder's sync and rename, the parent's sync.
 constexpr int kCalls = 14;
 constexpr int kOpeningCalls = 3;  ///< what a stream does not open without
+constexpr int kWritingCalls = 3;
 
 /// What a producer hears, whenever it hears it.
 korvex::qmx_shm_response_t outcomeOf(korvex::ShmWriter& writer, const std::string& text,
@@ -46,13 +48,9 @@ korvex::qmx_shm_response_t outcomeOf(korvex::ShmWriter& writer, const std::strin
   return writer.getResponse();
 }
 
-class FailingSink
-    : public DaemonFixture,
-      public testing::WithParamInterface<std::tuple<const char*, int, FailureOrder::Kind>> {
+/// A daemon whose calls can be made to fail or to hang.
+class DaemonOnBadDisk : public DaemonFixture {
  protected:
-  static int error() { return std::get<1>(GetParam()); }
-  static FailureOrder::Kind kind() { return std::get<2>(GetParam()); }
-
   std::unique_ptr<Process> startFailing() {
     std::vector<std::string> command = calls_.prefix();
     command.insert(command.end(), {KORVEXD_PROGRAM, "--queue", queue_, "--output", output_});
@@ -60,6 +58,16 @@ class FailingSink
     EXPECT_TRUE(awaitServing(*daemon)) << daemon->errors();
     return daemon;
   }
+
+  FailingCalls calls_{output_, folder_ / "orders"};
+};
+
+class FailingSink
+    : public DaemonOnBadDisk,
+      public testing::WithParamInterface<std::tuple<const char*, int, FailureOrder::Kind>> {
+ protected:
+  static int error() { return std::get<1>(GetParam()); }
+  static FailureOrder::Kind kind() { return std::get<2>(GetParam()); }
 
   korvex::qmx_shm_response_t send() const { return outcomeOf(*writer(), text_, kTimeout); }
 
@@ -93,7 +101,6 @@ class FailingSink
   }
 
   std::set<std::string> known_;
-  FailingCalls calls_{output_, folder_ / "orders"};
   const std::string text_ = std::string(700000, 'x');
 };
 
@@ -135,6 +142,55 @@ TEST_P(FailingSink, IsReportedAtEveryCallAndLeftBehind) {
   }
   EXPECT_FALSE(sendWhileCallFails(kCalls + 1)) << "a call that nobody has looked at";
   end(*daemon);
+}
+
+namespace {
+
+/// Each of the calls that make a short stream safe: its data's sync and all that follow.
+class SlowSync : public DaemonOnBadDisk, public testing::WithParamInterface<int> {
+ protected:
+  /// Sends a stream, and returns when the call hangs and the sender has nothing left to do.
+  std::unique_ptr<Process> startSending() {
+    calls_.fail(GetParam(), 0, FailureOrder::Kind::Hanging);
+    std::ofstream(folder_ / "file") << "abc";
+    auto sender = std::make_unique<Process>(
+        std::vector<std::string>{KORVEX_PROGRAM, "send", "--queue", queue_, folder_ / "file"});
+    EXPECT_TRUE(korvex::test::eventually([this] { return calls_.hasHappened(); }));
+    EXPECT_TRUE(korvex::test::eventually([&] {
+      sender->signal(SIGUSR1);
+      return sender->errors().find("waiting for the receipt") != std::string::npos;
+    }));
+    return sender;
+  }
+
+  /// Returns when the daemon only waits for its sink.
+  void beginToEnd(Process& daemon) const {
+    daemon.signal(SIGTERM);
+    ASSERT_TRUE(daemon.awaitSignalsTaken());
+    daemon.signal(SIGUSR1);  // answered only after the first one
+    ASSERT_TRUE(awaitLog(daemon, queue_ + ": stream open since "));
+  }
+};
+
+constexpr int kFirstSync = kOpeningCalls + 2;  // there is one write
+constexpr int kCallsOfShortStream = kCalls - kWritingCalls + 1;
+
+INSTANTIATE_TEST_SUITE_P(Call, SlowSync, testing::Range(kFirstSync, kCallsOfShortStream + 1),
+                         testing::PrintToStringParamName());
+
+}  // namespace
+
+TEST_P(SlowSync, OfAnEndingDaemonIsStillVerified) {
+  const auto daemon = startFailing();
+  const auto sender = startSending();
+  beginToEnd(*daemon);
+  sender->freeze();  // so that it looks for its receipt when the queues are gone
+  EXPECT_TRUE(calls_.stop());
+  EXPECT_EQ(daemon->wait(), 0) << daemon->errors();
+  sender->signal(SIGCONT);
+  EXPECT_EQ(sender->wait(), 0) << sender->errors();
+  EXPECT_THAT(sender->errors(), HasSubstr(": stored and verified\n"));
+  EXPECT_EQ(dataOf(streams(false).at(0)), "abc");
 }
 
 namespace {

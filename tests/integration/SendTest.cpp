@@ -463,10 +463,7 @@ TEST_F(SendCommand, EndsThoughNobodyReadsWhatASignalAsksFor) {
   ASSERT_EQ(::write(writer, page.data(), page.size()), 4096);
   awaitFlow();
   sender.signal(SIGUSR1);
-  EXPECT_TRUE(eventually([&] {
-    const std::string status = contentsOf("/proc/" + std::to_string(sender.id()) + "/status");
-    return status.find("\nShdPnd:\t0000000000000000\n") != std::string::npos;
-  }));
+  EXPECT_TRUE(sender.awaitSignalsTaken());
   ::close(writer);
   EXPECT_EQ(resultOf(sender).code, 0);
   ::close(full);

@@ -45,6 +45,9 @@ class FailingCalls {
   /// all later ones too, until the next order. With `Hanging` it does not return until then.
   void fail(int call, int error, FailureOrder::Kind kind);
 
+  /// Whether a call failed, or hangs, since fail().
+  bool hasHappened() const { return order_->happened; }
+
   /// Nothing fails from now on. Returns whether anything did since fail().
   bool stop();
 

@@ -7,6 +7,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "support/TemporaryFolder.h"
+
 namespace korvex::test {
 namespace {
 
@@ -60,6 +62,13 @@ void Process::freeze() const {
   signal(SIGSTOP);
   siginfo_t stopped = {};
   ::waitid(P_PID, static_cast<id_t>(id_), &stopped, WSTOPPED | WEXITED | WNOWAIT);
+}
+
+bool Process::awaitSignalsTaken() const {
+  const std::string status = "/proc/" + std::to_string(id_) + "/status";
+  return eventually([&] {
+    return contentsOf(status).find("\nShdPnd:\t0000000000000000\n") != std::string::npos;
+  });
 }
 
 std::optional<int> Process::wait(std::chrono::milliseconds patience) {

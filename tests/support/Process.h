@@ -26,6 +26,9 @@ class Process {
   /// Sends it a signal.
   void signal(int number) const;
 
+  /// Waits until it has taken every signal that was sent to it. False if it never does.
+  bool awaitSignalsTaken() const;
+
   /// Sends SIGSTOP, and returns once the process has stopped: a signal is not instant.
   void freeze() const;
 
