@@ -1,13 +1,17 @@
+#include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <gmock/gmock.h>
 
 #include "korvexd/report/StreamLog.h"
+#include "support/Late.h"
 #include "support/LoggedText.h"
 #include "support/TemporaryFolder.h"
 
 using korvex::test::namesIn;
 using korvexd::StreamLog;
 using testing::ElementsAre;
+using testing::EndsWith;
 namespace fs = std::filesystem;
 
 namespace {
@@ -57,4 +61,87 @@ TEST_F(CapturingLog, ReportsTheFirstFailureOfEachOutage) {
   const std::string moved = ": capture folder was moved, replaced or unmounted: " + captured_;
   EXPECT_EQ(logged.text(), "q: batch 1" + moved + "\nq: batch 4" + moved + "\n");
   EXPECT_THAT(namesIn(captured_), ElementsAre("q-00000003.batch", "q-00000006.batch"));
+}
+
+namespace {
+
+/// What a peer can have logged without end.
+struct Provocation {
+  const char* name;
+  void (*provoke)(StreamLog& log);
+  int most;           ///< lines in ten seconds
+  const char* title;  ///< of those that were too many
+
+  friend std::ostream& operator<<(std::ostream& out, const Provocation& provocation) {
+    return out << provocation.name;
+  }
+};
+
+const korvex::receiver::StreamSummary kSummary{"q", 0, 0, 3, 1, 4, "0123456789abcdef"};
+const korvex::receiver::BatchCheck kDamage(nullptr, 0);
+
+const Provocation kProvocations[] = {
+    {"StreamOpened", [](StreamLog& log) { log.streamOpened("place"); }, 200, "opened streams"},
+    {"StreamComplete", [](StreamLog& log) { log.streamComplete(kSummary, "place"); }, 200,
+     "ended streams"},
+    {"StreamIncomplete", [](StreamLog& log) { log.streamIncomplete(kSummary, "why", "place"); },
+     200, "ended streams"},
+    {"BatchRefused", [](StreamLog& log) { log.batchRefused(1, kDamage); }, 10, "damaged batches"},
+    {"RecordRefused", [](StreamLog& log) { log.recordRefused("defect"); }, 10, "refused records"},
+    {"AbandoningFailed", [](StreamLog& log) { log.abandoningFailed("why"); }, 10, "sink failures"},
+    {"QueuesLost", [](StreamLog& log) { log.queuesLost("why"); }, 10, "lost queues"},
+    {"QueuesNotReplaced", [](StreamLog& log) { log.queuesNotReplaced("why"); }, 10, "lost queues"},
+    {"QueuesReplaced", [](StreamLog& log) { log.queuesReplaced(); }, 10, "lost queues"},
+    {"MessagesLeft", [](StreamLog& log) { log.messagesLeft(1); }, 10, "lost queues"},
+    {"SettingsChanged", [](StreamLog& log) { log.settingsChanged(); }, 10, "lost queues"},
+    {"SettingsNotChanged", [](StreamLog& log) { log.settingsNotChanged("why"); }, 10,
+     "lost queues"},
+};
+
+constexpr int kTooMany = 3;
+
+class FloodedStreamLog : public testing::TestWithParam<Provocation> {
+ protected:
+  struct Flood {
+    std::string text;
+    bool isLate;  ///< the limit for the next ten seconds counts as well
+
+    auto lines() const { return std::count(text.begin(), text.end(), '\n'); }
+  };
+
+  /// Everything that is logged until the log's end.
+  static Flood flood() {
+    const korvex::test::LoggedText logged;
+    const auto start = std::chrono::steady_clock::now();
+    {
+      StreamLog log("q", std::nullopt);
+      for (int i = 0; i < GetParam().most + kTooMany; ++i) GetParam().provoke(log);
+    }
+    return {logged.text(), std::chrono::steady_clock::now() - start >= std::chrono::seconds(10)};
+  }
+};
+
+INSTANTIATE_TEST_SUITE_P(, FloodedStreamLog, testing::ValuesIn(kProvocations),
+                         [](const auto& flood) { return std::string(flood.param.name); });
+
+}  // namespace
+
+TEST_P(FloodedStreamLog, CountsWhatIsTooMuch) {
+  const Flood found =
+      korvex::test::againWhenLate(flood, [](const Flood& last) { return last.isLate; });
+  EXPECT_EQ(found.lines(), GetParam().most + 1) << found.text;
+  EXPECT_THAT(found.text, EndsWith("\nq: 3 more lines about " + std::string(GetParam().title) +
+                                   " were suppressed within 10 s\n"));
+}
+
+TEST_P(FloodedStreamLog, LeavesRoomForOtherKinds) {
+  const korvex::test::LoggedText logged;
+  StreamLog log("q", std::nullopt);
+  for (int i = 0; i < GetParam().most + kTooMany; ++i) GetParam().provoke(log);
+  for (const Provocation& other : kProvocations) {
+    if (std::string(other.title) == GetParam().title) continue;
+    const std::string before = logged.text();
+    other.provoke(log);
+    EXPECT_NE(logged.text(), before) << other.name;
+  }
 }
