@@ -7,6 +7,7 @@
 #include <korvex/ShmWriter.h>
 #include <signal.h>
 #include <sstream>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -14,6 +15,7 @@
 
 #include "queue/QueueView.h"
 #include "send/Send.h"
+#include "support/Await.h"
 #include "support/FakeDaemon.h"
 #include "support/SharedObject.h"
 #include "support/WireFormat.h"
@@ -429,12 +431,47 @@ TEST_F(SendStream, ASignalLeavesLittleTimeToTellTheDaemon) {
   ended.set_value();
 }
 
+namespace {
+
+/// Notices that a file is opened.
+class OpenWatch {
+ public:
+  explicit OpenWatch(const std::string& path) : events_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
+    EXPECT_GE(::inotify_add_watch(events_, path.c_str(), IN_OPEN), 0) << path;
+  }
+  ~OpenWatch() { ::close(events_); }
+  OpenWatch(const OpenWatch&) = delete;
+  OpenWatch& operator=(const OpenWatch&) = delete;
+
+  /// Waits until it was opened at least so many times. False if it never is.
+  bool await(int times) const {
+    // Events that nobody has read yet may have become one.
+    const auto next = [this] {
+      inotify_event event = {};
+      return ::read(events_, &event, sizeof event) > 0;
+    };
+    for (int i = 0; i < times; ++i) {
+      if (!korvex::test::eventually(next)) return false;
+    }
+    return true;
+  }
+
+ private:
+  const int events_;
+};
+
+}  // namespace
+
 TEST_F(SendStream, ASignalEndsWaitingForAHalfMadeQueue) {
   const korvex::test::SharedObject halfMade("korvex-test-half-made-" + std::to_string(::getpid()));
+  const OpenWatch watch("/dev/shm/" + halfMade.name());
   addFile("a", "abc");
   options.queue = halfMade.name();
-  options.timeout = 3;
-  stop.note(SIGTERM);
+  options.timeout = 60;
+  const auto noted = std::async(std::launch::async, [&] {
+    EXPECT_TRUE(watch.await(10)) << "far more looks than there are before the wait";
+    stop.note(SIGTERM);
+  });
   EXPECT_EQ(send(), 128 + SIGTERM) << errors.str();
 }
 
