@@ -15,6 +15,25 @@ expect() {
   [ "$2" = "$3" ] || fail "$1 is '$2', expected '$3'"
 }
 
+# start_daemon PROGRAM QUEUE FOLDER: runs it until the script ends.
+start_daemon() {
+  mkdir "$3"
+  : > "$work/daemon.log" # may be read before the daemon has begun
+  "$1" --queue "$2" --output "$3" 2> "$work/daemon.log" &
+  daemon=$!
+  trap 'kill "$daemon"; wait "$daemon" || true; rm -rf "$work"' EXIT
+  await_log "serving $2,"
+}
+
+# await_log TEXT [LINES]: waits until so many lines of the daemon's log have it.
+await_log() {
+  for _ in $(seq 3000); do
+    [ "$(grep -c "$1" "$work/daemon.log")" -ge "${2:-1}" ] && return
+    sleep 0.02
+  done
+  fail "the daemon never logs '$1': $(cat "$work/daemon.log")"
+}
+
 # Configures and builds the project in a folder against the installed tree.
 build_with_cmake() {
   local source=$1 compiler=$2 build=$3

@@ -26,24 +26,14 @@ expect "the producer's error" "$(cat "$work/errors")" "producer: No such file or
 
 # What the producers do with a daemon, and with an input that cannot be read.
 queue="korvex-examples-$$"
-mkdir "$work/stored"
-"$PREFIX/bin/korvexd" --queue "$queue" --output "$work/stored" 2> "$work/log" &
-daemon=$!
-trap 'kill "$daemon"; wait "$daemon" || true; rm -rf "$work"' EXIT
-await_log() { # text
-  for _ in $(seq 3000); do
-    grep -q "$1" "$work/log" && break
-    sleep 0.02
-  done
-}
-await_log "serving $queue,"
+start_daemon "$PREFIX/bin/korvexd" "$queue" "$work/stored"
 
 head -c 300000 /dev/zero | tr '\0' x > "$work/line" # longer than a record may be
 "$work/build/producer" "$queue" < "$work/line"
 receipt=$("$work/build/receipt" "$queue" < "$work/line")
 await_log " 300000 bytes "
 expect "the receipt" "$receipt" \
-  "stored bytes=300000 xxh128=$(sed -n 's/.* 300000 bytes .* xxh128 \([0-9a-f]*\),.*/\1/p' "$work/log" | head -n 1)"
+  "stored bytes=300000 xxh128=$(sed -n 's/.* 300000 bytes .* xxh128 \([0-9a-f]*\),.*/\1/p' "$work/daemon.log" | head -n 1)"
 expect "the data of the line" "$(cat "$work"/stored/*-1/data | cmp - "$work/line" && echo same)" same
 expect "the data of the file" "$(cat "$work"/stored/*-2/data | cmp - "$work/line" && echo same)" same
 
@@ -53,8 +43,18 @@ for program in producer receipt reader; do
   expect "the exit code of $program when its input is a folder" "$status" 1
   grep -q "^$program: .*Is a directory" "$work/errors" || fail "$program: $(cat "$work/errors")"
 done
+
+# A line that is longer than the memory.
+status=0
+head -c 300M /dev/zero | tr '\0' x |
+  (ulimit -v 100000 && "$work/build/producer" "$queue") 2> "$work/errors" || status=$?
+expect "the producer's exit code when it runs out of memory" "$status" 1
+expect "the producer's error when it runs out of memory" "$(cat "$work/errors")" \
+  "producer: std::bad_alloc"
+
+await_log "stream incomplete" 3 # of the producer twice, and of receipt
 [ "$(ls -d "$work"/stored/* | grep -v '[.]partial$' | wc -l)" = 2 ] ||
-  fail "a folder was streamed: $(ls "$work/stored")"
+  fail "a stream that was cut is complete: $(ls "$work/stored")"
 
 # The daemon of the examples, with a producer of the examples.
 queue="korvex-example-daemon-$$"
