@@ -535,7 +535,7 @@ TEST_F(DaemonDrain, IsCutShortByASecondSignal) {
   EXPECT_THAT(streams(true), SizeIs(1));
 }
 
-TEST_F(DaemonDrain, IsCutShortByTheHangUpOfItsTerminal) {
+TEST_F(DaemonDrain, IsCutShortByItsTerminalsHangUp) {
   const auto daemon = startDraining("600");
   const auto to = openStream();
   daemon->signal(SIGTERM);

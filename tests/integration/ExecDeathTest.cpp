@@ -250,7 +250,7 @@ TEST_F(ExecOneDeath, OfTheKeeperFailsAStreamThatIsFinishing) {
   EXPECT_TRUE(awaitNoProcess());
 }
 
-TEST_F(ExecOneDeath, OfAStreamDoesNotWaitForAKeeperThatHangs) {
+TEST_F(ExecOneDeath, OfAStreamDoesNotAwaitAHangingKeeper) {
   const auto daemon = startExec(recorderCommand(), {"--exec-timeout", "1"});
   const auto to = openRecorded("abc");
   const pid_t hanging = keeper();

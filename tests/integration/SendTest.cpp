@@ -406,7 +406,7 @@ TEST_F(SendCommand, ATruncatedQueueIsNoticed) {
 }
 
 // In the middle of a call, mostly: it sends as fast as it can.
-TEST_F(SendCommand, IsNotKilledByAQueueThatIsCutUnderIt) {
+TEST_F(SendCommand, SurvivesAQueueThatIsCutUnderIt) {
   startDaemon({"--discard"});
   const auto isLogged = [this](const std::string& text, int times) {
     return eventually([&] {

@@ -300,7 +300,7 @@ TEST_F(StuckDaemonStream, IsClosedOnceThoughTheQueueWasLocked) {
   EXPECT_EQ(takenTypes(), "013");
 }
 
-TEST_F(StuckDaemonStream, IsClosedThoughTheFullBatchMetALockedQueue) {
+TEST_F(StuckDaemonStream, IsClosedThoughAFullBatchMetALock) {
   open();
   fillBatch();
   runLocked([this] { stream->close(); });
@@ -341,7 +341,7 @@ TEST_F(StuckDaemonStream, NoticesThatALockedQueueWasReplaced) {
   EXPECT_THAT(failureOf([this] { stream->endSegment(); }).what(), HasSubstr("removed or replaced"));
 }
 
-TEST_F(StuckDaemonStream, FailsWhenTheQueueIsCutInTheMiddleOfACall) {
+TEST_F(StuckDaemonStream, FailsWhenTheQueueIsCutDuringACall) {
   korvex::receiver::installBusErrorGuard();
   open();
   fillBatch();

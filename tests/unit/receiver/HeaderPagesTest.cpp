@@ -67,7 +67,7 @@ TEST(HeaderPages, AreUnmappedAtTheEnd) {
   EXPECT_EQ(mappingsOf(object.name()), 0U);
 }
 
-TEST(HeaderPages, MapNothingWhereThereIsNoRoomOrNoObject) {
+TEST(HeaderPages, MapNothingWithoutRoomOrObject) {
   HeaderPages pages;
   EXPECT_FALSE(HeaderPages::map(nullptr, STDIN_FILENO));
   EXPECT_FALSE(HeaderPages::map(pages.take(), QueueObject().descriptor()));

@@ -136,7 +136,7 @@ TEST_F(SlowFinish, IsFollowedByWhatCameMeanwhile) {
 }
 
 // The end takes no more than had come by then, and what follows is soon lost with the queues.
-TEST_F(SlowFinish, ComesToItsEndUnderAFloodOfEmptyBatches) {
+TEST_F(SlowFinish, EndsUnderAFloodOfEmptyBatches) {
   observer_.producer = &second_;
   receiver_.run(streams_.stop);
   EXPECT_THAT(streams_.ends, ElementsAre("complete"));
@@ -151,7 +151,7 @@ TEST_F(SlowFinish, IsTheLastThatItsQueuesSee) {
   EXPECT_EQ(observer_.left, 0u);
 }
 
-TEST_F(SlowFinish, IsFollowedByAnEndThatCountsWhatComesMeanwhile) {
+TEST_F(SlowFinish, IsFollowedByACountOfWhatWasLost) {
   second_.open();
   streams_.whileAbandoning = [this] { second_.flush_shm_buffer(1); };
   receiver_.run(streams_.stop);

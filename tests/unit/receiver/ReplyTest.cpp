@@ -96,7 +96,7 @@ TEST_F(ReplySenderTest, WithdrawsWhatWasNotPickedUp) {
   EXPECT_EQ(stats_.get(Count::RepliesPending), 0u);
 }
 
-TEST_F(ReplySenderTest, WithdrawsEveryReplyWhenTheLockIsTakenAtFirst) {
+TEST_F(ReplySenderTest, WithdrawsEveryReplyOnceTheLockIsFree) {
   send(3);
   korvex::test::LockHolder holder(name_ + "Response");
   std::thread release([&] {

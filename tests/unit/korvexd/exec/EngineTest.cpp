@@ -42,7 +42,7 @@ void awaitAChildsEnd() {
 }  // namespace
 
 // The socket fails once, before it hands out what the keeper said.
-TEST(Engine, KnowsItsEndFromAKeeperThatLeftAnOrderUnread) {
+TEST(Engine, KnowsItsEndDespiteAnUnreadOrder) {
   Keepers keepers;
   std::vector<std::string> lines;
   Engine engine(keepers, {"/program", {"word"}, {}, std::chrono::hours(1)},

@@ -163,7 +163,7 @@ TEST_F(MetricsFileTest, ForgetsQueuesThatAreNoLongerServed) {
   EXPECT_THAT(written(), Not(HasSubstr("shop")));
 }
 
-TEST_F(MetricsFileTest, KeepsTheLastSuccessOfAQueueThatComesBack) {
+TEST_F(MetricsFileTest, KeepsTheLastSuccessOfAReturningQueue) {
   log_.streamComplete(endedAt(1000000001), "");
   MetricsFile file(path_, 0, noFailures);
   update(file);

@@ -101,7 +101,7 @@ TEST(Capture, StoresNothingInAFolderThatWasMoved) {
   EXPECT_EQ(refusalOf(capture, 3), "") << "it is back";
 }
 
-TEST(Capture, GoesOnInTheFolderThatReplacesARemovedOne) {
+TEST(Capture, GoesOnInTheFolderMadeAnew) {
   const TemporaryFolder folder;
   const std::string path = folder.makeFolder("captured");
   Capture capture(path, "q");
