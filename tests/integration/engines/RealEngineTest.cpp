@@ -19,6 +19,7 @@ using korvex::test::kEngines;
 using korvex::test::Process;
 using korvex::test::Producer;
 using testing::ContainsRegex;
+using testing::IsEmpty;
 using testing::SizeIs;
 
 namespace {
@@ -124,6 +125,7 @@ class RealEngine : public DaemonFixture {
     return eventually([&] { return korvex::test::processesFor(queue_).empty(); });
   }
 
+  const Engine& engine_;
   std::string said_;  ///< by the last script
 
  private:
@@ -148,7 +150,6 @@ class RealEngine : public DaemonFixture {
     return inStore(command);
   }
 
-  const Engine& engine_;
   Words around_;
   std::string url_;
   std::unique_ptr<Process> disk_;
@@ -264,6 +265,22 @@ INSTANTIATE_TEST_SUITE_P(Engines, RealEngineCut,
 TEST_P(RealEngineStream, IsRestoredAsItWas) {
   ASSERT_NO_FATAL_FAILURE(makeStore());
   const auto daemon = startDaemon();
+  expectToStoreOneStreamOnly();
+}
+
+TEST_P(RealEngineStream, KeepsNothingOfAFailingCommand) {
+  ASSERT_NO_FATAL_FAILURE(makeStore());
+  const auto daemon = startDaemon();
+  // Twice, for the command's own pipe may hold some, too.
+  std::ofstream(folder_ / "cut", std::ios::binary)
+      << korvex::test::noise(2 * kBytesThatReachTheEngine);
+  Process send({KORVEX_PROGRAM, "send", "--queue", queue_, "--from-command", "--", "sh", "-c",
+                "cat \"$0\"; exit 3", folder_ / "cut"});
+  EXPECT_EQ(send.wait(), 1);
+  EXPECT_EQ(send.errors(), "korvex: the command 'sh' ended with exit code 3\n");
+  EXPECT_TRUE(awaitNoProcess());
+  EXPECT_THAT(stored(), IsEmpty());
+  EXPECT_TRUE(succeeds(engine_.check)) << said_;
   expectToStoreOneStreamOnly();
 }
 
