@@ -4,26 +4,31 @@
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 
-#include "integration/DaemonFixture.h"
+#include "integration/ExecFixture.h"
 
 using korvex::test::eventually;
+using testing::Contains;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::StartsWith;
 
 namespace {
 
 const char kTooMany[] = "Too many open files";
+const char kReceiptOfAbc[] = "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950";
 
 constexpr unsigned kFewest = 4;
 constexpr unsigned kEnough = 40;
 constexpr int kNotLoaded = 127;  // the exit code of the system's loader
 
-class DescriptorLimit : public DaemonFixture {
+class DescriptorLimit : public ExecFixture {
  protected:
-  static Process runWith(unsigned limit, std::vector<std::string> command) {
-    std::vector<std::string> words = {"/bin/sh", "-c", "ulimit -n \"$0\"; exec \"$@\"",
-                                      std::to_string(limit)};
+  static Process runWith(unsigned limit, const std::vector<std::string>& command,
+                         const std::string& input = "/dev/null") {
+    std::vector<std::string> words = {"/bin/sh", "-c",
+                                      "exec <\"$1\"; shift; ulimit -n \"$0\"; exec \"$@\"",
+                                      std::to_string(limit), input};
     words.insert(words.end(), command.begin(), command.end());
     return Process(words);
   }
@@ -31,6 +36,30 @@ class DescriptorLimit : public DaemonFixture {
   bool isServingOrOver(Process& daemon) const {
     return daemon.errors().find("serving " + queue_ + ",") != std::string::npos ||
            daemon.wait(std::chrono::milliseconds(0));
+  }
+
+  /// Sends under every limit, and returns what the tool said when it did not.
+  std::vector<std::string> expectToSendOrToSayWhy(const std::vector<std::string>& what,
+                                                  const std::string& input = "/dev/null") {
+    const auto daemon = start();
+    std::vector<std::string> words = {KORVEX_PROGRAM, "send", "--queue", queue_};
+    words.insert(words.end(), what.begin(), what.end());
+    std::vector<std::string> refusals;
+    std::size_t sent = 0;
+    for (unsigned limit = kFewest; limit <= kEnough; ++limit) {
+      SCOPED_TRACE("limit " + std::to_string(limit));
+      Process sender = runWith(limit, words, input);
+      if (sender.wait() == 0) ++sent;
+      if (sender.wait() == 0 || sender.wait() == kNotLoaded) continue;
+      EXPECT_EQ(sender.wait(), 1);
+      EXPECT_THAT(sender.errors(), StartsWith("korvex: "));
+      EXPECT_THAT(sender.errors(), HasSubstr(kTooMany));
+      refusals.push_back(sender.errors());
+    }
+    EXPECT_GE(sent, 1u);
+    EXPECT_EQ(streams(false).size(), sent);
+    end(*daemon);
+    return refusals;
   }
 
   static void setLimit(const Process& daemon, rlim_t limit) {
@@ -75,27 +104,38 @@ TEST_F(DescriptorLimit, FailsTheStreamsThatItMeetsAndNoOther) {
   EXPECT_STREQ(reply.message, "opening stream folder: error 24 (Too many open files)");
   EXPECT_THAT(streams(true), IsEmpty());
   setLimit(*daemon, kEnough);
-  EXPECT_EQ(stream("abc"), "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950");
+  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  end(*daemon);
+}
+
+TEST_F(DescriptorLimit, FailsTheStreamsWhoseEnginesItMeets) {
+  const auto daemon = startExec(recorderCommand());
+  const std::size_t before = korvex::test::descriptorsOf(daemon->id());
+  std::size_t refusals = 0;
+  for (unsigned limit = kFewest; limit <= kEnough; ++limit) {
+    SCOPED_TRACE("limit " + std::to_string(limit));
+    setLimit(*daemon, limit);
+    const Reply reply = replyTo("abc");
+    if (std::string(reply.message) == kReceiptOfAbc) continue;
+    EXPECT_EQ(reply.status, 5u);
+    EXPECT_STREQ(reply.message, "starting the engine's keeper: error 24 (Too many open files)");
+    ASSERT_TRUE(eventually([&] { return korvex::test::descriptorsOf(daemon->id()) == before; }));
+    ++refusals;
+  }
+  EXPECT_GE(refusals, 12u) << "three pipes, a pair of sockets, and four moved aside";
+  EXPECT_EQ(stored().size(), kEnough + 1 - kFewest - refusals);
+  EXPECT_EQ(replyTo("abc").status, 0u);
+  EXPECT_TRUE(awaitNoProcess());
+  EXPECT_TRUE(eventually([&] { return korvex::test::childrenOf(daemon->id()).empty(); }));
   end(*daemon);
 }
 
 TEST_F(DescriptorLimit, KeepsTheToolFromSendingOrDoesNotMatter) {
-  const auto daemon = start();
   std::ofstream(folder_ / "file") << "abc";
-  unsigned refusals = 0;
-  std::size_t sent = 0;
-  for (unsigned limit = kFewest; limit <= kEnough; ++limit) {
-    SCOPED_TRACE("limit " + std::to_string(limit));
-    Process sender = runWith(limit, {KORVEX_PROGRAM, "send", "--queue", queue_, folder_ / "file"});
-    if (sender.wait() == 0) ++sent;
-    if (sender.wait() == 0 || sender.wait() == kNotLoaded) continue;
-    EXPECT_EQ(sender.wait(), 1);
-    EXPECT_THAT(sender.errors(), StartsWith("korvex: "));
-    EXPECT_THAT(sender.errors(), HasSubstr(kTooMany));
-    ++refusals;
-  }
-  EXPECT_GE(refusals, 1u);
-  EXPECT_GE(sent, 1u);
-  EXPECT_EQ(streams(false).size(), sent);
-  end(*daemon);
+  EXPECT_THAT(expectToSendOrToSayWhy({folder_ / "file"}), Not(IsEmpty()));
+}
+
+TEST_F(DescriptorLimit, KeepsTheToolFromStartingACommandOrDoesNotMatter) {
+  EXPECT_THAT(expectToSendOrToSayWhy({"--from-command", "echo", "abc"}),
+              Contains("korvex: the command 'echo' cannot be started: Too many open files\n"));
 }
