@@ -5,6 +5,7 @@
 #include <sys/resource.h>
 
 #include "integration/ExecFixture.h"
+#include "support/Terminal.h"
 
 using korvex::test::eventually;
 using testing::Contains;
@@ -138,4 +139,10 @@ TEST_F(DescriptorLimit, KeepsTheToolFromSendingOrDoesNotMatter) {
 TEST_F(DescriptorLimit, KeepsTheToolFromStartingACommandOrDoesNotMatter) {
   EXPECT_THAT(expectToSendOrToSayWhy({"--from-command", "echo", "abc"}),
               Contains("korvex: the command 'echo' cannot be started: Too many open files\n"));
+}
+
+TEST_F(DescriptorLimit, KeepsTheToolFromStartingACommandOnATerminalOrDoesNotMatter) {
+  const korvex::test::Terminal terminal(80);
+  EXPECT_THAT(expectToSendOrToSayWhy({"--from-command", "echo", "abc"}, terminal.name()),
+              Not(IsEmpty()));
 }

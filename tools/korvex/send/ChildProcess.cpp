@@ -77,6 +77,11 @@ class Start {
   int give(int file, int number) {
     return ::posix_spawn_file_actions_adddup2(&actions_, file, number);
   }
+  /// For a program that must not take a person's keys. It opens that itself: this process may have
+  /// no descriptor left.
+  int giveNothing(int number) {
+    return ::posix_spawn_file_actions_addopen(&actions_, number, "/dev/null", O_RDONLY, 0);
+  }
   int run(const std::vector<std::string>& words, pid_t& process) const {
     std::vector<char*> pointers;
     pointers.reserve(words.size() + 1);
@@ -91,22 +96,6 @@ class Start {
   posix_spawnattr_t attributes_;
 };
 
-/// Nothing to read, for a program that must not take a person's keys.
-class Nothing {
- public:
-  Nothing() : file_(::open("/dev/null", O_RDONLY | O_CLOEXEC)) {}
-  ~Nothing() {
-    if (file_ >= 0) ::close(file_);
-  }
-  Nothing(const Nothing&) = delete;
-  Nothing& operator=(const Nothing&) = delete;
-
-  int file() const { return file_; }
-
- private:
-  int file_;
-};
-
 /// If the parent ignores this signal, this process would too, and never learn how a child ended.
 void heedChildren() { ::signal(SIGCHLD, SIG_DFL); }
 
@@ -118,9 +107,8 @@ pid_t start(const std::vector<std::string>& words, int output) {
   heedChildren();
   adoptOrphans();
   Start start;
-  const Nothing nothing;
   int error = start.give(output, STDOUT_FILENO);
-  if (error == 0 && ::isatty(STDIN_FILENO) == 1) error = start.give(nothing.file(), STDIN_FILENO);
+  if (error == 0 && ::isatty(STDIN_FILENO) == 1) error = start.giveNothing(STDIN_FILENO);
   pid_t process = -1;
   if (error == 0) error = start.run(words, process);
   if (error != 0) throwNotStarted(words.front(), error);
