@@ -1,14 +1,17 @@
-// A container may have no thread left to give.
+// A container may have no thread and no process left to give.
 
 #include <fstream>
 #include <gmock/gmock.h>
 
-#include "integration/DaemonFixture.h"
+#include "integration/ExecFixture.h"
 #include "integration/ToolRun.h"
 
+using korvex::test::eventually;
 using testing::EndsWith;
 using testing::HasSubstr;
+using testing::IsEmpty;
 using testing::Not;
+using testing::StartsWith;
 
 namespace {
 
@@ -28,11 +31,51 @@ class FewThreads : public DaemonFixture {
       EXPECT_FALSE(korvex::test::queueExists(queue));
       EXPECT_FALSE(korvex::test::queueExists(queue + "Response"));
     }
-    EXPECT_THAT(unfinishedQueuesOf(daemon), testing::IsEmpty());
+    EXPECT_THAT(unfinishedQueuesOf(daemon), IsEmpty());
   }
 
   std::string other_ = korvex::test::uniqueQueueName();
   korvex::test::QueueRemover otherRemover_{other_};
+};
+
+/// While there is a file with one of these names, nothing is started by that function.
+class FewProcesses : public ExecFixture {
+ protected:
+  static constexpr const char* kNoFork = "no-fork";
+  static constexpr const char* kNoSpawn = "no-spawn";
+
+  std::vector<std::string> limited(const std::vector<std::string>& command) const {
+    std::vector<std::string> words = {"/usr/bin/env", "LD_PRELOAD=" KORVEX_FEW_THREADS,
+                                      "KORVEX_TEST_NO_FORK=" + output_ + "/" + kNoFork,
+                                      "KORVEX_TEST_NO_SPAWN=" + output_ + "/" + kNoSpawn};
+    words.insert(words.end(), command.begin(), command.end());
+    return words;
+  }
+
+  /// The stream meets the limit; the next one does not, and nothing is left of the one before.
+  void expectToFailOneStream(const std::string& limit, const std::string& reason) const {
+    Process daemon(limited({KORVEXD_PROGRAM, "--queue", queue_, "--exec", recorderCommand()}));
+    ASSERT_TRUE(awaitServing(daemon)) << daemon.errors();
+    const std::size_t descriptors = korvex::test::descriptorsOf(daemon.id());
+    makeFile(limit);
+    const Reply reply = replyTo("abc");
+    EXPECT_EQ(reply.status, 5u);
+    // Cut off after 127 characters, when the engine's path is long.
+    EXPECT_THAT(reason + kNoMore, StartsWith(std::string(reply.message)));
+    EXPECT_TRUE(awaitNoProcess());
+    EXPECT_TRUE(eventually([&] {
+      return korvex::test::childrenOf(daemon.id()).empty() &&
+             korvex::test::descriptorsOf(daemon.id()) == descriptors;
+    }));
+    removeFile(limit);
+    EXPECT_STREQ(replyTo("abc").message, "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950");
+    EXPECT_THAT(stored(), testing::SizeIs(1));
+    end(daemon);
+  }
+
+  void removeFile(const std::string& name) const {
+    EXPECT_EQ(::unlink((output_ + "/" + name).c_str()), 0);
+  }
 };
 
 }  // namespace
@@ -79,7 +122,7 @@ TEST_F(FewThreads, NoneForADigestOnlyTakesMoreTime) {
   to->open();
   for (int tenth = 0; tenth < 10; ++tenth) write(*to, std::string(100000, 'a'));
   to->close();
-  ASSERT_TRUE(korvex::test::eventually([this] { return streams(false).size() == 1; }));
+  ASSERT_TRUE(eventually([this] { return streams(false).size() == 1; }));
   // From the standard, FIPS 180: a million times "a".
   EXPECT_EQ(manifestOf(streams(false).at(0))["sha256"],
             "cdc76e5c9914fb9281a1c7e284d73e67f1809a48a497200e046d39ccc7112cd0");
@@ -99,5 +142,26 @@ TEST_F(FewThreads, NoneForTheToolOnlyTakesMoreTime) {
   EXPECT_EQ(runTool({"verify", output_}).code, 0);
   std::ofstream(output_ + "/" + streams(false).at(0) + "/data") << "abd";
   EXPECT_EQ(runTool({"verify", output_}).code, 1);
+  end(*daemon);
+}
+
+TEST_F(FewProcesses, NoneForAKeeperFailsTheStream) {
+  expectToFailOneStream(kNoSpawn, "starting the engine's keeper");
+}
+
+TEST_F(FewProcesses, NoneForAnEngineFailsTheStream) {
+  expectToFailOneStream(kNoFork, "starting the engine '" + recorder() + "'");
+}
+
+TEST_F(FewProcesses, NoneForACommandIsSaidAndNothingIsStored) {
+  const auto daemon = start();
+  makeFile(kNoSpawn);
+  const auto run = korvex::test::runProgram(
+      limited({KORVEX_PROGRAM, "send", "--queue", queue_, "--from-command", "echo", "abc"}));
+  EXPECT_EQ(run.code, 1);
+  EXPECT_EQ(run.errors,
+            "korvex: the command 'echo' cannot be started: Resource temporarily unavailable\n");
+  removeFile(kNoSpawn);
+  EXPECT_THAT(korvex::test::namesIn(output_), IsEmpty());
   end(*daemon);
 }
