@@ -8,17 +8,16 @@ readonly kBuild=$1
 readonly kKorvex=$kBuild/tools/korvex/korvex
 readonly kDaemon=$kBuild/tools/korvexd/korvexd
 readonly kQueue=korvex-demo-$$
-readonly kCut=20M  # how far the producer comes that fails: far into the engine
+readonly kCut=20M  # how far the command comes that fails: far into the engine
 readonly kTree=(docs examples include platform src tests tools)
 
 folder=$(mktemp -d)
 daemon=
-producer=
 finish() {
-  for process in $producer $daemon; do
-    kill "$process" 2>/dev/null || true
-    wait "$process" 2>/dev/null || true
-  done
+  if [ -n "$daemon" ]; then
+    kill "$daemon" 2>/dev/null || true
+    wait "$daemon" 2>/dev/null || true
+  fi
   rm -rf "$folder"
 }
 trap finish EXIT
@@ -89,8 +88,9 @@ into_an_engine() {
   restic init --quiet
   start_daemon --exec 'restic backup --quiet --stdin --stdin-filename tree.tar'
 
-  say "send the sources to restic: tar -c ${kTree[*]} | korvex send --queue $kQueue"
-  tar -c "${kTree[@]}" | "$kKorvex" send --queue "$kQueue"
+  local command=(tar -c "${kTree[@]}")
+  say "send the sources to restic: korvex send --queue $kQueue --from-command -- ${command[*]}"
+  "$kKorvex" send --queue "$kQueue" --from-command -- "${command[@]}"
   expect_snapshots 1
 
   say "restore and compare: restic dump latest tree.tar | tar -x; diff -r"
@@ -101,22 +101,13 @@ into_an_engine() {
   echo "identical: $(find "$folder/restored" -type f | wc -l) files"
 }
 
-# Waits in the middle of its input, as behind a command that hangs.
 fail_half_way() {
-  say "a producer gives up after $kCut: SIGTERM to korvex send"
-  mkfifo "$folder/pipe"
-  "$kKorvex" send --queue "$kQueue" "$folder/pipe" &
-  producer=$!
-  exec 3<>"$folder/pipe"
-  head -c "$kCut" "$folder/random" >&3
-  kill "$producer"
-  local code=0
-  wait "$producer" || code=$?
-  producer=
-  exec 3>&-
-  [ "$code" = 143 ] || fail "korvex send ended with $code, expected 143 (SIGTERM)"
+  local failing=(sh -c "head -c $kCut \"\$0\"; exit 1" "$folder/random") code=0
+  say "a command fails after $kCut: korvex send --queue $kQueue --from-command -- ${failing[*]@Q}"
+  "$kKorvex" send --queue "$kQueue" --from-command -- "${failing[@]}" || code=$?
+  [ "$code" = 1 ] || fail "korvex send ended with $code, expected 1"
 
-  stop_daemon
+  stop_daemon  # after it no engine is left that could still save something
   say "restic has nothing of it: still one snapshot, and a clean repository"
   expect_snapshots 1
   restic unlock
