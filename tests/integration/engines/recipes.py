@@ -10,7 +10,8 @@ sh    It runs in a folder of its own that holds nothing but `documents`; each bl
       daemon that an earlier one has started serves its queue.
 cron  The job runs where /srv is such a folder: it says nothing when it succeeds, and something when
       nobody serves its queue or its command fails.
-ini   The blocks are units of systemd, which has nothing to say about them.
+ini   The blocks are units of systemd, which has nothing to say about them; a daemon tells it when
+      it is ready.
 
 With --list it fails unless exactly these sections have such blocks.
 """
@@ -86,6 +87,10 @@ UNITS = """
 said=$(systemd-analyze verify --recursive-errors=no units/* 2>&1) || true
 echo "$said"
 [ -z "$said" ]
+# A backup with After= must not start before the daemon serves its queue.
+daemons=$(grep -l '^ExecStart=.*/korvexd ' units/*)
+said=$(grep -Lx Type=notify $daemons) || true
+[ -z "$said" ] || { echo "without Type=notify: $said" && exit 1; }
 """
 
 
