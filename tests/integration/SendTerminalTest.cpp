@@ -1,17 +1,23 @@
 // What the command-line tool writes where: to a terminal, to what is none, to a pipe without
 // reader.
 
+#include <algorithm>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "integration/DaemonFixture.h"
+#include "support/FakeDaemon.h"
+#include "support/Receipts.h"
 #include "support/Terminal.h"
 
 using korvex::test::eventually;
+using korvex::test::FakeDaemon;
+using korvex::test::kAbcReceipt;
 using korvex::test::kEraseRest;
 using korvex::test::kToStart;
+using korvex::test::staySilent;
 using korvex::test::Terminal;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -40,6 +46,10 @@ class Sender {
 
   korvex::test::Process& process() { return process_; }
 
+  void closeInput() {
+    if (input_ >= 0) ::close(std::exchange(input_, -1));
+  }
+
   /// Lets it end. Its exit code.
   int finish() {
     closeInput();
@@ -47,10 +57,6 @@ class Sender {
   }
 
  private:
-  void closeInput() {
-    if (input_ >= 0) ::close(std::exchange(input_, -1));
-  }
-
   korvex::test::Process process_;
   int input_;
 };
@@ -69,6 +75,16 @@ class SendTerminal : public DaemonFixture {
   /// Waits until a line was drawn so many times.
   static bool awaitDrawings(Terminal& terminal, std::size_t count) {
     return eventually([&] { return terminal.drawings().size() >= count; });
+  }
+
+  /// Waits until lines that begin like this were drawn so many times.
+  static bool awaitDrawings(Terminal& terminal, const std::string& start, long count) {
+    return eventually([&] {
+      const auto drawn = terminal.drawings();
+      return std::count_if(drawn.begin(), drawn.end(), [&](const std::string& line) {
+               return line.rfind(start, 0) == 0;
+             }) >= count;
+    });
   }
 };
 
@@ -98,6 +114,21 @@ TEST_F(SendTerminal, ShowsProgressAndErasesItAtTheEnd) {
   EXPECT_EQ(sender->finish(), 0);
   EXPECT_THAT(terminal.text(), HasSubstr(kToStart + kEraseRest + "sent 3 bytes in 1 segments, "));
   end(*daemon);
+}
+
+// More than once each: the line shows that it waits, though nothing new comes.
+TEST_F(SendTerminal, ShowsWhatItWaitsForOnceEverythingIsSent) {
+  FakeDaemon fake;
+  fake.serve(staySilent);
+  Terminal terminal(80);
+  const auto sender = sendTo(terminal, fake.queue());
+  sender->closeInput();
+  EXPECT_TRUE(awaitDrawings(terminal, "waiting for the receipt: 3 B sent 0:", 2));
+  fake.reply(0, "finishing");
+  EXPECT_TRUE(awaitDrawings(terminal, "the engine is finishing: 3 B sent 0:", 2));
+  fake.reply(0, kAbcReceipt);
+  EXPECT_EQ(sender->finish(), 0);
+  EXPECT_THAT(terminal.text(), HasSubstr(kToStart + kEraseRest + "sent 3 bytes in 1 segments, "));
 }
 
 TEST_F(SendTerminal, ShowsAFailureInPlaceOfTheProgress) {

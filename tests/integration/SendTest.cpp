@@ -16,6 +16,7 @@
 #include "support/FakeDaemon.h"
 #include "support/Process.h"
 #include "support/Queues.h"
+#include "support/Receipts.h"
 #include "support/TemporaryFolder.h"
 #include "support/WireFormat.h"
 
@@ -24,6 +25,7 @@ namespace {
 using korvex::test::contentsOf;
 using korvex::test::eventually;
 using korvex::test::FakeDaemon;
+using korvex::test::kAbcReceipt;
 using korvex::test::kClose;
 using korvex::test::namesIn;
 using korvex::test::Process;
@@ -38,7 +40,6 @@ using testing::SizeIs;
 using Words = std::vector<std::string>;
 
 const std::string kEmptyDigest = "99aa06d3014798d86001c324468d497f";
-const std::string kAbcReceipt = "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950";
 
 bool isServed(const std::string& queue) {
   return korvex::QueueView(queue).state() == korvex::QueueView::State::Sound &&
@@ -440,7 +441,14 @@ TEST_F(SendCommand, TellsWhatItWaitsForWhenASignalAsks) {
   fake.awaitRecord(kClose);
   EXPECT_TRUE(eventually([&] {
     sender.signal(SIGUSR1);
-    return sender.errors().find("korvex: waiting for the receipt: 100% [") != std::string::npos;
+    return sender.errors().find("korvex: waiting for the receipt: 3 B sent 0:") !=
+           std::string::npos;
+  })) << sender.errors();
+  fake.reply(0, "finishing");
+  EXPECT_TRUE(eventually([&] {
+    sender.signal(SIGUSR1);
+    return sender.errors().find("korvex: the engine is finishing: 3 B sent 0:") !=
+           std::string::npos;
   })) << sender.errors();
   fake.reply(0, kAbcReceipt);
   EXPECT_EQ(resultOf(sender).code, 0);

@@ -76,6 +76,11 @@ std::string progressLine(const ProgressState& state, std::size_t width) {
   return (isKnown ? knownLine(state, width) : unknownLine(state)).substr(0, width);
 }
 
+std::string sentText(std::uint64_t bytes, std::chrono::nanoseconds ago) {
+  return common::byteText(static_cast<double>(bytes)) + " sent " +
+         common::timeText(std::chrono::duration_cast<std::chrono::seconds>(ago)) + " ago";
+}
+
 Progress::Progress(std::ostream& terminal, Width width)
     : terminal_(&terminal), width_(std::move(width)) {}
 
@@ -86,13 +91,26 @@ void Progress::start(std::optional<std::uint64_t> total, Clock::time_point now) 
 }
 
 void Progress::show(std::uint64_t bytes, Clock::time_point now) {
-  if (terminal_ == nullptr || now < nextDrawing_) return;
+  if (isDue(now)) draw(progressLine({bytes, total_, now - start_}, columns()), now);
+}
+
+void Progress::showWait(const char* what, std::uint64_t bytes, Clock::time_point sent,
+                        Clock::time_point now) {
+  if (!isDue(now)) return;
+  draw((std::string(what) + ": " + sentText(bytes, now - sent)).substr(0, columns()), now);
+}
+
+bool Progress::isDue(Clock::time_point now) const {
+  return terminal_ != nullptr && now >= nextDrawing_;
+}
+
+/// The last column stays empty: some terminals wrap when it is written.
+std::size_t Progress::columns() const { return std::max(width_(), std::size_t{1}) - 1; }
+
+void Progress::draw(const std::string& line, Clock::time_point now) {
   nextDrawing_ = now + kPeriod;
   isDrawn_ = true;
-  // The last column stays empty: some terminals wrap when it is written.
-  const std::size_t columns = std::max(width_(), std::size_t{1}) - 1;
-  *terminal_ << kToStart << progressLine({bytes, total_, now - start_}, columns) << kEraseRest
-             << std::flush;
+  *terminal_ << kToStart << line << kEraseRest << std::flush;
 }
 
 void Progress::clear() {

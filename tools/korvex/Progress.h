@@ -21,6 +21,9 @@ struct ProgressState {
 /// without, or when there is more than was announced: bytes, rate and time so far.
 std::string progressLine(const ProgressState& state, std::size_t width);
 
+/// What to say in place of that once everything was sent: how much, and how long ago.
+std::string sentText(std::uint64_t bytes, std::chrono::nanoseconds ago);
+
 /// The line on a terminal, redrawn in place at most ten times a second.
 class Progress {
  public:
@@ -38,10 +41,18 @@ class Progress {
   /// Draws when the last drawing is old enough.
   void show(std::uint64_t bytes, Clock::time_point now);
 
+  /// The same once everything was sent, with what is waited for.
+  void showWait(const char* what, std::uint64_t bytes, Clock::time_point sent,
+                Clock::time_point now);
+
   /// Erases the line, if there is one.
   void clear();
 
  private:
+  bool isDue(Clock::time_point now) const;
+  std::size_t columns() const;
+  void draw(const std::string& line, Clock::time_point now);
+
   std::ostream* terminal_ = nullptr;
   Width width_;
   std::optional<std::uint64_t> total_;

@@ -8,6 +8,7 @@
 #include <signal.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include "Failure.h"
@@ -259,6 +260,37 @@ TEST_F(DaemonStreamTo, WaitsForTheReceiptWhileTheDaemonIsFinishing) {
   stream.open();
   stream.close();
   EXPECT_EQ(stream.awaitReceipt(seconds(60)).value_or("none"), "the receipt");
+}
+
+TEST_F(DaemonStreamTo, TellsThatTheEngineIsFinishingWhileItWaits) {
+  FakeDaemon daemon;
+  daemon.serve(staySilent);
+  DaemonStream stream(settings(daemon), stop);
+  stream.open();
+  stream.close();
+  std::vector<bool> told;
+  const auto receipt = stream.awaitReceipt(seconds(60), [&] {
+    if (!told.empty() && told.back() == stream.isEngineFinishing()) return;
+    told.push_back(stream.isEngineFinishing());
+    daemon.reply(0, told.back() ? "the receipt" : "finishing");
+  });
+  EXPECT_EQ(receipt.value_or("none"), "the receipt");
+  EXPECT_EQ(told, (std::vector<bool>{false, true}));
+}
+
+// As when somebody holds up the terminal that the caller writes to.
+TEST_F(DaemonStreamTo, TakesAReceiptThatCameWhileTheCallerWasHeldUp) {
+  FakeDaemon daemon;
+  daemon.serve(staySilent);
+  DaemonStream stream(settings(daemon), stop);
+  stream.open();
+  stream.close();
+  const auto receipt = stream.awaitReceipt(seconds(1), [&, held = false]() mutable {
+    if (std::exchange(held, true)) return;
+    daemon.reply(0, "the receipt");
+    std::this_thread::sleep_for(seconds(1));
+  });
+  EXPECT_EQ(receipt.value_or("none"), "the receipt");
 }
 
 TEST_F(DaemonStreamTo, IsStoppedOnceAtMost) {

@@ -86,6 +86,22 @@ TEST_F(ProgressDrawing, DrawsAtMostTenTimesASecond) {
   EXPECT_NE(terminal.str(), once);
 }
 
+TEST_F(ProgressDrawing, OfAWaitSaysWhatForAndSinceWhen) {
+  progress.start(std::nullopt, kStart);
+  progress.showWait("the engine is finishing", 5000, kStart, kStart + seconds(75));
+  EXPECT_EQ(terminal.str(), "\rthe engine is finishing: 5.0 kB sent 1:15 ago\x1b[K");
+}
+
+TEST_F(ProgressDrawing, OfAWaitIsCutAndDrawnAtMostTenTimesASecond) {
+  Progress narrow(terminal, [] { return std::size_t{12}; });
+  narrow.start(std::nullopt, kStart);
+  narrow.showWait("the engine is finishing", 1, kStart, kStart + milliseconds(99));
+  EXPECT_EQ(terminal.str(), "");
+  narrow.showWait("the engine is finishing", 1, kStart, kStart + milliseconds(100));
+  narrow.showWait("the engine is finishing", 1, kStart, kStart + milliseconds(199));
+  EXPECT_EQ(terminal.str(), "\rthe engine \x1b[K");
+}
+
 TEST_F(ProgressDrawing, ClearTakesTheLineAwayOnce) {
   progress.start(std::nullopt, kStart);
   progress.show(1, kStart + seconds(1));

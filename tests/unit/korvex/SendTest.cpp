@@ -17,9 +17,9 @@
 #include "send/Send.h"
 #include "support/Await.h"
 #include "support/FakeDaemon.h"
+#include "support/Receipts.h"
 #include "support/SharedObject.h"
 #include "support/WireFormat.h"
-#include "unit/korvex/Receipts.h"
 
 namespace {
 

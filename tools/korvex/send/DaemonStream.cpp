@@ -276,9 +276,16 @@ void DaemonStream::sendCloseRecord() {
   });
 }
 
-std::optional<std::string> DaemonStream::awaitReceipt(std::chrono::seconds limit) {
+std::optional<std::string> DaemonStream::awaitReceipt(std::chrono::seconds limit,
+                                                      const std::function<void()>& whileWaiting) {
   lastSign_ = Clock::now();
-  while (!lookUntil(lastSign_ + limit, [this] { return hasReceipt(); })) {
+  const auto look = [&] {
+    // Before the look: a terminal that is held up may block for long, and what the daemon said
+    // meanwhile must count before the time does.
+    whileWaiting();
+    return hasReceipt();
+  };
+  while (!lookUntil(lastSign_ + limit, look)) {
     if (Clock::now() >= lastSign_ + limit) return std::nullopt;
   }
   return std::string(receiver::textOf(*reply()));
@@ -375,6 +382,7 @@ void DaemonStream::takeReply() {
   }
   if (isFinishing(*received)) {
     lastSign_ = Clock::now();
+    isEngineFinishing_ = true;
   } else {
     reply_ = *received;
   }

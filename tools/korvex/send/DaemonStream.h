@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <korvex/ShmWriter.h>
 #include <korvex/receiver/QueueStatus.h>
 #include <korvex/receiver/ReplyQueue.h>
@@ -66,7 +67,12 @@ class DaemonStream {
   void close();
 
   /// The text of the daemon's last reply, once there is one. Nothing when none came in time.
-  std::optional<std::string> awaitReceipt(std::chrono::seconds limit);
+  /// Meanwhile it calls `whileWaiting` every few milliseconds.
+  std::optional<std::string> awaitReceipt(
+      std::chrono::seconds limit, const std::function<void()>& whileWaiting = [] {});
+
+  /// The daemon has everything, and has said that its engine is still storing it.
+  bool isEngineFinishing() const noexcept { return isEngineFinishing_; }
 
   /// Tells the daemon, if it is still reachable, that the stream ends here, incomplete.
   void stop(StopWait wait) noexcept;
@@ -121,7 +127,8 @@ class DaemonStream {
   Clock::duration halfTime_{};  ///< in which the daemon took half of a full queue
   Clock::time_point nextWatch_;
   Clock::time_point lastSent_;
-  Clock::time_point lastSign_;   ///< of life while the stream is being stored
+  Clock::time_point lastSign_;  ///< of life while the stream is being stored
+  bool isEngineFinishing_ = false;
   bool isStoppable_ = false;     ///< the daemon may have an open stream, and listens
   bool isWriterClosed_ = false;  ///< it sends no close record when it is destroyed
 };

@@ -61,12 +61,18 @@ void ProgressSignal::answerSignals() const {
 /// In one write, and not through std::cerr, which may be drawing its own line just now.
 void ProgressSignal::answer() const {
   if (!canTell()) return;
-  const std::uint64_t total = total_;
-  const ProgressState state{bytes_, total == kUnknown ? std::nullopt : std::make_optional(total),
-                            Clock::now() - start_};
   const std::string line = std::string(::isatty(STDERR_FILENO) == 1 ? "\r\x1b[K" : "") +
-                           "korvex: " + doing_.load() + ": " + progressLine(state, kWidth) + "\n";
+                           "korvex: " + doing_.load() + ": " + numbers() + "\n";
   static_cast<void>(!::write(STDERR_FILENO, line.data(), line.size()));
+}
+
+std::string ProgressSignal::numbers() const {
+  const Clock::time_point now = Clock::now();
+  const Clock::time_point sent = sent_;
+  if (sent != kNotYet) return sentText(bytes_, now - sent);
+  const std::uint64_t total = total_;
+  return progressLine(
+      {bytes_, total == kUnknown ? std::nullopt : std::make_optional(total), now - start_}, kWidth);
 }
 
 }  // namespace korvex::tool

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <limits>
 #include <optional>
+#include <string>
 #include <thread>
 
 #include "Progress.h"
@@ -35,16 +36,25 @@ class ProgressSignal {
   void noteTotal(std::optional<std::uint64_t> total) noexcept { total_ = total.value_or(kUnknown); }
   void noteBytes(std::uint64_t bytes) noexcept { bytes_ = bytes; }
 
+  /// Everything was sent, and the stream waits for something else; a literal, too.
+  void noteWait(const char* what, Clock::time_point sent) noexcept {
+    doing_ = what;
+    sent_ = sent;
+  }
+
  private:
   static constexpr std::uint64_t kUnknown = std::numeric_limits<std::uint64_t>::max();
+  static constexpr Clock::time_point kNotYet = Clock::time_point::max();
 
   void answerSignals() const;
   void answer() const;
+  std::string numbers() const;
 
   const Clock::time_point start_;
   std::atomic<const char*> doing_{"opening the stream"};
   std::atomic<std::uint64_t> total_{kUnknown};
   std::atomic<std::uint64_t> bytes_{0};
+  std::atomic<Clock::time_point> sent_{kNotYet};
   std::atomic<bool> isOver_{false};
   std::thread thread_;
 };

@@ -64,6 +64,7 @@ class SendRun {
   void sendPart(Input& input, std::size_t pieceSize);
   void endSegment();
   void verify();
+  std::optional<std::string> awaitReceipt();
   void fail(common::ExitCode exitCode, ov_status_t status, const std::string& message);
 
   const SendOptions& options_;
@@ -182,8 +183,7 @@ void SendRun::verify() {
     report_.message = "sent (not verified)";
     return;
   }
-  told_.note("waiting for the receipt");
-  const auto reply = daemon_->awaitReceipt(std::chrono::seconds(options_.receiptTimeout));
+  const auto reply = awaitReceipt();
   if (!reply) {
     return fail(common::ExitCode::NoReceipt, ETIMEDOUT,
                 "sent, but no receipt came from the daemon within " +
@@ -203,6 +203,16 @@ void SendRun::verify() {
   }
   report_.isVerified = true;
   report_.message = "stored and verified";
+}
+
+std::optional<std::string> SendRun::awaitReceipt() {
+  const std::chrono::seconds limit(options_.receiptTimeout);
+  return daemon_->awaitReceipt(limit, [this, sent = Clock::now()] {
+    const char* const what =
+        daemon_->isEngineFinishing() ? "the engine is finishing" : "waiting for the receipt";
+    told_.noteWait(what, sent);
+    progress_.showWait(what, digest_.bytes(), sent, Clock::now());
+  });
 }
 
 void SendRun::fail(common::ExitCode exitCode, ov_status_t status, const std::string& message) {
