@@ -123,9 +123,9 @@ TEST_F(SendTerminal, ShowsWhatItWaitsForOnceEverythingIsSent) {
   Terminal terminal(80);
   const auto sender = sendTo(terminal, fake.queue());
   sender->closeInput();
-  EXPECT_TRUE(awaitDrawings(terminal, "waiting for the receipt: 3 B sent 0:", 2));
+  ASSERT_TRUE(awaitDrawings(terminal, "waiting for the receipt: 3 B sent 0:", 2));
   fake.reply(0, "finishing");
-  EXPECT_TRUE(awaitDrawings(terminal, "the engine is finishing: 3 B sent 0:", 2));
+  ASSERT_TRUE(awaitDrawings(terminal, "the engine is finishing: 3 B sent 0:", 2));
   fake.reply(0, kAbcReceipt);
   EXPECT_EQ(sender->finish(), 0);
   EXPECT_THAT(terminal.text(), HasSubstr(kToStart + kEraseRest + "sent 3 bytes in 1 segments, "));

@@ -439,13 +439,13 @@ TEST_F(SendCommand, TellsWhatItWaitsForWhenASignalAsks) {
   fake.serve(staySilent);
   Process sender(sendCommand({file("a", "abc")}));
   fake.awaitRecord(kClose);
-  EXPECT_TRUE(eventually([&] {
+  ASSERT_TRUE(eventually([&] {
     sender.signal(SIGUSR1);
     return sender.errors().find("korvex: waiting for the receipt: 3 B sent 0:") !=
            std::string::npos;
   })) << sender.errors();
   fake.reply(0, "finishing");
-  EXPECT_TRUE(eventually([&] {
+  ASSERT_TRUE(eventually([&] {
     sender.signal(SIGUSR1);
     return sender.errors().find("korvex: the engine is finishing: 3 B sent 0:") !=
            std::string::npos;
