@@ -47,7 +47,9 @@ INNER = {
     "tools/korvexd": {"tools/korvexd/os", "tools/korvexd/sink", "tools/korvexd/exec",
                       "tools/korvexd/config", "tools/korvexd/log", "tools/korvexd/metrics",
                       "tools/korvexd/report", "tools/korvexd/service"},
-    "tools/korvexd/config": {"tools/korvexd/os", "tools/korvexd/log", "tools/korvexd/sink"},
+    # It tries out what a file names: folders to store and capture in, programs to run.
+    "tools/korvexd/config": {"tools/korvexd/os", "tools/korvexd/log", "tools/korvexd/sink",
+                             "tools/korvexd/exec", "tools/korvexd/report"},
     "tools/korvexd/os": set(),
     "tools/korvexd/sink": {"tools/korvexd/os"},
     "tools/korvexd/log": {"tools/korvexd/os"},
