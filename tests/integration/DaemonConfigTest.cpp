@@ -10,7 +10,9 @@
 
 #include "integration/DaemonFixture.h"
 #include "support/Child.h"
+#include "support/Receipts.h"
 
+using korvex::test::kAbcReceipt;
 using korvex::test::namesIn;
 using korvex::test::queueExists;
 using testing::AllOf;
@@ -20,8 +22,6 @@ using testing::SizeIs;
 using testing::StartsWith;
 
 namespace {
-
-const char kReceiptOfAbc[] = "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950";
 
 /// More than a queue of the usual limits takes, and less than one with messages of 4 MiB.
 constexpr rlim_t kRoomForTheOldQueue = rlim_t{8} << 20;
@@ -99,8 +99,8 @@ class DaemonConfig : public DaemonFixture {
 TEST_F(DaemonConfig, GivesEachQueueItsOwnSink) {
   configure(toOutput(), tableOfOther("exec = ['sh', '-c', 'cat > " + (folder_ / "taken") + "']"));
   const auto daemon = startConfigured();
-  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
-  EXPECT_EQ(stream(other_, "abc"), kReceiptOfAbc);
+  EXPECT_EQ(stream("abc"), kAbcReceipt);
+  EXPECT_EQ(stream(other_, "abc"), kAbcReceipt);
   end(*daemon);
   EXPECT_EQ(dataOf(streams(false).at(0)), "abc");
   EXPECT_EQ(korvex::test::contentsOf(folder_ / "taken"), "abc");
@@ -109,11 +109,11 @@ TEST_F(DaemonConfig, GivesEachQueueItsOwnSink) {
 TEST_F(DaemonConfig, ChangesTheDigestOfLaterStreams) {
   configure(toOutput() + "digest = 'xxh128'");
   const auto daemon = startConfigured();
-  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  EXPECT_EQ(stream("abc"), kAbcReceipt);
   EXPECT_FALSE(manifestOf(streams(false).at(0)).contains("sha256"));
   configure(toOutput());
   reload(*daemon);
-  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  EXPECT_EQ(stream("abc"), kAbcReceipt);
   EXPECT_TRUE(manifestOf(streams(false).at(1)).contains("sha256"));
   end(*daemon);
 }
@@ -213,9 +213,9 @@ TEST_F(DaemonConfig, ServesNewQueuesAndLeavesOthersAlone) {
   const auto to = openStream();
   configure(toOutput(), tableOfOther("discard = true"));
   reload(*daemon, "serving " + other_);
-  EXPECT_EQ(stream(other_, "abc"), kReceiptOfAbc);
+  EXPECT_EQ(stream(other_, "abc"), kAbcReceipt);
   to->close();
-  EXPECT_STREQ(awaitReply(*to).message, kReceiptOfAbc);
+  EXPECT_STREQ(awaitReply(*to).message, kAbcReceipt);
   EXPECT_EQ(objectOf(queue_), before);
   end(*daemon);
 }
@@ -231,7 +231,7 @@ TEST_F(DaemonConfig, LetsARemovedQueueFinishItsStream) {
   EXPECT_TRUE(awaitLog(*daemon, queue_ + ": no longer served")) << daemon->errors();
   EXPECT_THAT(streams(false), SizeIs(1));
   EXPECT_TRUE(korvex::test::eventually([this] { return !queueExists(queue_); }));
-  EXPECT_EQ(stream(other_, "abc"), kReceiptOfAbc);
+  EXPECT_EQ(stream(other_, "abc"), kAbcReceipt);
   end(*daemon);
 }
 
@@ -245,7 +245,7 @@ TEST_F(DaemonConfig, ServesAQueueAgainThatWasRemovedMeanwhile) {
   reload(*daemon);
   to->close();
   EXPECT_TRUE(awaitLog(*daemon, "serving " + queue_ + ",", 2)) << daemon->errors();
-  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  EXPECT_EQ(stream("abc"), kAbcReceipt);
   end(*daemon);
 }
 
@@ -278,7 +278,7 @@ TEST_F(DaemonConfig, ChangesLimitsWithTheNextStream) {
   EXPECT_THAT(awaitReply(*to).message, StartsWith("stored bytes=6 "));
   EXPECT_TRUE(awaitOtherObject(before));
   EXPECT_TRUE(awaitLog(*daemon, queue_ + ": served with the changed settings"));
-  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  EXPECT_EQ(stream("abc"), kAbcReceipt);
   end(*daemon);
   EXPECT_THAT(streams(true), IsEmpty());
 }
@@ -289,7 +289,7 @@ TEST_F(DaemonConfig, ChangesASinkWithoutNewQueues) {
   const auto before = objectOf(queue_);
   configure("discard = true");
   reload(*daemon);
-  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  EXPECT_EQ(stream("abc"), kAbcReceipt);
   EXPECT_THAT(namesIn(output_), IsEmpty());
   EXPECT_EQ(objectOf(queue_), before);
   end(*daemon);
@@ -299,17 +299,17 @@ TEST_F(DaemonConfig, SwitchesTheCaptureOnAndOff) {
   const std::string capture = folder_.makeFolder("capture");
   configure("discard = true");
   const auto daemon = startConfigured();
-  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  EXPECT_EQ(stream("abc"), kAbcReceipt);
   configure("discard = true\ncapture = '" + capture + "'");
   reload(*daemon);
-  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  EXPECT_EQ(stream("abc"), kAbcReceipt);
   const auto captured = namesIn(capture);
   EXPECT_THAT(captured, testing::Not(IsEmpty()));
   configure("discard = true");
   daemon->signal(SIGHUP);
   EXPECT_TRUE(awaitLog(*daemon, "configuration reloaded", 2));
   const auto atTheEnd = namesIn(capture);
-  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  EXPECT_EQ(stream("abc"), kAbcReceipt);
   end(*daemon);
   EXPECT_EQ(namesIn(capture), atTheEnd);
 }
@@ -320,12 +320,12 @@ TEST_F(DaemonConfig, ReportsAFailureOfEachCapture) {
   configure("discard = true\ncapture = '" + first + "'");
   const auto daemon = startConfigured();
   std::filesystem::remove_all(first);
-  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  EXPECT_EQ(stream("abc"), kAbcReceipt);
   EXPECT_TRUE(awaitLog(*daemon, "batch 1: "));
   configure("discard = true\ncapture = '" + second + "'");
   reload(*daemon);
   std::filesystem::remove_all(second);
-  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  EXPECT_EQ(stream("abc"), kAbcReceipt);
   EXPECT_TRUE(awaitLog(*daemon, second));
   end(*daemon);
 }
@@ -340,7 +340,7 @@ TEST_F(DaemonConfig, ChangesNothingForAFileWithMistakes) {
   reload(*daemon, config_ + ":2:10: output: found \"/nonexistent\", expected a folder to write to");
   EXPECT_TRUE(awaitLog(*daemon, "the configuration was not changed: it has mistakes", 2));
   EXPECT_FALSE(queueExists(other_));
-  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  EXPECT_EQ(stream("abc"), kAbcReceipt);
   end(*daemon);
   EXPECT_THAT(streams(false), SizeIs(1));
 }
@@ -378,7 +378,7 @@ TEST_F(DaemonConfig, KeepsTheOldLimitsWhenMemoryIsShort) {
   configure(toOutput() + "max-messages = 65536\nmax-message-size = '16M'");
   reload(*daemon, queue_ + ": cannot be served with the changed settings, keeping the old ones");
   EXPECT_TRUE(awaitLog(*daemon, queue_ + ": served again"));
-  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  EXPECT_EQ(stream("abc"), kAbcReceipt);
   end(*daemon);
 }
 
@@ -403,7 +403,7 @@ TEST_F(DaemonConfig, KeepsMetricsAcrossReloadsAndAnUnwritableFile) {
   const std::string capacity = "korvex_queue_capacity_messages{queue=\"" + queue_ + "\"} ";
   configure("discard = true", tableOfOther("discard = true") + daemonTable);
   const auto daemon = startConfigured();
-  EXPECT_EQ(stream(other_, "abc"), kReceiptOfAbc);
+  EXPECT_EQ(stream(other_, "abc"), kAbcReceipt);
   ASSERT_TRUE(awaitSample(success + "1"));  // seconds since 1970
   configure("discard = true\nmax-messages = 4", daemonTable);
   reload(*daemon);
@@ -447,7 +447,7 @@ TEST_F(DaemonConfig, WritesStatisticsOfTheQueuesThatItServesNow) {
   const std::string daemonTable = "[daemon]\nstats = '" + stats + "'\n";
   configure("discard = true", tableOfOther("discard = true") + daemonTable);
   reload(*daemon);
-  EXPECT_EQ(stream(other_, "abc"), kReceiptOfAbc);
+  EXPECT_EQ(stream(other_, "abc"), kAbcReceipt);
   ASSERT_TRUE(korvex::test::eventually([&] { return ::access(stats.c_str(), R_OK) == 0; }));
   const auto holds = [&](const std::string& queue) {
     return korvex::test::contentsOf(stats).find("\"" + queue + "\"") != std::string::npos;
@@ -495,7 +495,7 @@ TEST_F(DaemonDrain, LetsTheOpenStreamFinishAndRefusesOthers) {
   EXPECT_TRUE(korvex::test::eventually(
       [this] { return outcomeOn(other_) == "the daemon accepts no new streams on this queue"; }));
   to->close();
-  EXPECT_STREQ(awaitReply(*to).message, kReceiptOfAbc);
+  EXPECT_STREQ(awaitReply(*to).message, kAbcReceipt);
   EXPECT_EQ(daemon->wait(), 0);
   EXPECT_THAT(streams(true), IsEmpty());
 }
@@ -553,7 +553,7 @@ TEST_F(DaemonDrain, TakesNoOtherConfiguration) {
   configure("discard = true", tableOfOther("discard = true"));
   reload(*daemon, "the configuration was not changed: the daemon is shutting down");
   to->close();
-  EXPECT_STREQ(awaitReply(*to).message, kReceiptOfAbc);
+  EXPECT_STREQ(awaitReply(*to).message, kAbcReceipt);
   EXPECT_EQ(daemon->wait(), 0);
   EXPECT_FALSE(queueExists(other_));
 }
@@ -565,7 +565,7 @@ TEST_F(DaemonConfig, KeepsServingWhenItsFileBecomesAPipe) {
   ASSERT_EQ(::mkfifo(config_.c_str(), 0600), 0);
   reload(*daemon, "the configuration was not changed: reading configuration " + config_ +
                       ": found something else, expected a file");
-  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  EXPECT_EQ(stream("abc"), kAbcReceipt);
   end(*daemon);
 }
 

@@ -3,14 +3,14 @@
 #include <unistd.h>
 
 #include "integration/DaemonFixture.h"
+#include "support/Receipts.h"
 
 using korvex::test::dieHoldingLockOf;
 using korvex::test::eventually;
+using korvex::test::kAbcReceipt;
 using testing::HasSubstr;
 
 namespace {
-
-const char kReceiptOfAbc[] = "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950";
 
 /// What happens when one of the two sides dies.
 class DaemonDeath : public DaemonFixture {
@@ -56,7 +56,7 @@ TEST_F(DaemonDeath, LeavesAPartialFolder) {
 TEST_F(DaemonDeath, OfAProducerLeavesItsStreamIncomplete) {
   const auto daemon = start();
   dieInMidstream();
-  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  EXPECT_EQ(stream("abc"), kAbcReceipt);
   ASSERT_EQ(streams(true).size(), 1u);
   EXPECT_EQ(dataOf(streams(true)[0]), "half");
   EXPECT_EQ(manifestOf(streams(true)[0])["state"], "incomplete");
@@ -75,7 +75,7 @@ TEST_F(DaemonDeath, OfAProducerHoldingTheLockCostsItsPair) {
   ASSERT_TRUE(eventually([&] { return streams(true).size() == 2; }));
   dieHoldingLockOf(queue_);
   ASSERT_TRUE(awaitLog(*daemon, queue_ + ": served again"));
-  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  EXPECT_EQ(stream("abc"), kAbcReceipt);
   write(*untouched, "def");
   untouched->close();
   EXPECT_THAT(awaitReply(*untouched).message, HasSubstr("stored bytes=6"));
@@ -103,7 +103,7 @@ TEST_F(DaemonDeath, OfAQueueCutInMidstreamCostsItsPair) {
   ASSERT_TRUE(awaitLog(*daemon, queue_ + ": served again"));
   ::kill(producer, SIGKILL);
   ::waitpid(producer, nullptr, 0);
-  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  EXPECT_EQ(stream("abc"), kAbcReceipt);
   write(*untouched, "def");
   untouched->close();
   EXPECT_THAT(awaitReply(*untouched).message, HasSubstr("stored bytes=6"));
@@ -114,7 +114,7 @@ TEST_F(DaemonDeath, OfAProducerHoldingTheReplyLockIsNoticed) {
   const auto daemon = start();
   dieHoldingLockOf(queue_ + "Response");
   ASSERT_TRUE(awaitLog(*daemon, "served again"));
-  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  EXPECT_EQ(stream("abc"), kAbcReceipt);
   end(*daemon);
 }
 
@@ -124,6 +124,6 @@ TEST_F(DaemonDeath, HappensAgainAndAgain) {
     dieHoldingLockOf(queue_);
     ASSERT_TRUE(awaitLog(*daemon, "served again", time));
   }
-  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  EXPECT_EQ(stream("abc"), kAbcReceipt);
   end(*daemon);
 }

@@ -10,15 +10,15 @@
 
 #include "integration/DaemonFixture.h"
 #include "queue/MessageQueue.h"
+#include "support/Receipts.h"
 #include "support/WireFormat.h"
 
 using korvex::test::BatchBytes;
 using korvex::test::eventually;
+using korvex::test::kAbcReceipt;
 using testing::HasSubstr;
 
 namespace {
-
-const char kReceiptOfAbc[] = "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950";
 
 /// Has the daemon say something about each of so many messages, and then about a stream.
 void sendTalkative(const std::string& queueName, unsigned batches, const BatchBytes& stream) {
@@ -64,7 +64,7 @@ class UnreadLog : public DaemonFixture {
 
 TEST_F(UnreadLog, HoldsUpNeitherStreamsNorTheEnd) {
   const auto daemon = startUnread();
-  for (int i = 0; i < 20; ++i) ASSERT_EQ(stream("abc"), kReceiptOfAbc);
+  for (int i = 0; i < 20; ++i) ASSERT_EQ(stream("abc"), kAbcReceipt);
   EXPECT_EQ(streams(false).size(), 20u);
   daemon->signal(SIGTERM);
   EXPECT_EQ(daemon->wait(), 0);

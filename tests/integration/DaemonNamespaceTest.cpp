@@ -11,17 +11,17 @@
 #include "integration/DaemonFixture.h"
 #include "support/Child.h"
 #include "support/LockHolder.h"
+#include "support/Receipts.h"
 
 using korvex::test::eventually;
 using korvex::test::isRoot;
+using korvex::test::kAbcReceipt;
 using korvex::test::LockHolder;
 using testing::HasSubstr;
 using testing::Not;
 namespace fs = std::filesystem;
 
 namespace {
-
-const char kReceiptOfAbc[] = "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950";
 
 /// A command to run in a PID namespace of its own.
 std::vector<std::string> inNamespace(std::vector<std::string> command) {
@@ -78,14 +78,14 @@ TEST_P(DaemonNamespaces, LivingLockOwnerKeepsItsStream) {
   holder->release();
   EXPECT_THAT(daemon->errors(), Not(HasSubstr("queues are lost")));
   to->close();
-  EXPECT_STREQ(awaitReply(*to).message, kReceiptOfAbc);
+  EXPECT_STREQ(awaitReply(*to).message, kAbcReceipt);
 }
 
 TEST_P(DaemonNamespaces, DeadLockOwnerCostsOnlyThePair) {
   const auto daemon = startAt(GetParam().daemonIsAway);
   holderAt(GetParam().producerIsAway)->die();
   ASSERT_TRUE(awaitLog(*daemon, "served again"));
-  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  EXPECT_EQ(stream("abc"), kAbcReceipt);
 }
 
 namespace {

@@ -7,8 +7,10 @@
 
 #include "integration/DaemonFixture.h"
 #include "support/HostileNames.h"
+#include "support/Receipts.h"
 
 using korvex::test::contentsOf;
+using korvex::test::kAbcReceipt;
 using korvex::test::namesIn;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -18,8 +20,6 @@ using testing::UnorderedElementsAre;
 namespace fs = std::filesystem;
 
 namespace {
-
-const char kReceiptOfAbc[] = "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950";
 
 /// "octal mode", and whose it is when it is not this user's.
 std::string accessOf(const std::string& path) {
@@ -82,7 +82,7 @@ TEST_P(DaemonUnderUmask, GivesExactPermissions) {
   ASSERT_TRUE(korvex::test::eventually([this] { return streams(true).size() == 1; }));
   EXPECT_EQ(accessOf(output_ + "/" + streams(true)[0]), "0700");
   to->close();
-  EXPECT_STREQ(awaitReply(*to).message, kReceiptOfAbc);
+  EXPECT_STREQ(awaitReply(*to).message, kAbcReceipt);
   end(*daemon);
   EXPECT_EQ(accessOf(output_ + "/" + streams(false).at(0)), "0700");
   EXPECT_EQ(accessOf(inStream("data")), "0600");
@@ -141,7 +141,7 @@ TEST_F(DaemonSecurity, CapturesThroughNoPlantedLinkOrPipe) {
   // Where its first two messages would go, planted after it looked for numbers in use.
   fs::create_symlink(treasure_, capture_ + "/" + queue_ + "-00000001.batch");
   ASSERT_EQ(::mkfifo((capture_ + "/" + queue_ + "-00000002.batch").c_str(), 0600), 0);
-  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  EXPECT_EQ(stream("abc"), kAbcReceipt);
   EXPECT_TRUE(awaitLog(*daemon, "capturing a batch: error 17 (File exists)"));
   end(*daemon);
   EXPECT_EQ(contentsOf(treasure_), "gold");
@@ -161,7 +161,7 @@ TEST_F(DaemonSecurity, StoresNowhereWhileItsFolderIsMovedAway) {
   EXPECT_THAT(namesIn(folder_ / "moved"), ElementsAre());
   fs::remove(output_);
   fs::rename(folder_ / "moved", output_);
-  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  EXPECT_EQ(stream("abc"), kAbcReceipt);
   end(*daemon);
 }
 
@@ -200,7 +200,7 @@ class HostileNames : public DaemonSecurity {
 TEST_F(HostileNames, StayInsideTheirFoldersAndLeaveEveryFileReadable) {
   ASSERT_GE(names_.size(), 100u);
   const auto daemon = serveAll();
-  for (const std::string& name : names_) ASSERT_EQ(stream(name, "abc"), kReceiptOfAbc) << name;
+  for (const std::string& name : names_) ASSERT_EQ(stream(name, "abc"), kAbcReceipt) << name;
   end(*daemon);
 
   EXPECT_THAT(namesIn(folder_.path()), ElementsAre("cap", "elsewhere", "out", "stats.json"));

@@ -5,9 +5,11 @@
 #include <sys/resource.h>
 
 #include "integration/ExecFixture.h"
+#include "support/Receipts.h"
 #include "support/Terminal.h"
 
 using korvex::test::eventually;
+using korvex::test::kAbcReceipt;
 using testing::Contains;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -17,8 +19,6 @@ using testing::StartsWith;
 namespace {
 
 const char kTooMany[] = "Too many open files";
-const char kReceiptOfAbc[] = "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950";
-
 constexpr unsigned kFewest = 4;
 constexpr unsigned kEnough = 40;
 constexpr int kNotLoaded = 127;  // the exit code of the system's loader
@@ -105,7 +105,7 @@ TEST_F(DescriptorLimit, FailsTheStreamsThatItMeetsAndNoOther) {
   EXPECT_STREQ(reply.message, "opening stream folder: error 24 (Too many open files)");
   EXPECT_THAT(streams(true), IsEmpty());
   setLimit(*daemon, kEnough);
-  EXPECT_EQ(stream("abc"), kReceiptOfAbc);
+  EXPECT_EQ(stream("abc"), kAbcReceipt);
   end(*daemon);
 }
 
@@ -117,7 +117,7 @@ TEST_F(DescriptorLimit, FailsTheStreamsWhoseEnginesItMeets) {
     SCOPED_TRACE("limit " + std::to_string(limit));
     setLimit(*daemon, limit);
     const Reply reply = replyTo("abc");
-    if (std::string(reply.message) == kReceiptOfAbc) continue;
+    if (std::string(reply.message) == kAbcReceipt) continue;
     EXPECT_EQ(reply.status, 5u);
     EXPECT_STREQ(reply.message, "starting the engine's keeper: error 24 (Too many open files)");
     ASSERT_TRUE(eventually([&] { return korvex::test::descriptorsOf(daemon->id()) == before; }));
@@ -136,12 +136,12 @@ TEST_F(DescriptorLimit, KeepsTheToolFromSendingOrDoesNotMatter) {
   EXPECT_THAT(expectToSendOrToSayWhy({folder_ / "file"}), Not(IsEmpty()));
 }
 
-TEST_F(DescriptorLimit, KeepsTheToolFromStartingACommandOrDoesNotMatter) {
+TEST_F(DescriptorLimit, HindersACommandOrDoesNotMatter) {
   EXPECT_THAT(expectToSendOrToSayWhy({"--from-command", "echo", "abc"}),
               Contains("korvex: the command 'echo' cannot be started: Too many open files\n"));
 }
 
-TEST_F(DescriptorLimit, KeepsTheToolFromStartingACommandOnATerminalOrDoesNotMatter) {
+TEST_F(DescriptorLimit, HindersACommandOnATerminalOrDoesNotMatter) {
   const korvex::test::Terminal terminal(80);
   EXPECT_THAT(expectToSendOrToSayWhy({"--from-command", "echo", "abc"}, terminal.name()),
               Not(IsEmpty()));

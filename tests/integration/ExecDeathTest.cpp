@@ -11,16 +11,16 @@
 
 #include "integration/ExecFixture.h"
 #include "queue/MessageQueue.h"
+#include "support/Receipts.h"
 
 using korvex::test::childrenOf;
 using korvex::test::eventually;
+using korvex::test::kAbcReceipt;
 using testing::IsEmpty;
 using testing::SizeIs;
 using testing::StartsWith;
 
 namespace {
-
-const char kReceiptOfAbc[] = "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950";
 
 /// An engine and what it starts. The recorder in it stores a stream when it sees its end.
 struct Kind {
@@ -181,7 +181,7 @@ TEST_P(ExecDeath, SparesAWholeStream) {
       startExec(*GetParam().script == '\0' || GetParam().name[0] == 'P' || GetParam().name[0] == 'S'
                     ? command(GetParam())
                     : recorderCommand());
-  EXPECT_STREQ(replyTo("abc").message, kReceiptOfAbc);
+  EXPECT_STREQ(replyTo("abc").message, kAbcReceipt);
   EXPECT_THAT(stored(), SizeIs(1));
 }
 
@@ -289,7 +289,7 @@ TEST_F(ExecOneDeath, OfAKeeperTouchesNoOtherStream) {
   const auto to = openRecorded("abc");
   ::kill(keeper(), SIGKILL);
   EXPECT_STREQ(awaitReply(*to).message, "the engine's keeper was killed");
-  EXPECT_STREQ(replyToClose(*untouched).message, kReceiptOfAbc);
+  EXPECT_STREQ(replyToClose(*untouched).message, kAbcReceipt);
 }
 
 TEST_F(ExecOneDeath, OfAKeeperSparesChildrenThatAreNoEngines) {

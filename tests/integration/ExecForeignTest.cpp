@@ -10,16 +10,16 @@
 
 #include "integration/ExecFixture.h"
 #include "support/Child.h"
+#include "support/Receipts.h"
 
 using korvex::test::childrenOf;
 using korvex::test::eventually;
+using korvex::test::kAbcReceipt;
 using korvex::test::keepersFor;
 using testing::IsEmpty;
 using testing::SizeIs;
 
 namespace {
-
-const char kReceiptOfAbc[] = "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950";
 
 constexpr unsigned kUser = 60001;
 
@@ -88,18 +88,18 @@ class ExecForeign : public ExecFixture {
 
 }  // namespace
 
-TEST_F(ExecForeign, AnEngineThatCannotDieDoesNotHoldUpTheNextStream) {
+TEST_F(ExecForeign, HoldsUpNoStreamForAnUndyingEngine) {
   const auto daemon = startForeign();
   openRecorded("abc")->stop(false);
   const pid_t left = engine();
-  EXPECT_STREQ(replyTo("abc").message, kReceiptOfAbc);
+  EXPECT_STREQ(replyTo("abc").message, kAbcReceipt);
   EXPECT_TRUE(isInputOpen(left));
   killAndExpectNoMore(left, 1);
   EXPECT_TRUE(eventually([&] { return childrenOf(daemon->id()).empty(); })) << "zombies";
   end(*daemon);
 }
 
-TEST_F(ExecForeign, AnEngineThatCannotDieIsLeftToItsKeeperByTheDaemon) {
+TEST_F(ExecForeign, LeavesTheKeeperAnEngineThatCannotDie) {
   const auto daemon = startForeign();
   const auto to = openRecorded("abc");
   const pid_t left = engine();
@@ -108,13 +108,13 @@ TEST_F(ExecForeign, AnEngineThatCannotDieIsLeftToItsKeeperByTheDaemon) {
   killAndExpectNoMore(left, 0);
 }
 
-TEST_F(ExecForeign, AnEngineThatCannotDieIsLeftToTheDaemonByItsKeeper) {
+TEST_F(ExecForeign, LeavesTheDaemonAnEngineThatCannotDie) {
   const auto daemon = startForeign();
   const auto to = openRecorded("abc");
   const pid_t left = engine();
   ::kill(keeper(), SIGKILL);
   EXPECT_STREQ(awaitReply(*to).message, "the engine's keeper was killed");
-  EXPECT_STREQ(replyTo("abc").message, kReceiptOfAbc);
+  EXPECT_STREQ(replyTo("abc").message, kAbcReceipt);
   EXPECT_TRUE(isInputOpen(left));
   killAndExpectNoMore(left, 1);
   EXPECT_TRUE(eventually([&] { return childrenOf(daemon->id()).empty(); })) << "zombies";

@@ -6,10 +6,12 @@
 
 #include "integration/ExecFixture.h"
 #include "queue/MessageQueue.h"
+#include "support/Receipts.h"
 
 using korvex::test::childrenOf;
 using korvex::test::descriptorsOf;
 using korvex::test::eventually;
+using korvex::test::kAbcReceipt;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -18,8 +20,6 @@ using testing::SizeIs;
 using testing::StartsWith;
 
 namespace {
-
-const char kReceiptOfAbc[] = "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950";
 
 class ExecTest : public ExecFixture {
  protected:
@@ -59,7 +59,7 @@ std::size_t streamsOfTheLongTest() {
 
 TEST_F(ExecTest, IsStoredUnderTheNameGivenToTheEngine) {
   const auto daemon = startExec(recorderCommand());
-  EXPECT_STREQ(replyTo("abc").message, kReceiptOfAbc);
+  EXPECT_STREQ(replyTo("abc").message, kAbcReceipt);
   ASSERT_THAT(stored(), SizeIs(1));
   EXPECT_THAT(stored()[0], MatchesRegex(queue_ + "-[0-9]{8}T[0-9]{6}Z-[0-9]{9}"));
   EXPECT_EQ(written(stored()[0]), "abc");
@@ -80,14 +80,14 @@ TEST_F(ExecTest, CarriesMoreThanThePipeHolds) {
 
 TEST_F(ExecTest, GivesEveryStreamANameOfItsOwn) {
   const auto daemon = startExec(recorderCommand());
-  for (int i = 0; i < 10; ++i) EXPECT_STREQ(replyTo("abc").message, kReceiptOfAbc);
+  for (int i = 0; i < 10; ++i) EXPECT_STREQ(replyTo("abc").message, kAbcReceipt);
   EXPECT_THAT(stored(), SizeIs(10));
 }
 
 TEST_F(ExecTest, TellsTheEngineWhatTheStreamIs) {
   const auto daemon = startExec(
       script(R"(cat >/dev/null; echo "$KORVEX_QUEUE $KORVEX_OPENED $KORVEX_STREAM" >"$0/names")"));
-  EXPECT_STREQ(replyTo("abc").message, kReceiptOfAbc);
+  EXPECT_STREQ(replyTo("abc").message, kAbcReceipt);
   EXPECT_THAT(written("names"), MatchesRegex(queue_ + " [0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9:]{8}Z " +
                                              queue_ + "-[0-9]{8}T[0-9]{6}Z-[0-9]{9}\n"));
 }
@@ -95,7 +95,7 @@ TEST_F(ExecTest, TellsTheEngineWhatTheStreamIs) {
 TEST_F(ExecTest, StartsTheEngineInItsOwnGroupAndSession) {
   const auto daemon = startExec(
       script(R"(cat >/dev/null; read -r line </proc/$$/stat; echo "$$ $line" >"$0/ids")"));
-  EXPECT_STREQ(replyTo("abc").message, kReceiptOfAbc);
+  EXPECT_STREQ(replyTo("abc").message, kAbcReceipt);
   std::istringstream ids(written("ids"));
   std::string self, id, name, state, parent, group, session;
   ids >> self >> id >> name >> state >> parent >> group >> session;
@@ -106,14 +106,14 @@ TEST_F(ExecTest, StartsTheEngineInItsOwnGroupAndSession) {
 TEST_F(ExecTest, StartsTheEngineWithoutTheDaemonsWaysWithSignals) {
   const auto daemon =
       startExec(script("cat >/dev/null; grep -E ^Sig[BI] /proc/self/status >\"$0/signals\""));
-  EXPECT_STREQ(replyTo("abc").message, kReceiptOfAbc);
+  EXPECT_STREQ(replyTo("abc").message, kAbcReceipt);
   // The two behind the first 31 are the C library's, and may be anything.
   EXPECT_THAT(written("signals"), MatchesRegex("SigBlk:\t0{16}\nSigIgn:\t0{7}[01][08]0{7}\n"));
 }
 
 TEST_F(ExecTest, GivesTheEngineNothingButTheStandardDescriptors) {
   const auto daemon = startExec(script(R"(cat >/dev/null; ls /proc/$$/fd >"$0/open" & wait)"));
-  EXPECT_STREQ(replyTo("abc").message, kReceiptOfAbc);
+  EXPECT_STREQ(replyTo("abc").message, kAbcReceipt);
   EXPECT_EQ(written("open"), "0\n1\n2\n");
 }
 
@@ -200,7 +200,7 @@ TEST_F(ExecTest, FindsAProgramRelativeToTheDaemonsFolder) {
   Process daemon({"/bin/sh", "-c", "cd \"$0\" && exec \"$@\"", output_, KORVEXD_PROGRAM, "--queue",
                   queue_, "--exec", "./engine \"a file\""});
   ASSERT_TRUE(awaitServing(daemon));
-  EXPECT_STREQ(replyTo("abc").message, kReceiptOfAbc);
+  EXPECT_STREQ(replyTo("abc").message, kAbcReceipt);
   EXPECT_EQ(written("a file"), "abc");
 }
 
@@ -208,7 +208,7 @@ TEST_F(ExecTest, BoundsWhatATalkativeEngineLogs) {
   const auto daemon =
       startExec(script("i=0; while [ $i -lt 20000 ]; do echo line $i; i=$((i+1)); done; "
                        "cat >/dev/null; echo last >&2"));
-  EXPECT_STREQ(replyTo("abc").message, kReceiptOfAbc);
+  EXPECT_STREQ(replyTo("abc").message, kAbcReceipt);
   end(*daemon);
   EXPECT_THAT(daemon->errors(), HasSubstr("engine: line 99\n"));
   EXPECT_THAT(daemon->errors(), HasSubstr(" more lines)\n"));
@@ -218,7 +218,7 @@ TEST_F(ExecTest, BoundsWhatATalkativeEngineLogs) {
 
 TEST_F(ExecTest, WaitsForNobodyWhoKeepsTheOutputOpen) {
   const auto daemon = startExec(script("cat >/dev/null; setsid sleep 1000 & exit 0"));
-  EXPECT_STREQ(replyTo("abc").message, kReceiptOfAbc);
+  EXPECT_STREQ(replyTo("abc").message, kAbcReceipt);
   EXPECT_TRUE(awaitNoProcess()) << "what the engine left ends with it";
 }
 
@@ -232,7 +232,7 @@ TEST_F(ExecTest, TellsAProducerThatTheEngineIsFinishing) {
   makeFile("go");
   EXPECT_TRUE(eventually([&] {
     to->flush_shm_buffer(kTimeout);
-    return to->getResponse().message == std::string(kReceiptOfAbc);
+    return to->getResponse().message == std::string(kAbcReceipt);
   })) << to->getResponse().message;
 }
 
@@ -302,5 +302,5 @@ TEST_F(ExecTest, TakesEmptyBatchesForSignsOfLife) {
   const auto to = openStream("abc");
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(4);
   while (std::chrono::steady_clock::now() < end) to->flush_shm_buffer(kTimeout);
-  EXPECT_STREQ(replyToClose(*to).message, kReceiptOfAbc);
+  EXPECT_STREQ(replyToClose(*to).message, kAbcReceipt);
 }

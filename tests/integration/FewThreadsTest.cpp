@@ -153,7 +153,7 @@ TEST_F(FewProcesses, NoneForAnEngineFailsTheStream) {
   expectToFailOneStream(kNoFork, "starting the engine '" + recorder() + "'");
 }
 
-TEST_F(FewProcesses, NoneForACommandIsSaidAndNothingIsStored) {
+TEST_F(FewProcesses, NoneForACommandStoresNothing) {
   const auto daemon = start();
   makeFile(kNoSpawn);
   const auto run = korvex::test::runProgram(

@@ -279,7 +279,7 @@ TEST_F(DaemonStreamTo, TellsThatTheEngineIsFinishingWhileItWaits) {
 }
 
 // As when somebody holds up the terminal that the caller writes to.
-TEST_F(DaemonStreamTo, TakesAReceiptThatCameWhileTheCallerWasHeldUp) {
+TEST_F(DaemonStreamTo, TakesAReceiptAfterALongCallback) {
   FakeDaemon daemon;
   daemon.serve(staySilent);
   DaemonStream stream(settings(daemon), stop);

@@ -92,7 +92,7 @@ TEST_F(ProgressDrawing, OfAWaitSaysWhatForAndSinceWhen) {
   EXPECT_EQ(terminal.str(), "\rthe engine is finishing: 5.0 kB sent 1:15 ago\x1b[K");
 }
 
-TEST_F(ProgressDrawing, OfAWaitIsCutAndDrawnAtMostTenTimesASecond) {
+TEST_F(ProgressDrawing, OfAWaitIsCutAndSeldom) {
   Progress narrow(terminal, [] { return std::size_t{12}; });
   narrow.start(std::nullopt, kStart);
   narrow.showWait("the engine is finishing", 1, kStart, kStart + milliseconds(99));

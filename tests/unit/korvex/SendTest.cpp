@@ -231,7 +231,8 @@ TEST_F(SendStream, RefusesAReceiptBeforeTheClose) {
     self.reply(0, kAbcReceipt);
   });
   EXPECT_EQ(send(), 1);
-  EXPECT_THAT(errors.str(), HasSubstr("a reply for another stream arrived, \"" + kAbcReceipt));
+  EXPECT_THAT(errors.str(),
+              HasSubstr(std::string("a reply for another stream arrived, \"") + kAbcReceipt));
 }
 
 TEST_F(SendStream, IgnoresRepliesWhenNoReceiptIsExpected) {

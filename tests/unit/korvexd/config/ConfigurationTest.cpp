@@ -151,7 +151,7 @@ TEST_F(ConfigurationTest, ReportsAMissingFolderOfTheDefaultsOnce) {
   EXPECT_THAT(textsOf(configuration), ElementsAre(HasSubstr("file:2:10: output: found \"/none\"")));
 }
 
-TEST_F(ConfigurationTest, ChecksTheSystemForQueuesThatAreNotServedYet) {
+TEST_F(ConfigurationTest, ChecksTheSystemForNewQueuesOnly) {
   Configuration configuration = read("[defaults]\noutput = '/none'\n[queue.a]\n");
   configuration.checkSystem([](const QueueSettings& queue) { return queue.output == "/none"; });
   EXPECT_THAT(textsOf(configuration), IsEmpty());
