@@ -50,8 +50,8 @@ bool HeaderPages::map(void* page, int object) noexcept {
 }
 
 void HeaderPages::unmap(void* page) noexcept {
-  ::mmap(page, pageSize(), PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED, -1,
-         0);
+  static_cast<void>(::mmap(page, pageSize(), PROT_NONE,
+                           MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED, -1, 0));
 }
 
 }  // namespace korvex::receiver
