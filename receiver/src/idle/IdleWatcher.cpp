@@ -14,7 +14,7 @@ namespace korvex::receiver {
 namespace {
 
 /// How long a message can wait on a queue that has long been idle. Half of it would double the cost
-/// of an idle daemon. Waking and looking take 150 microseconds more: one hundred rounds a second.
+/// of an idle daemon. Waking and looking take 100 to 150 microseconds more: 100 rounds a second.
 constexpr std::chrono::microseconds kPeriod{9850};
 
 /// The same while a producer seems active. Half of the other, which thus still fits the rounds.
