@@ -314,7 +314,7 @@ void ShmWriter::raiseReply() {
   // an earlier reply. If there is no reply, the last one stays.
   qmx_shm_response_t received;
   std::size_t size = 0;
-  // While the lock is taken there is no reply: the batch has been sent, and the next flush takes the
+  // While the lock is taken there is no reply: the batch was sent, and the next flush takes the
   // reply.
   if (responseQueue_->tryReceive(&received, sizeof received, size) != MessageQueue::Outcome::Done) {
     return;
