@@ -26,6 +26,14 @@ std::string_view readDigits(const std::string& text, std::uint64_t& number,
   return {result.ptr, static_cast<std::size_t>(end - result.ptr)};
 }
 
+/// As the parser reads it: without leading zeros, which it would take for octal.
+std::string wholeNumber(const std::string& text) {
+  const std::string expected = "a whole number";
+  std::uint64_t number = 0;
+  if (!readDigits(text, number, expected).empty()) refuse(text, expected);
+  return std::to_string(number);
+}
+
 }  // namespace
 
 std::string sentenceOf(const CLI::App& app, const CLI::Error& error) {
@@ -36,11 +44,13 @@ std::string sentenceOf(const CLI::App& app, const CLI::Error& error) {
          CLI::detail::join(words, " ");
 }
 
-std::string wholeNumber(const std::string& text) {
-  const std::string expected = "a whole number";
-  std::uint64_t number = 0;
-  if (!readDigits(text, number, expected).empty()) refuse(text, expected);
-  return std::to_string(number);
+void takeWholeNumber(CLI::Option& option, std::uint64_t least, std::uint64_t most) {
+  option.transform(wholeNumber)->check(CLI::Range(least, most));
+}
+
+void takeSeconds(CLI::Option& option, std::uint64_t least, std::uint64_t most) {
+  takeWholeNumber(option, least, most);
+  option.type_name("SECONDS");
 }
 
 std::string byteCount(const std::string& text) {

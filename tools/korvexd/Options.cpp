@@ -20,7 +20,7 @@ using namespace korvex::common;
 using korvex::receiver::Limits;
 using korvex::receiver::Receiver;
 
-constexpr long kLongestTimeout = 7L * 24 * 3600;
+constexpr std::uint64_t kLongestTimeout = std::uint64_t{7} * 24 * 3600;
 constexpr const char* kTextFormat = "text";
 constexpr const char* kSha256Name = "sha256";
 
@@ -93,10 +93,10 @@ void addQueueOptions(CLI::App& app, Arguments& found) {
   app.add_option("--group", found.group, "Group of the queues, by name or number")
       ->check(fitsQueueKey("group"))
       ->type_name("GROUP");
-  app.add_option("--max-messages", found.limits.messages, "Messages that a queue holds")
-      ->transform(wholeNumber)
-      ->check(CLI::Range(std::size_t{1}, Limits::kMostMessages))
-      ->capture_default_str();
+  takeWholeNumber(
+      *app.add_option("--max-messages", found.limits.messages, "Messages that a queue holds")
+           ->capture_default_str(),
+      1, Limits::kMostMessages);
   app.add_option("--max-message-size", found.limits.messageSize,
                  "Bytes of the largest message; K, M, G or T may follow")
       ->transform(byteCount)
@@ -132,15 +132,13 @@ void addDataOptions(CLI::App& app, Arguments& found) {
       ->check(fitsQueueKey("digest"))
       ->type_name("sha256|xxh128")
       ->capture_default_str();
-  app.add_option("--exec-timeout", found.engineTimeout,
-                 "Seconds that COMMAND may take to finish, or go without reading")
-      ->check(CLI::Range(1L, kLongestTimeout))
-      ->type_name("SECONDS")
-      ->capture_default_str();
-  app.add_option("--idle-timeout", found.idleTimeout,
-                 "Seconds that a stream may be silent; no limit by default")
-      ->check(CLI::Range(1L, kLongestTimeout))
-      ->type_name("SECONDS");
+  takeSeconds(*app.add_option("--exec-timeout", found.engineTimeout,
+                              "Seconds that COMMAND may take to finish, or go without reading")
+                   ->capture_default_str(),
+              1, kLongestTimeout);
+  takeSeconds(*app.add_option("--idle-timeout", found.idleTimeout,
+                              "Seconds that a stream may be silent; no limit by default"),
+              1, kLongestTimeout);
   app.add_option("--capture", found.capture, "Save every message as received in DIR")
       ->check(fitsQueueKey("capture"))
       ->type_name("DIR");
@@ -158,11 +156,10 @@ void addReportOptions(CLI::App& app, Arguments& found) {
       ->check(fitsDaemonKey("log-format"))
       ->type_name("text|json")
       ->capture_default_str();
-  app.add_option("--drain-timeout", found.drainTimeout,
-                 "Seconds that open streams get to finish on shutdown")
-      ->check(CLI::Range(0L, kLongestTimeout))
-      ->type_name("SECONDS")
-      ->capture_default_str();
+  takeSeconds(*app.add_option("--drain-timeout", found.drainTimeout,
+                              "Seconds that open streams get to finish on shutdown")
+                   ->capture_default_str(),
+              0, kLongestTimeout);
 }
 
 /// Notes the values of options that were given, as a configuration file has them.

@@ -1,3 +1,4 @@
+#include <CLI/CLI.hpp>
 #include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
@@ -115,6 +116,18 @@ TEST_F(Verify, ListsEverythingSortedByName) {
                            "z.partial: stored, but its folder did not get its final "
                            "name\n4 complete, 0 damaged, 1 partial, 2 foreign; 12 "));
     EXPECT_EQ(ending_.exitCode, 0);
+  }
+}
+
+TEST(VerifyOptionsParsing, JobsAreADecimalNumberFrom1To1024) {
+  VerifyOptions options;
+  CLI::App tool;
+  korvex::tool::declareVerify(tool, options);
+  tool.parse("verify --jobs 010 folder");
+  EXPECT_EQ(options.jobs, 10u);
+  for (const char* jobs : {"0", "1025", "0x2", "-1"}) {
+    EXPECT_THROW(tool.parse("verify --jobs " + std::string(jobs) + " folder"), CLI::ValidationError)
+        << jobs;
   }
 }
 

@@ -98,10 +98,20 @@ TEST_F(OptionsTest, RefusesACommandThatIsNone) {
 }
 
 TEST_F(OptionsTest, RefusesTimesOutsideTheirRange) {
-  for (const char* time : {"0", "-1", "604801", "x"}) {
+  for (const char* time : {"0", "-1", "604801", "x", "0x10"}) {
     expectWrong(std::string("--queue a --exec x --exec-timeout ") + time, "--exec-timeout");
     expectWrong(std::string("--queue a --discard --idle-timeout ") + time, "--idle-timeout");
   }
+}
+
+TEST_F(OptionsTest, NumbersAreDecimalWhateverTheyBeginWith) {
+  ASSERT_EQ(parse("--queue a --exec x --exec-timeout 010 --idle-timeout 011 --drain-timeout 012 "
+                  "--max-messages 013"),
+            0);
+  EXPECT_EQ(queue().engineTimeout.count(), 10);
+  EXPECT_EQ(queue().receiver.idleTimeout->count(), 11);
+  EXPECT_EQ(settings_.daemon.drainTimeout.count(), 12);
+  EXPECT_EQ(queue().receiver.limits.messages, 13u);
 }
 
 TEST_F(OptionsTest, SizesMayCarryAUnit) {

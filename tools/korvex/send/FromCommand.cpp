@@ -8,10 +8,8 @@
 namespace korvex::tool {
 namespace {
 
-const std::string kFlag = "--from-command";
+constexpr const char* kFlag = "--from-command";
 constexpr std::string_view kEndOfOptions = "--";
-constexpr unsigned kMinTimeout = 1;
-constexpr unsigned kMaxTimeout = 86400;
 
 bool isOption(const std::string& word) { return word.size() > 1 && word.front() == '-'; }
 
@@ -54,14 +52,11 @@ void declareFromCommand(CLI::App& send, SendOptions& options) {
       kFlag, options.fromCommand,
       "Run a command and send its output; the command begins at the first word that is not an "
       "option, or after --");
-  send.add_option("--command-timeout", options.commandTimeout,
-                  "Seconds that the command may keep running after its output ends, or that its "
-                  "output may stay silent after the command ends")
-      ->needs(flag)
-      ->transform(common::wholeNumber)
-      ->check(CLI::Range(kMinTimeout, kMaxTimeout))
-      ->type_name("SECONDS")
-      ->capture_default_str();
+  CLI::Option* const timeout = send.add_option(
+      "--command-timeout", options.commandTimeout,
+      "Seconds that the command may keep running after its output ends, or that its output may "
+      "stay silent after the command ends");
+  common::takeSeconds(*timeout->needs(flag)->capture_default_str(), 1, kLongestTimeout);
   send.final_callback([&options] { check(options); });
 }
 

@@ -29,8 +29,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr unsigned kMinTimeout = 1;
-constexpr unsigned kMaxTimeout = 86400;
 constexpr std::uint64_t kMaxSegmentSize = std::uint64_t{1} << 40;
 constexpr int kSignalExitBase = 128;
 
@@ -222,12 +220,6 @@ void SendRun::fail(common::ExitCode exitCode, ov_status_t status, const std::str
 }
 
 /// A name that no daemon can serve is a mistake on the command line, not a missing daemon.
-std::string checkQueueName(const std::string& name) {
-  const std::string defect = common::queueNameDefect(name);
-  return defect.empty() ? ""
-                        : "'" + common::printable(name) + "' cannot be a queue's name: " + defect;
-}
-
 void tell(const SendReport& report, const SendOptions& options, std::ostream& out,
           std::ostream& errors) {
   const auto success = static_cast<int>(common::ExitCode::Success);
@@ -245,16 +237,14 @@ CLI::App* declareSend(CLI::App& tool, SendOptions& options) {
       "send", "Stream files, one after the other, or standard input to the daemon");
   send->add_option("--queue", options.queue, "The daemon's queue")
       ->required()
-      ->check(checkQueueName)
+      ->check(common::checkQueueName)
       ->type_name("NAME");
   send->add_option("--name", options.name, "A name for the stream in error texts")
       ->type_name("STREAM");
-  send->add_option("--timeout", options.timeout,
-                   "How long the daemon may accept nothing before the stream fails, in seconds")
-      ->transform(common::wholeNumber)
-      ->check(CLI::Range(kMinTimeout, kMaxTimeout))
-      ->type_name("SECONDS")
-      ->capture_default_str();
+  CLI::Option* const timeout = send->add_option(
+      "--timeout", options.timeout,
+      "How long the daemon may accept nothing before the stream fails, in seconds");
+  common::takeSeconds(*timeout->capture_default_str(), 1, kLongestTimeout);
   send->add_option("--segment-size", options.segmentSize,
                    "Data bytes of a segment; K, M, G and T are powers of 1024")
       ->transform(common::byteCount)
@@ -263,11 +253,8 @@ CLI::App* declareSend(CLI::App& tool, SendOptions& options) {
       ->capture_default_str();
   CLI::Option* const receiptTimeout =
       send->add_option("--receipt-timeout", options.receiptTimeout,
-                       "How long to wait for the daemon's receipt, in seconds")
-          ->transform(common::wholeNumber)
-          ->check(CLI::Range(kMinTimeout, kMaxTimeout))
-          ->type_name("SECONDS")
-          ->capture_default_str();
+                       "How long to wait for the daemon's receipt, in seconds");
+  common::takeSeconds(*receiptTimeout->capture_default_str(), 1, kLongestTimeout);
   send->add_flag("--no-receipt", options.noReceipt, "Do not wait for a receipt: verifies nothing")
       ->excludes(receiptTimeout);
   send->add_flag("--quiet", options.quiet, "Print errors only");

@@ -17,6 +17,8 @@ class App;
 
 namespace korvex::tool {
 
+constexpr unsigned kLongestTimeout = 86400;  ///< of any kind, in seconds
+
 /// What the command line of `korvex send` says.
 struct SendOptions {
   std::string queue;

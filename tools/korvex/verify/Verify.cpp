@@ -10,6 +10,7 @@
 #include <system_error>
 #include <thread>
 
+#include "common/CommandLine.h"
 #include "verify/StreamCheck.h"
 #include "verify/VerifyReport.h"
 
@@ -156,11 +157,9 @@ void print(const VerifyReport& report, const VerifyOptions& options, std::ostrea
 CLI::App* declareVerify(CLI::App& tool, VerifyOptions& options) {
   CLI::App* const verify =
       tool.add_subcommand("verify", "Check stored streams against their manifests");
-  verify
-      ->add_option("--jobs", options.jobs,
-                   "Streams to read at the same time; one per core by default")
-      ->check(CLI::Range(1U, kMostJobs))
-      ->type_name("N");
+  CLI::Option* const jobs = verify->add_option(
+      "--jobs", options.jobs, "Streams to read at the same time; one per core by default");
+  common::takeWholeNumber(*jobs->type_name("N"), 1, kMostJobs);
   verify->add_flag("--quick", options.quick, "Compare sizes and XXH128 only, not SHA-256");
   verify->add_flag("--quiet", options.quiet, "List damaged streams only");
   verify->add_flag("--json", options.json, "Write the result to standard output as a JSON object");
