@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <initializer_list>
+#include <iterator>
 #include <spdlog/fmt/fmt.h>
 #include <utility>
 
@@ -197,112 +198,119 @@ constexpr const char* kLastSuccess = "korvex_last_success_timestamp_seconds";
 constexpr const char* kCounter = "counter";
 constexpr const char* kGauge = "gauge";
 
+constexpr MetricFamily kDaemonFamilies[] = {
+    {"korvex_build_info", kGauge, "The daemon's version; always 1.", addBuildInfo},
+    {"korvex_start_timestamp_seconds", kGauge, "When the daemon started.",
+     [](Samples& to, const DaemonNumbers& from) {
+       to.add({{"daemon", from.name}}, seconds(from.started));
+     }},
+    {"korvex_written_timestamp_seconds", kGauge,
+     "When the daemon wrote these metrics, every 15 seconds at least.",
+     [](Samples& to, const DaemonNumbers& from) {
+       to.add({{"daemon", from.name}}, seconds(from.written));
+     }},
+    {"korvex_config_last_reload_successful", kGauge,
+     "Whether the last attempt to load the configuration succeeded.",
+     [](Samples& to, const DaemonNumbers& from) {
+       to.add({{"daemon", from.name}}, std::uint64_t{from.isReloadRefused ? 0u : 1u});
+     }},
+    {"korvex_config_last_reload_success_timestamp_seconds", kGauge,
+     "When the configuration was last loaded.",
+     [](Samples& to, const DaemonNumbers& from) {
+       to.add({{"daemon", from.name}}, seconds(from.configured));
+     }},
+    {"korvex_config_reload_failures_total", kCounter, "Refused reloads of the configuration.",
+     addFailures<&DaemonFailures::reloads>},
+    {"korvex_queue_creation_failures_total", kCounter,
+     "Queues that a reload added and that could not be created at once.",
+     addFailures<&DaemonFailures::newQueues>},
+    {"korvex_service_manager_failures_total", kCounter,
+     "Failed attempts to notify the service manager.", addFailures<&DaemonFailures::notifications>},
+    {"korvex_watchdog_withheld_total", kCounter,
+     "Times that the watchdog was not fed because a queue was stuck.",
+     addFailures<&DaemonFailures::feedings>},
+    {"korvex_shutdown_hangs_total", kCounter, "Shutdowns held up by a sink that did not return.",
+     addFailures<&DaemonFailures::ends>},
+    {"korvex_file_write_failures_total", kCounter,
+     "Failed attempts to write the statistics or the metrics.", addFileFailures},
+    {"korvex_log_lines_lost_total", kCounter, "Lines missing from the log, by reason.",
+     addLostLines},
+};
+
+constexpr MetricFamily kStreamFamilies[] = {
+    {"korvex_streams_opened_total", kCounter, "Streams that were opened.",
+     addCount<Count::StreamsOpened>},
+    {"korvex_streams_total", kCounter, "Streams that ended, by result.", addResults},
+    {"korvex_stream_open", kGauge, "Whether a stream is open.",
+     [](Samples& to, const DaemonNumbers& from) { addPerQueue(to, from, openStreams); }},
+    {kLastSuccess, kGauge, "When a stream last completed; 0 for never.", addLastSuccess},
+    {"korvex_bytes_total", kCounter, "Bytes of data that were handed to a sink.",
+     addCount<Count::Bytes>},
+    {"korvex_records_total", kCounter, "Records in valid batches.", addCount<Count::Records>},
+    {"korvex_records_dropped_total", kCounter, "Records outside of a stream or in a failed one.",
+     addCount<Count::DroppedRecords>},
+    {"korvex_records_refused_total", kCounter,
+     "Records against the protocol while no stream was open.",
+     addNumber<&QueueCounts::recordsRefused>},
+    {"korvex_batches_total", kCounter, "Messages that were received, damaged ones too.",
+     addCount<Count::Batches>},
+    {"korvex_batches_refused_total", kCounter, "Damaged batches, by what was wrong.", addRefusals},
+    {"korvex_engine_failures_total", kCounter,
+     "Streams that an engine did not store, by what went wrong with it.", addEngineFailures},
+    {"korvex_abandon_failures_total", kCounter,
+     "Incomplete streams that could not be marked as such.",
+     addNumber<&QueueCounts::abandonFailures>},
+    {"korvex_capture_failures_total", kCounter, "Messages that could not be captured.",
+     addNumber<&QueueCounts::captureFailures>},
+};
+
+constexpr MetricFamily kQueueFamilies[] = {
+    {"korvex_replies_total", kCounter, "Replies that were sent to producers.",
+     addCount<Count::RepliesSent>},
+    {"korvex_replies_withdrawn_total", kCounter,
+     "Replies to an earlier producer that were taken back.", addCount<Count::RepliesWithdrawn>},
+    {"korvex_replies_lost_total", kCounter, "Replies for which there was no room.",
+     addCount<Count::RepliesLost>},
+    {"korvex_replies_waiting", kGauge, "Replies that wait for room on the response queue.",
+     addCount<Count::RepliesPending>},
+    {"korvex_messages_waiting", kGauge, "Messages on the queue that the daemon has not taken.",
+     [](Samples& to, const DaemonNumbers& from) {
+       addPerQueue(to, from, [](const QueueNumbers& queue) { return queue.waiting; });
+     }},
+    {"korvex_queue_capacity_messages", kGauge, "Messages that the queue holds.",
+     [](Samples& to, const DaemonNumbers& from) {
+       addPerQueue(to, from, [](const QueueNumbers& queue) { return queue.capacity; });
+     }},
+    {"korvex_queue_full_seconds_total", kCounter,
+     "Time that the queue was full and producers had to wait, sampled once a second.",
+     [](Samples& to, const DaemonNumbers& from) {
+       addPerQueue(to, from, [](const QueueNumbers& queue) {
+         return fmt::format("{:.3f}", queue.fullSeconds);
+       });
+     }},
+    {"korvex_queue_served", kGauge,
+     "0 while the pair of queues is lost and not yet recreated, or could not be created at all.",
+     addServed},
+    {"korvex_queue_pairs_replaced_total", kCounter,
+     "Pairs of queues that became unusable and were given up.", addCount<Count::QueueReplacements>},
+    {"korvex_queue_pair_failures_total", kCounter,
+     "Times that a lost pair could not be recreated at once.",
+     addNumber<&QueueCounts::failuresToReplace>},
+    {"korvex_settings_failures_total", kCounter,
+     "Times that changed settings could not be applied and the old ones were kept.",
+     addNumber<&QueueCounts::settingsFailures>},
+    {"korvex_messages_untaken_total", kCounter,
+     "Messages that were lost with the queue when the daemon ended.",
+     addNumber<&QueueCounts::messagesLeft>},
+};
+
 }  // namespace
 
-const std::vector<MetricFamily>& metricFamilies() {
-  static const std::vector<MetricFamily> families = {
-      {"korvex_build_info", kGauge, "The daemon's version; always 1.", addBuildInfo},
-      {"korvex_start_timestamp_seconds", kGauge, "When the daemon started.",
-       [](Samples& to, const DaemonNumbers& from) {
-         to.add({{"daemon", from.name}}, seconds(from.started));
-       }},
-      {"korvex_written_timestamp_seconds", kGauge,
-       "When the daemon wrote these metrics, every 15 seconds at least.",
-       [](Samples& to, const DaemonNumbers& from) {
-         to.add({{"daemon", from.name}}, seconds(from.written));
-       }},
-      {"korvex_config_last_reload_successful", kGauge,
-       "Whether the last attempt to load the configuration succeeded.",
-       [](Samples& to, const DaemonNumbers& from) {
-         to.add({{"daemon", from.name}}, std::uint64_t{from.isReloadRefused ? 0u : 1u});
-       }},
-      {"korvex_config_last_reload_success_timestamp_seconds", kGauge,
-       "When the configuration was last loaded.",
-       [](Samples& to, const DaemonNumbers& from) {
-         to.add({{"daemon", from.name}}, seconds(from.configured));
-       }},
-      {"korvex_config_reload_failures_total", kCounter, "Refused reloads of the configuration.",
-       addFailures<&DaemonFailures::reloads>},
-      {"korvex_queue_creation_failures_total", kCounter,
-       "Queues that a reload added and that could not be created at once.",
-       addFailures<&DaemonFailures::newQueues>},
-      {"korvex_service_manager_failures_total", kCounter,
-       "Failed attempts to notify the service manager.",
-       addFailures<&DaemonFailures::notifications>},
-      {"korvex_watchdog_withheld_total", kCounter,
-       "Times that the watchdog was not fed because a queue was stuck.",
-       addFailures<&DaemonFailures::feedings>},
-      {"korvex_shutdown_hangs_total", kCounter, "Shutdowns held up by a sink that did not return.",
-       addFailures<&DaemonFailures::ends>},
-      {"korvex_file_write_failures_total", kCounter,
-       "Failed attempts to write the statistics or the metrics.", addFileFailures},
-      {"korvex_log_lines_lost_total", kCounter, "Lines missing from the log, by reason.",
-       addLostLines},
-      {"korvex_streams_opened_total", kCounter, "Streams that were opened.",
-       addCount<Count::StreamsOpened>},
-      {"korvex_streams_total", kCounter, "Streams that ended, by result.", addResults},
-      {"korvex_stream_open", kGauge, "Whether a stream is open.",
-       [](Samples& to, const DaemonNumbers& from) { addPerQueue(to, from, openStreams); }},
-      {kLastSuccess, kGauge, "When a stream last completed; 0 for never.", addLastSuccess},
-      {"korvex_bytes_total", kCounter, "Bytes of data that were handed to a sink.",
-       addCount<Count::Bytes>},
-      {"korvex_records_total", kCounter, "Records in valid batches.", addCount<Count::Records>},
-      {"korvex_records_dropped_total", kCounter, "Records outside of a stream or in a failed one.",
-       addCount<Count::DroppedRecords>},
-      {"korvex_records_refused_total", kCounter,
-       "Records against the protocol while no stream was open.",
-       addNumber<&QueueCounts::recordsRefused>},
-      {"korvex_batches_total", kCounter, "Messages that were received, damaged ones too.",
-       addCount<Count::Batches>},
-      {"korvex_batches_refused_total", kCounter, "Damaged batches, by what was wrong.",
-       addRefusals},
-      {"korvex_engine_failures_total", kCounter,
-       "Streams that an engine did not store, by what went wrong with it.", addEngineFailures},
-      {"korvex_abandon_failures_total", kCounter,
-       "Incomplete streams that could not be marked as such.",
-       addNumber<&QueueCounts::abandonFailures>},
-      {"korvex_capture_failures_total", kCounter, "Messages that could not be captured.",
-       addNumber<&QueueCounts::captureFailures>},
-      {"korvex_replies_total", kCounter, "Replies that were sent to producers.",
-       addCount<Count::RepliesSent>},
-      {"korvex_replies_withdrawn_total", kCounter,
-       "Replies to an earlier producer that were taken back.", addCount<Count::RepliesWithdrawn>},
-      {"korvex_replies_lost_total", kCounter, "Replies for which there was no room.",
-       addCount<Count::RepliesLost>},
-      {"korvex_replies_waiting", kGauge, "Replies that wait for room on the response queue.",
-       addCount<Count::RepliesPending>},
-      {"korvex_messages_waiting", kGauge, "Messages on the queue that the daemon has not taken.",
-       [](Samples& to, const DaemonNumbers& from) {
-         addPerQueue(to, from, [](const QueueNumbers& queue) { return queue.waiting; });
-       }},
-      {"korvex_queue_capacity_messages", kGauge, "Messages that the queue holds.",
-       [](Samples& to, const DaemonNumbers& from) {
-         addPerQueue(to, from, [](const QueueNumbers& queue) { return queue.capacity; });
-       }},
-      {"korvex_queue_full_seconds_total", kCounter,
-       "Time that the queue was full and producers had to wait, sampled once a second.",
-       [](Samples& to, const DaemonNumbers& from) {
-         addPerQueue(to, from, [](const QueueNumbers& queue) {
-           return fmt::format("{:.3f}", queue.fullSeconds);
-         });
-       }},
-      {"korvex_queue_served", kGauge,
-       "0 while the pair of queues is lost and not yet recreated, or could not be created at all.",
-       addServed},
-      {"korvex_queue_pairs_replaced_total", kCounter,
-       "Pairs of queues that became unusable and were given up.",
-       addCount<Count::QueueReplacements>},
-      {"korvex_queue_pair_failures_total", kCounter,
-       "Times that a lost pair could not be recreated at once.",
-       addNumber<&QueueCounts::failuresToReplace>},
-      {"korvex_settings_failures_total", kCounter,
-       "Times that changed settings could not be applied and the old ones were kept.",
-       addNumber<&QueueCounts::settingsFailures>},
-      {"korvex_messages_untaken_total", kCounter,
-       "Messages that were lost with the queue when the daemon ended.",
-       addNumber<&QueueCounts::messagesLeft>},
-  };
-  return families;
+std::vector<MetricFamily> metricFamilies() {
+  std::vector<MetricFamily> all(std::begin(kDaemonFamilies), std::end(kDaemonFamilies));
+  all.insert(all.end(), std::begin(kStreamFamilies), std::end(kStreamFamilies));
+  all.insert(all.end(), std::begin(kQueueFamilies), std::end(kQueueFamilies));
+  return all;
 }
 
 std::string metricsText(const DaemonNumbers& numbers) {

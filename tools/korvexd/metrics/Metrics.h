@@ -66,7 +66,7 @@ struct MetricFamily {
   void (*add)(Samples& to, const DaemonNumbers& from);
 };
 
-const std::vector<MetricFamily>& metricFamilies();
+std::vector<MetricFamily> metricFamilies();
 
 /// All of them, in the text format of Prometheus.
 std::string metricsText(const DaemonNumbers& numbers);
