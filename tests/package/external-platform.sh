@@ -1,5 +1,6 @@
 # external-platform.sh SOURCE COMPILER [LAUNCHER]: the library builds on a platform that is installed
-# elsewhere, does not install a second one, and its package finds the first.
+# elsewhere, does not install a second one, and its package finds the first. Without the receiving
+# library, which is optional.
 source "$(dirname "$0")/common.sh"
 
 platform=$work/platform
@@ -12,7 +13,7 @@ configure() {
   shift
   cmake -S "$source_tree" -B "$build" -G Ninja -DCMAKE_CXX_COMPILER="$compiler" \
     -DCMAKE_CXX_COMPILER_LAUNCHER="$launcher" -DKORVEX_PLATFORM=external \
-    -DKORVEX_BUILD_TESTS=OFF -DKORVEX_BUILD_TOOLS=OFF -DKORVEX_BUILD_MAN=OFF "$@"
+    -DKORVEX_BUILD_TESTS=OFF -DKORVEX_BUILD_RECEIVER=OFF -DKORVEX_BUILD_MAN=OFF "$@"
 }
 
 source_tree=$1 compiler=$2 launcher=${3:-}
@@ -24,7 +25,9 @@ grep -q qmxConfig.cmake "$work/log" || fail "the missing platform is not named: 
 configure "$work/build" -DCMAKE_PREFIX_PATH="$platform"
 cmake --build "$work/build"
 cmake --install "$work/build" --prefix "$work/installed" > /dev/null
-[ -z "$(find "$work/installed" -name '*qmx*')" ] || fail "a platform was installed as well"
+for absent in qmx receiver; do
+  [ -z "$(find "$work/installed" -name "*$absent*")" ] || fail "$absent was installed as well"
+done
 
 cmake -S "$here/consumer" -B "$work/consumer" -G Ninja -DCMAKE_CXX_COMPILER="$compiler" \
   -DCMAKE_PREFIX_PATH="$work/installed;$platform"

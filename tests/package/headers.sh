@@ -3,10 +3,27 @@
 # behind it.
 source "$(dirname "$0")/common.sh"
 
+# compile OPTION...: checks the program on standard input.
 compile() {
-  local header=$1
-  shift
-  echo "#include <$header>" | "${compiler[@]}" -x c++ -I "$PREFIX/include" "$@" -
+  "${compiler[@]}" -x c++ -I "$PREFIX/include" -fsyntax-only -pedantic \
+    -Wall -Wextra -Wconversion -Wshadow -Werror "$@" -
+}
+
+# check_headers "HEADER..." "STANDARD..." FORBIDDEN: each alone with the oldest and the newest standard,
+# where the standard library's headers include most and least; all together with every one.
+check_headers() {
+  local headers=$1 standards=($2) forbidden=$3 header standard
+  for header in $headers; do
+    for standard in "${standards[0]}" "${standards[-1]}"; do
+      echo "#include <$header>" | compile "-std=c++$standard" -MD -MF "$work/needed" ||
+        fail "$header with C++$standard"
+      ! grep -E "/($forbidden)" "$work/needed" || fail "$header needs the headers above"
+    done
+  done
+  for standard in "${standards[@]}"; do
+    printf '#include <%s>\n' $headers | compile "-std=c++$standard" ||
+      fail "all headers with C++$standard"
+  done
 }
 
 compiler=("$@")
@@ -17,20 +34,5 @@ for header in korvex/ShmCommon.h korvex/ShmBatch.h korvex/Channel.h korvex/ShmWr
   qmx/error.h qmx/log.h qmx/sink.h qmx/string.h qmx/trace.h; do
   grep -qx "$header" <<< "$headers" || fail "$header is not installed"
 done
-for header in $headers; do
-  for standard in 11 14 17 20 2b; do
-    compile "$header" -std=c++$standard -fsyntax-only -pedantic \
-      -Wall -Wextra -Wconversion -Wshadow -Werror || fail "$header with C++$standard"
-  done
-  needed=$(compile "$header" -std=c++11 -M)
-  ! grep "boost/" <<< "$needed" || fail "$header needs Boost's headers"
-done
-
-for header in $receivers; do
-  for standard in 17 20 2b; do
-    compile "$header" -std=c++$standard -fsyntax-only -pedantic \
-      -Wall -Wextra -Wconversion -Wshadow -Werror || fail "$header with C++$standard"
-  done
-  needed=$(compile "$header" -std=c++17 -M)
-  ! grep -E "/(boost|spdlog|nlohmann|openssl|xxh)" <<< "$needed" || fail "$header needs the headers above"
-done
+check_headers "$headers" "11 14 17 20 2b" boost
+check_headers "$receivers" "17 20 2b" "boost|spdlog|nlohmann|openssl|xxh"
