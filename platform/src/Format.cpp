@@ -8,7 +8,7 @@ namespace {
 // Everything that may come between the percent sign and the conversion letter: flags, position,
 // width, precision and length. In any order: text that is mistaken for such a conversion only loses
 // its formatting.
-constexpr char kBetween[] = " +-#0'I123456789*$.hlLqjzZt";
+constexpr const char* kBetween = " +-#0'I123456789*$.hlLqjzZt";
 
 /// Skips "wN" and "wfN", the lengths given in bits.
 const char* skipBitWidth(const char* position) noexcept {

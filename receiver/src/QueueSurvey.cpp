@@ -38,7 +38,7 @@ bool isPair(const std::string& batches, const std::string& replies) {
          QueueStatus(replies).condition() != Condition::Damaged;
 }
 
-/// A line of the system's table. False unless it is a lock that somebody has, as daemons take it.
+/// A line of the system's table. False unless it is a lock of the kind that daemons hold.
 bool readClaim(const std::string& line, std::pair<dev_t, ino_t>& file, pid_t& process) {
   unsigned major = 0;
   unsigned minor = 0;

@@ -9,7 +9,7 @@ namespace {
 
 using Source = ValueKind::Source;
 
-const char kShellOption[] = "--completion";
+constexpr const char* kShellOption = "--completion";
 
 std::string joined(const std::vector<std::string>& words, const std::string& separator = " ") {
   return CLI::detail::join(words, separator);

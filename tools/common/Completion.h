@@ -10,7 +10,7 @@ class App;
 namespace korvex::common {
 
 /// The names of the shells that completionFor() knows, as an option's type shows them.
-constexpr const char kShells[] = "bash|zsh|fish";
+constexpr const char* kShells = "bash|zsh|fish";
 
 /// For a command line: what is wrong with the word as a shell's name; empty when nothing is.
 std::string checkShell(const std::string& word);

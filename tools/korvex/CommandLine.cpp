@@ -21,7 +21,7 @@
 namespace korvex::tool {
 namespace {
 
-const char kEpilogue[] =
+constexpr const char* kEpilogue =
     "Is last night's backup missing?\n"
     "  korvex status         is there a daemon, is a stream open, how did the last one end\n"
     "  korvex verify DIR     are the stored streams still what was sent\n"

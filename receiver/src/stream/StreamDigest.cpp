@@ -12,7 +12,7 @@
 namespace korvex::receiver {
 namespace {
 
-/// On x86-64 with the widest registers that the processor at hand has, not with those that every
+/// On x86-64 with the widest registers that this processor has, not with those that every
 /// processor has.
 void update(XXH3_state_t* state, const unsigned char* data, std::size_t size) noexcept {
 #ifdef __x86_64__

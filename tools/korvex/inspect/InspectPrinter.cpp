@@ -16,7 +16,7 @@ using Json = nlohmann::ordered_json;
 
 constexpr int kOffsetWidth = 10;
 constexpr int kTypeWidth = 14;
-const char kIndent[] = "            ";
+constexpr const char* kIndent = "            ";
 
 class TextPrinter : public InspectPrinter {
  public:

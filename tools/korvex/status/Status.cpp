@@ -19,7 +19,7 @@ namespace {
 
 constexpr int kPeriod = 1000;     // milliseconds
 constexpr double kSilence = 2.5;  // seconds without new statistics: nothing moves
-const char kClear[] = "\x1b[H\x1b[J";
+constexpr const char* kClear = "\x1b[H\x1b[J";
 
 double secondsNow() {
   timespec now = {};

@@ -22,7 +22,7 @@ using Json = nlohmann::ordered_json;
 using Maker = receiver::HalfMadeQueue::Maker;
 
 /// A daemon that runs has queues, so this one has ended, or could not start.
-const char kNothing[] =
+constexpr const char* kNothing =
     "no queues in shared memory\n"
     "no daemon serves any here: its log says why, for example journalctl -u korvexd\n";
 

@@ -26,9 +26,8 @@ constexpr std::size_t kReadSize = std::size_t{16} * 1024;
 constexpr int kReadsForTheRest = 64;  // one pipe's capacity; a descendant may keep filling it
 constexpr int kFirstFree = keeper::kErrors + 1;
 
-const char kProgramOfThisProcess[] = "/proc/self/exe";
-const char kKeeperName[] = "korvexd-keeper";
-const char kStarting[] = "starting the engine's keeper";
+constexpr const char* kProgramOfThisProcess = "/proc/self/exe";
+constexpr const char* kStarting = "starting the engine's keeper";
 
 /// Above the numbers that the keeper gets its descriptors under, so that giving one of them does
 /// not close another.
@@ -69,7 +68,7 @@ std::vector<std::string> environmentWith(const std::vector<std::string>& variabl
 }
 
 std::vector<std::string> keepersWords(const Engine::Command& command) {
-  std::vector<std::string> words = {kKeeperName, kKeeperArgument,
+  std::vector<std::string> words = {keeper::kName, kKeeperArgument,
                                     std::to_string(command.timeout.count()), command.program};
   words.insert(words.end(), command.words.begin(), command.words.end());
   return words;

@@ -45,7 +45,6 @@ constexpr int kForever = -1;
 constexpr std::size_t kReadSize = 4096;
 constexpr milliseconds kFirstPause{1};
 constexpr milliseconds kLongestPause{1000};
-constexpr const char kProcessName[] = "korvexd-keeper";
 
 void closeOnExecute(int descriptor) { ::fcntl(descriptor, F_SETFD, FD_CLOEXEC); }
 
@@ -118,7 +117,7 @@ class EngineKeeper {
 /// of them wait; it is only the end of a child that it has to hear of.
 void EngineKeeper::prepare() {
   ::setsid();
-  ::prctl(PR_SET_NAME, kProcessName);
+  ::prctl(PR_SET_NAME, keeper::kName);
   adoptDescendants();
   ::signal(SIGCHLD, SIG_DFL);  // ignored, it would make children vanish with their exit codes
   sigset_t signals;

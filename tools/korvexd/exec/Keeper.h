@@ -19,6 +19,8 @@ constexpr const char* kKeeperArgument = "--keep-engine";
 
 namespace keeper {
 
+constexpr const char* kName = "korvexd-keeper";  ///< in the list of processes
+
 // 0 to 2 are the engine's input, output and errors.
 constexpr int kControl = 3;  ///< packets to and from the daemon
 constexpr int kInput = 4;    ///< the write end of the engine's input

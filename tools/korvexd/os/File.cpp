@@ -11,7 +11,7 @@
 namespace korvexd {
 namespace {
 
-const char kTemporarySuffix[] = ".tmp";
+constexpr const char* kTemporarySuffix = ".tmp";
 
 /// For a folder, which cannot have two names. A rename replaces no folder but an empty one, and
 /// nothing that is not a folder.

@@ -17,7 +17,7 @@ constexpr std::size_t kDigits = 8;
 constexpr std::size_t kMostDigits = 18;
 
 constexpr std::string_view kSuffix = ".batch";
-const char kStoring[] = "capturing a batch";
+constexpr const char* kStoring = "capturing a batch";
 
 /// The number in a file's name PREFIX-NUMBER.batch; 0 for any other name.
 std::uint64_t numberIn(const std::string& name, const std::string& prefix) {

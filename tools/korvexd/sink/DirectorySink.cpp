@@ -21,10 +21,10 @@ namespace {
 constexpr std::size_t kWorthAWrite = std::size_t{64} * 1024;
 constexpr mode_t kFileMode = 0600;
 
-const char kDataName[] = "data";
-const char kManifestName[] = "manifest.json";
-const char kWritingData[] = "writing data";
-const char kWritingManifest[] = "writing manifest";
+constexpr const char* kDataName = "data";
+constexpr const char* kManifestName = "manifest.json";
+constexpr const char* kWritingData = "writing data";
+constexpr const char* kWritingManifest = "writing manifest";
 
 }  // namespace
 
