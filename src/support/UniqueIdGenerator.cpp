@@ -47,7 +47,7 @@ UniqueIdGenerator* UniqueIdGenerator::getInstance() {
   // The compiler guards the first construction too. The lock on every call is there on purpose: it
   // holds even where the library is built without that guard.
   const AutoLock lock(&singletonLock);
-  static UniqueIdGenerator instance;  // GCOVR_EXCL_BR_LINE: under the lock nobody is first but us
+  static UniqueIdGenerator instance;  // GCOVR_EXCL_BR_LINE: the lock lets one thread in
   ForkGuard::singletonLock = &singletonLock;
   ForkGuard::generator = &instance;
   return &instance;
