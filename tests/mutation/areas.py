@@ -9,6 +9,8 @@ from dataclasses import dataclass
 
 from programs import Program
 
+SHARDS = 6
+
 
 def unit_program(path):
     # Unchanged, none takes more than a tenth of a second. This limit does not depend on how busy
@@ -16,9 +18,13 @@ def unit_program(path):
     return Program(path, ("--gtest_fail_fast", "--gtest_brief=1"), core_seconds=3)
 
 
-def tool_program(path):
+def tool_program(path, shards=1):
     # These wait for other threads and for files, so only the patience limits them.
-    return Program(path, ("--gtest_fail_fast", "--gtest_brief=1"))
+    return Program(path, ("--gtest_fail_fast", "--gtest_brief=1"), shards=shards)
+
+
+def slow_program(path):
+    return Program(path, shards=SHARDS)
 
 
 @dataclass(frozen=True)
@@ -45,12 +51,12 @@ LIBRARY_GROUND = (r"(src|include|platform|cmake|tests/support)/.*|CMakeLists\.tx
 TOOLS_GROUND = (r"(src|include|platform|receiver|tools|cmake|tests/support)/.*"
                 r"|CMakeLists\.txt|tests/unit/([^/]*/)?[^/]*(?<!Test)\.(h|cpp)")
 
-SEND_TESTS = Program("tests/integration/korvex_send_integration_tests")
-STRANGE_OBJECT_TESTS = Program("tests/integration/korvexd_strange_object_tests")
-STATUS_TESTS = Program("tests/integration/korvex_status_tests")
-EXEC_TESTS = Program("tests/integration/korvexd_exec_tests")
-DAEMON_TESTS = Program("tests/integration/korvexd_integration_tests")
-OPERATING_TESTS = Program("tests/integration/korvexd_operating_tests")
+SEND_TESTS = slow_program("tests/integration/korvex_send_integration_tests")
+STRANGE_OBJECT_TESTS = slow_program("tests/integration/korvexd_strange_object_tests")
+STATUS_TESTS = slow_program("tests/integration/korvex_status_tests")
+EXEC_TESTS = slow_program("tests/integration/korvexd_exec_tests")
+DAEMON_TESTS = slow_program("tests/integration/korvexd_integration_tests")
+OPERATING_TESTS = slow_program("tests/integration/korvexd_operating_tests")
 
 AREAS = (
     Area("library",
@@ -63,16 +69,16 @@ AREAS = (
           (Program(PROPERTY, ("--gtest_filter=*KeptScript*", "--gtest_brief=1")),
            Program(PROPERTY, ("--gtest_fail_fast", "--gtest_brief=1"),
                    {"RC_PARAMS": "seed=1 max_success=200 noshrink=1"}))),
-         (Program("tests/unit/receiver/korvex_receiver_unit_tests"),
-          Program("tests/unit/korvex/korvex_tool_unit_tests"),
-          Program("tests/integration/korvex_strange_object_tests"),
+         (slow_program("tests/unit/receiver/korvex_receiver_unit_tests"),
+          slow_program("tests/unit/korvex/korvex_tool_unit_tests"),
+          slow_program("tests/integration/korvex_strange_object_tests"),
           STRANGE_OBJECT_TESTS, DAEMON_TESTS, SEND_TESTS),
          LIBRARY_GROUND),
     Area("receiver",
          (r"receiver/.*\.(cpp|h)",),
          90,
-         (tuple(tool_program(f"tests/unit/receiver/korvex_receiver_{name}_tests")
-                for name in ("unit", "stale_queue")),),
+         ((tool_program("tests/unit/receiver/korvex_receiver_stale_queue_tests"),
+           tool_program("tests/unit/receiver/korvex_receiver_unit_tests", SHARDS)),),
          (DAEMON_TESTS, STRANGE_OBJECT_TESTS, EXEC_TESTS, SEND_TESTS),
          TOOLS_GROUND),
     Area("daemon",
@@ -83,15 +89,15 @@ AREAS = (
           tuple(tool_program(f"tests/unit/korvexd/korvexd_{name}_tests")
                 for name in ("rename", "writeback", "log_loss", "age", "refused_digest",
                               "engine_end"))),
-         (DAEMON_TESTS, Program("tests/integration/korvexd_failing_sink_tests"), EXEC_TESTS,
+         (DAEMON_TESTS, slow_program("tests/integration/korvexd_failing_sink_tests"), EXEC_TESTS,
           STRANGE_OBJECT_TESTS, SEND_TESTS, OPERATING_TESTS),
          TOOLS_GROUND),
     Area("tool",
          (r"tools/(korvex|common)/.*\.(cpp|h)",),
          90,
-         (tuple(tool_program(f"tests/unit/korvex/korvex_tool_{name}_tests")
-                for name in ("unit", "system_call")),
-          (tool_program("tests/unit/common/korvex_common_unit_tests"),)),
+         ((tool_program("tests/unit/common/korvex_common_unit_tests"),
+           tool_program("tests/unit/korvex/korvex_tool_system_call_tests")),
+          (tool_program("tests/unit/korvex/korvex_tool_unit_tests", SHARDS),)),
          (SEND_TESTS, STATUS_TESTS, EXEC_TESTS, DAEMON_TESTS),
          TOOLS_GROUND),
 )

@@ -9,7 +9,8 @@ from report import Tried
 from workshop import EQUIVALENT, INVALID, SURVIVED, Verdict, tree_files
 
 # What the verdicts depend on; pages and explanations may change meanwhile.
-DECISIVE = ("src/", "include/", "platform/", "tools/", "tests/", "cmake/", "CMakeLists.txt")
+DECISIVE = ("src/", "include/", "platform/", "receiver/", "tools/", "tests/", "cmake/",
+            "CMakeLists.txt")
 WITHOUT_INFLUENCE = "tests/mutation/survivors.json"
 
 QUICK_TESTS = re.compile(r"tests/(unit|property)/([^/]*/)?[^/]*Test\.cpp")

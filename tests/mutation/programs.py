@@ -25,10 +25,18 @@ class Program:
     arguments: tuple = ()
     environment: dict = field(default_factory=dict, hash=False, compare=False)
     core_seconds: int = 0  # that it may use; 0 for any number
+    shards: int = 1        # processes that its tests are spread over, all at once
 
     @property
     def name(self):
         return pathlib.PurePath(self.path).name
+
+    def shard_environments(self):
+        """What to add to the environment of each process."""
+        if self.shards == 1:
+            return [{}]
+        return [{"GTEST_TOTAL_SHARDS": str(self.shards), "GTEST_SHARD_INDEX": str(index)}
+                for index in range(self.shards)]
 
     def command(self, build):
         return [build / self.path, *self.arguments]
@@ -89,21 +97,24 @@ def run(program, build, patience, environment=None):
     since = time.time() - 1
     is_late = False
     variables = dict(os.environ, TMPDIR=scratch, **program.environment, **(environment or {}))
+    # A file, not a pipe: what a test started may outlive it, and would keep a pipe open.
+    output = tempfile.TemporaryFile()
     process = subprocess.Popen(command, cwd=command[0].parent, env=variables,
-                               stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                               stderr=subprocess.STDOUT, start_new_session=True,
+                               stdin=subprocess.DEVNULL, stdout=output, stderr=output,
+                               start_new_session=True,
                                preexec_fn=lambda: limit(program.core_seconds))
     try:
-        output, _ = process.communicate(timeout=patience)
-        complaint = complaint_of(program, process.returncode, output.decode(errors="replace"))
+        code = process.wait(timeout=patience)
+        output.seek(0)
+        complaint = complaint_of(program, code, output.read().decode(errors="replace"))
     except subprocess.TimeoutExpired:
         complaint = f"{program.name}: no end within {patience:.0f} s"
         is_late = True
     finally:
         # The group, also after an orderly end: what a test started may have outlived it.
         end_group(process)
-        process.stdout.close()
         process.wait()
+        output.close()
         shutil.rmtree(scratch, ignore_errors=True)
         sweep(since)
     return Ending(complaint, time.monotonic() - started, is_late)

@@ -6,6 +6,7 @@ import re
 import unittest
 
 from areas import AREAS
+from journal import DECISIVE
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 FOLDERS = ("src", "include/korvex", "receiver", "tools")
@@ -36,6 +37,7 @@ class Areas(unittest.TestCase):
         for area in AREAS:
             for name in filter(area.has, sources()):
                 self.assertRegex(name, area.ground)
+                self.assertTrue(name.startswith(DECISIVE), name)
 
 
 if __name__ == "__main__":

@@ -23,8 +23,9 @@ SPARED = "not tried with the slow tests"
 OPTIMISED = ["-O2", "-g0"]
 SHORTEST_PATIENCE = 8
 PATIENCE_FACTOR = 10
+LONG_PATIENCE = 30
+LONG_PATIENCE_FACTOR = 2
 LONGEST_PATIENCE = 180
-SHARDS = 6
 
 
 @dataclass(frozen=True)
@@ -57,10 +58,11 @@ class Workshop:
         self.source = folder / "source"
         self.build = folder / "build"
         self._proof = folder / "passes-unchanged.json"
+        # The compiler's cache, if there is one, then knows one copy's objects in the other, too.
+        self._environment = dict(os.environ, CCACHE_BASEDIR=str(folder), CCACHE_NOHASHDIR="1")
         self._originals = {}
         self._objects = {}
         self._optimised = {}
-        self._changed = None
         self._patience = {}
 
     def prepare(self, jobs, fingerprint):
@@ -70,6 +72,8 @@ class Workshop:
         failed = self._make(self._all_paths(), jobs)
         if failed:
             raise SystemExit("the tree does not build:\n" + failed)
+        self._objects = {str(path.relative_to(self.build)): digest(path)
+                         for path in self.build.rglob("*.cpp.o")}
         proof = [fingerprint, *self._all_paths()]
         if not self._is_proved(proof):
             self._prove(proof)
@@ -93,18 +97,17 @@ class Workshop:
 
     def _prove(self, proof):
         self._patience = {}
-        for program in self._quick_programs():
-            self._note_time(program, run(program, self.build, LONGEST_PATIENCE))
-        shards = self._shards(self._areas)
-        for shard, ending in zip(shards, self._run_shards(shards)):
-            # As with a mutant: only what fails again, by itself, counts.
-            self._note_time(shard[0], self._run_shard(shard) if ending.complaint else ending)
+        slow = self._slow_programs(self._areas)
+        for programs in [[each] for each in self._quick_programs()] + [slow]:
+            for program, ending in self._endings(programs):
+                self._note_time(program, ending)
         self._proof.write_text(json.dumps({"proof": proof, "patience": self._patience}))
 
     def _note_time(self, program, ending):
         if ending.complaint:
             raise SystemExit("without any mutant: " + ending.complaint)
-        patience = SHORTEST_PATIENCE + PATIENCE_FACTOR * ending.seconds
+        patience = SHORTEST_PATIENCE + min(PATIENCE_FACTOR * ending.seconds,
+                                           LONG_PATIENCE + LONG_PATIENCE_FACTOR * ending.seconds)
         self._patience[program.path] = max(patience, self._patience.get(program.path, 0))
 
     def _copy_tree(self):
@@ -116,7 +119,9 @@ class Workshop:
 
     def _configure(self):
         speed = pathlib.Path(__file__).parent / "speed.cmake"
+        cache = shutil.which("ccache")
         subprocess.run(["cmake", "-S", self.source, "-B", self.build, "-G", "Ninja",
+                        *([f"-DCMAKE_CXX_COMPILER_LAUNCHER={cache}"] if cache else []),
                         "-DCMAKE_BUILD_TYPE=None", "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON",
                         "-DCMAKE_CXX_FLAGS=-O0 -w", f"-DCMAKE_PROJECT_korvex_INCLUDE={speed}",
                         "-DKORVEX_BUILD_TESTS=ON", "-DKORVEX_WERROR=OFF",
@@ -127,13 +132,11 @@ class Workshop:
     def _make(self, targets, jobs=1):
         """The errors; empty when all is built."""
         done = subprocess.run(["ninja", "-C", self.build, "-j", str(jobs), *targets],
-                              capture_output=True, text=True)
+                              env=self._environment, capture_output=True, text=True)
         return "" if done.returncode == 0 else (done.stdout + done.stderr)[-2000:]
 
     def try_mutant(self, mutant):
         started = time.monotonic()
-        self._leave_file_of_another(mutant)
-        self._remember_objects(mutant.file)
         place = self.source / mutant.file
         original = self._originals.setdefault(mutant.file, place.read_text())
         place.write_text(mutant.applied_to(original))
@@ -142,12 +145,6 @@ class Workshop:
         finally:
             place.write_text(original)
         return Verdict(outcome, reason, time.monotonic() - started)
-
-    def _leave_file_of_another(self, mutant):
-        """Rebuilds the previous file, so that its objects are the original's again."""
-        if self._changed not in (None, mutant.file):
-            self._make(self._all_paths())
-        self._changed = mutant.file
 
     def _judge(self, mutant):
         area = area_of(mutant.file)
@@ -158,49 +155,53 @@ class Workshop:
             if stage is area.stages[0] and self._has_same_objects(mutant.file):
                 return EQUIVALENT, "the same machine code without optimisation"
             for program in stage:
-                complaint = self._complaint(program)
+                complaint = self._complaint([program])
                 if complaint:
                     return KILLED, complaint
         if self._is_same_optimised(mutant):
             return EQUIVALENT, "the same machine code with optimisation"
         return self._judge_slowly(area) if self._needs_slow_tests(mutant) else (SURVIVED, SPARED)
 
-    def _complaint(self, program):
-        """A busy machine is no mistake of the mutant's: who was late gets twice the time once."""
-        ending = run(program, self.build, self._patience[program.path])
-        if ending.is_late:
-            ending = run(program, self.build, 2 * self._patience[program.path])
-        return ending.complaint
-
     def _judge_slowly(self, area):
         failed = self._make(self._all_paths())
         if failed:
             return INVALID, first_error(failed)
-        # These wait for other processes, and much runs at once: only what fails again counts.
-        shards = self._shards([area])
-        for shard, ending in zip(shards, self._run_shards(shards)):
-            if ending.complaint and self._run_shard(shard).complaint:
-                return KILLED, ending.complaint
-        return SURVIVED, ""
+        complaint = self._complaint(self._slow_programs([area]))
+        return (KILLED, complaint) if complaint else (SURVIVED, "")
 
-    def _run_shards(self, shards):
-        """All at once: they mostly wait."""
-        with ThreadPoolExecutor(2 * SHARDS) as pool:
-            return list(pool.map(self._run_shard, shards))
+    def _complaint(self, programs):
+        """The first of them; empty if there is none."""
+        return next((ending.complaint for _, ending in self._endings(programs) if ending.complaint),
+                    "")
 
-    def _shards(self, areas):
-        return [(program, {"GTEST_TOTAL_SHARDS": str(SHARDS), "GTEST_SHARD_INDEX": str(index)})
-                for program in self._slow_programs(areas) for index in range(SHARDS)]
+    def _endings(self, programs):
+        """Runs the programs, and yields how each of their shards ended.
 
-    def _run_shard(self, shard):
+        All at once, since they mostly wait. So a complaint counts only if it comes again from the
+        shard by itself.
+        """
+        shards = [(program, environment) for program in programs
+                  for environment in program.shard_environments()]
+        with ThreadPoolExecutor(2 * max((each.shards for each in programs), default=1)) as pool:
+            endings = list(pool.map(self._run_shard, shards))
+        for shard, ending in zip(shards, endings):
+            yield shard[0], self._run_again(shard, ending) if ending.complaint else ending
+
+    def _run_shard(self, shard, factor=1):
         program, environment = shard
         patience = self._patience.get(program.path, LONGEST_PATIENCE)
-        return run(program, self.build, patience, environment)
+        return run(program, self.build, factor * patience, environment)
+
+    def _run_again(self, shard, first):
+        """A busy machine is no mistake of the mutant's: who was late gets twice the time."""
+        if shard[0].shards > 1 or first.is_late:
+            return self._run_shard(shard, 2 if first.is_late else 1)
+        return first
 
     def _units(self, file):
-        """The compile commands of what includes the file, by object."""
+        """The compile commands of what includes the file."""
         includers = self._includers(file)
-        return {name: words for name, words in self._commands().items() if name in includers}
+        return [words for name, words in self._commands().items() if name in includers]
 
     def _commands(self):
         database = subprocess.run(["ninja", "-C", self.build, "-t", "compdb"], check=True,
@@ -221,32 +222,28 @@ class Workshop:
                 names.add(current)
         return names
 
-    def _remember_objects(self, file):
-        if file in self._objects:
-            return
-        self._objects[file] = {name: digest(self.build / name) for name in self._includers(file)
-                               if name.endswith(".cpp.o")}
-
     def _has_same_objects(self, file):
         """Only for sources: in a header, functions that are not called here leave no code."""
-        objects = self._objects[file]
+        objects = [name for name in self._includers(file) if name in self._objects]
         return file.endswith(".cpp") and objects and all(
-            digest(self.build / name) == known for name, known in objects.items())
+            digest(self.build / name) == self._objects[name] for name in objects)
 
     def _is_same_optimised(self, mutant):
         if mutant.file.startswith("include/"):
             return False
-        place = self.source / mutant.file
-        changed = place.read_text()
         units = self._units(mutant.file)
-        if mutant.file not in self._optimised:
+        return bool(units) and all(self._optimise(words) == self._optimised_original(mutant, words)
+                                   for words in units)
+
+    def _optimised_original(self, mutant, words):
+        key = tuple(words)
+        if key not in self._optimised:
+            place = self.source / mutant.file
+            changed = place.read_text()
             place.write_text(self._originals[mutant.file])
-            self._optimised[mutant.file] = {name: self._optimise(words)
-                                            for name, words in units.items()}
+            self._optimised[key] = self._optimise(words)
             place.write_text(changed)
-        known = self._optimised[mutant.file]
-        return bool(units) and all(self._optimise(words) == known[name]
-                                   for name, words in units.items())
+        return self._optimised[key]
 
     def _optimise(self, words):
         """The digest of the unit's object as the optimiser makes it."""
@@ -256,7 +253,8 @@ class Workshop:
         for option in ("-MF", "-MT"):
             if option in command:
                 command[command.index(option) + 1] = str(place) + ".d"
-        done = subprocess.run([*command, *OPTIMISED], cwd=self.build, capture_output=True)
+        done = subprocess.run([*command, *OPTIMISED], cwd=self.build, env=self._environment,
+                              capture_output=True)
         return digest(place) if done.returncode == 0 else object()
 
 
