@@ -19,8 +19,8 @@ def unit_program(path):
 
 
 def tool_program(path, shards=1):
-    # These wait for other threads and for files, so only the patience limits them.
-    return Program(path, ("--gtest_fail_fast", "--gtest_brief=1"), shards=shards)
+    # These mostly wait for other threads and for files.
+    return Program(path, ("--gtest_fail_fast", "--gtest_brief=1"), core_seconds=20, shards=shards)
 
 
 def slow_program(path):
