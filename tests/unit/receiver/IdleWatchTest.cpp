@@ -234,6 +234,13 @@ class WatchedReceiver : public testing::Test {
     if (thread_.joinable()) thread_.join();
   }
 
+  Receiver::Settings settings() {
+    Receiver::Settings settings{name_, {4, 4096}};
+    settings.idleTimeout = seconds(3);
+    settings.idleWatch = &watch_;
+    return settings;
+  }
+
   std::unique_ptr<ShmWriter> open() const {
     auto writer = std::make_unique<ShmWriter>("test", name_, 60, 60, false);
     writer->open();
@@ -258,7 +265,7 @@ class WatchedReceiver : public testing::Test {
   Story story_;
   std::atomic<bool> sinkIsLost_{false};
   std::atomic<bool> stop_{false};
-  Receiver receiver_{{name_, {4, 4096}, 0600, Receiver::Existing::Refuse, seconds(3), {}, &watch_},
+  Receiver receiver_{settings(),
                      [this](const std::string&, std::time_t) {
                        return std::make_unique<StorySink>(story_, sinkIsLost_);
                      },

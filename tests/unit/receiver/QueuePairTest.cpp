@@ -32,6 +32,12 @@ class QueuePairTest : public testing::Test {
     return std::make_unique<QueuePair>(Receiver::Settings{name_, limits, mode}, existing);
   }
 
+  Receiver::Settings settingsFor(gid_t group) const {
+    Receiver::Settings settings{name_, kLimits, 0660};
+    settings.group = group;
+    return settings;
+  }
+
   std::string refusal(Receiver::Existing existing) {
     try {
       make(existing);
@@ -108,8 +114,7 @@ TEST_F(QueuePairTest, GivesThePermissionsAskedForWhateverTheUmask) {
 
 TEST_F(QueuePairTest, GivesItsQueuesToTheGroup) {
   const gid_t group = korvex::test::isRoot() ? kForeignGroup : ::getegid();
-  const QueuePair pair({name_, kLimits, 0660, Receiver::Existing::Refuse, {}, group},
-                       Receiver::Existing::Refuse);
+  const QueuePair pair(settingsFor(group), Receiver::Existing::Refuse);
   for (const std::string& name : {name_, replies_}) {
     struct stat found = {};
     ASSERT_EQ(::stat(("/dev/shm/" + name).c_str(), &found), 0);
@@ -122,8 +127,7 @@ TEST_F(QueuePairTest, LeavesNothingWhenTheGroupIsNotItsOwn) {
   const std::string result = korvex::test::resultOfChild([this]() -> std::string {
     korvex::test::dropPrivileges();
     try {
-      const QueuePair pair({name_, kLimits, 0660, Receiver::Existing::Refuse, {}, kForeignGroup},
-                           Receiver::Existing::Refuse);
+      const QueuePair pair(settingsFor(kForeignGroup), Receiver::Existing::Refuse);
     } catch (const std::exception& error) {
       return temporaryNamesAreLeft() ? "something left" : error.what();
     }
