@@ -93,11 +93,17 @@ TEST_F(Clean, AsksOnATerminal) {
     EXPECT_EQ(tool->wait(), 1);
     EXPECT_TRUE(isThere()) << answer;
   }
-  Terminal fresh(80);
-  const auto tool = asking(fresh);
-  fresh.type("y\n");
-  EXPECT_EQ(tool->wait(), 0) << tool->errors();
-  EXPECT_TRUE(isGone());
+}
+
+TEST_F(Clean, TakesTheLetterYForAYes) {
+  for (const char* answer : {"y\n", "y\x04"}) {  // the second ends the input after one letter
+    leaveByADeadDaemon();
+    Terminal terminal(80);
+    const auto tool = asking(terminal);
+    terminal.type(answer);
+    EXPECT_EQ(tool->wait(), 0) << tool->errors();
+    EXPECT_TRUE(isGone());
+  }
 }
 
 TEST_F(Clean, TakesNothingForAnAnswerThatWasTypedBefore) {

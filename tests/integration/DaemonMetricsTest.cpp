@@ -432,6 +432,8 @@ std::vector<DaemonMetrics::Path> DaemonMetrics::hangs() {
 class FailingPath : public DaemonMetrics,
                     public testing::WithParamInterface<DaemonMetrics::Path> {};
 
+constexpr double kBelowZero = 1e18;  ///< what a counter that is counted down is above
+
 const auto kName = [](const auto& info) { return std::string(info.param.name); };
 
 INSTANTIATE_TEST_SUITE_P(OfStreams, FailingPath, testing::ValuesIn(DaemonMetrics::streams()),
@@ -453,6 +455,7 @@ INSTANTIATE_TEST_SUITE_P(OfHangs, FailingPath, testing::ValuesIn(DaemonMetrics::
 TEST_P(FailingPath, ShowsInTheMetrics) {
   GetParam().provoke(*this);
   EXPECT_TRUE(eventually([this] { return metric(GetParam().sample) > 0; })) << daemon_->errors();
+  EXPECT_LT(metric(GetParam().sample), kBelowZero);
 }
 
 TEST_F(DaemonMetrics, KeepTheLastSuccessAcrossARestart) {

@@ -24,7 +24,7 @@ def tool_program(path, shards=1):
 
 
 def slow_program(path):
-    return Program(path, shards=SHARDS)
+    return Program(path, ("--gtest_fail_fast", "--gtest_brief=1"), shards=SHARDS)
 
 
 @dataclass(frozen=True)

@@ -1,4 +1,5 @@
 #include <gmock/gmock.h>
+#include <grp.h>
 #include <sstream>
 
 #include "korvexd/config/Configuration.h"
@@ -97,7 +98,8 @@ TEST_F(ConfigurationTest, TakesTheDaemonsKeys) {
 
 TEST_F(ConfigurationTest, NamesGroupsByNameOrNumber) {
   const std::string table = "[queue.a]\ndiscard = true\ngroup = ";
-  EXPECT_EQ(queueIn(table + "'root'").receiver.group, gid_t{0});
+  ASSERT_NE(::getgrnam("daemon"), nullptr);
+  EXPECT_EQ(queueIn(table + "'daemon'").receiver.group, ::getgrnam("daemon")->gr_gid);
   EXPECT_EQ(queueIn(table + "'54321'").receiver.group, gid_t{54321});
 }
 

@@ -188,6 +188,13 @@ TEST_F(MetricsFileTest, KnowsAQueueThatCannotBeMade) {
   EXPECT_THAT(written(), HasSubstr(sample + "\"new\"} 0\n"));
 }
 
+TEST_F(MetricsFileTest, GivesNoReasonWhereThereIsNone) {
+  MetricsFile file(path_, 0, noFailures);
+  update(file);
+  EXPECT_THAT(written(), HasSubstr("korvex_batches_refused_total{queue=\"shop\",reason="));
+  EXPECT_THAT(written(), Not(HasSubstr("\"none\"")));
+}
+
 TEST_F(MetricsFileTest, CountsEnginesByQueue) {
   MetricsFile file(path_, 0, [](const std::string& queue) {
     EngineFailureCounts counts = {};
