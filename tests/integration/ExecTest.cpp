@@ -216,6 +216,13 @@ TEST_F(ExecTest, BoundsWhatATalkativeEngineLogs) {
   EXPECT_LT(linesWith(daemon->errors(), "engine: line"), 2000u);
 }
 
+TEST_F(ExecTest, LogsALineThatComesByteByByte) {
+  const auto daemon = startExec(script("printf x; head -c 3 >/dev/null; printf y; cat; echo z"));
+  EXPECT_STREQ(replyTo("abc").message, kAbcReceipt);
+  end(*daemon);
+  EXPECT_THAT(daemon->errors(), HasSubstr("engine: xyz\n"));
+}
+
 TEST_F(ExecTest, WaitsForNobodyWhoKeepsTheOutputOpen) {
   const auto daemon = startExec(script("cat >/dev/null; setsid sleep 1000 & exit 0"));
   EXPECT_STREQ(replyTo("abc").message, kAbcReceipt);
