@@ -327,6 +327,19 @@ TEST_F(Status, RedrawsOnATerminal) {
   EXPECT_EQ(tool.wait(), -SIGTERM);
 }
 
+TEST_F(Status, CutsNothingWithoutAUsableWidth) {
+  const Pair pair(queue_);
+  for (const unsigned short columns : std::initializer_list<unsigned short>{0, 1}) {
+    korvex::test::Terminal terminal(columns);
+    Process tool({"/bin/sh", "-c", "exec \"$0\" status --watch --queue \"$1\" >\"$2\"",
+                  KORVEX_PROGRAM, queue_, terminal.name()});
+    EXPECT_TRUE(eventually([&] { return terminal.text().find(queue_) != std::string::npos; }))
+        << columns;
+    tool.signal(SIGTERM);
+    EXPECT_EQ(tool.wait(), -SIGTERM);
+  }
+}
+
 TEST_F(Status, CutsLinesBetweenCharacters) {
   std::string name = queue_ + "-";
   for (int i = 0; i < 60; ++i) name += "\u00fc";
