@@ -114,6 +114,7 @@ TEST_F(Status, FindsItAmongAll) {
   for (const json& queue : found["queues"]) names.push_back(queue["name"]);
   EXPECT_THAT(names, Contains(queue_).Times(1));
   EXPECT_THAT(names, testing::Not(Contains(queue_ + "Response")));
+  EXPECT_THAT(names, testing::Not(Contains("")));
   end(*daemon);
 }
 
