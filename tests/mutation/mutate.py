@@ -32,7 +32,8 @@ def parse(arguments):
     parser.add_argument("--jobs", type=int, default=os.cpu_count(), metavar="N",
                         help="builds at once, each in a copy of its own (default: all cores)")
     parser.add_argument("--only", action="append", metavar="FILE",
-                        help="mutants of this file; may be given several times")
+                        help="mutants of this file, or of library, receiver, daemon or tool; may "
+                             "be given several times")
     parser.add_argument("--sample", type=int, metavar="N", help="N mutants, chosen at random")
     parser.add_argument("--seed", type=int, default=1, help="for the choice (default: 1)")
     parser.add_argument("--seconds", type=float, default=float("inf"), metavar="S",
@@ -54,9 +55,14 @@ def chosen_files(only):
     if not only:
         return files
     for wanted in only:
-        if not any(name.endswith(wanted) for name in files):
-            sys.exit(f"--only {wanted}: expected one of " + ", ".join(files))
-    return [name for name in files if any(name.endswith(wanted) for wanted in only)]
+        if not any(is_meant(name, wanted) for name in files):
+            areas = [area.name for area in AREAS]
+            sys.exit(f"--only {wanted}: expected one of " + ", ".join(areas + files))
+    return [name for name in files if any(is_meant(name, wanted) for wanted in only)]
+
+
+def is_meant(name, wanted):
+    return name.endswith(wanted) or area_of(name).name == wanted
 
 
 def chosen_mutants(options):
@@ -114,7 +120,8 @@ class Run:
             mutant, verdict = tried.mutant, tried.verdict
             place = f"{mutant.file}:{mutant.line} {mutant.operator}"
             what = mutant.after if verdict.outcome == SURVIVED else verdict.reason
-            print(f"{len(self.tried)}/{self._count} {verdict.outcome:10} {place}: {what}", flush=True)
+            print(f"{len(self.tried)}/{self._count} {verdict.outcome:10} {place}: {what}",
+                  flush=True)
 
 
 def prepare(options, areas, needs_slow_tests, tree):
