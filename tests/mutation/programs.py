@@ -88,6 +88,17 @@ def end_group(process):
         pass
 
 
+def end_leftovers(scratch):
+    """Ends what left the group of the test that has this temporary folder."""
+    mark = f"TMPDIR={scratch}".encode()
+    for environment in pathlib.Path("/proc").glob("[0-9]*/environ"):
+        try:
+            if mark in environment.read_bytes().split(b"\0"):
+                os.kill(int(environment.parent.name), signal.SIGKILL)
+        except OSError:
+            pass  # it is gone, or another user's
+
+
 def run(program, build, patience, environment=None):
     """Runs it in a session and a temporary folder of its own; both are gone afterwards."""
     command = program.command(build)
@@ -114,6 +125,7 @@ def run(program, build, patience, environment=None):
         # The group, also after an orderly end: what a test started may have outlived it.
         end_group(process)
         process.wait()
+        end_leftovers(scratch)
         output.close()
         shutil.rmtree(scratch, ignore_errors=True)
         sweep(since)

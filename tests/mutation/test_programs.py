@@ -1,11 +1,19 @@
 """Tests of running test programs."""
 
 import pathlib
+import tempfile
 import unittest
 
 from programs import Program, run
 
 BIN = pathlib.Path("/bin")
+
+
+def is_running(process):
+    try:
+        return " Z " not in pathlib.Path(f"/proc/{process}/stat").read_text()
+    except FileNotFoundError:
+        return False
 
 
 def shell(script, patience):
@@ -16,6 +24,13 @@ class Run(unittest.TestCase):
     def test_is_over_when_the_program_is_whatever_it_left_behind(self):
         ending = shell("echo '[  FAILED  ] Suite.Test (1 ms)'; sleep 600 & exit 3", 300)
         self.assertEqual((ending.complaint, ending.is_late), ("sh: Suite.Test", False))
+
+    def test_leaves_nothing_that_runs_on(self):
+        with tempfile.NamedTemporaryFile() as place:
+            shell(f"setsid sh -c 'echo $$ > {place.name}; exec sleep 600' & "
+                  f"until [ -s {place.name} ]; do sleep 0.01; done", 300)
+            left = int(place.read())
+        self.assertFalse(is_running(left))
 
     def test_is_late_when_the_program_does_not_end(self):
         ending = shell("exec sleep 600", 0.1)
