@@ -96,11 +96,18 @@ def other_constants(text):
             for other in sorted(others, reverse=True)]
 
 
+def means_none(source, index):
+    """Whether it is the 1 of -1: any other negative number would mean the same."""
+    return (source.word(index) == "1" and source.word(index - 1) == "-"
+            and not source.is_binary(index - 1))
+
+
 def constant(source):
     for index, token in places(source):
         if token.kind == "number":
             for other in other_constants(token.text):
-                yield replace(token, other)
+                if not (other == "2" and means_none(source, index)):
+                    yield replace(token, other)
         elif token.text in ("true", "false"):
             yield replace(token, "false" if token.text == "true" else "true")
 

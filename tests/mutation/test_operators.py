@@ -48,6 +48,11 @@ class Operators(unittest.TestCase):
         self.expect("constant", "g(0600);", "g(0601);", "g(0577);", "g(0);")
         self.expect("constant", "g(true);", "g(false);")
 
+    def test_minus_one_keeps_its_meaning_or_loses_it(self):
+        self.expect("constant", "g(-1);", "g(-0);")
+        self.expect("constant", "g(a - 1);", "g(a - 2);", "g(a - 0);")
+        self.expect("constant", "g(-2);", "g(-3);", "g(-1);", "g(-0);")
+
     def test_texts_names_and_compile_time_checks_keep_their_digits(self):
         self.expect("constant", "g(\"8\", '8', a8);")
         self.assertEqual(changed("constant", "static_assert(a == 8, \"8\");\n#define A 8\n"), [])
