@@ -25,8 +25,10 @@ ValueKind valueKindOf(const CLI::Option& option) {
   return {ValueKind::Source::Choice, first, split(first, kBar)};
 }
 
-/// A positional's own name says what it is.
+/// A positional's own name says what it is where its type does not.
 ValueKind positionalKindOf(const CLI::Option& option) {
+  ValueKind kind = valueKindOf(option);
+  if (kind.source != ValueKind::Source::Anything) return kind;
   const std::string& name = option.get_name(true);
   if (name == "DIR") return {ValueKind::Source::Folders, name, {}};
   if (name == "FILE") return {ValueKind::Source::Files, name, {}};
