@@ -81,10 +81,10 @@ class Status {
   /// Whether the thread lives in a nested PID namespace: it then has more than one id.
   bool isForeign() const noexcept { return std::strcspn(ids_, "\t") < std::strcspn(ids_, "\n"); }
 
-  /// The id in the thread's own namespace, the last one on the line.
+  /// The id in the thread's own namespace, the last one on the line, whose end was seen.
   pid_t ownId() const noexcept {
     const char* last = ids_;
-    for (const char* at = ids_; *at != '\n' && *at != '\0'; ++at) {
+    for (const char* at = ids_; *at != '\n'; ++at) {
       if (*at == '\t') last = at + 1;
     }
     return static_cast<pid_t>(std::strtol(last, nullptr, kDecimal));

@@ -125,6 +125,18 @@ int lstat(const char* path, struct stat* found) noexcept {
                        : korvex::test::system_calls::lstat(path, found);
 }
 
+int stat(const char* path, struct stat* found) noexcept {
+  if (instead.stat) return instead.stat(path, found);
+  static auto* const call = systems<int(const char*, struct stat*)>("stat");
+  return call(path, found);
+}
+
+dirent* readdir(DIR* folder) {
+  if (instead.readdir) return instead.readdir();
+  static auto* const call = systems<dirent*(DIR*)>("readdir");
+  return call(folder);
+}
+
 void* mmap(void* place, std::size_t size, int access, int flags, int file, off_t offset) noexcept {
   if (instead.mmap && file >= 0) return instead.mmap(file);
   static auto* const call = systems<void*(void*, std::size_t, int, int, int, off_t)>("mmap");

@@ -27,16 +27,9 @@ using korvex::test::seesEveryThread;
 using korvex::test::uniqueQueueName;
 using korvex::test::system_calls::failing;
 using korvex::test::system_calls::instead;
+using korvex::test::system_calls::overwrite;
 
 namespace {
-
-/// Writes to an object that exists already.
-template <typename Value>
-void overwrite(const std::string& name, off_t offset, Value value) {
-  const int file = korvex::test::system_calls::shmOpen(name.c_str(), O_RDWR, 0);
-  EXPECT_EQ(::pwrite(file, &value, sizeof value, offset), ssize_t{sizeof value});
-  ::close(file);
-}
 
 /// A descriptor that this text can be read from.
 int fileOf(const std::string& text) {
@@ -82,6 +75,53 @@ class ProvenLockOwner : public LockOwner {
     if (!seesEveryThread()) GTEST_SKIP() << "threads of other PID namespaces cannot be seen";
   }
 };
+
+/// What a scan of all processes finds in the files of one of them.
+struct Scan {
+  const char* name;
+  const char* process;  ///< the text of its status; none if it cannot be opened
+  int error;            ///< then
+  const char* thread;   ///< the same of its only thread
+  int threadError;
+  bool isGone;
+
+  friend std::ostream& operator<<(std::ostream& out, const Scan& scan) { return out << scan.name; }
+};
+
+constexpr const char* kHere = "\nState:\tS (sleeping)\nNSpid:\t1\n";
+constexpr const char* kNested = "\nState:\tS (sleeping)\nNSpid:\t1\t2\n";
+
+const Scan kScans[] = {
+    {"ProcessHere", kHere, 0, nullptr, ENOENT, true},
+    {"ProcessThatEnded", nullptr, ENOENT, nullptr, ENOENT, true},
+    {"ProcessThatEnds", nullptr, ESRCH, nullptr, ENOENT, true},
+    {"HiddenProcess", nullptr, EACCES, nullptr, ENOENT, false},
+    {"ProcessWithoutText", "", 0, nullptr, ENOENT, false},
+    {"ProcessWithoutState", "\nNSpid:\t1\n", 0, nullptr, ENOENT, false},
+    {"ProcessWithoutIds", "\nState:\tS\n", 0, nullptr, ENOENT, false},
+    {"ProcessCutInItsIds", "\nState:\tS\nNSpid:\t1", 0, nullptr, ENOENT, false},
+    {"Owner", kNested, 0, "\nState:\tS\nNSpid:\t9\t4711\n", 0, false},
+    {"DeadOwner", kNested, 0, "\nState:\tX\nNSpid:\t9\t4711\n", 0, true},
+    {"OtherThread", kNested, 0, "\nState:\tS\nNSpid:\t4711\t9\n", 0, true},
+    {"ThreadThatEnded", kNested, 0, nullptr, ENOENT, true},
+    {"HiddenThread", kNested, 0, nullptr, EACCES, false},
+};
+
+/// One that is dead here, so that all other namespaces are searched for it.
+class ScannedLockOwner : public LockOwner, public testing::WithParamInterface<Scan> {
+ protected:
+  void SetUp() override {
+    if (!seesEveryThread()) GTEST_SKIP() << "threads of other PID namespaces cannot be seen";
+    instead.kill = [](pid_t, int) { return failing(ESRCH); };
+  }
+
+  static int answer(const char* text, int error) {
+    return text == nullptr ? failing(error) : fileOf(text);
+  }
+};
+
+INSTANTIATE_TEST_SUITE_P(, ScannedLockOwner, testing::ValuesIn(kScans),
+                         [](const auto& scan) { return std::string(scan.param.name); });
 
 /// One that lives in another PID namespace than this test.
 class ForeignLockOwner : public testing::Test {
@@ -209,6 +249,48 @@ TEST_F(LockOwner, IsNobodyWhenNoneIsNamed) {
   overwrite(queue_.name(), kLockOwnerAt, pid_t{0});
   EXPECT_FALSE(isGone());
   overwrite(queue_.name(), kLockOwnerAt, pid_t{-1});
+  EXPECT_FALSE(isGone());
+}
+
+TEST_P(ScannedLockOwner, IsGoneIfNoProcessCanHaveIt) {
+  const std::string process = "/proc/" + std::to_string(::getpid());
+  const std::string thread = process + "/task/" + std::to_string(::getpid()) + "/status";
+  instead.open = [&](const char* path) {
+    const Scan& scan = GetParam();
+    if (path == process + "/status") return answer(scan.process, scan.error);
+    return path == thread ? answer(scan.thread, scan.threadError) : systemsOpen(path);
+  };
+  EXPECT_EQ(isGone(), GetParam().isGone);
+}
+
+TEST_F(ScannedLockOwner, IsNotOfAProcessThatEndsMeanwhile) {
+  const pid_t zombie = makeZombie();
+  instead.open = [zombie,
+                  path = "/proc/" + std::to_string(zombie) + "/status"](const char* opened) {
+    if (opened != path) return systemsOpen(opened);
+    ::waitpid(zombie, nullptr, 0);
+    return fileOf(kNested);
+  };
+  EXPECT_TRUE(isGone());
+}
+
+TEST_F(ScannedLockOwner, LivesUnlessTheScanIsWhole) {
+  for (const auto& [error, isWhole] : {std::pair(ENOENT, true), {ESRCH, true}, {EIO, false}}) {
+    instead.readdir = [error = error] {
+      errno = error;
+      return nullptr;
+    };
+    EXPECT_EQ(isGone(), isWhole) << error;
+  }
+}
+
+TEST_F(ScannedLockOwner, LivesWhereNotEveryProcessIsSeen) {
+  instead.open = [](const char* path) {
+    return std::string(path) == "/proc/1/status" ? failing(EACCES) : systemsOpen(path);
+  };
+  EXPECT_FALSE(isGone());
+  instead.open = nullptr;
+  instead.stat = [](const char*, struct stat*) { return failing(ENOENT); };
   EXPECT_FALSE(isGone());
 }
 

@@ -18,6 +18,7 @@
 #include "queue/MessageQueue.h"
 #include "queue/Pause.h"
 #include "support/DaemonQueues.h"
+#include "support/QueueFields.h"
 #include "support/SharedObject.h"
 
 using korvex::MessageQueue;
@@ -239,6 +240,26 @@ TEST(MessageQueueSend, SleepsAtOnceAfterALongWait) {
   EXPECT_TRUE(queue.sendBefore("third", 5, 1, Pause::Clock::now() + hours(1)));
   meanwhile = nullptr;
   EXPECT_EQ(sleeps, 9);
+  EXPECT_TRUE(MessageQueue::remove(name));
+}
+
+TEST(MessageQueueSend, GoesOnAsSoonAsAPeersChangeEnds) {
+  const std::string name = uniqueQueueName();
+  MessageQueue queue(name, {4, 8}, 0600);
+  const int object = ::shm_open(name.c_str(), O_RDWR, 0);
+  const auto write = [object](off_t offset, auto value) {
+    EXPECT_EQ(::pwrite(object, &value, sizeof value, offset), ssize_t{sizeof value});
+  };
+  write(korvex::test::kLockWordAt, std::uint32_t{1});
+  write(korvex::test::kMessagesAt, std::uint64_t{5});
+  const QuickTime time;
+  meanwhile = [&] {
+    write(korvex::test::kMessagesAt, std::uint64_t{0});
+    write(korvex::test::kLockWordAt, std::uint32_t{0});
+  };
+  EXPECT_EQ(queue.trySend("x", 1, 1), MessageQueue::Outcome::Done);
+  EXPECT_LT(time.passed(), milliseconds(20)) << "the patience with a lock";
+  ::close(object);
   EXPECT_TRUE(MessageQueue::remove(name));
 }
 

@@ -29,6 +29,7 @@ using korvex::test::SharedObject;
 using korvex::test::uniqueQueueName;
 using korvex::test::system_calls::failing;
 using korvex::test::system_calls::instead;
+using korvex::test::system_calls::overwrite;
 using State = QueueView::State;
 namespace ipc = boost::interprocess;
 
@@ -123,13 +124,6 @@ TEST_F(QueueViewCalls, EveryReadThatComesShortMeansDamaged) {
 
 namespace {
 
-template <typename Value>
-void overwrite(const std::string& name, off_t offset, Value value) {
-  const int file = korvex::test::system_calls::shmOpen(name.c_str(), O_RDWR, 0);
-  EXPECT_EQ(::pwrite(file, &value, sizeof value, offset), ssize_t{sizeof value});
-  ::close(file);
-}
-
 /// What a peer does to the first place of a queue of 4 messages in the middle of a change.
 void goRound(const std::string& name) { overwrite(name, kFirstMessageAt, std::uint64_t{4}); }
 void endRound(const std::string& name) { overwrite(name, kFirstMessageAt, std::uint64_t{3}); }
@@ -156,6 +150,47 @@ TEST_F(QueueViewCalls, LockTakenAfterTheLookExcusesItToo) {
     return read;
   };
   EXPECT_EQ(QueueView(queue.name()).state(), State::Busy);
+}
+
+TEST_F(QueueViewCalls, LockThatCannotBeReadAgainExcusesNothing) {
+  const RawQueue queue(uniqueQueueName(), 4, 300);
+  goRound(queue.name());
+  instead.pread = [](int file, void* bytes, std::size_t size, off_t offset) {
+    if (offset == kLockWordAt) return ssize_t{failing(EIO)};
+    return korvex::test::system_calls::pread(file, bytes, size, offset);
+  };
+  EXPECT_EQ(QueueView(queue.name()).state(), State::Damaged);
+}
+
+TEST_F(QueueViewCalls, WhatCannotBeReadCanBeNoQueue) {
+  const SharedObject object(uniqueQueueName(), Bytes(8, 0));
+  const int file = ::shm_open(object.name().c_str(), O_RDWR, 0);
+  EXPECT_TRUE(QueueView::canBeQueue(file));
+  instead.pread = [](int, void*, std::size_t, off_t) { return ssize_t{failing(EIO)}; };
+  EXPECT_FALSE(QueueView::canBeQueue(file));
+  instead.pread = nullptr;
+  instead.fstat = [](int, struct stat*) { return failing(EIO); };
+  EXPECT_FALSE(QueueView::canBeQueue(file));
+  instead.fstat = nullptr;
+  ::close(file);
+  const int folder = ::open("/dev/shm", O_RDONLY | O_CLOEXEC);
+  EXPECT_FALSE(QueueView::canBeQueue(folder));
+  ::close(folder);
+}
+
+// What a peer has overwritten since the queue was opened.
+TEST_F(QueueViewCalls, OnlyWhatTheIndexNamesCountsAsWaiting) {
+  RawQueue queue(uniqueQueueName(), 4, 300);
+  queue.post("0123456789", 10);
+  const QueueView view(queue.name());
+  EXPECT_EQ(view.waitingBytes(), 10u);
+  goRound(queue.name());
+  EXPECT_EQ(view.waitingBytes(), 0u) << "the first place is behind the last";
+  endRound(queue.name());
+  for (off_t entry = 0; entry < 4; ++entry) {
+    overwrite(queue.name(), kIndexAt + entry * korvex::test::kIndexEntrySize, std::uint64_t{1});
+  }
+  EXPECT_EQ(view.waitingBytes(), 0u) << "no entry names a slot";
 }
 
 // A peer takes and releases the lock between the reads of one look, and is seen in between.
