@@ -292,6 +292,11 @@ TEST_F(ScannedLockOwner, LivesWhereNotEveryProcessIsSeen) {
   instead.open = nullptr;
   instead.stat = [](const char*, struct stat*) { return failing(ENOENT); };
   EXPECT_FALSE(isGone());
+  instead.stat = [](const char*, struct stat* found) {
+    *found = {};
+    return 0;
+  };
+  EXPECT_FALSE(isGone());
 }
 
 TEST_F(ForeignLockOwner, LivesThoughItsNumberIsFreeHere) {
