@@ -188,6 +188,17 @@ TEST_F(Status, OfADeadDaemonShowsNoOpenStream) {
   EXPECT_EQ(streams["open"], json());
 }
 
+TEST_F(Status, FindsTheStatisticsOfAnOptionWithAnEqualsSign) {
+  const auto daemon = start({"--stats=" + stats_});
+  stream("abc");
+  json streams;
+  EXPECT_TRUE(eventually([&] {
+    streams = status()["streams"];
+    return !streams.is_null() && streams["lastComplete"]["bytes"] == 3;
+  })) << streams;
+  end(*daemon);
+}
+
 TEST_F(Status, FindsTheStatisticsByTheDaemonsCommandLine) {
   const auto daemon = start({"--stats", stats_});
   stream("abc");
