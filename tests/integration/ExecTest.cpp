@@ -78,6 +78,18 @@ TEST_F(ExecTest, CarriesMoreThanThePipeHolds) {
   EXPECT_TRUE(written(stored()[0]) == text);
 }
 
+TEST_F(ExecTest, CarriesRecordsOfOneByte) {
+  const auto daemon = startExec(recorderCommand());
+  const auto to = openStream("a");
+  for (const char* byte : {"b", "c"}) {
+    write(*to, byte);
+    to->flush_shm_buffer(kTimeout);
+  }
+  EXPECT_STREQ(replyToClose(*to).message, kAbcReceipt);
+  ASSERT_THAT(stored(), SizeIs(1));
+  EXPECT_EQ(written(stored()[0]), "abc");
+}
+
 TEST_F(ExecTest, GivesEveryStreamANameOfItsOwn) {
   const auto daemon = startExec(recorderCommand());
   for (int i = 0; i < 10; ++i) EXPECT_STREQ(replyTo("abc").message, kAbcReceipt);
