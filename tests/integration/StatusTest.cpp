@@ -196,6 +196,7 @@ TEST_F(Status, FindsTheStatisticsOfAnOptionWithAnEqualsSign) {
     streams = status()["streams"];
     return !streams.is_null() && streams["lastComplete"]["bytes"] == 3;
   })) << streams;
+  EXPECT_THAT(runTool({"status", "--queue", queue_}).output, HasSubstr(" ago), 3 B\n"));
   end(*daemon);
 }
 

@@ -8,6 +8,7 @@
 #include <signal.h>
 #include <sstream>
 #include <stdlib.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -305,6 +306,14 @@ TEST_F(CommandThatCannotStart, BecauseItsInterpreterIsMissing) {
       HasSubstr("No such file or directory; the file exists, but its interpreter does not"));
 }
 
+TEST_F(CommandThatCannotStart, BecauseItsInterpreterIsMissingInAnyFolderOfPath) {
+  program("#!/no/such/shell\n");
+  const std::string before = ::getenv("PATH");
+  ::setenv("PATH", ("/no/such/folder:/:" + folder.path()).c_str(), 1);
+  EXPECT_THAT(refusal("program"), HasSubstr("the file exists, but its interpreter does not"));
+  ::setenv("PATH", before.c_str(), 1);
+}
+
 TEST_F(CommandThatCannotStart, BecauseItIsNoProgram) {
   EXPECT_THAT(refusal(program("text\n")),
               HasSubstr("Exec format error; a script begins with a line like #!/bin/sh"));
@@ -316,6 +325,13 @@ TEST_F(CommandThatCannotStart, AndLeavesNoDescriptor) {
   EXPECT_FALSE(command->settle());
   command.reset();
   EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST_F(CommandThatLeavesChildren, MakesThemChildrenOfTheTool) {
+  EXPECT_EQ(outputOf("echo a"), "a\n");
+  int adopts = 0;
+  EXPECT_EQ(::prctl(PR_GET_CHILD_SUBREAPER, &adopts), 0);
+  EXPECT_EQ(adopts, 1);
 }
 
 TEST_F(CommandThatLeavesChildren, EndsWithTheLastOfTheirOutput) {
