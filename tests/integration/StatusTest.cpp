@@ -222,6 +222,10 @@ TEST_F(Status, FindsTheStatisticsByTheDaemonsCommandLine) {
   EXPECT_EQ(streams["incomplete"], 1);
   EXPECT_EQ(streams["lastIncomplete"]["reason"], "stopped by the producer");
   EXPECT_EQ(streams["open"], json());
+  const std::string text = runTool({"status", "--queue", queue_}).output;
+  EXPECT_THAT(text, HasSubstr("no stream is open\n"));
+  EXPECT_THAT(text, HasSubstr("failed streams: 1, the last "));
+  EXPECT_THAT(text, HasSubstr(", 5 B: stopped by the producer\n"));
   end(*daemon);
 }
 
