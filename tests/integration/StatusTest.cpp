@@ -94,6 +94,7 @@ TEST_F(Status, ShowsWhoServesAPair) {
   EXPECT_EQ(queue["servedBy"], json({{"id", daemon->id()}, {"program", "korvexd"}}));
   EXPECT_EQ(queue["batches"]["condition"], "sound");
   EXPECT_EQ(queue["batches"]["mode"], "0640");
+  EXPECT_EQ(queue["batches"]["error"], "");
   EXPECT_EQ(queue["batches"]["uid"], ::geteuid());
   EXPECT_EQ(queue["batches"]["maxMessages"], 5);
   EXPECT_EQ(queue["batches"]["lock"]["held"], false);
