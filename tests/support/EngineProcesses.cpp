@@ -4,16 +4,20 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 
 namespace korvex::test {
 namespace {
 
 namespace fs = std::filesystem;
 
-/// Empty when the process is gone or not ours.
+/// Empty when the process is gone or not ours. It may go while its file is read, which fails then:
+/// a stream takes note of that, its iterators would throw.
 std::string read(pid_t process, const std::string& name) {
-  std::ifstream file("/proc/" + std::to_string(process) + "/" + name, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
+  const std::ifstream file("/proc/" + std::to_string(process) + "/" + name, std::ios::binary);
+  std::ostringstream text;
+  text << file.rdbuf();
+  return text.str();
 }
 
 template <typename Condition>

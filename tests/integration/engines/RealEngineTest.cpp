@@ -168,7 +168,7 @@ struct Scene {
   /// Not the shell around it.
   pid_t engine() const {
     for (const pid_t process : korvex::test::processesFor(queue))
-      if (nameOf(process) == engineProgram + "\n") return process;
+      if (nameOf(process) == engineProgram) return process;
     ADD_FAILURE() << "no " << engineProgram << " is running";
     return ::getpid();
   }
@@ -176,7 +176,9 @@ struct Scene {
  private:
   static std::string nameOf(pid_t process) {
     std::ifstream file("/proc/" + std::to_string(process) + "/comm");
-    return {std::istreambuf_iterator<char>(file), {}};
+    std::string name;
+    std::getline(file, name);
+    return name;
   }
 };
 
