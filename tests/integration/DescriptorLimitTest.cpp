@@ -141,7 +141,7 @@ TEST_F(DescriptorLimit, HindersACommandOrDoesNotMatter) {
               Contains("korvex: the command 'echo' cannot be started: Too many open files\n"));
 }
 
-TEST_F(DescriptorLimit, HindersACommandOnATerminalOrDoesNotMatter) {
+TEST_F(DescriptorLimit, HindersACommandOnATerminalOrNot) {
   const korvex::test::Terminal terminal(80);
   EXPECT_THAT(expectToSendOrToSayWhy({"--from-command", "echo", "abc"}, terminal.name()),
               Not(IsEmpty()));

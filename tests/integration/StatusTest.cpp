@@ -189,7 +189,7 @@ TEST_F(Status, OfADeadDaemonShowsNoOpenStream) {
   EXPECT_EQ(streams["open"], json());
 }
 
-TEST_F(Status, FindsTheStatisticsOfAnOptionWithAnEqualsSign) {
+TEST_F(Status, FindsTheStatisticsBehindAnEqualsSign) {
   const auto daemon = start({"--stats=" + stats_});
   stream("abc");
   json streams;

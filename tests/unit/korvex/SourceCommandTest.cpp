@@ -306,7 +306,7 @@ TEST_F(CommandThatCannotStart, BecauseItsInterpreterIsMissing) {
       HasSubstr("No such file or directory; the file exists, but its interpreter does not"));
 }
 
-TEST_F(CommandThatCannotStart, BecauseItsInterpreterIsMissingInAnyFolderOfPath) {
+TEST_F(CommandThatCannotStart, BecauseItsInterpreterIsMissingAnywhereInPath) {
   program("#!/no/such/shell\n");
   const std::string before = ::getenv("PATH");
   ::setenv("PATH", ("/no/such/folder:/:" + folder.path()).c_str(), 1);
