@@ -12,7 +12,8 @@ compile() {
 # check_headers "HEADER..." "STANDARD..." FORBIDDEN: each alone with the oldest and the newest standard,
 # where the standard library's headers include most and least; all together with every one.
 check_headers() {
-  local headers=$1 standards=($2) forbidden=$3 header standard
+  local headers=$1 forbidden=$3 standards header standard
+  read -ra standards <<< "$2"
   for header in $headers; do
     for standard in "${standards[0]}" "${standards[-1]}"; do
       echo "#include <$header>" | compile "-std=c++$standard" -MD -MF "$work/needed" ||
