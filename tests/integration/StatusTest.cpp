@@ -75,6 +75,12 @@ bool blocksSignalsThatAsk(pid_t process) {
   return false;
 }
 
+/// The command that draws one queue again and again.
+std::vector<std::string> watchOn(const korvex::test::Terminal& terminal, const std::string& queue) {
+  return {"/bin/sh",      "-c",  "exec \"$0\" status --watch --queue \"$1\" >\"$2\"",
+          KORVEX_PROGRAM, queue, terminal.name()};
+}
+
 /// The objects that a tool has printed so far, one a line.
 std::vector<json> objectsOf(korvex::test::Process& tool) {
   std::vector<json> objects;
@@ -332,8 +338,7 @@ TEST_F(Status, ShowsNoRateOnceTheStatisticsAreOld) {
 TEST_F(Status, RedrawsOnATerminal) {
   const Pair pair(queue_);
   korvex::test::Terminal terminal(60);
-  Process tool({"/bin/sh", "-c", "exec \"$0\" status --watch --queue \"$1\" >\"$2\"",
-                KORVEX_PROGRAM, queue_, terminal.name()});
+  Process tool(watchOn(terminal, queue_));
   const std::string clear = "\x1b[H\x1b[J";
   ASSERT_TRUE(eventually([&] {
     const std::string& text = terminal.text();
@@ -349,8 +354,7 @@ TEST_F(Status, CutsNothingWithoutAUsableWidth) {
   const Pair pair(queue_);
   for (const unsigned short columns : std::initializer_list<unsigned short>{0, 1}) {
     korvex::test::Terminal terminal(columns);
-    Process tool({"/bin/sh", "-c", "exec \"$0\" status --watch --queue \"$1\" >\"$2\"",
-                  KORVEX_PROGRAM, queue_, terminal.name()});
+    Process tool(watchOn(terminal, queue_));
     EXPECT_TRUE(eventually([&] { return terminal.text().find(queue_) != std::string::npos; }))
         << columns;
     tool.signal(SIGTERM);
@@ -363,8 +367,7 @@ TEST_F(Status, CutsLinesBetweenCharacters) {
   for (int i = 0; i < 60; ++i) name += "\u00fc";
   const Pair pair(name);
   korvex::test::Terminal terminal(60);
-  Process tool({"/bin/sh", "-c", "exec \"$0\" status --watch --queue \"$1\" >\"$2\"",
-                KORVEX_PROGRAM, name, terminal.name()});
+  Process tool(watchOn(terminal, name));
   std::string shown;  // all the terminal has room for, but for its last column
   for (std::size_t columns = queue_.size() + 1; columns < 59; ++columns) shown += "\u00fc";
   EXPECT_TRUE(eventually([&] {
