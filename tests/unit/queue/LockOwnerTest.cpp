@@ -108,7 +108,7 @@ const Scan kScans[] = {
 };
 
 /// One that is dead here, so that all other namespaces are searched for it.
-class ScannedLockOwner : public LockOwner, public testing::WithParamInterface<Scan> {
+class SearchedLockOwner : public LockOwner {
  protected:
   void SetUp() override {
     if (!seesEveryThread()) GTEST_SKIP() << "threads of other PID namespaces cannot be seen";
@@ -119,6 +119,8 @@ class ScannedLockOwner : public LockOwner, public testing::WithParamInterface<Sc
     return text == nullptr ? failing(error) : fileOf(text);
   }
 };
+
+class ScannedLockOwner : public SearchedLockOwner, public testing::WithParamInterface<Scan> {};
 
 INSTANTIATE_TEST_SUITE_P(, ScannedLockOwner, testing::ValuesIn(kScans),
                          [](const auto& scan) { return std::string(scan.param.name); });
@@ -263,7 +265,7 @@ TEST_P(ScannedLockOwner, IsGoneIfNoProcessCanHaveIt) {
   EXPECT_EQ(isGone(), GetParam().isGone);
 }
 
-TEST_F(ScannedLockOwner, IsNotOfAProcessThatEndsMeanwhile) {
+TEST_F(SearchedLockOwner, IsNotOfAProcessThatEndsMeanwhile) {
   const pid_t zombie = makeZombie();
   instead.open = [zombie,
                   path = "/proc/" + std::to_string(zombie) + "/status"](const char* opened) {
@@ -274,7 +276,7 @@ TEST_F(ScannedLockOwner, IsNotOfAProcessThatEndsMeanwhile) {
   EXPECT_TRUE(isGone());
 }
 
-TEST_F(ScannedLockOwner, LivesUnlessTheScanIsWhole) {
+TEST_F(SearchedLockOwner, LivesUnlessTheScanIsWhole) {
   for (const auto& [error, isWhole] : {std::pair(ENOENT, true), {ESRCH, true}, {EIO, false}}) {
     instead.readdir = [error = error] {
       errno = error;
@@ -284,7 +286,7 @@ TEST_F(ScannedLockOwner, LivesUnlessTheScanIsWhole) {
   }
 }
 
-TEST_F(ScannedLockOwner, LivesWhereNotEveryProcessIsSeen) {
+TEST_F(SearchedLockOwner, LivesWhereNotEveryProcessIsSeen) {
   instead.open = [](const char* path) {
     return std::string(path) == "/proc/1/status" ? failing(EACCES) : systemsOpen(path);
   };
