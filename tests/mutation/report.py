@@ -27,23 +27,37 @@ class Tried:
         return record
 
 
-def total_of(counts):
-    return counts[KILLED] + counts[SURVIVED]
+def share_of(killed, total):
+    return 100 * killed / total if total else 100
 
 
-def share_of(counts):
-    return 100 * counts[KILLED] / total_of(counts) if total_of(counts) else 100
+@dataclass(frozen=True)
+class Score:
+    """How many were killed of all that compile, and of those that make a difference.
 
+    The second is what literature calls the mutation score: a change that nobody can see from
+    outside says nothing about the tests.
+    """
 
-def killed_text(counts):
-    return f"{counts[KILLED]} of {total_of(counts)} mutants killed, {share_of(counts):.1f} %"
+    killed: int
+    total: int
+    different: int
+
+    def percent(self):
+        return share_of(self.killed, self.different)
+
+    def text(self):
+        return (f"{self.killed} of {self.total} mutants killed, "
+                f"{share_of(self.killed, self.total):.1f} %; {self.percent():.1f} % of the "
+                f"{self.different} that make a difference")
 
 
 class Explanations:
     """Why survivors change nothing that a test could see, from a file in the tree.
 
     An entry names the file, the line's text and the operator, and with "after" one of several
-    changes of that line.
+    changes of that line. With "differs" the change can be seen from outside, but not by the tests
+    that are run for changes.
     """
 
     def __init__(self, path):
@@ -51,14 +65,21 @@ class Explanations:
         self._used = set()
 
     def of(self, mutant):
-        for index, entry in enumerate(self._entries):
-            if self._is_about(entry, mutant):
-                self._used.add(index)
-                return entry["reason"]
-        return ""
+        entry = self._entry_of(mutant)
+        if entry is None:
+            return ""
+        self._used.add(self._entries.index(entry))
+        return entry["reason"]
 
     def have(self, mutant):
-        return any(self._is_about(entry, mutant) for entry in self._entries)
+        return self._entry_of(mutant) is not None
+
+    def say_it_is_the_same(self, mutant):
+        entry = self._entry_of(mutant)
+        return entry is not None and not entry.get("differs", False)
+
+    def _entry_of(self, mutant):
+        return next((entry for entry in self._entries if self._is_about(entry, mutant)), None)
 
     @staticmethod
     def _is_about(entry, mutant):
@@ -79,6 +100,8 @@ class Report:
         self._tried = sorted(tried, key=lambda each: each.mutant.number)
         self.counts = Counter(each.verdict.outcome for each in tried)
         self.reasons = {each.mutant: explanations.of(each.mutant) for each in self.survivors()}
+        self._the_same = {each.mutant for each in self.survivors()
+                          if explanations.say_it_is_the_same(each.mutant)}
         self.unused = explanations.unused({each.mutant.file for each in tried})
 
     def survivors(self):
@@ -87,17 +110,21 @@ class Report:
     def unexplained(self):
         return [each for each in self.survivors() if not self.reasons[each.mutant]]
 
-    def counts_of(self, area):
-        return Counter(each.verdict.outcome for each in self._tried if area.has(each.mutant.file))
+    def score(self, is_counted=lambda file: True):
+        counted = [each for each in self._tried if is_counted(each.mutant.file)]
+        outcomes = Counter(each.verdict.outcome for each in counted)
+        total = outcomes[KILLED] + outcomes[SURVIVED]
+        same = sum(each.mutant in self._the_same for each in counted)
+        return Score(outcomes[KILLED], total, total - same)
 
     def is_good(self):
-        enough = all(share_of(self.counts_of(area)) >= area.wanted_percent for area in AREAS)
+        enough = all(self.score(area.has).percent() >= area.wanted_percent for area in AREAS)
         return enough and not self.unexplained()
 
     def summary(self):
-        parts = [f"{area.name}: {killed_text(self.counts_of(area))} "
-                 f"(wanted: {area.wanted_percent} %)"
-                 for area in AREAS if total_of(self.counts_of(area))]
+        scores = [(area, self.score(area.has)) for area in AREAS]
+        parts = [f"{area.name}: {score.text()} (wanted: {area.wanted_percent} %)"
+                 for area, score in scores if score.total]
         return "; ".join([*parts, f"{self.counts[SURVIVED]} survived, "
                           f"{len(self.unexplained())} of them without an explanation",
                           f"{self.counts[EQUIVALENT]} make the same machine code and "
@@ -106,8 +133,9 @@ class Report:
     def write(self, folder):
         folder.mkdir(parents=True, exist_ok=True)
         (folder / "report.md").write_text(self._markdown())
-        document = {"killed": self.counts[KILLED], "total": total_of(self.counts),
-                    "percent": share_of(self.counts),
+        score = self.score()
+        document = {"killed": score.killed, "total": score.total, "different": score.different,
+                    "percent": score.percent(),
                     "outcomes": dict(self.counts),
                     "mutants": [each.as_record(self.reasons.get(each.mutant, ""))
                                 for each in self._tried]}
