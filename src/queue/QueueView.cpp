@@ -202,8 +202,6 @@ void QueueView::release() noexcept {
   if (window_ != nullptr) ::munmap(const_cast<unsigned char*>(window_), windowSize_);
 }
 
-/// Reads, and maps only what is sound: if the file is truncated meanwhile, touching a mapping
-/// raises SIGBUS, a read does not.
 void QueueView::look(int file) noexcept {
   state_ = State::Damaged;
   struct stat found = {};
@@ -220,18 +218,23 @@ void QueueView::look(int file) noexcept {
   if (fileSize < kSmallestObject) return;
   device_ = found.st_dev;
   inode_ = found.st_ino;
-  for (unsigned looks = 0; looks < kLooksUntilDamaged; ++looks) {
-    unsigned char bytes[kHeaderEnd] = {};
+  judgeContent(file, fileSize);
+  if (state_ == State::Sound) keepWindow(file, fileSize);
+}
+
+/// Reads, and leaves mapping to the caller: if the file is truncated meanwhile, touching a mapping
+/// raises SIGBUS, a read does not.
+void QueueView::judgeContent(int file, std::uint64_t fileSize) noexcept {
+  unsigned char bytes[kHeaderEnd] = {};
+  std::optional<State> seen;
+  for (unsigned looks = 0; looks < kLooksUntilDamaged && !seen; ++looks) {
     if (::pread(file, bytes, kHeaderEnd, 0) != ssize_t{kHeaderEnd}) return;
-    const Header header(bytes);
-    const std::optional<State> seen = judge(file, header, fileSize);
-    if (!seen) continue;
-    state_ = *seen;
-    if (state_ != State::Sound) return;
-    maxMessages_ = header.size(kMaxMessagesOffset);
-    maxMessageSize_ = header.size(kMaxMessageSizeOffset);
-    return keepWindow(file, fileSize);
+    seen = judge(file, Header(bytes), fileSize);
   }
+  state_ = seen.value_or(State::Damaged);
+  if (state_ != State::Sound) return;
+  maxMessages_ = Header(bytes).size(kMaxMessagesOffset);
+  maxMessageSize_ = Header(bytes).size(kMaxMessageSizeOffset);
 }
 
 void QueueView::keepWindow(int file, std::size_t size) noexcept {

@@ -114,6 +114,7 @@ class QueueView {
 
  private:
   void look(int file) noexcept;
+  void judgeContent(int file, std::uint64_t fileSize) noexcept;
   void keepWindow(int file, std::size_t size) noexcept;
   void release() noexcept;
   bool areLimitsIntact() const noexcept;
