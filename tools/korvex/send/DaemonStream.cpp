@@ -7,7 +7,6 @@
 #include <korvex/receiver/BusErrorGuard.h>
 #include <korvex/receiver/Receipt.h>
 #include <qmx/trace.h>
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -23,13 +22,11 @@ constexpr std::chrono::seconds kStopPatience{2};  // a person waits, or a superv
 /// Seconds that the writer may wait in one call, where it sees no signal.
 constexpr unsigned kStep = 1;
 
-constexpr std::size_t kBatchHeader = 8;
-constexpr std::size_t kRecordHeader = 48;
+constexpr std::size_t kBatchHeader = 8;  // before the first record
+constexpr std::size_t kRecordHeader = sizeof(qmx_shm_message_t);
 constexpr std::size_t kBatchOverhead = kBatchHeader + kRecordHeader;
-constexpr std::string_view kFinishing = "finishing";
 constexpr int kOpenAttempts = 3;
 constexpr std::chrono::milliseconds kWatchPeriod{10};
-constexpr std::chrono::steady_clock::duration kLongestHalfTime = std::chrono::milliseconds(20);
 
 std::string quoted(const std::string& name) { return "'" + common::printable(name) + "'"; }
 
@@ -49,7 +46,7 @@ bool isEmpty(const qmx_shm_response_t& reply) {
 
 /// The daemon has everything and is alive; its sink is still storing the stream.
 bool isFinishing(const qmx_shm_response_t& reply) {
-  return reply.status == 0 && receiver::textOf(reply) == kFinishing;
+  return reply.status == 0 && receiver::textOf(reply) == receiver::kFinishingText;
 }
 
 /// A writer closes an open stream when it is destroyed, and a close record would tell the daemon
@@ -80,7 +77,7 @@ DaemonStream::DaemonStream(Settings settings, const StopSignal& stop)
 }
 
 DaemonStream::~DaemonStream() {
-  if (!isWriterClosed_ && writer_) keepForEver(std::move(writer_));
+  if (phase_ != Phase::Closed && writer_) keepForEver(std::move(writer_));
 }
 
 /// Opens a new writer, and a view and the replies of exactly the queues that it opened.
@@ -169,8 +166,10 @@ void DaemonStream::open() {
 void DaemonStream::sendOpenRecord() {
   sendPatiently([this, isAgain = false]() mutable {
     if (std::exchange(isAgain, true)) openQueues();
-    isStoppable_ = true;
-    return isStoppable_ = attempt([this] { writer_->open(); });
+    phase_ = Phase::Open;  // before the attempt: what fails may have been sent all the same
+    const bool isSent = attempt([this] { writer_->open(); });
+    if (!isSent) phase_ = Phase::Opening;
+    return isSent;
   });
   batchSize_ = 0;
 }
@@ -231,8 +230,7 @@ void DaemonStream::sendPatiently(Send send) {
   for (;;) {
     awaitRoom(deadline);
     if (send()) return;
-    stop_.throwIfReceived();
-    checkStillServed();
+    checkSignalAndDaemon();
     if (Clock::now() >= deadline) throwTimedOut("room");
   }
 }
@@ -263,8 +261,7 @@ void DaemonStream::close() {
   stop_.throwIfReceived();
   look();
   makeRoomFor(0);
-  // From here on a close record may be in the batch, and a stop would send it first.
-  isStoppable_ = false;
+  phase_ = Phase::Closing;
   sendCloseRecord();
 }
 
@@ -272,7 +269,9 @@ void DaemonStream::close() {
 void DaemonStream::sendCloseRecord() {
   sendPatiently([this, isAgain = false]() mutable {
     if (std::exchange(isAgain, true)) return tryFlush();
-    return isWriterClosed_ = attempt([this] { writer_->close(); });
+    const bool isSent = attempt([this] { writer_->close(); });
+    if (isSent) phase_ = Phase::Closed;
+    return isSent;
   });
 }
 
@@ -301,8 +300,8 @@ bool DaemonStream::hasReceipt() {
 }
 
 void DaemonStream::stop(StopWait wait) noexcept {
-  if (!isStoppable_) return;
-  isStoppable_ = false;
+  if (phase_ != Phase::Open) return;
+  phase_ = Phase::Ended;
   const auto patience = wait == StopWait::Short ? kStopPatience : settings_.timeout;
   try {
     sendStopRecord(Clock::now() + patience, wait);
@@ -337,32 +336,15 @@ bool DaemonStream::flushBefore(Clock::time_point deadline, StopWait wait) {
   return false;
 }
 
-/// The writer would wait too, but would notice neither a signal nor a replaced queue. And it would
-/// fill each place as soon as it is free. Behind a slow daemon it is cheaper to sleep until half of
-/// the queue is free, and the daemon still does not run out of work.
+/// The writer would wait too, but would notice neither a signal nor a replaced queue.
 void DaemonStream::awaitRoom(Clock::time_point deadline) {
-  if (!sendQueue_.looksFull()) return;
-  const auto start = Clock::now();
-  const auto hasRoom = [this] {
-    if (!sendQueue_.looksFull()) return true;
-    stop_.throwIfReceived();
-    checkStillServed();
-    return false;
-  };
-  stop_.throwIfReceived();
-  std::this_thread::sleep_for(std::clamp(halfTime_, kShortestSleep, kLongestHalfTime));
-  if (!lookUntil(deadline, hasRoom)) throwTimedOut("room");
-  noteHalfTime(Clock::now() - start);
+  const auto check = [this] { checkSignalAndDaemon(); };
+  if (!roomWait_.until(deadline, sendQueue_, check)) throwTimedOut("room");
 }
 
-/// One wait that was long says nothing yet: the daemon may have had something else to do once. So
-/// the estimate doubles at most.
-void DaemonStream::noteHalfTime(Clock::duration waited) noexcept {
-  const auto capacity = std::max<std::size_t>(1, sendQueue_.limits().messages);
-  const std::size_t taken = capacity - std::min(sendQueue_.messages(), capacity - 1);
-  const auto found =
-      waited / static_cast<Clock::rep>(2 * taken) * static_cast<Clock::rep>(capacity);
-  halfTime_ = std::min(found, 2 * std::max(halfTime_, kShortestSleep));
+void DaemonStream::checkSignalAndDaemon() {
+  stop_.throwIfReceived();
+  checkStillServed();
 }
 
 /// Takes the replies that seem to be there, up to the one that decides about the stream.
@@ -427,11 +409,16 @@ bool DaemonStream::attempt(Operation operation) {
   } catch (const Ov_ErrnoException& error) {
     const bool isAnswer = writer_ && isReply(error);
     if (!isAnswer && error.getStatus() == kStatusTimedOut) return false;
-    if (!isAnswer) isStoppable_ = false;
+    if (!isAnswer) end();
     throwStreamFailed(error.getStatus(), common::printable(error.getMessage()));
   } catch (const std::exception& error) {
     throwQueueError(error);
   }
+}
+
+/// The daemon cannot be told anything more. A writer that has closed stays closed.
+void DaemonStream::end() noexcept {
+  if (phase_ != Phase::Closed) phase_ = Phase::Ended;
 }
 
 /// Whoever may open a queue may also truncate its memory, at any moment. The writer is left alone
@@ -439,7 +426,7 @@ bool DaemonStream::attempt(Operation operation) {
 template <typename Call>
 void DaemonStream::guarded(Call call) {
   if (receiver::runGuarded(std::ref(call))) return;
-  isStoppable_ = false;
+  end();
   throwStreamFailed(
       ECONNRESET,
       "the queue's memory was truncated, or the system is out of memory: the data sent to "
@@ -452,7 +439,7 @@ void DaemonStream::throwStreamFailed(ov_status_t status, const std::string& text
 }
 
 void DaemonStream::throwTimedOut(const std::string& what) {
-  isStoppable_ = false;
+  end();
   throwStreamFailed(
       kStatusTimedOut,
       "waited " + std::to_string(settings_.timeout.count()) + " s for " + what +
@@ -461,14 +448,14 @@ void DaemonStream::throwTimedOut(const std::string& what) {
 }
 
 void DaemonStream::throwGone() {
-  isStoppable_ = false;
+  end();
   throwStreamFailed(ECONNRESET,
                     "the queue was removed or replaced: the daemon that received this stream has "
                     "ended, and the data sent to it may be lost");
 }
 
 void DaemonStream::throwQueueError(const std::exception& error) {
-  isStoppable_ = false;
+  end();
   receiver::QueueStatus queue(settings_.queue);
   // Both are needed; the one that cannot be opened is the one to name.
   if (queue.condition() == Condition::Sound) {

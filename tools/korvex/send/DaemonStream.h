@@ -11,8 +11,8 @@
 #include <optional>
 #include <string>
 
-#include "LookUntil.h"
 #include "StopSignal.h"
+#include "send/RoomWait.h"
 
 namespace korvex::tool {
 
@@ -80,6 +80,15 @@ class DaemonStream {
  private:
   using Clock = std::chrono::steady_clock;
 
+  /// What the daemon may know of the stream.
+  enum class Phase {
+    Opening,  ///< nothing: there is nothing to stop
+    Open,     ///< that it is open, and it listens: stop() can tell it more
+    Closing,  ///< that it is complete: a close record may be in the batch, and a stop would send it
+    Closed,   ///< the same, and the writer sends no further record when it is destroyed
+    Ended,    ///< that it was stopped; or the daemon cannot be told anything
+  };
+
   void openQueues();
   void awaitQueuesMade();
   void letEarlierStreamEnd();
@@ -95,6 +104,7 @@ class DaemonStream {
   template <typename Send>
   void sendPatiently(Send send);
   void awaitRoom(Clock::time_point deadline);
+  void checkSignalAndDaemon();
   void awaitAllTaken(const char* what);
   void look();
   void giveSignOfLife();
@@ -106,7 +116,7 @@ class DaemonStream {
   bool isReply(const Ov_ErrnoException& error) const;
   bool isStillServed() const;
   void checkStillServed();
-  void noteHalfTime(Clock::duration waited) noexcept;
+  void end() noexcept;
   template <typename Operation>
   bool attempt(Operation operation);
   template <typename Call>
@@ -123,14 +133,13 @@ class DaemonStream {
   qmx_shm_response_t reply_;  ///< the one that was fetched here; all zero before
   receiver::QueueStatus sendQueue_;
   std::size_t largestPiece_ = 0;
-  std::size_t batchSize_ = 0;   ///< at most what the writer's batch has
-  Clock::duration halfTime_{};  ///< in which the daemon took half of a full queue
+  std::size_t batchSize_ = 0;  ///< at most what the writer's batch has
+  RoomWait roomWait_;
   Clock::time_point nextWatch_;
   Clock::time_point lastSent_;
   Clock::time_point lastSign_;  ///< of life while the stream is being stored
   bool isEngineFinishing_ = false;
-  bool isStoppable_ = false;     ///< the daemon may have an open stream, and listens
-  bool isWriterClosed_ = false;  ///< it sends no close record when it is destroyed
+  Phase phase_ = Phase::Opening;
 };
 
 }  // namespace korvex::tool
