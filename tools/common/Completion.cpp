@@ -15,7 +15,8 @@ std::string joined(const std::vector<std::string>& words, const std::string& sep
   return CLI::detail::join(words, separator);
 }
 
-/// For any of the shells: in quotes that leave everything as it is.
+/// For any of the shells: in quotes that leave everything as it is. Only fish would take a
+/// backslash for an escape, and no description has one.
 std::string shellQuoted(const std::string& text) {
   std::string safe = "'";
   for (const char character : text) {
