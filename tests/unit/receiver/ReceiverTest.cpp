@@ -7,6 +7,7 @@
 #include <signal.h>
 #include <stdexcept>
 #include <string>
+#include <sys/mman.h>
 #include <thread>
 #include <unistd.h>
 #include <utility>
@@ -204,6 +205,22 @@ TEST(BusErrorGuard, LeavesASignalThatWasSentToTheHost) {
     ::_exit(0);
   };
   EXPECT_EXIT(beKilledInAStep(), testing::KilledBySignal(SIGBUS), "");
+}
+
+// The place to return to is gone with the step that was survived.
+TEST(BusErrorGuard, LeavesAFaultAfterAStepToTheHost) {
+  const auto beKilledAfterAStep = [] {
+    ::signal(SIGBUS, SIG_DFL);
+    korvex::receiver::installBusErrorGuard();
+    const int empty = ::memfd_create("empty", MFD_CLOEXEC);
+    const auto* const nothing =
+        static_cast<const volatile char*>(::mmap(nullptr, 1, PROT_READ, MAP_SHARED, empty, 0));
+    ::alarm(10);  // a jump to where it was survived would repeat the fault forever
+    if (korvex::receiver::runGuarded([nothing] { static_cast<void>(*nothing); })) ::_exit(1);
+    static_cast<void>(*nothing);
+    ::_exit(0);
+  };
+  EXPECT_EXIT(beKilledAfterAStep(), testing::KilledBySignal(SIGBUS), "");
 }
 
 // Asking takes a system call or two. At each look at the queue, that would cost a processor.
