@@ -80,6 +80,24 @@ TEST_F(MetricsTest, CountStreamsByResultAndOpenOnes) {
   EXPECT_THAT(text, HasSubstr("korvex_stream_open{queue=\"shop\"} 1\n"));
 }
 
+TEST_F(MetricsTest, CountFromZero) {
+  const std::string text = korvexd::metricsText(numbers("shop"));
+  const std::regex total("^korvex\\w+_total(?:\\{[^}]*\\})? (.*)$", std::regex::multiline);
+  std::size_t totals = 0;
+  for (std::sregex_iterator at(text.begin(), text.end(), total), end; at != end; ++at, ++totals) {
+    EXPECT_EQ(std::stod((*at)[1]), 0) << at->str();
+  }
+  EXPECT_GT(totals, QueueCounts::kEndings);
+}
+
+TEST_F(MetricsTest, TellEveryEnding) {
+  for (const char* result : {"complete", "stopped", "cut_off", "silent", "corrupt", "not_stored",
+                             "queues_lost", "daemon_ended"}) {
+    EXPECT_THAT(korvexd::metricsText(numbers("shop")),
+                HasSubstr("result=\"" + std::string(result) + "\"} 0\n"));
+  }
+}
+
 TEST_F(MetricsTest, KeepTheSecondsThatAQueueWasFull) {
   DaemonNumbers now = numbers("shop");
   now.queues.back().fullSeconds = 1234567.8915;

@@ -18,8 +18,8 @@
 #include "korvexd/report/Capture.h"
 #include "korvexd/report/StatsFile.h"
 #include "korvexd/sink/DirectoryStore.h"
-#include "support/TemporaryFolder.h"
 #include "support/SystemCalls.h"
+#include "support/TemporaryFolder.h"
 
 using korvex::receiver::SystemError;
 using korvex::test::contentsOf;
