@@ -104,6 +104,17 @@ TEST_F(ExecTest, TellsTheEngineWhatTheStreamIs) {
                                              queue_ + "-[0-9]{8}T[0-9]{6}Z-[0-9]{9}\n"));
 }
 
+TEST_F(ExecTest, LeavesTheEngineTheDaemonsOtherVariables) {
+  ::setenv("YORVEX_QUEUE", "kept", 1);
+  ::setenv("KORVEX_QUEUE", "replaced", 1);
+  const auto daemon =
+      startExec(script(R"(cat >/dev/null; env | grep ORVEX_QUEUE | sort >"$0/variables")"));
+  ::unsetenv("YORVEX_QUEUE");
+  ::unsetenv("KORVEX_QUEUE");
+  EXPECT_STREQ(replyTo("abc").message, kAbcReceipt);
+  EXPECT_EQ(written("variables"), "KORVEX_QUEUE=" + queue_ + "\nYORVEX_QUEUE=kept\n");
+}
+
 TEST_F(ExecTest, StartsTheEngineInItsOwnGroupAndSession) {
   const auto daemon = startExec(
       script(R"(cat >/dev/null; read -r line </proc/$$/stat; echo "$$ $line" >"$0/ids")"));
