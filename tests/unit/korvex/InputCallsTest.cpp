@@ -10,6 +10,7 @@
 #include "Failure.h"
 #include "InputReader.h"
 #include "support/SystemCalls.h"
+#include "verify/StreamCheck.h"
 
 namespace {
 
@@ -116,6 +117,18 @@ TEST_F(InputCalls, ThatAreInterruptedWhileWaitingAreMadeAgain) {
 TEST_F(InputCalls, ThatFailWhileWaitingNameTheFile) {
   instead.poll = [](pollfd*, nfds_t, int) { return failing(ENOMEM); };
   EXPECT_EQ(failureOf(pipe_), "cannot read '" + pipe_ + "': Cannot allocate memory");
+}
+
+TEST_F(InputCalls, ThatFailInAManifestDamageTheStream) {
+  std::ofstream(folder_ / "manifest.json") << "{}";
+  failReads({EINTR, EIO});
+  korvex::tool::StoredStream stream;
+  stream.path = folder_;
+  std::atomic<std::uint64_t> bytes{0};
+  korvex::tool::StreamCheck(korvex::tool::CheckDepth::Both, stop_, bytes).check(stream);
+  ASSERT_EQ(stream.problems.size(), 1u);
+  EXPECT_EQ(stream.problems[0].what + (": " + stream.problems[0].text),
+            "manifest: Input/output error");
 }
 
 TEST_F(InputCalls, ThatShortenAReadAreMadeAgain) {

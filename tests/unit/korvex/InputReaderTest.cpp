@@ -210,6 +210,14 @@ TEST_F(InputReaderFiles, CountsOnlyWhatIsLeftOfStandardInput) {
   EXPECT_EQ(fill(reader, 100), "ef");
 }
 
+TEST_F(InputReaderFiles, CountNothingBehindTheEndOfStandardInput) {
+  const int behind = ::open(file("a", "abc").c_str(), O_RDONLY | O_CLOEXEC);
+  ASSERT_EQ(::lseek(behind, 4, SEEK_SET), 4);
+  const StandardInput input(behind);
+  ::close(behind);
+  EXPECT_EQ(InputReader({}, stop).totalBytes(), 0u);
+}
+
 TEST_F(InputReaderFiles, FillsUpWhatAPipeDeliversInBits) {
   Pipe pipe;
   const StandardInput input(pipe.ends[0]);

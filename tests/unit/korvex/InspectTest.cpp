@@ -5,8 +5,8 @@
 #include <sstream>
 
 #include "inspect/Inspect.h"
-#include "support/HostileBatches.h"
 #include "korvex/receiver/BatchCheck.h"
+#include "support/HostileBatches.h"
 #include "support/TemporaryFolder.h"
 #include "support/WireFormat.h"
 

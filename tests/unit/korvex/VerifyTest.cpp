@@ -11,6 +11,7 @@
 #include "support/TemporaryFolder.h"
 #include "unit/korvex/GoodManifest.h"
 #include "verify/Verify.h"
+#include "verify/VerifyReport.h"
 
 namespace {
 
@@ -96,6 +97,14 @@ TEST_F(Verify, FindsAWholeStreamComplete) {
                                      "[0-9.]+ s, .*/s\n"));
   EXPECT_EQ(ending_.exitCode, 0);
   EXPECT_EQ(errors_.str(), "");
+}
+
+TEST(VerifyReport, KnowsTheRate) {
+  korvex::tool::VerifyReport report;
+  report.bytes = 10;
+  EXPECT_EQ(report.bytesPerSecond(), 0) << "in no time";
+  report.seconds = 2;
+  EXPECT_EQ(report.bytesPerSecond(), 5);
 }
 
 TEST_F(Verify, ListsEverythingSortedByName) {
