@@ -41,6 +41,11 @@ class Area:
     def programs(self):
         return [program for stage in self.stages for program in stage] + list(self.slow)
 
+    def slow_for(self, name):
+        """The slow programs in the order in which they should be tried for this source."""
+        likely = [program for part, program in MOST_LIKELY if part in name]
+        return sorted(self.slow, key=lambda program: program not in likely)
+
     def has(self, name):
         return any(re.fullmatch(pattern, name) for pattern in self.sources)
 
@@ -57,6 +62,10 @@ STATUS_TESTS = slow_program("tests/integration/korvex_status_tests")
 EXEC_TESTS = slow_program("tests/integration/korvexd_exec_tests")
 DAEMON_TESTS = slow_program("tests/integration/korvexd_integration_tests")
 OPERATING_TESTS = slow_program("tests/integration/korvexd_operating_tests")
+
+# Which of an area's slow programs is tried first for a source: the others are mostly spared then.
+MOST_LIKELY = (("/status/", STATUS_TESTS), ("/exec/", EXEC_TESTS), ("/send/", SEND_TESTS),
+               ("/metrics/", OPERATING_TESTS), ("/log/", OPERATING_TESTS))
 
 AREAS = (
     Area("library",

@@ -82,12 +82,12 @@ class Workshop:
         return list(dict.fromkeys(program for area in self._areas for stage in area.stages
                                   for program in stage))
 
-    def _slow_programs(self, areas):
+    def _slow_programs(self):
         return [] if self._is_quick else list(dict.fromkeys(
-            program for area in areas for program in area.slow))
+            program for area in self._areas for program in area.slow))
 
     def _all_paths(self):
-        programs = self._quick_programs() + self._slow_programs(self._areas)
+        programs = self._quick_programs() + self._slow_programs()
         return list(dict.fromkeys(program.path for program in programs))
 
     def _is_proved(self, proof):
@@ -97,7 +97,7 @@ class Workshop:
 
     def _prove(self, proof):
         self._patience = {}
-        slow = self._slow_programs(self._areas)
+        slow = self._slow_programs()
         for programs in [[each] for each in self._quick_programs()] + [slow]:
             for program, ending in self._endings(programs):
                 self._note_time(program, ending)
@@ -160,13 +160,14 @@ class Workshop:
                     return KILLED, complaint
         if self._is_same_optimised(mutant):
             return EQUIVALENT, "the same machine code with optimisation"
-        return self._judge_slowly(area) if self._needs_slow_tests(mutant) else (SURVIVED, SPARED)
+        return (self._judge_slowly(area, mutant.file) if self._needs_slow_tests(mutant)
+                else (SURVIVED, SPARED))
 
-    def _judge_slowly(self, area):
-        failed = self._make(self._all_paths())
-        if failed:
-            return INVALID, first_error(failed)
-        for program in self._slow_programs([area]):
+    def _judge_slowly(self, area, name):
+        for program in area.slow_for(name):
+            failed = self._make([program.path])
+            if failed:
+                return INVALID, first_error(failed)
             complaint = self._complaint([program])
             if complaint:
                 return KILLED, complaint
