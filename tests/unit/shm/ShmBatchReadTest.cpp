@@ -6,9 +6,9 @@
 
 #include "korvex/ShmBatch.h"
 #include "korvex/Status.h"
+#include "support/StreamState.h"
 #include "support/ThrownError.h"
 #include "unit/shm/BatchBuilders.h"
-#include "support/StreamState.h"
 
 // The reader's half of a batch, and its printed forms.
 

@@ -10,8 +10,8 @@
 #include "korvex/ShmCommon.h"
 #include "korvex/Status.h"
 #include "support/Bytes.h"
-#include "support/ThrownError.h"
 #include "support/StreamState.h"
+#include "support/ThrownError.h"
 
 using korvex::qmx_shm_message_t;
 using korvex::qmx_shm_response_t;

@@ -1,9 +1,9 @@
 #include <cstdint>
 #include <gtest/gtest.h>
 
+#include "support/StreamState.h"
 #include "support/Text.h"
 #include "support/ThrownError.h"
-#include "support/StreamState.h"
 
 TEST(Text, JoinsItsPieces) {
   EXPECT_EQ(korvex::textOf("a ", std::string("b"), ' ', 7u, -1), "a b 7-1");
