@@ -15,12 +15,13 @@ std::string joined(const std::vector<std::string>& words, const std::string& sep
   return CLI::detail::join(words, separator);
 }
 
-/// For any of the shells: in quotes that leave everything as it is. Only fish would take a
-/// backslash for an escape, and no description has one.
+/// For any of the shells. A backslash stands outside the quotes, since fish takes one inside for an
+/// escape.
 std::string shellQuoted(const std::string& text) {
   std::string safe = "'";
   for (const char character : text) {
-    safe += character == '\'' ? std::string("'\\''") : std::string(1, character);
+    const bool isSpecial = character == '\'' || character == '\\';
+    safe += isSpecial ? std::string("'\\") + character + "'" : std::string(1, character);
   }
   return safe + "'";
 }

@@ -20,7 +20,7 @@ const std::string kFolders =
 class Completion : public testing::Test {
  protected:
   Completion() {
-    program_.add_flag("-q,--quiet", "Don't say [much]: all");
+    program_.add_flag("-q,--quiet", "Don't say [much]: \\");
     CLI::App* const get = program_.add_subcommand("get", "Gets it");
     get->set_help_flag();
     get->add_option("--to", text_, "To")->type_name("DIR");
@@ -31,7 +31,7 @@ class Completion : public testing::Test {
     put->add_option("--as", text_, "How")->type_name("raw|hex");
     put->add_option("--count", text_, "How many")->type_name("N");
     put->add_option("--secret", text_, "")->group("");
-    put->add_option("DIR", text_, "Where to");
+    put->add_option("where", text_, "Where to")->type_name("DIR");
     single_.set_help_flag();
     single_.add_option("-m,--mode", text_, "The mode")->type_name("MODE in octal");
     single_.add_option_group("Data")->add_option("NAME", text_, "Any name");
@@ -97,8 +97,8 @@ _do() {
   _arguments -C \
     '*-h[Print this help message and exit]' \
     '*--help[Print this help message and exit]' \
-    '*-q[Don'\''t say \[much\]\: all]' \
-    '*--quiet[Don'\''t say \[much\]\: all]' \
+    '*-q[Don'\''t say '\\'[much'\\']'\\': '\\''\\']' \
+    '*--quiet[Don'\''t say '\\'[much'\\']'\\': '\\''\\']' \
     '1: :->verb' '*:: :->words'
   case $state in
     verb) _describe verb verbs ;;
@@ -133,7 +133,7 @@ TEST_F(Completion, InFish) {
   EXPECT_EQ(completionFor(program_, "fish"), R"(# Completes the words of do in fish.
 complete -c do -f
 complete -c do -n __fish_use_subcommand -s h -l help -d 'Print this help message and exit'
-complete -c do -n __fish_use_subcommand -s q -l quiet -d 'Don'\''t say [much]: all'
+complete -c do -n __fish_use_subcommand -s q -l quiet -d 'Don'\''t say [much]: '\\''
 complete -c do -n __fish_use_subcommand -a get -d 'Gets it'
 complete -c do -n '__fish_seen_subcommand_from get' -l to -x)"
                                              R"( -a '(__fish_complete_directories)' -d 'To'
