@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Failure.h"
+#include "LookUntil.h"
 #include "common/Printable.h"
 #include "korvex/Status.h"
 
@@ -338,8 +339,10 @@ bool DaemonStream::flushBefore(Clock::time_point deadline, StopWait wait) {
 
 /// The writer would wait too, but would notice neither a signal nor a replaced queue.
 void DaemonStream::awaitRoom(Clock::time_point deadline) {
+  if (!sendQueue_.looksFull()) return;
+  stop_.throwIfReceived();
   const auto check = [this] { checkSignalAndDaemon(); };
-  if (!roomWait_.until(deadline, sendQueue_, check)) throwTimedOut("room");
+  if (!roomWait_.behind(sendQueue_, deadline, check)) throwTimedOut("room");
 }
 
 void DaemonStream::checkSignalAndDaemon() {

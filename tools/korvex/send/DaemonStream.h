@@ -84,7 +84,8 @@ class DaemonStream {
   enum class Phase {
     Opening,  ///< nothing: there is nothing to stop
     Open,     ///< that it is open, and it listens: stop() can tell it more
-    Closing,  ///< that it is complete: a close record may be in the batch, and a stop would send it
+    Closing,  ///< that it is complete: a close record may be on its way, or in the batch, and a
+              ///< stop would send it
     Closed,   ///< the same, and the writer sends no further record when it is destroyed
     Ended,    ///< that it was stopped; or the daemon cannot be told anything
   };

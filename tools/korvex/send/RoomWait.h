@@ -19,18 +19,16 @@ class RoomWait {
  public:
   using Clock = std::chrono::steady_clock;
 
-  /// False when the queue is still full at the deadline. While it is full, `check` is called
-  /// between the looks; what that throws ends the wait.
+  /// False when the queue is still full at the deadline. After each look that finds it full, `check`
+  /// is called; what that throws ends the wait. The first look follows the sleep.
   template <typename Check>
-  bool until(Clock::time_point deadline, const receiver::QueueStatus& queue, Check check) {
-    if (!queue.looksFull()) return true;
+  bool behind(const receiver::QueueStatus& queue, Clock::time_point deadline, Check check) {
     const auto start = Clock::now();
     const auto hasRoom = [&] {
       if (!queue.looksFull()) return true;
       check();
       return false;
     };
-    check();
     std::this_thread::sleep_for(std::clamp(halfTime_, kShortestSleep, kLongestHalfTime));
     if (!lookUntil(deadline, hasRoom)) return false;
     note(Clock::now() - start, queue);
