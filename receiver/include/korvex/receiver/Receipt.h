@@ -29,8 +29,9 @@ struct KORVEX_RECEIVER_EXPORT Receipt {
 };
 
 /// The text of a reply with status 0 that is not the last one: the stream is closed and all of it
-/// was taken, but its sink is still storing it. It comes every few seconds until the receipt does.
-constexpr std::string_view kFinishingText = "finishing";
+/// was taken, but its sink is still storing it. It comes every few seconds until the stream is
+/// stored or has failed.
+inline constexpr std::string_view kFinishingText = "finishing";
 
 /// The text of a reply, which may fill its field without a NUL.
 KORVEX_RECEIVER_EXPORT std::string_view textOf(const qmx_shm_response_t& untrusted);
