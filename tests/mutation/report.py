@@ -17,13 +17,13 @@ class Tried:
     mutant: object
     verdict: object
 
-    def as_record(self, reason):
+    def as_record(self, reason, is_same):
         mutant, verdict = self.mutant, self.verdict
         record = {"file": mutant.file, "line": mutant.line, "operator": mutant.operator,
                   "before": mutant.before, "after": mutant.after, "outcome": verdict.outcome,
                   "by": verdict.reason, "seconds": round(verdict.seconds, 2)}
         if verdict.outcome == SURVIVED:
-            record["explanation"] = reason
+            record.update(explanation=reason, same=is_same)
         return record
 
 
@@ -35,8 +35,8 @@ def share_of(killed, total):
 class Score:
     """How many were killed of all that compile, and of those that make a difference.
 
-    The second is what literature calls the mutation score: a change that nobody can see from
-    outside says nothing about the tests.
+    The second is what literature calls the mutation score: what changes only the source, or how
+    long something takes, says nothing about the tests.
     """
 
     killed: int
@@ -53,11 +53,10 @@ class Score:
 
 
 class Explanations:
-    """Why survivors change nothing that a test could see, from a file in the tree.
+    """Why changes survive, from a file in the tree.
 
     An entry names the file, the line's text and the operator, and with "after" one of several
-    changes of that line. With "differs" the change can be seen from outside, but not by the tests
-    that are run for changes.
+    changes of that line. With "same" the program does the same as before, if perhaps slower.
     """
 
     def __init__(self, path):
@@ -76,7 +75,7 @@ class Explanations:
 
     def say_it_is_the_same(self, mutant):
         entry = self._entry_of(mutant)
-        return entry is not None and not entry.get("differs", False)
+        return entry is not None and entry.get("same", False)
 
     def _entry_of(self, mutant):
         return next((entry for entry in self._entries if self._is_about(entry, mutant)), None)
@@ -137,7 +136,8 @@ class Report:
         document = {"killed": score.killed, "total": score.total, "different": score.different,
                     "percent": score.percent(),
                     "outcomes": dict(self.counts),
-                    "mutants": [each.as_record(self.reasons.get(each.mutant, ""))
+                    "mutants": [each.as_record(self.reasons.get(each.mutant, ""),
+                                           each.mutant in self._the_same)
                                 for each in self._tried]}
         (folder / "report.json").write_text(json.dumps(document, indent=1) + "\n")
 

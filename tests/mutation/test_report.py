@@ -32,18 +32,19 @@ class Scores(unittest.TestCase):
             return Report(tried, Explanations(path))
 
     def test_leave_out_what_makes_no_difference(self):
-        report = self.report([KILLED] * 9 + [SURVIVED, SURVIVED], [entry(9), entry(10)])
+        report = self.report([KILLED] * 9 + [SURVIVED, SURVIVED],
+                             [entry(9, same=True), entry(10, same=True)])
         self.assertEqual(report.score().text(), "9 of 11 mutants killed, 81.8 %; 100.0 % of the 9 "
                                                 "that make a difference")
         self.assertTrue(report.is_good())
 
-    def test_count_what_only_other_tests_notice(self):
-        report = self.report([KILLED, SURVIVED], [entry(1, differs=True)])
+    def test_count_what_makes_a_difference_and_is_explained(self):
+        report = self.report([KILLED, SURVIVED], [entry(1)])
         self.assertEqual(report.score().percent(), 50)
         self.assertFalse(report.is_good())
         self.assertEqual(report.unexplained(), [])
 
-    def test_are_bad_with_a_survivor_that_nobody_explains(self):
+    def test_are_bad_with_a_survivor_without_an_explanation(self):
         report = self.report([KILLED] * 99 + [SURVIVED])
         self.assertEqual(report.score().percent(), 99)
         self.assertFalse(report.is_good())
@@ -53,7 +54,7 @@ class Scores(unittest.TestCase):
         self.assertEqual(report.score(lambda file: file.startswith("src/")).total, 0)
         self.assertEqual(report.score(lambda file: file.startswith("tools/")).total, 2)
 
-    def test_leave_out_what_is_no_program_or_the_same(self):
+    def test_leave_out_what_does_not_compile_or_compiles_to_the_same(self):
         self.assertEqual(self.report([KILLED, EQUIVALENT, INVALID]).score().total, 1)
 
 
