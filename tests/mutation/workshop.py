@@ -229,8 +229,9 @@ class Workshop:
     def _has_same_objects(self, file):
         """Only for sources: in a header, functions that are not called here leave no code."""
         objects = [name for name in self._includers(file) if name in self._objects]
-        return file.endswith(".cpp") and objects and all(
-            digest(self.build / name) == self._objects[name] for name in objects)
+        if not file.endswith(".cpp") or not objects or self._make(objects):
+            return False
+        return all(digest(self.build / name) == self._objects[name] for name in objects)
 
     def _is_same_optimised(self, mutant):
         if mutant.file.startswith("include/"):
