@@ -199,12 +199,6 @@ def statements(source):
             yield index, end
 
 
-def does_nothing_to_see(source, index):
-    """An assertion never fails in a program that is right; reserving memory only saves time."""
-    return source.word(index) == "assert" or (
-        source.word(index + 1) == "." and source.word(index + 2) == "reserve")
-
-
 def deleted_statement(source):
     for index, end in statements(source):
         first = source.tokens[index]
@@ -214,7 +208,7 @@ def deleted_statement(source):
             # Compiles where a call that gives nothing is returned.
             yield Edit(first.start, source.tokens[end].start, "return")
         elif (first.text in KEYWORDS_THAT_START_NO_EXPRESSION or is_declaration(source, index)
-              or does_nothing_to_see(source, index)):
+              or first.text == "assert"):  # it never fails in a program that is right
             continue
         else:
             yield Edit(first.start, source.tokens[end].start, "")
