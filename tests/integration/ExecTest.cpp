@@ -105,6 +105,7 @@ TEST_F(ExecTest, TellsTheEngineWhatTheStreamIs) {
 }
 
 TEST_F(ExecTest, LeavesTheEngineTheDaemonsOtherVariables) {
+  // Different in the first letter only.
   ::setenv("YORVEX_QUEUE", "kept", 1);
   ::setenv("KORVEX_QUEUE", "replaced", 1);
   const auto daemon =

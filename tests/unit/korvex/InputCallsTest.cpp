@@ -126,6 +126,7 @@ TEST_F(InputCalls, ThatFailInAManifestDamageTheStream) {
   stream.path = folder_;
   std::atomic<std::uint64_t> bytes{0};
   korvex::tool::StreamCheck(korvex::tool::CheckDepth::Both, stop_, bytes).check(stream);
+  EXPECT_EQ(stream.state, korvex::tool::StreamState::Damaged);
   ASSERT_EQ(stream.problems.size(), 1u);
   EXPECT_EQ(stream.problems[0].what + (": " + stream.problems[0].text),
             "manifest: Input/output error");
