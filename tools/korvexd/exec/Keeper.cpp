@@ -148,13 +148,11 @@ bool EngineKeeper::start() {
   return true;
 }
 
-/// 0 once the engine's program runs, else the error.
+/// 0 once the engine's program runs, else the error. All signals are blocked, so none interrupts
+/// it.
 int EngineKeeper::awaitProgram(int failures) {
   int error = 0;
-  ssize_t size = 0;
-  do {
-    size = ::read(failures, &error, sizeof error);
-  } while (size < 0 && errno == EINTR);
+  const ssize_t size = ::read(failures, &error, sizeof error);
   return size == sizeof error ? error : 0;
 }
 
