@@ -9,6 +9,7 @@
 
 #include "integration/DaemonFixture.h"
 #include "integration/ToolRun.h"
+#include "support/BlockedSignals.h"
 #include "support/Child.h"
 #include "support/DaemonQueues.h"
 #include "support/LockHolder.h"
@@ -17,6 +18,7 @@
 
 namespace {
 
+using korvex::test::blocks;
 using korvex::test::eventually;
 using korvex::test::RawQueue;
 using korvex::test::runTool;
@@ -64,16 +66,6 @@ class Status : public DaemonFixture {
   const std::time_t since_ = 1577836800;  // the same in seconds
   const std::string stats_ = folder_ / "stats.json";
 };
-
-/// Before main() nobody can keep a signal from ending a process.
-bool blocksSignalsThatAsk(pid_t process) {
-  std::ifstream status("/proc/" + std::to_string(process) + "/status");
-  for (std::string line; std::getline(status, line);) {
-    if (line.rfind("SigBlk:", 0) != 0) continue;
-    return (std::stoull(line.substr(7), nullptr, 16) & 1ULL << (SIGUSR1 - 1)) != 0;
-  }
-  return false;
-}
 
 /// The command that draws one queue again and again.
 std::vector<std::string> watchOn(const korvex::test::Terminal& terminal, const std::string& queue) {
@@ -403,7 +395,8 @@ TEST_F(Status, SignalsThatAskNeverEndTheDaemon) {
     const auto serves = [&] {
       return daemon->errors().find("serving " + queue_) != std::string::npos;
     };
-    ASSERT_TRUE(eventually([&] { return blocksSignalsThatAsk(daemon->id()) || serves(); }));
+    // Before main() nobody can keep a signal from ending a process.
+    ASSERT_TRUE(eventually([&] { return blocks(daemon->id(), SIGUSR1) || serves(); }));
     ASSERT_TRUE(eventually([&] {
       daemon->signal(SIGUSR1);
       return serves() || daemon->wait(std::chrono::milliseconds(0));
@@ -421,7 +414,7 @@ TEST_F(Status, OfASenderIsPrintedWhenASignalAsks) {
   const int input = ::open(pipe.c_str(), O_WRONLY | O_CLOEXEC);
   const std::string data(1000, 'x');
   ASSERT_EQ(::write(input, data.data(), data.size()), 1000);
-  ASSERT_TRUE(eventually([&] { return blocksSignalsThatAsk(tool.id()); }));
+  ASSERT_TRUE(eventually([&] { return blocks(tool.id(), SIGUSR1); }));
   ASSERT_TRUE(eventually([&] {
     tool.signal(SIGUSR1);
     return tool.errors().find("korvex: sending: 1.0 kB, ") != std::string::npos;

@@ -1,8 +1,10 @@
 #include <chrono>
 #include <fcntl.h>
+#include <filesystem>
 #include <future>
 #include <gmock/gmock.h>
 #include <memory>
+#include <set>
 #include <signal.h>
 #include <sstream>
 #include <string>
@@ -12,6 +14,7 @@
 #include <vector>
 
 #include "korvexd/log/LogWriter.h"
+#include "support/BlockedSignals.h"
 
 using korvexd::LogWriter;
 using testing::AnyOf;
@@ -82,6 +85,14 @@ class LogWriterLines : public testing::Test {
   int ends_[2];
 };
 
+std::set<pid_t> threads() {
+  std::set<pid_t> ids;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
+    ids.insert(std::stoi(entry.path().filename()));
+  }
+  return ids;
+}
+
 /// The number in a line that says how many are missing; 0 for any other.
 std::size_t missingOf(const std::string& line) {
   static const std::string before = "[korvexd] [warning] ";
@@ -94,6 +105,18 @@ std::size_t missingOf(const std::string& line) {
 }
 
 }  // namespace
+
+TEST_F(LogWriterLines, LeaveSignalsToOtherThreads) {
+  const std::set<pid_t> before = threads();
+  const LogWriter writer(writingEnd(), kLong);
+  std::set<pid_t> added = threads();
+  for (const pid_t thread : before) added.erase(thread);
+  EXPECT_EQ(added.size(), 1u);
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGUSR1}) {
+    for (const pid_t thread : added) EXPECT_TRUE(korvex::test::blocks(thread, signal)) << signal;
+    EXPECT_FALSE(korvex::test::blocks(::getpid(), signal)) << signal;
+  }
+}
 
 TEST_F(LogWriterLines, AreAllWrittenInOrderBeforeItGoes) {
   auto lines = std::async(std::launch::async, [this] { return readAll(); });
