@@ -1,6 +1,7 @@
 // Streams as the input of engines.
 
 #include <cstdlib>
+#include <fcntl.h>
 #include <sstream>
 #include <unistd.h>
 
@@ -136,8 +137,11 @@ TEST_F(ExecTest, StartsTheEngineWithoutTheDaemonsWaysWithSignals) {
 }
 
 TEST_F(ExecTest, GivesTheEngineNothingButTheStandardDescriptors) {
+  const int given = ::open("/dev/null", O_RDONLY);  // which the daemon is started with
+  ASSERT_GT(given, STDERR_FILENO);
   const auto daemon = startExec(script(R"(cat >/dev/null; ls /proc/$$/fd >"$0/open" & wait)"));
   EXPECT_STREQ(replyTo("abc").message, kAbcReceipt);
+  ::close(given);
   EXPECT_EQ(written("open"), "0\n1\n2\n");
 }
 
