@@ -83,7 +83,8 @@ TEST_F(MetricsTest, CountStreamsByResultAndOpenOnes) {
 TEST_F(MetricsTest, CountFromZero) {
   const std::string text = korvexd::metricsText(numbers("shop"));
   // The lost lines of the log are the whole process's.
-  const std::regex total("^korvex_(?!log_lines)\\w+_total(?:\\{[^}]*\\})? (.*)$", std::regex::multiline);
+  const std::regex total("^korvex_(?!log_lines)\\w+_total(?:\\{[^}]*\\})? (.*)$",
+                         std::regex::multiline);
   std::size_t totals = 0;
   for (std::sregex_iterator at(text.begin(), text.end(), total), end; at != end; ++at, ++totals) {
     EXPECT_EQ(std::stod((*at)[1]), 0) << at->str();
@@ -92,12 +93,12 @@ TEST_F(MetricsTest, CountFromZero) {
 }
 
 TEST_F(MetricsTest, TellEveryEnding) {
-  const std::vector<std::string> results = {"complete", "stopped",    "cut_off",     "silent",
-                                            "corrupt",  "not_stored", "queues_lost", "daemon_ended"};
+  const std::vector<std::string> results = {"complete",    "stopped",     "cut_off",
+                                            "silent",      "corrupt",     "not_stored",
+                                            "queues_lost", "daemon_ended"};
   EXPECT_EQ(results.size(), QueueCounts::kEndings);
   for (const std::string& result : results) {
-    EXPECT_THAT(korvexd::metricsText(numbers("shop")),
-                HasSubstr("result=\"" + result + "\"} 0\n"));
+    EXPECT_THAT(korvexd::metricsText(numbers("shop")), HasSubstr("result=\"" + result + "\"} 0\n"));
   }
 }
 
