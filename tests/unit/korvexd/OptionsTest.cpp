@@ -114,6 +114,41 @@ TEST_F(OptionsTest, NumbersAreDecimalWhateverTheyBeginWith) {
   EXPECT_EQ(queue().receiver.limits.messages, 13u);
 }
 
+TEST_F(OptionsTest, TakesTheFirstAndTheLastOfEachRange) {
+  ASSERT_EQ(parse("--queue a --exec x --exec-timeout 1 --idle-timeout 1 --drain-timeout 0 "
+                  "--max-messages 1 --max-message-size 57"),
+            0);
+  EXPECT_EQ(queue().engineTimeout.count(), 1);
+  EXPECT_EQ(queue().receiver.idleTimeout->count(), 1);
+  EXPECT_EQ(queue().receiver.limits.messages, 1u);
+  EXPECT_EQ(queue().receiver.limits.messageSize, 57u);
+  ASSERT_EQ(parse("--queue a --exec x --exec-timeout 604800 --idle-timeout 604800 "
+                  "--drain-timeout 604800 --max-messages 65536 --max-message-size 1G --mode 777"),
+            0);
+  EXPECT_EQ(queue().engineTimeout.count(), 604800);
+  EXPECT_EQ(queue().receiver.idleTimeout->count(), 604800);
+  EXPECT_EQ(settings_.daemon.drainTimeout.count(), 604800);
+  EXPECT_EQ(queue().receiver.limits.messages, 65536u);
+  EXPECT_EQ(queue().receiver.limits.messageSize, 1073741824u);
+  EXPECT_EQ(queue().receiver.mode, 0777u);
+  expectWrong("--queue a --discard --drain-timeout 604801", "--drain-timeout");
+  expectWrong("--queue a --discard --max-message-size 56", "--max-message-size");
+}
+
+TEST_F(OptionsTest, KnowsWhatToDoWithItsFile) {
+  using Task = Options::Task;
+  const std::pair<std::string, Task> tasks[] = {{"", Task::Serve},
+                                                {"--check-config", Task::CheckConfig},
+                                                {"--print-config", Task::PrintConfig}};
+  for (const auto& [word, task] : tasks) {
+    ASSERT_EQ(parse("--config file " + word), 0) << word;
+    EXPECT_EQ(options_->task, task) << word;
+    EXPECT_EQ(options_->commandLine.configFile, "file");
+  }
+  expectWrong("--queue a --discard --check-config", "--config");
+  expectWrong("--config file --check-config --print-config", "--check-config");
+}
+
 TEST_F(OptionsTest, SizesMayCarryAUnit) {
   ASSERT_EQ(parse("--queue a --discard --max-message-size 2M"), 0);
   EXPECT_EQ(queue().receiver.limits.messageSize, 2097152u);

@@ -77,6 +77,13 @@ TEST(ConfigFileTest, ReportsEveryMistakeAtItsPlace) {
                   "7:16: max-messages: found 0, expected a whole number from 1 to 65536"));
 }
 
+TEST(ConfigFileTest, RefusesATimeToDrainBelowZero) {
+  EXPECT_THAT(
+      mistakesIn("[daemon]\ndrain-timeout = -1\n"),
+      ElementsAre("2:17: drain-timeout: found -1, expected a whole number of seconds from 0 "
+                  "to 604800"));
+}
+
 TEST(ConfigFileTest, ReportsTwoSinksAtTheSecond) {
   EXPECT_THAT(mistakesIn("[queue.a]\ndiscard = true\n\noutput = 'x'\n"),
               ElementsAre("4:10: found output beside discard, expected one of output, exec, "
@@ -138,11 +145,14 @@ INSTANTIATE_TEST_SUITE_P(
         WrongLine{"exec = []", "exec: found [], expected a list of words"},
         WrongLine{"exec = ['', 'x']", R"(exec: found ["", "x"], expected a list of words)"},
         WrongLine{"exec = ['x', 1]", "exec: found a list with elements other than strings"},
+        WrongLine{"exec = ['x', \"a\\u0000\"]",
+                  R"(found ["x", "a\u0000"], expected a list of words)"},
         WrongLine{"discard = false", "discard: found false, expected true"},
         WrongLine{"discard = 1", "discard: found 1, expected true"},
         WrongLine{"replace = 'yes'", R"(replace: found "yes", expected true or false)"},
         WrongLine{"exec-timeout = 0", "expected a whole number of seconds from 1 to 604800"},
         WrongLine{"exec-timeout = 604801", "found 604801, expected a whole number of seconds"},
+        WrongLine{"idle-timeout = 0", "expected a whole number of seconds from 1 to 604800"},
         WrongLine{"idle-timeout = 1.5", "idle-timeout: found 1.5, expected a whole number"},
         WrongLine{"idle-timeout = 1979-05-27", "found 1979-05-27, expected a whole number"},
         WrongLine{"max-messages = 65537", "found 65537, expected a whole number from 1 to 65536"},
@@ -154,9 +164,12 @@ INSTANTIATE_TEST_SUITE_P(
         WrongLine{"max-message-size = true", "found true, expected a whole number of bytes"},
         WrongLine{"mode = 660", "mode: found 660, expected an octal number in quotes"},
         WrongLine{"mode = '1777'", R"(found "1777", expected an octal number up to 777)"},
+        WrongLine{"mode = '00600'", R"(found "00600", expected an octal number up to 777)"},
         WrongLine{"mode = '-600'", R"(found "-600", expected an octal number up to 777)"},
         WrongLine{"mode = '0066'", R"(found "0066", expected read and write permission)"},
         WrongLine{"group = 'no such'", R"(found "no such", expected the name or the number)"},
+        WrongLine{"group = '12x'", R"(found "12x", expected the name or the number)"},
+        WrongLine{"group = \"daemon\\u0000\"", "expected the name or the number"},
         WrongLine{"group = -1", "group: found -1, expected a whole number from 0 to 4294967294"},
         WrongLine{"group = {}", "group: found a table, expected the name or the number"},
         WrongLine{"[queue.'']", "\"\" cannot be a queue's name: it is empty"},

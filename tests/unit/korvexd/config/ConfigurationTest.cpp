@@ -89,11 +89,42 @@ TEST_F(ConfigurationTest, TellsEveryDifference) {
   expectChange("output = 'o'", "output = 'o'\ndigest = 'xxh128'");
 }
 
+TEST_F(ConfigurationTest, TakesTheFirstAndTheLastOfEachRange) {
+  const std::string table = "[queue.a]\nexec = ['x']\n";
+  const QueueSettings least = queueIn(table +
+                                      "exec-timeout = 1\nidle-timeout = 1\nmax-messages = 1\n"
+                                      "max-message-size = 57\nmode = '0600'\ngroup = 0\n");
+  EXPECT_EQ(least.engineTimeout.count(), 1);
+  EXPECT_EQ(least.receiver.idleTimeout->count(), 1);
+  EXPECT_EQ(least.receiver.limits.messages, 1u);
+  EXPECT_EQ(least.receiver.limits.messageSize, 57u);
+  EXPECT_EQ(least.receiver.group, gid_t{0});
+  const QueueSettings most =
+      queueIn(table +
+              "exec-timeout = 604800\nidle-timeout = 604800\nmax-messages = 65536\n"
+              "max-message-size = 1073741824\nmode = '0777'\ngroup = 4294967294\n[daemon]\n"
+              "drain-timeout = 604800\n");
+  EXPECT_EQ(most.engineTimeout.count(), 604800);
+  EXPECT_EQ(most.receiver.idleTimeout->count(), 604800);
+  EXPECT_EQ(most.receiver.limits.messages, 65536u);
+  EXPECT_EQ(most.receiver.limits.messageSize, 1073741824u);
+  EXPECT_EQ(most.receiver.mode, 0777u);
+  EXPECT_EQ(most.receiver.group, gid_t{4294967294u});
+}
+
 TEST_F(ConfigurationTest, TakesTheDaemonsKeys) {
   const auto settings =
       read("[daemon]\nstats = 's'\ndrain-timeout = 9\n[queue.a]\ndiscard = true").settings();
   EXPECT_EQ(settings.daemon.statsFile, "s");
   EXPECT_EQ(settings.daemon.drainTimeout.count(), 9);
+}
+
+TEST_F(ConfigurationTest, OverrulesTheDaemonsTableByTheCommandLine) {
+  commandLine_.daemon["drain-timeout"] = {Value(std::int64_t{7}), {Origin::Kind::CommandLine}};
+  const auto daemon =
+      read("[daemon]\nstats = 's'\ndrain-timeout = 9\n[queue.a]\ndiscard = true").settings().daemon;
+  EXPECT_EQ(daemon.drainTimeout.count(), 7);
+  EXPECT_EQ(daemon.statsFile, "s");
 }
 
 TEST_F(ConfigurationTest, NamesGroupsByNameOrNumber) {
@@ -153,6 +184,21 @@ TEST_F(ConfigurationTest, ReportsAMissingFolderOfTheDefaultsOnce) {
   EXPECT_THAT(textsOf(configuration), ElementsAre(HasSubstr("file:2:10: output: found \"/none\"")));
 }
 
+TEST_F(ConfigurationTest, ReportsWhatIsMissingInTheFilesOrder) {
+  Configuration configuration = read(
+      "[queue.a]\ncapture = '/none/c'\noutput = '/none/o'\n"
+      "[queue.b]\noutput = '/none/o'\n[queue.c]\nexec = ['/none/e']\n");
+  configuration.checkSystem([](const QueueSettings&) { return false; });
+  EXPECT_THAT(textsOf(configuration),
+              ElementsAre(HasSubstr("file:2:11: capture: found \"/none/c\", expected a folder: "),
+                          HasSubstr("file:3:10: output: found \"/none/o\""),
+                          HasSubstr("file:5:10: output: found \"/none/o\""),
+                          HasSubstr("file:7:8: exec: found [\"/none/e\"]")));
+  for (const auto& mistake : configuration.mistakes()) {
+    EXPECT_EQ(mistake.remedy, korvexd::Mistake::Remedy::System) << mistake.text;
+  }
+}
+
 TEST_F(ConfigurationTest, ChecksTheSystemForNewQueuesOnly) {
   Configuration configuration = read("[defaults]\noutput = '/none'\n[queue.a]\n");
   configuration.checkSystem([](const QueueSettings& queue) { return queue.output == "/none"; });
@@ -162,6 +208,13 @@ TEST_F(ConfigurationTest, ChecksTheSystemForNewQueuesOnly) {
 TEST_F(ConfigurationTest, RefusesAFileWithoutQueues) {
   EXPECT_THAT(textsOf(read("[defaults]\ndiscard = true\n")),
               ElementsAre("file:1:1: found no queue, expected a table [queue.NAME]"));
+}
+
+TEST_F(ConfigurationTest, SaysNothingElseOfAQueueThatCannotBe) {
+  EXPECT_THAT(textsOf(read("[queue.'x/y']\n")),
+              ElementsAre(HasSubstr("file:1:8: \"x/y\" cannot be a queue's name")));
+  EXPECT_THAT(textsOf(read("[queue]\na = 1\n")),
+              ElementsAre("file:2:5: a: found 1, expected a table"));
 }
 
 TEST_F(ConfigurationTest, RefusesAQueueWithoutSink) {
@@ -175,6 +228,14 @@ TEST_F(ConfigurationTest, RefusesLongNamesOnlyWhereFilesAreNeeded) {
   EXPECT_THAT(textsOf(read(table + "discard = true\n")), IsEmpty());
   EXPECT_THAT(textsOf(read(table + "output = 'x'\n")),
               ElementsAre(HasSubstr("a file name of 201 characters, expected at most 200")));
+  EXPECT_THAT(textsOf(read("[queue." + std::string(200, 'a') + "]\noutput = 'x'\n")), IsEmpty());
+}
+
+TEST_F(ConfigurationTest, RefusesALongNameForFilesOfTwoKinds) {
+  const std::string table = "[queue." + std::string(201, 'a') + "]\ncapture = 'c'\n";
+  for (const char* sink : {"output = 'x'\n", "exec = ['x']\n", "discard = true\n"}) {
+    EXPECT_THAT(textsOf(read(table + sink)), ElementsAre(HasSubstr("of 201 characters"))) << sink;
+  }
 }
 
 TEST_F(ConfigurationTest, ListsMistakesInTheOrderOfTheFile) {
