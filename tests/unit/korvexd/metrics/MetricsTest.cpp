@@ -1,3 +1,4 @@
+#include <functional>
 #include <gmock/gmock.h>
 #include <regex>
 #include <set>
@@ -109,6 +110,65 @@ TEST_F(MetricsTest, KeepTheSecondsThatAQueueWasFull) {
               HasSubstr("korvex_queue_full_seconds_total{queue=\"shop\"} 1234567.89"));
 }
 
+TEST_F(MetricsTest, GiveEachNumberToItsOwnFamily) {
+  DaemonNumbers now = numbers("shop");
+  now.started = 1001;
+  now.written = 1002;
+  now.configured = 1003;
+  now.failures = {1, 2, 3, 4, 5, 6};
+  now.metricsFailures = 7;
+  now.queues.back().waiting = 8;
+  now.queues.back().capacity = 9;
+  now.queues.back().lastSuccess = 1004;
+  const std::string text = korvexd::metricsText(now);
+  const std::pair<const char*, const char*> samples[] = {
+      {"build_info{daemon=\"night\",version=\"0.1.0\"}", "1"},
+      {"start_timestamp_seconds{daemon=\"night\"}", "1001"},
+      {"written_timestamp_seconds{daemon=\"night\"}", "1002"},
+      {"config_last_reload_successful{daemon=\"night\"}", "1"},
+      {"config_last_reload_success_timestamp_seconds{daemon=\"night\"}", "1003"},
+      {"file_write_failures_total{daemon=\"night\",file=\"stats\"}", "1"},
+      {"config_reload_failures_total{daemon=\"night\"}", "2"},
+      {"queue_creation_failures_total{daemon=\"night\"}", "3"},
+      {"service_manager_failures_total{daemon=\"night\"}", "4"},
+      {"watchdog_withheld_total{daemon=\"night\"}", "5"},
+      {"shutdown_hangs_total{daemon=\"night\"}", "6"},
+      {"file_write_failures_total{daemon=\"night\",file=\"metrics\"}", "7"},
+      {"messages_waiting{queue=\"shop\"}", "8"},
+      {"queue_capacity_messages{queue=\"shop\"}", "9"},
+      {"last_success_timestamp_seconds{queue=\"shop\"}", "1004"},
+      {"queue_served{queue=\"shop\"}", "1"}};
+  for (const auto& [sample, value] : samples) {
+    EXPECT_THAT(text, HasSubstr(std::string("\nkorvex_") + sample + " " + value + "\n"));
+  }
+}
+
+TEST_F(MetricsTest, TellWhatIsRefusedOrNotServed) {
+  DaemonNumbers now = numbers("shop");
+  now.isReloadRefused = true;
+  counts_.isServed = false;
+  const std::string text = korvexd::metricsText(now);
+  EXPECT_THAT(text, HasSubstr("korvex_config_last_reload_successful{daemon=\"night\"} 0\n"));
+  EXPECT_THAT(text, HasSubstr("korvex_queue_served{queue=\"shop\"} 0\n"));
+}
+
+TEST_F(MetricsTest, ShowNoStreamOpenOnceAllHaveEnded) {
+  counters_.add(Count::StreamsOpened, 4);
+  counters_.add(Count::StreamsComplete, 1);
+  counters_.add(Count::StreamsIncomplete, 3);
+  EXPECT_THAT(korvexd::metricsText(numbers("shop")),
+              HasSubstr("korvex_stream_open{queue=\"shop\"} 0\n"));
+}
+
+TEST_F(MetricsTest, NameNoSampleTwice) {
+  std::istringstream lines(korvexd::metricsText(numbers("shop")));
+  std::set<std::string> samples;
+  for (std::string line; std::getline(lines, line);) {
+    if (line.front() == '#') continue;
+    EXPECT_TRUE(samples.insert(line.substr(0, line.find("} "))).second) << line;
+  }
+}
+
 TEST(MetricFamilies, AreTheOnesThatThePageLists) {
   std::set<std::string> documented;
   const std::string page = contentsOf(KORVEX_DOCS "/monitoring.md");
@@ -150,6 +210,35 @@ TEST_F(MetricsFileTest, HoldsTheDaemonsTimesAndWhatWaits) {
   EXPECT_THAT(written(), HasSubstr("korvex_config_last_reload_success_timestamp_seconds"
                                    "{daemon=\"night\"} 1000000003\n"));
   EXPECT_THAT(written(), HasSubstr("korvex_messages_waiting{queue=\"" + queue.name() + "\"} 1\n"));
+}
+
+TEST_F(MetricsFileTest, LooksAgainWhereTheQueuesThreadHasMoved) {
+  korvex::test::RawQueue queue(korvex::test::uniqueQueueName(), 8, 16);
+  MetricsFile file(path_, 0, noFailures);
+  const auto expectWaiting = [&](std::size_t number) {
+    file.update({{queue.name(), &counters_, &log_}}, {});
+    EXPECT_THAT(written(), HasSubstr("korvex_messages_waiting{queue=\"" + queue.name() + "\"} " +
+                                     std::to_string(number) + "\n"));
+  };
+  expectWaiting(0);
+  queue.post("a", 1);
+  expectWaiting(0);  // its thread only waits
+  const std::function<void()> moves[] = {[this] { counters_.add(Count::QueueReplacements); },
+                                         [this] {
+                                           counters_.add(Count::QueueReplacements);
+                                           log_.queuesReplaced();
+                                         },
+                                         [this] {
+                                           counters_.add(Count::Batches);
+                                           log_.queuesReplaced();
+                                         },
+                                         [this] { log_.queuesReplaced(); },
+                                         [this] { log_.settingsChanged(); }};
+  for (const auto& move : moves) {
+    move();
+    expectWaiting(queue.waiting());
+    queue.post("b", 1);
+  }
 }
 
 TEST_F(MetricsFileTest, IsWrittenAgainOnlyAfterAChange) {

@@ -48,6 +48,12 @@ TEST_F(QueueFillTest, AddsTheTimeThatTheQueueIsFull) {
   EXPECT_EQ(fullSeconds(), 3);
 }
 
+TEST_F(QueueFillTest, CountsNoTimeBeforeThereIsAQueue) {
+  lookAfter(1);
+  lookAfter(2);
+  EXPECT_EQ(fullSeconds(), 0);
+}
+
 TEST_F(QueueFillTest, GoesOnWithTheQueueThatReplacesAnother) {
   makeQueue();
   lookAfter(1);
