@@ -98,6 +98,12 @@ TEST(LogReader, IsTheJournalWhereTheDescriptorIsItsStream) {
   EXPECT_EQ(korvexd::readerOf(STDIN_FILENO), LogReader::Anyone);
 }
 
+TEST(LogReader, IsAnyoneWhereTheDescriptorIsNone) {
+  ::setenv("JOURNAL_STREAM", "0:0", 1);
+  EXPECT_EQ(korvexd::readerOf(-1), LogReader::Anyone);
+  ::unsetenv("JOURNAL_STREAM");
+}
+
 TEST(LogEvents, AreTheOnesThatThePageLists) {
   std::multiset<std::string> names;
   for (std::size_t i = 0; i < std::size(korvexd::kEventNames); ++i) {

@@ -41,6 +41,41 @@ TEST(StreamLog, KnowsWhetherItsQueueIsServed) {
   EXPECT_TRUE(log.counts().isServed);
 }
 
+TEST(StreamLog, SaysWhereAStreamIsIfAnywhere) {
+  const korvex::test::LoggedText logged;
+  StreamLog log("q", std::nullopt);
+  korvex::receiver::StreamSummary summary;
+  summary.bytes = 3;
+  for (const char* place : {"", "there"}) {
+    log.streamOpened(place);
+    log.streamIncomplete(summary, "why", place);
+  }
+  EXPECT_EQ(logged.text(),
+            "q: stream opened\nq: stream incomplete (why), 3 bytes, nothing stored\n"
+            "q: stream opened, there\nq: stream incomplete (why), 3 bytes, there\n");
+}
+
+TEST(StreamLog, WarnsOfNoStreamThatItsProducerStopped) {
+  const korvex::test::LoggedText logged;
+  spdlog::default_logger()->set_pattern("%l");
+  StreamLog log("q", std::nullopt);
+  korvex::receiver::StreamSummary summary;
+  for (const auto ending : {korvex::receiver::Ending::Stopped, korvex::receiver::Ending::CutOff}) {
+    summary.ending = ending;
+    log.streamIncomplete(summary, "why", "");
+  }
+  EXPECT_EQ(logged.text(), "info\nwarning\n");
+}
+
+TEST_F(CapturingLog, NumbersDamagedBatchesAsTheCaptureDoes) {
+  receive(1);
+  receive(2);
+  StreamLog later("q", captured_);
+  const korvex::test::LoggedText logged;
+  later.batchRefused(1, korvex::receiver::BatchCheck(nullptr, 0));
+  EXPECT_THAT(logged.text(), testing::HasSubstr("q: batch 3 is damaged: "));
+}
+
 TEST_F(CapturingLog, GoesOnAfterTheNumbersOfAnEarlierDaemon) {
   receive(1);
   receive(2);

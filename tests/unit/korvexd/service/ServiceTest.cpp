@@ -7,6 +7,7 @@
 #include "korvexd/service/ServiceManager.h"
 #include "korvexd/service/StatusText.h"
 #include "korvexd/service/Watchdog.h"
+#include "support/LoggedText.h"
 #include "support/NotifySocket.h"
 #include "support/Queues.h"
 #include "support/TemporaryFolder.h"
@@ -40,10 +41,10 @@ class Service : public testing::Test {
   NotifySocket socket_{folder_ / "notify"};
 };
 
-long monotonicSeconds() {
+long monotonicMicroseconds() {
   timespec now = {};
   ::clock_gettime(CLOCK_MONOTONIC, &now);
-  return now.tv_sec;
+  return now.tv_sec * 1000000 + now.tv_nsec / 1000;
 }
 
 }  // namespace
@@ -63,14 +64,14 @@ TEST_F(Service, HearsEachStateAsItsProtocolSays) {
 
 TEST_F(Service, HearsWhenAReloadBegan) {
   offer(socket_);
-  const long before = monotonicSeconds();
+  const long before = monotonicMicroseconds();
   ServiceManager().reloading();
   const std::string message = socket_.next();
   const std::string beginning = "RELOADING=1\nMONOTONIC_USEC=";
   ASSERT_THAT(message, testing::StartsWith(beginning));
-  const long time = std::stol(message.substr(beginning.size())) / 1000000;
+  const long time = std::stol(message.substr(beginning.size()));
   EXPECT_GE(time, before);
-  EXPECT_LE(time, monotonicSeconds());
+  EXPECT_LE(time, monotonicMicroseconds());
 }
 
 TEST_F(Service, HearsOfAStatusOnlyWhenItChanged) {
@@ -102,6 +103,20 @@ TEST_F(Service, IsLeftAloneWithoutAUsableSocket) {
   ServiceManager().ready("x");
   ::setenv("NOTIFY_SOCKET", ("/" + std::string(200, 'x')).c_str(), 1);
   ServiceManager().ready("x");
+}
+
+TEST_F(Service, IsMissedOnceInTheLogAndCountedAlways) {
+  ::setenv("NOTIFY_SOCKET", (folder_ / "nobody").c_str(), 1);
+  const korvex::test::LoggedText logged;
+  ServiceManager manager;
+  manager.ready("x");
+  manager.feedWatchdog();
+  EXPECT_EQ(manager.failures(), 2u);
+  EXPECT_EQ(logged.text(), "notifying the service manager: error 2 (No such file or directory)\n");
+  NotifySocket later(folder_ / "nobody");
+  manager.feedWatchdog();
+  EXPECT_EQ(later.next(), "WATCHDOG=1");
+  EXPECT_EQ(manager.failures(), 2u);
 }
 
 TEST_F(Service, SpeaksToThisProcessAlone) {
