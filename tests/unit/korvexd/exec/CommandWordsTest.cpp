@@ -1,3 +1,4 @@
+#include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <stdexcept>
@@ -108,6 +109,22 @@ TEST(FindProgram, TakesTheFirstThatMayRun) {
   EXPECT_EQ(findProgram("engine"), path.second_ + "/engine");
   ::chmod((path.first_ + "/engine").c_str(), 0700);
   EXPECT_EQ(findProgram("engine"), path.first_ + "/engine");
+}
+
+TEST(FindProgram, LooksInTheUsualFoldersWithoutPath) {
+  const TwoFolders path;
+  ::unsetenv("PATH");
+  EXPECT_THAT(obstacleTo("sh"), testing::MatchesRegex("found (/usr)?/bin/sh"));
+}
+
+TEST(FindProgram, TakesAnEmptyEntryForTheWorkingFolder) {
+  const TwoFolders path;
+  TwoFolders::make(path.first_ + "/engine", 0700);
+  ::setenv("PATH", (":" + path.second_).c_str(), 1);
+  const auto before = std::filesystem::current_path();
+  std::filesystem::current_path(path.first_);
+  EXPECT_EQ(obstacleTo("engine"), "found ./engine");
+  std::filesystem::current_path(before);
 }
 
 TEST(FindProgram, LooksNowhereForAPath) {
