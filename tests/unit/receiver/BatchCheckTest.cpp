@@ -132,3 +132,11 @@ TEST(BatchCheckUntrusted, RefusesALengthOneAboveWhatIsLeft) {
 TEST(BatchCheckUntrusted, AcceptsNoPointerForNoBytes) {
   EXPECT_EQ(BatchCheck(nullptr, 0).defect(), Defect::MetaDataCut);
 }
+
+TEST(BatchCheckUntrusted, SaysWhatWasFoundAndExpected) {
+  EXPECT_EQ(check(BatchBytes().bytes()).text(), "sound at offset 8");
+  EXPECT_EQ(check(Bytes(3)).text(),
+            "metadata block cut at offset 0: found 3 bytes, expected 8 bytes");
+  EXPECT_EQ(check(twoRecords().set32(103, 0x1234).bytes()).text(),
+            "wrong header magic at offset 59: found 0x00001234, expected 0xaabbccdd");
+}

@@ -1,5 +1,8 @@
+#include <cstdio>
+#include <fstream>
 #include <gmock/gmock.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 
 #include "korvex/receiver/BusErrorGuard.h"
 #include "korvex/receiver/Leftovers.h"
@@ -124,4 +127,23 @@ TEST_F(QueueSurvey, SurvivesAQueueThatIsCutUnderIt) {
                                                                                         : " free");
   });
   EXPECT_EQ(seen, "0 free");
+}
+
+TEST_F(QueueSurvey, KnowsAQueueNoMoreThatWasCut) {
+  const RawQueue queue(name_, 2, 10);
+  const QueueStatus status(name_);
+  EXPECT_TRUE(status.isStillNamed());
+  ASSERT_EQ(::truncate(("/dev/shm/" + name_).c_str(), 100), 0);
+  EXPECT_FALSE(status.isStillNamed());
+}
+
+TEST_F(QueueSurvey, TakesNoLongNameForItsBeginning) {
+  const std::string longest = name_ + std::string(255 - name_.size(), 'x');
+  const std::string path = QueueObject::path(longest);
+  std::ofstream(path).put('x');
+  struct stat found = {};
+  EXPECT_TRUE(QueueObject::look(longest, found));
+  EXPECT_FALSE(QueueObject::look(longest + "x", found));
+  EXPECT_TRUE(QueueObject::exists(longest + "x")) << "nothing can be made there";
+  std::remove(path.c_str());
 }

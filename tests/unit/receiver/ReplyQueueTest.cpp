@@ -1,7 +1,9 @@
 #include <exception>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <unistd.h>
 
+#include "korvex/receiver/BusErrorGuard.h"
 #include "korvex/receiver/Receipt.h"
 #include "korvex/receiver/ReplyQueue.h"
 #include "support/DaemonQueues.h"
@@ -51,6 +53,17 @@ TEST(ReplyQueue, NoticesThatItsNameWasTakenAway) {
   EXPECT_TRUE(replies.isStillNamed());
   boost::interprocess::message_queue::remove(queues.response().name().c_str());
   EXPECT_FALSE(replies.isStillNamed());
+}
+
+TEST(ReplyQueue, NoticesThatItsMemoryWasCut) {
+  korvex::receiver::installBusErrorGuard();
+  DaemonQueues queues;
+  queues.reply(0, "lost");
+  const ReplyQueue replies(queues.name());
+  EXPECT_EQ(replies.messages(), 1u);
+  ASSERT_EQ(::truncate(("/dev/shm/" + queues.response().name()).c_str(), 0), 0);
+  EXPECT_FALSE(replies.isStillNamed());
+  EXPECT_EQ(replies.messages(), 0u);
 }
 
 TEST(ReplyQueue, RefusesQueuesThatAreAbsentOrHalfMade) {

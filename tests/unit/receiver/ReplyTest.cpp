@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -175,4 +176,22 @@ TEST_F(ContendedLock, IsGivenUpAfterAMinuteOfAnyOwners) {
     ASSERT_NO_THROW(noteOwner(second % 2 == 0 ? one_ : other_, seconds(second))) << second;
   }
   EXPECT_THROW(noteOwner(one_, seconds(60)), korvex::receiver::LockLost);
+}
+
+TEST_F(ContendedLock, LeavesItsOwnerFiveSecondsForEachMessage) {
+  using std::chrono::milliseconds;
+  noteOwner(one_, milliseconds(0));
+  lock_.field(korvex::test::kMessagesAt) = 1;
+  EXPECT_NO_THROW(noteOwner(one_, milliseconds(4999)));
+  EXPECT_NO_THROW(noteOwner(one_, milliseconds(9998)));
+  EXPECT_THROW(noteOwner(one_, milliseconds(9999)), korvex::receiver::LockLost);
+}
+
+TEST_F(ContendedLock, IsLostAtOnceToADeadOwner) {
+  if (!korvex::test::seesEveryThread()) GTEST_SKIP() << "no view of other PID namespaces";
+  const pid_t dead = ::fork();
+  if (dead == 0) ::_exit(0);
+  ASSERT_EQ(::waitpid(dead, nullptr, 0), dead);
+  noteOwner(one_, std::chrono::milliseconds(0));
+  EXPECT_THROW(noteOwner(dead, std::chrono::milliseconds(1)), korvex::receiver::LockLost);
 }

@@ -606,3 +606,29 @@ TEST_F(StreamSessionTest, TellsTheObserverHowEachStreamEnded) {
               ending);
   }
 }
+
+TEST_F(StreamSessionTest, OpensASinkForItsQueueAndTime) {
+  std::string queue;
+  std::time_t opened = 0;
+  session_.openWith([&](const std::string& name, std::time_t time) {
+    queue = name;
+    opened = time;
+    return openSink();
+  });
+  const std::time_t before = std::time(nullptr);
+  take(kOpen, 0);
+  take(kClose, 2);
+  EXPECT_EQ(queue, "q");
+  EXPECT_GE(opened, before);
+  EXPECT_EQ(fate().summary.opened, opened);
+  EXPECT_GE(fate().summary.closed, opened);
+}
+
+TEST_F(StreamSessionTest, TakesTheStopOfAFailedStream) {
+  take(kOpen, 0);
+  EXPECT_TRUE(take(kData, 0, "a"));
+  EXPECT_FALSE(take(kStop, 2));
+  EXPECT_EQ(count(Count::DroppedRecords), 1u) << "the stop is none of them";
+  EXPECT_FALSE(take(kClose, 3)) << "a writer that stopped still closes when it goes";
+  expectFailure(take(kData, 4), 32, "record type 1 sequence 4: no stream is open, expected type 0");
+}

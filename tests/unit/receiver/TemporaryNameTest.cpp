@@ -125,3 +125,25 @@ TEST_F(TemporaryNameTest, LeavesWhatIsNoFile) {
   EXPECT_THAT(removeHalfMadeQueues(), Not(Contains(name)));
   EXPECT_TRUE(queueExists(name));
 }
+
+TEST_F(TemporaryNameTest, TellsWhoMakesWhichQueueInTheirOrder) {
+  using korvex::receiver::HalfMadeQueue;
+  const std::string own = make(temporaryQueueName());
+  const std::string foreign = make(".korvexd-" + std::to_string(::getpid()) + "-" +
+                                   std::to_string(ownNamespace() + 1) + "-1-2");
+  const std::string first = make(nameBy(1, "-" + std::to_string(::getpid()) + "-2"));
+  const std::vector<HalfMadeQueue> found = korvex::receiver::halfMadeQueues();
+  const auto expect = [&](const std::string& name, pid_t process, HalfMadeQueue::Maker maker) {
+    const auto at = std::find_if(found.begin(), found.end(),
+                                 [&](const HalfMadeQueue& queue) { return queue.name == name; });
+    ASSERT_TRUE(at != found.end()) << name;
+    EXPECT_EQ(at->process, process) << name;
+    EXPECT_TRUE(at->maker == maker) << name;
+  };
+  expect(own, ::getpid(), HalfMadeQueue::Maker::Alive);
+  expect(first, 1, HalfMadeQueue::Maker::Alive);
+  expect(foreign, 0, HalfMadeQueue::Maker::Unknown);
+  EXPECT_TRUE(std::is_sorted(found.begin(), found.end(), [](const auto& one, const auto& other) {
+    return one.name < other.name;
+  }));
+}
