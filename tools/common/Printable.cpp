@@ -126,7 +126,7 @@ std::string_view cutToColumns(std::string_view text, std::size_t columns) {
 std::string byteText(double bytes) {
   std::size_t unit = 0;
   // A value that rounds up to 1000 moves to the next unit.
-  while (bytes >= (unit == 0 ? kUnitStep : kUnitStep - 0.05) && unit + 1 < kUnits.size()) {
+  while (bytes >= kUnitStep - (unit == 0 ? 0.5 : 0.05) && unit + 1 < kUnits.size()) {
     bytes /= kUnitStep;
     ++unit;
   }

@@ -61,6 +61,12 @@ TEST(ColumnsOf, CountsWhatATerminalShows) {
   EXPECT_EQ(columnsOf("e\u0301"), 1u) << "an accent of its own";
   EXPECT_EQ(columnsOf("\U0001f4be"), 2u);
   EXPECT_EQ(columnsOf("\xff"), 1u);
+  EXPECT_EQ(columnsOf("\x1b"), 1u);
+  // Each of these would have another width if a bit of it were lost.
+  EXPECT_EQ(columnsOf("\u0483"), 0u);
+  EXPECT_EQ(columnsOf("\u05c4"), 0u);
+  EXPECT_EQ(columnsOf("\u3042"), 2u);
+  EXPECT_EQ(columnsOf("\U000e0100"), 0u);
 }
 
 TEST(CutToColumns, NeverCutsACharacter) {
@@ -80,7 +86,11 @@ TEST(ByteText, UsesPowersOfThousandWithOneDecimal) {
   EXPECT_EQ(byteText(3e18), "3000.0 PB");
 }
 
-TEST(ByteText, NeverRoundsUpToAThousand) { EXPECT_EQ(byteText(999960), "1.0 MB"); }
+TEST(ByteText, NeverRoundsUpToAThousand) {
+  EXPECT_EQ(byteText(999.4), "999 B");
+  EXPECT_EQ(byteText(999.5), "1.0 kB");
+  EXPECT_EQ(byteText(999960), "1.0 MB");
+}
 
 TEST(TimeText, LeavesHoursOutWhenThereAreNone) {
   EXPECT_EQ(timeText(std::chrono::seconds(0)), "0:00");
