@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "integration/ExecFixture.h"
+#include "integration/ToolRun.h"
 #include "queue/MessageQueue.h"
 #include "support/Receipts.h"
 
@@ -149,6 +150,24 @@ TEST_F(ExecTest, FailsWithTheExitCodeAndTheLastError) {
   const auto daemon = startExec(script("cat >/dev/null; echo first >&2; echo oh no >&2; exit 3"));
   expectFailure(replyTo("abc"), "the engine exited with code 3: oh no");
   EXPECT_TRUE(awaitLog(*daemon, "engine: first"));
+}
+
+TEST(Keeper, IsNotForAnybodyElse) {
+  const std::vector<std::string> calls[] = {{"--keep-engine"},
+                                            {"--keep-engine", "1", "/bin/true", "true"}};
+  for (std::vector<std::string> words : calls) {
+    words.insert(words.begin(), KORVEXD_PROGRAM);
+    const auto run = korvex::test::runProgram(words);
+    EXPECT_EQ(run.code, 2);
+    EXPECT_EQ(run.errors, "korvexd: --keep-engine is for korvexd itself\n");
+  }
+}
+
+TEST_F(ExecTest, LogsALastLineThatWasNotEnded) {
+  const auto daemon = startExec(script("cat >/dev/null; printf said; printf wrong >&2; exit 3"));
+  expectFailure(replyTo("abc"), "the engine exited with code 3: wrong");
+  EXPECT_TRUE(awaitLog(*daemon, "engine: said"));
+  EXPECT_TRUE(awaitLog(*daemon, "engine: wrong"));
 }
 
 TEST_F(ExecTest, FailsWithTheLastOfManyErrors) {

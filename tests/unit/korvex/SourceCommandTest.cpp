@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
+#include <poll.h>
 #include <signal.h>
 #include <sstream>
 #include <stdlib.h>
@@ -15,6 +16,7 @@
 #include <unistd.h>
 
 #include "Failure.h"
+#include "send/ChildProcess.h"
 #include "send/SourceCommand.h"
 #include "support/Await.h"
 #include "support/TemporaryFolder.h"
@@ -172,6 +174,16 @@ using CommandThatLeavesChildren = CommandAsSource;
 using CommandThatIsInterrupted = CommandAsSource;
 
 }  // namespace
+
+TEST(ChildProcess, EndsWithItsOwner) {
+  int ends[2];
+  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+  { const korvex::tool::ChildProcess child({"sleep", "600"}, ends[1]); }
+  ::close(ends[1]);
+  pollfd end = {ends[0], POLLIN, 0};
+  EXPECT_EQ(::poll(&end, 1, 0), 1) << "nothing has the other end";
+  ::close(ends[0]);
+}
 
 TEST_F(CommandAsSource, GivesItsOutputToTheEnd) {
   EXPECT_EQ(outputOf("printf ab; printf c").size(), 3u);
