@@ -69,6 +69,7 @@ TEST(CaptureFileName, HasNoNumberInAnyOtherForm) {
     EXPECT_FALSE(captureFileOf(path).number) << path;
     EXPECT_EQ(captureFileOf(path).capture, path);
   }
+  EXPECT_EQ(captureFileOf("-").title(), "standard input");
 }
 
 TEST(CaptureFileOrder, IsByNumberWithinEachCapture) {

@@ -74,6 +74,7 @@ TEST(SendOptionsParsing, ReadsEveryOption) {
 TEST(SendOptionsParsing, SuffixesArePowersOf1024) {
   EXPECT_EQ(parse("--queue q --segment-size 128K").segmentSize, 131072u);
   EXPECT_EQ(parse("--queue q --segment-size 2m").segmentSize, 2097152u);
+  EXPECT_EQ(parse("--queue q --segment-size 3KB").segmentSize, 3072u);
   EXPECT_EQ(parse("--queue q --segment-size 1GiB").segmentSize, 1073741824u);
   EXPECT_EQ(parse("--queue q --segment-size 010").segmentSize, 10u);
   EXPECT_EQ(parse("--queue q --timeout 010").timeout, 10u);
@@ -138,7 +139,8 @@ TEST_F(CommandLine, RefusesTimeoutsThatAreNoNumber) {
 
 TEST_F(CommandLine, NamesUnexpectedWordsInTheirOrder) {
   EXPECT_EQ(run({"one", "two\n", "three"}), 2);
-  EXPECT_THAT(errors.str(), HasSubstr("not expected: one two\\x0a three\n"));
+  EXPECT_THAT(errors.str(),
+              HasSubstr("The following arguments were not expected: one two\\x0a three\n"));
 }
 
 TEST_F(CommandLine, RefusesReceiptTimeoutsOutOfRange) {
@@ -147,7 +149,7 @@ TEST_F(CommandLine, RefusesReceiptTimeoutsOutOfRange) {
 }
 
 TEST_F(CommandLine, RefusesSegmentSizesOutOfRange) {
-  for (const char* size : {"0", "0K", "1025G", "2T"}) {
+  for (const char* size : {"0", "0K", "1025G", "2T", "16777215T", "18446744073709551615"}) {
     errors.str("");
     EXPECT_EQ(runSend({"--segment-size", size}), 2) << size;
     EXPECT_THAT(errors.str(), HasSubstr("not in range 1 to 1099511627776")) << size;
@@ -155,11 +157,17 @@ TEST_F(CommandLine, RefusesSegmentSizesOutOfRange) {
 }
 
 TEST_F(CommandLine, RefusesWhatIsNoSize) {
-  for (const char* size : {"-1", "1X", "1.5M", "", "99999999999999999999", "16777216E"}) {
+  const auto expectRefusal = [this](const std::string& size, const std::string& expected) {
     errors.str("");
-    EXPECT_EQ(runSend({"--segment-size", size}), 2) << size;
-    EXPECT_THAT(errors.str(), HasSubstr("--segment-size")) << size;
+    EXPECT_EQ(runSend({"--segment-size", size.c_str()}), 2) << size;
+    EXPECT_THAT(errors.str(),
+                HasSubstr("--segment-size: found '" + size + "', expected " + expected + "\n"));
+  };
+  for (const char* size : {"-1", "1X", "1.5M", "", "16777216E", "1B", "1KK", "1KBi", "1 K"}) {
+    expectRefusal(size, "a whole number of bytes, K, M, G or T may follow");
   }
+  expectRefusal("18446744073709551616", "at most 18446744073709551615");
+  expectRefusal("16777216T", "less");
 }
 
 TEST_F(CommandLine, RefusesAReceiptTimeoutWithoutAReceipt) {
@@ -186,6 +194,15 @@ TEST_F(CommandLine, HelpSaysWhereToLookForAMissingBackup) {
 TEST_F(CommandLine, TellsItsVersion) {
   EXPECT_EQ(run({"--version"}), 0);
   EXPECT_EQ(out.str(), "0.1.0\n");
+}
+
+TEST_F(CommandLine, PrintsACompletion) {
+  EXPECT_EQ(run({"completion", "zsh"}), 0);
+  EXPECT_THAT(out.str(), StartsWith("#compdef korvex\n"));
+  EXPECT_EQ(run({"completion", "csh"}), 2);
+  EXPECT_THAT(errors.str(), HasSubstr("found 'csh', expected bash, zsh or fish"));
+  EXPECT_EQ(run({"completion"}), 2);
+  EXPECT_THAT(errors.str(), HasSubstr("SHELL is required"));
 }
 
 TEST_F(CommandLine, RunsTheSubcommand) {

@@ -6,10 +6,12 @@
 #include <fstream>
 #include <gmock/gmock.h>
 #include <unistd.h>
+#include <utility>
 
 #include "Failure.h"
 #include "InputReader.h"
 #include "support/SystemCalls.h"
+#include "unit/korvex/GoodManifest.h"
 #include "verify/StreamCheck.h"
 
 namespace {
@@ -64,6 +66,22 @@ class InputCalls : public testing::Test {
       return failure.what();
     }
     return "";
+  }
+
+  /// Checks a stream of three bytes. This is called once its manifest has been read.
+  template <typename Read>
+  korvex::tool::StoredStream checkedStream(Read readData) const {
+    std::ofstream(folder_ / "manifest.json") << korvex::test::goodManifest();
+    std::ofstream(folder_ / "data") << "abc";
+    instead.read = [readData, count = 0](int file, void* bytes, std::size_t size) mutable {
+      return ++count <= 2 ? korvex::test::system_calls::read(file, bytes, size)
+                          : readData(file, bytes, size);
+    };
+    korvex::tool::StoredStream stream;
+    stream.path = folder_;
+    std::atomic<std::uint64_t> bytes{0};
+    korvex::tool::StreamCheck(korvex::tool::CheckDepth::Both, stop_, bytes).check(stream);
+    return stream;
   }
 
   StopSignal stop_;
@@ -130,6 +148,25 @@ TEST_F(InputCalls, ThatFailInAManifestDamageTheStream) {
   ASSERT_EQ(stream.problems.size(), 1u);
   EXPECT_EQ(stream.problems[0].what + (": " + stream.problems[0].text),
             "manifest: Input/output error");
+}
+
+TEST_F(InputCalls, ThatFailInTheDataDamageTheStream) {
+  const auto stream = checkedStream([error = EINTR](int, void*, std::size_t) mutable -> ssize_t {
+    return failing(std::exchange(error, EIO));
+  });
+  EXPECT_EQ(stream.state, korvex::tool::StreamState::Damaged);
+  ASSERT_EQ(stream.problems.size(), 1u);
+  EXPECT_EQ(stream.problems[0].what + (": " + stream.problems[0].text), "data: Input/output error");
+}
+
+TEST_F(InputCalls, ThatFindMoreAndMoreDataEnd) {
+  const auto stream = checkedStream([](int, void* bytes, std::size_t) -> ssize_t {
+    *static_cast<char*>(bytes) = 'x';
+    return 1;
+  });
+  EXPECT_EQ(stream.bytes, 4u);
+  ASSERT_EQ(stream.problems.size(), 3u);
+  EXPECT_EQ(stream.problems[0].text, "found 4 bytes, expected 3 bytes");
 }
 
 TEST_F(InputCalls, ThatShortenAReadAreMadeAgain) {

@@ -199,6 +199,19 @@ TEST_F(InputReaderFiles, ADashIsStandardInputBetweenFiles) {
   EXPECT_EQ(fill(reader, 100), "piped");
 }
 
+TEST_F(InputReaderFiles, ReadStandardInputTwice) {
+  Pipe pipe;
+  pipe.write("piped");
+  pipe.closeWriter();
+  const StandardInput input(pipe.ends[0]);
+  InputReader reader({"-", "-"}, stop);
+  ASSERT_TRUE(reader.openNext());
+  EXPECT_EQ(fill(reader, 100), "piped");
+  ASSERT_TRUE(reader.openNext()) << "it stays open";
+  EXPECT_EQ(fill(reader, 100), "");
+  EXPECT_FALSE(reader.openNext());
+}
+
 TEST_F(InputReaderFiles, CountsOnlyWhatIsLeftOfStandardInput) {
   const int half = ::open(file("a", "abcdef").c_str(), O_RDONLY | O_CLOEXEC);
   ASSERT_EQ(::lseek(half, 4, SEEK_SET), 4);
@@ -391,6 +404,12 @@ TEST_F(InputReaderFiles, ASignalEndsTheWaitForAPipe) {
   auto filled = std::async(std::launch::async, [&] { return fill(reader, 3); });
   stop.note(SIGTERM);
   EXPECT_THROW(filled.get(), Interrupted);
+}
+
+TEST_F(InputReaderFiles, ASignalComesBeforeTheNextFile) {
+  InputReader reader({file("a", "abc")}, stop);
+  stop.note(SIGINT);
+  EXPECT_THROW(reader.openNext(), Interrupted);
 }
 
 TEST_F(InputReaderFiles, ASignalEndsTheReadingOfAFile) {

@@ -20,6 +20,7 @@ using korvex::tool::runInspect;
 using korvex::tool::StopSignal;
 using nlohmann::json;
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -103,6 +104,15 @@ TEST_F(Inspect, NamesEveryType) {
   }
 }
 
+TEST_F(Inspect, SumsUpFilesWithoutNumbersOneByOne) {
+  const std::string one = write("x", BatchBytes().record(0, 1, "a").bytes());
+  const std::string plain = write("q", BatchBytes().bytes());
+  const std::string text = inspect({one, plain, plain, numbered(1)});
+  EXPECT_THAT(text, HasSubstr(", 1 record, 1 data byte, 1 stream\n"));
+  EXPECT_THAT(text, EndsWith("\nx: first sequence 1, last 1\n"
+                             "q: no record\nq: no record\nq: batches 1; no record\n"));
+}
+
 TEST_F(Inspect, DumpsTheDataWhenAsked) {
   options_.data = true;
   EXPECT_THAT(inspect({write("two", twoRecords().bytes())}),
@@ -183,6 +193,13 @@ TEST_F(Inspect, WritesARecordAsAJsonObject) {
       "printed":"type=1, len=3, crc=38600999","data":"616263"})"));
   EXPECT_EQ(objects[1]["data"], "");
   EXPECT_EQ(objects[1]["index"], 1);
+}
+
+TEST_F(Inspect, WritesNoDataUnlessAsked) {
+  const auto objects = inspectAsJson({write("x", twoRecords().trailing(1).bytes())});
+  ASSERT_EQ(objects.size(), 4u);
+  EXPECT_FALSE(objects[0].contains("data"));
+  EXPECT_FALSE(objects[2].contains("rest"));
 }
 
 TEST_F(Inspect, WritesTheSummaryLast) {

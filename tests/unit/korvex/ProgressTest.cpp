@@ -64,7 +64,15 @@ TEST(ProgressLine, KnowsNoTimeLeftBeforeTheFirstByte) {
 
 TEST(ProgressLine, EmptyInputIsComplete) {
   const ProgressState empty = {0, 0, seconds(0)};
-  EXPECT_EQ(progressLine(empty, 40).substr(0, 4), "100%");
+  EXPECT_EQ(progressLine(empty, 40), "100% 0 B of 0 B, 0 B/s, -:-- left");
+}
+
+TEST(ProgressLine, HasABarOfFiveToFiftyColumns) {
+  const ProgressState slow = {1, 1000000000000, seconds(1)};
+  const std::string numbers = "1 B of 1.0 TB, 1 B/s, 99:59:59 left";  // no more than that
+  EXPECT_EQ(progressLine(slow, 47), "  0% " + numbers);
+  EXPECT_EQ(progressLine(slow, 48), "  0% [     ] " + numbers);
+  EXPECT_EQ(progressLine(slow, 200), "  0% [" + std::string(50, ' ') + "] " + numbers);
 }
 
 TEST_F(ProgressDrawing, RedrawsInPlaceAndLeavesTheLastColumnFree) {

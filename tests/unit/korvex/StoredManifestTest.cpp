@@ -101,6 +101,13 @@ TEST(StoredManifestUntrusted, NamesWhatItFoundAndExpected) {
             "opened is \"now\", expected a time such as \"2026-11-21T00:56:23Z\"");
 }
 
+TEST(StoredManifestUntrusted, QuotesEightyCharactersAtMost) {
+  const std::string text(79, 'x');
+  EXPECT_THAT(defectWith("state", text.substr(1)),
+              StartsWith("state is \"" + text.substr(1) + "\", expected "));
+  EXPECT_THAT(defectWith("state", text), StartsWith("state is \"" + text + "..., expected "));
+}
+
 TEST(StoredManifestUntrusted, RefusesDigestsThatAreNotHex) {
   const std::string shorter = kSha256.substr(1);
   for (const std::string& text : {shorter, kSha256 + "0", "A" + shorter, "g" + shorter}) {
@@ -126,6 +133,7 @@ TEST(StoredManifestUntrusted, RefusesWhatIsNoJson) {
         std::string("{} x"), std::string(R"({"bytes":1e999})")}) {
     EXPECT_THAT(defectOf(text), StartsWith("not JSON: ")) << text;
   }
+  EXPECT_THAT(defectOf("{"), StartsWith("not JSON: parse error at line 1"));
 }
 
 TEST(StoredManifestUntrusted, RefusesNumbersAbove64Bits) {

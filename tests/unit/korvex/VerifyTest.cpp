@@ -107,6 +107,23 @@ TEST(VerifyReport, KnowsTheRate) {
   EXPECT_EQ(report.bytesPerSecond(), 5);
 }
 
+TEST(VerifyReport, TellsWhatWasNotChecked) {
+  korvex::tool::VerifyReport report;
+  report.streams.resize(1);
+  report.failures.push_back(korvex::tool::Failure(2, "missing"));
+  report.bytes = 1050000000;
+  report.seconds = 0.5;
+  report.isQuick = true;
+  EXPECT_EQ(report.summary(),
+            "0 complete, 0 damaged, 0 partial, 0 foreign, 1 unchecked; 1050000000 bytes in 0.5 s, "
+            "2.1 GB/s");
+  json found = json::parse(report.json());
+  found.erase("streams");
+  EXPECT_EQ(found, json::parse(R"({"complete":0,"damaged":0,"partial":0,"foreign":0,"unchecked":1,
+      "errors":[{"status":2,"message":"missing"}],"quick":true,"bytes":1050000000,"seconds":0.5,
+      "bytesPerSecond":2100000000.0,"exitCode":1})"));
+}
+
 TEST_F(Verify, ListsEverythingSortedByName) {
   for (const char* name : {"q-20261121T005623Z-3", "q-20261121T005623Z-1", "q-20261121T005623Z-2"})
     stream(name);
@@ -146,6 +163,39 @@ TEST_F(Verify, TakesAFolderThatIsAStream) {
   for (const std::string& name : {path, path + "/", path + "/.", store_ / "link"}) {
     EXPECT_THAT(verify({name}), StartsWith("complete  " + name + "\n1 complete"));
   }
+}
+
+TEST_F(Verify, TellsAStreamsNameFromOthers) {
+  const std::vector<std::string> names = {
+      "-20261121T005623Z-1",  "20261121T005623Z-1",   "q20261121T005623Z-1",  "q-20261121T005623Z-",
+      "q-20261121T005623Y-1", "q-2026112aT005623Z-1", "xq20261121T005623Z-1", "20261121"};
+  for (const std::string& name : names) writeFile(store_ / name, "");
+  store_.makeFolder(".partial");
+  const std::string text = verify();
+  for (const std::string& name : names) {
+    EXPECT_THAT(text, HasSubstr("foreign   " + store_ / name + "\n"));
+  }
+  EXPECT_THAT(text, HasSubstr("foreign   " + store_ / ".partial" + "\n"));
+  EXPECT_EQ(ending_.exitCode, 0);
+}
+
+TEST_F(Verify, TakesAnOpenStreamThatIsGiven) {
+  const std::string named = store_.makeFolder(kStream + ".partial");
+  EXPECT_THAT(verify({named}), StartsWith("partial   " + named + ": still open, "));
+  const std::string renamed = store_.makeFolder("x.partial");
+  EXPECT_THAT(verify({renamed}), StartsWith("0 complete, 0 damaged, 0 partial, 0 foreign"));
+  writeFile(renamed + "/data", "abc");
+  EXPECT_THAT(verify({renamed}), StartsWith("partial   " + renamed + ": still open, "));
+  const std::string other = store_.makeFolder("other");
+  writeFile(other + "/data", "abc");
+  EXPECT_THAT(verify({other}), StartsWith("foreign   " + other + "/data\n"));
+}
+
+TEST_F(Verify, TakesAFolderOfStreamsForAStore) {
+  stream(kStream);
+  writeFile(store_ / "manifest.json", "{}");
+  EXPECT_THAT(verify({store_.path() + "/"}), StartsWith("foreign   " + store_ / "manifest.json" +
+                                                        "\ncomplete  " + store_ / kStream + "\n"));
 }
 
 TEST_F(Verify, NamesBothDigestsOfChangedData) {
@@ -209,6 +259,9 @@ TEST_F(Verify, SaysWhyAStreamIsPartial) {
   EXPECT_THAT(verify(), StartsWith("partial   " + path + ": the daemon\\x1b[2J ended\n"));
   EXPECT_EQ(ending_.exitCode, 0);
   EXPECT_THAT(verify({path}), StartsWith("partial   "));
+  manifest["reason"] = "";
+  stream(kStream + ".partial", manifest);
+  EXPECT_THAT(verify(), StartsWith("partial   " + path + ": incomplete\n"));
   fs::remove(path + "/manifest.json");
   EXPECT_THAT(verify(), HasSubstr(": still open, or its daemon died: no manifest\n"));
   writeFile(path + "/manifest.json", "{");
@@ -269,6 +322,7 @@ TEST_F(Verify, IsInterruptedInTheMiddleOfAStream) {
   });
   EXPECT_EQ(verifyAsJson()["streams"][0]["state"], "unchecked");
   EXPECT_EQ(ending_.exitCode, 130);
+  EXPECT_THAT(terminal.str(), HasSubstr(" of 68.7 GB, "));
 }
 
 TEST_F(Verify, ReadsStreamsWithoutDataAndWithMuch) {
@@ -333,6 +387,13 @@ TEST_F(Verify, RefusesAManifestOfAnySize) {
   ASSERT_EQ(::truncate(path.c_str(), off_t{1} << 40), 0);
   EXPECT_EQ(verifyDamaged(),
             "manifest: larger than any manifest: expected at most 1048576 bytes\n");
+}
+
+TEST_F(Verify, TakesAManifestOfTheLargestSize) {
+  std::string text = goodManifest().dump();
+  text.resize(1048576, ' ');
+  writeFile(stream(kStream) + "/manifest.json", text);
+  EXPECT_THAT(verify(), StartsWith("complete  "));
 }
 
 TEST_F(Verify, NamesTheMemberOfABadManifest) {
