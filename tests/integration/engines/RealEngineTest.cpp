@@ -207,12 +207,12 @@ const Ending kEndings[] = {
        // It may have died with the queue's lock, which is noticed earlier.
        EXPECT_TRUE(eventually([&] {
          const std::string log = scene.daemon.errors();
-         return log.find("no batch for 2 seconds") != std::string::npos ||
+         return log.find("no batch for 10 seconds") != std::string::npos ||
                 log.find("a process died with the queue's lock") != std::string::npos;
        })) << scene.daemon.errors();
      },
      "",
-     {"--idle-timeout", "2"}},
+     {"--idle-timeout", "10"}},  // longer than an engine takes to start
     {"DeathOfTheDaemon", [](Scene& scene) { scene.daemon.killNow(); }, "", {}},
     {"EndOfTheDaemon",
      [](Scene& scene) {
