@@ -19,8 +19,8 @@ class RoomWait {
  public:
   using Clock = std::chrono::steady_clock;
 
-  /// False when the queue is still full at the deadline. After each look that finds it full, `check`
-  /// is called; what that throws ends the wait. The first look follows the sleep.
+  /// False when the queue is still full at the deadline. After each look that finds it full,
+  /// `check` is called; what that throws ends the wait. The first look follows the sleep.
   template <typename Check>
   bool behind(const receiver::QueueStatus& queue, Clock::time_point deadline, Check check) {
     const auto start = Clock::now();
