@@ -4,27 +4,11 @@
 #include <unistd.h>
 
 #include "common/StandardDescriptors.h"
+#include "support/RestoredDescriptor.h"
 
 namespace {
 
-/// Puts a standard descriptor out of the way, and back at the end.
-class Closed {
- public:
-  explicit Closed(int descriptor)
-      : descriptor_(descriptor), saved_(::fcntl(descriptor, F_DUPFD_CLOEXEC, 10)) {
-    ::close(descriptor);
-  }
-  ~Closed() {
-    ::dup2(saved_, descriptor_);
-    ::close(saved_);
-  }
-  Closed(const Closed&) = delete;
-  Closed& operator=(const Closed&) = delete;
-
- private:
-  int descriptor_;
-  int saved_;
-};
+using korvex::test::RestoredDescriptor;
 
 std::string fileOf(int descriptor) {
   char path[300];
@@ -47,9 +31,9 @@ TEST(StandardDescriptors, WhenClosedGiveNoDataAndLoseNoResult) {
   std::string files[3];
   int access[3];
   {
-    const Closed input(0);
-    const Closed output(1);
-    const Closed errors(2);
+    const RestoredDescriptor input(0, -1);
+    const RestoredDescriptor output(1, -1);
+    const RestoredDescriptor errors(2, -1);
     korvex::common::occupyStandardDescriptors();
     for (int descriptor = 0; descriptor < 3; ++descriptor) {
       files[descriptor] = fileOf(descriptor);

@@ -15,9 +15,11 @@
 
 #include "Failure.h"
 #include "InputReader.h"
+#include "support/RestoredDescriptor.h"
 
 namespace {
 
+using korvex::test::RestoredDescriptor;
 using korvex::tool::Failure;
 using korvex::tool::InputReader;
 using korvex::tool::Interrupted;
@@ -64,21 +66,6 @@ class InputReaderFiles : public testing::Test {
 
   StopSignal stop;
   std::filesystem::path folder_;
-};
-
-/// Standard input for the length of a test.
-class StandardInput {
- public:
-  explicit StandardInput(int replacement) : saved_(::dup(STDIN_FILENO)) {
-    ::dup2(replacement, STDIN_FILENO);
-  }
-  ~StandardInput() {
-    ::dup2(saved_, STDIN_FILENO);
-    ::close(saved_);
-  }
-
- private:
-  int saved_;
 };
 
 int lowestFreeDescriptor() {
@@ -180,7 +167,7 @@ TEST_F(InputReaderFiles, NoNamesMeanStandardInput) {
   Pipe pipe;
   pipe.write("piped");
   pipe.closeWriter();
-  const StandardInput input(pipe.ends[0]);
+  const RestoredDescriptor input(STDIN_FILENO, pipe.ends[0]);
   InputReader reader({}, stop);
   ASSERT_TRUE(reader.openNext());
   EXPECT_EQ(fill(reader, 100), "piped");
@@ -191,7 +178,7 @@ TEST_F(InputReaderFiles, ADashIsStandardInputBetweenFiles) {
   Pipe pipe;
   pipe.write("piped");
   pipe.closeWriter();
-  const StandardInput input(pipe.ends[0]);
+  const RestoredDescriptor input(STDIN_FILENO, pipe.ends[0]);
   InputReader reader({file("a", "before"), "-"}, stop);
   ASSERT_TRUE(reader.openNext());
   EXPECT_EQ(fill(reader, 100), "before");
@@ -203,7 +190,7 @@ TEST_F(InputReaderFiles, ReadStandardInputTwice) {
   Pipe pipe;
   pipe.write("piped");
   pipe.closeWriter();
-  const StandardInput input(pipe.ends[0]);
+  const RestoredDescriptor input(STDIN_FILENO, pipe.ends[0]);
   InputReader reader({"-", "-"}, stop);
   ASSERT_TRUE(reader.openNext());
   EXPECT_EQ(fill(reader, 100), "piped");
@@ -215,7 +202,7 @@ TEST_F(InputReaderFiles, ReadStandardInputTwice) {
 TEST_F(InputReaderFiles, CountsOnlyWhatIsLeftOfStandardInput) {
   const int half = ::open(file("a", "abcdef").c_str(), O_RDONLY | O_CLOEXEC);
   ASSERT_EQ(::lseek(half, 4, SEEK_SET), 4);
-  const StandardInput input(half);
+  const RestoredDescriptor input(STDIN_FILENO, half);
   ::close(half);
   InputReader reader({}, stop);
   EXPECT_EQ(reader.totalBytes(), 2u);
@@ -226,14 +213,14 @@ TEST_F(InputReaderFiles, CountsOnlyWhatIsLeftOfStandardInput) {
 TEST_F(InputReaderFiles, CountNothingBehindTheEndOfStandardInput) {
   const int behind = ::open(file("a", "abc").c_str(), O_RDONLY | O_CLOEXEC);
   ASSERT_EQ(::lseek(behind, 4, SEEK_SET), 4);
-  const StandardInput input(behind);
+  const RestoredDescriptor input(STDIN_FILENO, behind);
   ::close(behind);
   EXPECT_EQ(InputReader({}, stop).totalBytes(), 0u);
 }
 
 TEST_F(InputReaderFiles, FillsUpWhatAPipeDeliversInBits) {
   Pipe pipe;
-  const StandardInput input(pipe.ends[0]);
+  const RestoredDescriptor input(STDIN_FILENO, pipe.ends[0]);
   InputReader reader({}, stop);
   ASSERT_TRUE(reader.openNext());
   auto filled = std::async(std::launch::async, [&] { return fill(reader, 6); });
@@ -250,7 +237,7 @@ TEST_F(InputReaderFiles, FillsUpWhatAPipeDeliversInBits) {
 TEST_F(InputReaderFiles, ReadsAPipeThatDoesNotBlock) {
   Pipe pipe;
   ASSERT_EQ(::fcntl(pipe.ends[0], F_SETFL, O_NONBLOCK), 0);
-  const StandardInput input(pipe.ends[0]);
+  const RestoredDescriptor input(STDIN_FILENO, pipe.ends[0]);
   InputReader reader({}, stop);
   ASSERT_TRUE(reader.openNext());
   auto filled = std::async(std::launch::async, [&] { return fill(reader, 3); });
@@ -260,7 +247,7 @@ TEST_F(InputReaderFiles, ReadsAPipeThatDoesNotBlock) {
 
 TEST_F(InputReaderFiles, CallsTheIdleActionWhileAPipeIsSilent) {
   Pipe pipe;
-  const StandardInput input(pipe.ends[0]);
+  const RestoredDescriptor input(STDIN_FILENO, pipe.ends[0]);
   InputReader reader({}, stop);
   int calls = 0;
   reader.whenIdle([&] {
@@ -283,14 +270,14 @@ TEST_F(InputReaderFiles, RefusesADirectoryBeforeAnythingIsRead) {
 
 TEST_F(InputReaderFiles, RefusesADirectoryAsStandardInput) {
   const int directory = ::open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  const StandardInput input(directory);
+  const RestoredDescriptor input(STDIN_FILENO, directory);
   ::close(directory);
   EXPECT_EQ(refusal({}, EISDIR), "cannot read standard input: Is a directory");
 }
 
 TEST_F(InputReaderFiles, RefusesAStandardInputThatIsForWritingOnly) {
   Pipe pipe;
-  const StandardInput input(pipe.ends[1]);
+  const RestoredDescriptor input(STDIN_FILENO, pipe.ends[1]);
   EXPECT_EQ(refusal({}, EBADF), "cannot read standard input: Bad file descriptor");
 }
 
@@ -306,7 +293,7 @@ TEST_F(InputReaderFiles, RefusesASocket) {
 
 TEST_F(InputReaderFiles, RefusesASocketAsStandardInputThatLeadsNowhere) {
   const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const StandardInput input(socket);
+  const RestoredDescriptor input(STDIN_FILENO, socket);
   ::close(socket);
   EXPECT_THAT(refusal({}, ENOTCONN), HasSubstr("cannot read standard input: "));
 }
@@ -315,7 +302,7 @@ TEST_F(InputReaderFiles, ReadsASocketAsStandardInput) {
   for (const bool isEarly : {false, true}) {  // is there something before the reader looks?
     int ends[2];
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-    const StandardInput input(ends[0]);
+    const RestoredDescriptor input(STDIN_FILENO, ends[0]);
     ::close(ends[0]);
     const auto write = [&] {
       EXPECT_EQ(::write(ends[1], "abc", 3), 3);
@@ -355,7 +342,7 @@ TEST_F(InputReaderFiles, CallsTheIdleActionWithoutAPipesWriter) {
 
 TEST_F(InputReaderFiles, CallsTheIdleActionWhileAPipeTrickles) {
   Pipe pipe;
-  const StandardInput input(pipe.ends[0]);
+  const RestoredDescriptor input(STDIN_FILENO, pipe.ends[0]);
   InputReader reader({}, stop);
   int calls = 0;
   reader.whenIdle([&] { ++calls; });
@@ -398,7 +385,7 @@ TEST_F(InputReaderFiles, NamesAFileWhoseReadingFails) {
 
 TEST_F(InputReaderFiles, ASignalEndsTheWaitForAPipe) {
   Pipe pipe;
-  const StandardInput input(pipe.ends[0]);
+  const RestoredDescriptor input(STDIN_FILENO, pipe.ends[0]);
   InputReader reader({}, stop);
   ASSERT_TRUE(reader.openNext());
   auto filled = std::async(std::launch::async, [&] { return fill(reader, 3); });

@@ -1,15 +1,18 @@
 #include <chrono>
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <optional>
 #include <poll.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include "send/ProgressSignal.h"
 #include "support/Await.h"
+#include "support/RestoredDescriptor.h"
 
 namespace {
 
+using korvex::test::RestoredDescriptor;
 using korvex::tool::ProgressSignal;
 using testing::StartsWith;
 
@@ -19,16 +22,15 @@ constexpr std::chrono::hours kLong{1000};
 /// A program that expects the signal and whose standard error is a pipe.
 class ProgressSignalAnswer : public testing::Test {
  protected:
-  ProgressSignalAnswer() : saved_(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)) {
+  ProgressSignalAnswer() {
     EXPECT_EQ(::pipe2(ends_, O_CLOEXEC), 0);
-    ::dup2(ends_[1], STDERR_FILENO);
+    errors_.emplace(STDERR_FILENO, ends_[1]);
     ::pthread_sigmask(SIG_SETMASK, nullptr, &before_);
     ProgressSignal::expect();
   }
   ~ProgressSignalAnswer() override {
     ::pthread_sigmask(SIG_SETMASK, &before_, nullptr);
-    ::dup2(saved_, STDERR_FILENO);
-    for (const int file : {saved_, ends_[0], ends_[1]}) ::close(file);
+    for (const int end : ends_) ::close(end);
   }
 
   /// The line that a signal asks for; what there is of it if no more comes.
@@ -46,8 +48,8 @@ class ProgressSignalAnswer : public testing::Test {
     return line;
   }
 
-  int saved_;
   int ends_[2];
+  std::optional<RestoredDescriptor> errors_;
   sigset_t before_;
 };
 

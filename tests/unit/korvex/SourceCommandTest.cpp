@@ -19,12 +19,14 @@
 #include "send/ChildProcess.h"
 #include "send/SourceCommand.h"
 #include "support/Await.h"
+#include "support/RestoredDescriptor.h"
 #include "support/TemporaryFolder.h"
 
 namespace {
 
 using korvex::test::contentsOf;
 using korvex::test::eventually;
+using korvex::test::RestoredDescriptor;
 using korvex::tool::Failure;
 using korvex::tool::Interrupted;
 using korvex::tool::ProcessEnd;
@@ -57,23 +59,6 @@ std::chrono::nanoseconds threadTime() {
   ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
   return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
 }
-
-/// Puts another file in the place of standard input for a while.
-class StandardInput {
- public:
-  explicit StandardInput(int file) : saved_(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3)) {
-    EXPECT_EQ(::dup2(file, STDIN_FILENO), STDIN_FILENO);
-  }
-  ~StandardInput() {
-    ::dup2(saved_, STDIN_FILENO);
-    ::close(saved_);
-  }
-  StandardInput(const StandardInput&) = delete;
-  StandardInput& operator=(const StandardInput&) = delete;
-
- private:
-  int saved_;
-};
 
 /// A command that is read to its end, mostly a shell's line, in which $0 is a folder.
 class CommandAsSource : public testing::Test {
@@ -241,7 +226,7 @@ TEST_F(CommandAsSource, HasNoDescriptorOfTheCallersOwn) {
 TEST_F(CommandAsSource, ReadsTheCallersStandardInput) {
   std::ofstream(folder / "input") << "abc";
   const int file = ::open((folder / "input").c_str(), O_RDONLY | O_CLOEXEC);
-  const StandardInput input(file);
+  const RestoredDescriptor input(STDIN_FILENO, file);
   ::close(file);
   start({"cat"});
   EXPECT_EQ(readAll(), "abc");
@@ -253,7 +238,7 @@ TEST_F(CommandAsSource, ReadsNothingFromATerminal) {
   ASSERT_EQ(::unlockpt(master), 0);
   const int slave = ::open(::ptsname(master), O_RDWR | O_NOCTTY | O_CLOEXEC);
   {
-    const StandardInput input(slave);
+    const RestoredDescriptor input(STDIN_FILENO, slave);
     EXPECT_EQ(outputOf("readlink /proc/self/fd/0; cat"), "/dev/null\n");
   }
   ::close(slave);

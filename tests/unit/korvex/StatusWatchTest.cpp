@@ -9,10 +9,12 @@
 #include <unistd.h>
 
 #include "status/Status.h"
+#include "support/RestoredDescriptor.h"
 #include "support/Terminal.h"
 
 namespace {
 
+using korvex::test::RestoredDescriptor;
 using korvex::tool::Ending;
 using korvex::tool::runStatus;
 using korvex::tool::StatusOptions;
@@ -21,21 +23,13 @@ using testing::StartsWith;
 
 const std::string kClear = "\x1b[H\x1b[J";
 
-/// Puts a file in the place of standard output for a while.
+/// A file in the place of standard output.
 class StandardOutput {
  public:
-  explicit StandardOutput(const std::string& file)
-      : saved_(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 3)) {
-    const int replacement = ::open(file.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
-    EXPECT_EQ(::dup2(replacement, STDOUT_FILENO), STDOUT_FILENO);
-    ::close(replacement);
+  explicit StandardOutput(const std::string& path)
+      : file_(::open(path.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC)), output_(STDOUT_FILENO, file_) {
+    ::close(file_);
   }
-  ~StandardOutput() {
-    ::dup2(saved_, STDOUT_FILENO);
-    ::close(saved_);
-  }
-  StandardOutput(const StandardOutput&) = delete;
-  StandardOutput& operator=(const StandardOutput&) = delete;
 
   void resize(unsigned short rows, unsigned short columns) const {
     const winsize size = {rows, columns, 0, 0};
@@ -43,7 +37,8 @@ class StandardOutput {
   }
 
  private:
-  int saved_;
+  int file_;
+  RestoredDescriptor output_;
 };
 
 /// One look at a queue that does not exist. There are 32 lines to draw: a title and errors.

@@ -17,6 +17,7 @@
 #include "support/LockHolder.h"
 #include "support/Namespaces.h"
 #include "support/QueueFields.h"
+#include "support/RestoredDescriptor.h"
 #include "support/SystemCalls.h"
 
 using korvex::QueueView;
@@ -203,10 +204,8 @@ TEST_F(ProvenLockOwner, IsReadFromDescriptorZeroToo) {
     ::close(file);
     return STDIN_FILENO;
   };
-  const int saved = ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 10);
+  const korvex::test::RestoredDescriptor input(STDIN_FILENO, STDIN_FILENO);
   EXPECT_TRUE(isGone()) << "and closes it";
-  ::dup2(saved, STDIN_FILENO);
-  ::close(saved);
 }
 
 TEST_F(ProvenLockOwner, MayBeTheFirstProcess) {

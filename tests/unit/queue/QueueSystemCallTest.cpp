@@ -16,6 +16,7 @@
 #include "queue/QueueView.h"
 #include "support/DaemonQueues.h"
 #include "support/QueueFields.h"
+#include "support/RestoredDescriptor.h"
 #include "support/SharedObject.h"
 #include "support/SystemCalls.h"
 
@@ -25,6 +26,7 @@ using korvex::test::kFirstMessageAt;
 using korvex::test::kIndexAt;
 using korvex::test::kLockWordAt;
 using korvex::test::RawQueue;
+using korvex::test::RestoredDescriptor;
 using korvex::test::SharedObject;
 using korvex::test::uniqueQueueName;
 using korvex::test::system_calls::failing;
@@ -74,21 +76,6 @@ int nextDescriptor() {
   ::close(file);
   return file;
 }
-
-/// Leaves the program without standard input for a while, so that the next descriptor is 0.
-class NoStandardInput {
- public:
-  NoStandardInput() : saved_(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 10)) { ::close(STDIN_FILENO); }
-  ~NoStandardInput() {
-    ::dup2(saved_, STDIN_FILENO);
-    ::close(saved_);
-  }
-  NoStandardInput(const NoStandardInput&) = delete;
-  NoStandardInput& operator=(const NoStandardInput&) = delete;
-
- private:
-  int saved_;
-};
 
 /// The looks are the only ones that do not want to wait for a pipe.
 bool isLook(int flags) { return (flags & O_NONBLOCK) != 0; }
@@ -324,7 +311,7 @@ TEST_F(MessageQueueCalls, CreationAndOpeningKeepNoDescriptor) {
 
 TEST_F(MessageQueueCalls, DescriptorZeroIsAsGoodAsAnyOther) {
   const std::string name = uniqueQueueName();
-  const NoStandardInput noInput;
+  const RestoredDescriptor noInput(STDIN_FILENO, -1);  // so that the next one is 0
   MessageQueue created(name, {4, 100}, 0600);
   EXPECT_EQ(created.trySend("abc", 3, 1), MessageQueue::Outcome::Done);
   const MessageQueue opened(name, MessageQueue::Clock::now());
