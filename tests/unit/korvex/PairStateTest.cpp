@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "status/PairState.h"
+#include "unit/korvex/Pairs.h"
 
 namespace {
 
@@ -13,23 +14,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using Condition = korvex::receiver::QueueStatus::Condition;
 
-QueueState soundQueue(const std::string& name) {
-  QueueState queue;
-  queue.name = name;
-  queue.object.mode = S_IFREG | 0600;
-  queue.condition = Condition::Sound;
-  queue.limits.messages = 10;
-  return queue;
-}
-
-PairState servedPair() {
-  PairState pair;
-  pair.name = "q";
-  pair.batches = soundQueue("q");
-  pair.replies = soundQueue("qResponse");
-  pair.service = PairState::Service::Served;
-  return pair;
-}
+PairState servedPair() { return korvex::test::pairOf("q", PairState::Service::Served); }
 
 }  // namespace
 

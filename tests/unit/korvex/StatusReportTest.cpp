@@ -6,9 +6,12 @@
 #include <utility>
 
 #include "status/StatusReport.h"
+#include "unit/korvex/Pairs.h"
 
 namespace {
 
+using korvex::test::kNameless;
+using korvex::test::pairOf;
 using korvex::tool::PairState;
 using korvex::tool::QueueState;
 using korvex::tool::StatusReport;
@@ -23,36 +26,13 @@ using Owner = QueueState::Owner;
 using Service = PairState::Service;
 
 constexpr std::time_t kThen = 1577836800;  // 2020-01-01T00:00:00Z
-constexpr unsigned kNameless = 60123;      // the number of a user and a group without names
 constexpr pid_t kNoProcess = 999999999;    // more than any system gives
-
-QueueState soundQueue(const std::string& name) {
-  QueueState queue;
-  queue.name = name;
-  queue.object = {1, 2, 0, kNameless, S_IFREG | 0640, 5000};
-  queue.condition = Condition::Sound;
-  queue.limits.messages = 10;
-  queue.limits.messageSize = 4096;
-  queue.messages = 2;
-  queue.bytes = 1500;
-  return queue;
-}
 
 QueueState missingQueue(const std::string& name) {
   QueueState queue;
   queue.name = name;
   queue.systemError = ENOENT;
   return queue;
-}
-
-PairState pairOf(const std::string& name, Service service) {
-  PairState pair;
-  pair.name = name;
-  pair.batches = soundQueue(name);
-  pair.replies = soundQueue(name + "Response");
-  pair.service = service;
-  if (service == Service::Served) pair.server = {7, "korvexd"};
-  return pair;
 }
 
 /// Of a look 75 seconds later.
