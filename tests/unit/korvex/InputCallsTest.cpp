@@ -21,6 +21,7 @@ using korvex::test::system_calls::instead;
 using korvex::tool::Failure;
 using korvex::tool::InputReader;
 using korvex::tool::StopSignal;
+using korvex::tool::StoredStream;
 using testing::HasSubstr;
 
 /// A pipe with three bytes and an end, or a file with them.
@@ -68,20 +69,35 @@ class InputCalls : public testing::Test {
     return "";
   }
 
-  /// Checks a stream of three bytes. This is called once its manifest has been read.
-  template <typename Read>
-  korvex::tool::StoredStream checkedStream(Read readData) const {
+  /// Makes the folder a stream of three bytes.
+  void makeStream() const {
     std::ofstream(folder_ / "manifest.json") << korvex::test::goodManifest();
     std::ofstream(folder_ / "data") << "abc";
+  }
+
+  /// The reads behind the manifest are these.
+  template <typename Read>
+  static void behindTheManifest(Read readData) {
+    constexpr int kReadsOfAManifest = 2;  // all of it, and its end
     instead.read = [readData, count = 0](int file, void* bytes, std::size_t size) mutable {
-      return ++count <= 2 ? korvex::test::system_calls::read(file, bytes, size)
-                          : readData(file, bytes, size);
+      return ++count <= kReadsOfAManifest ? korvex::test::system_calls::read(file, bytes, size)
+                                          : readData(file, bytes, size);
     };
-    korvex::tool::StoredStream stream;
+  }
+
+  StoredStream checked() const {
+    StoredStream stream;
     stream.path = folder_;
     std::atomic<std::uint64_t> bytes{0};
     korvex::tool::StreamCheck(korvex::tool::CheckDepth::Both, stop_, bytes).check(stream);
     return stream;
+  }
+
+  void expectDamaged(const std::string& problem) const {
+    const StoredStream stream = checked();
+    EXPECT_EQ(stream.state, korvex::tool::StreamState::Damaged);
+    ASSERT_EQ(stream.problems.size(), 1u);
+    EXPECT_EQ(stream.problems[0].what + (": " + stream.problems[0].text), problem);
   }
 
   StopSignal stop_;
@@ -138,32 +154,26 @@ TEST_F(InputCalls, ThatFailWhileWaitingNameTheFile) {
 }
 
 TEST_F(InputCalls, ThatFailInAManifestDamageTheStream) {
-  std::ofstream(folder_ / "manifest.json") << "{}";
+  makeStream();
   failReads({EINTR, EIO});
-  korvex::tool::StoredStream stream;
-  stream.path = folder_;
-  std::atomic<std::uint64_t> bytes{0};
-  korvex::tool::StreamCheck(korvex::tool::CheckDepth::Both, stop_, bytes).check(stream);
-  EXPECT_EQ(stream.state, korvex::tool::StreamState::Damaged);
-  ASSERT_EQ(stream.problems.size(), 1u);
-  EXPECT_EQ(stream.problems[0].what + (": " + stream.problems[0].text),
-            "manifest: Input/output error");
+  expectDamaged("manifest: Input/output error");
 }
 
 TEST_F(InputCalls, ThatFailInTheDataDamageTheStream) {
-  const auto stream = checkedStream([error = EINTR](int, void*, std::size_t) mutable -> ssize_t {
+  makeStream();
+  behindTheManifest([error = EINTR](int, void*, std::size_t) mutable -> ssize_t {
     return failing(std::exchange(error, EIO));
   });
-  EXPECT_EQ(stream.state, korvex::tool::StreamState::Damaged);
-  ASSERT_EQ(stream.problems.size(), 1u);
-  EXPECT_EQ(stream.problems[0].what + (": " + stream.problems[0].text), "data: Input/output error");
+  expectDamaged("data: Input/output error");
 }
 
 TEST_F(InputCalls, ThatFindMoreAndMoreDataEnd) {
-  const auto stream = checkedStream([](int, void* bytes, std::size_t) -> ssize_t {
+  makeStream();
+  behindTheManifest([](int, void* bytes, std::size_t) -> ssize_t {
     *static_cast<char*>(bytes) = 'x';
     return 1;
   });
+  const StoredStream stream = checked();
   EXPECT_EQ(stream.bytes, 4u);
   ASSERT_EQ(stream.problems.size(), 3u);
   EXPECT_EQ(stream.problems[0].text, "found 4 bytes, expected 3 bytes");
