@@ -125,8 +125,9 @@ std::string_view cutToColumns(std::string_view text, std::size_t columns) {
 
 std::string byteText(double bytes) {
   std::size_t unit = 0;
+  const auto halfOfTheLastDigit = [&unit] { return unit == 0 ? 0.5 : 0.05; };
   // A value that rounds up to 1000 moves to the next unit.
-  while (bytes >= kUnitStep - (unit == 0 ? 0.5 : 0.05) && unit + 1 < kUnits.size()) {
+  while (bytes >= kUnitStep - halfOfTheLastDigit() && unit + 1 < kUnits.size()) {
     bytes /= kUnitStep;
     ++unit;
   }
