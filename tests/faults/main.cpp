@@ -26,7 +26,7 @@ struct Options {
   bool isChain = false;
   std::string engine = "recording";
   Victims victims = Victims::Any;
-  unsigned lanes = 4;
+  unsigned lanes = 4;  ///< side by side: most of a lane's time is waiting
 };
 
 std::unique_ptr<Lane> makeLane(const Options& options, unsigned number, const Stalls& stalls) {

@@ -148,8 +148,7 @@ bool EngineKeeper::start() {
   return true;
 }
 
-/// 0 once the engine's program runs, else the error. All signals are blocked, so none interrupts
-/// it.
+/// 0 once the engine's program runs, else the error. No signal interrupts it: all are blocked.
 int EngineKeeper::awaitProgram(int failures) {
   int error = 0;
   const ssize_t size = ::read(failures, &error, sizeof error);
