@@ -6,15 +6,16 @@
 #include <ostream>
 #include <signal.h>
 #include <sys/ioctl.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include "integration/ExecFixture.h"
 #include "queue/MessageQueue.h"
+#include "support/FewDescriptors.h"
 #include "support/Receipts.h"
 
 using korvex::test::childrenOf;
 using korvex::test::eventually;
+using korvex::test::FewDescriptors;
 using korvex::test::kAbcReceipt;
 using testing::IsEmpty;
 using testing::SizeIs;
@@ -81,32 +82,6 @@ class ExecDeath : public ExecFixture, public testing::WithParamInterface<Kind> {
 
 /// Without the kinds.
 using ExecOneDeath = ExecDeath;
-
-/// While it lives, the process has only so many descriptors left.
-class FewDescriptors {
- public:
-  FewDescriptors(pid_t process, unsigned left) : process_(process) {
-    ::prlimit(process_, RLIMIT_NOFILE, nullptr, &before_);
-    rlimit limit = before_;
-    for (limit.rlim_cur = 0; isOpen(limit.rlim_cur) || left > 0; ++limit.rlim_cur) {
-      if (!isOpen(limit.rlim_cur)) --left;
-    }
-    EXPECT_EQ(::prlimit(process_, RLIMIT_NOFILE, &limit, nullptr), 0);
-  }
-  ~FewDescriptors() { ::prlimit(process_, RLIMIT_NOFILE, &before_, nullptr); }
-  FewDescriptors(const FewDescriptors&) = delete;
-  FewDescriptors& operator=(const FewDescriptors&) = delete;
-
- private:
-  bool isOpen(rlim_t number) const {
-    char target = 0;
-    const std::string link = "/proc/" + std::to_string(process_) + "/fd/" + std::to_string(number);
-    return ::readlink(link.c_str(), &target, 1) > 0;
-  }
-
-  const pid_t process_;
-  rlimit before_ = {};
-};
 
 }  // namespace
 
@@ -313,7 +288,7 @@ TEST_F(ExecOneDeath, OfTheKeeperIsMendedWithFewDescriptorsToo) {
     const auto daemon = startExec(recorderCommand(), {"--replace"});
     const auto to = openRecorded("abc" + std::to_string(left));
     {
-      const FewDescriptors few(daemon->id(), left);
+      const FewDescriptors few(left, daemon->id());
       ::kill(keeper(), SIGKILL);
       EXPECT_STREQ(awaitReply(*to).message, "the engine's keeper was killed");
     }
@@ -326,7 +301,7 @@ TEST_F(ExecOneDeath, IsUpToAKeeperWithoutDescriptors) {
   const auto daemon = startExec(recorderCommand());
   const auto to = openRecorded("abc");
   {
-    const FewDescriptors few(keeper(), 0);
+    const FewDescriptors none(0, keeper());
     EXPECT_STREQ(replyToClose(*to).message,
                  "checking the engine's input: error 24 (Too many open files)");
     daemon->killNow();

@@ -1,8 +1,10 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
+#include <fstream>
 #include <future>
 #include <gmock/gmock.h>
+#include <korvex/Status.h>
 #include <korvex/receiver/BusErrorGuard.h>
 #include <memory>
 #include <signal.h>
@@ -12,11 +14,13 @@
 #include <vector>
 
 #include "Failure.h"
+#include "queue/MessageQueue.h"
 #include "send/DaemonStream.h"
 #include "support/Await.h"
 #include "support/FakeDaemon.h"
 #include "support/LockHolder.h"
 #include "support/QueueFields.h"
+#include "support/Queues.h"
 #include "support/SharedObject.h"
 
 namespace {
@@ -276,6 +280,20 @@ TEST_F(DaemonStreamTo, TellsThatTheEngineIsFinishingWhileItWaits) {
   });
   EXPECT_EQ(receipt.value_or("none"), "the receipt");
   EXPECT_EQ(told, (std::vector<bool>{false, true}));
+}
+
+TEST_F(DaemonStreamTo, FailsWithTheStatusOfTheQueueThatCannotBeOpened) {
+  FakeDaemon daemon;
+  const auto statusWithout = [&] {
+    return failureOf([&] { DaemonStream(settings(daemon), stop).open(); }).status();
+  };
+  ASSERT_TRUE(korvex::MessageQueue::remove(daemon.queue() + "Response"));
+  EXPECT_EQ(statusWithout(), static_cast<unsigned>(ENOENT));
+  ASSERT_TRUE(korvex::MessageQueue::remove(daemon.queue()));
+  EXPECT_EQ(statusWithout(), static_cast<unsigned>(ENOENT));
+  const korvex::test::QueueRemover remover(daemon.queue());
+  std::ofstream("/dev/shm/" + daemon.queue()) << std::string(4096, 'x');
+  EXPECT_EQ(statusWithout(), korvex::kStatusCorrupt);
 }
 
 // As when somebody holds up the terminal that the caller writes to.

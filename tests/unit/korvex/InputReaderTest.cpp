@@ -109,7 +109,10 @@ TEST_F(InputReaderFiles, ReadsFilesOneAfterTheOther) {
 }
 
 TEST_F(InputReaderFiles, HasOneFileOpenAtATime) {
-  InputReader reader({file("a", "first"), file("b", "second")}, stop);
+  const std::vector<std::string> names = {file("a", "first"), file("b", "second")};
+  const int unused = lowestFreeDescriptor();
+  InputReader reader(names, stop);
+  EXPECT_EQ(lowestFreeDescriptor(), unused);
   ASSERT_TRUE(reader.openNext());
   const int free = lowestFreeDescriptor();
   ASSERT_TRUE(reader.openNext());

@@ -107,10 +107,11 @@ TEST_F(Inspect, NamesEveryType) {
 TEST_F(Inspect, SumsUpFilesWithoutNumbersOneByOne) {
   const std::string one = write("x", BatchBytes().record(0, 1, "a").bytes());
   const std::string plain = write("q", BatchBytes().bytes());
-  const std::string text = inspect({one, plain, plain, numbered(1)});
+  const std::string text = inspect({one, plain, plain, numbered(1), plain});
   EXPECT_THAT(text, HasSubstr(", 1 record, 1 data byte, 1 stream\n"));
-  EXPECT_THAT(text, EndsWith("\nx: first sequence 1, last 1\n"
-                             "q: no record\nq: no record\nq: batches 1; no record\n"));
+  EXPECT_THAT(text,
+              EndsWith("\nx: first sequence 1, last 1\n"
+                       "q: no record\nq: no record\nq: batches 1; no record\nq: no record\n"));
 }
 
 TEST_F(Inspect, DumpsTheDataWhenAsked) {

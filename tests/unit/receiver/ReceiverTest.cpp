@@ -650,7 +650,9 @@ TEST_F(ReceiverBatches, LeaveNothingGatheredBehind) {
            .record(kData, 4, "c"));
   EXPECT_EQ(count(Count::Bytes), 3u);
   EXPECT_EQ(count(Count::Records), 4u);
+  EXPECT_EQ(count(Count::Batches), 1u);
   take(BatchBytes().record(kClose, 5));
+  EXPECT_EQ(count(Count::Batches), 2u);
   EXPECT_STREQ(replies_->take()->message, "stored bytes=3 xxh128=06b05ab6733a618578af5f94892f3950");
 }
 

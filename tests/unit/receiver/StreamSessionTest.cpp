@@ -509,6 +509,16 @@ TEST_F(StreamSessionTest, EndsAnOpenStreamFromOutside) {
   EXPECT_EQ(count(Count::StreamsIncomplete), 1u);
 }
 
+TEST_F(StreamSessionTest, EndsAnOpenStreamWhenItIsDestroyed) {
+  {
+    StreamSession session(
+        "q", [this](const std::string&, std::time_t) { return openSink(); }, stats_, observer_);
+    session.take(recordOf(kOpen, 0, ""));
+  }
+  EXPECT_EQ(fate().reason, "abandoned");
+  EXPECT_THAT(observer_.endings_, testing::ElementsAre(Ending::ReceiverEnded));
+}
+
 TEST_F(StreamSessionTest, LetsASlowSinkAskWhetherToGoOn) {
   take(kOpen, 0);
   take(kClose, 2);

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "korvexd/exec/Engine.h"
+#include "korvexd/exec/ExecStore.h"
 
 using korvexd::Engine;
 using korvexd::Keepers;
@@ -18,6 +19,7 @@ using korvexd::keeper::Report;
 namespace {
 
 constexpr int kExitCode = 3;
+constexpr const char* kDead = "dead";  // the last word of an engine whose keeper ends at once
 
 void report(Event event, int value) {
   const Report report = {event, false, value, 0};
@@ -59,8 +61,22 @@ TEST(Engine, KnowsItsEndDespiteAnUnreadOrder) {
   EXPECT_TRUE(engine.isGone());
 }
 
+TEST(ExecStore, OpensNoStreamWhoseKeeperIsGone) {
+  korvexd::ExecStore store([] { return false; });
+  try {
+    store.open({{"true", kDead}, std::chrono::hours(1)}, "q", 0);
+    ADD_FAILURE() << "it was opened";
+  } catch (const std::exception& error) {
+    EXPECT_STREQ(error.what(), "the engine's keeper was killed");
+  }
+  constexpr auto kNotStarted = static_cast<std::size_t>(korvexd::EngineFailure::NotStarted);
+  EXPECT_EQ(store.failuresOf("q")[kNotStarted], 1u);
+}
+
 int main(int argc, char** argv) {
-  if (korvexd::isKeeper(argc, argv)) return keepAnEndedEngine();
+  if (korvexd::isKeeper(argc, argv)) {
+    return argv[argc - 1] == std::string(kDead) ? 0 : keepAnEndedEngine();
+  }
   testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
 }

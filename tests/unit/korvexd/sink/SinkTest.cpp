@@ -15,6 +15,7 @@
 #include "korvexd/sink/DirectoryStore.h"
 #include "korvexd/sink/DiscardSink.h"
 #include "support/Child.h"
+#include "support/FewDescriptors.h"
 #include "support/TemporaryFolder.h"
 
 using korvex::receiver::Ending;
@@ -508,16 +509,11 @@ TEST(UnwritableOutput, IsAnErrorAtTheStart) {
 }
 
 TEST_F(DirectorySinkTest, LeavesNothingWhenItCannotBeMade) {
-  rlimit before = {};
-  ::getrlimit(RLIMIT_NOFILE, &before);
-  const int lowest = ::dup(STDERR_FILENO);
-  ::close(lowest);
-  for (const int more : {0, 1}) {
-    rlimit limit = before;
-    limit.rlim_cur = static_cast<rlim_t>(lowest + more);
-    ::setrlimit(RLIMIT_NOFILE, &limit);
-    const std::string failure = failureOf([this] { open(); });
-    ::setrlimit(RLIMIT_NOFILE, &before);
+  for (const unsigned left : {0u, 1u}) {
+    const std::string failure = [&] {
+      const korvex::test::FewDescriptors few(left);
+      return failureOf([this] { open(); });
+    }();
     EXPECT_THAT(failure, HasSubstr("error 24 (Too many open files)"));
     EXPECT_THAT(namesIn(folder_.path()), IsEmpty());
   }
