@@ -15,8 +15,8 @@ namespace {
 /// Long enough that many idle queues cost next to nothing, short enough to go unnoticed.
 constexpr std::chrono::milliseconds kLongestPause{25};
 
-/// For so long after a message the queue is not left to the watch, whose period is as long as the
-/// next pause would be.
+/// How long after a message the receiver still polls the queue itself. From then on its own pauses
+/// would be as long as the watch's period.
 constexpr std::chrono::milliseconds kAlertness{5};
 
 constexpr std::chrono::seconds kWatchPeriod{1};
@@ -99,8 +99,8 @@ void QueueServer::takeRest() {
   }
 }
 
-/// Counts what is lost only when no producer finds the queues any more: the end of a stream takes
-/// its time, and the host may have other receivers to wait for.
+/// Counts what is lost only once producers can no longer find the queues: ending a stream takes
+/// time, and the host may have other receivers to wait for.
 void QueueServer::removeQueues() noexcept {
   if (pair_ == nullptr) return;
   try {
@@ -202,8 +202,8 @@ void QueueServer::sayFinishing() {
   if (replies_->isAllTaken()) replies_->send(finishingReply());
 }
 
-/// A producer that waits for its receipt sends empty batches, and takes a reply with each that
-/// finds room. Any other message has to wait.
+/// A producer that waits for its receipt may send empty batches: its writer takes a reply with each
+/// that finds room. Any other message has to wait.
 void QueueServer::takeEmptyBatches() {
   if (next_ == nullptr) next_.reset(new unsigned char[settings_.limits.messageSize]);
   std::size_t size = 0;
@@ -367,7 +367,7 @@ bool QueueServer::replacePairFor(const Receiver::Settings& settings,
   return true;
 }
 
-/// A stream that was opened before the order, though nobody looked yet, is still taken.
+/// A stream whose open record was already waiting when the order came is still taken.
 void QueueServer::prepareRetirement() {
   if (pair_ != nullptr && !rest_) rest_ = pair_->batches().messages();
   const bool isRestTaken = pair_ == nullptr || *rest_ == 0 || isIdle();

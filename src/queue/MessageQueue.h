@@ -19,11 +19,12 @@ namespace korvex {
 /// one hangs all others there. Waits out here instead, by retrying after short pauses. Never waits
 /// forever for the queue's lock either, which a dead peer may still hold.
 ///
-/// Errors are the queue library's own exceptions, derived from std::exception. Once one says that
-/// the lock is broken for good, every later operation throws the same.
+/// Errors are the queue library's own exceptions, derived from std::exception. After one that says
+/// the lock is broken for good, every later operation throws the same one.
 ///
 /// Deferred cancellation takes effect where it waits, and nowhere else; the queue stays as it was.
-/// Sends while such a thread's stack unwinds are tried once. Used by one thread at a time.
+/// While the cancelled thread's stack unwinds, a send is tried only once. Used by one thread at a
+/// time.
 class MessageQueue {
  public:
   using Clock = std::chrono::steady_clock;

@@ -15,7 +15,7 @@ constexpr std::chrono::microseconds kShortestSleep{20};
 constexpr unsigned kMostDoublings = 16;
 constexpr unsigned kFirstSleep = kSpins + kYields;
 
-// A wait that got past this step has slept for 620 microseconds. The next one skips all but three
+// A wait that reached this step has slept for 620 microseconds. The next one skips all but three
 // of its steps, but never sleeps for more than 320 microseconds at first.
 constexpr unsigned kLongWait = kFirstSleep + 5;
 constexpr unsigned kStepsBack = 3;

@@ -99,7 +99,7 @@ class QueueView {
   };
 
   /// Prefetches the message that would be received next into this core's cache, unless it is the
-  /// only one, and returns how many bytes that were.
+  /// only one, and returns how many bytes it prefetched.
   ///
   /// Most of a copy's time goes into fetching bytes that another core wrote. The library copies
   /// under the lock, where that time would hold up the sender. A prefetch reads nothing and cannot

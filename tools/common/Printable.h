@@ -19,10 +19,10 @@ std::string printable(std::string_view untrusted);
 std::string unambiguous(std::string_view untrusted);
 
 /// The columns that printable text takes on a terminal: two for most East Asian characters, none
-/// for an accent that is a character of its own.
+/// for a combining one.
 std::size_t columnsOf(std::string_view text);
 
-/// As many of its characters, from the first on, as have room in these columns.
+/// The longest prefix, in whole characters, that fits into this many columns.
 std::string_view cutToColumns(std::string_view text, std::size_t columns);
 
 /// "999 B", "1.0 kB", "2.1 GB": powers of 1000, one decimal.

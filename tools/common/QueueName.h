@@ -25,7 +25,7 @@ std::string plainQueueName(const std::string& name);
 /// and a leading dot become %XX. Different queues have different file names.
 std::string fileNameOf(const std::string& queue);
 
-/// The queue's name in JSON: itself where it is UTF-8, but for % as %25; else as in file names, for
+/// The queue's name in JSON: itself, with % as %25, if it is UTF-8; else as in file names, because
 /// JSON cannot hold other bytes. Different queues have different names there.
 std::string jsonNameOf(const std::string& queue);
 

@@ -54,7 +54,8 @@ void proveReadable(const std::string& name, mode_t mode) {
     if (::access(name.c_str(), R_OK) != 0) throwUnreadable(name, errno);
     return;
   }
-  // A terminal may wait for its line; a drive without a medium is to say so.
+  // Opening a serial terminal may block until its line is up. A drive is opened without O_NONBLOCK,
+  // or one without a medium would not fail.
   const int file = ::open(name.c_str(), kOpenFlags | (S_ISCHR(mode) ? O_NONBLOCK : 0));
   if (file < 0) throwUnreadable(name, errno);
   ::close(file);
@@ -65,7 +66,7 @@ bool isPipe(const std::string& name) {
   return ::stat(name.c_str(), &status) == 0 && S_ISFIFO(status.st_mode);
 }
 
-/// Opening a pipe without a writer would block here, where the daemon's end would go unnoticed.
+/// Opening a pipe without a writer would block here, and the daemon's exit would go unnoticed.
 int openInput(const std::string& name) {
   if (name == kStandardInput) return STDIN_FILENO;
   return ::open(name.c_str(), kOpenFlags | (isPipe(name) ? O_NONBLOCK : 0));

@@ -18,10 +18,9 @@ namespace korvex::tool {
 /// text. A signal throws Interrupted, even while waiting for a pipe.
 class InputReader : public Input {
  public:
-  /// Proves as far as possible that every file can be read: what is missing, forbidden, a
-  /// directory, a socket or a device that cannot be opened throws. Pipes are not opened for that,
-  /// since their writers would notice.
-  /// No names mean standard input. Both the list and the signal are used as long as the reader.
+  /// Proves as far as possible that every file can be read: what is missing, forbidden, a folder, a
+  /// socket or a device that cannot be opened throws. Pipes are not opened for that, since their
+  /// writers would notice. No names mean standard input. `stop` outlives the reader.
   InputReader(const std::vector<std::string>& names, const StopSignal& stop);
   ~InputReader() override;
   InputReader(const InputReader&) = delete;

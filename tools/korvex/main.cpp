@@ -32,7 +32,8 @@ int runMain(int argumentCount, char** arguments) {
 int main(int argumentCount, char** arguments) {
   korvex::tool::ProgressSignal::expect();
   korvex::common::occupyStandardDescriptors();
-  // A reader that left early must not kill the stream; writing then fails where it is looked at.
+  // A reader of our output that exits early must not kill the stream. The write then fails with
+  // EPIPE, where that is checked.
   ::signal(SIGPIPE, SIG_IGN);
   try {
     return runMain(argumentCount, arguments);

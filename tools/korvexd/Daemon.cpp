@@ -49,7 +49,8 @@ sigset_t awaitedSignals(bool hasConfiguration) {
   return signals;
 }
 
-/// Before any thread starts, so that all of them inherit it and the signals reach awaitEnd().
+/// Before the queues' threads start: they inherit the signal mask, so the signals reach awaitEnd().
+/// The threads of the log and of the idle watch run already; they block these signals themselves.
 void prepareProcess(const sigset_t& awaited) {
   ::umask(kModeMask);
   ::pthread_sigmask(SIG_BLOCK, &awaited, nullptr);

@@ -58,7 +58,7 @@ class Daemon {
   const sigset_t signals_;
   DaemonSettings settings_;
   QueueSet queues_;
-  bool hasNews_ = false;  ///< other queues are served, or in another way, than the rest knows
+  bool hasNews_ = false;  ///< queues or settings have changed, and the reports do not show it yet
   std::optional<StatsFile> statsFile_;
   Attempts statsWrites_;
   std::time_t configured_ = std::time(nullptr);

@@ -8,7 +8,7 @@
 
 namespace korvexd {
 
-/// What a command line asks for; all its values are right.
+/// What a command line asks for; all its values are valid.
 struct Options {
   enum class Task { Serve, CheckConfig, PrintConfig };
 

@@ -6,7 +6,7 @@
 #include "qmx/Export.h"
 
 #if defined(__GNUC__)
-/// Has the compiler compare a printf format with the arguments behind it.
+/// Makes the compiler check a printf format against the arguments that follow it.
 #define QMX_PRINTF_FORMAT(formatIndex, firstArgument) \
   __attribute__((format(printf, formatIndex, firstArgument)))
 #else
@@ -35,7 +35,8 @@ QMX_EXPORT void __TraceA(const char* format, ...) QMX_PRINTF_FORMAT(1, 2);
 }
 
 /// Traces entering and leaving a scope. While tracing is off it costs one flag read and builds
-/// nothing. A scope that was entered untraced is left untraced.
+/// nothing. Reads the flag on entry only: a scope that was entered traced is left traced, one that
+/// was entered untraced is left untraced.
 class AutoTrace {
  public:
   /// Keeps the pointer, so the name must outlive the scope; a string literal does.

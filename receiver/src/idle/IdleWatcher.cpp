@@ -21,8 +21,8 @@ constexpr std::chrono::microseconds kPeriod{9850};
 constexpr std::chrono::milliseconds kShortPeriod{5};
 constexpr std::chrono::milliseconds kRecently{150};
 
-/// After a queue was opened, the watch polls so often, for as long as most producers need to send
-/// their first message.
+/// How often the watch polls after a queue was opened, and how many times: for as long as most
+/// producers need to send their first message.
 constexpr std::chrono::microseconds kOpenedPeriod{500};
 constexpr unsigned kOpenedRounds = 8;
 

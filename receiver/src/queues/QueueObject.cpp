@@ -60,7 +60,7 @@ bool QueueObject::isNamed(const std::string& name, off_t* size) const noexcept {
 
 std::string QueueObject::path(const std::string& name) { return std::string(kFolder) + "/" + name; }
 
-/// Needs no memory of its own: queues are removed when there is none left, too.
+/// Allocates nothing: queues must be removable even when memory has run out.
 bool QueueObject::look(const std::string& name, struct stat& found) noexcept {
   char path[kLongestPath];
   const int size = std::snprintf(path, sizeof path, "%s/%s", kFolder, name.c_str());

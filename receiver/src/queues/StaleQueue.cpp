@@ -44,8 +44,8 @@ void refuseForeign(const std::string& name) {
   }
 }
 
-/// A daemon that was killed while it started an engine leaves its claim to the engine's process
-/// until that runs a program of its own: some milliseconds, more on a busy machine.
+/// When a daemon is killed while it starts an engine, the new process keeps the claim until it
+/// executes its program: a few milliseconds, more on a busy machine.
 bool isClaimedSoon(const QueueObject& object) noexcept {
   const auto deadline = std::chrono::steady_clock::now() + kClaimPatience;
   while (!object.claim()) {

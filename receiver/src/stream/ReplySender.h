@@ -12,9 +12,9 @@ namespace korvex::receiver {
 
 /// Sends replies without ever waiting for room: a producer may never take them.
 ///
-/// What finds no room is kept, up to kMostPending, and retried. Takes no memory for that: a receipt
-/// comes when its stream has been stored already. Throws LockLost, or what the queue
-/// library throws, once the response queue is unusable.
+/// What finds no room is kept, up to kMostPending, and retried. Allocates nothing for that: by the
+/// time a receipt is sent, its stream is stored. Throws LockLost, or what the queue library throws,
+/// once the response queue is unusable.
 class ReplySender {
  public:
   static constexpr std::size_t kMostPending = 4;
@@ -43,7 +43,7 @@ class ReplySender {
   OwnedQueue& replies_;
   Counters& counters_;
   std::array<Reply, kMostPending> pending_;
-  std::size_t waiting_ = 0;  ///< in front of the array
+  std::size_t waiting_ = 0;  ///< at the front of the array
 };
 
 }  // namespace korvex::receiver

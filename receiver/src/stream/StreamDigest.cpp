@@ -12,8 +12,8 @@
 namespace korvex::receiver {
 namespace {
 
-/// On x86-64 with the widest registers that this processor has, not with those that every
-/// processor has.
+/// On x86-64 dispatched at run time to the widest vector instructions that this processor has; the
+/// plain function uses only those that every x86-64 has.
 void update(XXH3_state_t* state, const unsigned char* data, std::size_t size) noexcept {
 #ifdef __x86_64__
   XXH3_128bits_update_dispatch(state, data, size);

@@ -21,8 +21,8 @@ class ProgressSignal {
  public:
   using Clock = Progress::Clock;
 
-  /// From now on the signal waits to be answered, in threads that start later too; it would end the
-  /// process before. For the start of main().
+  /// Blocks the signal, in threads that start later too, so that it waits to be answered. Before
+  /// that it would end the process: call it at the start of main().
   static void expect() noexcept;
 
   explicit ProgressSignal(Clock::time_point start) noexcept;

@@ -219,7 +219,7 @@ void SendRun::fail(common::ExitCode exitCode, ov_status_t status, const std::str
   report_.message = message;
 }
 
-/// A name that no daemon can serve is a mistake on the command line, not a missing daemon.
+/// Everything for people goes to `errors`; only the JSON object goes to `out`.
 void tell(const SendReport& report, const SendOptions& options, std::ostream& out,
           std::ostream& errors) {
   const auto success = static_cast<int>(common::ExitCode::Success);

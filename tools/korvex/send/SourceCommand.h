@@ -38,8 +38,8 @@ class SourceCommand : public Input {
   bool openNext() override { return !std::exchange(isOpened_, true); }
   void finish() override;
 
-  /// Asks the command to end: with the signal that this process got, else with SIGTERM. Nothing
-  /// happens before start() and after finish().
+  /// Asks the command to end: with the signal that this process got, else with SIGTERM. Does
+  /// nothing before start() and after finish().
   void interrupt() noexcept;
 
   /// Waits until the command is gone, kills it when its grace is over, and returns how it ended.

@@ -35,7 +35,7 @@ std::string userObstacle(const PairState& pair, const QueueUsers& users) {
   return user == 0 ? "" : runnerOf(user).text() + " has it open; end that process first";
 }
 
-/// Only one of two queues is rarely a daemon's work, and other programs have queues too.
+/// A daemon rarely leaves only one of its two queues, and other programs have queues too.
 std::string pairObstacle(const PairState& pair, bool isNamed, const QueueUsers& users) {
   if (pair.service == PairState::Service::Served) return pair.server.text() + " serves it";
   std::string inUse = userObstacle(pair, users);

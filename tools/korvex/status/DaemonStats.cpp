@@ -20,7 +20,7 @@ namespace {
 
 using Json = nlohmann::json;
 
-constexpr off_t kLargestFile = off_t{64} << 20;  // a thousand queues have less than one
+constexpr off_t kLargestFile = off_t{64} << 20;  // 64 MiB; a thousand queues take less than 1
 constexpr double kNanosecond = 1e-9;
 
 /// Closed on every way out.

@@ -44,7 +44,8 @@ std::string readStats(const std::string& path, StatsByQueue& stats);
 /// isProcessOf() first.
 std::string statsPathOf(pid_t daemon);
 
-/// Whether the user started the process. Its real user counts: a process may hide the others.
+/// Whether the user started the process. The real user id counts: the effective one may come from
+/// a set-user-ID program.
 bool isProcessOf(pid_t process, uid_t user);
 
 }  // namespace korvex::tool

@@ -154,7 +154,7 @@ void Look::addStats(StatusReport& report) {
     if (found == stats.end()) continue;
     pair.streams = found->second;
     pair.bytesPerSecond = rates_.of(found->first, found->second);
-    // What a dead daemon has written last is history: nothing of it is open any more.
+    // What a dead daemon wrote last is history: no stream of it is open any more.
     if (pair.state.service == PairState::Service::Abandoned) pair.streams->open.reset();
   }
 }

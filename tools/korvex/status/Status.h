@@ -17,7 +17,7 @@ namespace korvex::tool {
 /// What the command line of `korvex status` says.
 struct StatusOptions {
   std::string queue;               ///< empty for all
-  std::vector<std::string> stats;  ///< files; none for those that the daemons' command lines name
+  std::vector<std::string> stats;  ///< files; if empty, those that the serving daemons are using
   bool json = false;
   bool watch = false;
 };

@@ -45,7 +45,7 @@ class VerifyRun {
   Progress& progress_;
   Clock::time_point start_;
   VerifyReport report_;
-  std::vector<StoredStream*> work_;  ///< largest first, so that no thread is left with the last one
+  std::vector<StoredStream*> work_;  ///< largest first: no thread should end alone with a large one
   std::atomic<std::size_t> next_{0};
   std::atomic<std::uint64_t> bytesRead_{0};
   std::mutex mutex_;

@@ -27,7 +27,7 @@ Origin originOf(const toml::source_region& region) {
   return {Origin::Kind::File, region.begin.line, region.begin.column};
 }
 
-/// None for a list that holds something else than texts.
+/// None for a list that holds anything but texts.
 std::optional<Value> listOf(const toml::array& array) {
   std::vector<std::string> words;
   for (const toml::node& node : array) {

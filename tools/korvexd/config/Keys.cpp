@@ -69,7 +69,7 @@ std::vector<std::string> wordsIn(const Value& value) {
   return words;
 }
 
-/// A number would not do: TOML has none that begins with 0, and 660 is another number than 0660.
+/// Only a text will do: TOML's decimal numbers have no leading zero, and 660 is not 0660.
 mode_t modeIn(const Value& value) {
   const auto& text = as<std::string>(value, R"(an octal number in quotes, "0660" for example)");
   const char* const end = text.data() + text.size();

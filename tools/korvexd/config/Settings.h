@@ -38,11 +38,11 @@ inline bool operator==(const QueueSettings& one, const QueueSettings& other) {
   return parts(one) == parts(other);
 }
 
-/// What is not a matter of one queue.
+/// Settings of the daemon as a whole.
 struct DaemonSettings {
   std::optional<std::string> statsFile;
   std::optional<std::string> metricsFile;
-  LogStyle logStyle = LogStyle::Text;  ///< from the start to the end, whatever changes
+  LogStyle logStyle = LogStyle::Text;  ///< fixed at the start; a reload does not change it
   std::chrono::seconds drainTimeout{0};
 };
 

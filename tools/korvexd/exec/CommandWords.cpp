@@ -82,7 +82,7 @@ class WordReader {
       throw std::invalid_argument("ends in a backslash, expected a character after it");
     }
     const char character = command_[at_++];
-    if (character != '\n') word += character;  // a line that goes on
+    if (character != '\n') word += character;  // drops a line continuation
   }
 
   [[noreturn]] static void throwOpen(char quote, std::size_t place) {

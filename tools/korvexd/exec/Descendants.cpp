@@ -94,9 +94,9 @@ Processes descendantsExcept(const std::set<pid_t>& spared) {
   return found;
 }
 
-/// To this very process: while the descriptor is held, a process that got the same id is another
-/// one, and then it has another parent. Where the system knows no such descriptors, a child cannot
-/// be mistaken, and its descendants hardly.
+/// To this very process: the descriptor keeps the signal from one that gets the same id later, and
+/// one that already has it has another parent. Where the system knows no such descriptors, a child
+/// cannot be mistaken, and its descendants hardly ever.
 void signalTo(pid_t id, const Process& process, int number) {
   const File held(static_cast<int>(::syscall(SYS_pidfd_open, id, 0U)));
   if (held.descriptor() < 0) {
@@ -111,7 +111,7 @@ bool isStill(const Process& process) {
   return std::string("TtZX").find(process.state) != std::string::npos;
 }
 
-/// Whether there was one that moved. The signal works when it is next to do so.
+/// Whether any was running. The signal takes effect when the process is next scheduled.
 bool stopThoseThatMove(const Processes& processes) {
   bool doesMove = false;
   for (const auto& [id, process] : processes) {

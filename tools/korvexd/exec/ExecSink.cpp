@@ -66,8 +66,8 @@ void ExecSink::write(const unsigned char* data, std::size_t size) {
     data += taken;
     size -= taken;
     if (size == 0) return;
-    throwIfOutOfPatience();  // an engine that takes a little all the time never lets it wait for
-                             // room
+    // Here as well: with an engine that keeps taking a little, awaitRoom() is never called.
+    throwIfOutOfPatience();
     if (taken == 0) awaitRoom();
   }
 }
@@ -144,7 +144,8 @@ void ExecSink::abandon(const receiver::StreamSummary&, const std::string&) {
   letGo();
 }
 
-/// Its input ends only now, when nothing of it is left; and if that takes long, later.
+/// Ends the engine's input, but only once nothing of the engine is left; if that takes long, the
+/// store takes over.
 void ExecSink::letGo() noexcept {
   const auto deadline = Clock::now() + (mayFinish_ ? seconds(0) : kPatienceWithDeath);
   try {

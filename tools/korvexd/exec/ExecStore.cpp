@@ -33,7 +33,7 @@ void writeEngineLine(const std::string& queue, const std::string& stream, const 
 
 ExecStore::ExecStore(std::function<bool()> isEnding) : isEnding_(std::move(isEnding)) {}
 
-/// Its program is looked for each time, for programs come and go.
+/// Looks for the program each time: programs come and go.
 std::unique_ptr<receiver::Sink> ExecStore::open(const Command& command, const std::string& queue,
                                                 std::time_t opened) try {
   tidyUp();
@@ -58,11 +58,11 @@ std::unique_ptr<receiver::Sink> ExecStore::open(const Command& command, const st
   throw;
 }
 
-/// Ends in the nanoseconds of its second, where a count would begin again with each daemon.
+/// Ends in the nanoseconds of the current second: a count would start again with each daemon.
 std::string ExecStore::nameFor(const std::string& queue, std::time_t opened) {
   const std::lock_guard<std::mutex> lock(mutex_);
   lastNumber_ = std::max(lastNumber_ + 1, nanosecondsNow());
-  // With a digit in front that is taken off again, all have as many.
+  // Nine digits: the tenth, added here and cut off below, keeps the leading zeros.
   const std::string number =
       std::to_string(kNanosecondsPerSecond + lastNumber_ % kNanosecondsPerSecond);
   return fmt::format("{}-{:%Y%m%dT%H%M%SZ}-{}", korvex::common::fileNameOf(queue),

@@ -280,7 +280,7 @@ void EngineKeeper::bury() {
   }
 }
 
-/// The daemon closes its descriptors for other programs; what it was started with may be open.
+/// The daemon's own descriptors are close-on-exec; those that it inherited may not be.
 void closeAllAbove(int last) {
 #ifdef SYS_close_range
   ::syscall(SYS_close_range, static_cast<unsigned>(last + 1), ~0U, 0U);

@@ -43,7 +43,7 @@ enum class Event : std::uint8_t {
   LostInput  ///< value: the error that keeps the keeper from looking at the engine's input
 };
 
-/// What the keeper says. At the end of all it exits with 0: nothing of the engine is left then.
+/// What the keeper reports. In the end it exits with 0: nothing of the engine is left then.
 struct Report {
   Event event;
   bool isComplete;  ///< the input had ended before

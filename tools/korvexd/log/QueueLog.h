@@ -24,8 +24,8 @@ class QueueLog {
   };
   static constexpr std::size_t kKinds = static_cast<std::size_t>(Kind::QueuePair) + 1;
 
-  /// How many lines of a kind there are in ten seconds: of streams that opened, of those that
-  /// ended, and of the others.
+  /// The most lines of one kind in ten seconds: for opened and for ended streams, and for each of
+  /// the other kinds.
   static constexpr std::uint64_t kMostStreams = 200;
   static constexpr std::uint64_t kMostOthers = 10;
 

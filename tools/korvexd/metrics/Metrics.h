@@ -33,7 +33,7 @@ struct AwaitedQueue {
   std::time_t lastSuccess = 0;  ///< 0 for never
 };
 
-/// How often something went wrong that is not a matter of one served queue.
+/// How often something went wrong in the daemon as a whole.
 struct DaemonFailures {
   std::uint64_t stats = 0;          ///< writes of the statistics
   std::uint64_t reloads = 0;        ///< of the configuration
@@ -48,8 +48,8 @@ struct DaemonNumbers {
   std::string name;  ///< tells daemons of one machine apart
   std::time_t started = 0;
   std::time_t written = 0;
-  std::time_t configured = 0;    ///< when a configuration was taken the last time
-  bool isReloadRefused = false;  ///< the last one that was to be
+  std::time_t configured = 0;    ///< when a configuration was last loaded
+  bool isReloadRefused = false;  ///< the last reload that was asked for
   DaemonFailures failures;
   std::uint64_t metricsFailures = 0;  ///< writes of the metrics
   std::vector<QueueNumbers> queues;

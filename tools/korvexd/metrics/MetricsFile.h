@@ -15,11 +15,11 @@
 
 namespace korvexd {
 
-/// What is not a matter of one queue that is served.
+/// What is known of the daemon beyond the queues that it serves.
 struct DaemonState {
   DaemonFailures failures = {};
-  std::time_t configured = 0;             ///< when a configuration was taken the last time
-  bool isReloadRefused = false;           ///< the last one that was to be
+  std::time_t configured = 0;             ///< when a configuration was last loaded
+  bool isReloadRefused = false;           ///< the last reload that was asked for
   std::vector<std::string> awaited = {};  ///< queues that cannot be made yet
 };
 

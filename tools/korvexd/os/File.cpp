@@ -49,8 +49,8 @@ File File::openAt(int folder, const std::string& name, int flags, mode_t mode,
                   const std::string& doing) {
   File file(::openat(folder, name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC, mode));
   if (file.descriptor() < 0) throw receiver::SystemError(doing, errno);
-  // A mask that the daemon was started with must not keep the readers of its statistics out. Where
-  // there are no permissions, there is nothing to set.
+  // The process's umask, 077 in a daemon, must not shut out the readers of its statistics. Fails
+  // harmlessly on file systems without permissions.
   if ((flags & O_CREAT) != 0) ::fchmod(file.descriptor(), mode);
   return file;
 }

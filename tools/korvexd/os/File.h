@@ -11,8 +11,8 @@ namespace korvexd {
 
 namespace receiver = korvex::receiver;
 
-/// An open file or folder. Closed on destruction; close() errors are ignored, so sync() first what
-/// must be kept. Failures are SystemError, whose text begins with `doing`.
+/// An open file or folder. Closed on destruction, ignoring errors of close(): call sync() first for
+/// what must be kept. Failures are SystemError, whose text begins with `doing`.
 class File {
  public:
   File() noexcept = default;
@@ -53,13 +53,13 @@ class File {
   int descriptor_ = -1;
 };
 
-/// Replaces or creates `name` in `folder` with this text, synced; never half of it is seen. Gives
-/// the file that has the name now.
+/// Replaces or creates `name` in `folder` with this text, synced; nobody ever sees half of it.
+/// Returns the file that has the name now.
 File replaceFile(int folder, const std::string& name, const std::string& text, mode_t mode,
                  const std::string& doing);
 
 /// Gives a file or a folder in `folder` (or AT_FDCWD) another name there. Fails with EEXIST when
-/// that name is taken, whatever by.
+/// that name is taken, by whatever.
 ///
 /// On file systems that cannot do this in one step a file has both names for a moment. A folder may
 /// then take the place of an empty folder that is made in that very moment; nothing is lost by it.

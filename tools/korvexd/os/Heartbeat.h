@@ -7,8 +7,8 @@
 
 namespace korvexd {
 
-/// Shows whether the loop of a thread moves on. The loop beats before each step of its work and
-/// rests while it waits for some; any thread may look.
+/// Shows whether a thread's loop makes progress. The loop beats before each step of its work and
+/// rests while it waits for work; any thread may look.
 class Heartbeat {
  public:
   using Clock = std::chrono::steady_clock;

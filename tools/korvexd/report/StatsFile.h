@@ -28,8 +28,8 @@ class StatsFile {
   /// Touches no file yet.
   StatsFile(std::string path, std::vector<QueueStats> queues);
 
-  /// Writes the file when a count has changed since the last time, and the first time. Throws
-  /// SystemError.
+  /// Writes the file the first time, and then whenever something in it has changed. Throws as
+  /// ReplacedFile::update() does.
   void update() { file_.update(text()); }
 
  private:

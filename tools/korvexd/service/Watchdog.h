@@ -15,7 +15,7 @@
 namespace korvexd {
 
 /// Feeds the service manager's watchdog, in a thread of its own, as long as every loop that moves
-/// data moves on. Does nothing where nobody watches.
+/// data makes progress. Does nothing where nobody watches.
 ///
 /// A loop counts as stuck when it has been silent for half the watchdog's period. So the manager
 /// acts after one whole period of silence at the earliest, and after one and a half at the latest.
@@ -32,7 +32,7 @@ class Watchdog {
   Watchdog(const Watchdog&) = delete;
   Watchdog& operator=(const Watchdog&) = delete;
 
-  /// From now on these loops. One that ends rests.
+  /// Watches these loops from now on, in place of the others. A loop that has ended is at rest.
   void watch(std::vector<Loop> loops);
 
  private:

@@ -46,7 +46,7 @@ class DigestedBlocks {
   void submit(std::size_t size);
 
   /// The digest of everything that was submitted: 64 lower-case hex digits; empty if none is
-  /// wanted. Throws what the crypto library's refusal of any block threw.
+  /// wanted. If digesting any block has failed, throws what that threw.
   std::string hex();
 
  private:

@@ -17,7 +17,7 @@
 namespace korvexd {
 namespace {
 
-/// Bytes that need no digest are written from where they are if they are this many.
+/// From this size on, bytes that need no digest are written without being gathered first.
 constexpr std::size_t kWorthAWrite = std::size_t{64} * 1024;
 constexpr mode_t kFileMode = 0600;
 
@@ -132,7 +132,7 @@ void DirectorySink::abandon(const receiver::StreamSummary& summary, const std::s
     replaceFile(folder_.descriptor(), kManifestName, manifestOf(summary, blocks_.hex(), reason),
                 kFileMode, kWritingManifest);
   } catch (const std::exception&) {
-    // There may be room where there was none, or in a file that exists already.
+    // There may be room again by now, or still some in the data file, which already exists.
     writeData(bytes.data, bytes.size);
     throw;
   }

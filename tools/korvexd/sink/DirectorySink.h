@@ -16,14 +16,14 @@ namespace receiver = korvex::receiver;
 /// Stores a stream as a folder with the files "data" and "manifest.json".
 ///
 /// The folder's name ends in ".partial" until the data, the manifest and the folder are on the
-/// disk; only then it gets its final name. So a folder without that ending is complete, whatever
-/// happened to the machine. An incomplete one keeps the ending, and says in its manifest why.
+/// disk; only then does it get its final name. So a folder without that ending is complete,
+/// whatever happened to the machine. An incomplete one keeps the ending, and its manifest says why.
 class DirectorySink : public receiver::Sink {
  public:
   static constexpr const char* kPartialSuffix = ".partial";
 
-  /// After so many bytes the system is asked to begin writing them to the disk, so that little is
-  /// left for the close, where the producer waits for its receipt.
+  /// Each time this many bytes have come, the system is asked to begin writing them to the disk, so
+  /// that little is left for the close, where the producer waits for its receipt.
   static constexpr std::uint64_t kWritebackSize = std::uint64_t{64} << 20;
 
   /// Takes over the empty folder NAME.partial in `parent`, and leaves it empty when it throws.

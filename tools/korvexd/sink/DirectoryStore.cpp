@@ -19,7 +19,7 @@ constexpr mode_t kFolderMode = 0700;
 std::shared_ptr<const File> openOutput(const std::string& path) {
   auto folder =
       std::make_shared<const File>(File::openFolder(path, "opening output folder " + path));
-  // Said at the start, not by each stream.
+  // Reported at the start rather than by every stream.
   if (::faccessat(folder->descriptor(), ".", W_OK | X_OK, AT_EACCESS) != 0) {
     throw receiver::SystemError("making streams in output folder " + path, errno);
   }
@@ -37,7 +37,7 @@ bool tryToMake(const File& parent, const std::string& name) {
   return false;
 }
 
-/// In the folder that was made for it, which goes again when the rest cannot be made.
+/// Uses the folder that was made for the stream; removes it when the rest cannot be made.
 std::unique_ptr<receiver::Sink> openSink(const std::shared_ptr<const File>& parent,
                                          const std::string& name, const std::string& path,
                                          ExtraDigest digest) {

@@ -24,7 +24,7 @@ namespace receiver = korvex::receiver;
 /// its path then takes its place.
 class DirectoryStore {
  public:
-  /// The folder must exist, and things can be made in it. Throws SystemError.
+  /// The folder must exist and be writable. Throws SystemError.
   explicit DirectoryStore(const std::string& path);
 
   /// Makes a folder under a name that was never used here. Throws std::exception; nothing is left

@@ -10,7 +10,7 @@ namespace korvex::receiver {
 /// Installs a handler for SIGBUS, for the whole process and until it ends. Call it once, before the
 /// first receiver is made.
 ///
-/// A queue is a file in shared memory, and every process that may write it may also truncate it.
+/// A queue is a file in shared memory: every process that may write to it may also truncate it.
 /// Touching it past its end raises SIGBUS, which by default kills the process and every other
 /// stream with it. With the guard, a receiver gives up that pair of queues and makes new ones. Any
 /// other SIGBUS is handled as it would have been without the guard.

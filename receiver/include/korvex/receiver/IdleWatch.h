@@ -15,7 +15,7 @@ class IdleWatcher;
 /// A queue cannot wake its receiver, which therefore polls it. A receiver that is given a watch
 /// (Receiver::Settings::idleWatch) does so only while messages keep coming. Otherwise run() sleeps,
 /// and the watch polls the queue: every 10 ms, every 5 ms for 150 ms after a message, and every
-/// half millisecond for a few after a process opened one of the queues. It also notices that `stop`
+/// half millisecond for 4 ms after a process opened one of the queues. It also notices that `stop`
 /// was set, that a lock is taken, and within two seconds that a queue was removed, truncated or
 /// overwritten.
 ///

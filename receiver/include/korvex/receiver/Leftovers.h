@@ -20,7 +20,7 @@ struct HalfMadeQueue {
   Maker maker;       ///< Unknown where that cannot be told
 };
 
-/// All of them, of every user, by name.
+/// All of them, of every user, sorted by name.
 KORVEX_RECEIVER_EXPORT std::vector<HalfMadeQueue> halfMadeQueues();
 
 /// Removes the queues that dead daemons of this user left half made in this PID namespace, and

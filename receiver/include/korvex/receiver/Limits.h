@@ -14,12 +14,12 @@ struct Limits {
   static constexpr std::size_t kSmallestMessage = 57;  ///< a batch with one record of one byte
   static constexpr std::size_t kLargestMessage = std::size_t{1} << 30;  ///< 1 GiB
 
-  std::size_t messages = 0;     ///< that wait at most
+  std::size_t messages = 0;     ///< the most that may wait
   std::size_t messageSize = 0;  ///< bytes of the largest message
 };
 
-/// How many bytes of /dev/shm a pair of queues takes whose batches have these limits; 0 for limits
-/// that no queue can have.
+/// How many bytes of /dev/shm a pair of queues takes, given the limits of the one for batches; 0
+/// for limits that no queue can have.
 KORVEX_RECEIVER_EXPORT std::uint64_t sharedMemoryFor(const Limits& limits) noexcept;
 
 }  // namespace korvex::receiver

@@ -56,7 +56,7 @@ class KORVEX_RECEIVER_EXPORT Observer {
   /// Making new queues failed. Reported only for the first of several failures in a row.
   virtual void queuesNotReplaced(const std::string& reason) noexcept;
 
-  /// New queues are there, after queuesLost().
+  /// New queues are there, after queuesLost() or settingsNotChanged().
   virtual void queuesReplaced() noexcept;
 
   /// The queues were made again with the settings that Receiver::change() asked for.

@@ -88,8 +88,8 @@ class KORVEX_RECEIVER_EXPORT QueueStatus {
   /// The thread that holds the lock, by its id in its own PID namespace; 0 for none.
   pid_t lockOwner() const noexcept;
 
-  /// Whether the lock's owner is certainly dead. False where that cannot be known: in a PID
-  /// namespace other than the first, or where /proc hides processes.
+  /// Whether the lock's owner is certainly dead. False where that cannot be known: outside the
+  /// initial PID namespace, or where /proc hides processes.
   bool isLockOwnerGone() const noexcept;
 
  private:

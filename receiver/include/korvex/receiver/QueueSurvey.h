@@ -19,7 +19,7 @@ namespace korvex::receiver {
 /// leads to a sound queue. Takes no lock. QueueStatus has the details of each queue.
 KORVEX_RECEIVER_EXPORT std::vector<std::string> pairNames();
 
-/// Which processes serve queues, as one look at the system's table of file locks finds it.
+/// Which processes serve queues, according to one look at the system's table of file locks.
 ///
 /// A receiver claims its queues by such a lock, and the system frees it when the process ends. The
 /// look takes no lock itself, so it delays no peer.
@@ -28,7 +28,7 @@ class KORVEX_RECEIVER_EXPORT ServingProcesses {
   ServingProcesses();
 
   /// The process that serves the queue; 0 when none does. Nothing when that cannot be known: in a
-  /// PID namespace other than the first the system hides locks of processes outside.
+  /// PID namespace other than the initial one the system hides locks of processes outside.
   std::optional<pid_t> of(const QueueStatus::Object& queue) const noexcept;
 
  private:

@@ -58,14 +58,14 @@ class KORVEX_RECEIVER_EXPORT Receiver {
   Receiver(const Receiver&) = delete;
   Receiver& operator=(const Receiver&) = delete;
 
-  /// Serves until `stop` is set, takes what was waiting at that moment, ends an open stream as
-  /// incomplete and removes the queues.
+  /// Serves until `stop` is set, takes what was waiting at that moment (for 3 seconds at most),
+  /// ends an open stream as incomplete and removes the queues.
   void run(const std::atomic<bool>& stop) noexcept;
 
-  /// From the next stream on, serves with these settings, but for the queue's name and `existing`.
-  /// Any thread may call it. Other limits, another mode or group need other queues: the current
-  /// pair is replaced when no stream is open and nothing waits. If that fails, the old settings
-  /// are kept. The observer is notified in either case.
+  /// From the next stream on, serves with these settings, but for the queue's name, `existing` and
+  /// `idleWatch`. Any thread may call it. Other limits, another mode or group need other queues:
+  /// the current pair is replaced when no stream is open and nothing waits. If that fails, the old
+  /// settings and the old factory are kept. The observer learns whether the pair was replaced.
   void change(const Settings& settings, SinkFactory openSink);
 
   /// From now on new streams fail; those that wait already are taken. Any thread may call it.

@@ -11,7 +11,7 @@
 
 namespace korvex::receiver {
 
-/// The queue by which a receiver answers a producer, for a producer that waits for an answer.
+/// The queue through which a receiver answers a producer, for a producer that waits for an answer.
 ///
 /// A ShmWriter picks up replies only when it sends a batch. While a stream is being stored there is
 /// nothing to send, and empty batches would fill the queue. Take replies here instead; those that
@@ -21,8 +21,8 @@ namespace korvex::receiver {
 /// queue's lock. Used by one thread at a time.
 class KORVEX_RECEIVER_EXPORT ReplyQueue {
  public:
-  /// Opens the replies of a pair by the name that producers use for it. Throws a std::exception
-  /// when they are absent, damaged or only half made.
+  /// Opens the response queue of the pair that producers know by this name. Throws a std::exception
+  /// when it is absent, damaged or only half made.
   explicit ReplyQueue(const std::string& queue);
   ~ReplyQueue();
 
@@ -32,9 +32,9 @@ class KORVEX_RECEIVER_EXPORT ReplyQueue {
   ReplyQueue& operator=(ReplyQueue&&) noexcept;
   /// @}
 
-  /// The oldest reply. Nothing when there is none, or while its lock is taken. Its text may fill
-  /// its field without a NUL: see textOf() in Receipt.h. Throws a std::exception when the queue is
-  /// broken for good.
+  /// The oldest reply. Nothing when there is none, or while the queue's lock is taken. A reply's
+  /// text may fill its field without a NUL: see textOf() in Receipt.h. Throws a std::exception when
+  /// the queue is broken for good.
   std::optional<qmx_shm_response_t> take();
 
   /// Whether the name still leads to the queue that was opened, uncut.

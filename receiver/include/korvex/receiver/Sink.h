@@ -34,8 +34,9 @@ class KORVEX_RECEIVER_EXPORT Sink {
   /// Takes the next bytes of the stream, in order. The buffer is valid only during the call.
   virtual void write(const unsigned char* data, std::size_t size) = 0;
 
-  /// Called several times a second while no message arrives. Throw if the stream can no longer be
-  /// stored: its producer then learns of it now, not with its next data.
+  /// Called before each message is processed, and about ten times a second while none arrives.
+  /// Throw if the stream can no longer be stored: its producer then learns of it now, not with its
+  /// next data.
   virtual void check();
 
   /// The stream is complete. The producer gets its receipt when this returns, so by then the data

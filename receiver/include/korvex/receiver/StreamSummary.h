@@ -19,8 +19,8 @@ enum class Ending {
   ReceiverEnded  ///< in the middle of the stream
 };
 
-/// What is known of a stream when it ends. When memory is short, an incomplete one has no `queue`
-/// and no `xxh128`.
+/// What is known of a stream when it ends. When memory is short, `queue` and `xxh128` of an
+/// incomplete one may be empty.
 struct StreamSummary {
   std::string queue;                 ///< that it came from
   std::time_t opened = 0;            ///< when its open record was taken
