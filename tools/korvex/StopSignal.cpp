@@ -16,8 +16,21 @@ constexpr int kStopSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
 std::atomic<StopSignal*> listener{nullptr};
 
+extern "C" void noteStopSignal(int signal);
+
+/// From now on the signals that are caught end the process, whichever of them comes next.
+void catchNoMore() {
+  for (const int signal : kStopSignals) {
+    struct sigaction action = {};
+    if (::sigaction(signal, nullptr, &action) != 0 || action.sa_handler != noteStopSignal) continue;
+    action.sa_handler = SIG_DFL;
+    ::sigaction(signal, &action, nullptr);
+  }
+}
+
 extern "C" void noteStopSignal(int signal) {
   const int savedError = errno;
+  catchNoMore();
   if (StopSignal* const current = listener.load()) current->note(signal);
   errno = savedError;
 }
@@ -28,7 +41,6 @@ void catchOnce(int signal) {
   action = {};
   action.sa_handler = noteStopSignal;
   // No restart: a blocking open or read returns, so that the request is seen.
-  action.sa_flags = static_cast<int>(SA_RESETHAND);
   ::sigaction(signal, &action, nullptr);
 }
 

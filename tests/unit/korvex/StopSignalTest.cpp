@@ -38,9 +38,11 @@ TEST(StopSignal, CatchesASignalOnce) {
   stop.listen();
   ASSERT_EQ(::raise(SIGTERM), 0);
   EXPECT_EQ(stop.received(), SIGTERM);
-  struct sigaction action = {};
-  ASSERT_EQ(::sigaction(SIGTERM, nullptr, &action), 0);
-  EXPECT_TRUE(action.sa_handler == SIG_DFL);
+  for (const int any : {SIGINT, SIGTERM, SIGHUP}) {
+    struct sigaction action = {};
+    ASSERT_EQ(::sigaction(any, nullptr, &action), 0);
+    EXPECT_TRUE(action.sa_handler == SIG_DFL) << any << " would not end the process";
+  }
 }
 
 TEST(StopSignal, LeavesAnIgnoredSignalIgnored) {
@@ -49,5 +51,7 @@ TEST(StopSignal, LeavesAnIgnoredSignalIgnored) {
   stop.listen();
   ASSERT_EQ(::raise(SIGHUP), 0);
   EXPECT_EQ(stop.received(), 0);
+  ASSERT_EQ(::raise(SIGTERM), 0);
+  ASSERT_EQ(::raise(SIGHUP), 0);  // would end the process now
   ::signal(SIGHUP, SIG_DFL);
 }
