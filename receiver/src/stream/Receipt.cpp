@@ -17,10 +17,12 @@ bool skip(std::string_view& text, std::string_view expected) {
   return true;
 }
 
+/// Without leading zeros.
 bool readNumber(std::string_view& text, std::uint64_t& number) {
   const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
-  if (result.ec != std::errc()) return false;
-  text.remove_prefix(static_cast<std::size_t>(result.ptr - text.data()));
+  const auto digits = static_cast<std::size_t>(result.ptr - text.data());
+  if (result.ec != std::errc() || digits != std::to_string(number).size()) return false;
+  text.remove_prefix(digits);
   return true;
 }
 

@@ -24,6 +24,12 @@ TEST(Receipt, ReachesTheLargestCount) {
   EXPECT_EQ(receipt->bytes, 18446744073709551615u);
 }
 
+TEST(Receipt, MayBeForNothing) {
+  const auto receipt = Receipt::parse("stored bytes=0 xxh128=" + kDigest);
+  ASSERT_TRUE(receipt);
+  EXPECT_EQ(receipt->bytes, 0u);
+}
+
 TEST(Receipt, IsEqualOnlyWithBothParts) {
   EXPECT_TRUE((Receipt{1, "a"} == Receipt{1, "a"}));
   EXPECT_FALSE((Receipt{2, "a"} == Receipt{1, "a"}));
@@ -40,7 +46,7 @@ TEST(ReceiptUntrusted, RefusesNumbersAbove64Bits) {
 }
 
 TEST(ReceiptUntrusted, RefusesWhatIsNoPlainNumber) {
-  for (const char* number : {"", "-1", "+1", " 1", "1 ", "0x1", "1.0", "1,000"}) {
+  for (const char* number : {"", "-1", "+1", " 1", "1 ", "0x1", "1.0", "1,000", "01", "00"}) {
     EXPECT_FALSE(Receipt::parse("stored bytes=" + std::string(number) + " xxh128=" + kDigest))
         << number;
   }
