@@ -1,5 +1,6 @@
 #include "korvexd/service/StatusText.h"
 
+#include <algorithm>
 #include <cstdint>
 
 #include "common/Printable.h"
@@ -25,7 +26,9 @@ std::string counted(std::uint64_t number, const std::string& thing) {
 std::string statusText(const std::vector<const Counters*>& queues) {
   const std::uint64_t complete = sumOf(queues, Count::StreamsComplete);
   const std::uint64_t incomplete = sumOf(queues, Count::StreamsIncomplete);
-  const std::uint64_t open = sumOf(queues, Count::StreamsOpened) - complete - incomplete;
+  // The counters are read one by one while they grow, so this may lag.
+  const std::uint64_t opened = sumOf(queues, Count::StreamsOpened);
+  const std::uint64_t open = opened - std::min(opened, complete + incomplete);
   const double bytes = static_cast<double>(sumOf(queues, Count::Bytes));
   return counted(queues.size(), "queue") + ", " + counted(open, "open stream") + ", " +
          std::to_string(complete) + " complete, " + std::to_string(incomplete) + " incomplete, " +

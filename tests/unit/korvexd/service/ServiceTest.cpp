@@ -185,4 +185,7 @@ TEST(StatusText, SumsUpAllQueues) {
   EXPECT_EQ(korvexd::statusText({&one, &two}),
             "2 queues, 2 open streams, 1 complete, 1 incomplete, 1.2 MB");
   EXPECT_EQ(korvexd::statusText({&one}), "1 queue, 1 open stream, 1 complete, 1 incomplete, 0 B");
+  one.add(Count::StreamsComplete, 2);
+  EXPECT_EQ(korvexd::statusText({&one}), "1 queue, 0 open streams, 3 complete, 1 incomplete, 0 B")
+      << "as when an end is seen before its beginning";
 }
