@@ -75,6 +75,7 @@ ServingProcesses::ServingProcesses() {
     pid_t process = 0;
     if (readClaim(line, file, process)) claims_[file] = process;
   }
+  isWhole_ = isWhole_ && !table.bad();
 }
 
 std::optional<pid_t> ServingProcesses::of(const QueueStatus::Object& queue) const noexcept {

@@ -32,7 +32,7 @@ OwnedQueue::OwnedQueue(std::string name, Limits limits, const Access& access)
   try {
     claim();
     if (access.group) giveTo(*access.group, access.mode);
-  } catch (const SystemError&) {
+  } catch (...) {
     MessageQueue::remove(presentName_);
     throw;
   }

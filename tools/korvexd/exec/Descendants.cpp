@@ -67,14 +67,23 @@ Process lookAt(const std::string& process) {
 
 bool isProcess(const char* name) { return *name >= '1' && *name <= '9'; }
 
+/// None at the end. A list that broke off would let living processes look gone.
+const char* nextNameIn(DIR* folder) {
+  errno = 0;
+  const dirent* const entry = ::readdir(folder);
+  if (entry != nullptr) return entry->d_name;
+  if (errno != 0) throw receiver::SystemError("reading /proc", errno);
+  return nullptr;
+}
+
 Processes allProcesses() {
   const std::unique_ptr<DIR, int (*)(DIR*)> folder(::opendir("/proc"), ::closedir);
   if (folder == nullptr) throw receiver::SystemError("opening /proc", errno);
   Processes all;
-  while (const dirent* const entry = ::readdir(folder.get())) {
-    if (!isProcess(entry->d_name)) continue;
-    const auto id = static_cast<pid_t>(std::strtol(entry->d_name, nullptr, 10));
-    all[id] = lookAt(entry->d_name);
+  while (const char* const name = nextNameIn(folder.get())) {
+    if (!isProcess(name)) continue;
+    const auto id = static_cast<pid_t>(std::strtol(name, nullptr, 10));
+    all[id] = lookAt(name);
   }
   return all;
 }

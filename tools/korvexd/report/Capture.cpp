@@ -12,6 +12,8 @@
 namespace korvexd {
 namespace {
 
+namespace fs = std::filesystem;
+
 constexpr mode_t kFileMode = 0600;
 constexpr std::size_t kDigits = 8;
 constexpr std::size_t kMostDigits = 18;
@@ -33,8 +35,8 @@ std::uint64_t numberIn(const std::string& name, const std::string& prefix) {
 std::uint64_t highestNumber(const std::string& folder, const std::string& prefix) {
   std::uint64_t highest = 0;
   std::error_code error;
-  for (const auto& file : std::filesystem::directory_iterator(folder, error)) {
-    highest = std::max(highest, numberIn(file.path().filename().string(), prefix));
+  for (fs::directory_iterator at(folder, error), end; !error && at != end; at.increment(error)) {
+    highest = std::max(highest, numberIn(at->path().filename().string(), prefix));
   }
   if (error) throw receiver::SystemError("reading capture folder " + folder, error.value());
   return highest;
