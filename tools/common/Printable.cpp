@@ -134,6 +134,8 @@ std::string byteText(double bytes) {
   return formatted(unit == 0 ? "%.0f %s" : "%.1f %s", bytes, kUnits[unit]);
 }
 
+std::string secondsText(double seconds) { return formatted("%.1f s", seconds); }
+
 std::string timeText(std::chrono::seconds time) {
   const long seconds = time.count();
   const long minutes = seconds / kMinute;

@@ -28,6 +28,9 @@ std::string_view cutToColumns(std::string_view text, std::size_t columns);
 /// "999 B", "1.0 kB", "2.1 GB": powers of 1000, one decimal.
 std::string byteText(double bytes);
 
+/// "0.5 s".
+std::string secondsText(double seconds);
+
 /// "0:07", "12:34", "3:00:00".
 std::string timeText(std::chrono::seconds time);
 

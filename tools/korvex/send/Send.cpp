@@ -30,7 +30,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::uint64_t kMaxSegmentSize = std::uint64_t{1} << 40;
-constexpr int kSignalExitBase = 128;
 
 struct FreeMemory {
   void operator()(unsigned char* memory) const { std::free(memory); }
@@ -86,7 +85,7 @@ SendReport SendRun::run() {
     if (daemon_) daemon_->stop(DaemonStream::StopWait::Short);
     fail(common::ExitCode::Failed, EINTR,
          "interrupted by signal " + std::to_string(interrupted.signal));
-    report_.exitCode = kSignalExitBase + interrupted.signal;
+    report_.exitCode = common::codeAfterSignal(interrupted.signal);
     report_.signal = interrupted.signal;
   } catch (const Failure& failure) {
     fail(common::ExitCode::Failed, failure.status(), failure.what());

@@ -1,19 +1,11 @@
 #include "send/SendReport.h"
 
-#include <array>
-#include <cstdio>
 #include <nlohmann/json.hpp>
 
 #include "common/Printable.h"
 
 namespace korvex::tool {
 namespace {
-
-std::string secondsText(double seconds) {
-  std::array<char, 32> text = {};
-  std::snprintf(text.data(), text.size(), "%.1f s", seconds);
-  return text.data();
-}
 
 nlohmann::ordered_json objectOf(const ProcessEnd& end) {
   if (end.signal == 0) return {{"exitCode", end.exitCode}};
@@ -24,7 +16,8 @@ nlohmann::ordered_json objectOf(const ProcessEnd& end) {
 
 std::string SendReport::summary() const {
   return "sent " + std::to_string(bytes) + " bytes in " + std::to_string(segments) + " segments, " +
-         secondsText(seconds) + ", " + common::byteText(bytesPerSecond()) + "/s: " + message;
+         common::secondsText(seconds) + ", " + common::byteText(bytesPerSecond()) +
+         "/s: " + message;
 }
 
 std::string SendReport::json() const {

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <nlohmann/json.hpp>
 
 #include "common/Printable.h"
@@ -15,12 +14,6 @@ using Json = nlohmann::ordered_json;
 
 constexpr std::array<StreamState, 4> kUsualStates = {StreamState::Complete, StreamState::Damaged,
                                                      StreamState::Partial, StreamState::Foreign};
-
-std::string secondsText(double seconds) {
-  std::array<char, 32> text = {};
-  std::snprintf(text.data(), text.size(), "%.1f s", seconds);
-  return text.data();
-}
 
 std::string padded(std::string text) {
   constexpr std::size_t width = 10;
@@ -60,7 +53,7 @@ std::string VerifyReport::summary() const {
   }
   const std::uint64_t unchecked = count(StreamState::Unchecked);
   if (unchecked > 0) text += ", " + std::to_string(unchecked) + " unchecked";
-  return text + "; " + std::to_string(bytes) + " bytes in " + secondsText(seconds) + ", " +
+  return text + "; " + std::to_string(bytes) + " bytes in " + common::secondsText(seconds) + ", " +
          common::byteText(bytesPerSecond()) + "/s";
 }
 
