@@ -31,6 +31,7 @@ namespace korvex {
 constexpr std::uint32_t kUninitialized = 0;
 constexpr std::uint32_t kInitializing = 1;
 constexpr std::uint32_t kInitialized = 2;
+constexpr std::uint32_t kCreationFailed = 3;
 
 constexpr std::size_t kInitWordOffset = 0;
 constexpr std::size_t kIndexPointerOffset = alignof(std::max_align_t);

@@ -130,7 +130,7 @@ std::optional<QueueView::State> judge(int file, const Header& header, std::uint6
 
 /// What a killed creator leaves: zeros, except for the init word.
 bool isBlank(const unsigned char* header, std::size_t size) {
-  return Header(header).word(kInitWordOffset) <= kInitialized + 1 &&
+  return Header(header).word(kInitWordOffset) <= kCreationFailed &&
          std::all_of(header + sizeof(std::uint32_t), header + size,
                      [](unsigned char byte) { return byte == 0; });
 }

@@ -22,9 +22,9 @@ extern thread_local sigjmp_buf* busErrorRecovery;
 /// Runs a step that touches a queue. Turns SIGBUS (the object was truncated, or /dev/shm is full)
 /// into MemoryLost, where the guard is installed.
 ///
-/// The jump skips the step's destructors. That is safe because only the queue library's plain
-/// reads, writes and copies touch a queue's memory: all they leave behind is the queue's lock, and
-/// the queue is lost anyway. So a step must not hold anything else.
+/// The jump skips the step's destructors. So a step does no more than one call of the queue layer:
+/// what that leaves behind is the queue's lock, on a queue that is lost anyway, and where a queue
+/// was being made, its memory. Nothing of the caller's may be held across it.
 ///
 /// Such a step may be part of another one, which is then still guarded.
 template <typename Step>

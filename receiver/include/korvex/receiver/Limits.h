@@ -8,7 +8,8 @@
 
 namespace korvex::receiver {
 
-/// How much a queue holds.
+/// How much a queue holds. The constants are the range that korvexd allows; a receiver takes any
+/// limits that fit into memory.
 struct Limits {
   static constexpr std::size_t kMostMessages = 65536;  ///< that a queue may hold
   static constexpr std::size_t kSmallestMessage = 57;  ///< a batch with one record of one byte
