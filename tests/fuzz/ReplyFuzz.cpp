@@ -36,9 +36,9 @@ bool isReceipt(const std::string& text) {
   std::string digits;
   while (at < text.size() && text[at] >= '0' && text[at] <= '9') digits += text[at++];
   const std::string most = "18446744073709551615";
-  const std::string value = digits.substr(std::min(digits.find_first_not_of('0'), digits.size()));
-  if (digits.empty() || value.size() > most.size()) return false;
-  if (value.size() == most.size() && value > most) return false;
+  if (digits.empty() || digits.size() > most.size()) return false;
+  if (digits.size() == most.size() && digits > most) return false;
+  if (digits.size() > 1 && digits[0] == '0') return false;
   if (text.compare(at, between.size(), between) != 0) return false;
   const std::string digest = text.substr(at + between.size());
   return digest.size() == 32 && digest.find_first_not_of("0123456789abcdef") == std::string::npos;

@@ -95,15 +95,23 @@ class DaemonMetrics : public ExecFixture {
     EXPECT_TRUE(eventually([this] { return metric("korvex_stream_open{") == 1; }));
   }
 
-  /// More than a pipe holds, batch after batch, until the queue is full.
-  void fillQueue() const {
+  /// More than a pipe holds, batch after batch, until the queue is full and this holds: a daemon
+  /// that is slow to start its engine still takes some then.
+  template <typename Condition>
+  void fillQueueUntil(Condition isEnough) const {
     const auto to = writer(queue_, 1);
-    try {
-      to->open();
-      for (;;) write(*to, std::string(100000, 'x'));
-    } catch (const Ov_ErrnoException&) {
-      // Nobody takes it.
-    }
+    EXPECT_TRUE(eventually([&, isOpen = false]() mutable {
+      try {
+        if (!std::exchange(isOpen, true)) to->open();
+        write(*to, std::string(100000, 'x'));
+        return false;
+      } catch (const Ov_ErrnoException&) {
+        return isEnough();  // nobody takes it
+      }
+    }));
+  }
+  void fillQueue() const {
+    fillQueueUntil([] { return true; });
   }
 
   void end() { DaemonFixture::end(*daemon_); }
@@ -300,7 +308,8 @@ std::vector<DaemonMetrics::Path> DaemonMetrics::engines() {
       {"QueueFullOfASlowEngine", "korvex_queue_full_seconds_total{queue=\"QUEUE\"}",
        [](Test& test) {
          test.startEngine("sleep 600", "600");
-         test.fillQueue();
+         test.fillQueueUntil(
+             [&] { return test.metric("korvex_queue_full_seconds_total{queue=\"QUEUE\"}") > 0; });
        }},
   };
 }
