@@ -86,7 +86,7 @@ TEST_F(CapturingLog, GoesOnAfterTheNumbersOfAnEarlierDaemon) {
 
 TEST_F(CapturingLog, ReportsTheFirstFailureOfEachOutage) {
   const korvex::test::LoggedText logged;
-  for (const std::uint64_t number : {1, 4}) {
+  for (const std::uint64_t number : {1u, 4u}) {
     fs::rename(captured_, folder_ / "away");
     receive(number);
     receive(number + 1);
