@@ -31,7 +31,8 @@ class Areas(unittest.TestCase):
         for area in AREAS:
             for program in area.programs():
                 lists = ROOT / pathlib.PurePath(program.path).parent / "CMakeLists.txt"
-                self.assertRegex(lists.read_text(), rf"\b{program.name}\b", program.path)
+                self.assertRegex(lists.read_text(), rf"NAME {program.name}\b|\b{program.name}:",
+                                 program.path)
 
     def test_try_the_most_likely_program_first_and_then_the_others(self):
         for part, program in MOST_LIKELY:
