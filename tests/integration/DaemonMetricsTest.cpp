@@ -117,6 +117,7 @@ class DaemonMetrics : public ExecFixture {
   void end() { DaemonFixture::end(*daemon_); }
   std::string sharedObject() const { return "/dev/shm/" + queue_; }
 
+  static constexpr const char* kQueueFull = "korvex_queue_full_seconds_total{queue=\"QUEUE\"}";
   static constexpr const char* kConfiguration = "[defaults]\ndiscard = true\n";
   static constexpr const char* kMoreThanThereIs = "max-messages = 65536\nmax-message-size = '1G'\n";
 
@@ -305,11 +306,10 @@ std::vector<DaemonMetrics::Path> DaemonMetrics::engines() {
          EXPECT_TRUE(test.awaitFile("read"));
          test.end();
        }},
-      {"QueueFullOfASlowEngine", "korvex_queue_full_seconds_total{queue=\"QUEUE\"}",
+      {"QueueFullOfASlowEngine", kQueueFull,
        [](Test& test) {
          test.startEngine("sleep 600", "600");
-         test.fillQueueUntil(
-             [&] { return test.metric("korvex_queue_full_seconds_total{queue=\"QUEUE\"}") > 0; });
+         test.fillQueueUntil([&] { return test.metric(kQueueFull) > 0; });
        }},
   };
 }
