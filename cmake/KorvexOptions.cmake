@@ -1,4 +1,7 @@
-# Targets that carry options to the targets that link them. Nothing here is global.
+# Targets that carry options to the targets that link them, and what the libraries have in common.
+# Nothing here is global.
+
+include(GenerateExportHeader)
 
 add_library(korvex_warnings INTERFACE)
 target_compile_options(korvex_warnings INTERFACE
@@ -42,3 +45,36 @@ target_link_libraries(korvex_options INTERFACE
   $<BUILD_INTERFACE:korvex_warnings> $<BUILD_INTERFACE:korvex_sanitizers>
   $<BUILD_INTERFACE:korvex_hardening>)
 target_compile_features(korvex_options INTERFACE cxx_std_17)
+
+# korvex_ship(target MAP file HEADERS folder...)
+# A shared library as it is installed, with a file for pkg-config.
+function(korvex_ship target)
+  cmake_parse_arguments(arg "" "MAP" "HEADERS" ${ARGN})
+  set(map ${CMAKE_CURRENT_BINARY_DIR}/${arg_MAP})
+  configure_file(${arg_MAP} ${map} @ONLY)
+  # -Bsymbolic binds the library to its own vtables and functions, even beside a second copy of it
+  # (in a host's plug-in, say).
+  target_link_options(${target} PRIVATE -Wl,--version-script=${map} -Wl,-Bsymbolic)
+  set_target_properties(${target} PROPERTIES
+    # The installed library finds what it needs beside itself, even in a moved tree, or in the
+    # folder where an external platform was found.
+    INSTALL_RPATH "$ORIGIN"
+    INSTALL_RPATH_USE_LINK_PATH ON
+    VERSION ${PROJECT_VERSION}
+    SOVERSION ${KORVEX_ABI_VERSION}
+    LINK_DEPENDS ${map})
+  install(TARGETS ${target} EXPORT korvexTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(DIRECTORY ${arg_HEADERS} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+  get_target_property(name ${target} OUTPUT_NAME)
+  if(NOT name)
+    set(name ${target})
+  endif()
+  file(RELATIVE_PATH KORVEX_INCLUDES_FROM_PKGCONFIG
+    ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_FULL_INCLUDEDIR})
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/${name}.pc.in ${CMAKE_CURRENT_BINARY_DIR}/${name}.pc
+    @ONLY)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${name}.pc
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endfunction()
