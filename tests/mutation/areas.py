@@ -61,6 +61,7 @@ STRANGE_OBJECT_TESTS = slow_program("tests/integration/korvexd_strange_object_te
 STATUS_TESTS = slow_program("tests/integration/korvex_status_tests")
 EXEC_TESTS = slow_program("tests/integration/korvexd_exec_tests")
 DAEMON_TESTS = slow_program("tests/integration/korvexd_integration_tests")
+LIMIT_TESTS = slow_program("tests/integration/korvexd_limit_tests")
 OPERATING_TESTS = slow_program("tests/integration/korvexd_operating_tests")
 
 # Which of an area's slow programs is tried first for a source: the others are mostly spared then.
@@ -81,7 +82,7 @@ AREAS = (
          (slow_program("tests/unit/receiver/korvex_receiver_unit_tests"),
           slow_program("tests/unit/korvex/korvex_tool_unit_tests"),
           slow_program("tests/integration/korvex_strange_object_tests"),
-          STRANGE_OBJECT_TESTS, DAEMON_TESTS, SEND_TESTS),
+          STRANGE_OBJECT_TESTS, DAEMON_TESTS, SEND_TESTS, LIMIT_TESTS),
          LIBRARY_GROUND),
     Area("receiver",
          (r"receiver/.*\.(cpp|h)",),
@@ -93,7 +94,7 @@ AREAS = (
            tool_program("tests/unit/korvexd/korvexd_unit_tests"),
            tool_program("tests/unit/korvex/korvex_tool_unit_tests", SHARDS))),
          (DAEMON_TESTS, STRANGE_OBJECT_TESTS, EXEC_TESTS, SEND_TESTS, OPERATING_TESTS,
-          STATUS_TESTS),
+          STATUS_TESTS, LIMIT_TESTS),
          TOOLS_GROUND),
     Area("daemon",
          (r"tools/korvexd/.*\.(cpp|h)",),
@@ -104,7 +105,7 @@ AREAS = (
                 for name in ("rename", "writeback", "log_loss", "age", "refused_digest",
                               "engine_end"))),
          (DAEMON_TESTS, slow_program("tests/integration/korvexd_failing_sink_tests"), EXEC_TESTS,
-          STRANGE_OBJECT_TESTS, SEND_TESTS, OPERATING_TESTS, STATUS_TESTS),
+          STRANGE_OBJECT_TESTS, SEND_TESTS, OPERATING_TESTS, STATUS_TESTS, LIMIT_TESTS),
          TOOLS_GROUND),
     Area("tool",
          (r"tools/(korvex|common)/.*\.(cpp|h)",),
@@ -113,7 +114,7 @@ AREAS = (
            tool_program("tests/unit/korvex/korvex_tool_system_call_tests")),
           (tool_program("tests/unit/korvex/korvex_tool_unit_tests", SHARDS),)),
          (SEND_TESTS, STATUS_TESTS, EXEC_TESTS, DAEMON_TESTS, OPERATING_TESTS,
-          STRANGE_OBJECT_TESTS),
+          STRANGE_OBJECT_TESTS, LIMIT_TESTS),
          TOOLS_GROUND),
 )
 
