@@ -78,3 +78,13 @@ function(korvex_ship target)
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/${name}.pc
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endfunction()
+
+# korvex_ship_program(target): a program as it is installed. It finds the libraries in the same tree,
+# even a moved one, or in the folder where an external platform was found.
+function(korvex_ship_program target)
+  file(RELATIVE_PATH libraries ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+  set_target_properties(${target} PROPERTIES
+    INSTALL_RPATH "$ORIGIN/${libraries}"
+    INSTALL_RPATH_USE_LINK_PATH ON)
+  install(TARGETS ${target} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+endfunction()

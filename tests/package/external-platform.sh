@@ -1,6 +1,6 @@
 # external-platform.sh SOURCE COMPILER [LAUNCHER]: the library builds on a platform that is installed
 # elsewhere, does not install a second one, and its package finds the first. Without the receiving
-# library, which is optional.
+# library, which is optional. The programs would be installed so that they find that platform, too.
 source "$(dirname "$0")/common.sh"
 
 platform=$work/platform
@@ -33,3 +33,12 @@ cmake -S "$here/consumer" -B "$work/consumer" -G Ninja -DCMAKE_CXX_COMPILER="$co
   -DCMAKE_PREFIX_PATH="$work/installed;$platform"
 cmake --build "$work/consumer"
 expect "the consumer's output" "$("$work/consumer/consumer")" "$consumer_output"
+
+# What the installation writes into the programs is known without compiling them.
+configure "$work/programs" -DCMAKE_PREFIX_PATH="$platform" -DKORVEX_BUILD_RECEIVER=ON \
+  -DCMAKE_INSTALL_PREFIX="$work/usr" -DCMAKE_INSTALL_LIBDIR="$work/usr/lib/machine" > "$work/log"
+for program in korvex korvexd; do
+  expect "where the installed $program looks for its libraries" \
+    "$(sed -n 's/.*NEW_RPATH "\(.*\)").*/\1/p' "$work/programs/tools/$program/cmake_install.cmake")" \
+    "\\\$ORIGIN/../lib/machine:$platform/${LIBDIR#"$PREFIX"/}"
+done
