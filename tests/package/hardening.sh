@@ -9,7 +9,7 @@ has() {
 }
 
 programs=("$PREFIX/bin/korvexd" "$PREFIX/bin/korvex")
-libraries=("$LIBDIR/libkorvex.so" "$LIBDIR/libqmx.so")
+libraries=("$LIBDIR/libkorvex.so" "$LIBDIR/libkorvex-receiver.so" "$LIBDIR/libqmx.so")
 
 for file in "${programs[@]}" "${libraries[@]}"; do
   [ -f "$file" ] || fail "$file is not installed"
