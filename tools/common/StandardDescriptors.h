@@ -6,9 +6,10 @@
 
 namespace korvex::common {
 
-/// Call it first in main(). A closed standard descriptor would be reused for the next file opened,
-/// a queue for example, and log messages would be written into it. Its replacement drops those
-/// messages; reading it as input fails, and so does writing requested output.
+/// Call it in main() before anything opens a file. A closed standard descriptor would be reused for
+/// the next file opened, a queue for example, and log messages would be written into it. Its
+/// replacement drops those messages; reading it as input fails, and so does writing requested
+/// output.
 inline void occupyStandardDescriptors() {
   constexpr int kAccess[] = {O_WRONLY, O_RDONLY, O_RDWR};
   for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {

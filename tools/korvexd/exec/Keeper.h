@@ -56,7 +56,8 @@ struct Report {
 /// Whether the program was started as a keeper.
 bool isKeeper(int argc, const char* const* argv) noexcept;
 
-/// The whole life of a keeper; returns the exit code of its process. Call it first in main().
+/// The whole life of a keeper; returns the exit code of its process. Call it before anything else
+/// in main().
 int runKeeper(int argc, char** argv);
 
 }  // namespace korvexd
