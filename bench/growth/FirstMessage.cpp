@@ -27,7 +27,7 @@ constexpr unsigned kTimeoutSeconds = 60;
 constexpr int kExitFailed = 1;
 constexpr double kHigh = 0.99;
 
-/// Longer than a daemon stays alert after somebody opened a queue.
+/// Longer than a daemon stays alert after a process opened a queue.
 constexpr std::chrono::seconds kUntilIdle{3};
 
 /// Random between these, so that the tries meet every moment of the daemon's period.

@@ -1,4 +1,4 @@
-// Kills producers and daemons, or who else takes part in a stream, at random moments and looks
+// Kills producers, daemons and the other processes of a stream at random moments, and checks
 // whether anything was lost, hung or left behind.
 #include <CLI/CLI.hpp>
 #include <cstdio>

@@ -19,7 +19,7 @@ def unit_program(path):
 
 
 def tool_program(path, shards=1):
-    # These mostly wait for other threads and for files. The limit ends one that computes for ever.
+    # These mostly wait for other threads and for files. The limit ends one that computes forever.
     return Program(path, ("--gtest_fail_fast", "--gtest_brief=1"), core_seconds=20, shards=shards)
 
 

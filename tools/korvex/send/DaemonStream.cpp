@@ -52,7 +52,7 @@ bool isFinishing(const qmx_shm_response_t& reply) {
 
 /// A writer closes an open stream when it is destroyed, and a close record would tell the daemon
 /// that a broken stream is complete. So the writer of a broken stream stays until the process ends.
-void keepForEver(std::unique_ptr<ShmWriter> writer) noexcept {
+void keepForever(std::unique_ptr<ShmWriter> writer) noexcept {
   ShmWriter* const kept = writer.release();
   try {
     static auto& reachable = *new std::vector<ShmWriter*>;  // so that leak checkers are content
@@ -78,7 +78,7 @@ DaemonStream::DaemonStream(Settings settings, const StopSignal& stop)
 }
 
 DaemonStream::~DaemonStream() {
-  if (phase_ != Phase::Closed && writer_) keepForEver(std::move(writer_));
+  if (phase_ != Phase::Closed && writer_) keepForever(std::move(writer_));
 }
 
 /// Opens a new writer, and a view and the replies of exactly the queues that it opened.
@@ -182,7 +182,7 @@ void DaemonStream::awaitAllTaken(const char* what) {
   const auto isTaken = [&] {
     stop_.throwIfReceived();
     const std::size_t left = sendQueue_.messages();
-    checkStillServed();  // afterwards: of a queue that was cut nothing seems to wait
+    checkStillServed();  // afterwards: a truncated queue looks empty
     if (left < fewest) deadline = Clock::now() + settings_.timeout;
     fewest = std::min(fewest, left);
     return left == 0;

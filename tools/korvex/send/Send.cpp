@@ -265,7 +265,7 @@ CLI::App* declareSend(CLI::App& tool, SendOptions& options) {
 
 Ending runSend(const SendOptions& options, const StopSignal& stop, Progress progress,
                std::ostream& out, std::ostream& errors) {
-  receiver::installBusErrorGuard();  // a queue may be cut while it is used
+  receiver::installBusErrorGuard();  // a queue may be truncated while it is used
   SendReport report = SendRun(options, stop, progress).run();
   progress.clear();
   tell(report, options, out, errors);

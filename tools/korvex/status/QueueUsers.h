@@ -10,7 +10,8 @@
 namespace korvex::tool {
 
 /// The processes that use queues, as one look at /proc finds them: producers, and daemons that do
-/// not claim what they serve. They have mapped it for writing; who only looks at a queue does not.
+/// not claim what they serve. They have mapped it for writing; a process that only looks at a queue
+/// does not.
 class QueueUsers {
  public:
   QueueUsers();

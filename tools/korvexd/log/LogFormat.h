@@ -14,8 +14,7 @@ enum class LogStyle { Text, Json };
 /// and has the time itself.
 enum class LogReader { Anyone, Journal };
 
-/// Whether what is written to this descriptor goes to the journal, as systemd tells in the
-/// environment.
+/// Whether this descriptor is the journal's stream, according to JOURNAL_STREAM.
 LogReader readerOf(int descriptor);
 
 /// Lays out the lines of the log. For any thread.
