@@ -1,6 +1,7 @@
 // receipt QUEUE: streams standard input and prints the daemon's receipt once everything is stored.
 #include <chrono>
 #include <iostream>
+#include <korvex/Status.h>
 #include <korvex/StreamGuard.h>
 #include <stdexcept>
 #include <string>
@@ -10,7 +11,6 @@
 namespace {
 
 constexpr unsigned kTimeout = 10;     // seconds to wait for room at most
-constexpr unsigned kFullQueue = 15;   // the status of a call that found no room in time
 constexpr int kMoreThanReplies = 40;  // 16 in the queue, 4 in the daemon, and batches on their way
 
 /// An old reply that was never fetched would be taken for this stream's.
@@ -20,7 +20,7 @@ void forgetOldReplies(const std::string& queue) {
     try {
       writer.flush_shm_buffer(kTimeout);
     } catch (const Ov_ErrnoException& error) {
-      if (error.getStatus() == kFullQueue) throw;
+      if (error.getStatus() == korvex::kStatusTimedOut) throw;
     }
   }
 }
@@ -42,7 +42,7 @@ std::size_t sendInput(korvex::ShmWriter& stream) {
 void pickUpReply(korvex::ShmWriter& stream) try {
   stream.flush_shm_buffer(1);
 } catch (const Ov_ErrnoException& error) {
-  if (error.getStatus() != kFullQueue) throw;  // the daemon could not store the stream
+  if (error.getStatus() != korvex::kStatusTimedOut) throw;  // the daemon could not store the stream
 }
 
 /// The pauses grow, so that the batches do not fill the queue while the daemon is busy.
