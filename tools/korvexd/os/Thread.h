@@ -1,5 +1,5 @@
-#ifndef KORVEXD_START_THREAD_H
-#define KORVEXD_START_THREAD_H
+#ifndef KORVEXD_THREAD_H
+#define KORVEXD_THREAD_H
 
 #include <korvex/receiver/SystemError.h>
 #include <string>
