@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <exception>
 #include <functional>
+#include <korvex/Status.h>
 #include <korvex/receiver/BusErrorGuard.h>
 #include <korvex/receiver/Receipt.h>
 #include <qmx/trace.h>
@@ -13,7 +14,6 @@
 #include "Failure.h"
 #include "LookUntil.h"
 #include "common/Printable.h"
-#include "korvex/Status.h"
 
 namespace korvex::tool {
 namespace {
