@@ -1,5 +1,6 @@
 #include <fstream>
 #include <gmock/gmock.h>
+#include <korvex/receiver/Limits.h>
 #include <unistd.h>
 
 #include "Failure.h"
@@ -9,11 +10,11 @@
 
 namespace {
 
+using korvex::receiver::Limits;
 using korvex::test::BatchBytes;
 using korvex::tool::captureFileOf;
 using korvex::tool::Failure;
 using korvex::tool::inBatchOrder;
-using korvex::tool::kLargestBatch;
 using korvex::tool::readUntrusted;
 using korvex::tool::StopSignal;
 using testing::ElementsAre;
@@ -103,7 +104,7 @@ TEST_F(CaptureFileReading, StopsEarlyInWhatIsNoBatch) {
 
 TEST_F(CaptureFileReading, RefusesMoreThanTheLargestBatch) {
   const std::string path = write("huge", textOf(BatchBytes().bytes()));
-  ASSERT_EQ(::truncate(path.c_str(), static_cast<off_t>(kLargestBatch + 1)), 0);
+  ASSERT_EQ(::truncate(path.c_str(), static_cast<off_t>(Limits::kLargestMessage + 1)), 0);
   EXPECT_THAT(failureOf(path), HasSubstr("huge' is larger than any batch: expected at most "
                                          "1073741824 bytes"));
 }

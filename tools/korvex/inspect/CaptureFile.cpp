@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <korvex/ShmBatch.h>
 #include <korvex/receiver/BatchCheck.h>
+#include <korvex/receiver/Limits.h>
 #include <map>
 #include <string_view>
 #include <utility>
@@ -15,13 +17,13 @@ namespace korvex::tool {
 namespace {
 
 using receiver::BatchCheck;
+using receiver::Limits;
 using Bytes = std::vector<unsigned char>;
 
 constexpr std::string_view kSuffix = ".batch";
 constexpr std::string_view kDigits = "0123456789";
 constexpr std::size_t kFewestDigits = 8;
 constexpr std::size_t kMostDigits = 18;  // always fit into 64 bits
-constexpr std::size_t kMetaDataSize = 8;
 constexpr std::size_t kFirstPiece = std::size_t{256} << 10;
 constexpr std::string_view kStandardInput = "-";
 
@@ -52,11 +54,12 @@ bool beginsAsBatch(const Bytes& untrusted) {
 
 /// Reads the rest in growing pieces, so that a pipe's batch is copied a few times at most.
 void appendRest(InputReader& input, Bytes& bytes) {
-  bytes.reserve(std::min<std::uint64_t>(input.totalBytes().value_or(0), kLargestBatch) + 1);
+  bytes.reserve(std::min<std::uint64_t>(input.totalBytes().value_or(0), Limits::kLargestMessage) +
+                1);
   // One byte more than allowed shows that there is more.
   std::size_t room = 0;
   do {
-    room = kLargestBatch + 1 - bytes.size();
+    room = Limits::kLargestMessage + 1 - bytes.size();
   } while (room > 0 && append(input, bytes, std::min(room, std::max(bytes.size(), kFirstPiece))));
 }
 
@@ -102,14 +105,14 @@ Bytes readUntrusted(const CaptureFile& file, const StopSignal& stop) {
   InputReader input({file.path}, stop);
   input.openNext();
   Bytes bytes;
-  append(input, bytes, kMetaDataSize);
+  append(input, bytes, ShmBatch::MetaData::getSerializedSize());
   if (bytes.empty()) {
     throw Failure(EBADMSG, "'" + file.title() + "' is empty, expected a batch of 8 bytes or more");
   }
   if (beginsAsBatch(bytes)) appendRest(input, bytes);
-  if (bytes.size() <= kLargestBatch) return bytes;
+  if (bytes.size() <= Limits::kLargestMessage) return bytes;
   throw Failure(EFBIG, "'" + file.title() + "' is larger than any batch: expected at most " +
-                           std::to_string(kLargestBatch) + " bytes");
+                           std::to_string(Limits::kLargestMessage) + " bytes");
 }
 
 }  // namespace korvex::tool

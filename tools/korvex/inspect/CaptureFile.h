@@ -27,12 +27,9 @@ CaptureFile captureFileOf(const std::string& path);
 /// command line, the files of each by number. A file without a number stays where it is, alone.
 std::vector<CaptureFile> inBatchOrder(const std::vector<std::string>& paths);
 
-/// The largest batch that a daemon receives.
-constexpr std::size_t kLargestBatch = std::size_t{1} << 30;
-
 /// All bytes of the file, unchecked; only the first few of one that does not begin as a batch does,
 /// since it may be anything and of any size. Throws a Failure for a file that cannot be read, is
-/// empty, or is larger than the largest batch.
+/// empty, or is larger than any batch that a daemon receives.
 std::vector<unsigned char> readUntrusted(const CaptureFile& file, const StopSignal& stop);
 
 }  // namespace korvex::tool

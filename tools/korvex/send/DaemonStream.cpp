@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <exception>
 #include <functional>
+#include <korvex/ShmBatch.h>
 #include <korvex/Status.h>
 #include <korvex/receiver/BusErrorGuard.h>
 #include <korvex/receiver/Receipt.h>
@@ -23,11 +24,16 @@ constexpr std::chrono::seconds kStopPatience{2};  // a person waits, or a superv
 /// Seconds that the writer may wait in one call, where it sees no signal.
 constexpr unsigned kStep = 1;
 
-constexpr std::size_t kBatchHeader = 8;  // before the first record
-constexpr std::size_t kRecordHeader = sizeof(qmx_shm_message_t);
-constexpr std::size_t kBatchOverhead = kBatchHeader + kRecordHeader;
 constexpr int kOpenAttempts = 3;
 constexpr std::chrono::milliseconds kWatchPeriod{10};
+
+std::size_t sizeOfRecord(std::size_t dataSize) {
+  return qmx_shm_message_t::getSerializedSize() + dataSize;
+}
+
+std::size_t sizeOfBatch(std::size_t recordsSize) {
+  return ShmBatch::MetaData::getSerializedSize() + recordsSize;
+}
 
 std::string quoted(const std::string& name) { return "'" + common::printable(name) + "'"; }
 
@@ -68,13 +74,13 @@ DaemonStream::DaemonStream(Settings settings, const StopSignal& stop)
     : settings_(std::move(settings)), stop_(stop), sendQueue_(settings_.queue) {
   openQueues();
   const std::size_t messageSize = sendQueue_.limits().messageSize;
-  if (messageSize <= kBatchOverhead) {
+  const std::size_t overhead = sizeOfBatch(sizeOfRecord(0));
+  if (messageSize <= overhead) {
     throwStreamFailed(kStatusDoesNotFit,
                       "the queue's messages are too small: found " + std::to_string(messageSize) +
-                          " bytes, expected more than " + std::to_string(kBatchOverhead));
+                          " bytes, expected more than " + std::to_string(overhead));
   }
-  largestPiece_ =
-      std::min<std::size_t>(messageSize - kBatchOverhead, ShmWriter::getMaxSegmentSize());
+  largestPiece_ = std::min<std::size_t>(messageSize - overhead, ShmWriter::getMaxSegmentSize());
 }
 
 DaemonStream::~DaemonStream() {
@@ -206,8 +212,8 @@ void DaemonStream::endSegment() {
 /// Sends the batch when the next record would not fit. The writer would do so too, but it would
 /// wait for room without noticing signals, and in the end lose the record.
 void DaemonStream::makeRoomFor(std::size_t dataSize) {
-  const std::size_t added = kRecordHeader + dataSize;
-  if (kBatchHeader + batchSize_ + added > sendQueue_.limits().messageSize) flush();
+  const std::size_t added = sizeOfRecord(dataSize);
+  if (sizeOfBatch(batchSize_ + added) > sendQueue_.limits().messageSize) flush();
   batchSize_ += added;
 }
 
