@@ -20,10 +20,6 @@ using namespace korvex::common;
 using korvex::receiver::Limits;
 using korvex::receiver::Receiver;
 
-constexpr std::uint64_t kLongestTimeout = std::uint64_t{7} * 24 * 3600;
-constexpr const char* kTextFormat = "text";
-constexpr const char* kSha256Name = "sha256";
-
 /// Command-line words may hold anything, including terminal escape sequences.
 std::string complaint(const CLI::App* app, const CLI::Error& error) {
   return printable(sentenceOf(*app, error)) + "\nRun with --help for more information.\n";
@@ -135,10 +131,10 @@ void addDataOptions(CLI::App& app, Arguments& found) {
   takeSeconds(*app.add_option("--exec-timeout", found.engineTimeout,
                               "Seconds that COMMAND may take to finish, or go without reading")
                    ->capture_default_str(),
-              1, kLongestTimeout);
+              1, kLongestTime);
   takeSeconds(*app.add_option("--idle-timeout", found.idleTimeout,
                               "Seconds that a stream may be silent; no limit by default"),
-              1, kLongestTimeout);
+              1, kLongestTime);
   app.add_option("--capture", found.capture, "Save every message as received in DIR")
       ->check(fitsQueueKey("capture"))
       ->type_name("DIR");
@@ -159,7 +155,7 @@ void addReportOptions(CLI::App& app, Arguments& found) {
   takeSeconds(*app.add_option("--drain-timeout", found.drainTimeout,
                               "Seconds that open streams get to finish on shutdown")
                    ->capture_default_str(),
-              0, kLongestTimeout);
+              0, kLongestTime);
 }
 
 /// Notes the values of options that were given, as a configuration file has them.

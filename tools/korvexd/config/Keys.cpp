@@ -15,13 +15,10 @@ namespace {
 using korvex::receiver::Limits;
 using korvex::receiver::Receiver;
 
-constexpr std::int64_t kLongestTime = std::int64_t{7} * 24 * 3600;
 constexpr unsigned kOwnerReadsAndWrites = 0600;
 constexpr unsigned kAllPermissions = 0777;
 constexpr int kOctal = 8;
-constexpr std::string_view kSha256Name = "sha256";
 constexpr std::string_view kXxh128Name = "xxh128";
-constexpr std::string_view kTextFormat = "text";
 constexpr std::string_view kJsonFormat = "json";
 
 std::string rangeText(std::int64_t least, std::int64_t most) {

@@ -1,6 +1,7 @@
 #ifndef KORVEXD_CONFIG_KEYS_H
 #define KORVEXD_CONFIG_KEYS_H
 
+#include <cstdint>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -10,6 +11,12 @@
 #include "korvexd/config/Value.h"
 
 namespace korvexd {
+
+constexpr std::int64_t kLongestTime = std::int64_t{7} * 24 * 3600;  ///< of any kind, in seconds
+
+// Values that the keys "digest" and "log-format" have by default.
+constexpr const char* kSha256Name = "sha256";
+constexpr const char* kTextFormat = "text";
 
 /// A value that a key cannot have. The text says what it expects.
 class WrongValue : public std::invalid_argument {
