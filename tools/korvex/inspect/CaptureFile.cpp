@@ -12,18 +12,19 @@
 #include "Failure.h"
 #include "InputReader.h"
 #include "common/Printable.h"
+#include "common/StoredNames.h"
 
 namespace korvex::tool {
 namespace {
 
+using common::kCaptureSuffix;
+using common::kFewestCaptureDigits;
+using common::kMostCaptureDigits;
 using receiver::BatchCheck;
 using receiver::Limits;
 using Bytes = std::vector<unsigned char>;
 
-constexpr std::string_view kSuffix = ".batch";
 constexpr std::string_view kDigits = "0123456789";
-constexpr std::size_t kFewestDigits = 8;
-constexpr std::size_t kMostDigits = 18;  // always fit into 64 bits
 constexpr std::size_t kFirstPiece = std::size_t{256} << 10;
 constexpr std::string_view kStandardInput = "-";
 
@@ -71,11 +72,12 @@ std::string CaptureFile::title() const {
 
 CaptureFile captureFileOf(const std::string& path) {
   CaptureFile file{path, path, {}};
-  if (!endsWith(path, kSuffix)) return file;
-  const std::string_view stem = std::string_view(path).substr(0, path.size() - kSuffix.size());
+  if (!endsWith(path, kCaptureSuffix)) return file;
+  const std::string_view stem =
+      std::string_view(path).substr(0, path.size() - kCaptureSuffix.size());
   const std::size_t digits = digitsAtEnd(stem);
   const std::size_t count = stem.size() - digits;
-  if (count < kFewestDigits || count > kMostDigits) return file;
+  if (count < kFewestCaptureDigits || count > kMostCaptureDigits) return file;
   if (digits < 2 || stem[digits - 1] != '-' || stem[digits - 2] == '/') return file;
   file.number = std::stoull(std::string(stem.substr(digits)));
   file.capture = stem.substr(0, digits - 1);

@@ -5,13 +5,13 @@
 
 #include "Failure.h"
 #include "common/Printable.h"
+#include "common/StoredNames.h"
 
 namespace korvex::tool {
 namespace {
 
 using Json = nlohmann::json;
 
-constexpr std::uint64_t kFormat = 1;
 constexpr std::size_t kSha256Digits = 64;
 constexpr std::size_t kXxh128Digits = 32;
 constexpr std::size_t kLongestQuote = 80;
@@ -112,7 +112,9 @@ std::string sha256In(const Json& manifest) {
 StoredManifest parseManifest(std::string_view untrusted) {
   const Json json = parse(untrusted);
   if (!json.is_object()) refuse("it is " + quoted(json) + ", expected an object");
-  if (numberIn(json, "format") != kFormat) refuseMember("format", json["format"], "1");
+  if (numberIn(json, "format") != common::kManifestFormat) {
+    refuseMember("format", json["format"], std::to_string(common::kManifestFormat));
+  }
   textIn(json, "queue");
   numberIn(json, "segments");
   numberIn(json, "records");

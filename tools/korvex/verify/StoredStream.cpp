@@ -8,13 +8,14 @@
 
 #include "Failure.h"
 #include "common/Printable.h"
+#include "common/StoredNames.h"
 
 namespace korvex::tool {
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::string_view kPartialSuffix = ".partial";
+constexpr std::string_view kPartialSuffix = common::kPartialSuffix;
 constexpr std::string_view kDigits = "0123456789";
 constexpr std::string_view kTimeForm = "-00000000T000000Z-";  // 0 is any digit
 
@@ -58,7 +59,7 @@ StoredStream streamAt(const std::string& path, StreamState state) {
   StoredStream stream;
   stream.path = path;
   stream.state = state;
-  const struct stat data = statusOf(path + "/data");
+  const struct stat data = statusOf(path + "/" + common::kDataName);
   if (S_ISREG(data.st_mode)) stream.dataSize = static_cast<std::uint64_t>(data.st_size);
   return stream;
 }
@@ -68,7 +69,7 @@ StoredStream entryAt(const std::string& path, const std::string& name) {
   if (isStreamName(name)) return streamAt(path, StreamState::Unchecked);
   if (!isFolder(path)) return streamAt(path, StreamState::Foreign);
   if (isPartialName(name)) return streamAt(path, StreamState::Partial);
-  const bool isStream = exists(path + "/manifest.json");
+  const bool isStream = exists(path + "/" + common::kManifestName);
   return streamAt(path, isStream ? StreamState::Unchecked : StreamState::Foreign);
 }
 
@@ -97,8 +98,8 @@ bool isOneStream(const std::string& name, const std::vector<std::string>& entrie
     return std::binary_search(entries.begin(), entries.end(), file);
   };
   if (std::any_of(entries.begin(), entries.end(), isStreamName)) return false;
-  return isStreamName(finalName(name)) || holds("manifest.json") ||
-         (isPartialName(name) && holds("data"));
+  return isStreamName(finalName(name)) || holds(common::kManifestName) ||
+         (isPartialName(name) && holds(common::kDataName));
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include "Failure.h"
 #include "common/Printable.h"
 #include "common/Sha256.h"
+#include "common/StoredNames.h"
 
 namespace korvex::tool {
 namespace {
@@ -54,7 +55,7 @@ std::uint64_t sizeOfRegularFile(int file) {
 }
 
 std::string readManifest(int folder) {
-  const Descriptor file(::openat(folder, "manifest.json", kFileFlags));
+  const Descriptor file(::openat(folder, common::kManifestName, kFileFlags));
   if (sizeOfRegularFile(file.get()) > kLargestManifest) {
     throw Failure(EFBIG, "larger than any manifest: expected at most " +
                              std::to_string(kLargestManifest) + " bytes");
@@ -138,7 +139,7 @@ void StreamCheck::checkFinal(int folder, StoredStream& stream) {
 
 void StreamCheck::checkData(int folder, const StoredManifest& manifest, StoredStream& stream) {
   try {
-    const Descriptor data(::openat(folder, "data", kFileFlags));
+    const Descriptor data(::openat(folder, common::kDataName, kFileFlags));
     compareSize(stream, sizeOfRegularFile(data.get()), manifest.bytes);
     // Other bytes cannot have the same digests, so there is no need to read them.
     if (stream.state == StreamState::Damaged) return;

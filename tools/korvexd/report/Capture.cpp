@@ -8,26 +8,31 @@
 #include <string_view>
 
 #include "common/QueueName.h"
+#include "common/StoredNames.h"
 
 namespace korvexd {
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr mode_t kFileMode = 0600;
-constexpr std::size_t kDigits = 8;
-constexpr std::size_t kMostDigits = 18;
+using korvex::common::kCaptureSuffix;
+using korvex::common::kFewestCaptureDigits;
+using korvex::common::kMostCaptureDigits;
 
-constexpr std::string_view kSuffix = ".batch";
+constexpr mode_t kFileMode = 0600;
 constexpr const char* kStoring = "capturing a batch";
 
 /// The number in a file's name PREFIX-NUMBER.batch; 0 for any other name.
 std::uint64_t numberIn(const std::string& name, const std::string& prefix) {
-  const std::size_t ends = prefix.size() + kSuffix.size();
-  if (name.size() < ends + kDigits || name.size() > ends + kMostDigits) return 0;
+  const std::size_t ends = prefix.size() + kCaptureSuffix.size();
+  if (name.size() < ends + kFewestCaptureDigits || name.size() > ends + kMostCaptureDigits) {
+    return 0;
+  }
   if (name.compare(0, prefix.size(), prefix) != 0) return 0;
   const std::string digits = name.substr(prefix.size(), name.size() - ends);
-  if (name.compare(name.size() - kSuffix.size(), std::string::npos, kSuffix) != 0) return 0;
+  if (name.compare(name.size() - kCaptureSuffix.size(), std::string::npos, kCaptureSuffix) != 0) {
+    return 0;
+  }
   if (digits.find_first_not_of("0123456789") != std::string::npos) return 0;
   return std::stoull(digits);
 }
@@ -44,7 +49,8 @@ std::uint64_t highestNumber(const std::string& folder, const std::string& prefix
 
 std::string padded(std::uint64_t number) {
   const std::string digits = std::to_string(number);
-  return std::string(kDigits - std::min(kDigits, digits.size()), '0') + digits;
+  return std::string(kFewestCaptureDigits - std::min(kFewestCaptureDigits, digits.size()), '0') +
+         digits;
 }
 
 File openCapture(const std::string& path) {
@@ -61,7 +67,7 @@ Capture::Capture(const std::string& folder, const std::string& queue)
 
 void Capture::store(std::uint64_t number, const unsigned char* untrusted, std::size_t size) {
   findFolder();
-  const std::string name = prefix_ + padded(number) + std::string(kSuffix);
+  const std::string name = prefix_ + padded(number) + std::string(kCaptureSuffix);
   File file =
       File::openAt(folder_.descriptor(), name, O_WRONLY | O_CREAT | O_EXCL, kFileMode, kStoring);
   file.writeAll(untrusted, size, kStoring);

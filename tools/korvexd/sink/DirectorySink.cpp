@@ -11,18 +11,20 @@
 #include <unistd.h>
 #include <utility>
 
+#include "common/StoredNames.h"
 #include "korvexd/sink/DirectoryStore.h"
 #include "korvexd/sink/Manifest.h"
 
 namespace korvexd {
 namespace {
 
+using korvex::common::kDataName;
+using korvex::common::kManifestName;
+
 /// From this size on, bytes that need no digest are written without being gathered first.
 constexpr std::size_t kWorthAWrite = std::size_t{64} * 1024;
 constexpr mode_t kFileMode = 0600;
 
-constexpr const char* kDataName = "data";
-constexpr const char* kManifestName = "manifest.json";
 constexpr const char* kWritingData = "writing data";
 constexpr const char* kWritingManifest = "writing manifest";
 

@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 
+#include "common/StoredNames.h"
 #include "korvexd/os/File.h"
 #include "korvexd/sink/DigestedBlocks.h"
 
@@ -20,8 +21,6 @@ namespace receiver = korvex::receiver;
 /// whatever happened to the machine. An incomplete one keeps the ending, and its manifest says why.
 class DirectorySink : public receiver::Sink {
  public:
-  static constexpr const char* kPartialSuffix = ".partial";
-
   /// Each time this many bytes have come, the system is asked to begin writing them to the disk, so
   /// that little is left for the close, where the producer waits for its receipt.
   static constexpr std::uint64_t kWritebackSize = std::uint64_t{64} << 20;
@@ -49,7 +48,7 @@ class DirectorySink : public receiver::Sink {
   void writeData(const unsigned char* data, std::size_t size);
   void checkPlaces(const File& manifest) const;
   void publish();
-  std::string partialName() const { return name_ + kPartialSuffix; }
+  std::string partialName() const { return name_ + korvex::common::kPartialSuffix; }
 
   std::shared_ptr<const File> parent_;
   std::string name_;

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "common/QueueName.h"
+#include "common/StoredNames.h"
 #include "korvexd/sink/DirectorySink.h"
 
 namespace korvexd {
@@ -31,7 +32,7 @@ std::shared_ptr<const File> openOutput(const std::string& path) {
 bool tryToMake(const File& parent, const std::string& name) {
   struct stat found = {};
   if (::fstatat(parent.descriptor(), name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0) return false;
-  const std::string partial = name + DirectorySink::kPartialSuffix;
+  const std::string partial = name + korvex::common::kPartialSuffix;
   if (::mkdirat(parent.descriptor(), partial.c_str(), kFolderMode) == 0) return true;
   if (errno != EEXIST) throw receiver::SystemError("creating stream folder", errno);
   return false;
@@ -44,7 +45,7 @@ std::unique_ptr<receiver::Sink> openSink(const std::shared_ptr<const File>& pare
   try {
     return std::make_unique<DirectorySink>(parent, name, path, digest);
   } catch (const std::exception&) {
-    const std::string partial = name + DirectorySink::kPartialSuffix;
+    const std::string partial = name + korvex::common::kPartialSuffix;
     ::unlinkat(parent->descriptor(), partial.c_str(), AT_REMOVEDIR);
     throw;
   }

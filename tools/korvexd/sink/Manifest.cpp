@@ -4,13 +4,13 @@
 
 #include "common/Printable.h"
 #include "common/QueueName.h"
+#include "common/StoredNames.h"
 
 namespace korvexd {
 namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr int kFormatVersion = 1;
 constexpr int kIndent = 2;
 
 }  // namespace
@@ -18,7 +18,7 @@ constexpr int kIndent = 2;
 std::string manifestOf(const receiver::StreamSummary& summary, const std::string& sha256,
                        const std::string& reason) {
   const bool isComplete = summary.ending == receiver::Ending::Complete;
-  Json json = {{"format", kFormatVersion},
+  Json json = {{"format", korvex::common::kManifestFormat},
                {"queue", korvex::common::jsonNameOf(summary.queue)},
                {"state", isComplete ? "complete" : "incomplete"},
                {"reason", reason},
