@@ -61,8 +61,8 @@ INNER = {
                      "tools/korvex/status"},
     "tools/korvex/send": {"tools/korvex"},
     "tools/korvex/inspect": {"tools/korvex"},
-    "tools/korvex/verify": {"tools/korvex", "tools/korvex/inspect"},
-    "tools/korvex/status": {"tools/korvex", "tools/korvex/inspect"},
+    "tools/korvex/verify": {"tools/korvex"},
+    "tools/korvex/status": {"tools/korvex"},
 }
 
 

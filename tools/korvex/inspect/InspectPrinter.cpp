@@ -5,9 +5,9 @@
 #include <ostream>
 #include <sstream>
 
+#include "JsonLine.h"
 #include "common/Printable.h"
 #include "inspect/HexDump.h"
-#include "inspect/JsonLine.h"
 
 namespace korvex::tool {
 namespace {

@@ -5,8 +5,8 @@
 #include <nlohmann/json.hpp>
 #include <numeric>
 
+#include "JsonLine.h"
 #include "common/Printable.h"
-#include "inspect/JsonLine.h"
 
 namespace korvex::tool {
 namespace {

@@ -10,10 +10,10 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "JsonLine.h"
 #include "common/ExitCode.h"
 #include "common/Printable.h"
 #include "common/QueueName.h"
-#include "inspect/JsonLine.h"
 #include "status/CleanPlan.h"
 
 namespace korvex::tool {

@@ -9,10 +9,10 @@
 #include <sys/stat.h>
 #include <system_error>
 
+#include "JsonLine.h"
 #include "common/ExitCode.h"
 #include "common/Printable.h"
 #include "common/QueueName.h"
-#include "inspect/JsonLine.h"
 
 namespace korvex::tool {
 namespace {

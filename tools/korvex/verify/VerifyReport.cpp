@@ -4,8 +4,8 @@
 #include <array>
 #include <nlohmann/json.hpp>
 
+#include "JsonLine.h"
 #include "common/Printable.h"
-#include "inspect/JsonLine.h"
 
 namespace korvex::tool {
 namespace {

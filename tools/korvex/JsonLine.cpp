@@ -1,4 +1,4 @@
-#include "inspect/JsonLine.h"
+#include "JsonLine.h"
 
 #include <nlohmann/json.hpp>
 
