@@ -15,8 +15,8 @@
 #include <unistd.h>
 
 #include "Failure.h"
-#include "LookUntil.h"
 #include "common/Printable.h"
+#include "send/LookUntil.h"
 
 namespace korvex::tool {
 namespace {

@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "Failure.h"
-#include "LookUntil.h"
 #include "common/Printable.h"
+#include "send/LookUntil.h"
 
 namespace korvex::tool {
 namespace {

@@ -7,7 +7,7 @@
 #include <korvex/receiver/QueueStatus.h>
 #include <thread>
 
-#include "LookUntil.h"
+#include "send/LookUntil.h"
 
 namespace korvex::tool {
 
