@@ -6,7 +6,7 @@
 #include <type_traits>
 
 #include "korvex/ServerInfo.h"
-#include "support/StreamState.h"
+#include "support/OstreamFormat.h"
 
 using korvex::ServerInfo;
 

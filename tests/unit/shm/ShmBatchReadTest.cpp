@@ -6,7 +6,7 @@
 
 #include "korvex/ShmBatch.h"
 #include "korvex/Status.h"
-#include "support/StreamState.h"
+#include "support/OstreamFormat.h"
 #include "support/ThrownError.h"
 #include "unit/shm/BatchBuilders.h"
 

@@ -10,7 +10,7 @@
 #include "korvex/ShmCommon.h"
 #include "korvex/Status.h"
 #include "support/Bytes.h"
-#include "support/StreamState.h"
+#include "support/OstreamFormat.h"
 #include "support/ThrownError.h"
 
 using korvex::qmx_shm_message_t;

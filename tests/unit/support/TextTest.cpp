@@ -1,7 +1,7 @@
 #include <cstdint>
 #include <gtest/gtest.h>
 
-#include "support/StreamState.h"
+#include "support/OstreamFormat.h"
 #include "support/Text.h"
 #include "support/ThrownError.h"
 

@@ -1,5 +1,5 @@
-#ifndef TESTS_SUPPORT_STREAM_STATE_H
-#define TESTS_SUPPORT_STREAM_STATE_H
+#ifndef TESTS_SUPPORT_OSTREAM_FORMAT_H
+#define TESTS_SUPPORT_OSTREAM_FORMAT_H
 
 #include <iomanip>
 #include <ios>
