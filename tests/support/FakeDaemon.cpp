@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "queue/Pause.h"
+#include "support/Await.h"
 #include "support/Queues.h"
 #include "support/WireFormat.h"
 
@@ -14,20 +15,9 @@ namespace {
 
 constexpr MessageQueue::Limits kReplyLimits = {16, sizeof(qmx_shm_response_t)};
 constexpr std::chrono::milliseconds kLongestSleep{1};
-constexpr std::chrono::seconds kPatience{60};
 
 std::unique_ptr<MessageQueue> create(const std::string& name, MessageQueue::Limits limits) {
   return std::make_unique<MessageQueue>(name, limits, mode_t{0600});
-}
-
-template <typename Condition>
-void await(Condition condition) {
-  const auto deadline = Pause::Clock::now() + kPatience;
-  Pause pause(kLongestSleep);
-  while (!condition()) {
-    ASSERT_LT(Pause::Clock::now(), deadline) << "waited in vain";
-    pause.wait(deadline);
-  }
 }
 
 }  // namespace
@@ -88,11 +78,12 @@ void FakeDaemon::fill() {
 }
 
 void FakeDaemon::awaitFull() const {
-  await([this] { return requests_->view().looksFull(); });
+  ASSERT_TRUE(eventually([this] { return requests_->view().looksFull(); }));
 }
 
 void FakeDaemon::awaitRecord(std::uint32_t type) const {
-  await([&] { return types().find(std::to_string(type)) != std::string::npos; });
+  const std::string wanted = std::to_string(type);
+  ASSERT_TRUE(eventually([&] { return types().find(wanted) != std::string::npos; }));
 }
 
 void FakeDaemon::takeBatches(const Reaction& reaction) {
