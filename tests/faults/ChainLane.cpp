@@ -7,7 +7,7 @@
 #include <thread>
 #include <unistd.h>
 
-#include "SourceCommand.h"
+#include "Source.h"
 #include "support/Await.h"
 #include "support/EngineProcesses.h"
 

@@ -1,6 +1,6 @@
 #include "ChainPlan.h"
 
-#include "SourceCommand.h"
+#include "Source.h"
 
 namespace korvex::test {
 namespace {

@@ -11,7 +11,7 @@
 
 #include "ChainLane.h"
 #include "QueueLane.h"
-#include "SourceCommand.h"
+#include "Source.h"
 
 using namespace korvex::test;
 

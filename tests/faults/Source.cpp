@@ -1,4 +1,4 @@
-#include "SourceCommand.h"
+#include "Source.h"
 
 #include <algorithm>
 #include <unistd.h>
