@@ -1,44 +1,68 @@
 #include "queues/BusErrorGuard.h"
 
+#include <atomic>
 #include <signal.h>
 
 namespace korvex::receiver {
 namespace {
 
 struct sigaction before = {};  ///< the host's handling of SIGBUS
+std::atomic<bool> isInstalled{false};
 
-/// A jump restores no signal mask. Blocked, the next fault would end the process.
-void unblock(int number) {
+void unblockBusErrors() noexcept {
   sigset_t signals;
   ::sigemptyset(&signals);
-  ::sigaddset(&signals, number);
+  ::sigaddset(&signals, SIGBUS);
   ::pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
 }
 
-void onBusError(int number, siginfo_t* info, void*) {
-  const bool isFault = info->si_code > 0;  // not one that a process has sent
-  if (isFault && busErrorRecovery != nullptr) {
-    unblock(number);
-    ::siglongjmp(*busErrorRecovery, 1);
+/// A fault recurs by itself where the default is restored; the system ignores no fault.
+void handleAsBefore(int number, siginfo_t* info, void* context, bool isFault) {
+  const bool wasIgnored = before.sa_handler == SIG_IGN;
+  if ((before.sa_flags & SA_SIGINFO) != 0) {
+    before.sa_sigaction(number, info, context);
+  } else if (before.sa_handler != SIG_DFL && !wasIgnored) {
+    before.sa_handler(number);
+  } else if (isFault || !wasIgnored) {
+    ::signal(number, SIG_DFL);
+    if (!isFault) ::raise(number);
   }
-  // Not ours: restore the host's handling. A fault recurs by itself, a sent signal is raised again.
-  ::sigaction(number, &before, nullptr);
-  if (!isFault) ::raise(number);
+}
+
+void onBusError(int number, siginfo_t* info, void* context) {
+  const bool isFault = info->si_code > 0;  // not one that a process has sent
+  if (!isFault || busErrorRecovery == nullptr) {
+    return handleAsBefore(number, info, context, isFault);
+  }
+  unblockBusErrors();  // a jump restores no signal mask
+  ::siglongjmp(*busErrorRecovery, 1);
 }
 
 }  // namespace
 
 thread_local sigjmp_buf* busErrorRecovery = nullptr;
 
+void takeBusErrors() noexcept {
+  thread_local bool takesThem = false;
+  if (takesThem || !isInstalled) return;
+  unblockBusErrors();
+  takesThem = true;
+}
+
 void throwMemoryLost() {
   throw MemoryLost("their memory was truncated, or the system is out of memory");
 }
 
 void installBusErrorGuard() {
+  struct sigaction present = {};
+  ::sigaction(SIGBUS, nullptr, &present);
+  if ((present.sa_flags & SA_SIGINFO) != 0 && present.sa_sigaction == onBusError) return;
+  before = present;  // known before the handler can run
   struct sigaction action = {};
   action.sa_sigaction = onBusError;
-  action.sa_flags = SA_SIGINFO;
-  ::sigaction(SIGBUS, &action, &before);
+  action.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_RESTART;
+  ::sigaction(SIGBUS, &action, nullptr);
+  isInstalled = true;
 }
 
 bool runGuarded(const std::function<void()>& step) {

@@ -7,13 +7,17 @@
 
 namespace korvex::receiver {
 
-/// Installs a handler for SIGBUS, for the whole process and until it ends. Call it once, before the
-/// first receiver is made.
+/// Installs a handler for SIGBUS, for the whole process and until it ends. Call it before the first
+/// receiver is made; later calls do nothing.
 ///
 /// A queue is a file in shared memory: every process that may write to it may also truncate it.
 /// Touching it past its end raises SIGBUS, which by default kills the process and every other
 /// stream with it. With the guard, a receiver gives up that pair of queues and makes new ones. Any
-/// other SIGBUS is handled as it would have been without the guard.
+/// other SIGBUS is handled as it would have been without the guard: a handler that the host had
+/// installed is called.
+///
+/// A thread that touches a queue no longer blocks SIGBUS from then on, for the system kills a
+/// process that blocks a fault.
 ///
 /// A separate call, because a library must not take a signal from its host unasked.
 KORVEX_RECEIVER_EXPORT void installBusErrorGuard();
