@@ -18,7 +18,8 @@
 //         24      8  N, messages that fit                     the creator
 //         32      8  S, bytes of the largest message          the creator
 //         40      8  messages that wait                       the lock's owner
-//         48     40  the lock; its owner's thread id at 56    the lock's owner
+//         48     40  the lock; its owner's thread id at 56,   the lock's owner
+//                    its kind at 64                           the creator
 //         88     96  two condition variables                  not used here
 //        184      8  first: where the index starts            the lock's owner
 //        192     16  blocked peers                            not written here
@@ -40,9 +41,13 @@ constexpr std::size_t kMaxMessageSizeOffset = kIndexPointerOffset + 16;
 constexpr std::size_t kMessagesOffset = kIndexPointerOffset + 24;
 constexpr std::size_t kLockWordOffset = kIndexPointerOffset + 32;
 constexpr std::size_t kLockOwnerOffset = kLockWordOffset + 8;
+constexpr std::size_t kLockKindOffset = kLockWordOffset + 16;
 constexpr std::size_t kFirstMessageOffset =
     kLockWordOffset + sizeof(pthread_mutex_t) + 2 * sizeof(pthread_cond_t);
 constexpr std::size_t kHeaderEnd = kFirstMessageOffset + 24;
+
+/// Type, robustness and protocol of the lock. In the bits above, glibc keeps notes of its own.
+constexpr std::uint32_t kLockKindMask = 127;
 
 constexpr std::uint64_t kIndexPointer = kHeaderEnd - kIndexPointerOffset;
 constexpr std::uint64_t kIndexEntrySize = 8;

@@ -384,6 +384,11 @@ pid_t QueueView::lockOwner() const noexcept {
   return load<pid_t>(window_, kLockOwnerOffset);
 }
 
+std::uint32_t QueueView::lockKind() const noexcept {
+  assert(state_ == State::Sound);
+  return load<std::uint32_t>(window_, kLockKindOffset) & kLockKindMask;
+}
+
 bool QueueView::looksLocked() const noexcept {
   assert(state_ == State::Sound);
   return load<std::uint32_t>(window_, kLockWordOffset) != 0;

@@ -109,6 +109,9 @@ class QueueView {
   /// The thread that holds the lock, by its id in its own PID namespace; 0 for none.
   pid_t lockOwner() const noexcept;
 
+  /// What kind of lock it is, which its creator decided. With another one, glibc may abort.
+  std::uint32_t lockKind() const noexcept;
+
   /// Whether the lock's owner is certainly dead; see LockOwner.h. False where that cannot be known.
   bool isLockOwnerGone() const noexcept;
 

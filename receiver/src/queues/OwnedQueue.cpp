@@ -56,7 +56,10 @@ void OwnedQueue::create(mode_t mode) {
   const MessageQueue::Limits limits{limits_.messages, limits_.messageSize};
   try {
     // Memory that was free a moment ago may be gone when it is touched.
-    surviveBusError([&] { queue_ = std::make_unique<MessageQueue>(presentName_, limits, mode); });
+    surviveBusError([&] {
+      queue_ = std::make_unique<MessageQueue>(presentName_, limits, mode);
+      lockKind_ = queue_->view().lockKind();
+    });
   } catch (const MemoryLost&) {
     MessageQueue::remove(presentName_);
     throwNotCreated(name_, limits_, ENOSPC);
@@ -85,6 +88,7 @@ void OwnedQueue::publish() {
 template <typename Operation>
 OwnedQueue::Outcome OwnedQueue::noted(Operation operation) {
   return surviveBusError([&] {
+    if (isLockOverwritten()) throw LockLost("their lock was overwritten");
     const Outcome outcome = operation(*queue_);
     lockWatch_.note(outcome, queue_->view(), LockWatch::Clock::now());
     return outcome;
@@ -116,8 +120,13 @@ std::string OwnedQueue::defect() {
   if (!object_.isNamed(presentName_, &size)) return "they were removed or replaced";
   if (static_cast<std::size_t>(size) != QueueView::fileSize(limits_.messages, limits_.messageSize))
     return "their size was changed";
-  const bool isDamaged = surviveBusError([this] { return queue_->view().isDamaged(); });
+  const bool isDamaged =
+      surviveBusError([this] { return isLockOverwritten() || queue_->view().isDamaged(); });
   return isDamaged ? "their memory was overwritten" : "";
+}
+
+bool OwnedQueue::isLockOverwritten() const noexcept {
+  return queue_->view().lockKind() != lockKind_;
 }
 
 bool OwnedQueue::isStillNamed() const noexcept { return object_.isNamed(presentName_); }

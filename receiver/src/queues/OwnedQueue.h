@@ -76,6 +76,7 @@ class OwnedQueue {
   void create(mode_t mode);
   void claim();
   void giveTo(gid_t group, mode_t mode);
+  bool isLockOverwritten() const noexcept;
   bool isStillNamed() const noexcept;
   template <typename Operation>
   Outcome noted(Operation operation);
@@ -84,6 +85,7 @@ class OwnedQueue {
   const Limits limits_;
   std::string presentName_;
   std::unique_ptr<MessageQueue> queue_;
+  std::uint32_t lockKind_ = 0;
   LockWatch lockWatch_;
   QueueObject object_;  ///< claimed
 };
