@@ -74,6 +74,18 @@ TEST_F(SmallSharedMemory, IsFilledToTheLastPageByAStream) {
   EXPECT_EQ(daemon.wait(), 0) << daemon.errors();
 }
 
+TEST_F(SmallSharedMemory, NeedNotHoldTheQueuesOfAKilledDaemonToo) {
+  const std::string script =
+      "\"$0\" \"$@\" & until [ -e /dev/shm/korvex-small ]; do sleep 0.01; done; "
+      "queue() { stat -c %i /dev/shm/korvex-small 2>/dev/null || echo none; }; dead=$(queue); "
+      "kill -9 $!; wait $!; "
+      "\"$0\" \"$@\" --replace & daemon=$!; "
+      "while kill -0 $daemon && [ $(queue) = $dead -o $(queue) = none ]; do sleep 0.01; done; "
+      "kill $daemon; wait $daemon";
+  Process daemon = inside("size=3m", script);
+  EXPECT_EQ(daemon.wait(), 0) << daemon.errors();
+}
+
 #ifdef KORVEX_NO_RESERVATION
 // What was free a moment ago may be gone when the queue's index is written.
 TEST_F(SmallSharedMemory, ThatIsTakenMeanwhileEndsTheDaemonAlike) {

@@ -1,8 +1,6 @@
 #include "common/QueueName.h"
 
-#include <climits>
-#include <cstring>
-#include <korvex/ShmWriter.h>
+#include <korvex/receiver/Receiver.h>
 #include <nlohmann/json.hpp>
 #include <string_view>
 
@@ -45,23 +43,8 @@ std::string plainQueueName(const std::string& name) {
   return !name.empty() && name.front() == '/' ? name.substr(1) : name;
 }
 
-std::string queueNameDefect(const std::string& name) {
-  const std::string plain = plainQueueName(name);
-  if (plain.empty()) return "it is empty";
-  if (plain.find('/') != std::string::npos) {
-    return "it holds a slash, which is allowed only as the first character";
-  }
-  if (plain == "." || plain == "..") return "it is the name of a folder";
-  const std::size_t length = korvex::getMessageQueueResponseName(plain).size();
-  if (length > NAME_MAX) {
-    return "its response queue's name would have " + std::to_string(length) +
-           " characters, expected at most " + std::to_string(NAME_MAX);
-  }
-  return "";
-}
-
 std::string checkQueueName(const std::string& word) {
-  const std::string defect = queueNameDefect(word);
+  const std::string defect = receiver::queueNameDefect(word);
   return defect.empty() ? "" : "'" + printable(word) + "' cannot be a queue's name: " + defect;
 }
 

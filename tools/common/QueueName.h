@@ -9,12 +9,6 @@ namespace korvex::common {
 /// The longest name that fileNameOf may give: room is left for a time, a number and a suffix.
 constexpr std::size_t kLongestFileName = 200;
 
-/// What is wrong with a queue's name, for a person; empty when nothing is.
-///
-/// A name may start with one slash. Otherwise it holds none, is not empty, "." or "..", and leaves
-/// room for the response queue's name.
-std::string queueNameDefect(const std::string& name);
-
 /// For a command line: what is wrong with the word as a queue's name; empty when nothing is.
 std::string checkQueueName(const std::string& word);
 

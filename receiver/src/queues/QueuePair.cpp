@@ -1,5 +1,6 @@
 #include "queues/QueuePair.h"
 
+#include <climits>
 #include <korvex/ShmWriter.h>
 #include <stdexcept>
 #include <unistd.h>
@@ -20,11 +21,16 @@ void refuseExisting(const std::string& name) {
                            " exists already; --replace removes the queues of a dead daemon");
 }
 
-/// The name of the response queue. Both names are checked before anything is made: a daemon that
-/// waits for its names retries again and again.
-std::string responseNameIfFree(const std::string& name, Receiver::Existing existing) {
+/// The name of the response queue. Both names are free before anything is made: a daemon that waits
+/// for its names retries again and again, and memory may be too short for a dead daemon's pair and
+/// the new one.
+std::string freedResponseName(const std::string& name, Receiver::Existing existing) {
+  const std::string defect = queueNameDefect(name);
+  if (!defect.empty()) throw std::invalid_argument("queue name '" + name + "': " + defect);
   std::string replies = getMessageQueueResponseName(name);
-  if (existing == Receiver::Existing::Refuse) {
+  if (existing == Receiver::Existing::Replace) {
+    removeDeadPair(name);
+  } else {
     refuseExisting(name);
     refuseExisting(replies);
   }
@@ -40,16 +46,28 @@ std::uint64_t pagesFor(const Limits& limits) noexcept {
 
 }  // namespace
 
+std::string queueNameDefect(const std::string& name) {
+  const std::string plain = name.substr(name.rfind('/', 0) == 0 ? 1 : 0);
+  if (plain.empty()) return "it is empty";
+  if (plain.find('/') != std::string::npos) {
+    return "it holds a slash, which is allowed only as the first character";
+  }
+  if (plain == "." || plain == "..") return "it is the name of a folder";
+  const std::size_t length = getMessageQueueResponseName(plain).size();
+  if (length <= NAME_MAX) return "";
+  return "its response queue's name would have " + std::to_string(length) +
+         " characters, expected at most " + std::to_string(NAME_MAX);
+}
+
 std::uint64_t sharedMemoryFor(const Limits& limits) noexcept {
   const std::uint64_t batches = pagesFor(limits);
   return batches == 0 ? 0 : batches + pagesFor(kReplyLimits);
 }
 
 QueuePair::QueuePair(const Receiver::Settings& settings, Receiver::Existing existing)
-    : replies_(responseNameIfFree(settings.queue, existing), kReplyLimits,
+    : replies_(freedResponseName(settings.queue, existing), kReplyLimits,
                {settings.mode, settings.group}),
       batches_(settings.queue, settings.limits, {settings.mode, settings.group}) {
-  if (existing == Receiver::Existing::Replace) removeDeadPair(settings.queue);
   replies_.publish();
   batches_.publish();
 }

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <korvex/receiver/Receiver.h>
 #include <set>
 
 #include "common/QueueName.h"
@@ -7,7 +8,7 @@
 using korvex::common::fileNameOf;
 using korvex::common::jsonNameOf;
 using korvex::common::plainQueueName;
-using korvex::common::queueNameDefect;
+using korvex::receiver::queueNameDefect;
 using korvex::test::hostileNames;
 
 TEST(QueueName, MayStartWithOneSlash) {

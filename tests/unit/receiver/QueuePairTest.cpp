@@ -162,6 +162,13 @@ TEST_F(QueuePairTest, ReplacesWhatADeadDaemonLeft) {
   EXPECT_FALSE(old.view().isStillNamed(name_));
 }
 
+TEST_F(QueuePairTest, RefusesANameThatNoQueueCanHave) {
+  for (const char* name : {"", "/", "folder/queue", ".."}) {
+    EXPECT_THROW(QueuePair({name, kLimits}, Receiver::Existing::Refuse), std::invalid_argument)
+        << name;
+  }
+}
+
 TEST_F(QueuePairTest, ReplacesNothingWhenNothingIsThere) {
   EXPECT_NO_THROW(make(Receiver::Existing::Replace));
 }

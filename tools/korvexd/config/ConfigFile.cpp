@@ -4,6 +4,7 @@
 #include <array>
 #include <cerrno>
 #include <fcntl.h>
+#include <korvex/receiver/Receiver.h>
 #include <korvex/receiver/SystemError.h>
 #include <sstream>
 #include <stdexcept>
@@ -21,7 +22,7 @@ namespace {
 constexpr std::size_t kChunk = std::size_t{16} * 1024;
 
 using korvex::common::plainQueueName;
-using korvex::common::queueNameDefect;
+using korvex::receiver::queueNameDefect;
 
 Origin originOf(const toml::source_region& region) {
   return {Origin::Kind::File, region.begin.line, region.begin.column};

@@ -24,11 +24,15 @@ class IdleWatch;
 /// sink, and replies. A stream is complete only when its close record came and everything before it
 /// was taken; on any other end its sink is told that it is incomplete.
 ///
-/// A receiver survives whatever a producer sends or does: bad messages are refused and counted, a
-/// dead producer is noticed, and a pair of queues that a peer broke is removed and made again. It
-/// never waits inside a queue, and never without a limit for a queue's lock.
+/// A receiver survives whatever a producer sends: bad messages are refused and counted, a dead
+/// producer is noticed, and a pair of queues that a peer broke is removed and made again. It never
+/// waits inside a queue, and never without a limit for a queue's lock. Only a process that
+/// overwrites a queue's lock or a message's length on purpose, at the moment of their use, can
+/// crash or hang it: write permission to a queue means trust.
 ///
-/// One receiver, one thread. Several receivers of a process serve queues with different names.
+/// One receiver, one thread. Several receivers of a process serve queues with different names. A
+/// queue is claimed by its daemon's open descriptor, which fork() copies: daemonize before a
+/// receiver is made, and let children execute a program or close what they inherit.
 class KORVEX_RECEIVER_EXPORT Receiver {
  public:
   /// What to do with queues that exist under these names.
@@ -43,17 +47,20 @@ class KORVEX_RECEIVER_EXPORT Receiver {
     Limits limits{8, std::size_t{264} * 1024};  ///< keeps both sides busy with the largest records
     mode_t mode = 0600;                         ///< of both queues, whatever the umask
     Existing existing = Existing::Refuse;       ///< what to do with a dead daemon's queues
-    std::optional<std::chrono::seconds> idleTimeout = {};  ///< fails a silent stream; none: never
+    std::optional<std::chrono::seconds> idleTimeout = {};  ///< more than 0; fails a silent stream
     std::optional<gid_t> group = {};  ///< of both queues; none: the process's own
     IdleWatch* idleWatch = nullptr;   ///< polls the idle queue for run(); outlives the receiver
   };
 
-  /// Makes the queues; they get their names once both are complete. The observer must outlive the
+  /// Makes the queues; they get their names once both are complete. A dead daemon's queues are
+  /// removed before: memory may be too short for both pairs. The observer must outlive the
   /// receiver. On failure throws an exception derived from std::exception, SystemError if a system
-  /// call failed, and leaves nothing behind.
+  /// call failed, std::invalid_argument for a name or an idle timeout that cannot be, and leaves
+  /// nothing behind.
   Receiver(Settings settings, SinkFactory openSink, Observer& observer);
 
-  /// Ends an open stream as incomplete and removes the queues, unless run() has done so.
+  /// Ends an open stream as incomplete and removes the queues, unless run() has done so. Takes no
+  /// message that waits; the observer hears how many there are.
   ~Receiver();
   Receiver(const Receiver&) = delete;
   Receiver& operator=(const Receiver&) = delete;
@@ -65,17 +72,21 @@ class KORVEX_RECEIVER_EXPORT Receiver {
   /// From the next stream on, serves with these settings, but for the queue's name, `existing` and
   /// `idleWatch`. Any thread may call it. Other limits, another mode or group need other queues:
   /// the current pair is replaced when no stream is open and nothing waits. If that fails, the old
-  /// settings and the old factory are kept. The observer learns whether the pair was replaced.
+  /// settings and the old factory are kept. The observer learns whether the pair was replaced. Of
+  /// several changes between two streams the last holds; a receiver that has retired takes none.
+  /// Throws std::invalid_argument for an idle timeout of 0.
   void change(const Settings& settings, SinkFactory openSink);
 
-  /// From now on new streams fail; those that wait already are taken. Any thread may call it.
+  /// New streams fail, once the receiver's thread has noticed; those that wait at that moment are
+  /// taken. Any thread may call it.
   void retire() noexcept;
 
   /// Whether it was asked to retire, and no stream is open any more. Any thread may ask.
   bool hasRetired() const noexcept;
 
   /// Takes one message if there is one, for callers with a loop of their own. Otherwise pauses
-  /// briefly and returns false.
+  /// (for 25 ms at most, for a second where lost queues cannot be made again) and returns false.
+  /// Only run() asks sinks to hurry and takes what waits before it ends.
   bool step() noexcept;
 
   /// The queue's name, as the settings gave it.
@@ -89,6 +100,11 @@ class KORVEX_RECEIVER_EXPORT Receiver {
 
   std::unique_ptr<Implementation> implementation_;
 };
+
+/// Why no queue can have this name, such as "it is empty"; empty if one can. A name may start with
+/// one slash. Otherwise it holds none, is not empty, "." or "..", and leaves room for the response
+/// queue's name.
+KORVEX_RECEIVER_EXPORT std::string queueNameDefect(const std::string& name);
 
 }  // namespace korvex::receiver
 
