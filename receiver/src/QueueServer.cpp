@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <exception>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 #include "korvex/receiver/BatchCheck.h"
@@ -20,8 +21,20 @@ constexpr std::chrono::milliseconds kLongestPause{25};
 constexpr std::chrono::milliseconds kAlertness{5};
 
 constexpr std::chrono::seconds kWatchPeriod{1};
+
+/// Between attempts to make lost queues again. Each may take all shared memory that is free, only
+/// to find that it is too little.
+constexpr std::chrono::milliseconds kShortestRetry{25};
+constexpr std::chrono::milliseconds kLongestRetry{1000};
 constexpr std::chrono::milliseconds kStreamWatchPeriod{100};
 constexpr std::chrono::seconds kFinishingPeriod{5};
+
+void checkIdleTimeout(const Receiver::Settings& settings) {
+  if (!settings.idleTimeout || settings.idleTimeout->count() > 0) return;
+  throw std::invalid_argument("idle timeout: found " +
+                              std::to_string(settings.idleTimeout->count()) +
+                              " seconds, expected more than 0");
+}
 
 }  // namespace
 
@@ -31,11 +44,14 @@ QueueServer::QueueServer(Receiver::Settings settings, SinkFactory openSink, Obse
       session_(settings_.queue, std::move(openSink), counters_, observer,
                [this] { return stillFinishing(); }),
       pause_(kLongestPause) {
+  checkIdleTimeout(settings_);
   if (settings_.idleWatch != nullptr) {
     idlePlace_.emplace(*settings_.idleWatch->watcher_, [this] { return mayBeLost(); });
   }
   open(settings_.existing);
 }
+
+QueueServer::~QueueServer() { removeQueues(); }
 
 void QueueServer::open(Receiver::Existing existing) {
   message_.reset(new unsigned char[settings_.limits.messageSize]);
@@ -163,7 +179,9 @@ bool QueueServer::isIdle() {
 /// A queue that lost its name would be served forever, and no producer would find it. One that was
 /// overwritten while idle would be noticed only when its next producer comes.
 void QueueServer::watchQueues() {
+  const bool wasOpen = session_.isOpen();
   watchStream();
+  if (wasOpen && !session_.isOpen()) return;  // orders may have waited for its end
   const auto now = Clock::now();
   if (now < nextLook_) return pauseWhileIdle(now);
   nextLook_ = now + kWatchPeriod;
@@ -178,7 +196,8 @@ void QueueServer::watchStream() {
   nextStreamLook_ = Clock::now() + kStreamWatchPeriod;
   answer(session_.checkSink());
   const auto& limit = settings_.idleTimeout;
-  if (!limit || Clock::now() - lastSign_ < *limit) return;
+  // In whole seconds: a long limit would overflow in the clock's unit.
+  if (!limit || std::chrono::floor<std::chrono::seconds>(Clock::now() - lastSign_) < *limit) return;
   answer(session_.takeSilence(*limit));
 }
 
@@ -189,7 +208,7 @@ bool QueueServer::stillFinishing() noexcept {
     takeEmptyBatches();
     sayFinishing();
   } catch (const std::exception&) {
-    nextFinishing_ = Clock::time_point::max();
+    nextFinishing_ = Clock::now() + kFinishingPeriod;
   }
   return stop_ == nullptr || !*stop_;
 }
@@ -306,6 +325,7 @@ void QueueServer::dropPair() noexcept {
 }
 
 void QueueServer::change(const Receiver::Settings& settings, SinkFactory openSink) {
+  checkIdleTimeout(settings);
   const std::lock_guard<std::mutex> lock(changeMutex_);
   change_ = Change{settings, std::move(openSink)};
   hasChange_ = true;
@@ -385,8 +405,13 @@ void QueueServer::reopen() noexcept {
     reopenFailed_ = false;
     observer_.queuesReplaced();
   } catch (const std::exception& error) {
-    if (!std::exchange(reopenFailed_, true)) observer_.queuesNotReplaced(textOf(error));
-    pause();
+    if (!std::exchange(reopenFailed_, true)) {
+      observer_.queuesNotReplaced(textOf(error));
+      retryPause_ = kShortestRetry;
+    }
+    observer_.waiting();
+    std::this_thread::sleep_for(retryPause_);
+    retryPause_ = std::min(2 * retryPause_, kLongestRetry);
   }
 }
 

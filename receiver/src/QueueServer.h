@@ -27,6 +27,11 @@ class QueueServer {
 
   QueueServer(Receiver::Settings settings, SinkFactory openSink, Observer& observer);
 
+  /// Ends an open stream as incomplete and removes the queues, unless run() has done so.
+  ~QueueServer();
+  QueueServer(const QueueServer&) = delete;
+  QueueServer& operator=(const QueueServer&) = delete;
+
   void run(const std::atomic<bool>& stop) noexcept;
 
   // As Receiver's.
@@ -103,6 +108,7 @@ class QueueServer {
   std::optional<std::size_t> nextSize_;  ///< none while it is empty
   std::uint64_t messageNumber_ = 0;
   bool reopenFailed_ = false;
+  std::chrono::milliseconds retryPause_{0};  ///< before the next attempt to make lost queues again
   std::mutex changeMutex_;
   std::optional<Change> change_;  ///< guarded by the mutex
   std::atomic<bool> hasChange_{false};

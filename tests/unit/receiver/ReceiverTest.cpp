@@ -1,10 +1,13 @@
 #include <atomic>
 #include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <fstream>
 #include <functional>
+#include <future>
 #include <gmock/gmock.h>
 #include <memory>
 #include <optional>
-#include <signal.h>
 #include <stdexcept>
 #include <string>
 #include <sys/mman.h>
@@ -16,12 +19,14 @@
 #include "QueueServer.h"
 #include "korvex/ShmWriter.h"
 #include "korvex/receiver/BusErrorGuard.h"
+#include "korvex/receiver/IdleWatch.h"
 #include "korvex/receiver/QueueStatus.h"
 #include "korvex/receiver/Receiver.h"
 #include "korvex/receiver/ReplyQueue.h"
 #include "queue/MessageQueue.h"
 #include "support/Await.h"
 #include "support/Child.h"
+#include "support/QueueFields.h"
 #include "support/Queues.h"
 #include "support/SharedObject.h"
 #include "support/WireFormat.h"
@@ -223,6 +228,98 @@ TEST(BusErrorGuard, LeavesAFaultAfterAStepToTheHost) {
   EXPECT_EXIT(beKilledAfterAStep(), testing::KilledBySignal(SIGBUS), "");
 }
 
+namespace {
+
+/// Memory that is gone: a fault for who touches it.
+const volatile char* lostMemory() {
+  const int empty = ::memfd_create("empty", MFD_CLOEXEC);
+  return static_cast<const volatile char*>(::mmap(nullptr, 1, PROT_READ, MAP_SHARED, empty, 0));
+}
+
+[[noreturn]] void exitIfSurvived(bool surviving) {
+  const auto* const lost = lostMemory();
+  const bool survived = !korvex::receiver::runGuarded([lost] { static_cast<void>(*lost); });
+  ::_exit(surviving && survived ? 0 : 1);
+}
+
+volatile std::sig_atomic_t signalsOfTheHost = 0;
+
+}  // namespace
+
+TEST(BusErrorGuard, SurvivesAFaultOfAThreadThatBlocksAllSignals) {
+  const auto fault = [] {
+    ::signal(SIGBUS, SIG_DFL);
+    korvex::receiver::installBusErrorGuard();
+    sigset_t all;
+    ::sigfillset(&all);
+    std::thread([&all] {
+      ::pthread_sigmask(SIG_SETMASK, &all, nullptr);
+      exitIfSurvived(true);
+    }).join();
+  };
+  EXPECT_EXIT(fault(), testing::ExitedWithCode(0), "");
+}
+
+TEST(BusErrorGuard, SurvivesAFaultAfterASignalThatTheHostIgnores) {
+  const auto fault = [] {
+    ::signal(SIGBUS, SIG_IGN);
+    korvex::receiver::installBusErrorGuard();
+    ::raise(SIGBUS);
+    exitIfSurvived(true);
+  };
+  EXPECT_EXIT(fault(), testing::ExitedWithCode(0), "");
+}
+
+TEST(BusErrorGuard, SurvivesAFaultAfterASignalThatTheHostHandles) {
+  const auto fault = [] {
+    ::signal(SIGBUS, [](int) { signalsOfTheHost = signalsOfTheHost + 1; });
+    korvex::receiver::installBusErrorGuard();
+    ::raise(SIGBUS);
+    ::raise(SIGBUS);
+    exitIfSurvived(signalsOfTheHost == 2);
+  };
+  EXPECT_EXIT(fault(), testing::ExitedWithCode(0), "");
+}
+
+TEST(BusErrorGuard, HandsAFaultAndWhereItWasToTheHost) {
+  const auto fault = [] {
+    struct sigaction action = {};
+    action.sa_flags = SA_SIGINFO;
+    action.sa_sigaction = [](int, siginfo_t* info, void* context) {
+      ::_exit(info->si_addr != nullptr && context != nullptr ? 0 : 1);
+    };
+    ::sigaction(SIGBUS, &action, nullptr);
+    korvex::receiver::installBusErrorGuard();
+    static_cast<void>(*lostMemory());
+    ::_exit(2);
+  };
+  EXPECT_EXIT(fault(), testing::ExitedWithCode(0), "");
+}
+
+TEST(BusErrorGuard, IsInstalledOnce) {
+  const auto fault = [] {
+    ::signal(SIGBUS, SIG_DFL);
+    korvex::receiver::installBusErrorGuard();
+    korvex::receiver::installBusErrorGuard();
+    ::alarm(10);  // a guard that restored itself would fault forever
+    static_cast<void>(*lostMemory());
+    ::_exit(0);
+  };
+  EXPECT_EXIT(fault(), testing::KilledBySignal(SIGBUS), "");
+}
+
+TEST(Receiver, TakesNoIdleTimeoutOfZero) {
+  const std::string name = korvex::test::uniqueQueueName();
+  const korvex::test::QueueRemover remover(name);
+  Observer silent;
+  Receiver::Settings settings{name, {4, 4096}};
+  Receiver receiver(settings, nullptr, silent);
+  settings.idleTimeout = std::chrono::seconds(0);
+  EXPECT_THROW(receiver.change(settings, nullptr), std::invalid_argument);
+  settings.queue += "other";
+  EXPECT_THROW(Receiver(settings, nullptr, silent), std::invalid_argument);
+}
+
 // Asking takes a system call or two. At each look at the queue, that would cost a processor.
 TEST(Receiver, AsksASinkAFewTimesASecondOnly) {
   const std::string name = korvex::test::uniqueQueueName();
@@ -238,6 +335,55 @@ TEST(Receiver, AsksASinkAFewTimesASecondOnly) {
   const auto start = std::chrono::steady_clock::now();
   receiver.run(stop);
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
+}
+
+namespace {
+
+/// Fails when it is asked, once it is to.
+struct FragileSink : Sink {
+  explicit FragileSink(std::atomic<int>& asked, std::atomic<bool>& fails)
+      : asked_(asked), fails_(fails) {}
+
+  void write(const unsigned char*, std::size_t) override {}
+  void check() override {
+    ++asked_;
+    if (fails_) throw std::runtime_error("no more");
+  }
+  void complete(const StreamSummary&, const StillFinishing&) override {}
+  void abandon(const StreamSummary&, const std::string&) override {}
+
+  std::atomic<int>& asked_;
+  std::atomic<bool>& fails_;
+};
+
+}  // namespace
+
+// Nothing else wakes it: its producer is silent, and so is everyone else.
+TEST(Receiver, RetiresWhenItsLastStreamEndsInSilence) {
+  const std::string name = korvex::test::uniqueQueueName();
+  const korvex::test::QueueRemover remover(name);
+  std::atomic<bool> stop{false};
+  std::atomic<int> asked{0};
+  std::atomic<bool> fails{false};
+  Observer silent;
+  korvex::receiver::IdleWatch watch;
+  Receiver::Settings settings{name, {4, 4096}};
+  settings.idleWatch = &watch;
+  const auto open = [&](const std::string&, std::time_t) {
+    return std::make_unique<FragileSink>(asked, fails);
+  };
+  Receiver receiver(settings, open, silent);
+  auto end = std::async(std::launch::async, [&] { receiver.run(stop); });
+  ShmWriter producer("silent", name, 1, 1, false);
+  producer.open();
+  EXPECT_TRUE(eventually([&] { return asked > 1; }));
+  receiver.retire();
+  const int before = asked;
+  EXPECT_TRUE(eventually([&] { return asked > before + 1; }));
+  fails = true;
+  EXPECT_TRUE(eventually([&] { return receiver.hasRetired(); }));
+  stop = true;
+  end.get();
 }
 
 namespace {
@@ -272,6 +418,7 @@ class NotingObserver : public Observer {
     incomplete.push_back(reason);
   }
   void queuesNotReplaced(const std::string&) noexcept override { ++outages; }
+  void messagesLeft(std::size_t count) noexcept override { left = count; }
   void settingsChanged() noexcept override { changes.push_back("changed"); }
   void settingsNotChanged(const std::string&) noexcept override {
     changes.push_back("not changed");
@@ -280,6 +427,7 @@ class NotingObserver : public Observer {
   std::vector<std::string> incomplete;
   std::vector<std::string> changes;
   unsigned outages = 0;
+  std::size_t left = 0;
 };
 
 /// A receiver that is stepped, and gets orders meanwhile.
@@ -325,6 +473,58 @@ class ReceiverOrders : public testing::Test {
 };
 
 }  // namespace
+
+TEST(Receiver, TakesTheLongestIdleTimeoutForALongOne) {
+  const std::string name = korvex::test::uniqueQueueName();
+  const korvex::test::QueueRemover remover(name);
+  std::atomic<bool> stop{false};
+  NotingObserver observer;
+  Receiver::Settings settings{name, kLimits};
+  settings.idleTimeout = std::chrono::seconds::max();
+  const auto open = [&](const std::string&, std::time_t) {
+    return std::make_unique<AskedSink>(stop);
+  };
+  Receiver receiver(settings, open, observer);
+  ShmWriter producer("silent", name, 1, 1, false);
+  producer.open();
+  receiver.run(stop);
+  EXPECT_THAT(observer.incomplete, ElementsAre("the daemon ended"));
+}
+
+TEST(Receiver, CountsWhatWaitsWhenItIsDestroyedWithoutARun) {
+  const std::string name = korvex::test::uniqueQueueName();
+  const korvex::test::QueueRemover remover(name);
+  NotingObserver observer;
+  auto receiver = std::make_unique<Receiver>(Receiver::Settings{name, kLimits}, nullptr, observer);
+  ShmWriter producer("waiting", name, 1, 1, false);
+  producer.open();
+  receiver.reset();
+  EXPECT_EQ(observer.left, 1u);
+}
+
+TEST_F(ReceiverOrders, TriesLessAndLessOftenToMakeItsQueuesAgain) {
+  const auto obstacle = obstruct();
+  const auto start = std::chrono::steady_clock::now();
+  for (int i = 0; i < 4; ++i) receiver_.step();
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(50 + 100 + 200));
+}
+
+// With a robust lock and an owner that never was, the C library ends the process.
+TEST_F(ReceiverOrders, MakesItsQueuesAgainWhenTheirLockIsOverwritten) {
+  constexpr std::uint32_t kRobustAndInheriting = 16 + 32;
+  constexpr std::uint32_t kNobody = (1 << 22) + 1;
+  std::fstream queue("/dev/shm/" + name_, std::ios::in | std::ios::out | std::ios::binary);
+  const auto overwrite = [&queue](off_t offset, const std::uint32_t& value) {
+    queue.seekp(offset).write(reinterpret_cast<const char*>(&value), sizeof value).flush();
+  };
+  overwrite(korvex::test::kLockWordAt + 16, kRobustAndInheriting);
+  overwrite(korvex::test::kLockWordAt, kNobody);
+  ASSERT_TRUE(queue);
+  EXPECT_TRUE(eventually([this] {
+    receiver_.step();
+    return receiver_.counters().get(Count::QueueReplacements) == 1;
+  }));
+}
 
 TEST_F(ReceiverOrders, HasRetiredAtOnceWithoutAStream) {
   takeAll();
