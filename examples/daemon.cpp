@@ -18,7 +18,8 @@ struct FileSink : Sink {
   void complete(const StreamSummary&, const StillFinishing&) override {
     file.close();
     std::filesystem::create_hard_link(path + ".partial", path);  // never replaces
-    std::filesystem::remove(path + ".partial");
+    std::error_code ignored;  // it is whole now, under whatever names
+    std::filesystem::remove(path + ".partial", ignored);
   }
   void abandon(const StreamSummary&, const std::string&) override {}  // its name says enough
 
@@ -27,7 +28,7 @@ struct FileSink : Sink {
 };
 
 int main(int, char* arguments[]) try {
-  std::signal(SIGTERM, [](int) { stop = true; });
+  for (const int signal : {SIGINT, SIGTERM}) std::signal(signal, [](int) { stop = true; });
   Observer silent;
   const auto open = [&, number = 0](const std::string& queue, std::time_t opened) mutable {
     const std::string name = queue + "-" + std::to_string(opened) + "-" + std::to_string(++number);

@@ -19,7 +19,8 @@ class IdleWatcher;
 /// was set, that a lock is taken, and within two seconds that a queue was removed, truncated or
 /// overwritten.
 ///
-/// Any number of receivers may share it, and it outlives them. Its thread blocks all signals.
+/// Any number of receivers may share it, and it must outlive them. Its thread blocks all signals
+/// but faults (SIGBUS, SIGSEGV, SIGFPE, SIGILL).
 class KORVEX_RECEIVER_EXPORT IdleWatch {
  public:
   /// Starts the thread. Throws SystemError when the system has none to give.

@@ -36,7 +36,8 @@ class KORVEX_RECEIVER_EXPORT Observer {
   /// The sink has everything; the receipt follows.
   virtual void streamComplete(const StreamSummary& summary, const std::string& place) noexcept;
 
-  /// A stream that was open ended early. `place` is empty when nothing was stored.
+  /// A stream ended early, or could not be opened at all: then no streamOpened() came before.
+  /// `place` is empty when nothing was stored.
   virtual void streamIncomplete(const StreamSummary& summary, const std::string& reason,
                                 const std::string& place) noexcept;
 

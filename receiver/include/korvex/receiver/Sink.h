@@ -18,9 +18,9 @@ using StillFinishing = std::function<bool()>;
 
 /// Where the data of one stream goes.
 ///
-/// Lives for one stream: any number of write(), then exactly one of complete() and abandon(), all
-/// on the receiver's thread. A sink that is destroyed earlier looks as if the daemon had died: what
-/// it leaves must not pass for a complete stream.
+/// Lives for one stream: any number of write(), then complete() or abandon(), all on the receiver's
+/// thread. If complete() throws, abandon() follows. A sink that is destroyed earlier looks as if
+/// the daemon had died: what it leaves must not pass for a complete stream.
 ///
 /// Failures are exceptions derived from std::exception. The producer gets status 5 and the text,
 /// truncated to 127 characters; abandon() follows.
