@@ -40,7 +40,7 @@ StreamLog::StreamLog(std::string queue, const std::optional<std::string>& captur
 void StreamLog::captureWith(std::shared_ptr<Capture> capture) noexcept {
   const std::lock_guard<std::mutex> lock(captureMutex_);
   capture_.swap(capture);
-  isCaptureFailing_ = false;
+  failingCapture_ = nullptr;
   if (capture_) firstNumber_ = std::max(firstNumber_.load(), capture_->lastNumber());
 }
 
@@ -59,11 +59,12 @@ void StreamLog::messageReceived(std::uint64_t number, const unsigned char* untru
   if (capture == nullptr) return;
   try {
     capture->store(firstNumber_ + number, untrusted, size);
-    isCaptureFailing_ = false;
+    failingCapture_ = nullptr;
   } catch (const std::exception& error) {
     ++counts_.captureFailures;
-    // The first in a row; a full disk would otherwise fill the log as well.
-    if (isCaptureFailing_.exchange(true)) return;
+    // The first in a row; a full disk would otherwise fill the log as well. One that was replaced
+    // meanwhile does not speak for its successor.
+    if (failingCapture_.exchange(capture.get()) == capture.get()) return;
     write(QueueLog::Kind::SinkTrouble, [&] {
       return LogEntry(Event::CaptureFailed, level::warn, queue_,
                       fmt::format("batch {}: {}", firstNumber_.load() + number, error.what()));

@@ -109,7 +109,7 @@ class StreamLog : public korvex::receiver::Observer {
   std::mutex captureMutex_;
   std::shared_ptr<Capture> capture_;           ///< guarded by that mutex; itself the receiver's
   std::atomic<std::uint64_t> firstNumber_{0};  ///< messages that earlier daemons captured
-  std::atomic<bool> isCaptureFailing_{false};  ///< the last one did
+  std::atomic<const Capture*> failingCapture_{nullptr};  ///< the last batch was not stored there
   std::atomic<bool> changeRefused_{false};
   QueueCounts counts_;
   const std::shared_ptr<Heartbeat> heartbeat_ = std::make_shared<Heartbeat>();
