@@ -15,6 +15,7 @@ namespace korvex::receiver {
 namespace {
 
 constexpr mode_t kOwnersOnly = 0600;
+constexpr const char* kOverwritten = "their memory was overwritten";
 
 /// The queue library's text names neither the queue nor the memory that it needs.
 [[noreturn]] void throwNotCreated(const std::string& name, Limits limits, int error) {
@@ -88,7 +89,7 @@ void OwnedQueue::publish() {
 template <typename Operation>
 OwnedQueue::Outcome OwnedQueue::noted(Operation operation) {
   return surviveBusError([&] {
-    if (isLockOverwritten()) throw LockLost("their lock was overwritten");
+    if (isLockOverwritten()) throw LockLost(kOverwritten);
     const Outcome outcome = operation(*queue_);
     lockWatch_.note(outcome, queue_->view(), LockWatch::Clock::now());
     return outcome;
@@ -122,7 +123,7 @@ std::string OwnedQueue::defect() {
     return "their size was changed";
   const bool isDamaged =
       surviveBusError([this] { return isLockOverwritten() || queue_->view().isDamaged(); });
-  return isDamaged ? "their memory was overwritten" : "";
+  return isDamaged ? kOverwritten : "";
 }
 
 bool OwnedQueue::isLockOverwritten() const noexcept {
