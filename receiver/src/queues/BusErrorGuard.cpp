@@ -16,17 +16,30 @@ void unblockBusErrors() noexcept {
   ::pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
 }
 
+/// Calls the host's handler as the system would have done.
+void callHostsHandler(int number, siginfo_t* info, void* context) {
+  if ((before.sa_flags & SA_RESETHAND) != 0) ::signal(number, SIG_DFL);
+  ::pthread_sigmask(SIG_BLOCK, &before.sa_mask, nullptr);
+  if ((before.sa_flags & SA_NODEFER) != 0) unblockBusErrors();
+  if ((before.sa_flags & SA_SIGINFO) != 0) {
+    before.sa_sigaction(number, info, context);
+  } else {
+    before.sa_handler(number);
+  }
+}
+
 /// A fault recurs by itself where the default is restored; the system ignores no fault.
 void handleAsBefore(int number, siginfo_t* info, void* context, bool isFault) {
   const bool wasIgnored = before.sa_handler == SIG_IGN;
-  if ((before.sa_flags & SA_SIGINFO) != 0) {
-    before.sa_sigaction(number, info, context);
-  } else if (before.sa_handler != SIG_DFL && !wasIgnored) {
-    before.sa_handler(number);
-  } else if (isFault || !wasIgnored) {
-    ::signal(number, SIG_DFL);
-    if (!isFault) ::raise(number);
-  }
+  if (before.sa_handler != SIG_DFL && !wasIgnored) return callHostsHandler(number, info, context);
+  if (!isFault && wasIgnored) return;
+  ::signal(number, SIG_DFL);
+  if (!isFault) ::raise(number);
+}
+
+/// Whether nobody handles the signal who may call the guard himself.
+bool isLeftToTheSystem(const struct sigaction& action) {
+  return action.sa_handler == SIG_DFL || action.sa_handler == SIG_IGN;
 }
 
 void onBusError(int number, siginfo_t* info, void* context) {
@@ -43,6 +56,10 @@ void onBusError(int number, siginfo_t* info, void* context) {
 thread_local sigjmp_buf* busErrorRecovery = nullptr;
 
 void takeBusErrors() noexcept {
+  if (isInstalled) unblockBusErrors();
+}
+
+void takeBusErrorsOnce() noexcept {
   thread_local bool takesThem = false;
   if (takesThem || !isInstalled) return;
   unblockBusErrors();
@@ -56,7 +73,7 @@ void throwMemoryLost() {
 void installBusErrorGuard() {
   struct sigaction present = {};
   ::sigaction(SIGBUS, nullptr, &present);
-  if ((present.sa_flags & SA_SIGINFO) != 0 && present.sa_sigaction == onBusError) return;
+  if (isInstalled && !isLeftToTheSystem(present)) return;
   before = present;  // known before the handler can run
   struct sigaction action = {};
   action.sa_sigaction = onBusError;
@@ -66,6 +83,7 @@ void installBusErrorGuard() {
 }
 
 bool runGuarded(const std::function<void()>& step) {
+  takeBusErrors();
   try {
     surviveBusError([&step] { step(); });
     return true;

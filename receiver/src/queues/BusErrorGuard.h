@@ -19,9 +19,12 @@ extern thread_local sigjmp_buf* busErrorRecovery;
 
 [[noreturn]] void throwMemoryLost();
 
-/// Opens this thread to SIGBUS, if the guard is installed and the thread has not done so before:
-/// the system kills a process for a fault that is blocked.
+/// Opens this thread to SIGBUS if the guard is installed: the system kills a process for a fault
+/// that is blocked.
 void takeBusErrors() noexcept;
+
+/// The same, but only the first time in each thread: it is a system call.
+void takeBusErrorsOnce() noexcept;
 
 /// Runs a step that touches a queue. Turns SIGBUS (the object was truncated, or /dev/shm is full)
 /// into MemoryLost, where the guard is installed.
@@ -33,7 +36,7 @@ void takeBusErrors() noexcept;
 /// Such a step may be part of another one, which is then still guarded.
 template <typename Step>
 auto surviveBusError(Step step) {
-  takeBusErrors();
+  takeBusErrorsOnce();
   sigjmp_buf place;
   sigjmp_buf* const before = busErrorRecovery;
   if (sigsetjmp(place, 0) != 0) {
