@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <exception>
 #include <stdexcept>
-#include <thread>
 #include <utility>
 
 #include "korvex/receiver/BatchCheck.h"
 #include "korvex/receiver/IdleWatch.h"
+#include "queues/BusErrorGuard.h"
 #include "stream/ErrorText.h"
 
 namespace korvex::receiver {
@@ -65,6 +65,7 @@ void QueueServer::open(Receiver::Existing existing) {
 
 void QueueServer::run(const std::atomic<bool>& stop) noexcept {
   stop_ = &stop;
+  takeBusErrors();
   while (!stop) serveOnce();
   observer_.working();
   drain();
@@ -322,6 +323,7 @@ void QueueServer::dropPair() noexcept {
   counters_.set(Count::RepliesPending, 0);
   nextSize_.reset();
   pause_.reset();
+  nextRetry_ = {};
 }
 
 void QueueServer::change(const Receiver::Settings& settings, SinkFactory openSink) {
@@ -343,6 +345,8 @@ void QueueServer::takeOrders() {
   if (hasChange_ && !refusesStreams_ && !session_.isOpen()) tryChange();
   if (isToRetire_ && !refusesStreams_) prepareRetirement();
   if (refusesStreams_ && !session_.isOpen()) hasRetired_ = true;
+  // One that could be followed by now: nothing else may wake a receiver that sleeps.
+  if (hasChange_ && !refusesStreams_ && !session_.isOpen()) hasOrders_ = true;
 }
 
 void QueueServer::tryChange() {
@@ -400,6 +404,7 @@ void QueueServer::prepareRetirement() {
 
 /// Retried until it succeeds: another process may have taken the name, or the memory.
 void QueueServer::reopen() noexcept {
+  if (Clock::now() < nextRetry_) return pause();
   try {
     open(Receiver::Existing::Refuse);
     reopenFailed_ = false;
@@ -409,8 +414,7 @@ void QueueServer::reopen() noexcept {
       observer_.queuesNotReplaced(textOf(error));
       retryPause_ = kShortestRetry;
     }
-    observer_.waiting();
-    std::this_thread::sleep_for(retryPause_);
+    nextRetry_ = Clock::now() + retryPause_;
     retryPause_ = std::min(2 * retryPause_, kLongestRetry);
   }
 }

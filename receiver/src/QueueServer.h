@@ -108,7 +108,8 @@ class QueueServer {
   std::optional<std::size_t> nextSize_;  ///< none while it is empty
   std::uint64_t messageNumber_ = 0;
   bool reopenFailed_ = false;
-  std::chrono::milliseconds retryPause_{0};  ///< before the next attempt to make lost queues again
+  Clock::time_point nextRetry_{};            ///< when to make lost queues again
+  std::chrono::milliseconds retryPause_{0};  ///< after the next failure of that
   std::mutex changeMutex_;
   std::optional<Change> change_;  ///< guarded by the mutex
   std::atomic<bool> hasChange_{false};

@@ -1,5 +1,6 @@
 // Memory runs out in the middle of a receiver's work, whose operations are noexcept.
 
+#include <chrono>
 #include <gtest/gtest.h>
 #include <memory>
 #include <qmx/error.h>
@@ -8,8 +9,11 @@
 
 #include "korvex/ShmWriter.h"
 #include "korvex/receiver/Receiver.h"
+#include "queue/MessageQueue.h"
 #include "support/AllocationCounter.h"
+#include "support/Await.h"
 #include "support/Queues.h"
+#include "support/SharedObject.h"
 
 using korvex::ShmWriter;
 using korvex::receiver::Count;
@@ -145,4 +149,28 @@ TEST_P(ShortMemory, EndsNoReceiverThatMakesItsQueuesAgain) {
     isAny = failure.happened();
   }
   EXPECT_GT(allocation, 1u) << "none failed";
+}
+
+// Each attempt takes memory, even one that fails.
+TEST(LostQueues, AreTriedLessAndLessOften) {
+  const std::string name = korvex::test::uniqueQueueName();
+  const korvex::test::QueueRemover remover(name);
+  Observer silent;
+  Receiver receiver({name, {4, 4096}}, nullptr, silent);
+  ASSERT_TRUE(korvex::MessageQueue::remove(name));
+  const korvex::test::SharedObject obstacle(name);
+  ASSERT_TRUE(korvex::test::eventually([&] {
+    receiver.step();
+    return receiver.counters().get(Count::QueueReplacements) == 1;
+  }));
+  const auto start = std::chrono::steady_clock::now();
+  unsigned attempts = 0;
+  while (attempts < 5) {
+    const AllocationCounter counter;
+    receiver.step();
+    if (counter.taken() > 0) ++attempts;
+  }
+  // The first comes at once.
+  EXPECT_GE(std::chrono::steady_clock::now() - start,
+            std::chrono::milliseconds(25 + 50 + 100 + 200));
 }

@@ -84,9 +84,9 @@ class KORVEX_RECEIVER_EXPORT Receiver {
   /// Whether it was asked to retire, and no stream is open any more. Any thread may ask.
   bool hasRetired() const noexcept;
 
-  /// Takes one message if there is one, for callers with a loop of their own. Otherwise pauses
-  /// (for 25 ms at most, for a second where lost queues cannot be made again) and returns false.
-  /// Only run() asks sinks to hurry and takes what waits before it ends.
+  /// Takes one message if there is one, for callers with a loop of their own. Otherwise pauses, for
+  /// 25 ms at most, and returns false. Only run() asks sinks to hurry and takes what waits before
+  /// it ends.
   bool step() noexcept;
 
   /// The queue's name, as the settings gave it.
