@@ -337,6 +337,7 @@ TEST_F(FreshBusErrorGuard, LetsTheHostsHandlerJumpOutTwice) {
 TEST_F(FreshBusErrorGuard, IsNotInstalledBehindWhoCallsIt) {
   const auto raised = [] {
     static struct sigaction guard = {};
+    ::signal(SIGBUS, SIG_DFL);
     korvex::receiver::installBusErrorGuard();
     ::sigaction(SIGBUS, nullptr, &guard);
     struct sigaction reporter = {};
