@@ -18,10 +18,11 @@ void unblockBusErrors() noexcept {
 
 /// Calls the host's handler as the system would have done.
 void callHostsHandler(int number, siginfo_t* info, void* context) {
-  if ((before.sa_flags & SA_RESETHAND) != 0) ::signal(number, SIG_DFL);
+  const auto flags = static_cast<unsigned>(before.sa_flags);
+  if ((flags & SA_RESETHAND) != 0) ::signal(number, SIG_DFL);
   ::pthread_sigmask(SIG_BLOCK, &before.sa_mask, nullptr);
-  if ((before.sa_flags & SA_NODEFER) != 0) unblockBusErrors();
-  if ((before.sa_flags & SA_SIGINFO) != 0) {
+  if ((flags & SA_NODEFER) != 0) unblockBusErrors();
+  if ((flags & SA_SIGINFO) != 0) {
     before.sa_sigaction(number, info, context);
   } else {
     before.sa_handler(number);
