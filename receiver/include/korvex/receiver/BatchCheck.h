@@ -13,8 +13,7 @@ namespace korvex::receiver {
 ///
 /// The bytes come from another process and may hold anything. When `ok()`, every header and every
 /// data byte that the batch announces lies inside the message, so the library's reader may be used
-/// on it. Keeps no pointer to the bytes. Throws
-/// nothing; only text() may run out of memory.
+/// on it. Keeps no pointer to the bytes. Throws nothing; only text() may run out of memory.
 class KORVEX_RECEIVER_EXPORT BatchCheck {
  public:
   /// What is wrong with a message.
