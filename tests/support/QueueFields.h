@@ -12,7 +12,7 @@
 ///     24   most messages
 ///     32   most bytes of a message
 ///     40   messages that wait
-///     48   the lock: its word, and at 56 the thread that holds it
+///     48   the lock: its word, at 56 the thread that holds it, at 64 its kind
 ///     184  which of the index's entries is the first
 ///     208  the index: 8 bytes per message
 ///     then the slots: 16 bytes and the message, rounded up to 8
@@ -32,6 +32,7 @@ constexpr off_t kMaxMessageSizeAt = kIndexPointerAt + 16;
 constexpr off_t kMessagesAt = kIndexPointerAt + 24;
 constexpr off_t kLockWordAt = kIndexPointerAt + 32;
 constexpr off_t kLockOwnerAt = kIndexPointerAt + 40;
+constexpr off_t kLockKindAt = kLockWordAt + 16;
 #ifdef __aarch64__
 constexpr std::size_t kLockSize = 48;
 #else

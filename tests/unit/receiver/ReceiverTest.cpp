@@ -202,6 +202,16 @@ TEST_F(SlowFinish, LeavesWhatCameMeanwhileWhenTheDrainIsOver) {
   EXPECT_EQ(observer_.left, 1u);
 }
 
+namespace {
+
+/// Memory that is gone: a fault for who touches it.
+const volatile char* lostMemory() {
+  const int empty = ::memfd_create("empty", MFD_CLOEXEC);
+  return static_cast<const volatile char*>(::mmap(nullptr, 1, PROT_READ, MAP_SHARED, empty, 0));
+}
+
+}  // namespace
+
 // Only a fault is taken for lost memory.
 TEST(BusErrorGuard, LeavesASignalThatWasSentToTheHost) {
   const auto beKilledInAStep = [] {
@@ -218,24 +228,16 @@ TEST(BusErrorGuard, LeavesAFaultAfterAStepToTheHost) {
   const auto beKilledAfterAStep = [] {
     ::signal(SIGBUS, SIG_DFL);
     korvex::receiver::installBusErrorGuard();
-    const int empty = ::memfd_create("empty", MFD_CLOEXEC);
-    const auto* const nothing =
-        static_cast<const volatile char*>(::mmap(nullptr, 1, PROT_READ, MAP_SHARED, empty, 0));
+    const auto* const lost = lostMemory();
     ::alarm(10);  // a jump to where it was survived would repeat the fault forever
-    if (korvex::receiver::runGuarded([nothing] { static_cast<void>(*nothing); })) ::_exit(1);
-    static_cast<void>(*nothing);
+    if (korvex::receiver::runGuarded([lost] { static_cast<void>(*lost); })) ::_exit(1);
+    static_cast<void>(*lost);
     ::_exit(0);
   };
   EXPECT_EXIT(beKilledAfterAStep(), testing::KilledBySignal(SIGBUS), "");
 }
 
 namespace {
-
-/// Memory that is gone: a fault for who touches it.
-const volatile char* lostMemory() {
-  const int empty = ::memfd_create("empty", MFD_CLOEXEC);
-  return static_cast<const volatile char*>(::mmap(nullptr, 1, PROT_READ, MAP_SHARED, empty, 0));
-}
 
 [[noreturn]] void exitIfSurvived(bool surviving) {
   const auto* const lost = lostMemory();
@@ -340,13 +342,9 @@ TEST_F(FreshBusErrorGuard, IsNotInstalledBehindWhoCallsIt) {
     ::signal(SIGBUS, SIG_DFL);
     korvex::receiver::installBusErrorGuard();
     ::sigaction(SIGBUS, nullptr, &guard);
-    struct sigaction reporter = {};
-    reporter.sa_flags = SA_SIGINFO;
-    reporter.sa_sigaction = [](int number, siginfo_t* info, void* context) {
-      guard.sa_sigaction(number, info, context);
-    };
-    ::sigaction(SIGBUS, &reporter, nullptr);
-    korvex::receiver::installBusErrorGuard();
+    guardBehind([](int number, siginfo_t* info,
+                   void* context) { guard.sa_sigaction(number, info, context); },
+                0);
     ::raise(SIGBUS);
     ::_exit(0);
   };
@@ -582,7 +580,7 @@ TEST_F(ReceiverOrders, MakesItsQueuesAgainWhenTheirLockIsOverwritten) {
   const auto overwrite = [&queue](off_t offset, const std::uint32_t& value) {
     queue.seekp(offset).write(reinterpret_cast<const char*>(&value), sizeof value).flush();
   };
-  overwrite(korvex::test::kLockWordAt + 16, kRobustAndInheriting);
+  overwrite(korvex::test::kLockKindAt, kRobustAndInheriting);
   overwrite(korvex::test::kLockWordAt, kNobody);
   ASSERT_TRUE(queue);
   EXPECT_TRUE(eventually([this] {
