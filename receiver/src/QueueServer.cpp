@@ -345,7 +345,7 @@ void QueueServer::takeOrders() {
   if (hasChange_ && !refusesStreams_ && !session_.isOpen()) tryChange();
   if (isToRetire_ && !refusesStreams_) prepareRetirement();
   if (refusesStreams_ && !session_.isOpen()) hasRetired_ = true;
-  // One that could be followed by now: nothing else may wake a receiver that sleeps.
+  // The change may be possible in a moment, and nothing else would wake a receiver that sleeps.
   if (hasChange_ && !refusesStreams_ && !session_.isOpen()) hasOrders_ = true;
 }
 

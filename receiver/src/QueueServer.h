@@ -109,7 +109,7 @@ class QueueServer {
   std::uint64_t messageNumber_ = 0;
   bool reopenFailed_ = false;
   Clock::time_point nextRetry_{};            ///< when to make lost queues again
-  std::chrono::milliseconds retryPause_{0};  ///< after the next failure of that
+  std::chrono::milliseconds retryPause_{0};  ///< how long to wait after the next failure
   std::mutex changeMutex_;
   std::optional<Change> change_;  ///< guarded by the mutex
   std::atomic<bool> hasChange_{false};

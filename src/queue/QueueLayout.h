@@ -41,7 +41,7 @@ constexpr std::size_t kMaxMessageSizeOffset = kIndexPointerOffset + 16;
 constexpr std::size_t kMessagesOffset = kIndexPointerOffset + 24;
 constexpr std::size_t kLockWordOffset = kIndexPointerOffset + 32;
 constexpr std::size_t kLockOwnerOffset = kLockWordOffset + 8;
-constexpr std::size_t kLockKindOffset = kLockWordOffset + 16;
+constexpr std::size_t kLockKindOffset = kLockWordOffset + 16;  // word, count, owner and users first
 constexpr std::size_t kFirstMessageOffset =
     kLockWordOffset + sizeof(pthread_mutex_t) + 2 * sizeof(pthread_cond_t);
 constexpr std::size_t kHeaderEnd = kFirstMessageOffset + 24;

@@ -38,7 +38,7 @@ void handleAsBefore(int number, siginfo_t* info, void* context, bool isFault) {
   if (!isFault) ::raise(number);
 }
 
-/// Whether nobody handles the signal who may call the guard himself.
+/// Whether there is no handler. One that was installed after the guard may itself call the guard.
 bool isLeftToTheSystem(const struct sigaction& action) {
   return action.sa_handler == SIG_DFL || action.sa_handler == SIG_IGN;
 }
