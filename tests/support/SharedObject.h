@@ -8,6 +8,7 @@
 #include <fstream>
 #include <iterator>
 #include <pthread.h>
+#include <signal.h>
 #include <stdexcept>
 #include <string>
 #include <sys/mman.h>
@@ -97,7 +98,13 @@ class QueueLock {
 
   /// Takes the lock in a thread that ends without releasing it.
   void takeAndDie() const {
-    std::thread([this] { ::pthread_mutex_lock(mutex()); }).join();
+    pid_t owner = 0;
+    std::thread([&] {
+      owner = ::gettid();
+      ::pthread_mutex_lock(mutex());
+    }).join();
+    // A joined thread takes another moment to leave the system.
+    while (::kill(owner, 0) == 0) std::this_thread::yield();
   }
 
   /// Makes the lock a robust one, as newer releases of the queue library create it.
