@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <stdexcept>
 #include <string>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -24,6 +25,7 @@ using korvex::MessageQueue;
 using korvex::QueueView;
 using korvex::test::kFirstMessageAt;
 using korvex::test::kIndexAt;
+using korvex::test::kLockOwnerAt;
 using korvex::test::kLockWordAt;
 using korvex::test::RawQueue;
 using korvex::test::RestoredDescriptor;
@@ -212,6 +214,33 @@ TEST_F(MessageQueueCalls, QueueStayingInAChangeIsALockError) {
   const auto error = errorOf([&] { MessageQueue(queue.name(), MessageQueue::Clock::now()); });
   EXPECT_EQ(error.code, ipc::timeout_when_locking_error);
   EXPECT_EQ(error.text, "the message queue's lock stayed taken");
+}
+
+// It may take a look at every process.
+TEST_F(MessageQueueCalls, SendThatIsTooLateAsksOnceForTheLocksOwner) {
+  const RawQueue raw(uniqueQueueName(), 4, 300);
+  MessageQueue queue(raw.name(), MessageQueue::Clock::now());
+  overwrite(raw.name(), kLockWordAt, std::uint32_t{1});
+  overwrite(raw.name(), kLockOwnerAt, ::getpid());
+  int asked = 0;
+  instead.kill = [&](pid_t process, int) {
+    EXPECT_EQ(process, ::getpid());
+    ++asked;
+    return 0;
+  };
+  EXPECT_FALSE(queue.sendBefore("abc", 3, 1, MessageQueue::Clock::now()));
+  EXPECT_EQ(asked, 1);
+}
+
+TEST_F(MessageQueueCalls, SystemsErrorIsThatOfTheLibrarysExceptionsAlone) {
+  const std::string absent = uniqueQueueName();
+  try {
+    const MessageQueue queue(absent, MessageQueue::Clock::now());
+    ADD_FAILURE() << absent << " exists";
+  } catch (const std::exception& error) {
+    EXPECT_EQ(MessageQueue::systemErrorOf(error), ENOENT);
+  }
+  EXPECT_EQ(MessageQueue::systemErrorOf(std::runtime_error("of no system")), 0);
 }
 
 TEST_F(QueueViewCalls, ObjectThatCannotBeMappedIsUnreachable) {

@@ -76,6 +76,22 @@ bool isIntactAfterChange(off_t offset, const Bytes& bytes) {
   return view.isIntact();
 }
 
+/// Whether an object with this content can be a queue.
+bool canBeQueue(const Bytes& content) {
+  const SharedObject object(uniqueQueueName(), content);
+  const int file = ::shm_open(object.name().c_str(), O_RDONLY, 0);
+  const bool result = QueueView::canBeQueue(file);
+  ::close(file);
+  return result;
+}
+
+/// Zeros but for one byte.
+Bytes zerosBut(std::size_t size, std::size_t place) {
+  Bytes bytes(size);
+  bytes[place] = 1;
+  return bytes;
+}
+
 /// What a view makes of a sound queue's bytes after one field was overwritten.
 State afterChange(off_t offset, const Bytes& bytes) {
   SharedObject object(uniqueQueueName(), queueImage());
@@ -111,6 +127,26 @@ TEST(QueueView, TellsTheLimitsOfASoundQueue) {
   EXPECT_EQ(view.systemError(), 0);
 }
 
+TEST(QueueView, KnowsWhatCanBeAQueueByItsHeader) {
+  const Bytes queue = queueImage();
+  EXPECT_TRUE(canBeQueue(queue));
+  EXPECT_TRUE(canBeQueue(Bytes(queue.begin(), queue.begin() + kHeaderSize))) << "cut";
+  EXPECT_FALSE(canBeQueue(Bytes(4096, 'x')));
+  EXPECT_FALSE(canBeQueue(zerosBut(4096, kIndexPointerAt)));
+}
+
+// A creator that was killed leaves zeros behind, and perhaps an init word.
+TEST(QueueView, TakesZerosForAQueueOnlyAsLargeAsACreatorMakesThem) {
+  EXPECT_TRUE(canBeQueue({}));
+  EXPECT_TRUE(canBeQueue(zerosBut(kIndexPointerAt, 0)));
+  EXPECT_FALSE(canBeQueue(Bytes(kIndexPointerAt + 1)));
+  EXPECT_FALSE(canBeQueue(Bytes(kHeaderSize + 31)));
+  EXPECT_TRUE(canBeQueue(Bytes(kHeaderSize + 32)));
+  EXPECT_TRUE(canBeQueue(Bytes(100000)));
+  EXPECT_FALSE(canBeQueue(zerosBut(100000, kHeaderSize)));
+  EXPECT_FALSE(canBeQueue(zerosBut(100000, 99999)));
+}
+
 TEST(QueueView, FollowsTheFillOfTheQueue) {
   RawQueue queue(uniqueQueueName(), 2, 10);
   const QueueView view(queue.name());
@@ -121,6 +157,19 @@ TEST(QueueView, FollowsTheFillOfTheQueue) {
   EXPECT_TRUE(view.looksFull());
   queue.take();
   EXPECT_FALSE(view.looksFull());
+}
+
+TEST(QueueView, CountsTheBytesOfTheMessagesThatWaitAlone) {
+  RawQueue queue(uniqueQueueName(), 4, 10);
+  const QueueView view(queue.name());
+  for (std::size_t size = 1; size <= 10; ++size) {
+    queue.post("0123456789", size);
+    queue.post("0123456789", 10);
+    EXPECT_EQ(view.waitingBytes(), size + 10);
+    queue.take();
+    EXPECT_EQ(view.waitingBytes(), 10u);
+    queue.take();
+  }
 }
 
 TEST(QueueView, SeesTheLockAndThatItsOwnerIsGone) {
