@@ -2,6 +2,7 @@
 // ends with the thread, or the thread ends behind what must not be left half-way.
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <gtest/gtest.h>
 #include <memory>
@@ -180,14 +181,17 @@ TEST(Cancellation, OfOneThreadLeavesTheOthersTheirWaits) {
 TEST(Cancellation, OfAGuardThatStopsComesBehindItsWait) {
   inAChild([] {
     DaemonQueues queues(4096, 1);
-    ShmWriter writer("stream", queues.name(), kDay, 1, false);
+    ShmWriter writer("stream", queues.name(), kDay, 2, false);
     writer.open();  // fills the queue
     const auto fail = [&] {
+      const auto start = std::chrono::steady_clock::now();
       try {
         const korvex::StreamGuard guard(writer);
         throw std::runtime_error("the input is damaged");
       } catch (const std::runtime_error&) {
       }
+      // The two seconds count from the start of the current one, by a coarse clock.
+      EXPECT_GT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
       ::pthread_testcancel();
     };
     EXPECT_EQ(endOfCancelled(fail), "cancelled");
