@@ -143,6 +143,8 @@ TEST(QueueView, TakesZerosForAQueueOnlyAsLargeAsACreatorMakesThem) {
   EXPECT_FALSE(canBeQueue(Bytes(kHeaderSize + 31)));
   EXPECT_TRUE(canBeQueue(Bytes(kHeaderSize + 32)));
   EXPECT_TRUE(canBeQueue(Bytes(100000)));
+  EXPECT_FALSE(canBeQueue(zerosBut(kHeaderSize + 65537, kHeaderSize + 65536)))
+      << "a byte by itself behind whole blocks";
   EXPECT_FALSE(canBeQueue(zerosBut(100000, kHeaderSize)));
   EXPECT_FALSE(canBeQueue(zerosBut(100000, 99999)));
 }
@@ -157,6 +159,30 @@ TEST(QueueView, FollowsTheFillOfTheQueue) {
   EXPECT_TRUE(view.looksFull());
   queue.take();
   EXPECT_FALSE(view.looksFull());
+}
+
+TEST(QueueView, LooksIdleWithoutMessagesAndWithAFreeLock) {
+  RawQueue queue(uniqueQueueName(), 2, 10);
+  const QueueView view(queue.name());
+  const QueueView::Glance glance(view);
+  EXPECT_TRUE(glance.looksIdle());
+  queue.post("a", 1);
+  EXPECT_FALSE(glance.looksIdle());
+  queue.take();
+  const QueueLock lock(queue.name());
+  ::pthread_mutex_lock(lock.mutex());
+  EXPECT_FALSE(glance.looksIdle());
+  ::pthread_mutex_unlock(lock.mutex());
+}
+
+// In the upper bits glibc keeps notes of its own.
+TEST(QueueView, TellsTheLocksKindFromItsLowerSevenBits) {
+  SharedObject object(uniqueQueueName(), queueImage());
+  const QueueView view(object.name());
+  for (const std::uint32_t kind : {0u, 1u, 16u, 127u}) {
+    object.write(korvex::test::kLockKindAt, word(kind | 128u | 512u));
+    EXPECT_EQ(view.lockKind(), kind);
+  }
 }
 
 TEST(QueueView, CountsTheBytesOfTheMessagesThatWaitAlone) {
