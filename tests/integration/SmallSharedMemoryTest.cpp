@@ -65,7 +65,7 @@ TEST_F(SmallSharedMemory, WithoutAFileLeftIsAnErrorToo) {
 TEST_F(SmallSharedMemory, IsFilledToTheLastPageByAStream) {
   const std::string script =
       "\"$0\" \"$@\" 2>/dev/null & daemon=$!; "
-      "until [ -e /dev/shm/korvex-small ]; do sleep 0.01; done; "
+      "until [ -e /dev/shm/korvex-small ]; do kill -0 $daemon || exit; sleep 0.01; done; "
       "head -c 1g /dev/zero > /dev/shm/full 2>/dev/null; "
       "head -c 8m /dev/zero | " KORVEX_PROGRAM
       " send --quiet --queue korvex-small; code=$?; "
@@ -76,7 +76,8 @@ TEST_F(SmallSharedMemory, IsFilledToTheLastPageByAStream) {
 
 TEST_F(SmallSharedMemory, NeedNotHoldTheQueuesOfAKilledDaemonToo) {
   const std::string script =
-      "\"$0\" \"$@\" & until [ -e /dev/shm/korvex-small ]; do sleep 0.01; done; "
+      "\"$0\" \"$@\" & until [ -e /dev/shm/korvex-small ]; do kill -0 $! || exit; sleep 0.01; "
+      "done; "
       "queue() { stat -c %i /dev/shm/korvex-small 2>/dev/null || echo none; }; dead=$(queue); "
       "kill -9 $!; wait $!; "
       "\"$0\" \"$@\" --replace & daemon=$!; "

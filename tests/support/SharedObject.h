@@ -104,7 +104,7 @@ class QueueLock {
       ::pthread_mutex_lock(mutex());
     }).join();
     // A joined thread takes another moment to leave the system.
-    while (::kill(owner, 0) == 0) std::this_thread::yield();
+    while (::tgkill(::getpid(), owner, 0) == 0) std::this_thread::yield();
   }
 
   /// Makes the lock a robust one, as newer releases of the queue library create it.
