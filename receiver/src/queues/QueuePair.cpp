@@ -52,6 +52,7 @@ std::string queueNameDefect(const std::string& name) {
   if (plain.find('/') != std::string::npos) {
     return "it holds a slash, which is allowed only as the first character";
   }
+  if (plain.find('\0') != std::string::npos) return "it holds a NUL";
   if (plain == "." || plain == "..") return "it is the name of a folder";
   const std::size_t length = getMessageQueueResponseName(plain).size();
   if (length <= NAME_MAX) return "";

@@ -18,6 +18,8 @@ using korvex::receiver::Receiver;
 using korvex::test::queueExists;
 using testing::HasSubstr;
 
+using namespace std::string_literals;
+
 namespace {
 
 constexpr Limits kLimits{4, 300};
@@ -163,7 +165,7 @@ TEST_F(QueuePairTest, ReplacesWhatADeadDaemonLeft) {
 }
 
 TEST_F(QueuePairTest, RefusesANameThatNoQueueCanHave) {
-  for (const char* name : {"", "/", "folder/queue", ".."}) {
+  for (const std::string& name : {""s, "/"s, "folder/queue"s, ".."s, "cut\0here"s}) {
     EXPECT_THROW(QueuePair({name, kLimits}, Receiver::Existing::Refuse), std::invalid_argument)
         << name;
   }

@@ -103,8 +103,7 @@ class TableReader {
 
   void readQueue(const toml::key& key, const toml::node& node) {
     const std::string name(key.str());
-    const bool hasNul = name.find('\0') != std::string::npos;
-    const std::string defect = hasNul ? "it holds a NUL" : queueNameDefect(name);
+    const std::string defect = queueNameDefect(name);
     if (!defect.empty()) {
       refuse(key.source(), tomlString(name) + " cannot be a queue's name: " + defect);
     }
