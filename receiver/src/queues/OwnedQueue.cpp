@@ -1,5 +1,6 @@
 #include "queues/OwnedQueue.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <exception>
 #include <sys/stat.h>
@@ -109,7 +110,8 @@ void OwnedQueue::checkLock() {
 }
 
 std::size_t OwnedQueue::messages() {
-  return surviveBusError([this] { return queue_->view().messages(); });
+  // A peer may have overwritten the number.
+  return surviveBusError([this] { return std::min(queue_->view().messages(), limits_.messages); });
 }
 
 bool OwnedQueue::looksLocked() {

@@ -12,6 +12,7 @@
 #include <stdexcept>
 #include <string>
 #include <sys/mman.h>
+#include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
 #include <utility>
@@ -265,16 +266,73 @@ void guardBehind(void (*handler)(int, siginfo_t*, void*), int flags) {
 
 sigjmp_buf placeOfTheHost;
 
+void blockAllSignals() {
+  sigset_t all;
+  ::sigfillset(&all);
+  ::pthread_sigmask(SIG_SETMASK, &all, nullptr);
+}
+
+/// A guarded receiver whose queue is cut when a test says so, in a process of its own.
+class CutQueue {
+ public:
+  CutQueue() {
+    ::signal(SIGBUS, SIG_DFL);
+    korvex::receiver::installBusErrorGuard();
+    receiver_.emplace(Receiver::Settings{name_, {4, 4096}}, nullptr, silent_);
+  }
+
+  Receiver& receiver() { return *receiver_; }
+  void cut() const { ASSERT_EQ(::truncate(("/dev/shm/" + name_).c_str(), 0), 0); }
+  bool isReplaced() const { return receiver_->counters().get(Count::QueueReplacements) == 1; }
+
+ private:
+  const std::string name_ = korvex::test::uniqueQueueName();
+  const korvex::test::QueueRemover remover_{name_};
+  Observer silent_;
+  std::optional<Receiver> receiver_;
+};
+
 }  // namespace
+
+TEST(BusErrorGuard, SurvivesACutQueueInAThreadThatHasAlwaysBlockedAllSignals) {
+  const std::string seen = korvex::test::resultOfChild([] {
+    CutQueue queue;
+    std::thread([&queue] {
+      blockAllSignals();
+      queue.cut();
+      eventually([&queue] {
+        queue.receiver().step();
+        return queue.isReplaced();
+      });
+    }).join();
+    return std::string(queue.isReplaced() ? "replaced" : "not replaced");
+  });
+  EXPECT_EQ(seen, "replaced");
+}
+
+TEST(BusErrorGuard, SurvivesACutQueueWhereSignalsWereBlockedBeforeTheRun) {
+  const std::string seen = korvex::test::resultOfChild([] {
+    CutQueue queue;
+    blockAllSignals();
+    std::atomic<bool> stop{false};
+    std::thread host([&] {
+      queue.cut();
+      eventually([&queue] { return queue.isReplaced(); });
+      stop = true;
+    });
+    queue.receiver().run(stop);
+    host.join();
+    return std::string(queue.isReplaced() ? "replaced" : "not replaced");
+  });
+  EXPECT_EQ(seen, "replaced");
+}
 
 TEST(BusErrorGuard, SurvivesAFaultOfAThreadThatBlocksAllSignals) {
   const auto fault = [] {
     ::signal(SIGBUS, SIG_DFL);
     korvex::receiver::installBusErrorGuard();
-    sigset_t all;
-    ::sigfillset(&all);
-    std::thread([&all] {
-      ::pthread_sigmask(SIG_SETMASK, &all, nullptr);
+    std::thread([] {
+      blockAllSignals();
       exitIfSurvived(true);
     }).join();
   };
@@ -317,7 +375,74 @@ TEST_F(FreshBusErrorGuard, HandsAFaultAndWhereItWasToTheHost) {
 
 TEST_F(FreshBusErrorGuard, CallsAHandlerOnceThatTheHostWantsCalledOnce) {
   const auto fault = [] {
+    guardBehind([](int, siginfo_t*, void*) { ::write(STDERR_FILENO, "called", 6); },
+                static_cast<int>(SA_RESETHAND));
+    ::alarm(10);  // the fault would recur forever
+    static_cast<void>(*lostMemory());
+    ::_exit(0);
+  };
+  EXPECT_EXIT(fault(), testing::KilledBySignal(SIGBUS), "^called$");
+}
+
+TEST_F(FreshBusErrorGuard, StaysBehindAHandlerThatTheHostWantsCalledOnce) {
+  const auto fault = [] {
     guardBehind([](int, siginfo_t*, void*) {}, static_cast<int>(SA_RESETHAND));
+    ::raise(SIGBUS);
+    exitIfSurvived(true);
+  };
+  EXPECT_EXIT(fault(), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(FreshBusErrorGuard, BlocksWhatTheHostsHandlerBlocks) {
+  const auto raised = [] {
+    struct sigaction action = {};
+    ::sigaddset(&action.sa_mask, SIGUSR1);
+    action.sa_handler = [](int) {
+      sigset_t blocked;
+      ::pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+      signalsOfTheHost = ::sigismember(&blocked, SIGUSR1);
+    };
+    ::sigaction(SIGBUS, &action, nullptr);
+    korvex::receiver::installBusErrorGuard();
+    ::raise(SIGBUS);
+    ::_exit(signalsOfTheHost == 1 ? 0 : 1);
+  };
+  EXPECT_EXIT(raised(), testing::ExitedWithCode(0), "");
+}
+
+// A handler that is not made for a small alternate stack may overflow it.
+TEST_F(FreshBusErrorGuard, RunsWhereTheHostsHandlerWouldRun) {
+  for (const int flags : {0, SA_ONSTACK, SA_RESTART, SA_ONSTACK | SA_RESTART}) {
+    const auto install = [flags] {
+      guardBehind([](int, siginfo_t*, void*) {}, flags);
+      struct sigaction installed = {};
+      ::sigaction(SIGBUS, nullptr, &installed);
+      ::_exit((installed.sa_flags & (SA_ONSTACK | SA_RESTART)) == flags ? 0 : 1);
+    };
+    EXPECT_EXIT(install(), testing::ExitedWithCode(0), "") << flags;
+  }
+}
+
+// The system sends it ahead of any fault, for a page that the process may never touch.
+TEST_F(FreshBusErrorGuard, TakesAReportOfFailedMemoryForNoFault) {
+  const auto reported = [] {
+    ::signal(SIGBUS, SIG_DFL);
+    korvex::receiver::installBusErrorGuard();
+    korvex::receiver::runGuarded([] {
+      siginfo_t report = {};
+      report.si_signo = SIGBUS;
+      report.si_code = BUS_MCEERR_AO;
+      ::syscall(SYS_rt_tgsigqueueinfo, ::getpid(), ::gettid(), SIGBUS, &report);
+    });
+    ::_exit(0);
+  };
+  EXPECT_EXIT(reported(), testing::KilledBySignal(SIGBUS), "");
+}
+
+TEST_F(FreshBusErrorGuard, LeavesAFaultToASystemThatWasToIgnoreTheSignal) {
+  const auto fault = [] {
+    ::signal(SIGBUS, SIG_IGN);
+    korvex::receiver::installBusErrorGuard();
     ::alarm(10);  // the fault would recur forever
     static_cast<void>(*lostMemory());
     ::_exit(0);
@@ -356,9 +481,7 @@ TEST(BusErrorGuard, SurvivesAFaultOfAThreadThatBlocksItLater) {
     ::signal(SIGBUS, SIG_DFL);
     korvex::receiver::installBusErrorGuard();
     korvex::receiver::runGuarded([] {});
-    sigset_t all;
-    ::sigfillset(&all);
-    ::pthread_sigmask(SIG_SETMASK, &all, nullptr);
+    blockAllSignals();
     exitIfSurvived(true);
   };
   EXPECT_EXIT(fault(), testing::ExitedWithCode(0), "");
@@ -572,21 +695,40 @@ TEST(Receiver, CountsWhatWaitsWhenItIsDestroyedWithoutARun) {
   EXPECT_EQ(observer.left, 1u);
 }
 
+TEST(Receiver, CountsNoMoreThanFitsWhereTheNumberIsOverwritten) {
+  const std::string name = korvex::test::uniqueQueueName();
+  const korvex::test::QueueRemover remover(name);
+  NotingObserver observer;
+  auto receiver = std::make_unique<Receiver>(Receiver::Settings{name, kLimits}, nullptr, observer);
+  const korvex::test::QueueLock queue(name);
+  queue.field(korvex::test::kMessagesAt) = ~std::uint64_t{0};
+  receiver.reset();
+  EXPECT_EQ(observer.left, kLimits.messages);
+}
+
 // With a robust lock and an owner that never was, the C library ends the process.
 TEST_F(ReceiverOrders, MakesItsQueuesAgainWhenTheirLockIsOverwritten) {
   constexpr std::uint32_t kRobustAndInheriting = 16 + 32;
   constexpr std::uint32_t kNobody = (1 << 22) + 1;
-  std::fstream queue("/dev/shm/" + name_, std::ios::in | std::ios::out | std::ios::binary);
-  const auto overwrite = [&queue](off_t offset, const std::uint32_t& value) {
-    queue.seekp(offset).write(reinterpret_cast<const char*>(&value), sizeof value).flush();
-  };
-  overwrite(korvex::test::kLockKindAt, kRobustAndInheriting);
-  overwrite(korvex::test::kLockWordAt, kNobody);
-  ASSERT_TRUE(queue);
-  EXPECT_TRUE(eventually([this] {
-    receiver_.step();
-    return receiver_.counters().get(Count::QueueReplacements) == 1;
-  }));
+  std::uint64_t replacements = 0;
+  for (const std::uint32_t owner : {std::uint32_t{0}, kNobody}) {
+    std::fstream queue("/dev/shm/" + name_, std::ios::in | std::ios::out | std::ios::binary);
+    const auto overwrite = [&queue](off_t offset, const std::uint32_t& value) {
+      queue.seekp(offset).write(reinterpret_cast<const char*>(&value), sizeof value).flush();
+    };
+    overwrite(korvex::test::kLockKindAt, kRobustAndInheriting);
+    overwrite(korvex::test::kLockWordAt, owner);
+    ASSERT_TRUE(queue);
+    ++replacements;
+    EXPECT_TRUE(eventually([&] {
+      receiver_.step();
+      return receiver_.counters().get(Count::QueueReplacements) == replacements;
+    })) << owner;
+    EXPECT_TRUE(eventually([&] {
+      receiver_.step();
+      return korvex::test::queueExists(name_);
+    }));
+  }
 }
 
 TEST_F(ReceiverOrders, HasRetiredAtOnceWithoutAStream) {

@@ -9,7 +9,7 @@ namespace korvex::receiver {
 
 /// Installs a handler for SIGBUS, for the whole process and until it ends. Call it before the first
 /// receiver is made. A later call does nothing, unless the host has set SIGBUS to be ignored or to
-/// its default since.
+/// its default since. Any thread may call it.
 ///
 /// A queue is a file in shared memory: every process that may write to it may also truncate it.
 /// Touching it past its end raises SIGBUS, which by default kills the process and every other
@@ -17,9 +17,9 @@ namespace korvex::receiver {
 /// other SIGBUS is handled as it would have been without the guard: a handler that the host had
 /// installed is called.
 ///
-/// The system kills a process for a fault that is blocked. So a thread is opened to SIGBUS when it
-/// touches a queue for the first time, and in Receiver::run() and runGuarded() each time; it should
-/// not block it afterwards.
+/// The system kills a process for a fault that is blocked. So SIGBUS is unblocked in a thread when it
+/// first touches a queue, and each time in Receiver::run() and runGuarded(). Do not block it there
+/// afterwards.
 ///
 /// A separate call, because a library must not take a signal from its host unasked.
 KORVEX_RECEIVER_EXPORT void installBusErrorGuard();

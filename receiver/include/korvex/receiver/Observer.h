@@ -51,7 +51,7 @@ class KORVEX_RECEIVER_EXPORT Observer {
   virtual void recordRefused(const std::string& defect) noexcept;
 
   /// The queues have become unusable and were given up. From now on the receiver tries to make new
-  /// ones.
+  /// ones, unless it is ending.
   virtual void queuesLost(const std::string& reason) noexcept;
 
   /// Making new queues failed. Reported only for the first of several failures in a row.
