@@ -20,9 +20,9 @@
 //         40      8  messages that wait                       the lock's owner
 //         48     40  the lock; its owner's thread id at 56,   the lock's owner
 //                    its kind at 64                           the creator
-//         88     96  two condition variables                  not used here
+//         88     96  two condition variables                  peers that block there;
 //        184      8  first: where the index starts            the lock's owner
-//        192     16  blocked peers                            not written here
+//        192     16  counts of those peers                    none of ours does
 //        208    8 N  the index: a ring of relative pointers   the lock's owner
 //    208+8 N         N slots of 16 bytes and S, S rounded     the lock's owner
 //                    up to 8: length (8), priority (4), data
@@ -46,7 +46,8 @@ constexpr std::size_t kFirstMessageOffset =
     kLockWordOffset + sizeof(pthread_mutex_t) + 2 * sizeof(pthread_cond_t);
 constexpr std::size_t kHeaderEnd = kFirstMessageOffset + 24;
 
-/// Type, robustness and protocol of the lock. In the bits above, glibc keeps notes of its own.
+/// Type, robustness and protocol of the lock. The bits above say that processes share it, and hold
+/// notes of glibc's own.
 constexpr std::uint32_t kLockKindMask = 127;
 
 constexpr std::uint64_t kIndexPointer = kHeaderEnd - kIndexPointerOffset;

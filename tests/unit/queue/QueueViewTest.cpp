@@ -175,7 +175,7 @@ TEST(QueueView, LooksIdleWithoutMessagesAndWithAFreeLock) {
   ::pthread_mutex_unlock(lock.mutex());
 }
 
-// In the upper bits glibc keeps notes of its own.
+// The bits above say that processes share the lock, and hold notes of glibc's own.
 TEST(QueueView, TellsTheLocksKindFromItsLowerSevenBits) {
   SharedObject object(uniqueQueueName(), queueImage());
   const QueueView view(object.name());

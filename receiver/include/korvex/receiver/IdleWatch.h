@@ -16,8 +16,8 @@ class IdleWatcher;
 /// (Receiver::Settings::idleWatch) does so only while messages keep coming. Otherwise run() sleeps,
 /// and the watch polls the queue: every 10 ms, every 5 ms for 150 ms after a message, and every
 /// half millisecond for 4 ms after a process opened one of the queues. It also notices that `stop`
-/// was set, that a lock is taken, and within two seconds that a queue was removed, truncated or
-/// overwritten.
+/// was set, that change() or retire() was called, that a lock is taken, and within two seconds that
+/// a queue was removed, truncated or overwritten.
 ///
 /// Any number of receivers may share it, and it must outlive them. Its thread blocks all signals
 /// but faults (SIGBUS, SIGSEGV, SIGFPE, SIGILL).

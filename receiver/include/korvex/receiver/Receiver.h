@@ -26,9 +26,11 @@ class IdleWatch;
 ///
 /// A receiver survives whatever a producer sends: bad messages are refused and counted, a dead
 /// producer is noticed, and a pair of queues that a peer broke is removed and made again. It never
-/// waits inside a queue, and never without a limit for a queue's lock. Only a process that
-/// overwrites a queue's lock or a message's length on purpose, at the moment of their use, can
-/// crash or hang it: write permission to a queue means trust.
+/// waits inside a queue, and never without a limit for a queue's lock. Two things can still crash
+/// or hang it, because the queue library trusts the memory that both ends share: a process that
+/// overwrites a queue on purpose, and one that is killed while it waits in the queue library's own
+/// blocking or timed send, which korvex::ShmWriter never does. Write permission to a queue means
+/// trust.
 ///
 /// One receiver, one thread. Several receivers of a process serve queues with different names. A
 /// queue is claimed by its daemon's open descriptor, which fork() copies: daemonize before a
@@ -55,8 +57,8 @@ class KORVEX_RECEIVER_EXPORT Receiver {
   /// Makes the queues; they get their names once both are complete. A dead daemon's queues are
   /// removed before: memory may be too short for both pairs. The observer must outlive the
   /// receiver. On failure throws an exception derived from std::exception, SystemError if a system
-  /// call failed, std::invalid_argument for a name or an idle timeout that cannot be, and leaves
-  /// nothing behind.
+  /// call failed, std::invalid_argument for an invalid name or idle timeout, and leaves nothing
+  /// behind.
   Receiver(Settings settings, SinkFactory openSink, Observer& observer);
 
   /// Ends an open stream as incomplete and removes the queues, unless run() has done so. Takes no
@@ -84,8 +86,9 @@ class KORVEX_RECEIVER_EXPORT Receiver {
   /// Whether it was asked to retire, and no stream is open any more. Any thread may ask.
   bool hasRetired() const noexcept;
 
-  /// Takes one message if there is one, for callers with a loop of their own. Otherwise pauses, for
-  /// 25 ms at most, and returns false. Only run() asks sinks to hurry and takes what waits before
+  /// Takes one message if there is one, for callers with a loop of their own. Otherwise pauses and
+  /// returns false: after 25 ms at most, 20 ms more while a peer holds the queue's lock, and later
+  /// only when lost queues are made anew. Only run() asks sinks to hurry and takes what waits before
   /// it ends.
   bool step() noexcept;
 
@@ -102,8 +105,8 @@ class KORVEX_RECEIVER_EXPORT Receiver {
 };
 
 /// Why no queue can have this name, such as "it is empty"; empty if one can. A name may start with
-/// one slash. Otherwise it holds none, is not empty, "." or "..", and leaves room for the response
-/// queue's name.
+/// one slash. Otherwise it holds neither a slash nor a NUL, is not empty, "." or "..", and leaves
+/// room for the response queue's name.
 KORVEX_RECEIVER_EXPORT std::string queueNameDefect(const std::string& name);
 
 }  // namespace korvex::receiver
