@@ -7,6 +7,13 @@
 
 namespace korvex::test {
 
+/// The number that the next descriptor gets: the same again when none was kept meanwhile.
+inline int nextDescriptor() {
+  const int file = ::dup(STDERR_FILENO);
+  ::close(file);
+  return file;
+}
+
 /// Puts another file in the place of a descriptor, and the first one back at the end.
 class RestoredDescriptor {
  public:

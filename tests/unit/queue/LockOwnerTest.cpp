@@ -23,6 +23,7 @@
 using korvex::QueueView;
 using korvex::test::kLockOwnerAt;
 using korvex::test::kLockWordAt;
+using korvex::test::nextDescriptor;
 using korvex::test::RawQueue;
 using korvex::test::seesEveryThread;
 using korvex::test::uniqueQueueName;
@@ -218,12 +219,9 @@ TEST_F(ProvenLockOwner, MayBeTheFirstProcess) {
 TEST_F(LockOwner, IsAskedForWithoutKeepingADescriptor) {
   instead = {};
   overwrite(queue_.name(), kLockOwnerAt, ::getpid());
-  const int before = ::dup(STDERR_FILENO);
-  ::close(before);
+  const int before = nextDescriptor();
   EXPECT_FALSE(isGone());
-  const int after = ::dup(STDERR_FILENO);
-  ::close(after);
-  EXPECT_EQ(after, before);
+  EXPECT_EQ(nextDescriptor(), before);
 }
 
 TEST_F(LockOwner, MayGiveTheLockBackMeanwhile) {
@@ -262,6 +260,12 @@ TEST_P(ScannedLockOwner, IsGoneIfNoProcessCanHaveIt) {
     return path == thread ? answer(scan.thread, scan.threadError) : systemsOpen(path);
   };
   EXPECT_EQ(isGone(), GetParam().isGone);
+}
+
+TEST_F(SearchedLockOwner, IsSearchedForWithoutKeepingADescriptor) {
+  const int before = nextDescriptor();
+  EXPECT_TRUE(korvex::test::eventually([this] { return isGone(); }));
+  EXPECT_EQ(nextDescriptor(), before);
 }
 
 TEST_F(SearchedLockOwner, IsNotOfAProcessThatEndsMeanwhile) {

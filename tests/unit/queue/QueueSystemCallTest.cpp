@@ -27,6 +27,7 @@ using korvex::test::kFirstMessageAt;
 using korvex::test::kIndexAt;
 using korvex::test::kLockOwnerAt;
 using korvex::test::kLockWordAt;
+using korvex::test::nextDescriptor;
 using korvex::test::RawQueue;
 using korvex::test::RestoredDescriptor;
 using korvex::test::SharedObject;
@@ -70,13 +71,6 @@ LibraryError errorOf(Call call) {
     return {error.get_error_code(), error.get_native_error(), error.what()};
   }
   return {ipc::no_error, 0, ""};
-}
-
-/// Which number a descriptor would get now: the same again when none was kept meanwhile.
-int nextDescriptor() {
-  const int file = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-  ::close(file);
-  return file;
 }
 
 /// The looks are the only ones that do not want to wait for a pipe.

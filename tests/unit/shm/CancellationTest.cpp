@@ -16,10 +16,12 @@
 #include "queue/MessageQueue.h"
 #include "support/Bytes.h"
 #include "support/DaemonQueues.h"
+#include "support/RestoredDescriptor.h"
 #include "support/SharedObject.h"
 
 using korvex::ShmWriter;
 using korvex::test::DaemonQueues;
+using korvex::test::nextDescriptor;
 using korvex::test::QueueLock;
 using korvex::test::RawQueue;
 using korvex::test::SharedObject;
@@ -62,12 +64,6 @@ void write(ShmWriter& writer, const std::string& text) {
 const std::string kSegment =
     "00000001 00000003 0000000000000002 0000000000000000 00000000 00000000 00000000 00000000 "
     "00000000 aabbccdd 616263";
-
-int nextDescriptor() {
-  const int file = ::dup(STDERR_FILENO);
-  ::close(file);
-  return file;
-}
 
 }  // namespace
 
