@@ -166,12 +166,16 @@ class MariaDb(Database):
         self.environment = {"HOME": folder}
 
     def _make_command(self):
-        return ["mariadb-install-db", "--no-defaults", f"--datadir={self.folder}/data",
-                "--auth-root-authentication-method=normal", "--skip-test-db"]
+        return ["mariadb-install-db", *self._places(), "--auth-root-authentication-method=normal",
+                "--skip-test-db"]
 
     def _command(self):
-        return [program("mariadbd"), "--no-defaults", f"--datadir={self.folder}/data",
-                f"--socket={self.folder}/socket", "--skip-networking"]
+        return [program("mariadbd"), *self._places(), f"--socket={self.folder}/socket",
+                "--skip-networking"]
+
+    def _places(self):
+        # In a common folder, a server that starts removes the temporary tables of the others.
+        return ["--no-defaults", f"--datadir={self.folder}/data", f"--tmpdir={self.folder}"]
 
 
 class S3(Server):
