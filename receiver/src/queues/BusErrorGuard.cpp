@@ -52,7 +52,7 @@ bool isFaultOfThread(const siginfo_t& info) {
   return info.si_code > 0 && info.si_code != BUS_MCEERR_AO;
 }
 
-/// A handler of the host runs on the stack that it expects, and interrupts what it would have.
+/// The host's handler needs the stack that it was written for, and its calls restarted or not.
 int flagsFor(const struct sigaction& hosts) {
   constexpr int kTakenOver = SA_ONSTACK | SA_RESTART;
   return SA_SIGINFO | (isLeftToTheSystem(hosts) ? kTakenOver : hosts.sa_flags & kTakenOver);

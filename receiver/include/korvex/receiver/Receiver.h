@@ -87,9 +87,9 @@ class KORVEX_RECEIVER_EXPORT Receiver {
   bool hasRetired() const noexcept;
 
   /// Takes one message if there is one, for callers with a loop of their own. Otherwise pauses and
-  /// returns false: after 25 ms at most, 20 ms more while a peer holds the queue's lock, and later
-  /// only when lost queues are made anew. Only run() asks sinks to hurry and takes what waits before
-  /// it ends.
+  /// returns false, within 25 ms, or 45 ms while a peer holds the queue's lock; only making lost
+  /// queues anew can take longer. Only run() asks sinks to hurry and takes what waits before it
+  /// ends.
   bool step() noexcept;
 
   /// The queue's name, as the settings gave it.
