@@ -7,7 +7,7 @@
 namespace korvex::receiver {
 namespace {
 
-struct sigaction before = {};  ///< the host's handling of SIGBUS
+struct sigaction before = {};       ///< the host's handling of SIGBUS
 std::atomic<bool> isUsedUp{false};  ///< the host's handler, which is to be called only once
 std::atomic<bool> isInstalled{false};
 
@@ -46,8 +46,8 @@ void handleAsBefore(int number, siginfo_t* info, void* context, bool isFault) {
   if (!isFault) ::raise(number);
 }
 
-/// Whether the thread itself touched what cannot be touched. Otherwise a process sent the signal, or
-/// the system reports memory that failed but that nobody has touched yet.
+/// Whether the thread itself touched what cannot be touched. Otherwise a process sent the signal,
+/// or the system reports memory that failed but that nobody has touched yet.
 bool isFaultOfThread(const siginfo_t& info) {
   return info.si_code > 0 && info.si_code != BUS_MCEERR_AO;
 }

@@ -17,9 +17,9 @@ namespace korvex::receiver {
 /// other SIGBUS is handled as it would have been without the guard: a handler that the host had
 /// installed is called.
 ///
-/// The system kills a process for a fault that is blocked. So SIGBUS is unblocked in a thread when it
-/// first touches a queue, and each time in Receiver::run() and runGuarded(). Do not block it there
-/// afterwards.
+/// The system kills a process for a fault that is blocked. So SIGBUS is unblocked in a thread when
+/// it first touches a queue, and each time in Receiver::run() and runGuarded(). Do not block it
+/// there afterwards.
 ///
 /// A separate call, because a library must not take a signal from its host unasked.
 KORVEX_RECEIVER_EXPORT void installBusErrorGuard();
