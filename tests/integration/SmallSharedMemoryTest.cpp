@@ -74,7 +74,7 @@ TEST_F(SmallSharedMemory, IsFilledToTheLastPageByAStream) {
   EXPECT_EQ(daemon.wait(), 0) << daemon.errors();
 }
 
-TEST_F(SmallSharedMemory, NeedNotHoldTheQueuesOfAKilledDaemonToo) {
+TEST_F(SmallSharedMemory, NeedNotHoldAKilledDaemonsQueuesToo) {
   const std::string script =
       "\"$0\" \"$@\" & until [ -e /dev/shm/korvex-small ]; do kill -0 $! || exit; sleep 0.01; "
       "done; "

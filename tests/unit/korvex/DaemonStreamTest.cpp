@@ -282,7 +282,7 @@ TEST_F(DaemonStreamTo, TellsThatTheEngineIsFinishingWhileItWaits) {
   EXPECT_EQ(told, (std::vector<bool>{false, true}));
 }
 
-TEST_F(DaemonStreamTo, FailsWithTheStatusOfTheQueueThatCannotBeOpened) {
+TEST_F(DaemonStreamTo, FailsWithTheStatusOfTheFailingQueue) {
   FakeDaemon daemon;
   const auto statusWithout = [&] {
     return failureOf([&] { DaemonStream(settings(daemon), stop).open(); }).status();

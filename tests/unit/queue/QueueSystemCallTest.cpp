@@ -211,7 +211,7 @@ TEST_F(MessageQueueCalls, QueueStayingInAChangeIsALockError) {
 }
 
 // It may take a look at every process.
-TEST_F(MessageQueueCalls, SendThatIsTooLateAsksOnceForTheLocksOwner) {
+TEST_F(MessageQueueCalls, LateSendAsksOnceForTheLocksOwner) {
   const RawQueue raw(uniqueQueueName(), 4, 300);
   MessageQueue queue(raw.name(), MessageQueue::Clock::now());
   overwrite(raw.name(), kLockWordAt, std::uint32_t{1});

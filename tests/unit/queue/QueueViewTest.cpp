@@ -136,7 +136,7 @@ TEST(QueueView, KnowsWhatCanBeAQueueByItsHeader) {
 }
 
 // A creator that was killed leaves zeros behind, and perhaps an init word.
-TEST(QueueView, TakesZerosForAQueueOnlyAsLargeAsACreatorMakesThem) {
+TEST(QueueView, TakesZerosOfTheRightSizeForAQueue) {
   EXPECT_TRUE(canBeQueue({}));
   EXPECT_TRUE(canBeQueue(zerosBut(kIndexPointerAt, 0)));
   EXPECT_FALSE(canBeQueue(Bytes(kIndexPointerAt + 1)));

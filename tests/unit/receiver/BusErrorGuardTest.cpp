@@ -109,7 +109,7 @@ TEST(BusErrorGuard, LeavesAFaultAfterAStepToTheHost) {
   EXPECT_EXIT(beKilledAfterAStep(), testing::KilledBySignal(SIGBUS), "");
 }
 
-TEST(BusErrorGuard, SurvivesACutQueueInAThreadThatHasAlwaysBlockedAllSignals) {
+TEST(BusErrorGuard, StepSurvivesACutQueueWithBlockedSignals) {
   const std::string seen = korvex::test::resultOfChild([] {
     CutQueue queue;
     std::thread([&queue] {
@@ -125,7 +125,7 @@ TEST(BusErrorGuard, SurvivesACutQueueInAThreadThatHasAlwaysBlockedAllSignals) {
   EXPECT_EQ(seen, "replaced");
 }
 
-TEST(BusErrorGuard, SurvivesACutQueueWhereSignalsWereBlockedBeforeTheRun) {
+TEST(BusErrorGuard, RunSurvivesACutQueueWithBlockedSignals) {
   const std::string seen = korvex::test::resultOfChild([] {
     CutQueue queue;
     blockAllSignals();
@@ -142,7 +142,7 @@ TEST(BusErrorGuard, SurvivesACutQueueWhereSignalsWereBlockedBeforeTheRun) {
   EXPECT_EQ(seen, "replaced");
 }
 
-TEST(BusErrorGuard, SurvivesAFaultOfAThreadThatBlocksAllSignals) {
+TEST(BusErrorGuard, SurvivesAFaultWithAllSignalsBlocked) {
   const auto fault = [] {
     ::signal(SIGBUS, SIG_DFL);
     korvex::receiver::installBusErrorGuard();
@@ -154,7 +154,7 @@ TEST(BusErrorGuard, SurvivesAFaultOfAThreadThatBlocksAllSignals) {
   EXPECT_EXIT(fault(), testing::ExitedWithCode(0), "");
 }
 
-TEST(BusErrorGuard, SurvivesAFaultAfterASignalThatTheHostIgnores) {
+TEST(BusErrorGuard, SurvivesAFaultAfterAnIgnoredSignal) {
   const auto fault = [] {
     ::signal(SIGBUS, SIG_IGN);
     korvex::receiver::installBusErrorGuard();
@@ -164,7 +164,7 @@ TEST(BusErrorGuard, SurvivesAFaultAfterASignalThatTheHostIgnores) {
   EXPECT_EXIT(fault(), testing::ExitedWithCode(0), "");
 }
 
-TEST_F(FreshBusErrorGuard, SurvivesAFaultAfterASignalThatTheHostHandles) {
+TEST_F(FreshBusErrorGuard, SurvivesAFaultAfterAHandledSignal) {
   const auto fault = [] {
     ::signal(SIGBUS, [](int) { signalsOfTheHost = signalsOfTheHost + 1; });
     korvex::receiver::installBusErrorGuard();
@@ -175,7 +175,7 @@ TEST_F(FreshBusErrorGuard, SurvivesAFaultAfterASignalThatTheHostHandles) {
   EXPECT_EXIT(fault(), testing::ExitedWithCode(0), "");
 }
 
-TEST_F(FreshBusErrorGuard, HandsAFaultAndWhereItWasToTheHost) {
+TEST_F(FreshBusErrorGuard, HandsAFaultWithItsPlaceToTheHost) {
   const auto fault = [] {
     guardBehind(
         [](int, siginfo_t* info, void* context) {
@@ -188,7 +188,7 @@ TEST_F(FreshBusErrorGuard, HandsAFaultAndWhereItWasToTheHost) {
   EXPECT_EXIT(fault(), testing::ExitedWithCode(0), "");
 }
 
-TEST_F(FreshBusErrorGuard, CallsAHandlerOnceThatTheHostWantsCalledOnce) {
+TEST_F(FreshBusErrorGuard, CallsAHandlerOnceThatAsksForIt) {
   const auto fault = [] {
     guardBehind([](int, siginfo_t*, void*) { ::write(STDERR_FILENO, "called", 6); },
                 static_cast<int>(SA_RESETHAND));
@@ -199,7 +199,7 @@ TEST_F(FreshBusErrorGuard, CallsAHandlerOnceThatTheHostWantsCalledOnce) {
   EXPECT_EXIT(fault(), testing::KilledBySignal(SIGBUS), "^called$");
 }
 
-TEST_F(FreshBusErrorGuard, StaysBehindAHandlerThatTheHostWantsCalledOnce) {
+TEST_F(FreshBusErrorGuard, StaysBehindAHandlerThatIsCalledOnce) {
   const auto fault = [] {
     guardBehind([](int, siginfo_t*, void*) {}, static_cast<int>(SA_RESETHAND));
     ::raise(SIGBUS);
@@ -254,7 +254,7 @@ TEST_F(FreshBusErrorGuard, TakesAReportOfFailedMemoryForNoFault) {
   EXPECT_EXIT(reported(), testing::KilledBySignal(SIGBUS), "");
 }
 
-TEST_F(FreshBusErrorGuard, LeavesAFaultToASystemThatWasToIgnoreTheSignal) {
+TEST_F(FreshBusErrorGuard, DiesOfAFaultThatTheHostIgnored) {
   const auto fault = [] {
     ::signal(SIGBUS, SIG_IGN);
     korvex::receiver::installBusErrorGuard();
@@ -291,7 +291,7 @@ TEST_F(FreshBusErrorGuard, IsNotInstalledBehindWhoCallsIt) {
   EXPECT_EXIT(raised(), testing::KilledBySignal(SIGBUS), "");
 }
 
-TEST(BusErrorGuard, SurvivesAFaultOfAThreadThatBlocksItLater) {
+TEST(BusErrorGuard, SurvivesAFaultWithItsSignalBlockedLater) {
   const auto fault = [] {
     ::signal(SIGBUS, SIG_DFL);
     korvex::receiver::installBusErrorGuard();

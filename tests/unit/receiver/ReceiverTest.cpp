@@ -384,7 +384,7 @@ TEST(Receiver, TakesTheLongestIdleTimeoutForALongOne) {
   EXPECT_THAT(observer.incomplete, ElementsAre("the daemon ended"));
 }
 
-TEST(Receiver, CountsWhatWaitsWhenItIsDestroyedWithoutARun) {
+TEST(Receiver, CountsWhatWaitsIfItNeverRan) {
   const std::string name = korvex::test::uniqueQueueName();
   const korvex::test::QueueRemover remover(name);
   NotingObserver observer;
@@ -395,7 +395,7 @@ TEST(Receiver, CountsWhatWaitsWhenItIsDestroyedWithoutARun) {
   EXPECT_EQ(observer.left, 1u);
 }
 
-TEST(Receiver, CountsNoMoreThanFitsWhereTheNumberIsOverwritten) {
+TEST(Receiver, CountsNoMoreThanFitInAnOverwrittenQueue) {
   const std::string name = korvex::test::uniqueQueueName();
   const korvex::test::QueueRemover remover(name);
   NotingObserver observer;

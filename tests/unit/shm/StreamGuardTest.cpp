@@ -17,7 +17,7 @@ TEST_F(StreamGuardRecords, StopIsSentForAnOpenStream) {
   EXPECT_THAT(headersOf(queues.takeBatch()), ElementsAre("(2,4,0,0,0,1,0,0,0,2864434397)"));
 }
 
-TEST_F(StreamGuardRecords, GuardOfAClosedStreamLeavesTheWritersNextStreamAlone) {
+TEST_F(StreamGuardRecords, GuardOfAClosedStreamLeavesTheNextAlone) {
   DaemonQueues queues;
   openOn(queues);
   {
