@@ -62,17 +62,17 @@ void blockAllSignals() {
   ::pthread_sigmask(SIG_SETMASK, &all, nullptr);
 }
 
-/// A guarded receiver whose queue is cut when a test says so, in a process of its own.
-class CutQueue {
+/// A guarded receiver whose queue is truncated when a test says so, in a process of its own.
+class TruncatedQueue {
  public:
-  CutQueue() {
+  TruncatedQueue() {
     ::signal(SIGBUS, SIG_DFL);
     korvex::receiver::installBusErrorGuard();
     receiver_.emplace(Receiver::Settings{name_, {4, 4096}}, nullptr, silent_);
   }
 
   Receiver& receiver() { return *receiver_; }
-  void cut() const { ASSERT_EQ(::truncate(("/dev/shm/" + name_).c_str(), 0), 0); }
+  void truncate() const { ASSERT_EQ(::truncate(("/dev/shm/" + name_).c_str(), 0), 0); }
   bool isReplaced() const { return receiver_->counters().get(Count::QueueReplacements) == 1; }
 
  private:
@@ -109,12 +109,12 @@ TEST(BusErrorGuard, LeavesAFaultAfterAStepToTheHost) {
   EXPECT_EXIT(beKilledAfterAStep(), testing::KilledBySignal(SIGBUS), "");
 }
 
-TEST(BusErrorGuard, StepSurvivesACutQueueWithBlockedSignals) {
+TEST(BusErrorGuard, StepSurvivesATruncatedQueueWithBlockedSignals) {
   const std::string seen = korvex::test::resultOfChild([] {
-    CutQueue queue;
+    TruncatedQueue queue;
     std::thread([&queue] {
       blockAllSignals();
-      queue.cut();
+      queue.truncate();
       eventually([&queue] {
         queue.receiver().step();
         return queue.isReplaced();
@@ -125,13 +125,13 @@ TEST(BusErrorGuard, StepSurvivesACutQueueWithBlockedSignals) {
   EXPECT_EQ(seen, "replaced");
 }
 
-TEST(BusErrorGuard, RunSurvivesACutQueueWithBlockedSignals) {
+TEST(BusErrorGuard, RunSurvivesATruncatedQueueWithBlockedSignals) {
   const std::string seen = korvex::test::resultOfChild([] {
-    CutQueue queue;
+    TruncatedQueue queue;
     blockAllSignals();
     std::atomic<bool> stop{false};
     std::thread host([&] {
-      queue.cut();
+      queue.truncate();
       eventually([&queue] { return queue.isReplaced(); });
       stop = true;
     });

@@ -88,7 +88,7 @@ class KORVEX_RECEIVER_EXPORT Receiver {
 
   /// Takes one message if there is one, for callers with a loop of their own. Otherwise pauses and
   /// returns false, within 25 ms, or 45 ms while a peer holds the queue's lock; only making lost
-  /// queues anew can take longer. Only run() asks sinks to hurry and takes what waits before it
+  /// queues again can take longer. Only run() asks sinks to hurry and takes what waits before it
   /// ends.
   bool step() noexcept;
 
