@@ -30,6 +30,13 @@ const volatile char* lostMemory() {
   return static_cast<const volatile char*>(::mmap(nullptr, 1, PROT_READ, MAP_SHARED, empty, 0));
 }
 
+/// A fault outside of any step.
+[[noreturn]] void touchLostMemory() {
+  ::alarm(10);  // where it is not left to the system, it would recur forever
+  static_cast<void>(*lostMemory());
+  ::_exit(0);
+}
+
 [[noreturn]] void exitIfSurvived(bool surviving) {
   const auto* const lost = lostMemory();
   const bool survived = !korvex::receiver::runGuarded([lost] { static_cast<void>(*lost); });
@@ -44,6 +51,13 @@ class FreshBusErrorGuard : public testing::Test {
   FreshBusErrorGuard() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
   ~FreshBusErrorGuard() override { GTEST_FLAG_SET(death_test_style, "fast"); }
 };
+
+/// Installs the guard for a host without a handler. A sanitizer has one, and would report the
+/// signal.
+void guardAlone() {
+  ::signal(SIGBUS, SIG_DFL);
+  korvex::receiver::installBusErrorGuard();
+}
 
 /// Installs the host's own handler, then the guard.
 void guardBehind(void (*handler)(int, siginfo_t*, void*), int flags) {
@@ -66,8 +80,7 @@ void blockAllSignals() {
 class TruncatedQueue {
  public:
   TruncatedQueue() {
-    ::signal(SIGBUS, SIG_DFL);
-    korvex::receiver::installBusErrorGuard();
+    guardAlone();
     receiver_.emplace(Receiver::Settings{name_, {4, 4096}}, nullptr, silent_);
   }
 
@@ -87,8 +100,7 @@ class TruncatedQueue {
 // Only a fault is taken for lost memory.
 TEST(BusErrorGuard, LeavesASignalThatWasSentToTheHost) {
   const auto beKilledInAStep = [] {
-    ::signal(SIGBUS, SIG_DFL);  // a sanitizer would report it
-    korvex::receiver::installBusErrorGuard();
+    guardAlone();
     korvex::receiver::runGuarded([] { ::raise(SIGBUS); });
     ::_exit(0);
   };
@@ -98,8 +110,7 @@ TEST(BusErrorGuard, LeavesASignalThatWasSentToTheHost) {
 // The place to return to is gone with the step that was survived.
 TEST(BusErrorGuard, LeavesAFaultAfterAStepToTheHost) {
   const auto beKilledAfterAStep = [] {
-    ::signal(SIGBUS, SIG_DFL);
-    korvex::receiver::installBusErrorGuard();
+    guardAlone();
     const auto* const lost = lostMemory();
     ::alarm(10);  // a jump to where it was survived would repeat the fault forever
     if (korvex::receiver::runGuarded([lost] { static_cast<void>(*lost); })) ::_exit(1);
@@ -144,8 +155,7 @@ TEST(BusErrorGuard, RunSurvivesATruncatedQueueWithBlockedSignals) {
 
 TEST(BusErrorGuard, SurvivesAFaultWithAllSignalsBlocked) {
   const auto fault = [] {
-    ::signal(SIGBUS, SIG_DFL);
-    korvex::receiver::installBusErrorGuard();
+    guardAlone();
     std::thread([] {
       blockAllSignals();
       exitIfSurvived(true);
@@ -192,9 +202,7 @@ TEST_F(FreshBusErrorGuard, CallsAHandlerOnceThatAsksForIt) {
   const auto fault = [] {
     guardBehind([](int, siginfo_t*, void*) { ::write(STDERR_FILENO, "called", 6); },
                 static_cast<int>(SA_RESETHAND));
-    ::alarm(10);  // the fault would recur forever
-    static_cast<void>(*lostMemory());
-    ::_exit(0);
+    touchLostMemory();
   };
   EXPECT_EXIT(fault(), testing::KilledBySignal(SIGBUS), "^called$");
 }
@@ -241,8 +249,7 @@ TEST_F(FreshBusErrorGuard, RunsWhereTheHostsHandlerWouldRun) {
 // The system sends it ahead of any fault, for a page that the process may never touch.
 TEST_F(FreshBusErrorGuard, TakesAReportOfFailedMemoryForNoFault) {
   const auto reported = [] {
-    ::signal(SIGBUS, SIG_DFL);
-    korvex::receiver::installBusErrorGuard();
+    guardAlone();
     korvex::receiver::runGuarded([] {
       siginfo_t report = {};
       report.si_signo = SIGBUS;
@@ -258,9 +265,7 @@ TEST_F(FreshBusErrorGuard, DiesOfAFaultThatTheHostIgnored) {
   const auto fault = [] {
     ::signal(SIGBUS, SIG_IGN);
     korvex::receiver::installBusErrorGuard();
-    ::alarm(10);  // the fault would recur forever
-    static_cast<void>(*lostMemory());
-    ::_exit(0);
+    touchLostMemory();
   };
   EXPECT_EXIT(fault(), testing::KilledBySignal(SIGBUS), "");
 }
@@ -279,8 +284,7 @@ TEST_F(FreshBusErrorGuard, LetsTheHostsHandlerJumpOutTwice) {
 TEST_F(FreshBusErrorGuard, IsNotInstalledBehindWhoCallsIt) {
   const auto raised = [] {
     static struct sigaction guard = {};
-    ::signal(SIGBUS, SIG_DFL);
-    korvex::receiver::installBusErrorGuard();
+    guardAlone();
     ::sigaction(SIGBUS, nullptr, &guard);
     guardBehind([](int number, siginfo_t* info,
                    void* context) { guard.sa_sigaction(number, info, context); },
@@ -293,8 +297,7 @@ TEST_F(FreshBusErrorGuard, IsNotInstalledBehindWhoCallsIt) {
 
 TEST(BusErrorGuard, SurvivesAFaultWithItsSignalBlockedLater) {
   const auto fault = [] {
-    ::signal(SIGBUS, SIG_DFL);
-    korvex::receiver::installBusErrorGuard();
+    guardAlone();
     korvex::receiver::runGuarded([] {});
     blockAllSignals();
     exitIfSurvived(true);
@@ -304,12 +307,9 @@ TEST(BusErrorGuard, SurvivesAFaultWithItsSignalBlockedLater) {
 
 TEST(BusErrorGuard, IsInstalledOnce) {
   const auto fault = [] {
-    ::signal(SIGBUS, SIG_DFL);
+    guardAlone();
     korvex::receiver::installBusErrorGuard();
-    korvex::receiver::installBusErrorGuard();
-    ::alarm(10);  // a guard that restored itself would fault forever
-    static_cast<void>(*lostMemory());
-    ::_exit(0);
+    touchLostMemory();
   };
   EXPECT_EXIT(fault(), testing::KilledBySignal(SIGBUS), "");
 }
