@@ -19,7 +19,7 @@ extern thread_local sigjmp_buf* busErrorRecovery;
 
 [[noreturn]] void throwMemoryLost();
 
-/// Opens this thread to SIGBUS if the guard is installed: the system kills a process for a fault
+/// Unblocks SIGBUS in this thread if the guard is installed: the system kills a process for a fault
 /// that is blocked.
 void takeBusErrors() noexcept;
 
